@@ -14,12 +14,12 @@ run_packages=(
   gstreamer1.0-plugins-ugly gstreamer1.0-libav
 )
 # The tests and their peers.
-test_packages=("${run_packages[@]}" libgtest-dev libgmock-dev libavformat-dev ffmpeg)
+test_packages=("${run_packages[@]}" libgtest-dev libgmock-dev libavformat-dev ffmpeg python3)
 # The slower checks of .ci/run.
 # shellcheck disable=SC2034
 ci_packages=(
   "${test_packages[@]}"
-  ccache python3 clang clang-format clang-tidy libclang-rt-14-dev libbenchmark-dev
+  ccache clang clang-format clang-tidy libclang-rt-14-dev shellcheck libbenchmark-dev
 )
 
 say() { printf 'orvanta: %s\n' "$*" >&2; }

@@ -1,0 +1,121 @@
+#!/usr/bin/env python3
+"""Checks which file includes which (see docs/architecture.md, "The arrows"). Prints every breach.
+
+Usage: check_arrows.py [TREE]      exit status 1 when there are breaches
+"""
+
+import re
+import sys
+from pathlib import Path
+
+# A folder may include itself and the folders of lower levels; never its neighbours of one level.
+LEVELS = {
+    "exports": 5,
+    "httpserver": 4,
+    "ipcam": 4,
+    "playback": 4,
+    "streaming": 4,
+    "audio": 4,
+    "live": 3,
+    "recording": 2,
+    "net": 1,
+    "runtime": 0,
+}
+
+# Leaves: every folder may include them, and they include only each other and runtime.
+LEAVES = {
+    "cms/live/" + name
+    for name in (
+        "buffer frame_buffer circular_buffer simple_buffer auto_buffer raw_buffer "
+        "frame_header codec_id".split()
+    )
+} | {"cms/streaming/stream_probes"}
+
+# What the library is built with stays out of the headers that client applications include.
+FOREIGN = re.compile(r"(libav\w+|libsw\w+|openssl|curl|gst|glib|png|nlohmann|CLI)(/|\.h|$)")
+
+INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]', re.MULTILINE)
+
+
+def without_extension(path):
+    return path.rsplit(".", 1)[0]
+
+
+def is_public_header(path):
+    return path.startswith("cms/") and path.endswith(".h") and "/internal/" not in path
+
+
+def breaches_of_library_file(path, target):
+    """Why the library's file `path` may not include the library's header `target`; None if it may."""
+    if is_public_header(path) and "/internal/" in target:
+        return "a public header includes an internal one"
+    if path == "cms/cms.h":
+        return None
+    if target == "cms/cms.h":
+        return "cms/cms.h is for client applications"
+    folder, target_folder = path.split("/")[1], target.split("/")[1]
+    for name in (folder, target_folder):
+        if name not in LEVELS:
+            return f"the folder {name} has no level in {Path(__file__).name}"
+    if without_extension(path) in LEAVES:
+        if without_extension(target) not in LEAVES and target_folder != "runtime":
+            return "a leaf includes more than leaves and runtime"
+        return None
+    if without_extension(target) in LEAVES or folder == target_folder:
+        return None
+    if LEVELS[target_folder] >= LEVELS[folder]:
+        return f"{folder} may not include {target_folder}"
+    return None
+
+
+def breaches_of_file(tree, path):
+    text = (tree / path).read_text(encoding="utf-8")
+    if path.endswith(".h") and "#pragma once" not in text:
+        yield "no #pragma once"
+    for bracket, target in INCLUDE.findall(text):
+        if is_public_header(path) and FOREIGN.match(target):
+            yield f"a public header includes {target}"
+        if bracket == "<":
+            if target.startswith("cms/") and not path.startswith("examples/"):
+                yield f"<{target}> is written with quotes"
+            continue
+        if not (tree / target).is_file():
+            yield f'"{target}" is not a path from the top of the tree'
+        elif path.startswith("cms/"):
+            if not target.startswith("cms/"):
+                yield f"the library includes {target}"
+            elif reason := breaches_of_library_file(path, target):
+                yield f"{target}: {reason}"
+        elif path.split("/")[0] in ("tools", "examples"):
+            if "/internal/" in target:
+                yield f"{target}: a client application includes an internal header"
+            elif target.split("/")[0] not in ("cms", path.split("/")[0]):
+                yield f"{target}: a client application needs nothing but the library"
+
+
+def breaches(tree):
+    files = sorted(
+        path.relative_to(tree).as_posix()
+        for folder in ("cms", "tools", "examples", "tests", "fuzz", "bench")
+        for path in (tree / folder).rglob("*")
+        if path.suffix in (".h", ".cpp") and path.is_file()
+    )
+    for path in files:
+        for reason in breaches_of_file(tree, path):
+            yield f"{path}: {reason}"
+    if "cms/cms.h" in files:
+        included = {target for _, target in INCLUDE.findall((tree / "cms/cms.h").read_text())}
+        for path in files:
+            if path.startswith("cms/exports/") and is_public_header(path) and path not in included:
+                yield f"cms/cms.h: does not include {path}"
+
+
+def main():
+    tree = Path(sys.argv[1] if len(sys.argv) > 1 else Path(__file__).parent.parent).resolve()
+    found = list(breaches(tree))
+    print("\n".join(found) if found else "every include follows the arrows")
+    return 1 if found else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
