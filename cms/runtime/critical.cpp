@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include "cms/runtime/internal/recursive_mutex.h"
+
 namespace {
 
 std::uint32_t CallingThreadId() {
@@ -9,22 +11,14 @@ std::uint32_t CallingThreadId() {
   return id;
 }
 
-void MakeRecursive(pthread_mutex_t* mutex) {
-  pthread_mutexattr_t attributes;
-  pthread_mutexattr_init(&attributes);
-  pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
-  pthread_mutex_init(mutex, &attributes);
-  pthread_mutexattr_destroy(&attributes);
-}
-
 }  // namespace
 
 CMSCritical::CMSCritical() {
-  MakeRecursive(&mutex_);
+  cms::InitRecursive(&mutex_);
 }
 
 CMSCritical::CMSCritical(const CMSCritical&) {
-  MakeRecursive(&mutex_);
+  cms::InitRecursive(&mutex_);
 }
 
 CMSCritical& CMSCritical::operator=(const CMSCritical&) {

@@ -1,0 +1,80 @@
+#include "cms/runtime/base_thread.h"
+
+#include <limits>
+#include <utility>
+
+#include "cms/runtime/internal/native_thread.h"
+
+namespace CLFX {
+
+CLFXBaseThread::CLFXBaseThread() = default;
+
+CLFXBaseThread::~CLFXBaseThread() {
+  EndThread();
+  std::shared_ptr<cms::NativeThread> handle;
+  {
+    ScopeLock lock(lock_);
+    handle.swap(handle_);
+  }
+  if (handle != nullptr && !handle->IsCaller()) {
+    handle->WaitEnded(cms::Event::kForever);
+  }
+}
+
+int CLFXBaseThread::StartThread() {
+  ScopeLock lock(lock_);
+  if (IsKeepWorking() || handle_ != nullptr) {
+    return 1;
+  }
+  auto handle = cms::NativeThread::CreateSuspended(
+      name_, [this](cms::NativeThread&) { return StaticThreadFunc(this); });
+  if (handle == nullptr) {
+    return 0;
+  }
+  handle_ = handle;
+  thread_id_.store(handle->Id(), std::memory_order_relaxed);
+  keep_working_.store(true, std::memory_order_release);
+  handle->Resume();
+  return 2;
+}
+
+std::uint32_t CLFXBaseThread::StaticThreadFunc(CLFXBaseThread* thread) {
+  return thread->ThreadRoutine();
+}
+
+std::uint32_t CLFXBaseThread::WaitThread(std::uint32_t milliseconds) {
+  std::shared_ptr<cms::NativeThread> handle;
+  {
+    ScopeLock lock(lock_);
+    handle = handle_;
+  }
+  if (handle == nullptr) {
+    return 0;
+  }
+  int limit = cms::Event::kForever;
+  if (milliseconds != kNoTimeLimit) {
+    constexpr auto longest = static_cast<std::uint32_t>(std::numeric_limits<int>::max());
+    limit = static_cast<int>(milliseconds < longest ? milliseconds : longest);
+  }
+  return handle->WaitEnded(limit) ? 0 : kTimeOut;
+}
+
+void CLFXBaseThread::CloseThread() {
+  std::shared_ptr<cms::NativeThread> handle;
+  ScopeLock lock(lock_);
+  handle.swap(handle_);
+}
+
+void* CLFXBaseThread::GetHandle() {
+  ScopeLock lock(lock_);
+  return handle_.get();
+}
+
+void CLFXBaseThread::SetThreadPriority(int) {}
+
+void CLFXBaseThread::SetName(const char* name) {
+  ScopeLock lock(lock_);
+  name_ = name != nullptr ? name : "";
+}
+
+}  // namespace CLFX

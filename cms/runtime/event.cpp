@@ -1,0 +1,74 @@
+#include "cms/runtime/event.h"
+
+#include <ctime>
+
+namespace cms {
+namespace {
+
+timespec Deadline(int milliseconds) {
+  timespec time{};
+  clock_gettime(CLOCK_MONOTONIC, &time);
+  time.tv_sec += milliseconds / 1000;
+  time.tv_nsec += static_cast<long>(milliseconds % 1000) * 1'000'000;
+  if (time.tv_nsec >= 1'000'000'000) {
+    time.tv_sec += 1;
+    time.tv_nsec -= 1'000'000'000;
+  }
+  return time;
+}
+
+}  // namespace
+
+Event::Event() {
+  pthread_mutex_init(&mutex_, nullptr);
+  pthread_condattr_t attributes;
+  pthread_condattr_init(&attributes);
+  pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
+  pthread_cond_init(&released_, &attributes);
+  pthread_condattr_destroy(&attributes);
+}
+
+Event::~Event() {
+  pthread_cond_destroy(&released_);
+  pthread_mutex_destroy(&mutex_);
+}
+
+// The flag is raised before the waiters are counted, and a waiter counts itself before it looks at
+// the flag: in the one total order of these operations at least one side sees the other.
+void Event::Set() {
+  if (signalled_.exchange(true, std::memory_order_seq_cst)) {
+    return;
+  }
+  if (waiters_.load(std::memory_order_seq_cst) == 0) {
+    return;
+  }
+  pthread_mutex_lock(&mutex_);
+  ++releases_;
+  pthread_cond_broadcast(&released_);
+  pthread_mutex_unlock(&mutex_);
+}
+
+bool Event::Wait(int milliseconds) {
+  if (IsSet()) {
+    return true;
+  }
+  if (milliseconds == 0) {
+    return false;
+  }
+  const timespec deadline = milliseconds > 0 ? Deadline(milliseconds) : timespec{};
+  pthread_mutex_lock(&mutex_);
+  waiters_.fetch_add(1, std::memory_order_seq_cst);
+  const unsigned seen = releases_;
+  bool in_time = true;
+  while (in_time && !signalled_.load(std::memory_order_seq_cst) && releases_ == seen) {
+    const int result = milliseconds > 0 ? pthread_cond_timedwait(&released_, &mutex_, &deadline)
+                                        : pthread_cond_wait(&released_, &mutex_);
+    in_time = result == 0;
+  }
+  const bool released = IsSet() || releases_ != seen;
+  waiters_.fetch_sub(1, std::memory_order_relaxed);
+  pthread_mutex_unlock(&mutex_);
+  return released;
+}
+
+}  // namespace cms
