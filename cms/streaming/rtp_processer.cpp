@@ -1,0 +1,257 @@
+#include "cms/streaming/rtp_processer.h"
+
+#include <algorithm>
+#include <new>
+
+#include "cms/runtime/clock.h"
+
+namespace {
+
+constexpr unsigned int kFixedHeader = 12;
+constexpr std::uint64_t kIntervalMilliseconds = 1000;
+
+unsigned int Read16(const unsigned char* data) {
+  return static_cast<unsigned int>(data[0] << 8 | data[1]);
+}
+
+void Add(std::atomic<unsigned int>& counter, unsigned int value) {
+  counter.store(counter.load(std::memory_order_relaxed) + value, std::memory_order_relaxed);
+}
+
+}  // namespace
+
+void RTPProcesserBase::FreeBuffer::operator()(unsigned char* buffer) const {
+  ::operator delete (buffer, std::align_val_t{kAlignment});
+}
+
+RTPProcesserBase::RTPProcesserBase(bool isVideo) : isVideo_(isVideo) {
+  // Left as it comes: pages that no frame reaches cost nothing.
+  constexpr std::size_t size = kFrameOffset + kFrameCapacity + kTailRoom;
+  buffer_.reset(static_cast<unsigned char*>(
+      ::operator new (size, std::align_val_t{kAlignment}, std::nothrow)));
+  capacity_ = buffer_ ? kFrameCapacity : 0;
+  ResetFrameBuffer();
+}
+
+RTPProcesserBase::~RTPProcesserBase() = default;
+
+void RTPProcesserBase::SetFrameCallback(FrameCallback callback, void* context) {
+  callback_ = callback;
+  callbackContext_ = context;
+}
+
+void RTPProcesserBase::ResetFrameBuffer() {
+  frame_ = buffer_ ? buffer_.get() + kFrameOffset : nullptr;
+  frameLength_ = 0;
+}
+
+void RTPProcesserBase::ResetLostCount() {
+  recentLost_.store(0, std::memory_order_relaxed);
+  resetSequence_.store(GetLastSeqNum(), std::memory_order_relaxed);
+}
+
+unsigned char RTPProcesserBase::GetLostFraction() const {
+  const auto expected =
+      static_cast<std::uint16_t>(GetLastSeqNum() - resetSequence_.load(std::memory_order_relaxed));
+  if (expected == 0) {
+    return 0;
+  }
+  return static_cast<unsigned char>(
+      std::min<std::uint64_t>(255, std::uint64_t{GetLostCount()} * 256 / expected));
+}
+
+void RTPProcesserBase::SetIsBPSCounting(bool on) {
+  if (on) {
+    statistics_.bytesPerSecond.store(0, std::memory_order_relaxed);
+    statistics_.lossRate.store(0.0, std::memory_order_relaxed);
+    statistics_.restart.store(true, std::memory_order_relaxed);
+  }
+  statistics_.on.store(on, std::memory_order_release);
+}
+
+unsigned int RTPProcesserBase::GetStreamBytesPerSecond() const {
+  return statistics_.bytesPerSecond.load(std::memory_order_relaxed);
+}
+
+double RTPProcesserBase::GetStreamLossRate() const {
+  return statistics_.lossRate.load(std::memory_order_relaxed);
+}
+
+void RTPProcesserBase::GetMetadata(void** dest, unsigned int* length) const {
+  if (metadataLength_ > 0 && dest != nullptr && *dest != nullptr) {
+    std::memcpy(*dest, metadata_, static_cast<std::size_t>(metadataLength_));
+  }
+  if (length != nullptr) {
+    *length = static_cast<unsigned int>(metadataLength_);
+  }
+}
+
+int RTPProcesserBase::SetMetadada(void* data, unsigned int length) {
+  if (length > static_cast<unsigned int>(kMaxMetadata)) {
+    return 0;
+  }
+  if (length > 0) {
+    std::memcpy(metadata_, data, length);
+  }
+  metadataLength_ = static_cast<int>(length);
+  return 1;
+}
+
+int RTPProcesserBase::InsertDataToFrameBuff(const void* data, int offset, int length) {
+  if (offset < 0 || length < 0 || offset > frameLength_) {
+    return 0;
+  }
+  if (length > capacity_ - frameLength_) {
+    Add(oversize_, 1);
+    return 0;
+  }
+  if (length == 0) {
+    return 1;
+  }
+  const auto count = static_cast<std::size_t>(length);
+  if (offset == 0 && frame_ - buffer_.get() >= kFrontRoom + length) {
+    frame_ -= length;
+  } else {
+    std::memmove(frame_ + offset + length, frame_ + offset,
+                 static_cast<std::size_t>(frameLength_ - offset));
+  }
+  std::memcpy(frame_ + offset, data, count);
+  frameLength_ += length;
+  return 1;
+}
+
+unsigned int RTPProcesserBase::GetRTPHeaderSize(const void* packet, int length) {
+  const auto* bytes = static_cast<const unsigned char*>(packet);
+  unsigned int size = kFixedHeader + 4u * (bytes[0] & 0x0Fu);
+  if ((bytes[0] & 0x10) != 0) {
+    if (size + 4 > static_cast<unsigned int>(length)) {
+      return size + 4;
+    }
+    size += 4 + 4 * Read16(bytes + size + 2);
+  }
+  return size;
+}
+
+void RTPProcesserBase::Count(std::uint16_t sequence, unsigned int length) {
+  Statistics& s = statistics_;
+  const std::uint64_t now = cms::TickMilliseconds();
+  if (s.restart.exchange(false, std::memory_order_relaxed)) {
+    s.intervalStart = now;
+    s.intervalSequence = sequence;
+    s.intervalBytes = 0;
+    s.intervalPackets = 0;
+  }
+  if (now - s.intervalStart < kIntervalMilliseconds) {
+    s.intervalBytes += length;
+    ++s.intervalPackets;
+    return;
+  }
+  s.bytesPerSecond.store(s.intervalBytes, std::memory_order_relaxed);
+  double lossRate = 100.0;
+  if (s.intervalPackets >= 2) {
+    const int expected =
+        sequence - s.intervalSequence + (sequence > s.intervalSequence ? 0 : 65536);
+    lossRate = (1.0 - static_cast<double>(s.intervalPackets) / expected) * 100.0;
+  }
+  s.lossRate.store(lossRate, std::memory_order_relaxed);
+  s.intervalStart = now;
+  s.intervalSequence = sequence;
+  s.intervalBytes = length;
+  s.intervalPackets = 1;
+}
+
+void RTPProcesserBase::NoteGap(std::uint16_t last, std::uint16_t sequence) {
+  // The wrapped case counts one too few, see the header.
+  const int gap = sequence > last ? sequence - last - 1 : sequence - last + 65534;
+  totalLost_.fetch_add(static_cast<unsigned int>(gap), std::memory_order_relaxed);
+  recentLost_.fetch_add(static_cast<unsigned int>(gap), std::memory_order_relaxed);
+}
+
+int RTPProcesserBase::DeliverFrame() {
+  int delivered = 0;
+  if (frameLength_ >= kMinFrameLength && callback_ != nullptr) {
+    std::memset(frame_ + frameLength_, 0, kTailRoom);
+    callback_(callbackContext_, frame_, frameLength_);
+    delivered = 1;
+  } else if (frameLength_ > 0) {
+    Add(dropped_, 1);
+  }
+  ResetFrameBuffer();
+  return delivered;
+}
+
+template <bool kCheckSequence>
+int RTPProcesserBase::Process(void* packet, int length) {
+  if (packet == nullptr || length < static_cast<int>(kFixedHeader)) {
+    return 0;
+  }
+  const auto* bytes = static_cast<const unsigned char*>(packet);
+  const unsigned int headerSize = GetRTPHeaderSize(packet, length);
+  const auto sequence = static_cast<std::uint16_t>(Read16(bytes + 2));
+  if (statistics_.on.load(std::memory_order_acquire)) [[unlikely]] {
+    Count(sequence, static_cast<unsigned int>(length));
+  }
+  if (headerSize >= static_cast<unsigned int>(length)) {
+    return 0;
+  }
+
+  if (const auto step = static_cast<std::uint16_t>(sequence - observedSequence_);
+      step == 1 || !anyPacket_) [[likely]] {
+    observedSequence_ = sequence;
+    anyPacket_ = true;
+  } else if (step < 0x8000) {  // else late: half a round ahead at most is a gap
+    Add(missing_, step - (step != 0 ? 1u : 0u));
+    observedSequence_ = sequence;
+  }
+  if constexpr (kCheckSequence) {
+    const std::uint16_t last = lastSequence_.load(std::memory_order_relaxed);
+    if (sequence != static_cast<std::uint16_t>(last + 1)) [[unlikely]] {
+      discard_ = true;
+      boundary_ = false;
+      NoteGap(last, sequence);
+    }
+    lastSequence_.store(sequence, std::memory_order_relaxed);
+  }
+
+  if ((bytes[0] & 0x20) != 0) [[unlikely]] {
+    // A packet of nothing but padding has its place in the sequence and no payload.
+    length -= bytes[length - 1];
+    if (length <= static_cast<int>(headerSize)) {
+      return 0;
+    }
+  }
+
+  if (boundary_) {
+    boundary_ = false;
+    const int answer = FindIFrame(packet, length, headerSize);
+    if (answer == kAskNextPacket) {
+      boundary_ = true;
+    } else if (answer != 0) {
+      discard_ = false;
+    }
+  }
+  if (!discard_) [[likely]] {
+    if (AddDataToFrameBuff(packet, length, headerSize) == 0) {
+      discard_ = true;
+      ResetFrameBuffer();
+      if (IsEndOfFrame(packet, length, headerSize) != 0) {
+        Add(dropped_, 1);
+      }
+      return 0;
+    }
+    return IsEndOfFrame(packet, length, headerSize) != 0 ? DeliverFrame() : 0;
+  }
+  if (IsEndOfFrame(packet, length, headerSize) != 0) {
+    boundary_ = true;
+    Add(dropped_, 1);
+    ResetFrameBuffer();
+  }
+  return 0;
+}
+
+template int RTPProcesserBase::Process<true>(void* packet, int length);
+template int RTPProcesserBase::Process<false>(void* packet, int length);
+
+int RTPProcesserBase::ProcessData(void* packet, int length) {
+  return Process<true>(packet, length);
+}
