@@ -1,0 +1,100 @@
+// RTSPDemultiplexer cuts the bytes of an RTSP connection into interleaved packets and RTSP
+// messages.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string_view>
+
+#include "cms/streaming/interleaved.h"
+
+namespace cms {
+
+// The rules:
+// - A frame ("$", a negotiated channel id, a length) is taken only when it is there whole and is
+// followed by
+//   the four bytes of another valid header, so that a "$" inside lost data is not taken for one.
+//   The start of an RTSP message counts as a valid header too: an answer between two packets costs
+//   neither.
+// - A message starts at a frame boundary and is delivered at once when its head and as much body as
+// its
+//   Content-Length says are there, however many segments they came in. Blank lines before it are
+//   ignored.
+// - Anything else is skipped byte by byte and counted, up to the next frame or the next "RTSP/1."
+// of an
+//   answer. Without channels (media over UDP) the stream is messages only.
+// - A message beyond the named maxima is counted and its head skipped.
+//
+// A frame or message that lies whole in what Add is given is delivered from there without a copy.
+// Only an unfinished tail is kept, and from the next bytes only as many are added to it as finish
+// it.
+//
+// Threads: Add and Reset belong to the thread that reads the connection; SetChannels and the
+// counters to any.
+class RTSPDemultiplexer {
+ public:
+  static constexpr std::size_t kMaxHead = 65536;
+  static constexpr std::size_t kMaxBody = 262144;
+  static constexpr std::size_t kMaxAccumulation = 1048576;
+
+  // Receives what was cut out, in the order of the stream, on the thread that calls Add. The bytes
+  // are valid during the call only. An implementation may call SetChannels, but neither Add nor
+  // Reset.
+  class Sink {
+   public:
+    virtual ~Sink() = default;
+    // `frame` is the packet with its four-byte prefix; `type` is an RTSPInterleaveType.
+    virtual void OnInterleavedPacket(int type, std::span<const std::uint8_t> frame) = 0;
+    // One whole message, head and body.
+    virtual void OnMessage(std::string_view message) = 0;
+  };
+
+  explicit RTSPDemultiplexer(Sink& sink);  // the sink outlives the demultiplexer
+
+  // The channel ids by type, -1 for none; in force from the next frame on. All are -1 at first.
+  void SetChannels(const RTSPChannelIds& ids);
+
+  void Add(std::span<const std::uint8_t> data);
+
+  // Forgets the unfinished tail and the channels, for a new connection. The counters go on.
+  void Reset();
+
+  // Bytes that belonged to no frame and no message, and messages beyond the maxima (their heads
+  // count as skipped bytes as well).
+  std::uint64_t SkippedBytes() const { return skipped_.load(std::memory_order_relaxed); }
+  std::uint64_t OversizeMessages() const { return oversize_.load(std::memory_order_relaxed); }
+
+ private:
+  // What to do with the bytes at the current position: go on behind `consumed` of them, or, when it
+  // is 0, wait until `least` bytes are there; up to `most` can be made use of.
+  struct Step {
+    std::size_t consumed = 0;
+    std::size_t least = 0;
+    std::size_t most = 0;
+  };
+
+  std::size_t Parse(std::span<const std::uint8_t> data);
+  Step ParseFrame(std::span<const std::uint8_t> rest, const RTSPChannelIds& ids);
+  Step ParseMessage(std::span<const std::uint8_t> rest, bool interleaved);
+  Step Skip(std::span<const std::uint8_t> rest, bool interleaved);
+  void Append(std::span<const std::uint8_t> data);
+  RTSPChannelIds Channels() const;
+
+  Sink& sink_;
+  std::atomic<std::uint64_t> channels_;  // the four ids as 16-bit numbers
+  std::atomic<std::uint64_t> skipped_{0};
+  std::atomic<std::uint64_t> oversize_{0};
+
+  std::unique_ptr<std::uint8_t[]> tail_;  // kMaxAccumulation bytes, pages come with use
+  std::size_t tail_size_ = 0;
+  Step wanted_;  // of the tail
+
+  bool in_step_ = true;            // the position is a boundary, not inside skipped data
+  std::size_t head_searched_ = 0;  // bytes from the position known to hold no end of a head
+  std::size_t no_message_ = 0;     // bytes from the position known to start no message
+};
+
+}  // namespace cms
