@@ -1,0 +1,198 @@
+#include "cms/live/internal/decoder_impl.h"
+
+#include <pthread.h>
+
+#include <system_error>
+
+static_assert(CMSDecoder::kInputPadding >= AV_INPUT_BUFFER_PADDING_SIZE,
+              "the codec reads further behind the data than callers provide for");
+
+CMSDecoder::Impl::~Impl() {
+  EndThread();
+}
+
+int CMSDecoder::Impl::Create(CMSCodecID codec) {
+  const ScopeLock guard(codec_lock_);
+  if (codec != CMS_CODEC_NONE && codec_.Codec() == codec) {
+    return 0;
+  }
+  Close();
+  return codec_.Open(codec) ? 0 : 1;
+}
+
+int CMSDecoder::Impl::Reset(CMSCodecID codec, bool sameCodec) {
+  const ScopeLock guard(codec_lock_);
+  const CMSCodecID open = codec_.Codec();
+  if (open == CMS_CODEC_NONE) {
+    return 1;
+  }
+  Close();
+  return codec_.Open(sameCodec ? open : codec) ? 0 : 1;
+}
+
+void CMSDecoder::Impl::Release() {
+  const ScopeLock guard(codec_lock_);
+  Close();
+}
+
+void CMSDecoder::Impl::Close() {
+  codec_.Close();
+  const ScopeLock guard(lock_);
+  decoded_ = {};
+}
+
+int CMSDecoder::Impl::IsResetNeeded(tagSIZE size) {
+  const ScopeLock codecGuard(codec_lock_);
+  const ScopeLock guard(lock_);
+  const tagSIZE codec{codec_.Width(), codec_.Height()};
+  if (decoded_.cx != 0 && decoded_.cx != size.cx && codec.cx != 0 && codec.cx != size.cx) {
+    return 0;
+  }
+  const bool agrees =
+      decoded_.cy == 0 || decoded_.cy == size.cy || codec.cy == 0 || codec.cy == size.cy;
+  return agrees ? 1 : 0;
+}
+
+DECODE_RESULT CMSDecoder::Impl::Decode(const unsigned char* data, int length, int* used) {
+  DECODE_RESULT result = DECODE_RESULT_ERROR;
+  DisplayCallback callback = nullptr;
+  {
+    const ScopeLock guard(codec_lock_);
+    const bool taken = codec_.Codec() != CMS_CODEC_NONE && data != nullptr && length > 0;
+    if (used != nullptr) {
+      *used = taken ? length : 0;
+    }
+    switch (codec_.Decode(data, length)) {
+      case cms::VideoCodec::Result::kPicture:
+        result = Show(callback);
+        codec_.ReleasePicture();
+        break;
+      case cms::VideoCodec::Result::kNoPicture:
+        result = DECODE_RESULT_NO_PICTURE;
+        break;
+      case cms::VideoCodec::Result::kError:
+        break;
+    }
+  }
+  if (callback != nullptr) {
+    callback(nullptr);
+  }
+  return result;
+}
+
+DECODE_RESULT CMSDecoder::Impl::Show(DisplayCallback& callback) {
+  const AVFrame& frame = codec_.Picture();
+  const ScopeLock guard(lock_);
+  const bool first = decoded_.cx == 0;
+  const bool changed = !first && (decoded_.cx != frame.width || decoded_.cy != frame.height);
+  decoded_ = {frame.width, frame.height};
+  if (changed) {
+    return DECODE_RESULT_ERROR;
+  }
+  const bool sized = display_.cx > 0 && display_.cy > 0;
+  const tagSIZE target = sized ? display_ : decoded_;
+  if (!picture_.Convert(frame, static_cast<int>(target.cx), static_cast<int>(target.cy))) {
+    return DECODE_RESULT_ERROR;
+  }
+  callback = display_callback_;
+  return DECODE_RESULT_PICTURE;
+}
+
+void CMSDecoder::Impl::SetDisplaySize(tagSIZE size, DisplayCallback callback) {
+  const ScopeLock guard(lock_);
+  display_ = size;
+  display_callback_ = callback;
+}
+
+// The hold passes to the caller, who ends it with UnlockImage.
+unsigned char* CMSDecoder::Impl::LockImage(tagSIZE* size) CMS_NO_THREAD_SAFETY_ANALYSIS {
+  lock_.Lock();
+  if (size != nullptr) {
+    *size = {picture_.Width(), picture_.Height()};
+  }
+  return picture_.Pixels();
+}
+
+void CMSDecoder::Impl::UnlockImage() CMS_NO_THREAD_SAFETY_ANALYSIS {
+  lock_.UnLock();
+}
+
+tagSIZE CMSDecoder::Impl::DecodedSize() {
+  const ScopeLock guard(lock_);
+  return decoded_;
+}
+
+int CMSDecoder::Impl::StartThread() {
+  const ScopeLock guard(control_lock_);
+  if (thread_.joinable()) {
+    return 0;
+  }
+  {
+    const ScopeLock codecGuard(codec_lock_);
+    if (codec_.Codec() == CMS_CODEC_NONE) {
+      return 1;
+    }
+  }
+  queue_.Start();
+  try {
+    thread_ = std::thread(&Impl::DecodeQueued, this, result_callback_, result_context_);
+  } catch (const std::system_error&) {
+    queue_.Stop();
+    return 1;
+  }
+  running_.store(true, std::memory_order_relaxed);
+  return 0;
+}
+
+void CMSDecoder::Impl::EndThread() {
+  const ScopeLock guard(control_lock_);
+  if (!thread_.joinable()) {
+    return;
+  }
+  queue_.Stop();
+  thread_.join();
+  running_.store(false, std::memory_order_relaxed);
+}
+
+void CMSDecoder::Impl::SetResultCallback(ResultCallback callback, void* context) {
+  const ScopeLock guard(control_lock_);
+  result_callback_ = callback;
+  result_context_ = context;
+}
+
+void CMSDecoder::Impl::DecodeQueued(ResultCallback callback, void* context) {
+  pthread_setname_np(pthread_self(), "cms-decode");
+  cms::DecodeQueue::Frame frame{};
+  while (queue_.Take(frame)) {
+    const DECODE_RESULT result = Decode(frame.data, frame.length, nullptr);
+    queue_.Done();
+    if (callback != nullptr) {
+      callback(context, result);
+    }
+  }
+}
+
+void CMSDecoder::Impl::SetFisheye(const stFisheyeParameter& parameter) {
+  const ScopeLock guard(lock_);
+  fisheye_ = parameter;
+}
+
+void CMSDecoder::Impl::SetViewMode(int mode) {
+  const ScopeLock guard(lock_);
+  fisheye_.view_mode = mode;
+}
+
+void CMSDecoder::Impl::SetDewarpPosition(float pan, float tilt) {
+  const ScopeLock guard(lock_);
+  dewarp_position_ = {pan, tilt};
+}
+
+void CMSDecoder::Impl::SetDewarpZoom(float zoom) {
+  const ScopeLock guard(lock_);
+  dewarp_zoom_ = zoom;
+}
+
+int CMSDecoder::Impl::DewarpMode() {
+  const ScopeLock guard(lock_);
+  return fisheye_.view_mode;
+}

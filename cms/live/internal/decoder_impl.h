@@ -1,0 +1,69 @@
+// What stands behind CMSDecoder.
+#pragma once
+
+#include <atomic>
+#include <thread>
+
+#include "cms/live/decoder.h"
+#include "cms/live/internal/decode_queue.h"
+#include "cms/live/internal/picture_converter.h"
+#include "cms/live/internal/video_codec.h"
+#include "cms/runtime/critical.h"
+#include "cms/runtime/thread_annotations.h"
+
+// Locks, in the order in which they nest: control_lock_ (starting and ending the thread),
+// codec_lock_ (the codec), lock_ (the implementation lock: the converted picture and its sizes,
+// where the drawing thread waits). Decoding holds only codec_lock_, converting both.
+class CMSDecoder::Impl {
+ public:
+  Impl() = default;
+  ~Impl();
+
+  int Create(CMSCodecID codec);
+  int Reset(CMSCodecID codec, bool sameCodec);
+  void Release();
+  int IsResetNeeded(tagSIZE size);
+  DECODE_RESULT Decode(const unsigned char* data, int length, int* used);
+
+  void SetDisplaySize(tagSIZE size, DisplayCallback callback);
+  unsigned char* LockImage(tagSIZE* size);
+  void UnlockImage();
+  tagSIZE DecodedSize();
+
+  int StartThread();
+  int PutBuffer(const unsigned char* data, int length) { return queue_.Put(data, length) ? 1 : 0; }
+  void EndThread();
+  int IsThreadAlive() const { return running_.load(std::memory_order_relaxed) ? 0 : 1; }
+  void SetResultCallback(ResultCallback callback, void* context);
+
+  void SetFisheye(const stFisheyeParameter& parameter);
+  void SetViewMode(int mode);
+  void SetDewarpPosition(float pan, float tilt);
+  void SetDewarpZoom(float zoom);
+  int DewarpMode();
+
+ private:
+  void Close() CMS_REQUIRES(codec_lock_);
+  DECODE_RESULT Show(DisplayCallback& callback) CMS_REQUIRES(codec_lock_);
+  void DecodeQueued(ResultCallback callback, void* context);
+
+  CMSCritical control_lock_;
+  CMSCritical codec_lock_;
+  CMSCritical lock_;
+
+  cms::VideoCodec codec_ CMS_GUARDED_BY(codec_lock_);
+
+  cms::PictureConverter picture_ CMS_GUARDED_BY(lock_);
+  tagSIZE decoded_ CMS_GUARDED_BY(lock_);
+  tagSIZE display_ CMS_GUARDED_BY(lock_);
+  DisplayCallback display_callback_ CMS_GUARDED_BY(lock_) = nullptr;
+  stFisheyeParameter fisheye_ CMS_GUARDED_BY(lock_);
+  stDewarpPosition dewarp_position_ CMS_GUARDED_BY(lock_);
+  float dewarp_zoom_ CMS_GUARDED_BY(lock_) = 1;
+
+  cms::DecodeQueue queue_;
+  std::thread thread_ CMS_GUARDED_BY(control_lock_);
+  ResultCallback result_callback_ CMS_GUARDED_BY(control_lock_) = nullptr;
+  void* result_context_ CMS_GUARDED_BY(control_lock_) = nullptr;
+  std::atomic<bool> running_{false};
+};

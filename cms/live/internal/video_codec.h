@@ -1,0 +1,58 @@
+// One video codec of the installed codec library: frames in, planar pictures out.
+#pragma once
+
+#include <cstdint>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+}
+
+#include "cms/live/codec_id.h"
+
+namespace cms {
+
+// No member is safe against another on the same object; the owner locks. Opening is serialised
+// process-wide here.
+class VideoCodec {
+ public:
+  enum class Result { kPicture, kError, kNoPicture };
+
+  // A stream may announce any size; a picture above this (8K) is refused instead of allocated.
+  static constexpr std::int64_t kMaxPixels = 40'000'000;
+
+  VideoCodec() = default;
+  ~VideoCodec();
+  VideoCodec(const VideoCodec&) = delete;
+  VideoCodec& operator=(const VideoCodec&) = delete;
+
+  // Closes whatever is open first. False leaves the object closed.
+  bool Open(CMSCodecID codec);
+  void Close();
+  CMSCodecID Codec() const { return codec_; }  // CMS_CODEC_NONE when closed
+
+  // The size that the codec itself works at; 0 while closed or before the first picture.
+  int Width() const { return context_ != nullptr ? context_->width : 0; }
+  int Height() const { return context_ != nullptr ? context_->height : 0; }
+
+  // Decodes one frame; AV_INPUT_BUFFER_PADDING_SIZE bytes behind the data must be readable. When
+  // the data holds more than one picture the first is kept. Nothing refers to the data afterwards.
+  Result Decode(const std::uint8_t* data, int length);
+
+  // The picture of the last Decode that gave one, valid until the next Decode or Close. Releasing
+  // it early gives its memory back to the codec while it is still warm.
+  const AVFrame& Picture() const { return *picture_; }
+  void ReleasePicture() { av_frame_unref(picture_); }
+
+ private:
+  bool Allocate(CMSCodecID codec);
+  Result Receive();
+
+  CMSCodecID codec_ = CMS_CODEC_NONE;
+  AVCodecContext* context_ = nullptr;
+  AVPacket* packet_ = nullptr;
+  AVBufferRef* borrowed_ = nullptr;  // stands for the caller's memory, see Decode
+  AVFrame* picture_ = nullptr;
+  AVFrame* surplus_ = nullptr;
+};
+
+}  // namespace cms
