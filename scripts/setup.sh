@@ -19,7 +19,7 @@ test_packages=("${run_packages[@]}" libgtest-dev libgmock-dev libavformat-dev ff
 # shellcheck disable=SC2034
 ci_packages=(
   "${test_packages[@]}"
-  ccache clang clang-format clang-tidy libclang-rt-14-dev shellcheck libbenchmark-dev
+  git ccache clang clang-format clang-tidy libclang-rt-14-dev shellcheck libbenchmark-dev
 )
 
 say() { printf 'orvanta: %s\n' "$*" >&2; }
