@@ -1,0 +1,291 @@
+#include "cms/live/client_base.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "cms/live/internal/keeper.h"
+#include "cms/runtime/clock.h"
+
+CMSClientBase::CMSClientBase() : keeper_(std::make_unique<Keeper>(*this)) {}
+
+// A derived client has stopped the keeping in its own destructor: the keeping calls its operations.
+CMSClientBase::~CMSClientBase() {
+  StopKeeping();
+}
+
+int CMSClientBase::OpenStream() {
+  return 0;
+}
+int CMSClientBase::CloseStream() {
+  return 0;
+}
+void CMSClientBase::ConvertMetadataToDRVHeader(void*, unsigned, void*, unsigned) {}
+int CMSClientBase::CreateSocket() {
+  return 0;
+}
+int CMSClientBase::DestroySocket() {
+  return 0;
+}
+int CMSClientBase::SendAudioData(unsigned char*, int) {
+  return 0;
+}
+
+int CMSClientBase::AllocChannelData(unsigned count) {
+  channels_.clear();
+  channelCount_ = count;
+  try {
+    channels_.reserve(count);
+    for (unsigned i = 0; i < count; ++i) {
+      channels_.push_back(std::make_unique<CMSChannelDataBase>());
+      channels_.back()->SetThreadedDecode(threadedDecode_);
+    }
+  } catch (const std::bad_alloc&) {
+    channels_.clear();
+    return 0;
+  }
+  return 1;
+}
+
+// --- A frame's way ------------------------------------------------------------------------------
+
+void CMSClientBase::OnGetVideoFrame(void* header, int headerSize, void* data, int size,
+                                    unsigned channel, int frameType) {
+  videoFrames_.fetch_add(1, std::memory_order_relaxed);
+  keyFrames_.fetch_add(frameType == 1 ? 1 : 0, std::memory_order_relaxed);
+  bytes_.fetch_add(static_cast<std::uint64_t>(size), std::memory_order_relaxed);
+  if (firstFrameTick_.load(std::memory_order_relaxed) == 0) {
+    firstFrameTick_.store(cms::TickMilliseconds(), std::memory_order_relaxed);
+  }
+  fpsReport_.AddFrameCount(static_cast<unsigned long>(size), 1);
+  OnRecordVideoFrame(header, headerSize, data, size, channel);
+  if (MustDecode() == 0) {
+    AddChannelSerialNum(channel);
+    return;
+  }
+  OnDecodeVideoFrame(data, size, channel, frameType);
+}
+
+void CMSClientBase::OnGetAudioFrame(void* header, int headerSize, void* data, int size,
+                                    unsigned channel) {
+  audioFrames_.fetch_add(1, std::memory_order_relaxed);
+  bytes_.fetch_add(static_cast<std::uint64_t>(size), std::memory_order_relaxed);
+  fpsReport_.AddFrameCount(static_cast<unsigned long>(size), 0);
+  OnRecordAudioFrame(header, headerSize, data, size, channel);
+  OnDecodeAudioFrame(data, size, channel);
+}
+
+void CMSClientBase::OnRecordVideoFrame(void*, int, void*, int, unsigned) {}
+void CMSClientBase::OnRecordAudioFrame(void*, int, void*, int, unsigned) {}
+void CMSClientBase::OnDecodeAudioFrame(void*, int, unsigned) {}
+
+void CMSClientBase::OnDecodeVideoFrame(void* data, int size, unsigned channel, int frameType) {
+  CMSChannelDataBase* const state = Channel(channel);
+  if (state == nullptr) {
+    return;
+  }
+  if (state->IsDecodeEnabled() == 0) {
+    state->AddNotDecoded();
+    return;
+  }
+  if (state->WaitsForKeyFrame() && frameType != 1) {
+    state->AddNotDecoded();
+    return;
+  }
+  if (state->DecodeFrame(static_cast<const std::uint8_t*>(data), size) != -1) {
+    state->SetFindNextIFrameStatus(0);
+    return;
+  }
+  state->ReInitialCodec();
+}
+
+// --- Statistics and pictures --------------------------------------------------------------------
+
+int CMSClientBase::GetFrameData(void* buffer, int size) const {
+  CMSFrameData data;
+  data.videoFrames = videoFrames_.load(std::memory_order_relaxed);
+  data.keyFrames = keyFrames_.load(std::memory_order_relaxed);
+  data.audioFrames = audioFrames_.load(std::memory_order_relaxed);
+  data.bytes = bytes_.load(std::memory_order_relaxed);
+  data.lostPackets = LostPacketCount();
+  data.oversizeFrames = OversizeFrameCount();
+  data.openMs = openMs_.load(std::memory_order_relaxed);
+  const auto start = openingTick_.load(std::memory_order_relaxed);
+  const auto since = [start](std::uint64_t tick) {
+    // A tick before the start belongs to the opening before; at least 1 ms says "it happened".
+    return tick == 0 || tick < start ? 0 : std::max<std::uint32_t>(1, std::uint32_t(tick - start));
+  };
+  data.firstFrameMs = since(firstFrameTick_.load(std::memory_order_relaxed));
+  if (const CMSChannelDataBase* const state = Channel(0)) {
+    data.firstPictureMs = since(state->FirstPictureTick());
+  }
+  const auto count = std::min<std::size_t>(size > 0 ? std::size_t(size) : 0, sizeof data);
+  std::memcpy(buffer, &data, count);
+  return static_cast<int>(count);
+}
+
+double CMSClientBase::GetFps() const {
+  return fpsReport_.GetRecentFps();
+}
+double CMSClientBase::GetAvgFps() const {
+  return fpsReport_.GetRecentAvgFps();
+}
+double CMSClientBase::GetKbps() const {
+  return fpsReport_.GetKbps();
+}
+
+int CMSClientBase::GetDecodeStatus(unsigned channel, unsigned* decoded, unsigned* notDecoded,
+                                   unsigned* errors) const {
+  const CMSChannelDataBase* const state = Channel(channel);
+  if (state == nullptr) {
+    return 0;
+  }
+  if (decoded != nullptr) {
+    *decoded = state->GetDecodedCount();
+  }
+  if (notDecoded != nullptr) {
+    *notDecoded = state->GetNotDecodedCount();
+  }
+  if (errors != nullptr) {
+    *errors = state->GetDecodeErrorCount();
+  }
+  return 1;
+}
+
+int CMSClientBase::IsClientPlaying() const {
+  return playing_.load(std::memory_order_relaxed);
+}
+
+std::uint8_t* CMSClientBase::lockDecodedImage(unsigned channel, tagSIZE* size) {
+  CMSChannelDataBase* const state = Channel(channel);
+  return state != nullptr ? state->LockDecodedImage(size) : nullptr;
+}
+
+void CMSClientBase::unlockDecodedImage(unsigned channel) {
+  if (CMSChannelDataBase* const state = Channel(channel)) {
+    state->UnlockDecodedImage();
+  }
+}
+
+void CMSClientBase::SetThreadedDecode(bool threaded) {
+  threadedDecode_ = threaded;
+  for (const auto& channel : channels_) {
+    channel->SetThreadedDecode(threaded);
+  }
+}
+
+void CMSClientBase::GetDRVTypeHeader(unsigned char* tag) {
+  const int video = GetVideoType(0);  // 1 H.264, 2 MJPEG, 3 MPEG-4
+  if (video < 1 || video > 3) {
+    return;
+  }
+  char family = 0;
+  switch (siteType_) {
+    case 1:
+    case 10:
+      family = 'V';
+      break;
+    case 2:
+      family = 'W';
+      break;
+    case 3:
+      family = video == 1 ? '\0' : 'X';
+      break;
+    case 5:
+      family = video == 1 ? '\0' : 'V';
+      break;
+    case 9:
+      family = video == 1 ? 'V' : '\0';
+      break;
+    default:
+      break;
+  }
+  if (family == '\0') {
+    return;
+  }
+  constexpr char kCodecLetter[] = {'V', 'U', 'T'};
+  tag[0] = 0;
+  tag[1] = 0;
+  tag[2] = static_cast<unsigned char>(family);
+  tag[3] = static_cast<unsigned char>(kCodecLetter[video - 1]);
+}
+
+// --- Status -------------------------------------------------------------------------------------
+
+void CMSClientBase::SetReconnectPolicy(const ReconnectPolicy& policy) {
+  ScopeLock lock(statusLock_);
+  policy_ = policy;
+}
+
+ReconnectPolicy CMSClientBase::GetPolicy() const {
+  ScopeLock lock(statusLock_);
+  return policy_;
+}
+
+ConnectionStatus CMSClientBase::GetConnectionStatus() const {
+  ScopeLock lock(statusLock_);
+  ConnectionStatus status = status_;
+  status.reconnects = keeper_->Reconnects();
+  status.retryInMs = status.state == ConnectionState::kWaiting ? keeper_->RetryInMs() : 0;
+  return status;
+}
+
+void CMSClientBase::SetFault(ConnectionFault fault, std::string detail) {
+  ScopeLock lock(statusLock_);
+  status_.fault = fault;
+  status_.detail = std::move(detail);
+}
+
+void CMSClientBase::SetState(ConnectionState state) {
+  ScopeLock lock(statusLock_);
+  status_.state = state;
+}
+
+void CMSClientBase::MarkOpening() {
+  openingTick_.store(cms::TickMilliseconds(), std::memory_order_relaxed);
+  SetState(ConnectionState::kOpening);
+}
+
+void CMSClientBase::MarkOpened() {
+  openMs_.store(static_cast<std::uint32_t>(cms::TickMilliseconds() -
+                                           openingTick_.load(std::memory_order_relaxed)),
+                std::memory_order_relaxed);
+}
+
+// --- Keeping ------------------------------------------------------------------------------------
+
+int CMSClientBase::OpenForKeeping() {
+  return 0;
+}
+void CMSClientBase::CloseForKeeping() {}
+void CMSClientBase::CancelOpening() {}
+void CMSClientBase::ResumeOpening() {}
+std::uint64_t CMSClientBase::PacketCount() const {
+  return videoFrames_.load(std::memory_order_relaxed) +
+         audioFrames_.load(std::memory_order_relaxed);
+}
+std::uint64_t CMSClientBase::LostPacketCount() const {
+  return 0;
+}
+std::uint64_t CMSClientBase::OversizeFrameCount() const {
+  return 0;
+}
+
+ConnectionFault CMSClientBase::KeepAlive(std::uint64_t, std::uint64_t* nextInMs) {
+  *nextInMs = ~std::uint64_t{0};
+  return ConnectionFault::kNone;
+}
+
+int CMSClientBase::KeepOpen() {
+  return keeper_->Start(false) ? 1 : 0;
+}
+void CMSClientBase::StartKeeping() {
+  if (GetPolicy().enabled) {
+    keeper_->Start(true);
+  }
+}
+void CMSClientBase::StopKeeping() {
+  keeper_->Stop();
+}
+void CMSClientBase::PokeKeeping() {
+  keeper_->Poke();
+}

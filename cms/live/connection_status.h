@@ -1,0 +1,39 @@
+// What a live connection is doing, and why it is not delivering.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "cms/runtime/api.h"
+
+// Why an attempt to open a stream failed, or why an open stream ended.
+enum class ConnectionFault {
+  kNone,
+  kBadAddress,        // the URL cannot be read, or its host name does not resolve
+  kUnreachable,       // the TCP connection could not be made
+  kNoAnswer,          // connected, but a request was not answered in time
+  kBadAnswer,         // the answer breaks the protocol
+  kPasswordRefused,   // 401 or 403: credentials are missing or wrong
+  kCameraFull,        // 453 or 503: the camera serves as many sessions as it can
+  kNoSuchStream,      // 404: no stream at this path
+  kTransportRefused,  // 461: the camera does not offer this transport
+  kNoUsableVideo,     // the description has no video that the library receives
+  kRefused,           // any other status of the camera's
+  kClosedByCamera,    // the camera ended the connection
+  kStreamDied,        // the connection stands, but no packet came for too long
+  kOutOfResources,    // this host has no descriptor, port or memory left
+  kCancelled,         // closed by the client application while opening
+};
+
+enum class ConnectionState { kClosed, kOpening, kPlaying, kWaiting };
+
+struct ConnectionStatus {
+  ConnectionState state = ConnectionState::kClosed;
+  ConnectionFault fault = ConnectionFault::kNone;  // of the last failed attempt or lost stream
+  std::string detail;            // one line: what failed, at which address, and what to do
+  std::uint32_t reconnects = 0;  // times that the stream came back
+  std::uint64_t retryInMs = 0;   // in state kWaiting: time left until the next attempt
+};
+
+// A short English name of a fault, such as "password refused".
+CMS_API const char* ConnectionFaultName(ConnectionFault fault);

@@ -1,0 +1,62 @@
+// SiteSupervisor calls every open site when its time has come: keep-alive, watchdog, reconnection.
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <thread>
+
+namespace cms {
+
+// One process-wide timer with a few threads. A turn may block (opening a stream waits for the
+// camera's answers), so a thread that goes into a turn leaves the waiting to another one; at most
+// kMostThreads turns run at once, which also keeps a crowd of returning cameras from being opened
+// all together. Threads beyond two end when they have been idle for a while, and all of them
+// end when no site is left. The object itself is never destroyed: its threads may outlive static
+// objects.
+class SiteSupervisor {
+ public:
+  static constexpr std::uint64_t kNever = ~std::uint64_t{0};
+  static constexpr int kMostThreads = 16;
+
+  class Site {
+   public:
+    // Does what is due and returns the tick (cms::TickMilliseconds) of the next turn, or kNever.
+    // Called on a supervisor thread, never twice at the same time for one site.
+    virtual std::uint64_t Turn(std::uint64_t now) = 0;
+
+   protected:
+    ~Site() = default;
+  };
+
+  static SiteSupervisor& Instance();
+
+  void Add(Site* site, std::uint64_t due);  // an added site is only given the new time
+  void Poke(Site* site);                    // its turn comes at once; unknown sites are ignored
+
+  // No turn of the site runs or starts after this returns, unless it is called from that turn.
+  void Remove(Site* site);
+
+ private:
+  struct Entry {
+    std::uint64_t due = kNever;
+    bool running = false;
+    bool removed = false;  // Remove waits for the turn in progress; no other one starts
+    bool poked = false;    // while running: the next turn is due at once
+    std::thread::id runner;
+    std::uint64_t NextTurn() const { return running || removed ? kNever : due; }
+  };
+
+  void Work();
+  void StartThreadIfNeeded();
+
+  std::mutex mutex_;  // guards all below
+  std::condition_variable changed_;
+  std::condition_variable turnEnded_;
+  std::map<Site*, Entry> sites_;
+  int threads_ = 0;
+  int waiting_ = 0;  // threads that wait for a due turn
+};
+
+}  // namespace cms

@@ -1,0 +1,38 @@
+// When a site client tries again.
+#pragma once
+
+#include <cstdint>
+
+#include "cms/live/connection_status.h"
+#include "cms/runtime/api.h"
+
+// How a site client keeps its stream. Times are milliseconds. The pauses double from their first to
+// their longest value with every failure in a row, and each is cut by up to half at random, so that
+// cameras that fail together do not come back together.
+struct ReconnectPolicy {
+  bool enabled = true;  // false: a lost stream stays lost until the client application opens it
+
+  std::uint32_t deadStreamMs = 10'000;  // no packet for so long: the stream is dead
+  std::uint32_t settledMs = 30'000;     // a stream that held so long starts the pauses anew
+
+  std::uint32_t firstPauseMs = 1'000;
+  std::uint32_t longestPauseMs = 60'000;
+
+  // A full camera frees a session when somebody leaves, a missing stream appears when somebody
+  // configures it: neither is helped by asking every second.
+  std::uint32_t firstFullPauseMs = 15'000;
+  std::uint32_t longestFullPauseMs = 300'000;
+
+  // Cameras lock an account after a handful of wrong passwords within minutes.
+  std::uint32_t firstRefusedPauseMs = 600'000;
+  std::uint32_t longestRefusedPauseMs = 3'600'000;
+};
+
+namespace cms {
+
+// The pause before the next attempt. `failures` counts the failures in a row, this one included;
+// `random` is any uniformly drawn value.
+CMS_API std::uint32_t ReconnectPause(const ReconnectPolicy& policy, ConnectionFault fault,
+                                     std::uint32_t failures, std::uint32_t random);
+
+}  // namespace cms

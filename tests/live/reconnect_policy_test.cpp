@@ -1,0 +1,83 @@
+#include "cms/live/reconnect_policy.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "cms/live/internal/site_supervisor.h"
+#include "cms/runtime/clock.h"
+#include "tests/support/wait.h"
+
+TEST(ReconnectPause, GrowsToItsLimitAndJitterTakesAtMostHalf) {
+  const ReconnectPolicy policy;
+  std::uint32_t previous = 0;
+  for (std::uint32_t failures = 1; failures < 100; ++failures) {
+    const auto longest = cms::ReconnectPause(policy, ConnectionFault::kUnreachable, failures, 0);
+    EXPECT_GE(longest, previous);
+    EXPECT_LE(longest, policy.longestPauseMs);
+    for (const std::uint32_t random : {1u, 499u, 0x7FFFFFFFu, 0xFFFFFFFFu}) {
+      const auto pause =
+          cms::ReconnectPause(policy, ConnectionFault::kUnreachable, failures, random);
+      EXPECT_GE(pause, longest / 2);
+      EXPECT_LE(pause, longest);
+    }
+    previous = longest;
+  }
+  EXPECT_EQ(previous, policy.longestPauseMs);
+}
+
+TEST(ReconnectPause, ARefusedPasswordIsTriedAtMostFiveTimesInTheFirstHour) {
+  const ReconnectPolicy policy;
+  std::uint64_t elapsed = 0;
+  int attempts = 1;
+  for (std::uint32_t failures = 1; elapsed < 3'600'000; ++failures) {
+    elapsed += cms::ReconnectPause(policy, ConnectionFault::kPasswordRefused, failures, ~0u);
+    attempts += elapsed < 3'600'000 ? 1 : 0;
+  }
+  EXPECT_LE(attempts, 5);
+}
+
+namespace {
+
+class CountingSite final : public cms::SiteSupervisor::Site {
+ public:
+  std::uint64_t Turn(std::uint64_t now) override {
+    EXPECT_FALSE(inTurn_.exchange(true)) << "two turns at once";
+    turns_.fetch_add(1);
+    std::this_thread::sleep_for(std::chrono::microseconds(200));
+    inTurn_.store(false);
+    return now + 1;
+  }
+  std::atomic<int> turns_{0};
+  std::atomic<bool> inTurn_{false};
+};
+
+}  // namespace
+
+TEST(SiteSupervisor, TurnsNeverOverlapAndNoneRunsAfterRemove) {
+  auto& supervisor = cms::SiteSupervisor::Instance();
+  std::vector<std::thread> users;
+  for (int user = 0; user < 8; ++user) {
+    users.emplace_back([&] {
+      for (int round = 0; round < 20; ++round) {
+        auto site = std::make_unique<CountingSite>();
+        supervisor.Add(site.get(), 0);
+        ASSERT_TRUE(test::WaitFor([&] {
+          supervisor.Poke(site.get());
+          return site->turns_ >= 3;
+        }));
+        supervisor.Remove(site.get());
+        const int turns = site->turns_;
+        EXPECT_FALSE(site->inTurn_);
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        EXPECT_EQ(site->turns_, turns);
+      }
+    });
+  }
+  for (auto& user : users) {
+    user.join();
+  }
+}
