@@ -11,10 +11,6 @@ namespace {
 
 using Bytes = std::span<const std::uint8_t>;
 
-// The tail never holds more than one unfinished element and the header behind it.
-static_assert(RTSPDemultiplexer::kMaxHead + RTSPDemultiplexer::kMaxBody <=
-              RTSPDemultiplexer::kMaxAccumulation);
-
 constexpr std::string_view kAnswer = "RTSP/1.";
 
 // An answer, and the requests that a server sends.
@@ -66,7 +62,7 @@ std::uint64_t Pack(const RTSPChannelIds& ids) {
 }  // namespace
 
 RTSPDemultiplexer::RTSPDemultiplexer(Sink& sink)
-    : sink_(sink), channels_(Pack({-1, -1, -1, -1})), tail_(new std::uint8_t[kMaxAccumulation]) {}
+    : sink_(sink), channels_(Pack({-1, -1, -1, -1})), tail_(new std::uint8_t[kTailSize]) {}
 
 void RTSPDemultiplexer::SetChannels(const RTSPChannelIds& ids) {
   channels_.store(Pack(ids), std::memory_order_relaxed);

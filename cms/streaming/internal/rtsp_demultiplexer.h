@@ -38,7 +38,6 @@ class RTSPDemultiplexer {
  public:
   static constexpr std::size_t kMaxHead = 65536;
   static constexpr std::size_t kMaxBody = 262144;
-  static constexpr std::size_t kMaxAccumulation = 1048576;
 
   // Receives what was cut out, in the order of the stream, on the thread that calls Add. The bytes
   // are valid during the call only. An implementation may call SetChannels, but neither Add nor
@@ -88,7 +87,10 @@ class RTSPDemultiplexer {
   std::atomic<std::uint64_t> skipped_{0};
   std::atomic<std::uint64_t> oversize_{0};
 
-  std::unique_ptr<std::uint8_t[]> tail_;  // kMaxAccumulation bytes, pages come with use
+  // Room for the largest message; a frame with the header behind it is smaller. Nothing else is
+  // ever kept, so that there is nothing to discard, however much arrives. Pages come with use.
+  static constexpr std::size_t kTailSize = kMaxHead + kMaxBody;
+  std::unique_ptr<std::uint8_t[]> tail_;
   std::size_t tail_size_ = 0;
   Step wanted_;  // of the tail
 

@@ -1,0 +1,106 @@
+#include "cms/streaming/rtcp_instance.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+
+#include "cms/live/frame_buffer.h"
+#include "cms/runtime/clock.h"
+#include "cms/streaming/internal/rtcp_report.h"
+
+namespace {
+
+constexpr std::array<std::uint8_t, 4> kUnknownSender = {0xff, 0xff, 0xff, 0xff};
+
+// Where the sender's SSRC lies in what a read returns: behind the prefix and the first RTCP word.
+constexpr std::size_t kSenderOffset = 8;
+
+constexpr std::chrono::milliseconds kLoopPause{50};
+
+}  // namespace
+
+RTCPInstance::RTCPInstance() : sender_ssrc_(kUnknownSender) {}
+
+RTCPInstance::~RTCPInstance() {
+  StopPlay();
+}
+
+int RTCPInstance::SetConfig(const _RTCP_CONFIG& config) {
+  configured_ = false;
+  if (config.transportMode != kRTCPOverUDP && config.transportMode != kRTCPInterleaved) return 0;
+  if (!config.send || !config.statistics) return 0;
+  if (!config.read) {
+    if (config.transportMode != kRTCPInterleaved) return 0;
+    queue_ = std::make_unique<CFrameBufferNW>();
+    if (!queue_->AllocateBuffer(kQueueSlots, kReadBufferSize)) return 0;
+  }
+  config_ = config;
+  configured_ = true;
+  return 1;
+}
+
+int RTCPInstance::Play() {
+  if (!configured_) return 0;
+  forget_sender_ = true;
+  playing_ = true;
+  return 1;
+}
+
+int RTCPInstance::StopPlay() {
+  {
+    const std::lock_guard lock(stop_mutex_);
+    playing_ = false;
+  }
+  stopped_.notify_all();
+  return 1;
+}
+
+int RTCPInstance::RTPOverRTSPAddPacket(const void* data, int length) {
+  if (!playing_ || config_.read || length <= 0) return 0;
+  // The queue copies what it takes.
+  return queue_->Write(const_cast<void*>(data), length, 1) == length ? 1 : 0;
+}
+
+int RTCPInstance::RTCPProcessNB() {
+  if (!playing_) return 0;
+  if (forget_sender_.exchange(false)) sender_ssrc_ = kUnknownSender;
+
+  const int length = config_.read
+                         ? config_.read(config_.readContext, buffer_.data(), kReadBufferSize)
+                         : static_cast<int>(queue_->Read(buffer_.data(), kReadBufferSize));
+  if (length < 0) return -1;
+  if (static_cast<std::size_t>(length) >= kSenderOffset + sender_ssrc_.size() &&
+      length <= kReadBufferSize && sender_ssrc_ == kUnknownSender) {
+    std::copy_n(buffer_.begin() + kSenderOffset, sender_ssrc_.size(), sender_ssrc_.begin());
+  }
+  if (sender_ssrc_ == kUnknownSender) return 0;
+
+  const std::uint64_t now = cms::TickMilliseconds();
+  if (last_report_ != 0 && now - last_report_ <= kReportInterval) return 0;
+  SendReport();
+  last_report_ = now;
+  return 0;
+}
+
+void RTCPInstance::SendReport() {
+  cms::ReceiverReportValues values;
+  values.receiver_ssrc = static_cast<std::uint32_t>(getpid());
+  values.sender_ssrc = sender_ssrc_;
+  values.fraction_lost = config_.statistics->FractionLost();
+  values.cumulative_lost = config_.statistics->CumulativeLost();
+  values.last_sequence = config_.statistics->LastSequence();
+  const auto report = cms::BuildReceiverReport(values);
+  config_.send(config_.sendContext, report.data(), static_cast<int>(report.size()));
+  config_.statistics->ResetFraction();
+}
+
+void RTCPInstance::RTCPProcessFn() {
+  std::unique_lock lock(stop_mutex_);
+  while (playing_) {
+    lock.unlock();
+    if (RTCPProcessNB() < 0) return;
+    lock.lock();
+    stopped_.wait_for(lock, kLoopPause, [this] { return !playing_; });
+  }
+}

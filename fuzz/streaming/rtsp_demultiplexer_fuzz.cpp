@@ -1,0 +1,56 @@
+// The demultiplexer delivers the same packets and messages, and counts the same losses, however the
+// stream is cut into segments. The first byte chooses the cuts and whether channels are set up.
+#include <algorithm>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "cms/streaming/internal/rtsp_demultiplexer.h"
+#include "fuzz/support/check.h"
+
+namespace {
+
+class Recorder : public cms::RTSPDemultiplexer::Sink {
+ public:
+  void OnInterleavedPacket(int type, std::span<const std::uint8_t> frame) override {
+    CHECK(type >= 0 && type < 4 && frame.size() >= 4 && frame[0] == '$');
+    CHECK(frame.size() == 4u + (static_cast<std::size_t>(frame[2]) << 8) + frame[3]);
+    events.emplace_back(frame.begin(), frame.end());
+  }
+  void OnMessage(std::string_view message) override { events.emplace_back(message); }
+
+  std::vector<std::string> events;
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  if (size == 0) return 0;
+  const std::span<const std::uint8_t> stream(data + 1, size - 1);
+  const RTSPChannelIds ids =
+      data[0] & 1 ? RTSPChannelIds{0, 1, 2, 3} : RTSPChannelIds{-1, -1, -1, -1};
+
+  static Recorder whole_events;
+  static Recorder cut_events;
+  static cms::RTSPDemultiplexer whole(whole_events);
+  static cms::RTSPDemultiplexer cut(cut_events);
+  for (auto* demultiplexer : {&whole, &cut}) {
+    demultiplexer->Reset();
+    demultiplexer->SetChannels(ids);
+  }
+  whole_events.events.clear();
+  cut_events.events.clear();
+
+  whole.Add(stream);
+  std::minstd_rand random(data[0]);
+  for (std::size_t at = 0; at < stream.size();) {
+    const std::size_t size_of_segment = 1 + random() % (data[0] & 2 ? 8 : 400);
+    const auto segment = stream.subspan(at, std::min(size_of_segment, stream.size() - at));
+    cut.Add(std::vector<std::uint8_t>(segment.begin(), segment.end()));
+    at += segment.size();
+  }
+  CHECK(whole_events.events == cut_events.events);
+  CHECK(whole.SkippedBytes() == cut.SkippedBytes());
+  CHECK(whole.OversizeMessages() == cut.OversizeMessages());
+  return 0;
+}

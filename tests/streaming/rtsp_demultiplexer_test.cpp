@@ -1,0 +1,265 @@
+#include "cms/streaming/internal/rtsp_demultiplexer.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <random>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "tests/support/data_file.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+// What was cut out: "0".."3" and a frame, or "m" and a message.
+class Recorder : public cms::RTSPDemultiplexer::Sink {
+ public:
+  void OnInterleavedPacket(int type, std::span<const std::uint8_t> frame) override {
+    events.push_back(std::to_string(type) + std::string(frame.begin(), frame.end()));
+    last_data = frame.data();
+  }
+  void OnMessage(std::string_view message) override {
+    events.push_back("m" + std::string(message));
+    last_data = message.data();
+  }
+
+  std::vector<std::string> events;
+  const void* last_data = nullptr;
+};
+
+std::string Frame(int channel, const std::string& payload) {
+  return {'$', static_cast<char>(channel), static_cast<char>(payload.size() >> 8),
+          static_cast<char>(payload.size())};
+}
+std::string Whole(int channel, const std::string& payload) {
+  return Frame(channel, payload) + payload;
+}
+
+std::string Answer(int cseq, const std::string& body = "") {
+  std::string text = "RTSP/1.0 200 OK\r\nCSeq: " + std::to_string(cseq) + "\r\n";
+  if (!body.empty()) text += "Content-Length: " + std::to_string(body.size()) + "\r\n";
+  return text + "\r\n" + body;
+}
+
+class RTSPDemultiplexerTest : public testing::Test {
+ protected:
+  RTSPDemultiplexerTest() { demultiplexer_.SetChannels({0, 1, 2, 3}); }
+
+  void Add(const std::string& bytes) {
+    demultiplexer_.Add({reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()});
+  }
+  void AddByByte(const std::string& bytes) {
+    for (const char c : bytes) Add(std::string(1, c));
+  }
+
+  Recorder recorder_;
+  cms::RTSPDemultiplexer demultiplexer_{recorder_};
+};
+
+TEST_F(RTSPDemultiplexerTest, AFrameWaitsForTheNextHeader) {
+  const std::string first = Whole(0, "video");
+  Add(first + "$\x02");
+  EXPECT_THAT(recorder_.events, IsEmpty());
+  Add(std::string("\0\1", 2));
+  EXPECT_THAT(recorder_.events, ElementsAre("0" + first));
+  Add("a" + Whole(3, ""));
+  EXPECT_THAT(recorder_.events, ElementsAre("0" + first, "2" + Whole(2, "a")));
+  EXPECT_EQ(demultiplexer_.SkippedBytes(), 0u);
+}
+
+TEST_F(RTSPDemultiplexerTest, AnAnswerBehindTheLastPacketIsDeliveredAtOnce) {
+  const std::string frame = Whole(1, "rtcp");
+  Add(frame + Answer(5));
+  EXPECT_THAT(recorder_.events, ElementsAre("1" + frame, "m" + Answer(5)));
+
+  const std::string request = "SET_PARAMETER * RTSP/1.0\r\nCSeq: 1\r\n\r\n";
+  AddByByte(frame + request + frame + Answer(6));
+  EXPECT_EQ(recorder_.events.size(), 6u);
+  EXPECT_EQ(recorder_.events[3], "m" + request);
+  EXPECT_EQ(recorder_.events[5], "m" + Answer(6));
+  EXPECT_EQ(demultiplexer_.SkippedBytes(), 0u);
+}
+
+TEST_F(RTSPDemultiplexerTest, FramesAreParsedInPlace) {
+  const std::string frame = Whole(0, std::string(1400, '$'));
+  std::string segment = frame.substr(700) + frame + frame + frame.substr(0, 4);
+  Add(frame.substr(0, 700));
+  Add(segment);
+  ASSERT_EQ(recorder_.events.size(), 3u);
+  EXPECT_EQ(recorder_.last_data, segment.data() + 704 + frame.size())
+      << "only the frame that was cut may be put together elsewhere";
+}
+
+TEST_F(RTSPDemultiplexerTest, AFalseFrameStartInLostDataIsSkipped) {
+  // The first "$" describes a frame that does not end at a header.
+  const std::string lost = "xx" + Frame(0, "12345678") + "yy";
+  const std::string good = Whole(0, "good");
+  Add(lost + good + good + Answer(1));
+  EXPECT_THAT(recorder_.events, ElementsAre("0" + good, "0" + good, "m" + Answer(1)));
+  EXPECT_EQ(demultiplexer_.SkippedBytes(), lost.size());
+}
+
+TEST_F(RTSPDemultiplexerTest, AChannelThatWasNotSetUpIsNoHeader) {
+  demultiplexer_.SetChannels({4, 5, -1, -1});
+  const std::string good = Whole(4, "good");
+  const std::string foreign = Whole(0, "foreign");
+  Add(good + good + foreign + good + Whole(255, "") + good + Answer(1));
+  EXPECT_THAT(recorder_.events, ElementsAre("0" + good, "0" + good, "m" + Answer(1)));
+  EXPECT_EQ(demultiplexer_.SkippedBytes(), good.size() * 2 + foreign.size() + 4)
+      << "a packet in front of a foreign one cannot be told from a false start";
+}
+
+TEST_F(RTSPDemultiplexerTest, AnAnswerAmongLostDataIsFound) {
+  Add("garbage RTSP/ RTSP/1" + Answer(7, "body") + Whole(0, "x") + Answer(8));
+  EXPECT_THAT(recorder_.events,
+              ElementsAre("m" + Answer(7, "body"), "0" + Whole(0, "x"), "m" + Answer(8)));
+}
+
+TEST_F(RTSPDemultiplexerTest, AHeadWithoutBlankLineCostsNoPacket) {
+  const std::string good = Whole(0, "good");
+  Add("RTSP/1.0 200 OK\r\nCSeq: 1\r\n" + good + good + Answer(2));
+  EXPECT_THAT(recorder_.events, ElementsAre("0" + good, "0" + good, "m" + Answer(2)));
+}
+
+TEST_F(RTSPDemultiplexerTest, ABodyLengthThatLiesIsResynchronised) {
+  const std::string good = Whole(0, "good");
+  const std::string low = "RTSP/1.0 200 OK\r\nContent-Length: 2\r\n\r\nbo";
+  Add(low + "dy" + good + Answer(2));
+  EXPECT_THAT(recorder_.events, ElementsAre("m" + low, "0" + good, "m" + Answer(2)));
+  EXPECT_EQ(demultiplexer_.SkippedBytes(), 2u);
+
+  recorder_.events.clear();
+  Add("RTSP/1.0 200 OK\r\nContent-Length: 262145\r\n\r\n" + good + Answer(3));
+  EXPECT_THAT(recorder_.events, ElementsAre("0" + good, "m" + Answer(3)));
+  EXPECT_EQ(demultiplexer_.OversizeMessages(), 1u);
+}
+
+TEST_F(RTSPDemultiplexerTest, TheLargestMessageAndFrameComeThroughByteByByte) {
+  const std::string frame = Whole(2, std::string(65535, '$'));
+  std::string message = "RTSP/1.0 200 OK\r\nContent-Length: 262144\r\nX: ";
+  message += std::string(65536 - 4 - message.size(), 'x') + "\r\n\r\n";
+  message += std::string(262144, '\n');
+  AddByByte(frame + message + frame + Answer(1));
+  EXPECT_THAT(recorder_.events,
+              ElementsAre("2" + frame, "m" + message, "2" + frame, "m" + Answer(1)));
+}
+
+TEST_F(RTSPDemultiplexerTest, AnEndlessHeadIsCountedAndLeftBehind) {
+  demultiplexer_.SetChannels({-1, -1, -1, -1});
+  const std::string endless = "RTSP/1.0 200 OK\r\nX: " + std::string(200000, 'x') + "\r\n";
+  for (int i = 0; i < 10; ++i) Add(endless);
+  Add(Answer(3));
+  EXPECT_EQ(demultiplexer_.OversizeMessages(), 10u);
+  ASSERT_FALSE(recorder_.events.empty());
+  EXPECT_EQ(recorder_.events.back(), "m" + Answer(3));
+}
+
+TEST_F(RTSPDemultiplexerTest, WithoutChannelsTheStreamIsMessagesOnly) {
+  demultiplexer_.SetChannels({-1, -1, -1, -1});
+  const std::string described = test::ReadDataFile("rtsp/describe_ok.txt");
+  const std::string bare = test::ReadDataFile("rtsp/options_lower_case_bare_line_feeds.txt");
+  const std::string asked = test::ReadDataFile("rtsp/server_options_request.txt");
+  const std::string stream = "\r\n\n" + bare + described + "\r\n" + asked + described;
+  Add(stream);
+  EXPECT_THAT(recorder_.events,
+              ElementsAre("m" + bare, "m" + described, "m" + asked, "m" + described));
+  EXPECT_EQ(demultiplexer_.SkippedBytes(), 0u);
+  recorder_.events.clear();
+  AddByByte("$ noise" + stream);
+  EXPECT_EQ(recorder_.events.size(), 4u);
+}
+
+TEST_F(RTSPDemultiplexerTest, ResetForgetsTheTailAndTheChannels) {
+  Add(Frame(0, "half of a frame") + "half");
+  demultiplexer_.Reset();
+  Add(Answer(1) + Whole(0, "x") + Answer(2));
+  EXPECT_THAT(recorder_.events, ElementsAre("m" + Answer(1), "m" + Answer(2)));
+}
+
+// Streams of frames and messages whose payloads look like the framing.
+class Streams {
+ public:
+  explicit Streams(unsigned seed) : random_(seed) {}
+
+  std::size_t Below(std::size_t limit) { return random_() % limit; }
+
+  std::string Payload(std::size_t max) {
+    static const std::string kPieces[] = {"$",
+                                          std::string("$\0\0\4", 4),
+                                          std::string("$\1\0\0", 4),
+                                          "RTSP/1.0 200 OK\r\n\r\n",
+                                          "RTSP/",
+                                          "OPTIONS * RTSP/1.0\r\n",
+                                          "\r\n\r\n",
+                                          "Content-Length: 99\r\n",
+                                          "x"};
+    std::string payload;
+    const std::size_t size = Below(4) == 0 ? Below(max) : Below(100);
+    while (payload.size() < size) payload += kPieces[Below(std::size(kPieces))];
+    return payload;
+  }
+
+  void AddElement(std::string& stream, std::vector<std::string>& events) {
+    if (Below(5) != 0) {
+      const int type = static_cast<int>(Below(4));
+      const std::string frame = Whole(type * 2 + 30, Payload(60000));
+      stream += frame;
+      events.push_back(std::to_string(type) + frame);
+      return;
+    }
+    std::string body = Payload(3000);
+    std::string message = Below(3) == 0 ? "GET_PARAMETER * RTSP/1.0\r\n" : "RTSP/1.0 200 OK\r\n";
+    if (!body.empty()) message += "Content-Length: " + std::to_string(body.size()) + "\r\n";
+    message += "CSeq: 1\r\n\r\n" + body;
+    stream += message;
+    events.push_back("m" + message);
+  }
+
+  std::size_t SegmentSize() {
+    switch (Below(4)) {
+      case 0:
+        return 1 + Below(3);
+      case 1:
+        return 1 + Below(100);
+      case 2:
+        return 1 + Below(1500);
+      default:
+        return 1 + Below(20000);
+    }
+  }
+
+ private:
+  std::mt19937 random_;
+};
+
+TEST(RTSPDemultiplexerStreams, ComeOutIdenticalHoweverTheyAreCut) {
+  for (unsigned seed = 0; seed < 150; ++seed) {
+    SCOPED_TRACE(seed);
+    Streams streams(seed);
+    std::string stream;
+    std::vector<std::string> events;
+    for (int i = 0; i < 40; ++i) streams.AddElement(stream, events);
+    stream += Answer(99);
+    events.push_back("m" + Answer(99));
+
+    Recorder recorder;
+    cms::RTSPDemultiplexer demultiplexer(recorder);
+    demultiplexer.SetChannels({30, 32, 34, 36});
+    for (std::size_t at = 0; at < stream.size();) {
+      // A segment of its own, so that reading past its end is noticed.
+      const std::string segment = stream.substr(at, streams.SegmentSize());
+      demultiplexer.Add({reinterpret_cast<const std::uint8_t*>(segment.data()), segment.size()});
+      at += segment.size();
+    }
+    ASSERT_EQ(recorder.events.size(), events.size());
+    ASSERT_TRUE(recorder.events == events);
+    ASSERT_EQ(demultiplexer.SkippedBytes(), 0u);
+  }
+}
+
+}  // namespace

@@ -1,0 +1,16 @@
+#include "tests/support/data_file.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <iterator>
+
+namespace test {
+
+std::string ReadDataFile(const std::string& path) {
+  std::ifstream file(std::string(TEST_DATA_DIR) + "/" + path, std::ios::binary);
+  if (!file) ADD_FAILURE() << "cannot read " << path;
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+}  // namespace test
