@@ -58,8 +58,7 @@ int RTCPInstance::StopPlay() {
 
 int RTCPInstance::RTPOverRTSPAddPacket(const void* data, int length) {
   if (!playing_ || config_.read || length <= 0) return 0;
-  // The queue copies what it takes.
-  return queue_->Write(const_cast<void*>(data), length, 1) == length ? 1 : 0;
+  return queue_->Write(data, length, 1) == length ? 1 : 0;
 }
 
 int RTCPInstance::RTCPProcessNB() {
