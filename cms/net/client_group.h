@@ -1,0 +1,69 @@
+// EachClientGroupTable, which pair of I/O threads serves which client.
+#pragma once
+
+#include <map>
+#include <memory>
+
+#include "cms/runtime/api.h"
+#include "cms/runtime/critical.h"
+
+class EachClientManager;
+class RTCPStep;
+class TCPClientBase;
+class UDPClientBase;
+
+// The process's groups. A group is a pair of threads, one that receives and one that sends; it is
+// made at the first registration under its key and lives until StopEachClientNBManager. It serves
+// its first 64 distinct sockets in the order of registration, TCP before UDP; later ones wait until
+// a place is free, so callers spread their clients over keys.
+//
+// Members may be called from any thread, also from a client's own callback.
+//
+// No deadlock between an owner that unregisters and a callback that does: the table's lock is never
+// held while a group's locks are taken or a thread is started or stopped (the groups are kept alive
+// by shared pointers meanwhile), and of a group's two locks the receive thread's always comes
+// first. Callbacks run with it held, receive steps as well as RTCP steps; send steps run under the
+// send thread's lock alone and call nobody. A callback may therefore register and unregister
+// clients of its own group. One that unregisters a client of another group waits for that group's
+// running callback, so two groups whose callbacks did that to each other would wait for ever.
+class CMS_API EachClientGroupTable {
+ public:
+  // The one table. It is never destroyed: clients may be, after main has returned.
+  static EachClientGroupTable& Instance();
+
+  // Has the group serve the client, which stays its owner's. Registering again changes nothing but
+  // has the client's socket looked up anew; under another key the client moves there. 1, or 0 when
+  // the process is out of threads or descriptors. The first registration of a group takes 200 ms.
+  int Register(TCPClientBase* client, int group);
+  int Register(UDPClientBase* client, int group);
+  int Register(RTCPStep* step, int group);
+
+  // Returns when no step of the client runs any more (unless called from inside that step, which
+  // then ends at the callback's return): its owner may free it. Nothing when it is not registered.
+  void Unregister(TCPClientBase* client);
+  void Unregister(UDPClientBase* client);
+  void Unregister(RTCPStep* step);
+
+  // Ends all threads of all groups and forgets all clients. Registrations made meanwhile or later
+  // start new groups. Not from a callback.
+  void Stop();
+
+  // The group under that key, nullptr when there is none.
+  std::shared_ptr<EachClientManager> Find(int group);
+
+ private:
+  EachClientGroupTable() = default;
+  template <class Client>
+  int RegisterClient(Client* client, int group);
+  template <class Client>
+  void UnregisterClient(Client* client);
+
+  struct Registration {
+    int group = 0;
+    std::shared_ptr<EachClientManager> manager;
+  };
+
+  CMSCritical lock_;
+  std::map<int, std::shared_ptr<EachClientManager>> groups_ CMS_GUARDED_BY(lock_);
+  std::map<const void*, Registration> clients_ CMS_GUARDED_BY(lock_);
+};

@@ -1,0 +1,321 @@
+#include "cms/net/internal/client_managers.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <utility>
+
+namespace {
+
+constexpr std::uint64_t kSignalEvent = ~std::uint64_t{0};
+constexpr int kSlotBits = 8;
+
+constexpr int kVisitorPauses = 20;
+constexpr std::chrono::microseconds kVisitorPause{50};
+
+// A thread that could not be stopped still runs in its manager, which then has to stay.
+template <class Manager>
+bool KeepIfRunning(std::unique_ptr<Manager>& manager) {
+  if (!manager->IsRunning()) {
+    return false;
+  }
+  [[maybe_unused]] const Manager* const kept = manager.release();
+  return true;
+}
+
+}  // namespace
+
+EachClientSRManager::EachClientSRManager(const char* name, int group, std::uint32_t events)
+    : epoll_(epoll_create1(EPOLL_CLOEXEC)), events_(events) {
+  SetName((std::string(name) + std::to_string(group)).c_str());
+  epoll_event event{};
+  event.events = EPOLLIN;
+  event.data.u64 = kSignalEvent;
+  epoll_ctl(epoll_, EPOLL_CTL_ADD, signal_->Descriptor(), &event);
+}
+
+EachClientSRManager::~EachClientSRManager() {
+  if (epoll_ >= 0) {
+    close(epoll_);
+  }
+}
+
+bool EachClientSRManager::IsUsable() const {
+  return epoll_ >= 0 && signal_->Descriptor() >= 0;
+}
+
+void EachClientSRManager::RegisterClient(TCPClientBase* client) {
+  Entry entry;
+  entry.endpoint = client;
+  entry.tcp = client;
+  const Visitor visitor(*this);
+  ScopeLock lock(lock_);
+  Add(tcp_clients_, entry);
+}
+
+void EachClientSRManager::RegisterClient(UDPClientBase* client) {
+  Entry entry;
+  entry.endpoint = client;
+  entry.udp = client;
+  const Visitor visitor(*this);
+  ScopeLock lock(lock_);
+  Add(udp_clients_, entry);
+}
+
+void EachClientSRManager::UnRegisterClient(TCPClientBase* client) {
+  const Visitor visitor(*this);
+  ScopeLock lock(lock_);
+  Remove(tcp_clients_, client);
+  signal_->Wake();
+}
+
+void EachClientSRManager::UnRegisterClient(UDPClientBase* client) {
+  const Visitor visitor(*this);
+  ScopeLock lock(lock_);
+  Remove(udp_clients_, client);
+  signal_->Wake();
+}
+
+void EachClientSRManager::Notify() {
+  signal_->Wake();
+}
+
+void EachClientSRManager::stop() {
+  notifyStop();
+  signal_->Wake();
+  Thread::stop();
+}
+
+void EachClientSRManager::Add(List& list, const Entry& entry) {
+  const auto found = std::ranges::find(list, entry.endpoint, &Entry::endpoint);
+  if (found == list.end()) {
+    list.push_back(std::make_shared<Entry>(entry));
+    SetSignal(*entry.endpoint, signal_);
+  } else {
+    FreeSlot(**found);  // it may have another socket by now, even under the same number
+  }
+  signal_->Change();
+}
+
+void EachClientSRManager::Remove(List& list, const cms::SocketEndpoint* endpoint) {
+  const auto found = std::ranges::find(list, endpoint, &Entry::endpoint);
+  if (found == list.end()) {
+    return;
+  }
+  const std::shared_ptr<Entry> entry = *found;
+  list.erase(found);
+  // At once, since the owner closes the socket next and its number may come back as another's.
+  FreeSlot(*entry);
+  SetSignal(*entry->endpoint, nullptr);
+  entry->endpoint = nullptr;
+  entry->tcp = nullptr;
+  entry->udp = nullptr;
+  signal_->MarkChanged();
+}
+
+void EachClientSRManager::FreeSlot(Entry& entry) {
+  const int place = std::exchange(entry.slot, -1);
+  if (place < 0) {
+    return;
+  }
+  const auto uses_it = [place](const auto& other) { return other->slot == place; };
+  if (std::ranges::any_of(tcp_clients_, uses_it) || std::ranges::any_of(udp_clients_, uses_it)) {
+    return;
+  }
+  Empty(slots_[static_cast<std::size_t>(place)]);
+}
+
+void EachClientSRManager::Empty(Slot& slot) {
+  Watch(slot, false);
+  slot.descriptor = -1;
+  slot.ready = false;
+}
+
+void EachClientSRManager::Watch(Slot& slot, bool watched) {
+  if (slot.watched == watched) {
+    return;
+  }
+  epoll_event event{};
+  event.events = events_;
+  event.data.u64 = static_cast<std::uint64_t>(slot.generation) << kSlotBits |
+                   static_cast<std::uint64_t>(&slot - slots_.data());
+  // Taken out entirely when not watched: hang-ups would be reported even with no events asked for.
+  // A socket that its owner has closed already is out by itself.
+  const int result =
+      epoll_ctl(epoll_, watched ? EPOLL_CTL_ADD : EPOLL_CTL_DEL, slot.descriptor, &event);
+  slot.watched = watched && result == 0;
+}
+
+int EachClientSRManager::PlaceOf(int descriptor) {
+  auto found = std::ranges::find(slots_, descriptor, &Slot::descriptor);
+  if (found == slots_.end()) {
+    found = std::ranges::find(slots_, -1, &Slot::descriptor);
+    found->descriptor = descriptor;
+    ++found->generation;
+  }
+  return static_cast<int>(found - slots_.begin());
+}
+
+template <class Function>
+void EachClientSRManager::ForEachEntry(Function function) {
+  for (const List* list : {&tcp_clients_, &udp_clients_}) {
+    for (const std::shared_ptr<Entry>& entry : *list) {
+      function(*entry);
+    }
+  }
+}
+
+void EachClientSRManager::UpdateSet() {
+  if (!signal_->TakeChange()) {
+    return;
+  }
+  wanted_.clear();
+  ForEachEntry([this](Entry& entry) CMS_NO_THREAD_SAFETY_ANALYSIS {
+    const int descriptor = entry.endpoint->Socket();
+    entry.slot = -1;
+    if (descriptor < 0) {
+      return;
+    }
+    auto item = std::ranges::find(wanted_, descriptor, &Wanted::descriptor);
+    if (item == wanted_.end()) {
+      if (wanted_.size() == kMaxSockets) {
+        return;
+      }
+      item = wanted_.insert(item, Wanted{descriptor});
+    }
+    entry.slot = static_cast<int>(item - wanted_.begin());
+    item->watched = item->watched || IsWaitedOn(entry);
+  });
+  for (Slot& slot : slots_) {
+    if (slot.descriptor >= 0 &&
+        std::ranges::find(wanted_, slot.descriptor, &Wanted::descriptor) == wanted_.end()) {
+      Empty(slot);
+    }
+  }
+  for (Wanted& item : wanted_) {
+    item.place = PlaceOf(item.descriptor);
+    Watch(slots_[static_cast<std::size_t>(item.place)], item.watched);
+  }
+  ForEachEntry([this](Entry& entry) CMS_NO_THREAD_SAFETY_ANALYSIS {
+    if (entry.slot >= 0) {
+      entry.slot = wanted_[static_cast<std::size_t>(entry.slot)].place;
+    }
+  });
+}
+
+int EachClientSRManager::Wait(int milliseconds) {
+  const int count =
+      epoll_wait(epoll_, received_.data(), static_cast<int>(received_.size()), milliseconds);
+  CountPass();
+  return std::max(count, 0);
+}
+
+void EachClientSRManager::MarkReady(int count) {
+  for (const epoll_event& event : std::span(received_).first(static_cast<std::size_t>(count))) {
+    if (event.data.u64 == kSignalEvent) {
+      signal_->Clear();
+      continue;
+    }
+    // The socket may have been taken out, and another have got its place, since the wait ended.
+    Slot& slot = slots_[event.data.u64 & ((1u << kSlotBits) - 1)];
+    slot.ready = slot.watched && slot.generation == event.data.u64 >> kSlotBits;
+  }
+}
+
+void EachClientSRManager::ClearReady() {
+  for (Slot& slot : slots_) {
+    slot.ready = false;
+  }
+}
+
+bool EachClientSRManager::IsReady(const Entry& entry) const {
+  return entry.slot >= 0 && slots_[static_cast<std::size_t>(entry.slot)].ready;
+}
+
+void EachClientSRManager::LetVisitorsIn() {
+  for (int i = 0; i < kVisitorPauses && visitors_.load(std::memory_order_relaxed) > 0; ++i) {
+    std::this_thread::sleep_for(kVisitorPause);
+  }
+}
+
+EachClientManager::EachClientManager(int group)
+    : receiver_(std::make_unique<EachClientRecvManager>(group)),
+      sender_(std::make_unique<EachClientSendManager>(group, *receiver_)) {}
+
+EachClientManager::~EachClientManager() {
+  stop();
+  if (KeepIfRunning(sender_)) {
+    [[maybe_unused]] const auto* const kept = receiver_.release();  // the sender uses it
+  } else {
+    sender_.reset();
+    KeepIfRunning(receiver_);
+  }
+}
+
+template <class Client>
+void EachClientManager::RegisterBoth(Client* client) {
+  receiver_->RegisterClient(client);
+  sender_->RegisterClient(client);
+}
+
+template <class Client>
+void EachClientManager::UnRegisterBoth(Client* client) {
+  receiver_->UnRegisterClient(client);
+  sender_->UnRegisterClient(client);
+}
+
+void EachClientManager::RegisterClient(TCPClientBase* client) {
+  RegisterBoth(client);
+}
+void EachClientManager::RegisterClient(UDPClientBase* client) {
+  RegisterBoth(client);
+}
+void EachClientManager::RegisterClient(RTCPStep* step) {
+  sender_->RegisterClient(step);
+}
+void EachClientManager::UnRegisterClient(TCPClientBase* client) {
+  UnRegisterBoth(client);
+}
+void EachClientManager::UnRegisterClient(UDPClientBase* client) {
+  UnRegisterBoth(client);
+}
+void EachClientManager::UnRegisterClient(RTCPStep* step) {
+  sender_->UnRegisterClient(step);
+}
+
+bool EachClientManager::start() {
+  if (IsStarted()) {
+    return true;
+  }
+  ScopeLock lock(start_lock_);
+  if (IsStarted() || stopped_) {
+    return true;
+  }
+  if (!receiver_->IsUsable() || !sender_->IsUsable()) {
+    return false;
+  }
+  try {
+    receiver_->start();
+    sender_->start();
+  } catch (const std::runtime_error&) {
+    receiver_->stop();
+    return false;
+  }
+  started_.store(true, std::memory_order_release);
+  return true;
+}
+
+void EachClientManager::stop() {
+  {
+    // Not held while waiting: a callback may be about to ask whether the threads run.
+    ScopeLock lock(start_lock_);
+    stopped_ = true;
+  }
+  sender_->stop();
+  receiver_->stop();
+}

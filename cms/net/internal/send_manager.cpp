@@ -1,0 +1,138 @@
+#include <algorithm>
+
+#include "cms/net/internal/client_managers.h"
+
+namespace {
+
+// Steps of one client in a pass, before the others have their turn.
+constexpr int kStepsPerPass = 64;
+
+}  // namespace
+
+EachClientSendManager::EachClientSendManager(int group, EachClientRecvManager& receiver)
+    : EachClientSRManager("cms-send-", group, EPOLLOUT), receiver_(receiver) {}
+
+EachClientSendManager::~EachClientSendManager() {
+  EachClientSRManager::stop();
+}
+
+void EachClientSendManager::RegisterClient(RTCPStep* step) {
+  const Visitor visitor(*this);
+  ScopeLock lock(lock_);
+  if (std::ranges::find(rtcp_steps_, step) == rtcp_steps_.end()) {
+    rtcp_steps_.push_back(step);
+    signal_->Wake();
+  }
+}
+
+void EachClientSendManager::UnRegisterClient(RTCPStep* step) {
+  const Visitor visitor(*this);
+  ScopeLock lock(lock_);
+  std::erase(rtcp_steps_, step);
+}
+
+bool EachClientSendManager::IsWaitedOn(const Entry& entry) {
+  return entry.blocked;
+}
+
+void EachClientSendManager::SetSignal(cms::SocketEndpoint& endpoint,
+                                      std::shared_ptr<cms::IoSignal> signal) {
+  endpoint.SetSendSignal(std::move(signal));
+}
+
+void EachClientSendManager::run() {
+  while (!IsStopRequested()) {
+    LetVisitorsIn();
+    const int count = Wait(more_to_send_ ? 0 : MillisecondsToRtcp());
+    more_to_send_ = false;
+    {
+      ScopeLock lock(lock_);
+      MarkReady(count);
+      UpdateSet();
+      Dispatch(tcp_clients_);
+      Dispatch(udp_clients_);
+      ClearReady();
+      UpdateSet();
+    }
+    CallRtcpSteps();
+  }
+}
+
+void EachClientSendManager::Dispatch(List& list) {
+  const auto can_send = [this](const Entry& entry) CMS_NO_THREAD_SAFETY_ANALYSIS {
+    return IsReady(entry) || (!entry.blocked && HasPending(entry));
+  };
+  for (const std::shared_ptr<Entry>& entry : Snapshot(list, can_send)) {
+    if (IsStopRequested()) {
+      return;
+    }
+    // Send steps call nobody, so the entry stays what it is meanwhile.
+    bool would_block = false;
+    int result = 0;
+    for (int step = 0; step < kStepsPerPass && result >= 0 && !would_block; ++step) {
+      if (!HasPending(*entry)) {
+        break;
+      }
+      result = StepOnce(*entry);
+      would_block =
+          entry->tcp != nullptr ? entry->tcp->SendWouldBlock() : entry->udp->SendWouldBlock();
+    }
+    if (result < 0) {
+      Remove(list, entry->endpoint);
+      continue;
+    }
+    const bool pending = HasPending(*entry);
+    more_to_send_ = more_to_send_ || (pending && !would_block);
+    if (entry->blocked != (pending && would_block)) {
+      entry->blocked = pending && would_block;
+      signal_->MarkChanged();
+    }
+  }
+}
+
+int EachClientSendManager::StepOnce(const Entry& entry) {
+  return entry.tcp != nullptr ? entry.tcp->TCPClientSend() : entry.udp->UDPClientSend();
+}
+
+bool EachClientSendManager::HasPending(const Entry& entry) {
+  return entry.tcp != nullptr ? entry.tcp->HasPendingSend() : entry.udp->HasPendingSend();
+}
+
+int EachClientSendManager::MillisecondsToRtcp() {
+  ScopeLock lock(lock_);
+  if (rtcp_steps_.empty()) {
+    return -1;
+  }
+  const auto left =
+      std::chrono::ceil<std::chrono::milliseconds>(next_rtcp_ - std::chrono::steady_clock::now());
+  return static_cast<int>(std::clamp(left, std::chrono::milliseconds(0), kRtcpInterval).count());
+}
+
+void EachClientSendManager::CallRtcpSteps() {
+  const auto now = std::chrono::steady_clock::now();
+  if (now < next_rtcp_) {
+    return;
+  }
+  {
+    ScopeLock lock(lock_);
+    if (rtcp_steps_.empty()) {
+      return;
+    }
+  }
+  next_rtcp_ = now + kRtcpInterval;
+  // The receive thread's lock first, as everywhere: a step may unregister clients, which takes
+  // both.
+  const Visitor visitor(receiver_);
+  ScopeLock callbacks(receiver_.CallbackLock());
+  ScopeLock lock(lock_);
+  rtcp_snapshot_ = rtcp_steps_;
+  for (RTCPStep* step : rtcp_snapshot_) {
+    if (IsStopRequested()) {
+      return;
+    }
+    const bool registered = std::ranges::find(rtcp_steps_, step) != rtcp_steps_.end();
+    if (registered && step->RTCPProcessNB() < 0) {
+      std::erase(rtcp_steps_, step);
+    }
+  }
+}

@@ -1,0 +1,59 @@
+#include "cms/net/socket_endpoint.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <utility>
+
+#include "cms/net/internal/io_signal.h"
+
+namespace cms {
+
+SocketEndpoint::SocketEndpoint() = default;
+SocketEndpoint::~SocketEndpoint() = default;
+
+void SocketEndpoint::WakeSender() {
+  ScopeLock lock(signal_lock_);
+  if (send_signal_ != nullptr) {
+    send_signal_->Wake();
+  }
+}
+
+void SocketEndpoint::ResumeReceiver() {
+  ScopeLock lock(signal_lock_);
+  if (receive_signal_ != nullptr) {
+    receive_signal_->Change();
+  }
+}
+
+int SocketEndpoint::CloseEndpoint() {
+  const int descriptor = socket_.exchange(-1, std::memory_order_relaxed);
+  return descriptor >= 0 && close(descriptor) == 0 ? 1 : 0;
+}
+
+int SocketEndpoint::SetBufferOption(int forced, int option, int bytes) {
+  // The forced option goes past the system's limit, where the process has the right to.
+  const int descriptor = Socket();
+  if (descriptor < 0) {
+    return 0;
+  }
+  return setsockopt(descriptor, SOL_SOCKET, forced, &bytes, sizeof bytes) == 0 ||
+                 setsockopt(descriptor, SOL_SOCKET, option, &bytes, sizeof bytes) == 0
+             ? 1
+             : 0;
+}
+
+void SocketEndpoint::SetReceiveSignal(std::shared_ptr<IoSignal> signal) {
+  if (signal == nullptr) {
+    step_cancelled_.store(true, std::memory_order_relaxed);
+  }
+  ScopeLock lock(signal_lock_);
+  receive_signal_ = std::move(signal);
+}
+
+void SocketEndpoint::SetSendSignal(std::shared_ptr<IoSignal> signal) {
+  ScopeLock lock(signal_lock_);
+  send_signal_ = std::move(signal);
+}
+
+}  // namespace cms

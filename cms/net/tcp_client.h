@@ -1,0 +1,158 @@
+// TCPClientBase, one IPv4 TCP connection with bounded queues, served by a group's I/O threads.
+#pragma once
+
+#include <netinet/in.h>
+
+#include <cstdint>
+#include <memory>
+#include <thread>
+
+#include "cms/live/frame_buffer.h"
+#include "cms/live/simple_buffer.h"
+#include "cms/net/socket_endpoint.h"
+#include "cms/runtime/api.h"
+#include "cms/runtime/critical.h"
+#include "cms/runtime/wake_up.h"
+
+// Bytes as they arrived; valid only during the call. Runs on the receive thread with the group's
+// lock held; it may unregister or stop clients of its own group, but not destroy its own client.
+using TcpReceiveCallback = void (*)(char* data, int length, void* context);
+
+// Sizes and callback of a TCPClientBase. Sizes below 1 mean the default.
+struct tTcpClientParam {
+  int recv_queue_depth = 128;  // frames
+  int recv_chunk_size = 1024;  // bytes read per call, and the size of a queued frame
+  int send_queue_depth = 128;  // the send ring holds one byte less than depth * chunk
+  int send_chunk_size = 1024;  // bytes handed to the system per call
+  TcpReceiveCallback recv_callback = nullptr;  // nullptr: received bytes are queued for OnRecv
+  void* recv_context = nullptr;
+  std::intptr_t reserved = 0;  // not used
+};
+
+// The group that no I/O thread serves.
+inline constexpr unsigned int kNoIoGroup = 0xFFFFFFFFu;
+
+// Base of every TCP stream. Its owner connects it with OnStartTCPClient, whose group key chooses
+// the pair of threads that from then on moves bytes between the socket and the queues. OnSend and
+// OnRecv never touch the socket. A connection whose peer closed stays registered and silent; the
+// owner learns of it through OnPeerClosed or its own watchdog.
+//
+// One owner thread at a time starts, stops and destroys; OnSend, OnRecv and the questions may come
+// from any thread. Statuses: 1 success, 0 failure. Addresses are IPv4 in host byte order.
+//
+// A derived class that overrides OnPeerClosed or passes its own state to the callback calls
+// OnStopTCPClient(true) in its own destructor, before that state goes.
+class CMS_API TCPClientBase : public cms::SocketEndpoint {
+ public:
+  TCPClientBase();
+  explicit TCPClientBase(tTcpClientParam param);
+
+  // Connects, with the system's own time-out of minutes; leaves the socket non-blocking. On failure
+  // there is no socket and LastSocketError tells why.
+  virtual int OnConnect(unsigned long address, unsigned long port);
+
+  // Makes the queues and scratch buffers anew, empty. 0 when memory is short. Not while registered.
+  virtual int OnAllocateMemory();
+  // Wakes the queue's readers and frees the send side. Not while registered.
+  virtual int OnReleaseMemory();
+
+  // Called by the constructors: sizes, cleared state, OnAllocateMemory.
+  virtual int OnInitialVariable();
+  virtual int OnInitialVariable(tTcpClientParam param);
+
+  virtual ~TCPClientBase();
+
+  // Queues bytes for sending. Returns how many fitted; the rest is the caller's to offer again.
+  virtual int OnSend(char* data, int length);
+
+  // Takes the next queued frame: its length, cut at size. 0 when none came within about 15 ms, and
+  // once for the empty frame that a new queue starts with.
+  virtual int OnRecv(char* buffer, int size);
+
+  // OnConnect, then registration with the group's threads; kNoIoGroup leaves that out.
+  virtual int OnStartTCPClient(unsigned long address, unsigned long port, unsigned int group);
+
+  // Unregisters (a step in progress has ended on return), closes the socket if told to, and waits
+  // for stand-alone threads. Always 1.
+  virtual int OnStopTCPClient(bool closeSocket);
+
+  virtual int IsConnecting();  // non-zero from a successful connect until the socket is closed
+
+  // Called once per connection, on the receive thread and last in the receive step, when the peer
+  // closed or the socket failed. Same rules as for the receive callback, except that the client may
+  // be destroyed here. The base does nothing.
+  virtual void OnPeerClosed();
+
+  int IsDataAvail();  // non-zero when the receive queue is not empty
+
+  // Change nothing; non-zero when that stand-alone thread exists.
+  int SetRecvThrdPriority(int priority);
+  int SetSendThrdPriority(int priority);
+
+  unsigned long RemoteAddress() const { return remote_address_; }
+  unsigned long RemotePort() const { return remote_port_; }
+
+ protected:
+  // OnConnect's work with a limit in milliseconds (-1: the system's own) and an optional signal
+  // that ends it at once; the signal stays set. LastSocketError is ETIMEDOUT or ECANCELED then.
+  int ConnectSocket(unsigned long address, unsigned long port, int timeoutMilliseconds,
+                    cms::WakeUp* cancel);
+
+  // The step of the receive thread: bytes taken (0 as well when the peer closed or the queue is
+  // full), -1 when there is no socket or it failed.
+  int TCPClientRecv();
+  // The step of the send thread: one call into the system. 0, or -1 without a socket; what a failed
+  // or partial send leaves is kept.
+  int TCPClientSend();
+
+  // Bytes sent, 0 when it would block, -1 on another error.
+  int NBLSend(int descriptor, const char* data, int length);
+  // Sends all, waiting as long as that takes: 0, or -1 on an error.
+  int Send(int descriptor, const char* data, int length);
+  // The result of one receive call.
+  int Recv(int descriptor, char* buffer, int length);
+  // 0 when there was no socket, else whether closing it succeeded. Not while registered.
+  int CloseSocket();
+
+  // Bodies for threads of a client's own, in place of a group's. A derived class starts them on
+  // recv_thread_ and send_thread_ once connected with kNoIoGroup; OnStopTCPClient ends them.
+  static void TCPClientRecvThrd(TCPClientBase* client);
+  static void TCPClientSendThrd(TCPClientBase* client);
+  std::thread recv_thread_;
+  std::thread send_thread_;
+
+ private:
+  friend class ::EachClientSRManager;
+  friend class ::EachClientSendManager;
+  friend class ::EachClientRecvManager;
+
+  bool HasPendingSend();
+  bool SendWouldBlock() const { return send_would_block_; }
+  bool PauseWhenFull();
+  void ReportClosed();
+  int TakeFromRing();
+  void JoinThreads();
+
+  int pending_send_length_ CMS_GUARDED_BY(send_lock_) = 0;  // unsent bytes in the send scratch
+  void* recv_context_ = nullptr;
+  TcpReceiveCallback recv_callback_ = nullptr;
+  int recv_chunk_size_ = 0;
+  int recv_queue_depth_ = 0;
+  int send_chunk_size_ = 0;
+  int send_queue_depth_ = 0;
+  std::unique_ptr<char[]> recv_scratch_;  // receive thread
+  std::unique_ptr<char[]> send_scratch_;  // send thread
+  std::atomic<int> running_{0};
+  std::atomic<int> connected_{0};
+  std::uint32_t remote_address_ = 0;
+  unsigned long remote_port_ = 0;
+  sockaddr_in remote_{};
+  std::atomic<bool> peer_closed_{false};  // OnPeerClosed was called
+  bool send_would_block_ = false;         // send thread
+  std::atomic<bool> send_failed_{false};
+  CFrameBuffer recv_queue_;
+  CMSCritical send_lock_;  // the ring takes no lock of its own
+  std::unique_ptr<CSimpleBuffer> send_ring_ CMS_GUARDED_BY(send_lock_);
+  int send_ring_used_ CMS_GUARDED_BY(send_lock_) = 0;
+  int send_ring_size_ CMS_GUARDED_BY(send_lock_) = 0;
+};

@@ -1,0 +1,60 @@
+// The threads of its own that a UDP client may run in place of a group's.
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <chrono>
+#include <thread>
+
+#include "cms/net/internal/datagram_batch.h"
+#include "cms/net/internal/socket_io.h"
+#include "cms/net/udp_client.h"
+
+namespace {
+
+constexpr int kWaitMilliseconds = 100;  // how late a stop may be noticed
+constexpr std::chrono::milliseconds kNothingToSend{10};
+
+}  // namespace
+
+void UDPClientBase::UDPClientRecvThrd(UDPClientBase* client) {
+  client->UDPClientRecvFn();
+}
+
+void UDPClientBase::UDPClientSendThrd(UDPClientBase* client) {
+  client->UDPClientSendFn();
+}
+
+void UDPClientBase::UDPClientRecvFn() {
+  char* data = cms::DatagramBatch::OfThisThread().Data(0);
+  while (running_.load(std::memory_order_relaxed) != 0) {
+    if (!cms::WaitSocket(Socket(), POLLIN, kWaitMilliseconds)) {
+      continue;
+    }
+    sockaddr_in source{};
+    socklen_t size = sizeof source;
+    const auto got = recvfrom(Socket(), data, cms::DatagramBatch::kBytes, MSG_DONTWAIT,
+                              reinterpret_cast<sockaddr*>(&source), &size);
+    if (got >= 0 && source.sin_port == remote_.sin_port &&
+        source.sin_addr.s_addr == remote_.sin_addr.s_addr) {
+      Deliver(data, static_cast<int>(got));
+    }
+  }
+}
+
+void UDPClientBase::UDPClientSendFn() {
+  while (running_.load(std::memory_order_relaxed) != 0) {
+    if (!HasPendingSend()) {
+      std::this_thread::sleep_for(kNothingToSend);
+    } else if (cms::WaitSocket(Socket(), POLLOUT, kWaitMilliseconds)) {
+      SendOne(Socket());
+    }
+  }
+}
+
+void UDPClientBase::JoinThreads() {
+  for (std::thread* thread : {&recv_thread_, &send_thread_}) {
+    if (thread->joinable()) {
+      thread->join();
+    }
+  }
+}
