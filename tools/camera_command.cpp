@@ -1,0 +1,231 @@
+// `orvanta camera`: test cameras, real RTSP servers.
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <limits>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "tools/command.h"
+#include "tools/stop_signal.h"
+#include "tools/testcamera/camera_options.h"
+#include "tools/testcamera/rtsp_camera.h"
+
+namespace tools {
+namespace {
+
+using testcamera::CameraOptions;
+
+struct Arguments {
+  CameraOptions camera;
+  int count = 1;
+  std::string size = "640x360";
+  std::vector<std::string> transports;
+  int http_port = -1;
+  bool json = false;
+};
+
+template <typename Value>
+using Choices = std::vector<std::pair<std::string, Value>>;
+
+template <typename Value>
+void AddChoice(CLI::App* app, const std::string& name, Value& value, const Choices<Value>& choices,
+               const std::string& help) {
+  std::string names;
+  for (const auto& [text, each] : choices) {
+    names += (names.empty() ? "" : "|") + text;
+  }
+  app->add_option_function<std::string>(
+         name,
+         [=, &value](const std::string& given) {
+           for (const auto& [text, each] : choices) {
+             if (text == given) {
+               value = each;
+               return;
+             }
+           }
+           throw CLI::ValidationError(name, given + " is none of " + names);
+         },
+         help)
+      ->option_text(names);
+}
+
+// Runs a GLib main loop on a thread of its own.
+class LoopThread {
+ public:
+  LoopThread()
+      : context_(g_main_context_new()),
+        loop_(g_main_loop_new(context_, FALSE)),
+        thread_([this] { g_main_loop_run(loop_); }) {}
+  ~LoopThread() {
+    Stop();
+    g_main_loop_unref(loop_);
+    g_main_context_unref(context_);
+  }
+  LoopThread(const LoopThread&) = delete;
+  LoopThread& operator=(const LoopThread&) = delete;
+
+  GMainContext* Context() const { return context_; }
+  void Stop() {
+    if (thread_.joinable()) {
+      // From inside the loop, so that a loop that has not begun yet ends as well.
+      g_main_context_invoke(
+          context_,
+          [](gpointer loop) -> gboolean {
+            g_main_loop_quit(static_cast<GMainLoop*>(loop));
+            return G_SOURCE_REMOVE;
+          },
+          loop_);
+      thread_.join();
+    }
+  }
+
+ private:
+  GMainContext* context_;
+  GMainLoop* loop_;
+  std::thread thread_;
+};
+
+void ParseSize(const std::string& text, CameraOptions* camera) {
+  char rest = 0;
+  if (std::sscanf(text.c_str(), "%dx%d%c", &camera->width, &camera->height, &rest) != 2 ||
+      camera->width < 32 || camera->height < 32 || camera->width > 7680 || camera->height > 4320 ||
+      camera->width % 2 != 0 || camera->height % 2 != 0) {
+    throw CLI::ValidationError("--size", "WIDTHxHEIGHT in even numbers from 32x32 on, not " + text);
+  }
+}
+
+void Check(Arguments& arguments) {
+  CameraOptions& camera = arguments.camera;
+  ParseSize(arguments.size, &camera);
+  if (!arguments.transports.empty()) {
+    camera.udp = camera.tcp = false;
+    for (const std::string& each : arguments.transports) {
+      (each == "udp" ? camera.udp : camera.tcp) = true;
+    }
+  }
+  if (camera.path.front() != '/') {
+    camera.path.insert(0, "/");
+  }
+  if (camera.codec == testcamera::VideoCodec::kMjpeg && camera.file.empty() &&
+      (camera.width > 2040 || camera.height > 2040)) {
+    throw CLI::ValidationError("--size", "MJPEG over RTP ends at 2040x2040");
+  }
+  const int highest = std::max<int>(camera.port, arguments.http_port);
+  if (highest + arguments.count - 1 > std::numeric_limits<std::uint16_t>::max()) {
+    throw CLI::ValidationError("--count", "more cameras than ports");
+  }
+}
+
+int Serve(Arguments& arguments) {
+  Check(arguments);
+  gst_init(nullptr, nullptr);
+  std::vector<std::unique_ptr<testcamera::RtspCamera>> cameras;
+  LoopThread loop;
+  nlohmann::ordered_json list = nlohmann::ordered_json::array();
+  for (int i = 0; i < arguments.count; ++i) {
+    CameraOptions camera = arguments.camera;
+    if (camera.port != 0) {
+      camera.port = static_cast<std::uint16_t>(camera.port + i);
+    }
+    cameras.push_back(std::make_unique<testcamera::RtspCamera>(camera, loop.Context()));
+    list.push_back({{"url", cameras.back()->Url()}, {"http_url", nullptr}});
+  }
+  if (arguments.json) {
+    std::printf("%s\n", nlohmann::ordered_json{{"cameras", list}}.dump().c_str());
+  } else {
+    for (const auto& each : list) {
+      std::printf("%s ready\n", each["url"].get<std::string>().c_str());
+    }
+  }
+  std::fflush(stdout);
+  WaitForStop();
+  loop.Stop();
+  return 0;
+}
+
+}  // namespace
+
+void AddCameraCommand(CLI::App& app, CommandResult& result) {
+  auto arguments = std::make_shared<Arguments>();
+  CameraOptions& camera = arguments->camera;
+  CLI::App* command = app.add_subcommand("camera", "Test cameras: real RTSP servers");
+  using namespace testcamera;
+
+  command->add_option("--port", camera.port, "RTSP port; 0 takes any")->capture_default_str();
+  command->add_option("--bind", camera.bind, "Address to listen on")
+      ->capture_default_str()
+      ->check(CLI::ValidIPV4);
+  command->add_option("--path", camera.path, "Path of the stream")->capture_default_str();
+  command->add_option("--count", arguments->count, "So many cameras, at ports one after the other")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 1000));
+
+  auto* file = command
+                   ->add_option("--file", camera.file,
+                                "Play this file's H.264, MPEG-4 or JPEG video for ever, as it is")
+                   ->check(CLI::ExistingFile);
+  command->add_option("--pattern", camera.pattern, "Picture: smpte, ball, snow, black ...")
+      ->capture_default_str()
+      ->excludes(file);
+  AddChoice(
+      command, "--codec", camera.codec,
+      {{"h264", VideoCodec::kH264}, {"mjpeg", VideoCodec::kMjpeg}, {"mpeg4", VideoCodec::kMpeg4}},
+      "Video codec of the pattern [h264]");
+  AddChoice(command, "--profile", camera.profile,
+            {{"baseline", H264Profile::kBaseline}, {"high", H264Profile::kHigh}},
+            "H.264 profile [baseline]");
+  command->add_option("--size", arguments->size, "WIDTHxHEIGHT")->capture_default_str();
+  command->add_option("--fps", camera.fps, "Pictures a second")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 120));
+  command->add_option("--gop", camera.gop, "Pictures from key frame to key frame")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 10000));
+  command->add_option("--bitrate", camera.bitrate, "Video kbit/s; by size and rate when not given")
+      ->check(CLI::Range(16, 200000));
+  AddChoice(command, "--audio", camera.audio,
+            {{"none", AudioCodec::kNone},
+             {"pcmu", AudioCodec::kPcmu},
+             {"pcma", AudioCodec::kPcma},
+             {"l16", AudioCodec::kL16}},
+            "Sound: a tone in this codec [none]");
+
+  AddChoice(
+      command, "--auth", camera.auth,
+      {{"none", AuthScheme::kNone}, {"basic", AuthScheme::kBasic}, {"digest", AuthScheme::kDigest}},
+      "Ask for a password [none]");
+  command->add_option("--user", camera.user)->capture_default_str();
+  command->add_option("--password", camera.password)->capture_default_str();
+
+  command->add_option("--transports", arguments->transports, "Those offered: udp,tcp")
+      ->delimiter(',')
+      ->check(CLI::IsMember({"udp", "tcp"}));
+  command->add_option("--max-sessions", camera.max_sessions, "Refuse more sessions than that");
+  command->add_option("--session-timeout", camera.session_timeout, "Seconds")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 86400));
+  AddChoice(command, "--delimiters", camera.delimiters, {{"on", true}, {"off", false}},
+            "An H.264 access-unit delimiter before each picture [off]");
+  AddChoice(command, "--parameter-sets", camera.parameter_sets,
+            {{"both", ParameterSets::kBoth},
+             {"sdp", ParameterSets::kSdp},
+             {"inband", ParameterSets::kInband}},
+            "Where H.264 parameter sets are sent; inband also for MPEG-4 [both]");
+  AddChoice(command, "--packets", camera.packets,
+            {{"fu", PacketStyle::kFu}, {"stap", PacketStyle::kStap}},
+            "Small H.264 units alone or several in a packet [fu]");
+  command->add_option("--mtu", camera.mtu, "Largest RTP packet in bytes")
+      ->capture_default_str()
+      ->check(CLI::Range(200, 65000));
+  command->add_option("--drop-percent", camera.drop_percent, "Lose that part of the RTP packets")
+      ->check(CLI::Range(0.0, 100.0));
+  command->add_flag("--json", arguments->json, "Print the URLs as one JSON object");
+  command->callback([arguments, &result] { result.status = Serve(*arguments); });
+}
+
+}  // namespace tools

@@ -1,0 +1,20 @@
+// How a subcommand joins the orvanta command line.
+//
+// Each subcommand is one file, tools/<name>_command.cpp, with one function that adds its CLI::App,
+// its options and a callback that does the job. The callback sets the status that the program ends
+// with; it throws a std::exception for a failed job (printed as one line, status 1) and a
+// CLI::ParseError for usage that only shows later, such as two options that exclude each other
+// (one line, status 2). Jobs that go on for long watch tools/stop_signal.h.
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+namespace tools {
+
+struct CommandResult {
+  int status = 0;
+};
+
+void AddCameraCommand(CLI::App& app, CommandResult& result);
+
+}  // namespace tools

@@ -1,0 +1,62 @@
+#include "tools/stop_signal.h"
+
+#include <poll.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
+#include <limits>
+
+namespace tools {
+namespace {
+
+// Written by the signal handler and never read, so it stays readable for everyone once signalled.
+const int stop_event = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+std::atomic<bool> stop_requested{false};
+static_assert(std::atomic<bool>::is_always_lock_free, "the signal handler writes it");
+
+void OnSignal(int) {
+  const int saved = errno;
+  stop_requested.store(true, std::memory_order_relaxed);
+  [[maybe_unused]] const int result = eventfd_write(stop_event, 1);
+  errno = saved;
+}
+
+}  // namespace
+
+void CatchStopSignals() {
+  struct sigaction action {};
+  action.sa_handler = OnSignal;
+  action.sa_flags = SA_RESTART | static_cast<int>(SA_RESETHAND);
+  sigemptyset(&action.sa_mask);
+  sigaction(SIGINT, &action, nullptr);
+  sigaction(SIGTERM, &action, nullptr);
+}
+
+bool StopRequested() {
+  return stop_requested.load(std::memory_order_relaxed);
+}
+
+bool WaitForStop(std::chrono::milliseconds limit) {
+  using Clock = std::chrono::steady_clock;
+  const auto deadline = Clock::now() + limit;
+  while (!StopRequested()) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    if (left <= 0) {
+      return false;
+    }
+    pollfd wait{stop_event, POLLIN, 0};
+    poll(&wait, 1, static_cast<int>(std::min<std::int64_t>(left, std::numeric_limits<int>::max())));
+  }
+  return true;
+}
+
+void WaitForStop() {
+  while (!WaitForStop(std::chrono::hours(1))) {
+  }
+}
+
+}  // namespace tools

@@ -1,0 +1,19 @@
+// Ctrl-C and SIGTERM as something a job waits for, so that it ends with its files closed.
+#pragma once
+
+#include <chrono>
+
+namespace tools {
+
+// From now on SIGINT and SIGTERM ask the job to stop; a second one ends the process at once.
+// Called once, by main.
+void CatchStopSignals();
+
+// Whether a stop was asked for. Any thread.
+bool StopRequested();
+
+// Waits until a stop is asked for, at most so long; true when it was. Any number of threads.
+bool WaitForStop(std::chrono::milliseconds limit);
+void WaitForStop();
+
+}  // namespace tools

@@ -1,0 +1,154 @@
+#include "tools/testcamera/rtsp_camera.h"
+
+#include <stdexcept>
+
+#include "tools/testcamera/file_feed.h"
+#include "tools/testcamera/file_reader.h"
+#include "tools/testcamera/pipeline_text.h"
+#include "tools/testcamera/stream_probes.h"
+
+namespace testcamera {
+namespace {
+
+constexpr char kViewer[] = "viewer";
+
+std::string HostForUrl(const std::string& bind) {
+  return bind == "0.0.0.0" ? "127.0.0.1" : bind;
+}
+
+template <typename Use>
+void WithElement(GstElement* bin, const char* name, Use use) {
+  const ObjectPtr<GstElement> element(gst_bin_get_by_name_recurse_up(GST_BIN(bin), name));
+  if (element != nullptr) {
+    use(element.get());
+  }
+}
+
+}  // namespace
+
+RtspCamera::RtspCamera(const CameraOptions& options, GMainContext* context)
+    : options_(options),
+      codec_(options.file.empty() ? options.codec : FileReader(options.file).Codec()),
+      server_(gst_rtsp_server_new()),
+      sessions_(gst_rtsp_session_pool_new()) {
+  gst_rtsp_server_set_address(server_.get(), options_.bind.c_str());
+  gst_rtsp_server_set_service(server_.get(), std::to_string(options_.port).c_str());
+  gst_rtsp_server_set_session_pool(server_.get(), sessions_.get());
+  gst_rtsp_session_pool_set_max_sessions(sessions_.get(), options_.max_sessions);
+  AddMedia();
+  if (options_.auth != AuthScheme::kNone) {
+    AddPasswords();
+  }
+  g_signal_connect(server_.get(), "client-connected", G_CALLBACK(&RtspCamera::OnClient), this);
+
+  GError* error = nullptr;
+  listener_ = gst_rtsp_server_create_source(server_.get(), nullptr, &error);
+  if (listener_ == nullptr) {
+    const ErrorPtr owned(error);
+    throw std::runtime_error("cannot listen on " + options_.bind + " port " +
+                             std::to_string(options_.port) + ": " + owned->message);
+  }
+  g_source_attach(listener_, context);
+  timer_ = g_timeout_source_new_seconds(1);
+  g_source_set_callback(timer_, &RtspCamera::OnTimer, this, nullptr);
+  g_source_attach(timer_, context);
+}
+
+RtspCamera::~RtspCamera() {
+  for (GSource* source : {listener_, timer_}) {
+    if (source != nullptr) {
+      g_source_destroy(source);
+      g_source_unref(source);
+    }
+  }
+  g_signal_handlers_disconnect_by_data(server_.get(), this);
+  g_list_free_full(
+      gst_rtsp_server_client_filter(
+          server_.get(),
+          [](GstRTSPServer*, GstRTSPClient*, gpointer) { return GST_RTSP_FILTER_REMOVE; }, nullptr),
+      g_object_unref);
+}
+
+std::string RtspCamera::Url() const {
+  return "rtsp://" + HostForUrl(options_.bind) + ":" +
+         std::to_string(gst_rtsp_server_get_bound_port(server_.get())) + options_.path;
+}
+
+void RtspCamera::AddMedia() {
+  GstRTSPMediaFactory* factory = gst_rtsp_media_factory_new();
+  gst_rtsp_media_factory_set_launch(factory, RtspPipeline(options_, codec_).c_str());
+  gst_rtsp_media_factory_set_shared(factory, TRUE);
+  gst_rtsp_media_factory_set_latency(factory, 0);
+  gst_rtsp_media_factory_set_protocols(
+      factory, static_cast<GstRTSPLowerTrans>((options_.udp ? GST_RTSP_LOWER_TRANS_UDP : 0) |
+                                              (options_.tcp ? GST_RTSP_LOWER_TRANS_TCP : 0)));
+  if (options_.auth != AuthScheme::kNone) {
+    gst_rtsp_media_factory_add_role(factory, kViewer, GST_RTSP_PERM_MEDIA_FACTORY_ACCESS,
+                                    G_TYPE_BOOLEAN, TRUE, GST_RTSP_PERM_MEDIA_FACTORY_CONSTRUCT,
+                                    G_TYPE_BOOLEAN, TRUE, nullptr);
+  }
+  g_signal_connect(factory, "media-configure", G_CALLBACK(&RtspCamera::OnMedia), this);
+  const ObjectPtr<GstRTSPMountPoints> mounts(gst_rtsp_server_get_mount_points(server_.get()));
+  gst_rtsp_mount_points_add_factory(mounts.get(), options_.path.c_str(), factory);
+}
+
+void RtspCamera::AddPasswords() {
+  const ObjectPtr<GstRTSPAuth> auth(gst_rtsp_auth_new());
+  const MiniPtr<GstRTSPToken> token(
+      gst_rtsp_token_new(GST_RTSP_TOKEN_MEDIA_FACTORY_ROLE, G_TYPE_STRING, kViewer, nullptr));
+  gst_rtsp_auth_set_realm(auth.get(), kRealm);
+  if (options_.auth == AuthScheme::kBasic) {
+    const TextPtr basic(gst_rtsp_auth_make_basic(options_.user.c_str(), options_.password.c_str()));
+    gst_rtsp_auth_set_supported_methods(auth.get(), GST_RTSP_AUTH_BASIC);
+    gst_rtsp_auth_add_basic(auth.get(), basic.get(), token.get());
+  } else {
+    gst_rtsp_auth_set_supported_methods(auth.get(), GST_RTSP_AUTH_DIGEST);
+    gst_rtsp_auth_add_digest(auth.get(), options_.user.c_str(), options_.password.c_str(),
+                             token.get());
+  }
+  gst_rtsp_server_set_auth(server_.get(), auth.get());
+}
+
+void RtspCamera::OnMedia(GstRTSPMediaFactory*, GstRTSPMedia* media, RtspCamera* camera) {
+  const CameraOptions& options = camera->options_;
+  const ObjectPtr<GstElement> bin(gst_rtsp_media_get_element(media));
+  WithElement(bin.get(), kStampName, [&](GstElement* stamp) {
+    NumberPictures(stamp);
+    WithElement(bin.get(), kUntimedName, [&](GstElement* encoder) { KeepTimes(stamp, encoder); });
+  });
+  WithElement(bin.get(), kFeedName, [&](GstElement* appsrc) {
+    g_object_set_data_full(G_OBJECT(media), kFeedName, new FileFeed(options, appsrc),
+                           [](gpointer feed) { delete static_cast<FileFeed*>(feed); });
+  });
+  if (camera->codec_ == VideoCodec::kH264) {
+    WithElement(bin.get(), "pay0",
+                [&](GstElement* payloader) { ConformPictures(payloader, options.delimiters); });
+  }
+  for (const char* name : {"pay0", "pay1"}) {
+    WithElement(bin.get(), name, [&](GstElement* payloader) {
+      ForbidSeeking(payloader);
+      if (options.parameter_sets == ParameterSets::kInband) {
+        HideParameterSets(payloader);
+      }
+      if (options.drop_percent > 0) {
+        DropPackets(payloader, options.drop_percent);
+      }
+    });
+  }
+}
+
+void RtspCamera::OnClient(GstRTSPServer*, GstRTSPClient* client, RtspCamera* camera) {
+  g_signal_connect(client, "new-session", G_CALLBACK(&RtspCamera::OnSession), camera);
+}
+
+void RtspCamera::OnSession(GstRTSPClient*, GstRTSPSession* session, RtspCamera* camera) {
+  gst_rtsp_session_set_timeout(session, camera->options_.session_timeout);
+}
+
+// Forgets the sessions of clients that vanished.
+gboolean RtspCamera::OnTimer(gpointer camera) {
+  gst_rtsp_session_pool_cleanup(static_cast<RtspCamera*>(camera)->sessions_.get());
+  return G_SOURCE_CONTINUE;
+}
+
+}  // namespace testcamera

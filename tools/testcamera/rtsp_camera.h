@@ -1,0 +1,41 @@
+// One test camera: an RTSP server with one stream that all its clients share.
+#pragma once
+
+#include <gst/rtsp-server/rtsp-server.h>
+
+#include <string>
+
+#include "tools/testcamera/camera_options.h"
+#include "tools/testcamera/gst_ptr.h"
+
+namespace testcamera {
+
+// Serves from construction to destruction, on the thread that runs the context, which must be
+// running no more when the camera is destroyed.
+class RtspCamera {
+ public:
+  // Throws std::runtime_error, for instance when the port is taken.
+  RtspCamera(const CameraOptions& options, GMainContext* context);
+  ~RtspCamera();
+  RtspCamera(const RtspCamera&) = delete;
+  RtspCamera& operator=(const RtspCamera&) = delete;
+
+  std::string Url() const;
+
+ private:
+  void AddMedia();
+  void AddPasswords();
+  static void OnMedia(GstRTSPMediaFactory* factory, GstRTSPMedia* media, RtspCamera* camera);
+  static void OnClient(GstRTSPServer* server, GstRTSPClient* client, RtspCamera* camera);
+  static void OnSession(GstRTSPClient* client, GstRTSPSession* session, RtspCamera* camera);
+  static gboolean OnTimer(gpointer camera);
+
+  const CameraOptions options_;
+  const VideoCodec codec_;
+  const ObjectPtr<GstRTSPServer> server_;
+  const ObjectPtr<GstRTSPSessionPool> sessions_;
+  GSource* listener_ = nullptr;
+  GSource* timer_ = nullptr;
+};
+
+}  // namespace testcamera
