@@ -1,0 +1,177 @@
+#include "cms/streaming/internal/rtsp_connection.h"
+
+#include <chrono>
+#include <utility>
+
+#include "cms/streaming/internal/rtsp_message.h"
+
+namespace cms {
+namespace {
+
+// One read takes what a 4 Mbit/s stream delivers in a tenth of a second.
+constexpr int kReceiveChunk = 64 * 1024;
+constexpr int kSendChunk = 4096;
+constexpr int kSendDepth = 16;
+
+}  // namespace
+
+tTcpClientParam RTSPConnection::Parameters(RTSPConnection* self) {
+  tTcpClientParam parameters{};
+  parameters.recv_queue_depth = 2;  // unused: bytes go to the callback
+  parameters.recv_chunk_size = kReceiveChunk;
+  parameters.send_queue_depth = kSendDepth;
+  parameters.send_chunk_size = kSendChunk;
+  parameters.recv_callback = &RTSPConnection::OnBytes;
+  parameters.recv_context = self;
+  return parameters;
+}
+
+RTSPConnection::RTSPConnection(Sink& sink)
+    : TCPClientBase(Parameters(this)), sink_(sink), demultiplexer_(*this) {}
+
+RTSPConnection::~RTSPConnection() {
+  Shut();
+}
+
+void RTSPConnection::Shut() {
+  if (started_.exchange(false)) {
+    OnStopTCPClient(true);
+  }
+}
+
+bool RTSPConnection::Open(std::uint32_t address, std::uint16_t port, int timeoutMs, int group) {
+  connectTimeoutMs_ = timeoutMs;
+  started_ = OnStartTCPClient(address, port, static_cast<unsigned int>(group)) != 0;
+  return started_;
+}
+
+int RTSPConnection::OnConnect(unsigned long address, unsigned long port) {
+  return ConnectSocket(address, port, connectTimeoutMs_, &cancel_);
+}
+
+void RTSPConnection::OnBytes(char* data, int length, void* context) {
+  static_cast<RTSPConnection*>(context)->demultiplexer_.Add(
+      {reinterpret_cast<const std::uint8_t*>(data), static_cast<std::size_t>(length)});
+}
+
+void RTSPConnection::OnInterleavedPacket(int type, std::span<const std::uint8_t> frame) {
+  sink_.OnPacket(type, frame);
+}
+
+void RTSPConnection::OnMessage(std::string_view text) {
+  const RTSPMessage message(text);
+  if (!message.IsResponse()) {
+    AnswerRequest(text);
+    return;
+  }
+  const std::optional<int> cseq = message.CSeq();
+  bool keepAlive = false;
+  {
+    std::lock_guard lock(mutex_);
+    if (expected_ != 0 && (!cseq || *cseq == expected_)) {
+      // Some cameras leave out the CSeq: then the only request that waits takes the answer.
+      answer_ = std::string(text);
+      expected_ = 0;
+      arrived_.notify_all();
+    } else if (keepAlive_ != 0 && (!cseq || *cseq == keepAlive_)) {
+      keepAliveAnswer_ = std::string(text);
+      keepAlive_ = 0;
+      keepAlive = true;
+    }
+  }
+  if (keepAlive) {
+    sink_.OnConnectionEvent();
+  }
+}
+
+void RTSPConnection::AnswerRequest(std::string_view text) {
+  const RTSPMessage message(text);
+  const std::string_view method = message.Method();
+  const bool known = method == "OPTIONS" || method == "GET_PARAMETER" || method == "SET_PARAMETER";
+  const std::string answer =
+      std::string(known ? "RTSP/1.0 200 OK\r\n" : "RTSP/1.0 501 Not Implemented\r\n") +
+      "CSeq: " + std::to_string(message.CSeq().value_or(0)) + "\r\n\r\n";
+  SendWhole(answer);
+}
+
+int RTSPConnection::SendWhole(std::string_view text) {
+  const int length = static_cast<int>(text.size());
+  if (OnSend(const_cast<char*>(text.data()), length) == length) {
+    return length;
+  }
+  // The camera has taken nothing for 64 KiB of requests, and half a message is queued now: what
+  // follows could not be told apart.
+  MarkClosed();
+  return 0;
+}
+
+bool RTSPConnection::SendRequest(std::string_view request, int cseq) {
+  {
+    std::lock_guard lock(mutex_);
+    answer_.reset();
+    expected_ = cseq;
+  }
+  return SendWhole(request) != 0;
+}
+
+RTSPConnection::Wait RTSPConnection::WaitAnswer(int timeoutMs, std::string* answer) {
+  return WaitAnswerUnless(true, timeoutMs, answer);
+}
+
+RTSPConnection::Wait RTSPConnection::WaitLastAnswer(int timeoutMs, std::string* answer) {
+  return WaitAnswerUnless(false, timeoutMs, answer);
+}
+
+RTSPConnection::Wait RTSPConnection::WaitAnswerUnless(bool cancellable, int timeoutMs,
+                                                      std::string* answer) {
+  std::unique_lock lock(mutex_);
+  const auto cancelled = [&] { return cancellable && cancelled_.load(); };
+  arrived_.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                    [&] { return answer_ || cancelled() || closed_.load(); });
+  expected_ = 0;
+  if (answer_) {
+    *answer = std::move(*answer_);
+    answer_.reset();
+    return Wait::kAnswer;
+  }
+  if (cancelled()) {
+    return Wait::kCancelled;
+  }
+  return closed_.load() ? Wait::kClosed : Wait::kTimeout;
+}
+
+bool RTSPConnection::SendKeepAlive(std::string_view request, int cseq) {
+  {
+    std::lock_guard lock(mutex_);
+    keepAlive_ = cseq;
+    keepAliveAnswer_.reset();
+  }
+  return SendWhole(request) != 0;
+}
+
+std::optional<std::string> RTSPConnection::TakeKeepAliveAnswer() {
+  std::lock_guard lock(mutex_);
+  return std::exchange(keepAliveAnswer_, std::nullopt);
+}
+
+void RTSPConnection::Cancel() {
+  std::lock_guard lock(mutex_);
+  cancelled_.store(true);
+  cancel_.Signal();
+  arrived_.notify_all();
+}
+
+void RTSPConnection::MarkClosed() {
+  {
+    std::lock_guard lock(mutex_);
+    closed_.store(true);
+    arrived_.notify_all();
+  }
+  sink_.OnConnectionEvent();
+}
+
+void RTSPConnection::OnPeerClosed() {
+  MarkClosed();
+}
+
+}  // namespace cms

@@ -1,0 +1,95 @@
+// The control connection of an RTSP client: requests out; answers and interleaved packets in.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "cms/net/tcp_client.h"
+#include "cms/runtime/wake_up.h"
+#include "cms/streaming/internal/rtsp_demultiplexer.h"
+
+namespace cms {
+
+// Everything that the camera sends is cut into packets and messages on the I/O thread; packets go
+// to the sink at once, answers are handed to the one request that waits for their CSeq. Owner's
+// calls may come from any thread, one request at a time; Cancel from any thread at any time.
+class RTSPConnection final : public TCPClientBase, private RTSPDemultiplexer::Sink {
+ public:
+  class Sink {
+   public:
+    // On the I/O thread, with its lock held. `frame` begins with the 4-byte interleaved header;
+    // `type`: 0 video RTP, 1 video RTCP, 2 audio RTP, 3 audio RTCP.
+    virtual void OnPacket(int type, std::span<const std::uint8_t> frame) = 0;
+    // On the I/O thread: an answer to the keep-alive came, or the connection ended.
+    virtual void OnConnectionEvent() = 0;
+
+   protected:
+    ~Sink() = default;
+  };
+
+  enum class Wait { kAnswer, kTimeout, kClosed, kCancelled };
+
+  explicit RTSPConnection(Sink& sink);
+  ~RTSPConnection() override;
+
+  // Connects and registers with the I/O threads of the group; false: see LastError() and
+  // Cancelled().
+  bool Open(std::uint32_t address, std::uint16_t port, int timeoutMs, int group);
+  void SetChannels(const RTSPChannelIds& channels) { demultiplexer_.SetChannels(channels); }
+
+  // Sends a whole request and makes its answer the one that WaitAnswer waits for.
+  bool SendRequest(std::string_view request, int cseq);
+  Wait WaitAnswer(int timeoutMs, std::string* answer);
+  // The same for the last request of all, which waits although the opening was cancelled.
+  Wait WaitLastAnswer(int timeoutMs, std::string* answer);
+
+  // Sends a keep-alive; its answer comes through TakeKeepAliveAnswer.
+  bool SendKeepAlive(std::string_view request, int cseq);
+  std::optional<std::string> TakeKeepAliveAnswer();
+
+  // Queues all of the text or nothing; returns its length or 0.
+  int SendWhole(std::string_view text);
+  // Ends the connection: no event comes after it.
+  void Shut();
+
+  void Cancel();
+  bool Cancelled() const { return cancelled_.load(); }
+  bool PeerClosed() const { return closed_.load(); }
+  int LastError() const { return LastSocketError(); }
+  std::uint64_t SkippedBytes() const { return demultiplexer_.SkippedBytes(); }
+
+  int OnConnect(unsigned long address, unsigned long port) override;
+  void OnPeerClosed() override;
+
+ private:
+  static tTcpClientParam Parameters(RTSPConnection* self);
+  static void OnBytes(char* data, int length, void* context);
+  void OnInterleavedPacket(int type, std::span<const std::uint8_t> frame) override;
+  void OnMessage(std::string_view message) override;
+  Wait WaitAnswerUnless(bool cancellable, int timeoutMs, std::string* answer);
+  void AnswerRequest(std::string_view message);
+  void MarkClosed();
+
+  Sink& sink_;
+  RTSPDemultiplexer demultiplexer_;
+  WakeUp cancel_;
+  std::atomic<bool> cancelled_{false};
+  std::atomic<bool> closed_{false};
+  int connectTimeoutMs_ = -1;
+  std::atomic<bool> started_{false};
+
+  std::mutex mutex_;  // guards the mailbox below
+  std::condition_variable arrived_;
+  int expected_ = 0;  // CSeq of the request that is waited for, 0: none
+  std::optional<std::string> answer_;
+  int keepAlive_ = 0;
+  std::optional<std::string> keepAliveAnswer_;
+};
+
+}  // namespace cms

@@ -1,0 +1,170 @@
+#include "cms/streaming/internal/rtsp_session.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "cms/net/client_group.h"
+
+namespace {
+
+// Room for the largest burst that a camera sends at once, a key frame of several hundred packets.
+// The kernel counts about 2.3 KB for a packet of 1.4 KB; without privileges it grants what
+// net.core.rmem_max allows.
+constexpr int kRtpReceiveBuffer = 4 * 1024 * 1024;
+constexpr int kRtcpDepth = 8;
+constexpr int kRtcpDatagram = 1536;
+constexpr int kDirectDepth = 2;  // of queues that a callback stands in for
+constexpr int kSocketsPerUdpSession = 5;
+
+}  // namespace
+
+RTSPStream::RTSPStream(cms::RTSPConnection& connection) : connection_(connection) {}
+
+RTSPStream::~RTSPStream() {
+  Stop();
+  if (config.rtpSocket >= 0) {
+    close(config.rtpSocket);
+  }
+  if (config.rtcpSocket >= 0) {
+    close(config.rtcpSocket);
+  }
+}
+
+void RTSPStream::OnDatagram(void* context, char* data, int length) {
+  static_cast<RTSPStream*>(context)->subSession.RTPOverRTSPAddPacket(data, length);
+}
+
+bool RTSPStream::OpenUdp(std::uint32_t serverAddress, int group) {
+  _UDPCLIENT_CONFIG rtp{};
+  rtp.recv_queue_depth = kDirectDepth;
+  rtp.recv_datagram_size = kRtcpDatagram;
+  rtp.send_queue_depth = kDirectDepth;
+  rtp.send_datagram_size = kRtcpDatagram;
+  rtp.local_port = config.clientRtpPort;
+  rtp.remote_port = config.serverRtpPort;
+  rtp.remote_address = serverAddress;
+  rtp.recv_context = this;
+  rtp.recv_callback = &RTSPStream::OnDatagram;
+
+  _UDPCLIENT_CONFIG control = rtp;
+  control.recv_queue_depth = kRtcpDepth;
+  control.send_queue_depth = kRtcpDepth;
+  control.local_port = config.clientRtcpPort;
+  control.remote_port = config.serverRtcpPort;
+  control.recv_context = nullptr;
+  control.recv_callback = nullptr;
+
+  rtpSocket_ = std::make_unique<RTSPUDPClient>();
+  rtpSocket_->SetConfig(rtp);
+  rtpSocket_->SetClientSocket(std::exchange(config.rtpSocket, -1));
+  rtcpSocket_ = std::make_unique<RTSPUDPClient>();
+  rtcpSocket_->SetConfig(control);
+  rtcpSocket_->SetClientSocket(std::exchange(config.rtcpSocket, -1));
+  if (rtpSocket_->OnStartUDPClient() == 0 || rtcpSocket_->OnStartUDPClient() == 0) {
+    return false;
+  }
+  rtpSocket_->SetRecvSocketBuffer(kRtpReceiveBuffer);
+  auto& table = EachClientGroupTable::Instance();
+  table.Register(rtpSocket_.get(), group);
+  table.Register(rtcpSocket_.get(), group);
+  return true;
+}
+
+int RTSPStream::ReadUdp(void* context, unsigned char* buffer, int size) {
+  // The interleaved transport's reads begin with its 4-byte prefix; this one leaves room for it.
+  constexpr int kPrefix = static_cast<int>(kInterleavedPrefix);
+  auto* const self = static_cast<RTSPStream*>(context);
+  const int length =
+      self->rtcpSocket_->OnRecvNB(reinterpret_cast<char*>(buffer) + kPrefix, size - kPrefix);
+  return length > 0 ? length + kPrefix : length;
+}
+
+int RTSPStream::SendUdp(void* context, const unsigned char* data, int length) {
+  auto* const self = static_cast<RTSPStream*>(context);
+  return self->rtcpSocket_->OnSend(const_cast<char*>(reinterpret_cast<const char*>(data)), length);
+}
+
+int RTSPStream::SendInterleaved(void* context, const unsigned char* data, int length) {
+  auto* const self = static_cast<RTSPStream*>(context);
+  std::array<unsigned char, 256> frame;
+  if (length < 0 || static_cast<std::size_t>(length) + kInterleavedPrefix > frame.size()) {
+    return 0;
+  }
+  frame[0] = '$';
+  frame[1] = static_cast<unsigned char>(self->config.rtcpChannel);
+  frame[2] = static_cast<unsigned char>(length >> 8);
+  frame[3] = static_cast<unsigned char>(length);
+  std::copy(data, data + length, frame.begin() + kInterleavedPrefix);
+  return self->connection_.SendWhole({reinterpret_cast<const char*>(frame.data()),
+                                      static_cast<std::size_t>(length) + kInterleavedPrefix});
+}
+
+bool RTSPStream::StartRtcp(int transport, int group) {
+  _RTCP_CONFIG rtcpConfig{};
+  rtcpConfig.transportMode = transport == kRtspTransportUdp ? kRTCPOverUDP : kRTCPInterleaved;
+  rtcpConfig.statistics = &subSession;
+  if (transport == kRtspTransportUdp) {
+    rtcpConfig.read = &RTSPStream::ReadUdp;
+    rtcpConfig.readContext = this;
+    rtcpConfig.send = &RTSPStream::SendUdp;
+  } else {
+    rtcpConfig.send = &RTSPStream::SendInterleaved;
+  }
+  rtcpConfig.sendContext = this;
+  rtcp.SetConfig(rtcpConfig);
+  rtcp.Play();
+  group_ = group;
+  rtcpRegistered_ = true;
+  EachClientGroupTable::Instance().Register(&rtcp, group);
+  return true;
+}
+
+void RTSPStream::Stop() {
+  if (rtcpRegistered_) {
+    EachClientGroupTable::Instance().Unregister(&rtcp);
+    rtcp.StopPlay();
+    rtcpRegistered_ = false;
+  }
+  rtpSocket_.reset();
+  rtcpSocket_.reset();
+  subSession.StopPlay();
+}
+
+CMSRTSPClient::Session::Session(CMSRTSPClient& client, int group, int transport)
+    : client_(client),
+      group_(group, kAutomaticGroup, transport == kRtspTransportUdp ? kSocketsPerUdpSession : 1),
+      connection_(*this),
+      video_(connection_),
+      audio_(connection_) {}
+
+CMSRTSPClient::Session::~Session() {
+  Stop();
+}
+
+void CMSRTSPClient::Session::Stop() {
+  connection_.Shut();
+  video_.Stop();
+  audio_.Stop();
+}
+
+void CMSRTSPClient::Session::SetChannels() {
+  connection_.SetChannels({video_.config.rtpChannel, video_.config.rtcpChannel,
+                           audio_.Present() ? audio_.config.rtpChannel : -1,
+                           audio_.Present() ? audio_.config.rtcpChannel : -1});
+}
+
+void CMSRTSPClient::Session::OnPacket(int type, std::span<const std::uint8_t> frame) {
+  RTSPStream& stream = type <= kInterleaveVideoRTCP ? video_ : audio_;
+  if (type == kInterleaveVideoRTP || type == kInterleaveAudioRTP) {
+    const auto packet = frame.subspan(kInterleavedPrefix);
+    stream.subSession.RTPOverRTSPAddPacket(packet.data(), static_cast<int>(packet.size()));
+  } else {
+    stream.rtcp.RTPOverRTSPAddPacket(frame.data(), static_cast<int>(frame.size()));
+  }
+}
+
+void CMSRTSPClient::Session::OnConnectionEvent() {
+  client_.PokeKeeping();
+}

@@ -1,0 +1,347 @@
+#include "cms/streaming/rtsp_client.h"
+
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "cms/live/frame_header.h"
+#include "cms/runtime/clock.h"
+#include "cms/streaming/internal/rtsp_session.h"
+#include "cms/streaming/rtsp_url.h"
+
+// Counters of the sessions before this one.
+struct CMSRTSPClient::Totals {
+  std::atomic<std::uint64_t> packets{0};
+  std::atomic<std::uint64_t> lost{0};
+  std::atomic<std::uint64_t> oversize{0};
+};
+
+CMSRTSPClient::CMSRTSPClient() : totals_(std::make_unique<Totals>()) {}
+
+CMSRTSPClient::~CMSRTSPClient() {
+  CMSRTSPClient::CloseStream();
+}
+
+int CMSRTSPClient::SetConfig(void* config) {
+  if (config == nullptr) {
+    return 0;
+  }
+  ScopeLock lock(lock_);
+  configured_ = false;
+  config_ = *static_cast<const stRTSPClientConfig*>(config);
+  address_ = config_.address;
+  port_ = config_.port;
+  host_ = cms::IPv4Text(config_.address);
+  if (config_.kind == kSiteKindUrl) {
+    const auto url = cms::ParseCameraUrl(config_.path);
+    if (!url || url->scheme != "rtsp") {
+      return Fail(ConnectionFault::kBadAddress,
+                  "not an RTSP URL of the form rtsp://[user:password@]host[:port]/path");
+    }
+    requestUrl_ = url->plain;
+    if (config_.user.empty() && config_.password.empty()) {
+      config_.user = url->user;
+      config_.password = url->password;
+    }
+    if (config_.address == 0) {
+      host_ = url->host;
+      port_ = url->port;
+    }
+  } else {
+    requestUrl_ = "rtsp://" + host_ + config_.path;
+  }
+  haveCredentials_ = !config_.user.empty() && !config_.password.empty();
+  siteType_ = config_.siteType;
+  fpsReport_.SetReportFormat("[LiveRecord]Site=%2d(%s),Stream=%d", config_.siteNumber + 1,
+                             host_.c_str(), config_.streamNumber);
+  fpsReport_.SetChannel(static_cast<int>(config_.channel));
+  configured_ = true;
+  return 1;
+}
+
+// --- Life ---------------------------------------------------------------------------------------
+
+int CMSRTSPClient::OpenStream() {
+  ScopeLock lock(lock_);
+  return OpenLocked();
+}
+
+int CMSRTSPClient::OpenLocked() {
+  if (!configured_ || opened_) {
+    return 0;
+  }
+  MarkOpening();
+  SetFault(ConnectionFault::kNone, "");
+  opened_ = Negotiate() != 0;
+  if (!opened_) {
+    CloseLocked(false);
+    return 0;
+  }
+  MarkOpened();
+  return 1;
+}
+
+int CMSRTSPClient::CloseStream() {
+  CancelOpening();
+  StopKeeping();
+  {
+    ScopeLock lock(lock_);
+    CloseLocked(true);
+  }
+  ResumeOpening();
+  return 1;
+}
+
+void CMSRTSPClient::CloseLocked(bool tearDown) {
+  StopDelivery();
+  if (opened_ && tearDown) {
+    TearDown();
+  }
+  opened_ = false;
+  if (session_ != nullptr) {
+    session_->Stop();
+    std::shared_ptr<Session> ended;  // destroyed without the lock held
+    ScopeLock lock(sessionLock_);
+    for (const bool video : {true, false}) {
+      const RTSPSubSession& stream = session_->Stream(video).subSession;
+      totals_->packets.fetch_add(stream.PacketCount(), std::memory_order_relaxed);
+      totals_->lost.fetch_add(stream.MissingPacketCount(), std::memory_order_relaxed);
+      totals_->oversize.fetch_add(stream.OversizeFrameCount(), std::memory_order_relaxed);
+    }
+    ended.swap(session_);
+  }
+  SetState(ConnectionState::kClosed);
+}
+
+int CMSRTSPClient::Play() {
+  {
+    ScopeLock lock(lock_);
+    if (StartDelivery() == 0) {
+      return 0;
+    }
+  }
+  StartKeeping();
+  return 1;
+}
+
+int CMSRTSPClient::StartDelivery() {
+  if (!opened_) {
+    return 0;
+  }
+  session_->Stream(true).subSession.Play();
+  session_->Stream(false).subSession.Play();
+  playing_.store(1, std::memory_order_relaxed);
+  SetState(ConnectionState::kPlaying);
+  return 1;
+}
+
+int CMSRTSPClient::StopPlay() {
+  StopKeeping();
+  ScopeLock lock(lock_);
+  StopDelivery();
+  return 1;
+}
+
+void CMSRTSPClient::StopDelivery() {
+  if (session_ != nullptr) {
+    session_->Stream(true).subSession.StopPlay();
+    session_->Stream(false).subSession.StopPlay();
+  }
+  playing_.store(0, std::memory_order_relaxed);
+}
+
+// A recording is not part of this client yet: there is no file to change.
+int CMSRTSPClient::ChangeRecordFile() {
+  return 0;
+}
+int CMSRTSPClient::ChangeRecordPath(const wchar_t*) {
+  return 0;
+}
+
+void CMSRTSPClient::SetMustDecode(int decode) {
+  ScopeLock lock(lock_);
+  CMSChannelDataBase* const channel = Channel(config_.channel);
+  if (channel != nullptr) {
+    if (decode != 0) {
+      InitialChannelCodec();
+    } else {
+      channel->ReleaseCodec();
+    }
+  }
+  CMSClientBase::SetMustDecode(decode);
+}
+
+CMSCodecID CMSRTSPClient::VideoCodec() const {
+  const std::string encoding = GetVideoEncoding();
+  if (encoding == "H264") {
+    return CMS_CODEC_H264;
+  }
+  if (encoding == "JPEG") {
+    return CMS_CODEC_MJPEG;
+  }
+  return encoding == "MP4V-ES" ? CMS_CODEC_MPEG4 : CMS_CODEC_NONE;
+}
+
+void CMSRTSPClient::InitialChannelCodec() {
+  CMSChannelDataBase* const channel = Channel(config_.channel);
+  if (channel == nullptr) {
+    return;
+  }
+  const CMSCodecID codec = VideoCodec();
+  channel->SetVideoType(codec);
+  if (codec != CMS_CODEC_NONE) {
+    channel->InitialCodec(codec);
+  }
+}
+
+// --- Keeping ------------------------------------------------------------------------------------
+
+int CMSRTSPClient::OpenForKeeping() {
+  ScopeLock lock(lock_);
+  if (OpenLocked() == 0) {
+    return 0;
+  }
+  return StartDelivery();
+}
+
+void CMSRTSPClient::CloseForKeeping() {
+  ScopeLock lock(lock_);
+  CloseLocked(true);
+}
+
+void CMSRTSPClient::CancelOpening() {
+  cancels_.fetch_add(1);
+  std::shared_ptr<Session> session;
+  {
+    ScopeLock lock(sessionLock_);
+    session = session_;
+  }
+  if (session != nullptr) {
+    session->Connection().Cancel();
+  }
+}
+
+void CMSRTSPClient::ResumeOpening() {
+  cancels_.fetch_sub(1);
+}
+
+std::uint64_t CMSRTSPClient::PacketCount() const {
+  std::uint64_t count = totals_->packets.load(std::memory_order_relaxed);
+  ScopeLock lock(sessionLock_);
+  if (session_ != nullptr) {
+    count += session_->Stream(true).subSession.PacketCount() +
+             session_->Stream(false).subSession.PacketCount();
+  }
+  return count;
+}
+
+std::uint64_t CMSRTSPClient::LostPacketCount() const {
+  std::uint64_t count = totals_->lost.load(std::memory_order_relaxed);
+  ScopeLock lock(sessionLock_);
+  if (session_ != nullptr) {
+    count += session_->Stream(true).subSession.MissingPacketCount() +
+             session_->Stream(false).subSession.MissingPacketCount();
+  }
+  return count;
+}
+
+std::uint64_t CMSRTSPClient::OversizeFrameCount() const {
+  std::uint64_t count = totals_->oversize.load(std::memory_order_relaxed);
+  ScopeLock lock(sessionLock_);
+  if (session_ != nullptr) {
+    count += session_->Stream(true).subSession.OversizeFrameCount();
+  }
+  return count;
+}
+
+double CMSRTSPClient::GetAudioStreamLossRate() const {
+  ScopeLock lock(sessionLock_);
+  return session_ != nullptr ? session_->Stream(false).subSession.LossRate() : 0.0;
+}
+
+std::string CMSRTSPClient::GetVideoEncoding() const {
+  ScopeLock lock(sessionLock_);
+  return videoEncoding_;
+}
+
+std::string CMSRTSPClient::GetAudioEncoding() const {
+  ScopeLock lock(sessionLock_);
+  return audioEncoding_;
+}
+
+// --- Frames -------------------------------------------------------------------------------------
+
+void CMSRTSPClient::OnVideo(void* context, unsigned char* frameBuffer, int, unsigned char* payload,
+                            int length, int frameType) {
+  static_cast<CMSRTSPClient*>(context)->HandVideo(frameBuffer, payload, length, frameType);
+}
+
+void CMSRTSPClient::OnAudio(void* context, unsigned char* frameBuffer, int, unsigned char* payload,
+                            int length, int) {
+  static_cast<CMSRTSPClient*>(context)->HandAudio(frameBuffer, payload, length);
+}
+
+void CMSRTSPClient::HandVideo(unsigned char* header, unsigned char* payload, int length,
+                              int frameType) {
+  CMSChannelDataBase* const channel = Channel(config_.channel);
+  cms::VideoFrameInfo info;
+  info.payload_size = static_cast<std::uint32_t>(length);
+  info.host_seconds = cms::WallSeconds();
+  info.clock_offset = config_.clockOffsetSeconds;
+  info.stream_number = static_cast<unsigned>(config_.streamNumber);
+  info.announced_other_rate = otherFrameRate_;
+  info.frame_rate = announcedFrameRate_ > 0 ? announcedFrameRate_ : fpsReport_.GetRecentFps();
+  info.frame_type = frameType;
+  info.video_type = channel != nullptr ? channel->GetVideoType() : 0;
+  info.sequence = ++videoSequence_;
+  const std::span<std::uint8_t, cms::kVideoHeaderRoom> area(header, cms::kVideoHeaderRoom);
+  cms::BuildVideoFrameHeader(area, info);
+
+  RTPProcesserBase* const processer = receiving_->Stream(true).subSession.Processer();
+  if (processer->GotAMetadata() != 0) {
+    unsigned char metadata[RTPProcesserBase::kMaxMetadata];
+    void* destination = metadata;
+    unsigned int metadataLength = 0;
+    processer->GetMetadata(&destination, &metadataLength);
+    ConvertMetadataToDRVHeader(metadata, metadataLength, header, cms::kVideoHeaderRoom);
+    processer->ResetMetadada();
+  }
+  if (channel != nullptr) {
+    channel->SetTime(info.host_seconds + info.clock_offset);
+  }
+  OnGetVideoFrame(header, cms::kVideoHeaderRoom, payload, length, config_.channel, frameType);
+}
+
+void CMSRTSPClient::HandAudio(unsigned char* header, unsigned char* payload, int length) {
+  cms::AudioFrameInfo info;
+  info.payload_size = static_cast<std::uint32_t>(length);
+  info.host_seconds = cms::WallSeconds();
+  info.clock_offset = config_.clockOffsetSeconds;
+  info.stream_number = static_cast<unsigned>(config_.streamNumber);
+  info.announced_other_rate = otherFrameRate_;
+  info.format = audioFormat_;
+  const std::span<std::uint8_t, cms::kAudioHeaderRoom> area(header, cms::kAudioHeaderRoom);
+  cms::BuildAudioFrameHeader(area, info);
+  OnGetAudioFrame(header, cms::kAudioHeaderRoom, payload, length, config_.channel);
+}
+
+void CMSRTSPClient::DescribeAudioFormat(const _RTSPSUBSESSION_CONFIG& audio) {
+  audioFormat_ = {};
+  const std::string encoding = GetAudioEncoding();
+  if (encoding == "PCMU") {
+    audioFormat_.codec_id = CMS_CODEC_PCM_MULAW;
+    audioFormat_.bits_per_sample = 8;
+  } else if (encoding == "PCMA") {
+    audioFormat_.codec_id = CMS_CODEC_PCM_ALAW;
+    audioFormat_.bits_per_sample = 8;
+  } else if (encoding == "L16") {
+    audioFormat_.codec_id = CMS_CODEC_PCM_S16BE;  // network byte order (RFC 3551, 4.5.11)
+    audioFormat_.bits_per_sample = 16;
+  } else {
+    return;
+  }
+  audioFormat_.sample_rate = audio.clockRate;
+  audioFormat_.channels = static_cast<std::uint16_t>(audio.channels);
+  audioType_.store(static_cast<int>(audioFormat_.codec_id), std::memory_order_relaxed);
+}

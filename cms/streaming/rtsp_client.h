@@ -1,0 +1,184 @@
+// CMSRTSPClient: one live stream of one camera over RTSP 1.0 (RFC 2326).
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "cms/live/client_base.h"
+#include "cms/live/frame_header.h"
+#include "cms/runtime/api.h"
+#include "cms/streaming/authenticator.h"
+#include "cms/streaming/media_session.h"
+#include "cms/streaming/rtsp_sub_session.h"
+
+class RTSPStream;
+
+// How the media packets travel.
+enum RTSPTransport : int {
+  kRtspTransportUdp = 0,          // RTP over UDP unicast, a port pair for each stream
+  kRtspTransportInterleaved = 1,  // RTP inside the RTSP connection
+};
+
+// Which address a configuration names: any kind other than kSiteKindUrl builds the URL
+// "rtsp://address/path" from the address and the path.
+inline constexpr int kSiteKindUrl = 10;  // the path is the complete URL
+
+// The library chooses the I/O threads, filling each pair up to its 64 sockets.
+inline constexpr int kAutomaticGroup = -2;
+
+// Given to CMSRTSPClient::SetConfig, which copies it.
+struct stRTSPClientConfig {
+  int kind = kSiteKindUrl;
+  int siteType = 10;     // see CMSClientBase::GetDRVTypeHeader
+  int siteNumber = 0;    // from 0; shown to people from 1
+  int streamNumber = 0;  // 0 to 3
+  unsigned channel = 0;  // the channel of the client's array that the frames belong to
+  // IPv4, host order. 0 with kSiteKindUrl: the URL's host is resolved at each opening.
+  std::uint32_t address = 0;
+  std::uint16_t port = 554;  // with kSiteKindUrl and address 0 the URL's port counts
+  // "/live/1", or with kSiteKindUrl "rtsp://[user:password@]host[:port]/path". Credentials in the
+  // URL are used when the two fields below are empty, and never sent as part of it.
+  std::string path;
+  std::string user;
+  std::string password;
+  int transport = kRtspTransportUdp;
+  int group = kAutomaticGroup;  // key of the I/O thread pair
+  int clockOffsetSeconds = 0;   // added to the arrival time in the frame headers
+  std::uint32_t connectTimeoutMs = 10'000;
+  std::uint32_t answerTimeoutMs = 30'000;
+  // Named workaround for servers that send an access-unit delimiter before each picture (every
+  // GStreamer pipeline with an h264parse, and some cameras): without it such a stream delivers no
+  // frame at all. See H264RTPProcesser::SetIgnoreDelimiters.
+  bool ignoreDelimiters = false;
+};
+
+// OPTIONS, DESCRIBE, SETUP of video and audio, PLAY; then frames. See CMSClientBase for the life
+// and the threads of a client. OpenStream may take up to connectTimeoutMs plus answerTimeoutMs for
+// each request; CloseStream and StopPlay from another thread end it at once.
+class CMS_API CMSRTSPClient : public CMSClientBase {
+ public:
+  CMSRTSPClient();
+  ~CMSRTSPClient() override;
+
+  // `config` is an stRTSPClientConfig. 0 when the URL cannot be read.
+  int SetConfig(void* config) override;
+  int OpenStream() override;
+  int CloseStream() override;
+  // From Play on frames are delivered and the stream is kept, see CMSClientBase.
+  int Play() override;
+  int StopPlay() override;
+  int Pause() override;   // sends PAUSE
+  int Resume() override;  // sends PLAY again
+  int ChangeRecordFile() override;
+  int ChangeRecordPath(const wchar_t* path) override;
+  void SetMustDecode(int decode) override;
+
+  double GetAudioStreamLossRate() const;  // percent, of the last whole second
+
+  // Names of the description's encodings, such as "H264" and "PCMU"; empty while unknown or absent.
+  std::string GetVideoEncoding() const;
+  std::string GetAudioEncoding() const;
+
+ protected:
+  int OpenForKeeping() override;
+  void CloseForKeeping() override;
+  void CancelOpening() override;
+  void ResumeOpening() override;
+  ConnectionFault KeepAlive(std::uint64_t now, std::uint64_t* nextInMs) override;
+  std::uint64_t PacketCount() const override;
+  std::uint64_t LostPacketCount() const override;
+  std::uint64_t OversizeFrameCount() const override;
+
+ private:
+  class Session;  // the connection, the sub-sessions and their RTCP partners of one opening
+  struct Totals;
+
+  // Steps of an opening: each one sends its request, waits for the answer and tells whether it
+  // succeeded; a failure has set the fault.
+  int Option();
+  int Describe();
+  int SetupVideo();
+  int SetupAudio();
+  int SetupStream(RTSPStream& stream);
+  int PlayMedia();
+  void TearDown();
+
+  // Senders: format the request with the next CSeq and the authorization of the moment, and send
+  // it.
+  int SendOption();
+  int SendDescribe();
+  int SendSetup(const std::string& url, _RTSPSUBSESSION_CONFIG& config);
+  int SendPlayMedia();
+  int SendPause();
+  int SendTearDown();
+  int SendKeepAlive();
+  int SendText(const std::string& request);
+
+  // Sends the request and reads its answer; after a challenge once more with the authorization.
+  template <typename Sender>
+  int Exchange(const char* method, Sender sender, std::string* answer);
+  int GetResponse(std::string& response, unsigned timeoutMs);
+  static unsigned CheckRTSPResponseCode(const std::string& response);
+  int ParserSetupResponse(const std::string& response, _RTSPSUBSESSION_CONFIG& config);
+  std::string ConstructSubsessionURL(const MediaSession& session,
+                                     const _RTSPSUBSESSION_CONFIG& config) const;
+  int CreateSubSessionSocket(_RTSPSUBSESSION_CONFIG& config);
+  std::string CreateAuthStr(const char* method, const std::string& url);
+
+  int OpenLocked();
+  int Negotiate();
+  ConnectionFault KeepAliveLocked(std::uint64_t now, std::uint64_t* nextInMs);
+  void DescribeAudioFormat(const _RTSPSUBSESSION_CONFIG& audio);
+  CMSCodecID VideoCodec() const;
+  int Connect();
+  void CloseLocked(bool tearDown);
+  int StartDelivery();
+  void StopDelivery();
+  void InitialChannelCodec();
+  int Fail(ConnectionFault fault, const std::string& what);
+  int FailStatus(const char* method, unsigned status);
+  std::string Where() const;
+
+  static void OnVideo(void* context, unsigned char* frameBuffer, int headerRoom,
+                      unsigned char* payload, int length, int frameType);
+  static void OnAudio(void* context, unsigned char* frameBuffer, int headerRoom,
+                      unsigned char* payload, int length, int frameType);
+  void HandVideo(unsigned char* header, unsigned char* payload, int length, int frameType);
+  void HandAudio(unsigned char* header, unsigned char* payload, int length);
+
+  // All but the atomics and the session's own threads: under the client's lock (control lock).
+  stRTSPClientConfig config_;
+  bool configured_ = false;
+  std::string requestUrl_;
+  std::string host_;
+  std::uint16_t port_ = 554;
+  std::uint32_t address_ = 0;
+  Authenticator authenticator_;
+  bool haveCredentials_ = false;
+  bool challenged_ = false;
+  int cseq_ = 1;
+  std::string sessionId_;
+  std::uint32_t sessionTimeout_ = 60;
+  unsigned nextChannel_ = 0;
+  bool keepAliveByOptions_ = false;
+  bool keepAliveRetried_ = false;
+  std::uint64_t nextKeepAlive_ = 0;
+  bool opened_ = false;
+
+  mutable CMSCritical sessionLock_;  // guards the pointer and the names, for other threads' reads
+  std::shared_ptr<Session> session_;
+  std::string videoEncoding_ CMS_GUARDED_BY(sessionLock_);
+  std::string audioEncoding_ CMS_GUARDED_BY(sessionLock_);
+
+  std::atomic<int> cancels_{0};
+  std::unique_ptr<Totals> totals_;  // of the sessions before this one
+
+  // Set before the first packet, read by the receiving thread.
+  Session* receiving_ = nullptr;
+  cms::AudioFormatDescriptor audioFormat_;
+  bool otherFrameRate_ = false;
+  float announcedFrameRate_ = 0;
+  std::uint32_t videoSequence_ = 0;  // the receiving thread's
+};

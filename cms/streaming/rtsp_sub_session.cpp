@@ -1,0 +1,152 @@
+#include "cms/streaming/rtsp_sub_session.h"
+
+#include <cstring>
+#include <new>
+#include <string_view>
+
+#include "cms/streaming/h264_rtp_processer.h"
+#include "cms/streaming/internal/parameter_sets.h"
+#include "cms/streaming/internal/rtp_packet.h"
+#include "cms/streaming/mjpeg_rtp_processer.h"
+#include "cms/streaming/mp4ves_rtp_processer.h"
+#include "cms/streaming/simple_rtp_processer.h"
+
+namespace {
+
+constexpr int kLargestPacket = 65536;
+constexpr int kPadding = 64;  // what decoders may read behind a frame
+
+}  // namespace
+
+RTSPSubSession::RTSPSubSession() = default;
+RTSPSubSession::~RTSPSubSession() = default;
+
+int RTSPSubSession::SetConfig(const _RTSPSUBSESSION_CONFIG& config,
+                              const RTSPSubSessionOptions& options) {
+  config_ = config;
+  options_ = options;
+  return CreateRTPProcesser();
+}
+
+int RTSPSubSession::CreateRTPProcesser() {
+  const std::string_view encoding = config_.encodingName;
+  if (encoding == "H264") {
+    auto h264 = std::make_unique<H264RTPProcesser>();
+    h264->SetIgnoreDelimiters(options_.ignoreDelimiters);
+    cms::ParameterSets sets = cms::DecodeParameterSets(config_.parameterSets);
+    if (!sets.sps.empty() && !sets.pps.empty()) {
+      h264->SetSPSSet(sets.sps.data(), static_cast<unsigned int>(sets.sps.size()));
+      h264->SetPPSSet(sets.pps.data(), static_cast<unsigned int>(sets.pps.size()));
+    }
+    processer_ = std::move(h264);
+  } else if (encoding == "JPEG") {
+    processer_ = std::make_unique<MJPEGRTPProcesser>();
+  } else if (encoding == "MP4V-ES") {
+    processer_ = std::make_unique<MP4VESRTPProcesser>();
+  } else if (encoding == "PCMU" || encoding == "PCMA" || encoding == "L16") {
+    processer_ = std::make_unique<SimpleRTPProcesser>();
+  } else {
+    return 0;
+  }
+  processer_->SetSiteNum(options_.siteNumber);
+  processer_->SetIsBPSCounting(!options_.video);
+  if (options_.video) {
+    processer_->SetFrameCallback(&RTSPSubSession::OnFrame, this);
+  } else {
+    audioFrame_.reset(new (std::nothrow) unsigned char[static_cast<std::size_t>(
+        options_.headerRoom + kLargestPacket + kPadding)]);
+    if (!audioFrame_) {
+      return 0;
+    }
+  }
+  return 1;
+}
+
+void RTSPSubSession::DestroyRTPProcesser() {
+  processer_.reset();
+}
+
+int RTSPSubSession::Play() {
+  playing_.store(true, std::memory_order_release);
+  return 1;
+}
+
+int RTSPSubSession::StopPlay() {
+  playing_.store(false, std::memory_order_release);
+  return 1;
+}
+
+int RTSPSubSession::RTPOverRTSPAddPacket(const void* data, int length) {
+  packets_.fetch_add(1, std::memory_order_relaxed);
+  if (!playing_.load(std::memory_order_acquire) || !processer_) {
+    return 0;
+  }
+  if (!options_.video) {
+    DeliverAudio({static_cast<const std::uint8_t*>(data), static_cast<std::size_t>(length)});
+  }
+  const int result = processer_->ProcessData(const_cast<void*>(data), length);
+  if (!options_.video) {
+    processer_->ResetFrameBuffer();
+  }
+  return result;
+}
+
+void RTSPSubSession::DeliverAudio(std::span<const std::uint8_t> packet) {
+  const auto payload = cms::RTPPayload(packet);
+  if (!payload || payload->empty() || payload->size() > kLargestPacket ||
+      options_.callback == nullptr) {
+    return;
+  }
+  unsigned char* const frame = audioFrame_.get() + options_.headerRoom;
+  std::memcpy(frame, payload->data(), payload->size());
+  constexpr int kAudioFrameType = 1;
+  options_.callback(options_.context, audioFrame_.get(), options_.headerRoom, frame,
+                    static_cast<int>(payload->size()), kAudioFrameType);
+}
+
+void RTSPSubSession::OnFrame(void* context, void* frame, int length) {
+  auto* const self = static_cast<RTSPSubSession*>(context);
+  if (self->options_.callback == nullptr) {
+    return;
+  }
+  constexpr int kUnknownFrameType = 5;
+  int frameType = kUnknownFrameType;
+  self->processer_->GetFrameData(frame, &length, &frameType);
+  auto* const payload = static_cast<unsigned char*>(frame);
+  self->options_.callback(self->options_.context, payload - self->options_.headerRoom,
+                          self->options_.headerRoom, payload, length, frameType);
+}
+
+void RTSPSubSession::ResetLostCount() {
+  if (processer_) {
+    processer_->ResetLostCount();
+  }
+}
+
+unsigned int RTSPSubSession::GetLostCount() const {
+  return processer_ ? processer_->GetLostCount() : 0;
+}
+
+unsigned int RTSPSubSession::GetTotalLostCount() const {
+  return processer_ ? processer_->GetTotalLostCount() : 0;
+}
+
+unsigned short RTSPSubSession::GetLastSeqNum() const {
+  return processer_ ? processer_->GetLastSeqNum() : static_cast<unsigned short>(0);
+}
+
+unsigned int RTSPSubSession::MissingPacketCount() const {
+  return processer_ ? processer_->GetMissingPacketCount() : 0;
+}
+
+unsigned int RTSPSubSession::OversizeFrameCount() const {
+  return processer_ ? processer_->GetOversizeFrameCount() : 0;
+}
+
+double RTSPSubSession::LossRate() const {
+  return processer_ ? processer_->GetStreamLossRate() : 0;
+}
+
+std::uint8_t RTSPSubSession::FractionLost() const {
+  return processer_ ? processer_->GetLostFraction() : static_cast<std::uint8_t>(0);
+}

@@ -1,0 +1,5 @@
+#include "cms/streaming/rtsp_udp_client.h"
+
+RTSPUDPClient::~RTSPUDPClient() {
+  OnStopUDPClient();
+}

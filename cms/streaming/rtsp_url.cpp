@@ -1,0 +1,121 @@
+#include "cms/streaming/rtsp_url.h"
+
+#include <arpa/inet.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cctype>
+#include <charconv>
+#include <cstring>
+
+namespace cms {
+namespace {
+
+constexpr std::size_t kLongestUrl = 2048;
+
+int HexDigit(char c) {
+  const char digit[] = {c, '\0'};
+  int value = -1;
+  std::from_chars(digit, digit + 1, value, 16);
+  return value;
+}
+
+std::string PercentDecode(std::string_view text) {
+  std::string result;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == '%' && i + 2 < text.size() && HexDigit(text[i + 1]) >= 0 &&
+        HexDigit(text[i + 2]) >= 0) {
+      result.push_back(static_cast<char>(HexDigit(text[i + 1]) * 16 + HexDigit(text[i + 2])));
+      i += 2;
+    } else {
+      result.push_back(text[i]);
+    }
+  }
+  return result;
+}
+
+std::uint16_t DefaultPort(std::string_view scheme) {
+  if (scheme == "rtsp") {
+    return 554;
+  }
+  return scheme == "https" ? 443 : 80;
+}
+
+}  // namespace
+
+std::optional<CameraUrl> ParseCameraUrl(std::string_view text) {
+  const bool unprintable = std::any_of(text.begin(), text.end(), [](char c) {
+    return static_cast<unsigned char>(c) <= ' ' || c == '\x7f';
+  });
+  const std::size_t schemeEnd = text.find("://");
+  if (unprintable || text.size() > kLongestUrl || schemeEnd == std::string_view::npos ||
+      schemeEnd == 0) {
+    return std::nullopt;
+  }
+  CameraUrl url;
+  for (const char c : text.substr(0, schemeEnd)) {
+    url.scheme.push_back(static_cast<char>(std::tolower(static_cast<unsigned char>(c))));
+  }
+
+  const std::string_view rest = text.substr(schemeEnd + 3);
+  const std::size_t pathStart = std::min(rest.find_first_of("/?"), rest.size());
+  std::string_view authority = rest.substr(0, pathStart);
+  const std::string_view path = rest.substr(pathStart);
+  url.path = path.empty() ? "/" : std::string(path);
+
+  // The last "@": passwords typed without percent-encoding may hold one.
+  if (const std::size_t at = authority.rfind('@'); at != std::string_view::npos) {
+    const std::string_view credentials = authority.substr(0, at);
+    const std::size_t colon = std::min(credentials.find(':'), credentials.size());
+    url.user = PercentDecode(credentials.substr(0, colon));
+    if (colon < credentials.size()) {
+      url.password = PercentDecode(credentials.substr(colon + 1));
+    }
+    authority.remove_prefix(at + 1);
+  }
+
+  const std::string_view hostAndPort = authority;
+  url.port = DefaultPort(url.scheme);
+  if (const std::size_t colon = authority.find(':'); colon != std::string_view::npos) {
+    const std::string_view digits = authority.substr(colon + 1);
+    const auto [end, error] =
+        std::from_chars(digits.data(), digits.data() + digits.size(), url.port);
+    if (error != std::errc{} || end != digits.data() + digits.size() || url.port == 0) {
+      return std::nullopt;
+    }
+    authority = authority.substr(0, colon);
+  }
+  if (authority.empty()) {
+    return std::nullopt;
+  }
+  url.host = authority;
+  url.plain = url.scheme + "://" + std::string(hostAndPort) + std::string(path);
+  return url;
+}
+
+std::optional<std::uint32_t> ResolveIPv4(const std::string& host) {
+  addrinfo hints{};
+  hints.ai_family = AF_INET;
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* found = nullptr;
+  if (getaddrinfo(host.c_str(), nullptr, &hints, &found) != 0) {
+    return std::nullopt;
+  }
+  std::optional<std::uint32_t> address;
+  if (found != nullptr && found->ai_family == AF_INET) {
+    sockaddr_in ipv4{};
+    std::memcpy(&ipv4, found->ai_addr, sizeof ipv4);
+    address = ntohl(ipv4.sin_addr.s_addr);
+  }
+  freeaddrinfo(found);
+  return address;
+}
+
+std::string IPv4Text(std::uint32_t address) {
+  return std::to_string(address >> 24) + '.' + std::to_string(address >> 16 & 255) + '.' +
+         std::to_string(address >> 8 & 255) + '.' + std::to_string(address & 255);
+}
+
+}  // namespace cms

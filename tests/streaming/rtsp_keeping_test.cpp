@@ -1,0 +1,173 @@
+// How an RTSP client keeps its stream: keep-alive, watchdog, reconnection.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "cms/streaming/rtsp_client.h"
+#include "tests/support/rtsp_test_client.h"
+#include "tests/support/scripted_rtsp_server.h"
+#include "tests/support/wait.h"
+
+using test::ConfigFor;
+using test::H264Packets;
+using test::RtspAnswer;
+using test::RtspRequest;
+using test::RtspTestClient;
+using test::ScriptedRtspServer;
+using test::WaitFor;
+
+namespace {
+
+ReconnectPolicy QuickPolicy() {
+  ReconnectPolicy policy;
+  policy.deadStreamMs = 60'000;
+  policy.firstPauseMs = 20;
+  policy.longestPauseMs = 100;
+  return policy;
+}
+
+TEST(Keeping, SendsGetParameterWithTheBareSessionId) {
+  ScriptedRtspServer server({.session = "id-7;timeout=2"});
+  RtspTestClient client;
+  stRTSPClientConfig config = ConfigFor(server.Url(), kRtspTransportUdp);
+  client.SetConfig(&config);
+  ASSERT_EQ(client.OpenStream(), 1);
+  client.Play();
+  ASSERT_TRUE(WaitFor([&] { return server.Count("GET_PARAMETER") >= 2; }));
+  const RtspRequest request = server.Requests("GET_PARAMETER")[0];
+  EXPECT_EQ(request.text, "GET_PARAMETER " + server.Url() +
+                              " RTSP/1.0\r\nCSeq: " + request.Header("CSeq") +
+                              "\r\nSession: id-7\r\nUser-Agent: Orvanta_CMS v2009.11.02\r\n\r\n");
+}
+
+TEST(Keeping, FallsBackToOptionsWhereGetParameterIsUnknown) {
+  for (const bool announced : {true, false}) {
+    ScriptedRtspServer server({.session = "id-7;timeout=2", .knows_get_parameter = false});
+    if (!announced) {  // the server does not say which methods it knows: the 405 does
+      server.Once("OPTIONS", [&](const RtspRequest& r) {
+        return test::WithoutHeader(server.GoodAnswer(r), "Public");
+      });
+    }
+    RtspTestClient client;
+    stRTSPClientConfig config = ConfigFor(server.Url(), kRtspTransportInterleaved);
+    client.SetConfig(&config);
+    ASSERT_EQ(client.OpenStream(), 1);
+    client.Play();
+    ASSERT_TRUE(WaitFor([&] { return server.Count("OPTIONS") >= 3; }));
+    EXPECT_EQ(server.Count("GET_PARAMETER"), announced ? 0u : 1u);
+    EXPECT_EQ(server.Requests("OPTIONS")[1].Header("Session"), "id-7");
+  }
+}
+
+class KeepingBoth : public testing::TestWithParam<int> {};
+INSTANTIATE_TEST_SUITE_P(, KeepingBoth,
+                         testing::Values(kRtspTransportUdp, kRtspTransportInterleaved));
+
+TEST_P(KeepingBoth, ACameraThatIsSwitchedOffAndOnIsBackWithoutHelp) {
+  ScriptedRtspServer server;
+  RtspTestClient client;
+  stRTSPClientConfig config = ConfigFor(server.Url(), GetParam());
+  client.SetConfig(&config);
+  client.SetReconnectPolicy(QuickPolicy());
+  ASSERT_EQ(client.OpenStream(), 1);
+  client.Play();
+  H264Packets packets;
+  std::size_t seen = 0;
+  const auto frameArrives = [&] {
+    return WaitFor([&] {
+      server.SendRtp(0, packets.Picture());
+      server.SendRtp(0, packets.KeyFrame());
+      return client.Video().size() > seen;
+    });
+  };
+  for (std::uint32_t round = 1; round <= 3; ++round) {
+    ASSERT_TRUE(frameArrives());
+    server.Stop();
+    ASSERT_TRUE(
+        WaitFor([&] { return client.GetConnectionStatus().state != ConnectionState::kPlaying; }));
+    ASSERT_TRUE(WaitFor([&] { return client.Fault() == ConnectionFault::kUnreachable; }));
+    EXPECT_EQ(client.IsClientPlaying(), 0);
+    server.Start();
+    ASSERT_TRUE(WaitFor([&] { return client.GetConnectionStatus().reconnects == round; }));
+    seen = client.Video().size();
+    ASSERT_TRUE(frameArrives());
+  }
+}
+
+TEST_P(KeepingBoth, AStreamWithoutPacketsIsDeadAndOpenedAgain) {
+  ScriptedRtspServer server;
+  RtspTestClient client;
+  stRTSPClientConfig config = ConfigFor(server.Url(), GetParam());
+  client.SetConfig(&config);
+  ReconnectPolicy policy = QuickPolicy();
+  policy.deadStreamMs = 200;
+  client.SetReconnectPolicy(policy);
+  ASSERT_EQ(client.OpenStream(), 1);
+  client.Play();
+  ASSERT_TRUE(WaitFor([&] { return client.GetConnectionStatus().reconnects >= 2; }));
+  EXPECT_GE(server.Count("TEARDOWN"), 1u) << "the camera's session is given back";
+}
+
+TEST(Keeping, AForgottenSessionIsOpenedAgain) {
+  ScriptedRtspServer server({.session = "1;timeout=2"});
+  server.Once("GET_PARAMETER",
+              [](const RtspRequest& r) { return test::RtspResponse(r, 454, "Session Not Found"); });
+  RtspTestClient client;
+  stRTSPClientConfig config = ConfigFor(server.Url(), kRtspTransportUdp);
+  client.SetConfig(&config);
+  client.SetReconnectPolicy(QuickPolicy());
+  ASSERT_EQ(client.OpenStream(), 1);
+  client.Play();
+  EXPECT_TRUE(WaitFor([&] { return client.GetConnectionStatus().reconnects == 1; }));
+}
+
+TEST(Keeping, StaysClosedWhenThePolicySaysSoAndAfterCloseStream) {
+  ScriptedRtspServer server;
+  RtspTestClient client;
+  stRTSPClientConfig config = ConfigFor(server.Url(), kRtspTransportInterleaved);
+  client.SetConfig(&config);
+  client.SetReconnectPolicy(QuickPolicy());
+  ASSERT_EQ(client.OpenStream(), 1);
+  client.Play();
+  client.CloseStream();
+  server.CloseConnections();
+  EXPECT_EQ(client.GetConnectionStatus().state, ConnectionState::kClosed);
+
+  ReconnectPolicy once = QuickPolicy();
+  once.enabled = false;
+  client.SetReconnectPolicy(once);
+  server.On("DESCRIBE",
+            [](const RtspRequest& r) { return test::RtspResponse(r, 404, "Not Found"); });
+  ASSERT_EQ(client.KeepOpen(), 1);
+  ASSERT_TRUE(WaitFor([&] { return client.Fault() == ConnectionFault::kNoSuchStream; }));
+  ASSERT_TRUE(
+      WaitFor([&] { return client.GetConnectionStatus().state == ConnectionState::kClosed; }));
+  EXPECT_EQ(server.Connections().size(), 2u);
+}
+
+// Many cameras that vanish together must not be opened all at the same moment.
+TEST(Keeping, CamerasThatComeBackTogetherDoNotStorm) {
+  ScriptedRtspServer server;
+  ReconnectPolicy policy = QuickPolicy();
+  policy.firstPauseMs = 2'000;
+  policy.longestPauseMs = 4'000;
+  std::vector<std::unique_ptr<RtspTestClient>> clients;
+  constexpr std::size_t kCameras = 40;
+  for (std::size_t i = 0; i < kCameras; ++i) {
+    clients.push_back(std::make_unique<RtspTestClient>());
+    stRTSPClientConfig config = ConfigFor(server.Url(), kRtspTransportInterleaved);
+    clients.back()->SetConfig(&config);
+    clients.back()->SetReconnectPolicy(policy);
+    ASSERT_EQ(clients.back()->KeepOpen(), 1);
+  }
+  const auto allPlaying = [&] { return server.Playing() == kCameras; };
+  ASSERT_TRUE(WaitFor(allPlaying));
+  server.CloseConnections();
+  ASSERT_TRUE(WaitFor([&] { return server.Playing() == 0; }));
+  ASSERT_TRUE(WaitFor(allPlaying));
+  auto times = server.Connections();
+  times.erase(times.begin(), times.begin() + kCameras);
+  ASSERT_GE(times.size(), kCameras);
+  EXPECT_GT(times.back() - times.front(), std::chrono::milliseconds(500)) << "spread over a second";
+}
+
+}  // namespace
