@@ -27,7 +27,7 @@ LEAVES = {
     "cms/live/" + name
     for name in (
         "buffer frame_buffer circular_buffer simple_buffer auto_buffer raw_buffer "
-        "frame_header codec_id".split()
+        "frame_header codec_id internal/zeroed internal/slot_ring".split()
     )
 } | {"cms/streaming/stream_probes"}
 
