@@ -50,7 +50,7 @@ int Line(View<Char> text, std::basic_string<Char>& line, int start) {
 
 template <class Char>
 auto Lower(Char c) {
-  const auto code = static_cast<std::make_unsigned_t<Char>>(c);
+  const auto code = static_cast<std::make_unsigned_t<Char>>(c);  // NOLINT(*signed-char-misuse)
   return code >= 'A' && code <= 'Z' ? static_cast<decltype(code)>(code - 'A' + 'a') : code;
 }
 

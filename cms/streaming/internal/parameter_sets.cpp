@@ -45,8 +45,11 @@ ParameterSets DecodeParameterSets(std::string_view list) {
     // A type byte alone is no parameter set.
     if (nal.size() < 2) continue;
     const int type = nal[0] & 0x1f;
-    if (type == kSequenceParameterSet && sets.sps.empty()) sets.sps = std::move(nal);
-    if (type == kPictureParameterSet && sets.pps.empty()) sets.pps = std::move(nal);
+    if (type == kSequenceParameterSet && sets.sps.empty()) {
+      sets.sps = std::move(nal);
+    } else if (type == kPictureParameterSet && sets.pps.empty()) {
+      sets.pps = std::move(nal);
+    }
   }
   return sets;
 }
