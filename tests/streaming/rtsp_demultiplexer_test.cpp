@@ -7,6 +7,7 @@
 #include <random>
 #include <span>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/support/data_file.h"
@@ -179,6 +180,20 @@ TEST_F(RTSPDemultiplexerTest, ResetForgetsTheTailAndTheChannels) {
   demultiplexer_.Reset();
   Add(Answer(1) + Whole(0, "x") + Answer(2));
   EXPECT_THAT(recorder_.events, ElementsAre("m" + Answer(1), "m" + Answer(2)));
+}
+
+TEST_F(RTSPDemultiplexerTest, ChannelsAndCountersAreForAnyThread) {
+  std::thread owner([this] {
+    for (int i = 0; i < 1000; ++i) {
+      demultiplexer_.SetChannels({0, 1, i % 2 ? 2 : -1, 3});
+      EXPECT_EQ(demultiplexer_.OversizeMessages(), 0u);
+    }
+  });
+  const std::string frame = Whole(0, "x");
+  for (int i = 0; i < 1000; ++i) Add(frame);
+  owner.join();
+  EXPECT_EQ(recorder_.events.size(), 999u);
+  EXPECT_EQ(demultiplexer_.SkippedBytes(), 0u);
 }
 
 // Streams of frames and messages whose payloads look like the framing.
