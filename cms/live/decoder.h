@@ -49,7 +49,8 @@ class CMS_API CMSDecoder {
   int Create(DECODE_CODEC codec, tagSIZE size);
 
   // Closes what is open and opens the same (or the given) codec anew: 0 on success; 1 when nothing
-  // was open or the opening failed, with the decoder closed.
+  // was open or the opening failed, with the decoder closed. Frames queued for the decode thread
+  // are dropped, as by Release: they continue pictures that the new codec does not know.
   int Reset();
   int Reset(DECODE_CODEC codec, tagSIZE size);
 

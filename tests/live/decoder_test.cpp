@@ -359,6 +359,40 @@ TEST(DecodeThread, AFullQueueRefusesFramesAndLosesNoneOfTheOthers) {
   EXPECT_LE(results.Total(), queued + 2);
 }
 
+TEST(DecodeThread, ResetDropsTheQueuedFramesOfTheStreamBefore) {
+  const auto clip = EncodeClip(Spec(ClipCodec::kH264, 320, 240, 5));
+  struct Gate {
+    Results results;
+    std::atomic<bool> open{false};
+  } gate;
+  CMSDecoder decoder;
+  ASSERT_EQ(decoder.Create(DECODE_CODEC_H264, {}), 0);
+  decoder.SetResultCallback(
+      [](void* context, DECODE_RESULT result) {
+        Gate& held = *static_cast<Gate*>(context);
+        Results::Count(&held.results, result);
+        EXPECT_TRUE(test::WaitFor([&] { return held.open.load(); }));
+      },
+      &gate);
+  ASSERT_EQ(decoder.StartThread(), 0);
+  const auto put = [&](std::size_t frame) {
+    const Bytes& data = clip[frame].data;
+    return decoder.PutBuffer(data.data(), static_cast<int>(data.size()));
+  };
+  ASSERT_EQ(put(0), 1);
+  ASSERT_TRUE(test::WaitFor([&] { return gate.results.Total() == 1; }));
+  for (std::size_t frame = 1; frame < 5; ++frame) {
+    ASSERT_EQ(put(frame), 1);
+  }
+  ASSERT_EQ(decoder.Reset(), 0);
+  ASSERT_EQ(put(0), 1);
+  gate.open = true;
+  ASSERT_TRUE(test::WaitFor([&] { return gate.results.Total() == 2; }));
+  EXPECT_EQ(gate.results.counts[DECODE_RESULT_PICTURE], 2);
+  decoder.EndThread();
+  EXPECT_EQ(gate.results.Total(), 2);
+}
+
 TEST(DecodeThread, EndsUnderLoadWhileOthersDrawResetAndQueue) {
   const auto clip = EncodeClip(Spec(ClipCodec::kH264, 160, 120, 10));
   for (int round = 0; round < 10; ++round) {

@@ -19,6 +19,16 @@ void DecodeQueue::Start() {
   stopped_ = false;
 }
 
+void DecodeQueue::Clear() {
+  const ScopeLock guard(lock_);
+  for (; queued_ > 0; --queued_) {
+    const int slot = order_[static_cast<std::size_t>(first_)];
+    first_ = (first_ + 1) % kMaxFrames;
+    bytes_ -= static_cast<std::size_t>(slots_[static_cast<std::size_t>(slot)].length);
+    free_[static_cast<std::size_t>(free_count_++)] = slot;
+  }
+}
+
 void DecodeQueue::Stop() {
   const ScopeLock guard(lock_);
   stopped_ = true;

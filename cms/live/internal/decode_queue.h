@@ -37,6 +37,9 @@ class DecodeQueue {
   bool Take(Frame& frame);
   void Done();
 
+  // Drops what is queued; a taken frame stays valid.
+  void Clear();
+
   // Stop releases a waiting consumer and refuses frames; Start empties the queue and opens it
   // again.
   void Stop();

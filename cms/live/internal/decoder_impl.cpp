@@ -37,6 +37,7 @@ void CMSDecoder::Impl::Release() {
 
 void CMSDecoder::Impl::Close() {
   codec_.Close();
+  queue_.Clear();  // its frames refer to pictures that are gone
   const ScopeLock guard(lock_);
   decoded_ = {};
 }
