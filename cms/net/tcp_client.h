@@ -85,6 +85,10 @@ class CMS_API TCPClientBase : public cms::SocketEndpoint {
 
   int IsDataAvail();  // non-zero when the receive queue is not empty
 
+  // Waits until OnRecv has something to take (true) or the milliseconds are over; a negative limit
+  // is none. OnReleaseMemory ends every wait, with true.
+  bool WaitForData(int milliseconds) { return recv_queue_.WaitForFrame(milliseconds); }
+
   // Change nothing; non-zero when that stand-alone thread exists.
   int SetRecvThrdPriority(int priority);
   int SetSendThrdPriority(int priority);
