@@ -5,6 +5,12 @@
 
 #include "cms/live/internal/zeroed.h"
 
+namespace {
+
+constexpr long kReadableBehind = 64;  // what a decoder may read behind a frame
+
+}  // namespace
+
 void CRawBuffer::Free::operator()(unsigned char* block) const {
   std::free(block);
 }
@@ -42,7 +48,7 @@ bool CRawBuffer::Fits(long len) const {
 }
 
 bool CRawBuffer::Reserve(long capacity) {
-  cms::ZeroedBlock block = cms::AllocateZeroed(capacity);
+  cms::ZeroedBlock block = cms::AllocateZeroed(capacity + kReadableBehind);
   if (block == nullptr) {
     return false;
   }
