@@ -16,6 +16,5 @@ struct CommandResult {
 };
 
 void AddCameraCommand(CLI::App& app, CommandResult& result);
-void AddLiveCommand(CLI::App& app, CommandResult& result);
 
 }  // namespace tools

@@ -1,0 +1,340 @@
+#include "cms/streaming/http_client.h"
+
+#include <pthread.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <new>
+#include <system_error>
+
+#include "cms/net/tcp_client.h"
+
+namespace {
+
+constexpr int kReceiveDepth = 30;
+constexpr int kReceiveChunk = 10240;
+constexpr int kSendDepth = 4;
+constexpr int kSendChunk = 10240;
+constexpr int kConnectTimeoutMs = 10'000;
+
+// A connection that ended is given up once its last bytes are parsed; looked at so often until
+// then.
+constexpr std::uint64_t kDrainLookMs = 20;
+
+constexpr int kVideoTypeWithFixedAudio = 5;
+constexpr int kFixedAudioType = 13;
+
+tTcpClientParam ConnectionSizes() {
+  tTcpClientParam sizes;
+  sizes.recv_queue_depth = kReceiveDepth;
+  sizes.recv_chunk_size = kReceiveChunk;
+  sizes.send_queue_depth = kSendDepth;
+  sizes.send_chunk_size = kSendChunk;
+  return sizes;
+}
+
+}  // namespace
+
+class CMSHTTPClient::Connection final : public TCPClientBase {
+ public:
+  explicit Connection(CMSHTTPClient& client) : TCPClientBase(ConnectionSizes()), client_(client) {}
+  ~Connection() override { Connection::End(); }
+
+  int OnConnect(unsigned long address, unsigned long port) override {
+    return ConnectSocket(address, port, kConnectTimeoutMs, &client_.cancel_);
+  }
+  void OnPeerClosed() override { client_.OnConnectionClosed(); }
+
+  // Wakes the process thread for good.
+  void End() {
+    OnStopTCPClient(true);
+    OnReleaseMemory();
+  }
+  int Error() const { return LastSocketError(); }
+
+ private:
+  CMSHTTPClient& client_;
+};
+
+CMSHTTPClient::CMSHTTPClient() = default;
+
+CMSHTTPClient::~CMSHTTPClient() {
+  CMSHTTPClient::StopPlay();
+}
+
+int CMSHTTPClient::SetConfig(void* config) {
+  if (config == nullptr) {
+    return 0;
+  }
+  ScopeLock lock(lock_);
+  if (connection_ != nullptr) {
+    return 0;
+  }
+  config_ = *static_cast<const stHTTPClientConfig*>(config);
+  request_.clear();
+  if (config_.request != nullptr && config_.requestLength > 0) {
+    request_.assign(config_.request, static_cast<std::size_t>(config_.requestLength));
+  }
+  config_.request = request_.data();
+  videoType_ = config_.videoType;
+  audioType_.store(config_.audioType, std::memory_order_relaxed);
+  return AllocChannelData(config_.channelCount);
+}
+
+void CMSHTTPClient::SetAudioType() {
+  if (config_.videoType == kVideoTypeWithFixedAudio) {
+    audioType_.store(kFixedAudioType, std::memory_order_relaxed);
+  }
+}
+
+// A recording is not part of this client yet: there is no file to change.
+int CMSHTTPClient::ChangeRecordFile() {
+  return 0;
+}
+int CMSHTTPClient::ChangeRecordPath(const wchar_t*) {
+  return 0;
+}
+
+// --- Life ---------------------------------------------------------------------------------------
+
+int CMSHTTPClient::Play() {
+  {
+    ScopeLock lock(lock_);
+    if (OpenLocked() == 0) {
+      return 0;
+    }
+  }
+  StartKeeping();
+  return 1;
+}
+
+int CMSHTTPClient::OpenLocked() {
+  if (connection_ != nullptr || raw_ != nullptr || processThread_.joinable()) {
+    return 0;
+  }
+  MarkOpening();
+  SetFault(ConnectionFault::kNone, "");
+  if (Connect() == 0 || InitialCodecs() == 0 || StartProcessThread() == 0 || SendRequest() == 0) {
+    SetState(ConnectionState::kClosed);
+    return 0;
+  }
+  MarkOpened();
+  playing_.store(1, std::memory_order_relaxed);
+  SetState(ConnectionState::kPlaying);
+  return 1;
+}
+
+int CMSHTTPClient::Connect() {
+  closedByCamera_.store(false);
+  connection_ = std::make_unique<Connection>(*this);
+  if (connection_->OnStartTCPClient(config_.address, config_.port, config_.connectOption) == 0) {
+    return FailConnect(connection_->Error());
+  }
+  raw_ = std::make_unique<CRawBuffer>(kMaxRawBytes, kMaxRawBytes);
+  return raw_->Data() != nullptr ? 1 : Fail(ConnectionFault::kOutOfResources, "out of memory");
+}
+
+int CMSHTTPClient::FailConnect(int error) {
+  switch (error) {
+    case ECANCELED:
+      return Fail(ConnectionFault::kCancelled, "closed while connecting");
+    case 0:  // the connection stood, but no I/O thread could be had
+    case EMFILE:
+    case ENFILE:
+    case ENOMEM:
+      return Fail(ConnectionFault::kOutOfResources, "no descriptor, thread or memory left");
+    default:
+      return Fail(ConnectionFault::kUnreachable,
+                  "cannot connect: " + std::generic_category().message(error));
+  }
+}
+
+int CMSHTTPClient::InitialCodecs() {
+  if (ChannelCount() != config_.channelCount) {
+    AllocChannelData(config_.channelCount);  // StopPlay released them
+  }
+  for (unsigned i = 0; i < ChannelCount(); ++i) {
+    CMSChannelDataBase* const channel = Channel(i);
+    if (channel == nullptr || channel->InitialCodec(config_.codec) == 0) {
+      for (unsigned opened = 0; opened < ChannelCount(); ++opened) {
+        if (CMSChannelDataBase* const other = Channel(opened)) {
+          other->ReleaseCodec();
+        }
+      }
+      return Fail(ConnectionFault::kNoUsableVideo, "no decoder for the configured codec");
+    }
+    channel->SetFindNextIFrameStatus(1);
+  }
+  return 1;
+}
+
+int CMSHTTPClient::StartProcessThread() {
+  running_.store(1, std::memory_order_relaxed);
+  try {
+    processThread_ = std::thread(&CMSHTTPClient::Process, this);
+  } catch (const std::system_error&) {
+    running_.store(0, std::memory_order_relaxed);
+    return Fail(ConnectionFault::kOutOfResources, "cannot start a thread");
+  }
+  return 1;
+}
+
+int CMSHTTPClient::SendRequest() {
+  const int length = static_cast<int>(request_.size());
+  if (length > 0 && connection_->OnSend(request_.data(), length) != length) {
+    return Fail(ConnectionFault::kOutOfResources, "the request is longer than the send queue");
+  }
+  return 1;
+}
+
+int CMSHTTPClient::StopPlay() {
+  CancelOpening();
+  StopKeeping();
+  {
+    ScopeLock lock(lock_);
+    CloseLocked();
+    AllocChannelData(0);
+  }
+  ResumeOpening();
+  return 1;
+}
+
+void CMSHTTPClient::CloseLocked() {
+  running_.store(0, std::memory_order_relaxed);
+  if (connection_ != nullptr) {
+    connection_->End();
+  }
+  if (processThread_.joinable()) {
+    processThread_.join();
+  }
+  connection_.reset();
+  raw_.reset();
+  playing_.store(0, std::memory_order_relaxed);
+  SetState(ConnectionState::kClosed);
+}
+
+int CMSHTTPClient::Fail(ConnectionFault fault, const std::string& what) {
+  char address[64];
+  std::snprintf(address, sizeof address, "%u.%u.%u.%u:%u: ", config_.address >> 24,
+                config_.address >> 16 & 255, config_.address >> 8 & 255, config_.address & 255,
+                unsigned{config_.port});
+  SetFault(fault, address + what);
+  return 0;
+}
+
+// --- Keeping ------------------------------------------------------------------------------------
+
+int CMSHTTPClient::OpenForKeeping() {
+  ScopeLock lock(lock_);
+  if (playing_.load(std::memory_order_relaxed) != 0) {
+    return 1;  // the client application was faster
+  }
+  if (OpenLocked() == 0) {
+    CloseLocked();
+    return 0;
+  }
+  return 1;
+}
+
+void CMSHTTPClient::CloseForKeeping() {
+  ScopeLock lock(lock_);
+  CloseLocked();
+}
+
+void CMSHTTPClient::CancelOpening() {
+  ScopeLock lock(cancelLock_);
+  ++cancels_;
+  cancel_.Signal();
+}
+
+void CMSHTTPClient::ResumeOpening() {
+  ScopeLock lock(cancelLock_);
+  if (--cancels_ == 0) {
+    cancel_.Clear();
+  }
+}
+
+void CMSHTTPClient::OnConnectionClosed() {
+  SetFault(ConnectionFault::kClosedByCamera, "the camera ended the connection");
+  closedByCamera_.store(true);
+  PokeKeeping();
+}
+
+ConnectionFault CMSHTTPClient::KeepAlive(std::uint64_t, std::uint64_t* nextInMs) {
+  ScopeLock lock(lock_);
+  if (connection_ == nullptr) {
+    SetFault(ConnectionFault::kCancelled, "stopped by the client application");
+    return ConnectionFault::kCancelled;
+  }
+  *nextInMs = ~std::uint64_t{0};
+  if (!closedByCamera_.load()) {
+    return ConnectionFault::kNone;
+  }
+  if (connection_->IsDataAvail() != 0 || parsing_.load()) {
+    *nextInMs = kDrainLookMs;
+    return ConnectionFault::kNone;
+  }
+  return ConnectionFault::kClosedByCamera;
+}
+
+std::uint64_t CMSHTTPClient::PacketCount() const {
+  return packets_.load(std::memory_order_relaxed);
+}
+
+std::uint64_t CMSHTTPClient::OversizeFrameCount() const {
+  return oversize_.load(std::memory_order_relaxed);
+}
+
+// --- The process thread -------------------------------------------------------------------------
+
+void CMSHTTPClient::Process() {
+  pthread_setname_np(pthread_self(), "cms-http");
+  const std::unique_ptr<char[]> received(new (std::nothrow) char[kReceiveChunk]);
+  if (received == nullptr) {
+    running_.store(0, std::memory_order_relaxed);
+    return;
+  }
+  while (running_.load(std::memory_order_relaxed) != 0) {
+    connection_->WaitForData(-1);  // ended by End, too
+    parsing_.store(true);
+    const int length = connection_->OnRecv(received.get(), kReceiveChunk);
+    if (length > 0) {
+      packets_.fetch_add(1, std::memory_order_relaxed);
+      Keep(received.get(), length);
+      ParseFrames();
+    }
+    parsing_.store(false);
+  }
+}
+
+void CMSHTTPClient::Keep(const char* data, int length) {
+  if (raw_->Append(data, length) == 0) {
+    oversize_.fetch_add(1, std::memory_order_relaxed);
+    raw_->Clear();
+    raw_->Append(data, length);
+  }
+}
+
+void CMSHTTPClient::ParseFrames() {
+  int more = 1;
+  while (more == 1 && running_.load(std::memory_order_relaxed) != 0) {
+    int isAudio = 0;
+    int length = 0;
+    int videoFlag = 0;
+    int extra = 0;
+    if (ParseStreamFrame(raw_.get(), &isAudio, &length, &videoFlag, &extra, &more) == 0) {
+      continue;
+    }
+    if (length <= 0 || length > raw_->Length()) {
+      return;  // no frame of this length is there: asking again would not end
+    }
+    if (isAudio != 0) {
+      OnStreamAudioFrame(0, 0, raw_->Data(), length, extra);
+    } else {
+      OnStreamVideoFrame(0, 0, raw_->Data(), length, extra, videoFlag);
+    }
+    if (length <= raw_->Length()) {
+      raw_->Erase(0, length);
+    }
+  }
+}

@@ -1,0 +1,123 @@
+// CMSHTTPClient: the base of clients that receive an endless stream over HTTP.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "cms/live/client_base.h"
+#include "cms/live/codec_id.h"
+#include "cms/live/raw_buffer.h"
+#include "cms/runtime/api.h"
+#include "cms/runtime/wake_up.h"
+
+// Given to CMSHTTPClient::SetConfig, which copies it with the request bytes.
+struct stHTTPClientConfig {
+  std::uint32_t address = 0;  // IPv4, host order
+  std::uint16_t port = 80;
+  CMSCodecID codec = CMS_CODEC_MJPEG;         // of every channel
+  std::array<std::int32_t, 7> audioPlayer{};  // for the audio player
+  const char* request = nullptr;              // sent once after connecting, as it is
+  int requestLength = 0;                      // bytes, at most 40,959
+  unsigned channelCount = 1;
+  int videoType = 0;
+  int audioType = 0;
+  unsigned int connectOption = 0;  // group key: which pair of I/O threads serves the connection
+};
+
+// Connects, sends one prepared request and cuts the endless reply into frames. A subclass for each
+// kind of stream supplies Pause and Resume, ParseStreamFrame and the two hand-overs; it calls
+// StopPlay in its own destructor, because the process thread calls these.
+//
+// Play and StopPlay may come from any thread. Between them the stream is kept as CMSClientBase
+// describes: a connection that the camera ends, or that falls silent, is opened again. The process
+// thread is the only one that reads the socket and changes the raw buffer; it sleeps while nothing
+// arrives. There is no audio player yet: clients run without audio.
+class CMS_API CMSHTTPClient : public CMSClientBase {
+ public:
+  // Bytes that wait for the rest of their frame, with the headers around it. A stream in which no
+  // frame ends within so many is cleared out, counted as an oversize frame, and parsed on.
+  static constexpr long kMaxRawBytes = 1048576;
+
+  CMSHTTPClient();
+  ~CMSHTTPClient() override;
+
+  // `config` is an stHTTPClientConfig. Makes the channels anew. 0 while playing.
+  int SetConfig(void* config) override;
+
+  // 0 when it plays already (nothing changes then), when the connection or a channel's codec cannot
+  // be opened, or when the request does not fit: StopPlay then releases what was made. Connecting
+  // takes at most 10 s; StopPlay from another thread ends it at once.
+  int Play() override;
+
+  // Ends the process thread and releases all that Play made, the channels included: no picture may
+  // be locked, and decoding is to be enabled again after the next Play. Not from a hand-over.
+  int StopPlay() override;
+
+  int ChangeRecordFile() override;
+  int ChangeRecordPath(const wchar_t* path) override;
+
+  // `data` is the front of the raw buffer, valid during the call; CMSDecoder::kInputPadding bytes
+  // behind it are readable. `channel` and `reserved` are always 0.
+  virtual void OnStreamVideoFrame(unsigned channel, int reserved, unsigned char* data, int length,
+                                  int extra, int videoFlag) = 0;
+  virtual void OnStreamAudioFrame(unsigned channel, int reserved, unsigned char* data, int length,
+                                  int extra) = 0;
+
+  virtual void SetAudioType();  // a configured video type of 5 makes the audio type 13
+
+  // Looks for a whole frame at the front of the raw buffer. Non-zero when there is one, of
+  // *frameLength bytes, which are handed over and removed; the parser itself may remove bytes that
+  // belong to no frame. It is called until it sets *more (1 on entry) to something else, which it
+  // does as soon as no further whole frame is there. *videoFlag and *extra go to the hand-over.
+  virtual int ParseStreamFrame(CRawBuffer* buffer, int* isAudio, int* frameLength, int* videoFlag,
+                               int* extra, int* more) = 0;
+
+ protected:
+  int OpenForKeeping() override;
+  void CloseForKeeping() override;
+  void CancelOpening() override;
+  void ResumeOpening() override;
+  ConnectionFault KeepAlive(std::uint64_t now, std::uint64_t* nextInMs) override;
+  std::uint64_t PacketCount() const override;
+  std::uint64_t OversizeFrameCount() const override;
+
+  const stHTTPClientConfig& Config() const { return config_; }
+
+ private:
+  class Connection;
+
+  int OpenLocked();
+  int Connect();
+  int InitialCodecs();
+  int StartProcessThread();
+  int SendRequest();
+  void CloseLocked();
+  int FailConnect(int error);
+  int Fail(ConnectionFault fault, const std::string& what);
+  void Process();
+  void Keep(const char* data, int length);
+  void ParseFrames();
+  void OnConnectionClosed();
+
+  // Under the client's lock; the process thread uses the connection and the raw buffer while it
+  // runs.
+  stHTTPClientConfig config_;
+  std::string request_;
+  std::unique_ptr<Connection> connection_;
+  std::unique_ptr<CRawBuffer> raw_;
+  std::thread processThread_;
+  std::atomic<int> running_{0};
+
+  CMSCritical cancelLock_;
+  int cancels_ CMS_GUARDED_BY(cancelLock_) = 0;
+  cms::WakeUp cancel_;  // signalled while cancels_ is above 0
+
+  std::atomic<bool> closedByCamera_{false};
+  std::atomic<bool> parsing_{false};  // set before bytes leave the queue, until they are parsed
+  std::atomic<std::uint64_t> packets_{0};
+  std::atomic<std::uint64_t> oversize_{0};
+};
