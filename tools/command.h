@@ -16,5 +16,6 @@ struct CommandResult {
 };
 
 void AddCameraCommand(CLI::App& app, CommandResult& result);
+void AddLiveCommand(CLI::App& app, CommandResult& result);
 
 }  // namespace tools

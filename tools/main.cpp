@@ -36,6 +36,7 @@ int main(int argc, char** argv) {
   CLI::App app("Orvanta CMS media SDK: watch, record and configure IP cameras", "orvanta");
   app.require_subcommand(1);
   tools::CommandResult result;
+  tools::AddLiveCommand(app, result);
   tools::AddCameraCommand(app, result);
   tools::CatchStopSignals();
   try {

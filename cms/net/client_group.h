@@ -17,7 +17,8 @@ class UDPClientBase;
 // its first 64 distinct sockets in the order of registration, TCP before UDP; later ones wait until
 // a place is free, so callers spread their clients over keys.
 //
-// Members may be called from any thread, also from a client's own callback.
+// Members may be called from any thread, also from a client's own callback; for one client, by one
+// thread at a time.
 //
 // No deadlock between an owner that unregisters and a callback that does: the table's lock is never
 // held while a group's locks are taken or a thread is started or stopped (the groups are kept alive

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <string>
 #include <thread>
 #include <vector>
@@ -195,6 +196,29 @@ TEST_F(RTCPInstanceTest, TheLoopRunsUntilStopPlay) {
   instance_.StopPlay();
   EXPECT_TRUE(test::WaitFor([&] { return ended.load(); }));
   loop.join();
+}
+
+TEST_F(RTCPInstanceTest, PacketsStepsAndTheOwnerMeetFromThreeThreads) {
+  ASSERT_EQ(instance_.SetConfig(config_), 1);
+  instance_.Play();
+  std::atomic<bool> done{false};
+  std::thread receiver([&] {
+    while (!done) AddPacket(SenderPacket());
+  });
+  std::thread sender([&] {
+    while (!done) EXPECT_EQ(instance_.RTCPProcessNB(), 0);
+  });
+  for (int i = 0; i < 200; ++i) {
+    instance_.StopPlay();
+    instance_.Play();
+    std::this_thread::yield();
+  }
+  done = true;
+  receiver.join();
+  sender.join();
+  AddPacket(SenderPacket());
+  Process();
+  EXPECT_EQ(sent_.size(), 1u) << "the clock stood still";
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <random>
 #include <span>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/support/data_file.h"
@@ -181,6 +182,20 @@ TEST_F(RTSPDemultiplexerTest, ResetForgetsTheTailAndTheChannels) {
   EXPECT_THAT(recorder_.events, ElementsAre("m" + Answer(1), "m" + Answer(2)));
 }
 
+TEST_F(RTSPDemultiplexerTest, ChannelsAndCountersAreForAnyThread) {
+  std::thread owner([this] {
+    for (int i = 0; i < 1000; ++i) {
+      demultiplexer_.SetChannels({0, 1, i % 2 ? 2 : -1, 3});
+      EXPECT_EQ(demultiplexer_.OversizeMessages(), 0u);
+    }
+  });
+  const std::string frame = Whole(0, "x");
+  for (int i = 0; i < 1000; ++i) Add(frame);
+  owner.join();
+  EXPECT_EQ(recorder_.events.size(), 999u);
+  EXPECT_EQ(demultiplexer_.SkippedBytes(), 0u);
+}
+
 // Streams of frames and messages whose payloads look like the framing.
 class Streams {
  public:
@@ -237,29 +252,70 @@ class Streams {
   std::mt19937 random_;
 };
 
+struct Outcome {
+  std::vector<std::string> events;
+  std::uint64_t skipped = 0;
+  std::uint64_t oversize = 0;
+  bool operator==(const Outcome&) const = default;
+};
+
+// Adds the stream in segments of the sizes that `next` gives.
+template <typename Next>
+Outcome Demultiplex(const std::string& stream, Next next) {
+  Recorder recorder;
+  cms::RTSPDemultiplexer demultiplexer(recorder);
+  demultiplexer.SetChannels({30, 32, 34, 36});
+  for (std::size_t at = 0; at < stream.size();) {
+    // A segment of its own, so that reading past its end is noticed.
+    const std::string segment = stream.substr(at, next());
+    demultiplexer.Add({reinterpret_cast<const std::uint8_t*>(segment.data()), segment.size()});
+    at += segment.size();
+  }
+  return {recorder.events, demultiplexer.SkippedBytes(), demultiplexer.OversizeMessages()};
+}
+
 TEST(RTSPDemultiplexerStreams, ComeOutIdenticalHoweverTheyAreCut) {
   for (unsigned seed = 0; seed < 150; ++seed) {
     SCOPED_TRACE(seed);
     Streams streams(seed);
     std::string stream;
-    std::vector<std::string> events;
-    for (int i = 0; i < 40; ++i) streams.AddElement(stream, events);
+    Outcome expected;
+    for (int i = 0; i < 40; ++i) streams.AddElement(stream, expected.events);
     stream += Answer(99);
-    events.push_back("m" + Answer(99));
-
-    Recorder recorder;
-    cms::RTSPDemultiplexer demultiplexer(recorder);
-    demultiplexer.SetChannels({30, 32, 34, 36});
-    for (std::size_t at = 0; at < stream.size();) {
-      // A segment of its own, so that reading past its end is noticed.
-      const std::string segment = stream.substr(at, streams.SegmentSize());
-      demultiplexer.Add({reinterpret_cast<const std::uint8_t*>(segment.data()), segment.size()});
-      at += segment.size();
-    }
-    ASSERT_EQ(recorder.events.size(), events.size());
-    ASSERT_TRUE(recorder.events == events);
-    ASSERT_EQ(demultiplexer.SkippedBytes(), 0u);
+    expected.events.push_back("m" + Answer(99));
+    ASSERT_TRUE(Demultiplex(stream, [&] { return streams.SegmentSize(); }) == expected);
   }
+}
+
+TEST(RTSPDemultiplexerStreams, LossesDoNotDependOnTheCutsAndEnd) {
+  std::uint64_t skipped = 0;
+  std::uint64_t oversize = 0;
+  for (unsigned seed = 0; seed < 150; ++seed) {
+    SCOPED_TRACE(seed);
+    Streams streams(seed);
+    std::string stream;
+    std::vector<std::string> events;
+    for (int i = 0; i < 30; ++i) {
+      const std::size_t start = stream.size();
+      streams.AddElement(stream, events);
+      if (streams.Below(6) == 0) stream.erase(start + streams.Below(stream.size() - start), 7);
+      if (streams.Below(20) == 0) stream += "RTSP/1.0 200 OK\r\n" + std::string(70000, 'x');
+    }
+    // Longer than any frame or head that the losses may have left open: what follows is in step
+    // again.
+    const std::string good = Whole(30, std::string(1000, '-'));
+    for (int i = 0; i < 400; ++i) stream += good;
+    stream += Answer(99);
+
+    const Outcome whole = Demultiplex(stream, [&] { return stream.size(); });
+    ASSERT_TRUE(Demultiplex(stream, [&] { return streams.SegmentSize(); }) == whole);
+    ASSERT_EQ(whole.events.back(), "m" + Answer(99));
+    ASSERT_EQ(whole.events[whole.events.size() - 2], "0" + good);
+    skipped += whole.skipped;
+    oversize += whole.oversize;
+  }
+  EXPECT_GT(skipped, 100000u);
+  EXPECT_GT(oversize, 10u);
 }
 
 }  // namespace

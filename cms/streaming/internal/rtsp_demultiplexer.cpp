@@ -101,10 +101,6 @@ void RTSPDemultiplexer::Add(Bytes data) {
       // Everything kept is finished: what is left came just now and is parsed where it lies.
       tail_size_ = 0;
       data = data.subspan(added - left);
-      if (left > 0 && left == data.size()) {
-        Append(data);
-        return;
-      }
     } else {
       std::memmove(tail_.get(), tail_.get() + (tail_size_ - left), left);
       tail_size_ = left;

@@ -1,0 +1,11 @@
+// Everything that a client application uses, in one include.
+#pragma once
+
+#include "cms/exports/codec_exports.h"
+#include "cms/exports/net_exports.h"
+#include "cms/exports/rtsp_exports.h"
+#include "cms/exports/stream_probe_exports.h"
+#include "cms/exports/text_exports.h"
+#include "cms/live/client_base.h"
+#include "cms/live/decoder.h"
+#include "cms/streaming/rtsp_client.h"

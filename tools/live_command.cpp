@@ -1,0 +1,211 @@
+// orvanta live: receives cameras, shows what arrives, and saves what they saw.
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <regex>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "cms/exports/net_exports.h"
+#include "tools/command.h"
+#include "tools/live_site.h"
+#include "tools/stop_signal.h"
+
+namespace tools {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+struct Arguments {
+  std::vector<std::string> urls;
+  std::vector<std::string> transports = {"udp"};
+  std::string user;
+  std::string password;
+  double seconds = 0;
+  std::uint64_t frames = 0;
+  std::string size;
+  std::string snapshot;
+  bool noDecode = false;
+  bool json = false;
+};
+
+void ReadSize(const std::string& text, LiveOptions* options) {
+  static const std::regex pattern("([1-9][0-9]{0,4})x([1-9][0-9]{0,4})");
+  std::smatch match;
+  if (text.empty()) {
+    return;
+  }
+  if (!std::regex_match(text, match, pattern)) {
+    throw CLI::ValidationError("--size", "\"" + text + "\" is not of the form 960x540");
+  }
+  options->width = std::stol(match[1]);
+  options->height = std::stol(match[2]);
+}
+
+// "seen.png" of one camera; "seen-1.png", "seen-2.png" of several.
+std::string SnapshotPath(const std::string& path, std::size_t number, std::size_t count) {
+  if (count == 1) {
+    return path;
+  }
+  const std::filesystem::path file(path);
+  return (file.parent_path() /
+          (file.stem().string() + "-" + std::to_string(number + 1) + file.extension().string()))
+      .string();
+}
+
+class Live {
+ public:
+  explicit Live(const Arguments& arguments) : arguments_(arguments) {
+    for (std::size_t i = 0; i < arguments.urls.size(); ++i) {
+      LiveOptions options;
+      options.url = arguments.urls[i];
+      options.user = arguments.user;
+      options.password = arguments.password;
+      options.interleaved =
+          arguments.transports[std::min(i, arguments.transports.size() - 1)] == "tcp";
+      options.decode = !arguments.noDecode;
+      options.number = static_cast<int>(i);
+      ReadSize(arguments.size, &options);
+      sites_.push_back(std::make_unique<LiveSite>(options));
+    }
+  }
+
+  ~Live() {
+    sites_.clear();
+    StopEachClientNBManager();
+  }
+
+  int Run() {
+    for (const auto& site : sites_) {
+      site->Open();
+    }
+    const auto start = Clock::now();
+    auto nextReport = start + std::chrono::seconds(1);
+    while (!Finished(start) && !AllFailed()) {
+      constexpr std::chrono::milliseconds kLook{50};
+      if (WaitForStop(kLook)) {
+        break;
+      }
+      if (Clock::now() >= nextReport) {
+        nextReport += std::chrono::seconds(1);
+        Report();
+      }
+    }
+    return Finish();
+  }
+
+ private:
+  bool Finished(Clock::time_point start) const {
+    if (arguments_.seconds > 0 &&
+        Clock::now() - start >= std::chrono::duration<double>(arguments_.seconds)) {
+      return true;
+    }
+    return arguments_.frames > 0 && std::all_of(sites_.begin(), sites_.end(), [&](auto& site) {
+             return site->Totals().videoFrames >= arguments_.frames;
+           });
+  }
+
+  // No camera has ever delivered, and each has failed at least once: there is nothing to wait for.
+  bool AllFailed() const {
+    return std::all_of(sites_.begin(), sites_.end(), [](auto& site) {
+      return site->Status().state == ConnectionState::kWaiting &&
+             site->Status().fault != ConnectionFault::kNone && !site->EverDelivered();
+    });
+  }
+
+  void Report() const {
+    std::FILE* const out = arguments_.json ? stderr : stdout;
+    if (arguments_.json && isatty(STDERR_FILENO) == 0) {
+      return;
+    }
+    for (const auto& site : sites_) {
+      std::fprintf(out, "%s\n", site->StatusLine().c_str());
+    }
+    std::fflush(out);
+  }
+
+  int Finish() {
+    int status = 0;
+    std::vector<std::string> failures;
+    for (std::size_t i = 0; i < sites_.size(); ++i) {
+      LiveSite& site = *sites_[i];
+      if (!site.EverDelivered()) {
+        const ConnectionStatus last = site.Status();
+        failures.push_back(
+            site.Url() + ": " +
+            (last.fault == ConnectionFault::kNone
+                 ? "no frame arrived"
+                 : std::string(ConnectionFaultName(last.fault)) + ": " + last.detail));
+        continue;
+      }
+      if (!arguments_.snapshot.empty()) {
+        try {
+          site.WriteSnapshot(SnapshotPath(arguments_.snapshot, i, sites_.size()));
+        } catch (const std::runtime_error& error) {
+          failures.push_back(site.Url() + ": " + error.what());
+        }
+      }
+    }
+    for (const auto& site : sites_) {
+      site->Close();
+    }
+    if (arguments_.json) {
+      nlohmann::ordered_json streams = nlohmann::ordered_json::array();
+      for (const auto& site : sites_) {
+        streams.push_back(site->Json());
+      }
+      std::printf("%s\n", nlohmann::ordered_json{{"streams", streams}}.dump(2).c_str());
+    }
+    for (const std::string& failure : failures) {
+      std::fprintf(stderr, "orvanta live: %s\n", failure.c_str());
+      status = 1;
+    }
+    return status;
+  }
+
+  const Arguments& arguments_;
+  std::vector<std::unique_ptr<LiveSite>> sites_;
+};
+
+}  // namespace
+
+void AddLiveCommand(CLI::App& app, CommandResult& result) {
+  auto arguments = std::make_shared<Arguments>();
+  CLI::App* const live = app.add_subcommand("live", "Receive and watch cameras");
+  live->add_option("urls", arguments->urls,
+                   "rtsp://[user:password@]host[:port]/path or http://... of MJPEG cameras")
+      ->required()
+      ->type_name("URL");
+  live->add_option("--transport", arguments->transports,
+                   "udp or tcp: one for all URLs, or one for each in their order, as in udp,tcp")
+      ->delimiter(',')
+      ->check(CLI::IsMember({"udp", "tcp"}))
+      ->expected(1, -1)
+      ->take_all()
+      ->allow_extra_args(false);
+  live->add_option("--user", arguments->user, "user name, when the URL carries none");
+  live->add_option("--password", arguments->password, "password, when the URL carries none");
+  live->add_option("--seconds", arguments->seconds, "end after so many seconds")
+      ->check(CLI::PositiveNumber);
+  live->add_option("--frames", arguments->frames, "end when every camera sent so many frames");
+  live->add_option("--size", arguments->size, "size of the decoded pictures, such as 960x540")
+      ->type_name("WxH");
+  live->add_option("--snapshot", arguments->snapshot,
+                   "write the last picture; several cameras get FILE-1.png, FILE-2.png ...")
+      ->type_name("FILE.png");
+  live->add_flag("--no-decode", arguments->noDecode, "receive and count only");
+  live->add_flag("--json", arguments->json, "print one JSON object at the end");
+  live->callback([arguments, &result] {
+    if (arguments->noDecode && !arguments->snapshot.empty()) {
+      throw CLI::ValidationError("--snapshot", "needs decoding: leave out --no-decode");
+    }
+    result.status = Live(*arguments).Run();
+  });
+}
+
+}  // namespace tools

@@ -1,0 +1,222 @@
+#include "tools/live_site.h"
+
+#include <cmath>
+#include <cstdio>
+#include <stdexcept>
+
+#include "cms/exports/stream_probe_exports.h"
+#include "cms/streaming/rtsp_client.h"
+#include "cms/streaming/rtsp_url.h"
+#include "tools/picture_file.h"
+
+namespace tools {
+namespace {
+
+// Notes the announced picture size of key frames that no decoder looks into.
+class RtspSite final : public CMSRTSPClient {
+ public:
+  ~RtspSite() override { CloseStream(); }
+
+  void OnGetVideoFrame(void* header, int headerSize, void* data, int size, unsigned channel,
+                       int frameType) override {
+    const bool decoded = MustDecode() != 0 && GetVideoType(channel) != kMpeg4;
+    if (frameType == 1 && !decoded) {
+      NoteSize(static_cast<const unsigned char*>(data), static_cast<unsigned>(size), channel);
+    }
+    CMSRTSPClient::OnGetVideoFrame(header, headerSize, data, size, channel, frameType);
+  }
+
+ private:
+  static constexpr int kMpeg4 = 3;
+
+  void NoteSize(const unsigned char* data, unsigned size, unsigned channel) {
+    int width = 0;
+    int height = 0;
+    switch (GetVideoType(channel)) {
+      case 1: {
+        const int sps = CMSGetH264SPSDataPos(data, size);
+        // The probe knows the layout of the baseline, main and extended profiles only.
+        const bool plain = sps > 0 && (data[sps] == 66 || data[sps] == 77 || data[sps] == 88);
+        if (!plain || CMSGetH264WidthAndHeight(data + sps, &width, &height) == 0) {
+          return;
+        }
+        break;
+      }
+      case 2:
+        CMSGetMJPEGWidthAndHeight(data, size, &width, &height);
+        break;
+      case kMpeg4: {
+        const int vol = CMSGetMPEG4VOLDataPos(data, size);
+        if (vol < 0 || CMSGetMPEG4WidthAndHeight(data, vol, &width, &height, 0) == 0) {
+          return;
+        }
+        break;
+      }
+      default:
+        return;
+    }
+    Channel(channel)->SetVideoWidthAndHeight(static_cast<unsigned>(width),
+                                             static_cast<unsigned>(height));
+  }
+};
+
+std::string WithoutPassword(const cms::CameraUrl& url, const std::string& user) {
+  if (user.empty()) {
+    return url.plain;
+  }
+  const std::string scheme = url.scheme + "://";
+  return scheme + user + "@" + url.plain.substr(scheme.size());
+}
+
+}  // namespace
+
+LiveSite::LiveSite(const LiveOptions& options) : options_(options) {
+  const auto url = cms::ParseCameraUrl(options.url);
+  if (!url || (url->scheme != "rtsp" && url->scheme != "http")) {
+    throw std::runtime_error("\"" + options.url +
+                             "\" is not a URL of the form rtsp://[user:password@]host[:port]/path "
+                             "or http://...");
+  }
+  const std::string user = url->user.empty() ? options.user : url->user;
+  const std::string password = url->user.empty() ? options.password : url->password;
+  shownUrl_ = WithoutPassword(*url, user);
+  {
+    stRTSPClientConfig config;
+    config.path = url->plain;
+    config.user = user;
+    config.password = password;
+    config.siteNumber = options.number;
+    config.transport = options.interleaved ? kRtspTransportInterleaved : kRtspTransportUdp;
+    config.ignoreDelimiters = true;
+    client_ = std::make_unique<RtspSite>();
+    if (client_->SetConfig(&config) == 0) {
+      throw std::runtime_error(client_->GetConnectionStatus().detail);
+    }
+  }
+  client_->SetThreadedDecode(true);
+  client_->AllocChannelData(1);
+  if (options.decode) {
+    const tagSIZE size{options.width, options.height};
+    client_->SetDecoder(0, DECODER_PARAMETER_DISPLAY_SIZE, &size);
+    client_->EnableDecode(0, 0);
+    client_->SetMustDecode(1);
+  }
+}
+
+LiveSite::~LiveSite() {
+  Close();
+}
+
+void LiveSite::Open() {
+  opened_ = std::chrono::steady_clock::now();
+  client_->KeepOpen();
+}
+
+void LiveSite::Close() {
+  closed_ = std::chrono::steady_clock::now();
+  client_->StopPlay();
+  client_->CloseStream();
+}
+
+CMSFrameData LiveSite::Totals() const {
+  CMSFrameData totals;
+  client_->GetFrameData(&totals, sizeof totals);
+  return totals;
+}
+
+std::string LiveSite::StatusLine() const {
+  const CMSFrameData totals = Totals();
+  const ConnectionStatus status = Status();
+  char text[512];
+  if (status.state != ConnectionState::kPlaying) {
+    std::snprintf(
+        text, sizeof text, "#%d %s  %s%s%s", options_.number + 1, shownUrl_.c_str(),
+        status.state == ConnectionState::kOpening ? "opening" : "waiting to try again: ",
+        status.state == ConnectionState::kOpening ? "" : ConnectionFaultName(status.fault),
+        (status.detail.empty() ? "" : ": " + status.detail).c_str());
+    return text;
+  }
+  unsigned decoded = 0;
+  unsigned notDecoded = 0;
+  unsigned errors = 0;
+  client_->GetDecodeStatus(0, &decoded, &notDecoded, &errors);
+  std::snprintf(text, sizeof text,
+                "#%d %s  %5.1f fps (average %5.1f)  %6.0f kbit/s  lost %llu  decoded %u  "
+                "dropped %llu",
+                options_.number + 1, shownUrl_.c_str(), client_->GetFps(), client_->GetAvgFps(),
+                client_->GetKbps(), static_cast<unsigned long long>(totals.lostPackets), decoded,
+                static_cast<unsigned long long>(totals.oversizeFrames +
+                                                (options_.decode ? notDecoded + errors : 0)));
+  return text;
+}
+
+std::string LiveSite::Codec() const {
+  constexpr const char* kNames[] = {"", "H264", "JPEG", "MP4V-ES"};
+  const int type = client_->GetVideoType(0);
+  return type >= 0 && type <= 3 ? kNames[type] : "";
+}
+
+std::string LiveSite::AudioCodec() const {
+  const auto* const rtsp = dynamic_cast<const CMSRTSPClient*>(client_.get());
+  return rtsp != nullptr ? rtsp->GetAudioEncoding() : "";
+}
+
+// From the first frame to the closing, pauses of a lost camera included.
+double LiveSite::SecondsDelivering() const {
+  const std::chrono::duration<double> open = closed_ - opened_;
+  return open.count() - Totals().firstFrameMs / 1000.0;
+}
+
+nlohmann::ordered_json LiveSite::Json() const {
+  const CMSFrameData totals = Totals();
+  unsigned width = 0;
+  unsigned height = 0;
+  unsigned decoded = 0;
+  unsigned notDecoded = 0;
+  unsigned errors = 0;
+  client_->GetWidthAndHeight(0, &width, &height);
+  client_->GetDecodeStatus(0, &decoded, &notDecoded, &errors);
+  const double seconds = SecondsDelivering();
+  const auto perSecond = [seconds](double count) {
+    return seconds > 0 ? std::round(count / seconds * 100) / 100 : 0.0;
+  };
+  return {{"url", shownUrl_},
+          {"codec", Codec()},
+          {"width", width},
+          {"height", height},
+          {"frames", totals.videoFrames},
+          {"key_frames", totals.keyFrames},
+          {"bytes", totals.bytes},
+          {"decoded", decoded},
+          {"not_decoded", options_.decode ? notDecoded : totals.videoFrames},
+          {"decode_errors", errors},
+          {"lost_packets", totals.lostPackets},
+          {"audio_frames", totals.audioFrames},
+          {"audio_codec", AudioCodec()},
+          {"fps", perSecond(static_cast<double>(totals.videoFrames))},
+          {"kbps", perSecond(static_cast<double>(totals.bytes) * 8 / 1000)},
+          {"open_ms", totals.openMs},
+          {"first_frame_ms", totals.firstFrameMs},
+          {"first_picture_ms", totals.firstPictureMs},
+          {"oversize_frames", totals.oversizeFrames},
+          {"reconnects", Status().reconnects}};
+}
+
+void LiveSite::WriteSnapshot(const std::string& path) {
+  tagSIZE size{};
+  const unsigned char* const picture = client_->lockDecodedImage(0, &size);
+  try {
+    if (picture == nullptr) {
+      throw std::runtime_error((Codec() == "MP4V-ES" ? "MPEG-4 video is received but not decoded"
+                                                     : "no picture was decoded") +
+                               std::string(", so ") + path + " was not written");
+    }
+    WritePng(path, picture, size.cx, size.cy);
+  } catch (...) {
+    client_->unlockDecodedImage(0);
+    throw;
+  }
+  client_->unlockDecodedImage(0);
+}
+
+}  // namespace tools

@@ -1,0 +1,57 @@
+// One camera of `orvanta live`: the client, what it was asked for, and what came of it.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "cms/live/client_base.h"
+
+namespace tools {
+
+struct LiveOptions {
+  std::string url;
+  std::string user;
+  std::string password;
+  bool interleaved = false;
+  bool decode = true;
+  long width = 0;  // of the decoded picture; 0: as the camera sends it
+  long height = 0;
+  int number = 0;  // of the site, from 0
+};
+
+class LiveSite {
+ public:
+  // Throws std::runtime_error for a URL that cannot be read.
+  explicit LiveSite(const LiveOptions& options);
+  ~LiveSite();
+
+  void Open();   // in the background
+  void Close();  // asks the camera to stop; totals stay readable
+
+  CMSFrameData Totals() const;
+  ConnectionStatus Status() const { return client_->GetConnectionStatus(); }
+  bool EverDelivered() const { return Totals().videoFrames > 0; }
+
+  std::string StatusLine() const;  // of the last second, for people
+  nlohmann::ordered_json Json() const;
+  const std::string& Url() const { return shownUrl_; }  // without the password
+
+  // Writes the newest picture; throws std::runtime_error when there is none or the file fails.
+  void WriteSnapshot(const std::string& path);
+
+ private:
+  LiveOptions options_;
+  std::string shownUrl_;
+  std::unique_ptr<CMSClientBase> client_;
+  std::string Codec() const;
+  std::string AudioCodec() const;
+  double SecondsDelivering() const;
+
+  std::chrono::steady_clock::time_point opened_;
+  std::chrono::steady_clock::time_point closed_;
+};
+
+}  // namespace tools
