@@ -41,7 +41,7 @@ class CMS_API UDPClientBase : public cms::SocketEndpoint {
  public:
   UDPClientBase();
 
-  // Copied whole; takes effect at the next start.
+  // Copied whole, for the next start. Not while registered.
   void SetConfig(_UDPCLIENT_CONFIG& config);
 
   // Makes the socket and binds it to the local port on any address, or keeps an adopted one.
