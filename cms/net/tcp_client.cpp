@@ -1,17 +1,16 @@
 #include "cms/net/tcp_client.h"
 
-#include <fcntl.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstring>
 #include <limits>
 #include <new>
 
 #include "cms/net/client_group.h"
+#include "cms/net/internal/connect.h"
 #include "cms/net/internal/socket_io.h"
 
 namespace {
@@ -19,39 +18,6 @@ namespace {
 constexpr int kReadsPerStep = 200;
 // A step that took this much in one go has the receive thread look again at once: more is coming.
 constexpr int kBurstBytes = 64 * 1024;
-
-using SteadyClock = std::chrono::steady_clock;
-
-// 0 when the connection stands, else the error that ended the attempt.
-int AwaitConnected(int descriptor, int timeout, const cms::WakeUp* cancel) {
-  const auto deadline = SteadyClock::now() + std::chrono::milliseconds(std::max(timeout, 0));
-  for (;;) {
-    // An absent signal is descriptor -1, which poll passes over.
-    pollfd items[2] = {{descriptor, POLLOUT, 0},
-                       {cancel != nullptr ? cancel->Descriptor() : -1, POLLIN, 0}};
-    int wait = -1;
-    if (timeout >= 0) {
-      const auto left =
-          std::chrono::ceil<std::chrono::milliseconds>(deadline - SteadyClock::now()).count();
-      wait = static_cast<int>(std::max<decltype(left)>(left, 0));
-    }
-    const int ready = poll(items, 2, wait);
-    if (ready < 0 && errno != EINTR) {
-      return errno;
-    }
-    if (ready == 0) {
-      return ETIMEDOUT;
-    }
-    if (ready > 0 && items[1].revents != 0) {
-      return ECANCELED;
-    }
-    if (ready > 0 && items[0].revents != 0) {
-      int error = 0;
-      socklen_t size = sizeof error;
-      return getsockopt(descriptor, SOL_SOCKET, SO_ERROR, &error, &size) == 0 ? error : errno;
-    }
-  }
-}
 
 }  // namespace
 
@@ -152,13 +118,7 @@ int TCPClientBase::ConnectSocket(unsigned long address, unsigned long port, int 
     return 0;
   }
   SetSocket(descriptor);
-  int error = 0;
-  if (connect(descriptor, reinterpret_cast<const sockaddr*>(&remote_), sizeof remote_) != 0) {
-    error = errno;
-    if (error == EINPROGRESS || error == EINTR) {
-      error = AwaitConnected(descriptor, timeoutMilliseconds, cancel);
-    }
-  }
+  const int error = cms::ConnectWithin(descriptor, remote_, timeoutMilliseconds, cancel);
   if (error != 0) {
     CloseSocket();
     SetLastError(error);

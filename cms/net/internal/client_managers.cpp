@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <chrono>
 #include <span>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
@@ -17,16 +16,6 @@ constexpr int kSlotBits = 8;
 
 constexpr int kVisitorPauses = 20;
 constexpr std::chrono::microseconds kVisitorPause{50};
-
-// A thread that could not be stopped still runs in its manager, which then has to stay.
-template <class Manager>
-bool KeepIfRunning(std::unique_ptr<Manager>& manager) {
-  if (!manager->IsRunning()) {
-    return false;
-  }
-  [[maybe_unused]] const Manager* const kept = manager.release();
-  return true;
-}
 
 }  // namespace
 
@@ -241,81 +230,4 @@ void EachClientSRManager::LetVisitorsIn() {
   for (int i = 0; i < kVisitorPauses && visitors_.load(std::memory_order_relaxed) > 0; ++i) {
     std::this_thread::sleep_for(kVisitorPause);
   }
-}
-
-EachClientManager::EachClientManager(int group)
-    : receiver_(std::make_unique<EachClientRecvManager>(group)),
-      sender_(std::make_unique<EachClientSendManager>(group, *receiver_)) {}
-
-EachClientManager::~EachClientManager() {
-  stop();
-  if (KeepIfRunning(sender_)) {
-    [[maybe_unused]] const auto* const kept = receiver_.release();  // the sender uses it
-  } else {
-    sender_.reset();
-    KeepIfRunning(receiver_);
-  }
-}
-
-template <class Client>
-void EachClientManager::RegisterBoth(Client* client) {
-  receiver_->RegisterClient(client);
-  sender_->RegisterClient(client);
-}
-
-template <class Client>
-void EachClientManager::UnRegisterBoth(Client* client) {
-  receiver_->UnRegisterClient(client);
-  sender_->UnRegisterClient(client);
-}
-
-void EachClientManager::RegisterClient(TCPClientBase* client) {
-  RegisterBoth(client);
-}
-void EachClientManager::RegisterClient(UDPClientBase* client) {
-  RegisterBoth(client);
-}
-void EachClientManager::RegisterClient(RTCPStep* step) {
-  sender_->RegisterClient(step);
-}
-void EachClientManager::UnRegisterClient(TCPClientBase* client) {
-  UnRegisterBoth(client);
-}
-void EachClientManager::UnRegisterClient(UDPClientBase* client) {
-  UnRegisterBoth(client);
-}
-void EachClientManager::UnRegisterClient(RTCPStep* step) {
-  sender_->UnRegisterClient(step);
-}
-
-bool EachClientManager::start() {
-  if (IsStarted()) {
-    return true;
-  }
-  ScopeLock lock(start_lock_);
-  if (IsStarted() || stopped_) {
-    return true;
-  }
-  if (!receiver_->IsUsable() || !sender_->IsUsable()) {
-    return false;
-  }
-  try {
-    receiver_->start();
-    sender_->start();
-  } catch (const std::runtime_error&) {
-    receiver_->stop();
-    return false;
-  }
-  started_.store(true, std::memory_order_release);
-  return true;
-}
-
-void EachClientManager::stop() {
-  {
-    // Not held while waiting: a callback may be about to ask whether the threads run.
-    ScopeLock lock(start_lock_);
-    stopped_ = true;
-  }
-  sender_->stop();
-  receiver_->stop();
 }
