@@ -8,4 +8,5 @@
 #include "cms/exports/text_exports.h"
 #include "cms/live/client_base.h"
 #include "cms/live/decoder.h"
+#include "cms/streaming/http_client.h"
 #include "cms/streaming/rtsp_client.h"

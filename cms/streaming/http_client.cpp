@@ -8,6 +8,7 @@
 #include <system_error>
 
 #include "cms/net/tcp_client.h"
+#include "cms/streaming/internal/group_allocator.h"
 
 namespace {
 
@@ -37,7 +38,8 @@ tTcpClientParam ConnectionSizes() {
 
 class CMSHTTPClient::Connection final : public TCPClientBase {
  public:
-  explicit Connection(CMSHTTPClient& client) : TCPClientBase(ConnectionSizes()), client_(client) {}
+  Connection(CMSHTTPClient& client, int group)
+      : TCPClientBase(ConnectionSizes()), client_(client), group_(group, kAutomaticGroup, 1) {}
   ~Connection() override { Connection::End(); }
 
   int OnConnect(unsigned long address, unsigned long port) override {
@@ -45,6 +47,9 @@ class CMSHTTPClient::Connection final : public TCPClientBase {
   }
   void OnPeerClosed() override { client_.OnConnectionClosed(); }
 
+  int Start(std::uint32_t address, std::uint16_t port) {
+    return OnStartTCPClient(address, port, static_cast<unsigned int>(group_.Key()));
+  }
   // Wakes the process thread for good.
   void End() {
     OnStopTCPClient(true);
@@ -54,6 +59,7 @@ class CMSHTTPClient::Connection final : public TCPClientBase {
 
  private:
   CMSHTTPClient& client_;
+  cms::GroupClaim group_;
 };
 
 CMSHTTPClient::CMSHTTPClient() = default;
@@ -126,8 +132,8 @@ int CMSHTTPClient::OpenLocked() {
 
 int CMSHTTPClient::Connect() {
   closedByCamera_.store(false);
-  connection_ = std::make_unique<Connection>(*this);
-  if (connection_->OnStartTCPClient(config_.address, config_.port, config_.connectOption) == 0) {
+  connection_ = std::make_unique<Connection>(*this, config_.connectOption);
+  if (connection_->Start(config_.address, config_.port) == 0) {
     return FailConnect(connection_->Error());
   }
   raw_ = std::make_unique<CRawBuffer>(kMaxRawBytes, kMaxRawBytes);

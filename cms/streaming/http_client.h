@@ -13,6 +13,7 @@
 #include "cms/live/raw_buffer.h"
 #include "cms/runtime/api.h"
 #include "cms/runtime/wake_up.h"
+#include "cms/streaming/io_group.h"
 
 // Given to CMSHTTPClient::SetConfig, which copies it with the request bytes.
 struct stHTTPClientConfig {
@@ -25,7 +26,7 @@ struct stHTTPClientConfig {
   unsigned channelCount = 1;
   int videoType = 0;
   int audioType = 0;
-  unsigned int connectOption = 0;  // group key: which pair of I/O threads serves the connection
+  int connectOption = kAutomaticGroup;  // key of the I/O thread pair
 };
 
 // Connects, sends one prepared request and cuts the endless reply into frames. A subclass for each

@@ -10,6 +10,7 @@
 #include "cms/live/frame_header.h"
 #include "cms/runtime/api.h"
 #include "cms/streaming/authenticator.h"
+#include "cms/streaming/io_group.h"
 #include "cms/streaming/media_session.h"
 #include "cms/streaming/rtsp_sub_session.h"
 
@@ -24,9 +25,6 @@ enum RTSPTransport : int {
 // Which address a configuration names: any kind other than kSiteKindUrl builds the URL
 // "rtsp://address/path" from the address and the path.
 inline constexpr int kSiteKindUrl = 10;  // the path is the complete URL
-
-// The library chooses the I/O threads, filling each pair up to its 64 sockets.
-inline constexpr int kAutomaticGroup = -2;
 
 // Given to CMSRTSPClient::SetConfig, which copies it.
 struct stRTSPClientConfig {

@@ -132,7 +132,6 @@ stHTTPClientConfig ConfigFor(std::uint16_t port) {
   config.request = kRequest.data();
   config.requestLength = static_cast<int>(kRequest.size());
   config.videoType = 2;
-  config.connectOption = 9;
   return config;
 }
 

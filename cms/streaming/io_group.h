@@ -1,0 +1,5 @@
+// Group keys that mean something to the streaming clients.
+#pragma once
+
+// The library chooses the I/O threads, filling each pair up to its 64 sockets.
+inline constexpr int kAutomaticGroup = -2;
