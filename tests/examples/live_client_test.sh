@@ -1,0 +1,45 @@
+#!/bin/bash
+# The live example sees a test camera: pictures arrive, and the one that it saves shows something.
+# Usage: live_client_test.sh BUILD_DIR
+set -euo pipefail
+
+build=$1
+work=$(mktemp -d)
+camera=
+# shellcheck disable=SC2317  # called by the trap
+finish() {
+  kill "$camera" 2>/dev/null && wait "$camera" 2>/dev/null || true
+  rm -rf "$work"
+}
+trap finish EXIT
+
+: >"$work/camera"
+# What GStreamer keeps until its process ends is no leak of ours.
+ASAN_OPTIONS=detect_leaks=0 "$build/tools/orvanta" camera --port 0 --delimiters on \
+  --auth digest --user admin --password secret >"$work/camera" &
+camera=$!
+url=
+until read -r url _ <"$work/camera"; do
+  kill -0 "$camera"
+  sleep 0.1
+done
+
+# A busy machine is given more time.
+for seconds in 4 15 60; do
+  "$build/examples/live_client" "${url/:\/\//:\/\/admin:secret@}" "$seconds" "$work/seen.ppm" |
+    tee "$work/lines" && break
+done
+[[ $(wc -l <"$work/lines") == "$seconds" ]]
+python3 - "$work/seen.ppm" <<'PYTHON'
+import sys
+
+header, pixels = open(sys.argv[1], "rb").read().split(b"\n", 1)
+assert header == b"P6 640 360 255" and len(pixels) == 640 * 360 * 3, header
+colours = {pixels[i : i + 3] for i in range(0, len(pixels), 3)}
+assert len(colours) > 100, f"{len(colours)} colours in the picture"
+PYTHON
+
+status=0
+"$build/examples/live_client" "$url" 1 2>"$work/refused" || status=$?
+cat "$work/refused"
+[[ $status == 1 && $(wc -l <"$work/refused") == 1 ]]
