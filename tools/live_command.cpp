@@ -6,7 +6,6 @@
 #include <filesystem>
 #include <memory>
 #include <nlohmann/json.hpp>
-#include <regex>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -35,16 +34,14 @@ struct Arguments {
 };
 
 void ReadSize(const std::string& text, LiveOptions* options) {
-  static const std::regex pattern("([1-9][0-9]{0,4})x([1-9][0-9]{0,4})");
-  std::smatch match;
   if (text.empty()) {
     return;
   }
-  if (!std::regex_match(text, match, pattern)) {
+  char rest = 0;
+  if (std::sscanf(text.c_str(), "%5ldx%5ld%c", &options->width, &options->height, &rest) != 2 ||
+      options->width <= 0 || options->height <= 0) {
     throw CLI::ValidationError("--size", "\"" + text + "\" is not of the form 960x540");
   }
-  options->width = std::stol(match[1]);
-  options->height = std::stol(match[2]);
 }
 
 // "seen.png" of one camera; "seen-1.png", "seen-2.png" of several.
