@@ -148,14 +148,12 @@ class Live {
         }
       }
     }
+    nlohmann::ordered_json streams = nlohmann::ordered_json::array();
     for (const auto& site : sites_) {
+      streams.push_back(site->Json());
       site->Close();
     }
     if (arguments_.json) {
-      nlohmann::ordered_json streams = nlohmann::ordered_json::array();
-      for (const auto& site : sites_) {
-        streams.push_back(site->Json());
-      }
       std::printf("%s\n", nlohmann::ordered_json{{"streams", streams}}.dump(2).c_str());
     }
     for (const std::string& failure : failures) {

@@ -7,6 +7,7 @@
 #include "cms/exports/stream_probe_exports.h"
 #include "cms/streaming/rtsp_client.h"
 #include "cms/streaming/rtsp_url.h"
+#include "tools/mjpeg_http_client.h"
 #include "tools/picture_file.h"
 
 namespace tools {
@@ -80,27 +81,37 @@ LiveSite::LiveSite(const LiveOptions& options) : options_(options) {
   const std::string user = url->user.empty() ? options.user : url->user;
   const std::string password = url->user.empty() ? options.password : url->password;
   shownUrl_ = WithoutPassword(*url, user);
-  {
-    stRTSPClientConfig config;
-    config.path = url->plain;
-    config.user = user;
-    config.password = password;
-    config.siteNumber = options.number;
-    config.transport = options.interleaved ? kRtspTransportInterleaved : kRtspTransportUdp;
-    config.ignoreDelimiters = true;
-    client_ = std::make_unique<RtspSite>();
-    if (client_->SetConfig(&config) == 0) {
-      throw std::runtime_error(client_->GetConnectionStatus().detail);
-    }
-  }
+  client_ = MakeClient(*url, user, password);
   client_->SetThreadedDecode(true);
-  client_->AllocChannelData(1);
   if (options.decode) {
     const tagSIZE size{options.width, options.height};
     client_->SetDecoder(0, DECODER_PARAMETER_DISPLAY_SIZE, &size);
     client_->EnableDecode(0, 0);
     client_->SetMustDecode(1);
   }
+}
+
+std::unique_ptr<CMSClientBase> LiveSite::MakeClient(const cms::CameraUrl& url,
+                                                    const std::string& user,
+                                                    const std::string& password) const {
+  if (url.scheme == "http") {
+    auto client = std::make_unique<MjpegHttpClient>();
+    client->Configure(url, user, password, options_.number);
+    return client;
+  }
+  stRTSPClientConfig config;
+  config.path = url.plain;
+  config.user = user;
+  config.password = password;
+  config.siteNumber = options_.number;
+  config.transport = options_.interleaved ? kRtspTransportInterleaved : kRtspTransportUdp;
+  config.ignoreDelimiters = true;
+  auto client = std::make_unique<RtspSite>();
+  client->AllocChannelData(1);
+  if (client->SetConfig(&config) == 0) {
+    throw std::runtime_error(client->GetConnectionStatus().detail);
+  }
+  return client;
 }
 
 LiveSite::~LiveSite() {
@@ -113,7 +124,6 @@ void LiveSite::Open() {
 }
 
 void LiveSite::Close() {
-  closed_ = std::chrono::steady_clock::now();
   client_->StopPlay();
   client_->CloseStream();
 }
@@ -161,9 +171,9 @@ std::string LiveSite::AudioCodec() const {
   return rtsp != nullptr ? rtsp->GetAudioEncoding() : "";
 }
 
-// From the first frame to the closing, pauses of a lost camera included.
+// Since the first frame, pauses of a lost camera included.
 double LiveSite::SecondsDelivering() const {
-  const std::chrono::duration<double> open = closed_ - opened_;
+  const std::chrono::duration<double> open = std::chrono::steady_clock::now() - opened_;
   return open.count() - Totals().firstFrameMs / 1000.0;
 }
 

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "cms/live/client_base.h"
+#include "cms/streaming/rtsp_url.h"
 
 namespace tools {
 
@@ -35,14 +36,16 @@ class LiveSite {
   ConnectionStatus Status() const { return client_->GetConnectionStatus(); }
   bool EverDelivered() const { return Totals().videoFrames > 0; }
 
-  std::string StatusLine() const;  // of the last second, for people
-  nlohmann::ordered_json Json() const;
+  std::string StatusLine() const;                       // of the last second, for people
+  nlohmann::ordered_json Json() const;                  // before Close
   const std::string& Url() const { return shownUrl_; }  // without the password
 
   // Writes the newest picture; throws std::runtime_error when there is none or the file fails.
   void WriteSnapshot(const std::string& path);
 
  private:
+  std::unique_ptr<CMSClientBase> MakeClient(const cms::CameraUrl& url, const std::string& user,
+                                            const std::string& password) const;
   LiveOptions options_;
   std::string shownUrl_;
   std::unique_ptr<CMSClientBase> client_;
@@ -51,7 +54,6 @@ class LiveSite {
   double SecondsDelivering() const;
 
   std::chrono::steady_clock::time_point opened_;
-  std::chrono::steady_clock::time_point closed_;
 };
 
 }  // namespace tools

@@ -87,6 +87,13 @@ int CMSHTTPClient::SetConfig(void* config) {
   return AllocChannelData(config_.channelCount);
 }
 
+void CMSHTTPClient::SetRequest(std::string request) {
+  ScopeLock lock(lock_);
+  request_ = std::move(request);
+  config_.request = request_.data();
+  config_.requestLength = static_cast<int>(request_.size());
+}
+
 void CMSHTTPClient::SetAudioType() {
   if (config_.videoType == kVideoTypeWithFixedAudio) {
     audioType_.store(kFixedAudioType, std::memory_order_relaxed);

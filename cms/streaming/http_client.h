@@ -88,6 +88,10 @@ class CMS_API CMSHTTPClient : public CMSClientBase {
 
   const stHTTPClientConfig& Config() const { return config_; }
 
+  // Replaces the request that the next opening sends: a subclass that was challenged logs in so.
+  // Not while playing.
+  void SetRequest(std::string request);
+
  private:
   class Connection;
 
