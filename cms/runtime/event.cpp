@@ -33,23 +33,32 @@ Event::~Event() {
   pthread_mutex_destroy(&mutex_);
 }
 
-// The flag is raised before the waiters are counted, and a waiter counts itself before it looks at
-// the flag: in the one total order of these operations at least one side sees the other.
+// The state changes before the waiters are counted, and a waiter counts itself before it looks at
+// the state: in the one total order of these operations at least one side sees the other. A state
+// that is signalled already is written all the same, which hands what this thread wrote before on
+// to whoever resets or waits later.
 void Event::Set() {
-  if (signalled_.exchange(true, std::memory_order_seq_cst)) {
-    return;
+  std::uint32_t state = state_.load(std::memory_order_relaxed);
+  while (!state_.compare_exchange_weak(state, state | 1, std::memory_order_seq_cst)) {
   }
-  if (waiters_.load(std::memory_order_seq_cst) == 0) {
+  if (IsSet(state) || waiters_.load(std::memory_order_seq_cst) == 0) {
     return;
   }
   pthread_mutex_lock(&mutex_);
-  ++releases_;
   pthread_cond_broadcast(&released_);
   pthread_mutex_unlock(&mutex_);
 }
 
+void Event::Reset() {
+  std::uint32_t state = state_.load(std::memory_order_acquire);
+  while (IsSet(state) &&
+         !state_.compare_exchange_weak(state, state + 1, std::memory_order_acq_rel)) {
+  }
+}
+
 bool Event::Wait(int milliseconds) {
-  if (IsSet()) {
+  const std::uint32_t begun = state_.load(std::memory_order_acquire);
+  if (IsSet(begun)) {
     return true;
   }
   if (milliseconds == 0) {
@@ -58,17 +67,15 @@ bool Event::Wait(int milliseconds) {
   const timespec deadline = milliseconds > 0 ? Deadline(milliseconds) : timespec{};
   pthread_mutex_lock(&mutex_);
   waiters_.fetch_add(1, std::memory_order_seq_cst);
-  const unsigned seen = releases_;
   bool in_time = true;
-  while (in_time && !signalled_.load(std::memory_order_seq_cst) && releases_ == seen) {
+  while (in_time && state_.load(std::memory_order_seq_cst) == begun) {
     const int result = milliseconds > 0 ? pthread_cond_timedwait(&released_, &mutex_, &deadline)
                                         : pthread_cond_wait(&released_, &mutex_);
     in_time = result == 0;
   }
-  const bool released = IsSet() || releases_ != seen;
   waiters_.fetch_sub(1, std::memory_order_relaxed);
   pthread_mutex_unlock(&mutex_);
-  return released;
+  return state_.load(std::memory_order_acquire) != begun;
 }
 
 }  // namespace cms

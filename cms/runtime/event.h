@@ -4,6 +4,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <cstdint>
 
 #include "cms/runtime/api.h"
 
@@ -23,19 +24,22 @@ class CMS_API Event {
 
   // Releases every thread that waits at this moment, even when Reset follows at once.
   void Set();
-  void Reset() { signalled_.exchange(false, std::memory_order_acq_rel); }
-  bool IsSet() const { return signalled_.load(std::memory_order_acquire); }
+  void Reset();
+  bool IsSet() const { return IsSet(state_.load(std::memory_order_acquire)); }
 
   // Waits until signalled, at most the given milliseconds (negative: without limit). True when
   // released by the event, false on time-out; 0 only looks.
   bool Wait(int milliseconds = kForever);
 
  private:
-  std::atomic<bool> signalled_{false};
+  static bool IsSet(std::uint32_t state) { return (state & 1) != 0; }
+
+  // Odd while signalled. Each Set and each Reset that changes anything adds one, so a waiter that
+  // began at an even state is released by whatever state comes next, and by no earlier Set.
+  std::atomic<std::uint32_t> state_{0};
   std::atomic<int> waiters_{0};
   pthread_mutex_t mutex_;
   pthread_cond_t released_;
-  unsigned releases_ = 0;  // guarded by mutex_; moves on at each Set that had waiters
 };
 
 }  // namespace cms

@@ -92,6 +92,40 @@ TEST(CMSCondition, ASignalWithoutWaitersIsLost) {
   waiters.condition.Notify();
 }
 
+// Two threads on one condition: each notifies the other and then waits at once. Without generations
+// it would take its own signal back and leave the other asleep.
+TEST(CMSCondition, ALatecomerCannotTakeASignalThatWasGivenBefore) {
+  constexpr int kRounds = 5000;
+  CMSCritical lock;
+  CMSCondition turned(lock);
+  int turns = 0;
+  bool waiting = false;
+  std::thread other([&] {
+    ScopeLock guard(lock);
+    waiting = true;
+    for (int i = 0; i < kRounds; ++i) {
+      turned.Wait();
+      ++turns;
+      turned.Notify();
+    }
+  });
+  ASSERT_TRUE(test::WaitFor([&] {
+    ScopeLock guard(lock);
+    return waiting;
+  }));
+  int stolen = 0;
+  {
+    ScopeLock guard(lock);
+    for (int i = 0; i < kRounds && stolen == 0; ++i) {
+      turned.Notify();
+      turned.Wait();
+      stolen += turns != i + 1 ? 1 : 0;
+    }
+  }
+  ASSERT_EQ(stolen, 0);
+  other.join();
+}
+
 TEST(CMSCondition, TheTimedWaitIsNone) {
   CMSCritical lock;
   CMSCondition condition(lock);
