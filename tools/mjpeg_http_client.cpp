@@ -225,11 +225,11 @@ void MjpegHttpClient::OnStreamVideoFrame(unsigned channel, int, unsigned char* d
     return;
   }
   cms::VideoFrameInfo info;
-  info.payload_size = static_cast<std::uint32_t>(length);
-  info.host_seconds = cms::WallSeconds();
-  info.frame_rate = fpsReport_.GetRecentFps();
-  info.frame_type = kKeyFrame;
-  info.video_type = 2;
+  info.payloadSize = static_cast<std::uint32_t>(length);
+  info.hostSeconds = cms::WallSeconds();
+  info.frameRate = fpsReport_.GetRecentFps();
+  info.frameType = kKeyFrame;
+  info.videoType = 2;
   info.sequence = ++sequence_;
   cms::BuildVideoFrameHeader(std::span<std::uint8_t, cms::kVideoHeaderRoom>(header_), info);
   OnGetVideoFrame(header_, sizeof header_, data, length, channel, kKeyFrame);

@@ -99,8 +99,8 @@ void MeasureClients() {
   Ports ports;
   for (int i = 0; i < kCameras; ++i) {
     _UDPCLIENT_CONFIG config;
-    config.recv_context = &received;
-    config.recv_callback = [](void*, char*, int) { ++received; };
+    config.recvContext = &received;
+    config.recvCallback = [](void*, char*, int) { ++received; };
     clients.push_back(std::make_unique<UDPClientBase>());
     clients.back()->SetConfig(config);
     if (clients.back()->OnStartUDPClient() == 0 ||

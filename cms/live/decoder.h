@@ -105,7 +105,7 @@ class CMS_API CMSDecoder {
   void SetViewMode(int mode);
   void SetDewarpPosition(float pan, float tilt);
   void SetDewarpZoom(float zoom);
-  int GetDewarpMode();  // what SetViewMode (or the parameter's view_mode) last set
+  int GetDewarpMode();  // what SetViewMode (or the parameter's viewMode) last set
 
  private:
   class Impl;

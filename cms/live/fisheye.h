@@ -4,10 +4,10 @@
 
 // What the client application knows of a site's fisheye lens.
 struct stFisheyeParameter {
-  int mount = 0;      // 0 ceiling, 1 wall, 2 table
-  int view_mode = 0;  // 0 the camera's own picture; others as a dewarping library numbers them
-  int center_x = 0;   // centre and radius of the lens circle in the decoded picture, pixels
-  int center_y = 0;
+  int mount = 0;     // 0 ceiling, 1 wall, 2 table
+  int viewMode = 0;  // 0 the camera's own picture; others as a dewarping library numbers them
+  int centerX = 0;   // centre and radius of the lens circle in the decoded picture, pixels
+  int centerY = 0;
   int radius = 0;
 };
 

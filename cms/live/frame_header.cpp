@@ -14,8 +14,8 @@ constexpr std::size_t kMarkFromEnd = 30;
 constexpr std::size_t kCodecMarkFromEnd = 29;
 constexpr std::size_t kLastMarkFromEnd = 4;
 
-std::uint8_t CodecMark(int video_type) {
-  switch (video_type) {
+std::uint8_t CodecMark(int videoType) {
+  switch (videoType) {
     case 1:
       return 0xF0;
     case 2:
@@ -42,11 +42,11 @@ DRVFrameHeader FirstHalf(const FrameInfo& info, std::uint32_t size, std::uint32_
   header.magic[0] = '@';
   header.magic[1] = '2';
   header.version = 0x10;
-  header.stream = static_cast<std::uint8_t>(0x10 | (info.stream_number & 3) << 2);
+  header.stream = static_cast<std::uint8_t>(0x10 | (info.streamNumber & 3) << 2);
   header.size = size;
   header.seconds =
-      static_cast<std::uint32_t>(info.host_seconds) + static_cast<std::uint32_t>(info.clock_offset);
-  flags |= kFlagAlways | (info.announced_other_rate ? kFlagOtherFrameRate : 0u);
+      static_cast<std::uint32_t>(info.hostSeconds) + static_cast<std::uint32_t>(info.clockOffset);
+  flags |= kFlagAlways | (info.announcedOtherRate ? kFlagOtherFrameRate : 0u);
   std::memcpy(header.flags, &flags, sizeof(header.flags));
   return header;
 }
@@ -68,16 +68,16 @@ void SealFrameHeader(std::span<std::uint8_t, kAudioHeaderRoom> header) {
 
 void BuildVideoFrameHeader(std::span<std::uint8_t, kVideoHeaderRoom> area,
                            const VideoFrameInfo& info) {
-  const std::uint32_t type = static_cast<std::uint32_t>(info.frame_type) & 7;
+  const std::uint32_t type = static_cast<std::uint32_t>(info.frameType) & 7;
   DRVFrameHeader header = FirstHalf(
-      info, info.payload_size + std::uint32_t{kHeaderSize},
-      RoundedFrameRate(info.frame_rate) << kFlagFrameRateShift | type << kFlagFrameTypeShift);
-  header.area_length = kVideoHeaderRoom;
+      info, info.payloadSize + std::uint32_t{kHeaderSize},
+      RoundedFrameRate(info.frameRate) << kFlagFrameRateShift | type << kFlagFrameTypeShift);
+  header.areaLength = kVideoHeaderRoom;
   header.sequence = info.sequence;
   std::memset(area.data(), 0, area.size());
   std::memcpy(area.data(), &header, sizeof(header));
   area[kVideoHeaderRoom - kMarkFromEnd] = 1;
-  area[kVideoHeaderRoom - kCodecMarkFromEnd] = CodecMark(info.video_type);
+  area[kVideoHeaderRoom - kCodecMarkFromEnd] = CodecMark(info.videoType);
   area[kVideoHeaderRoom - kLastMarkFromEnd] = 1;
   SealFrameHeader(area.first<kHeaderSize>());
 }
@@ -85,7 +85,7 @@ void BuildVideoFrameHeader(std::span<std::uint8_t, kVideoHeaderRoom> area,
 void BuildAudioFrameHeader(std::span<std::uint8_t, kAudioHeaderRoom> area,
                            const AudioFrameInfo& info) {
   const DRVFrameHeader header =
-      FirstHalf(info, info.payload_size, kFlagAudio | 1u << kFlagFrameTypeShift);
+      FirstHalf(info, info.payloadSize, kFlagAudio | 1u << kFlagFrameTypeShift);
   std::memcpy(area.data(), &header, sizeof(header));
   std::memcpy(area.data() + kHalf, &info.format, sizeof(info.format));
   SealFrameHeader(area);

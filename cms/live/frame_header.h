@@ -12,21 +12,21 @@
 // In an audio header the bytes 16 to 30 are the stream's audio format descriptor instead.
 #pragma pack(push, 1)
 struct DRVFrameHeader {
-  std::uint8_t magic[2];          // "@2"
-  std::uint8_t version;           // 0x10
-  std::uint8_t stream;            // bit 4 set; bits 2-3: stream number
-  std::uint32_t size;             // video: payload + 32; audio: payload
-  std::uint32_t seconds;          // arrival, since 1970-01-01 UTC
-  std::uint8_t flags[3];          // 24-bit word: see cms::FrameHeaderFlag
-  std::uint8_t check;             // XOR of bytes 0 to 14
-  std::uint16_t reserved16;       // 0
-  std::uint16_t area_length;      // video: length of the header area, these 32 bytes included
-  std::uint32_t sequence;         // video: counts the connection's frames from 1
-  std::uint16_t alarm_mask;       // recordings: one bit for each channel
-  std::uint16_t video_loss_mask;  // "
-  std::uint16_t event_mask;       // "
-  std::uint8_t reserved30;        // 0
-  std::uint8_t second_check;      // XOR of bytes 16 to 30
+  std::uint8_t magic[2];        // "@2"
+  std::uint8_t version;         // 0x10
+  std::uint8_t stream;          // bit 4 set; bits 2-3: stream number
+  std::uint32_t size;           // video: payload + 32; audio: payload
+  std::uint32_t seconds;        // arrival, since 1970-01-01 UTC
+  std::uint8_t flags[3];        // 24-bit word: see cms::FrameHeaderFlag
+  std::uint8_t check;           // XOR of bytes 0 to 14
+  std::uint16_t reserved16;     // 0
+  std::uint16_t areaLength;     // video: length of the header area, these 32 bytes included
+  std::uint32_t sequence;       // video: counts the connection's frames from 1
+  std::uint16_t alarmMask;      // recordings: one bit for each channel
+  std::uint16_t videoLossMask;  // "
+  std::uint16_t eventMask;      // "
+  std::uint8_t reserved30;      // 0
+  std::uint8_t secondCheck;     // XOR of bytes 16 to 30
 };
 #pragma pack(pop)
 
@@ -35,10 +35,10 @@ static_assert(
     offsetof(DRVFrameHeader, version) == 2 && offsetof(DRVFrameHeader, stream) == 3 &&
     offsetof(DRVFrameHeader, size) == 4 && offsetof(DRVFrameHeader, seconds) == 8 &&
     offsetof(DRVFrameHeader, flags) == 12 && offsetof(DRVFrameHeader, check) == 15 &&
-    offsetof(DRVFrameHeader, reserved16) == 16 && offsetof(DRVFrameHeader, area_length) == 18 &&
-    offsetof(DRVFrameHeader, sequence) == 20 && offsetof(DRVFrameHeader, alarm_mask) == 24 &&
-    offsetof(DRVFrameHeader, video_loss_mask) == 26 && offsetof(DRVFrameHeader, event_mask) == 28 &&
-    offsetof(DRVFrameHeader, reserved30) == 30 && offsetof(DRVFrameHeader, second_check) == 31);
+    offsetof(DRVFrameHeader, reserved16) == 16 && offsetof(DRVFrameHeader, areaLength) == 18 &&
+    offsetof(DRVFrameHeader, sequence) == 20 && offsetof(DRVFrameHeader, alarmMask) == 24 &&
+    offsetof(DRVFrameHeader, videoLossMask) == 26 && offsetof(DRVFrameHeader, eventMask) == 28 &&
+    offsetof(DRVFrameHeader, reserved30) == 30 && offsetof(DRVFrameHeader, secondCheck) == 31);
 
 namespace cms {
 
@@ -56,27 +56,27 @@ inline constexpr int kFlagFrameRateShift = 10;  // 6 bits, video only
 inline constexpr int kFlagFrameTypeShift = 16;  // 3 bits; audio: 1
 
 struct FrameInfo {
-  std::uint32_t payload_size = 0;     // bytes, without any header
-  std::int64_t host_seconds = 0;      // arrival by the host's clock, since 1970-01-01 UTC
-  std::int64_t clock_offset = 0;      // seconds to add to it, the connection's
-  unsigned stream_number = 0;         // 0 to 3
-  bool announced_other_rate = false;  // the stream announced a frame rate other than 30
+  std::uint32_t payloadSize = 0;    // bytes, without any header
+  std::int64_t hostSeconds = 0;     // arrival by the host's clock, since 1970-01-01 UTC
+  std::int64_t clockOffset = 0;     // seconds to add to it, the connection's
+  unsigned streamNumber = 0;        // 0 to 3
+  bool announcedOtherRate = false;  // the stream announced a frame rate other than 30
 };
 
 struct VideoFrameInfo : FrameInfo {
-  double frame_rate = 30.0;
-  int frame_type = 0;          // 1 key frame, 2 or 3 other; the low 3 bits count
-  int video_type = 0;          // 1 H.264, 2 MJPEG, 3 MPEG-4
+  double frameRate = 30.0;
+  int frameType = 0;           // 1 key frame, 2 or 3 other; the low 3 bits count
+  int videoType = 0;           // 1 H.264, 2 MJPEG, 3 MPEG-4
   std::uint32_t sequence = 0;  // of the connection, from 1
 };
 
 // What a described audio stream carries in each of its headers; the last byte gives way to the
 // check.
 struct AudioFormatDescriptor {
-  std::uint32_t codec_id = 0;  // CMSCodecID
-  std::uint32_t sample_rate = 0;
+  std::uint32_t codecId = 0;  // CMSCodecID
+  std::uint32_t sampleRate = 0;
   std::uint16_t channels = 0;
-  std::uint16_t bits_per_sample = 0;
+  std::uint16_t bitsPerSample = 0;
   std::array<std::uint8_t, 4> reserved{};
 };
 static_assert(sizeof(AudioFormatDescriptor) == 16);

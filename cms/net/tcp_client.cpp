@@ -46,12 +46,12 @@ int TCPClientBase::OnInitialVariable() {
 int TCPClientBase::OnInitialVariable(tTcpClientParam param) {
   const tTcpClientParam standard;
   const auto size = [](int given, int otherwise) { return given > 0 ? given : otherwise; };
-  recv_queue_depth_ = size(param.recv_queue_depth, standard.recv_queue_depth);
-  recv_chunk_size_ = size(param.recv_chunk_size, standard.recv_chunk_size);
-  send_queue_depth_ = size(param.send_queue_depth, standard.send_queue_depth);
-  send_chunk_size_ = size(param.send_chunk_size, standard.send_chunk_size);
-  recv_callback_ = param.recv_callback;
-  recv_context_ = param.recv_context;
+  recv_queue_depth_ = size(param.recvQueueDepth, standard.recvQueueDepth);
+  recv_chunk_size_ = size(param.recvChunkSize, standard.recvChunkSize);
+  send_queue_depth_ = size(param.sendQueueDepth, standard.sendQueueDepth);
+  send_chunk_size_ = size(param.sendChunkSize, standard.sendChunkSize);
+  recv_callback_ = param.recvCallback;
+  recv_context_ = param.recvContext;
   running_.store(1, std::memory_order_relaxed);
   connected_.store(0, std::memory_order_relaxed);
   remote_address_ = 0;

@@ -20,12 +20,12 @@ using TcpReceiveCallback = void (*)(char* data, int length, void* context);
 
 // Sizes and callback of a TCPClientBase. Sizes below 1 mean the default.
 struct tTcpClientParam {
-  int recv_queue_depth = 128;  // frames
-  int recv_chunk_size = 1024;  // bytes read per call, and the size of a queued frame
-  int send_queue_depth = 128;  // the send ring holds one byte less than depth * chunk
-  int send_chunk_size = 1024;  // bytes handed to the system per call
-  TcpReceiveCallback recv_callback = nullptr;  // nullptr: received bytes are queued for OnRecv
-  void* recv_context = nullptr;
+  int recvQueueDepth = 128;  // frames
+  int recvChunkSize = 1024;  // bytes read per call, and the size of a queued frame
+  int sendQueueDepth = 128;  // the send ring holds one byte less than depth * chunk
+  int sendChunkSize = 1024;  // bytes handed to the system per call
+  TcpReceiveCallback recvCallback = nullptr;  // nullptr: received bytes are queued for OnRecv
+  void* recvContext = nullptr;
   std::intptr_t reserved = 0;  // not used
 };
 

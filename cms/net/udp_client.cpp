@@ -35,16 +35,16 @@ void UDPClientBase::SetConfig(_UDPCLIENT_CONFIG& config) {
   const _UDPCLIENT_CONFIG standard;
   const auto use = [](int& size, int otherwise) { size = size > 0 ? size : otherwise; };
   config_ = config;
-  use(config_.recv_queue_depth, standard.recv_queue_depth);
-  use(config_.recv_datagram_size, standard.recv_datagram_size);
-  use(config_.send_queue_depth, standard.send_queue_depth);
-  use(config_.send_datagram_size, standard.send_datagram_size);
+  use(config_.recvQueueDepth, standard.recvQueueDepth);
+  use(config_.recvDatagramSize, standard.recvDatagramSize);
+  use(config_.sendQueueDepth, standard.sendQueueDepth);
+  use(config_.sendDatagramSize, standard.sendDatagramSize);
 }
 
 int UDPClientBase::OnCreate() {
   if (!adopted_) {
     CloseEndpoint();
-    local_ = cms::MakeAddress(INADDR_ANY, config_.local_port);
+    local_ = cms::MakeAddress(INADDR_ANY, config_.localPort);
     const int descriptor = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     SetSocket(descriptor);
     if (descriptor < 0 ||
@@ -57,7 +57,7 @@ int UDPClientBase::OnCreate() {
     }
   }
   SetLastError(0);
-  remote_ = cms::MakeAddress(config_.remote_address, config_.remote_port);
+  remote_ = cms::MakeAddress(config_.remoteAddress, config_.remotePort);
   running_.store(1, std::memory_order_relaxed);
   return 1;
 }
@@ -92,11 +92,10 @@ int UDPClientBase::OnAllocateMemory() {
     }
     send_queue_open_ = true;
   }
-  if (config_.recv_callback != nullptr && config_.recv_context != nullptr) {
+  if (config_.recvCallback != nullptr && config_.recvContext != nullptr) {
     return 1;
   }
-  return recv_queue_.AllocateBuffer(config_.recv_queue_depth, config_.recv_datagram_size) != 0 ? 1
-                                                                                               : 0;
+  return recv_queue_.AllocateBuffer(config_.recvQueueDepth, config_.recvDatagramSize) != 0 ? 1 : 0;
 }
 
 int UDPClientBase::OnReleaseMemory() {
@@ -139,7 +138,7 @@ int UDPClientBase::OnSend(char* data, int length) {
       return 0;
     }
     if (!send_queue_made_) {
-      if (send_queue_.AllocateBuffer(config_.send_queue_depth, config_.send_datagram_size) == 0) {
+      if (send_queue_.AllocateBuffer(config_.sendQueueDepth, config_.sendDatagramSize) == 0) {
         return 0;
       }
       send_queue_made_ = true;
@@ -148,7 +147,7 @@ int UDPClientBase::OnSend(char* data, int length) {
       return 0;
     }
     length =
-        static_cast<int>(send_queue_.Write(data, std::min(length, config_.send_datagram_size), 1));
+        static_cast<int>(send_queue_.Write(data, std::min(length, config_.sendDatagramSize), 1));
     if (length <= 0) {
       return 0;
     }
@@ -199,9 +198,9 @@ std::uint16_t UDPClientBase::BoundPort() const {
 }
 
 void UDPClientBase::Deliver(char* data, int length) {
-  if (config_.recv_callback != nullptr && config_.recv_context != nullptr) {
-    config_.recv_callback(config_.recv_context, data, length);
-  } else if (length <= config_.recv_datagram_size && recv_queue_.Write(data, length, 1) > 0) {
+  if (config_.recvCallback != nullptr && config_.recvContext != nullptr) {
+    config_.recvCallback(config_.recvContext, data, length);
+  } else if (length <= config_.recvDatagramSize && recv_queue_.Write(data, length, 1) > 0) {
     queued_receives_.fetch_add(1, std::memory_order_release);
   }
 }
@@ -247,7 +246,7 @@ int UDPClientBase::UDPClientRecv() {
 
 int UDPClientBase::SendOne(int descriptor) {
   static thread_local std::vector<char> datagram;
-  const int size = config_.send_datagram_size;
+  const int size = config_.sendDatagramSize;
   if (datagram.size() < static_cast<std::size_t>(size)) {
     datagram.resize(static_cast<std::size_t>(size));
   }

@@ -19,15 +19,15 @@ using UdpReceiveCallback = void (*)(void* context, char* data, int length);
 // Sizes, addresses and callback of a UDPClientBase; sizes below 1 mean the default. Datagrams are
 // queued for OnRecv unless both callback and context are set.
 struct _UDPCLIENT_CONFIG {
-  int recv_queue_depth = 256;     // datagrams
-  int recv_datagram_size = 2048;  // longer ones are dropped in queue mode
-  int send_queue_depth = 256;     // datagrams
-  int send_datagram_size = 2048;  // longer ones are cut
-  std::uint16_t local_port = 0;   // 0: the system chooses
-  std::uint16_t remote_port = 0;
-  std::uint32_t remote_address = 0;  // IPv4, host byte order; where OnSend's datagrams go
-  void* recv_context = nullptr;
-  UdpReceiveCallback recv_callback = nullptr;
+  int recvQueueDepth = 256;     // datagrams
+  int recvDatagramSize = 2048;  // longer ones are dropped in queue mode
+  int sendQueueDepth = 256;     // datagrams
+  int sendDatagramSize = 2048;  // longer ones are cut
+  std::uint16_t localPort = 0;  // 0: the system chooses
+  std::uint16_t remotePort = 0;
+  std::uint32_t remoteAddress = 0;  // IPv4, host byte order; where OnSend's datagrams go
+  void* recvContext = nullptr;
+  UdpReceiveCallback recvCallback = nullptr;
 };
 
 // Base of every UDP stream: SetConfig, OnStartUDPClient, then registration with

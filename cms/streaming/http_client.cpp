@@ -27,10 +27,10 @@ constexpr int kFixedAudioType = 13;
 
 tTcpClientParam ConnectionSizes() {
   tTcpClientParam sizes;
-  sizes.recv_queue_depth = kReceiveDepth;
-  sizes.recv_chunk_size = kReceiveChunk;
-  sizes.send_queue_depth = kSendDepth;
-  sizes.send_chunk_size = kSendChunk;
+  sizes.recvQueueDepth = kReceiveDepth;
+  sizes.recvChunkSize = kReceiveChunk;
+  sizes.sendQueueDepth = kSendDepth;
+  sizes.sendChunkSize = kSendChunk;
   return sizes;
 }
 

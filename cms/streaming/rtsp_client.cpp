@@ -286,14 +286,14 @@ void CMSRTSPClient::HandVideo(unsigned char* header, unsigned char* payload, int
                               int frameType) {
   CMSChannelDataBase* const channel = Channel(config_.channel);
   cms::VideoFrameInfo info;
-  info.payload_size = static_cast<std::uint32_t>(length);
-  info.host_seconds = cms::WallSeconds();
-  info.clock_offset = config_.clockOffsetSeconds;
-  info.stream_number = static_cast<unsigned>(config_.streamNumber);
-  info.announced_other_rate = otherFrameRate_;
-  info.frame_rate = announcedFrameRate_ > 0 ? announcedFrameRate_ : fpsReport_.GetRecentFps();
-  info.frame_type = frameType;
-  info.video_type = channel != nullptr ? channel->GetVideoType() : 0;
+  info.payloadSize = static_cast<std::uint32_t>(length);
+  info.hostSeconds = cms::WallSeconds();
+  info.clockOffset = config_.clockOffsetSeconds;
+  info.streamNumber = static_cast<unsigned>(config_.streamNumber);
+  info.announcedOtherRate = otherFrameRate_;
+  info.frameRate = announcedFrameRate_ > 0 ? announcedFrameRate_ : fpsReport_.GetRecentFps();
+  info.frameType = frameType;
+  info.videoType = channel != nullptr ? channel->GetVideoType() : 0;
   info.sequence = ++videoSequence_;
   const std::span<std::uint8_t, cms::kVideoHeaderRoom> area(header, cms::kVideoHeaderRoom);
   cms::BuildVideoFrameHeader(area, info);
@@ -308,18 +308,18 @@ void CMSRTSPClient::HandVideo(unsigned char* header, unsigned char* payload, int
     processer->ResetMetadada();
   }
   if (channel != nullptr) {
-    channel->SetTime(info.host_seconds + info.clock_offset);
+    channel->SetTime(info.hostSeconds + info.clockOffset);
   }
   OnGetVideoFrame(header, cms::kVideoHeaderRoom, payload, length, config_.channel, frameType);
 }
 
 void CMSRTSPClient::HandAudio(unsigned char* header, unsigned char* payload, int length) {
   cms::AudioFrameInfo info;
-  info.payload_size = static_cast<std::uint32_t>(length);
-  info.host_seconds = cms::WallSeconds();
-  info.clock_offset = config_.clockOffsetSeconds;
-  info.stream_number = static_cast<unsigned>(config_.streamNumber);
-  info.announced_other_rate = otherFrameRate_;
+  info.payloadSize = static_cast<std::uint32_t>(length);
+  info.hostSeconds = cms::WallSeconds();
+  info.clockOffset = config_.clockOffsetSeconds;
+  info.streamNumber = static_cast<unsigned>(config_.streamNumber);
+  info.announcedOtherRate = otherFrameRate_;
   info.format = audioFormat_;
   const std::span<std::uint8_t, cms::kAudioHeaderRoom> area(header, cms::kAudioHeaderRoom);
   cms::BuildAudioFrameHeader(area, info);
@@ -330,18 +330,18 @@ void CMSRTSPClient::DescribeAudioFormat(const _RTSPSUBSESSION_CONFIG& audio) {
   audioFormat_ = {};
   const std::string encoding = GetAudioEncoding();
   if (encoding == "PCMU") {
-    audioFormat_.codec_id = CMS_CODEC_PCM_MULAW;
-    audioFormat_.bits_per_sample = 8;
+    audioFormat_.codecId = CMS_CODEC_PCM_MULAW;
+    audioFormat_.bitsPerSample = 8;
   } else if (encoding == "PCMA") {
-    audioFormat_.codec_id = CMS_CODEC_PCM_ALAW;
-    audioFormat_.bits_per_sample = 8;
+    audioFormat_.codecId = CMS_CODEC_PCM_ALAW;
+    audioFormat_.bitsPerSample = 8;
   } else if (encoding == "L16") {
-    audioFormat_.codec_id = CMS_CODEC_PCM_S16BE;  // network byte order (RFC 3551, 4.5.11)
-    audioFormat_.bits_per_sample = 16;
+    audioFormat_.codecId = CMS_CODEC_PCM_S16BE;  // network byte order (RFC 3551, 4.5.11)
+    audioFormat_.bitsPerSample = 16;
   } else {
     return;
   }
-  audioFormat_.sample_rate = audio.clockRate;
+  audioFormat_.sampleRate = audio.clockRate;
   audioFormat_.channels = static_cast<std::uint16_t>(audio.channels);
-  audioType_.store(static_cast<int>(audioFormat_.codec_id), std::memory_order_relaxed);
+  audioType_.store(static_cast<int>(audioFormat_.codecId), std::memory_order_relaxed);
 }

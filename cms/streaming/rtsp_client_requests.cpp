@@ -379,7 +379,7 @@ int CMSRTSPClient::ParserSetupResponse(const std::string& response,
                   "the session id in the answer to SETUP is empty or longer than 64 characters");
     }
     sessionId_ = session->id;
-    sessionTimeout_ = session->timeout_seconds;
+    sessionTimeout_ = session->timeoutSeconds;
   }
   if (sessionId_.empty()) {
     return Fail(ConnectionFault::kBadAnswer, "the answer to SETUP names no session");
@@ -393,9 +393,9 @@ int CMSRTSPClient::ParserSetupResponse(const std::string& response,
                 "the answer to SETUP has an impossible transport: " +
                     StatusLine(std::string(message.Header("Transport"))));
   }
-  if (transport->server_port) {
-    config.serverRtpPort = transport->server_port->rtp;
-    config.serverRtcpPort = transport->server_port->rtcp;
+  if (transport->serverPort) {
+    config.serverRtpPort = transport->serverPort->rtp;
+    config.serverRtcpPort = transport->serverPort->rtcp;
   }
   if (transport->interleaved) {
     config.rtpChannel = transport->interleaved->rtp;

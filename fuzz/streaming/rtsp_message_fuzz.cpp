@@ -31,7 +31,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (const auto session = cms::ParseSessionHeader(value)) {
       CHECK(!session->id.empty() && session->id.size() <= cms::RTSPSessionHeader::kMaxId);
       CHECK(session->id.find_first_of("\r\n ;") == std::string::npos);
-      CHECK(session->timeout_seconds >= cms::RTSPSessionHeader::kMinTimeout);
+      CHECK(session->timeoutSeconds >= cms::RTSPSessionHeader::kMinTimeout);
     }
   }
   for (const std::string_view value : {message.Header("Transport"), text}) {

@@ -291,7 +291,7 @@ TEST(Decoder, DamagedFramesNeverHarmTheFramesAfterAReset) {
 TEST(Decoder, FisheyeSettingsAreKeptButNothingDewarps) {
   CMSDecoder decoder;
   stFisheyeParameter parameter;
-  parameter.view_mode = 4;
+  parameter.viewMode = 4;
   EXPECT_EQ(decoder.CreateFishEyeManager(parameter), 1);
   EXPECT_EQ(decoder.GetDewarpMode(), 4);
   decoder.SetViewMode(2);

@@ -24,14 +24,14 @@ std::uint32_t FlagsOf(const std::vector<std::uint8_t>& header) {
 
 cms::VideoFrameInfo KeyFrame() {
   cms::VideoFrameInfo info;
-  info.payload_size = 5000;
-  info.host_seconds = 0x1'6000'0000;
-  info.clock_offset = -0x10;
-  info.stream_number = 3;
-  info.announced_other_rate = true;
-  info.frame_rate = 25.0;
-  info.frame_type = 1;
-  info.video_type = 1;
+  info.payloadSize = 5000;
+  info.hostSeconds = 0x1'6000'0000;
+  info.clockOffset = -0x10;
+  info.streamNumber = 3;
+  info.announcedOtherRate = true;
+  info.frameRate = 25.0;
+  info.frameType = 1;
+  info.videoType = 1;
   info.sequence = 0x01020304;
   return info;
 }
@@ -69,25 +69,25 @@ TEST(DRVFrameHeader, VideoRatesTypesAndMarks) {
                {0.0 / 0.0, 0}};
   for (const auto& [rate, written] : rates) {
     auto info = KeyFrame();
-    info.frame_rate = rate;
+    info.frameRate = rate;
     EXPECT_EQ(FlagsOf(Video(info)) >> 10 & 0x3F, written) << rate;
   }
   auto info = KeyFrame();
-  info.announced_other_rate = false;
-  info.frame_type = 0x7A;  // the low three bits
+  info.announcedOtherRate = false;
+  info.frameType = 0x7A;  // the low three bits
   EXPECT_EQ(FlagsOf(Video(info)), 0x02'65'00u);
   const std::uint8_t marks[] = {0, 0xF0, 0xD0, 0xE0, 0};
   for (int type = 0; type < 5; ++type) {
-    info.video_type = type;
+    info.videoType = type;
     EXPECT_EQ(Video(info)[kVideoHeaderRoom - 29], marks[type]);
   }
 }
 
 TEST(DRVFrameHeader, AudioCarriesThePlainSizeAndTheFormat) {
   cms::AudioFrameInfo info;
-  info.payload_size = 320;
-  info.host_seconds = 1'000'000'000;
-  info.stream_number = 1;
+  info.payloadSize = 320;
+  info.hostSeconds = 1'000'000'000;
+  info.streamNumber = 1;
   info.format = {CMS_CODEC_PCM_MULAW, 8000, 1, 16, {1, 2, 3, 0xFF}};
   std::vector<std::uint8_t> bytes(kAudioHeaderRoom, 0xAA);
   cms::BuildAudioFrameHeader(std::span<std::uint8_t, kAudioHeaderRoom>(bytes), info);

@@ -56,8 +56,8 @@ class ActingClient : public UdpClient {
  public:
   explicit ActingClient(std::function<void()> action) : action_(std::move(action)) {
     _UDPCLIENT_CONFIG config;
-    config.recv_context = this;
-    config.recv_callback = [](void* self, char*, int) {
+    config.recvContext = this;
+    config.recvCallback = [](void* self, char*, int) {
       auto* const client = static_cast<ActingClient*>(self);
       ++client->calls;
       client->action_();

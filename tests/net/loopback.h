@@ -192,15 +192,15 @@ class Sink {
 
 inline tTcpClientParam TcpInto(Sink& sink) {
   tTcpClientParam param;
-  param.recv_callback = Sink::OnTcp;
-  param.recv_context = &sink;
+  param.recvCallback = Sink::OnTcp;
+  param.recvContext = &sink;
   return param;
 }
 
 inline _UDPCLIENT_CONFIG UdpInto(Sink& sink) {
   _UDPCLIENT_CONFIG config;
-  config.recv_callback = Sink::OnUdp;
-  config.recv_context = &sink;
+  config.recvCallback = Sink::OnUdp;
+  config.recvContext = &sink;
   return config;
 }
 

@@ -121,8 +121,8 @@ TEST_F(TcpClientTest, MegabytesToASlowReaderArriveIntact) {
 
 TEST_F(TcpClientTest, TheSendQueueIsBoundedAndNeverLosesWhatItAccepted) {
   tTcpClientParam param;
-  param.send_queue_depth = 4;
-  param.send_chunk_size = 8;
+  param.sendQueueDepth = 4;
+  param.sendChunkSize = 8;
   TcpClient client(param);
   EXPECT_EQ(client.Send(std::string(40, 'a')), 31);
   EXPECT_EQ(client.Send("b"), 0);
@@ -178,8 +178,8 @@ TEST_F(TcpClientTest, AResetConnectionIsDropped) {
 
 TEST_F(TcpClientTest, AFullQueueIsNotSpunOnAndResumes) {
   tTcpClientParam param;
-  param.recv_queue_depth = 4;
-  param.recv_chunk_size = 100;
+  param.recvQueueDepth = 4;
+  param.recvChunkSize = 100;
   TcpClient client(param);
   ASSERT_TRUE(client.Start(listener_.Port(), kGroup));
   const Descriptor peer = listener_.Accept();
@@ -202,7 +202,7 @@ TEST_F(TcpClientTest, AFullQueueIsNotSpunOnAndResumes) {
 
 TEST_F(TcpClientTest, StepsWithoutASocketFailAndWithAFullQueueTakeNothing) {
   tTcpClientParam param;
-  param.recv_queue_depth = 3;  // room for one frame
+  param.recvQueueDepth = 3;  // room for one frame
   TcpClient client(param);
   EXPECT_EQ(client.TCPClientRecv(), -1);
   EXPECT_EQ(client.TCPClientSend(), -1);

@@ -64,7 +64,7 @@ TEST_F(UdpClientTest, QueueModeDropsLongDatagramsAndCallbackModePassesThemWhole)
 
 TEST_F(UdpClientTest, AFullQueueDropsTheNewestAndReadingGoesOn) {
   _UDPCLIENT_CONFIG config;
-  config.recv_queue_depth = 4;
+  config.recvQueueDepth = 4;
   UdpClient client(config);
   ASSERT_NE(client.OnStartUDPClient(), 0);
   for (int i = 0; i < 10; ++i) {
@@ -83,10 +83,10 @@ TEST_F(UdpClientTest, AFullQueueDropsTheNewestAndReadingGoesOn) {
 
 TEST_F(UdpClientTest, SendsAreCutBoundedAndGoToTheRemoteAddress) {
   _UDPCLIENT_CONFIG config;
-  config.send_queue_depth = 4;
-  config.send_datagram_size = 10;
-  config.remote_address = INADDR_LOOPBACK;
-  config.remote_port = test::PortOf(peer_);
+  config.sendQueueDepth = 4;
+  config.sendDatagramSize = 10;
+  config.remoteAddress = INADDR_LOOPBACK;
+  config.remotePort = test::PortOf(peer_);
   UdpClient client(config);
   EXPECT_EQ(client.Send("too early"), 0);
   ASSERT_NE(client.OnStartUDPClient(), 0);
@@ -116,8 +116,8 @@ class SlowClock final : public cms::Clock {
 
 TEST_F(UdpClientTest, ASendStepEndsBefore31Milliseconds) {
   _UDPCLIENT_CONFIG config;
-  config.remote_address = INADDR_LOOPBACK;
-  config.remote_port = test::PortOf(peer_);
+  config.remoteAddress = INADDR_LOOPBACK;
+  config.remotePort = test::PortOf(peer_);
   UdpClient client(config);
   ASSERT_NE(client.OnStartUDPClient(), 0);
   for (int i = 0; i < 20; ++i) {
@@ -132,8 +132,8 @@ TEST_F(UdpClientTest, ASendStepEndsBefore31Milliseconds) {
 
 TEST_F(UdpClientTest, AFailedSendIsReportedAndStepsWithoutASocketFail) {
   _UDPCLIENT_CONFIG config;
-  config.remote_address = INADDR_LOOPBACK;
-  config.remote_port = 0;  // nobody can be sent to there
+  config.remoteAddress = INADDR_LOOPBACK;
+  config.remotePort = 0;  // nobody can be sent to there
   UdpClient client(config);
   EXPECT_EQ(client.UDPClientRecv(), -1);
   EXPECT_EQ(client.UDPClientSend(), -1);
@@ -154,7 +154,7 @@ TEST_F(UdpClientTest, ABusyPortFailsAndAnAdoptedSocketIsKept) {
   const long before = test::OpenDescriptors();
   {
     _UDPCLIENT_CONFIG config;
-    config.local_port = test::PortOf(peer_);
+    config.localPort = test::PortOf(peer_);
     UdpClient refused(config);
     EXPECT_EQ(refused.OnStartUDPClient(), 0);
     EXPECT_EQ(refused.LastSocketError(), EADDRINUSE);
@@ -179,8 +179,8 @@ TEST_F(UdpClientTest, ABusyPortFailsAndAnAdoptedSocketIsKept) {
 TEST_F(UdpClientTest, ThreadsOfItsOwnTakeOnlyTheConfiguredPeer) {
   Sink sink;
   _UDPCLIENT_CONFIG config = test::UdpInto(sink);
-  config.remote_address = INADDR_LOOPBACK;
-  config.remote_port = test::PortOf(peer_);
+  config.remoteAddress = INADDR_LOOPBACK;
+  config.remotePort = test::PortOf(peer_);
   UdpClient client(config);
   ASSERT_NE(client.OnStartUDPClient(), 0);
   client.RunOwnThreads();

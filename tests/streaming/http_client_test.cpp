@@ -80,9 +80,9 @@ class MultipartClient : public CMSHTTPClient {
     EXPECT_EQ(extra, 77);
     std::array<std::uint8_t, cms::kVideoHeaderRoom> header{};
     cms::VideoFrameInfo info;
-    info.payload_size = static_cast<std::uint32_t>(length);
-    info.frame_type = videoFlag;
-    info.video_type = 2;
+    info.payloadSize = static_cast<std::uint32_t>(length);
+    info.frameType = videoFlag;
+    info.videoType = 2;
     cms::BuildVideoFrameHeader(header, info);
     OnGetVideoFrame(header.data(), static_cast<int>(header.size()), data, length, channel,
                     videoFlag);

@@ -26,7 +26,7 @@ struct Case {
   std::string session_control = {};
   double start = -1;
   double end = -1;
-  float frame_rate = 0;
+  float frameRate = 0;
   bool not_30 = false;
   std::string parameter_sets = {};
 };
@@ -59,7 +59,7 @@ TEST_P(Descriptions, AreReducedToTheirStreams) {
   EXPECT_EQ(session.ControlURL(), c.session_control);
   EXPECT_EQ(session.RangeStart(), c.start);
   EXPECT_EQ(session.RangeEnd(), c.end);
-  EXPECT_FLOAT_EQ(session.FrameRate(), c.frame_rate);
+  EXPECT_FLOAT_EQ(session.FrameRate(), c.frameRate);
   EXPECT_EQ(session.IsFrameRateNot30(), c.not_30);
   EXPECT_EQ(video.parameterSets, c.parameter_sets);
 }
@@ -69,7 +69,7 @@ const Case kCases[] = {
      .video = {96, "H264", 90000, "rtsp://192.0.2.20:554/stream1/trackID=1"},
      .audio = {0, "PCMU", 8000, "rtsp://192.0.2.20:554/stream1/trackID=2"},
      .session_control = "rtsp://192.0.2.20:554/stream1/",
-     .frame_rate = 25,
+     .frameRate = 25,
      .not_30 = true,
      .parameter_sets = "Z00AKp2oHgCJ+WbgICAgQA==,aO48gA=="},
     {.file = "h264_l16_relative",
@@ -78,17 +78,17 @@ const Case kCases[] = {
      .session_control = "*",
      .start = 0,
      .end = 12.5,
-     .frame_rate = 30,
+     .frameRate = 30,
      .parameter_sets = "Z2QAKKzZQHgCJ+XARAAAAwAEAAADAPA8YMZY,aOvjyyLA"},
     {.file = "mjpeg_pcma_static",
      .video = {26, "JPEG", 90000, "track1"},
      .audio = {8, "PCMA", 8000, "track2"},
-     .frame_rate = 12.5,
+     .frameRate = 12.5,
      .not_30 = true},
     {.file = "mpeg4_bare_line_feeds",
      .video = {97, "MP4V-ES", 90000, "trackID=0"},
      .audio = {65535, "MPEG4-GENERIC", 16000, "trackID=1"},
-     .frame_rate = 15,
+     .frameRate = 15,
      .not_30 = true},
     {.file = "bare_carriage_returns", .video = {96, "H264", 90000, "one"}, .session_control = "*"},
     {.file = "last_line_not_ended", .video = {96, "H264", 90000, "trackID=7"}},
@@ -106,7 +106,7 @@ const Case kCases[] = {
      .session_control = "rtsp://192.0.2.5/base",
      .start = 0.25,
      .end = 7.5,
-     .frame_rate = 24.97f,
+     .frameRate = 24.97f,
      .not_30 = true,
      .parameter_sets = "Z0IAHqaAoD2Q,aM4xUg=="},
     {.file = "two_videos_the_second_counts", .video = {26, "JPEG", 90000, "second"}},

@@ -99,7 +99,7 @@ TEST(SessionHeader, TakesIdAndTimeout) {
   const auto udp = ParseSessionHeader(RTSPMessage(Answer("setup_udp")).Header("Session"));
   ASSERT_TRUE(udp);
   EXPECT_EQ(udp->id, "12345678");
-  EXPECT_EQ(udp->timeout_seconds, 30u);
+  EXPECT_EQ(udp->timeoutSeconds, 30u);
 
   struct Case {
     const char* value;
@@ -111,7 +111,7 @@ TEST(SessionHeader, TakesIdAndTimeout) {
     SCOPED_TRACE(c.value);
     const auto session = ParseSessionHeader(c.value);
     ASSERT_TRUE(session);
-    EXPECT_EQ(session->timeout_seconds, c.timeout);
+    EXPECT_EQ(session->timeoutSeconds, c.timeout);
   }
 }
 
@@ -127,8 +127,8 @@ TEST(SessionHeader, RefusesIdsThatTheNextRequestMustNotCarry) {
 TEST(TransportHeader, TakesPortsChannelsAndSource) {
   const auto udp = ParseTransport(RTSPMessage(Answer("setup_udp")).Header("Transport"));
   ASSERT_TRUE(udp);
-  EXPECT_EQ(udp->client_port, (Pair{50000, 50001}));
-  EXPECT_EQ(udp->server_port, (Pair{8212, 8213}));
+  EXPECT_EQ(udp->clientPort, (Pair{50000, 50001}));
+  EXPECT_EQ(udp->serverPort, (Pair{8212, 8213}));
   EXPECT_FALSE(udp->interleaved);
 
   const auto tcp =
@@ -136,15 +136,15 @@ TEST(TransportHeader, TakesPortsChannelsAndSource) {
   ASSERT_TRUE(tcp);
   EXPECT_EQ(tcp->interleaved, (Pair{2, 3}));
   EXPECT_EQ(tcp->source, "192.0.2.20");
-  EXPECT_FALSE(tcp->server_port);
+  EXPECT_FALSE(tcp->serverPort);
 
   const auto single =
       ParseTransport("RTP/AVP;unicast;Server_Port=5004;interleaved= 0 - 1 ;,server_port=1-2");
   ASSERT_TRUE(single);
-  EXPECT_EQ(single->server_port, (Pair{5004, 5005}));
+  EXPECT_EQ(single->serverPort, (Pair{5004, 5005}));
   EXPECT_EQ(single->interleaved, (Pair{0, 1}));
-  EXPECT_EQ(ParseTransport("RTP/AVP;server_port=0-0")->server_port, (Pair{0, 0}));
-  EXPECT_FALSE(ParseTransport("")->server_port);
+  EXPECT_EQ(ParseTransport("RTP/AVP;server_port=0-0")->serverPort, (Pair{0, 0}));
+  EXPECT_FALSE(ParseTransport("")->serverPort);
 }
 
 TEST(TransportHeader, RefusesWhatCannotBeFollowed) {

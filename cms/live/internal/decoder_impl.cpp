@@ -180,7 +180,7 @@ void CMSDecoder::Impl::SetFisheye(const stFisheyeParameter& parameter) {
 
 void CMSDecoder::Impl::SetViewMode(int mode) {
   const ScopeLock guard(lock_);
-  fisheye_.view_mode = mode;
+  fisheye_.viewMode = mode;
 }
 
 void CMSDecoder::Impl::SetDewarpPosition(float pan, float tilt) {
@@ -195,5 +195,5 @@ void CMSDecoder::Impl::SetDewarpZoom(float zoom) {
 
 int CMSDecoder::Impl::DewarpMode() {
   const ScopeLock guard(lock_);
-  return fisheye_.view_mode;
+  return fisheye_.viewMode;
 }

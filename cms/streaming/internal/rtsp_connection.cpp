@@ -17,12 +17,12 @@ constexpr int kSendDepth = 16;
 
 tTcpClientParam RTSPConnection::Parameters(RTSPConnection* self) {
   tTcpClientParam parameters{};
-  parameters.recv_queue_depth = 2;  // unused: bytes go to the callback
-  parameters.recv_chunk_size = kReceiveChunk;
-  parameters.send_queue_depth = kSendDepth;
-  parameters.send_chunk_size = kSendChunk;
-  parameters.recv_callback = &RTSPConnection::OnBytes;
-  parameters.recv_context = self;
+  parameters.recvQueueDepth = 2;  // unused: bytes go to the callback
+  parameters.recvChunkSize = kReceiveChunk;
+  parameters.sendQueueDepth = kSendDepth;
+  parameters.sendChunkSize = kSendChunk;
+  parameters.recvCallback = &RTSPConnection::OnBytes;
+  parameters.recvContext = self;
   return parameters;
 }
 

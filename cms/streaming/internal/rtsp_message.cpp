@@ -120,7 +120,7 @@ std::optional<RTSPSessionHeader> ParseSessionHeader(std::string_view value) {
     if (!EqualAnyCase(TakeItem(parameter, '='), "timeout")) continue;
     const auto seconds = ParseNumber(parameter);
     if (!seconds || *seconds == 0) continue;
-    session.timeout_seconds =
+    session.timeoutSeconds =
         std::clamp(*seconds, RTSPSessionHeader::kMinTimeout, RTSPSessionHeader::kMaxTimeout);
   }
   return session;
@@ -135,8 +135,8 @@ std::optional<RTSPTransportHeader> ParseTransport(std::string_view value) {
     const bool interleaved = EqualAnyCase(name, "interleaved");
     std::optional<RTSPTransportHeader::Pair>* pair = nullptr;
     if (interleaved) pair = &transport.interleaved;
-    if (EqualAnyCase(name, "server_port")) pair = &transport.server_port;
-    if (EqualAnyCase(name, "client_port")) pair = &transport.client_port;
+    if (EqualAnyCase(name, "server_port")) pair = &transport.serverPort;
+    if (EqualAnyCase(name, "client_port")) pair = &transport.clientPort;
     if (pair) {
       *pair = ParsePair(parameter, interleaved ? 255 : 65535);
       if (!*pair) return std::nullopt;

@@ -66,7 +66,7 @@ struct RTSPSessionHeader {
   static constexpr std::uint32_t kMaxTimeout = 86400;
 
   std::string id;  // 1 to kMaxId visible characters: safe to put into the next request
-  std::uint32_t timeout_seconds = kDefaultTimeout;  // within kMinTimeout..kMaxTimeout
+  std::uint32_t timeoutSeconds = kDefaultTimeout;  // within kMinTimeout..kMaxTimeout
 };
 
 // Reads "id" or "id;timeout=60". Nothing when the id is empty, longer than kMaxId or holds blanks
@@ -81,8 +81,8 @@ struct RTSPTransportHeader {
     std::uint16_t rtcp = 0;
     bool operator==(const Pair&) const = default;
   };
-  std::optional<Pair> server_port;  // port 0: the server does not tell; nothing can be sent to it
-  std::optional<Pair> client_port;
+  std::optional<Pair> serverPort;  // port 0: the server does not tell; nothing can be sent to it
+  std::optional<Pair> clientPort;
   std::optional<Pair> interleaved;  // channel numbers, 0 to 255
   std::string source;               // the sender's host when it is not the RTSP server, else empty
 };

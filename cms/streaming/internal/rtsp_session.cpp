@@ -38,23 +38,23 @@ void RTSPStream::OnDatagram(void* context, char* data, int length) {
 
 bool RTSPStream::OpenUdp(std::uint32_t serverAddress, int group) {
   _UDPCLIENT_CONFIG rtp{};
-  rtp.recv_queue_depth = kDirectDepth;
-  rtp.recv_datagram_size = kRtcpDatagram;
-  rtp.send_queue_depth = kDirectDepth;
-  rtp.send_datagram_size = kRtcpDatagram;
-  rtp.local_port = config.clientRtpPort;
-  rtp.remote_port = config.serverRtpPort;
-  rtp.remote_address = serverAddress;
-  rtp.recv_context = this;
-  rtp.recv_callback = &RTSPStream::OnDatagram;
+  rtp.recvQueueDepth = kDirectDepth;
+  rtp.recvDatagramSize = kRtcpDatagram;
+  rtp.sendQueueDepth = kDirectDepth;
+  rtp.sendDatagramSize = kRtcpDatagram;
+  rtp.localPort = config.clientRtpPort;
+  rtp.remotePort = config.serverRtpPort;
+  rtp.remoteAddress = serverAddress;
+  rtp.recvContext = this;
+  rtp.recvCallback = &RTSPStream::OnDatagram;
 
   _UDPCLIENT_CONFIG control = rtp;
-  control.recv_queue_depth = kRtcpDepth;
-  control.send_queue_depth = kRtcpDepth;
-  control.local_port = config.clientRtcpPort;
-  control.remote_port = config.serverRtcpPort;
-  control.recv_context = nullptr;
-  control.recv_callback = nullptr;
+  control.recvQueueDepth = kRtcpDepth;
+  control.sendQueueDepth = kRtcpDepth;
+  control.localPort = config.clientRtcpPort;
+  control.remotePort = config.serverRtcpPort;
+  control.recvContext = nullptr;
+  control.recvCallback = nullptr;
 
   rtpSocket_ = std::make_unique<RTSPUDPClient>();
   rtpSocket_->SetConfig(rtp);
