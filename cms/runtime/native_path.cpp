@@ -1,0 +1,46 @@
+#include "cms/runtime/native_path.h"
+
+#include <algorithm>
+
+#include "cms/runtime/wide_text.h"
+
+namespace cms {
+namespace {
+
+bool BeginsWithDrive(std::wstring_view path) {
+  if (path.size() < 2 || path[1] != L':') {
+    return false;
+  }
+  const wchar_t letter = path[0];
+  return (letter >= L'A' && letter <= L'Z') || (letter >= L'a' && letter <= L'z');
+}
+
+}  // namespace
+
+std::string NativePath(std::wstring_view system_path) {
+  if (BeginsWithDrive(system_path)) {
+    system_path.remove_prefix(2);
+    if (system_path.empty()) {
+      return "/";
+    }
+  }
+  std::string native = Utf8FromWide(system_path);
+  std::replace(native.begin(), native.end(), '\\', '/');
+  return native;
+}
+
+std::wstring SystemPath(std::string_view native_path) {
+  std::wstring system = WideFromUtf8(native_path);
+  std::replace(system.begin(), system.end(), L'/', L'\\');
+  return system;
+}
+
+SplitSystemPath SplitAtLastSeparator(std::wstring_view path) {
+  const std::size_t at = path.find_last_of(L"\\/");
+  if (at == std::wstring_view::npos) {
+    return {{}, path, false};
+  }
+  return {path.substr(0, at), path.substr(at + 1), true};
+}
+
+}  // namespace cms
