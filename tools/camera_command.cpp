@@ -5,6 +5,7 @@
 #include <limits>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -13,6 +14,8 @@
 #include "tools/command.h"
 #include "tools/stop_signal.h"
 #include "tools/testcamera/camera_options.h"
+#include "tools/testcamera/http_camera.h"
+#include "tools/testcamera/pipeline_text.h"
 #include "tools/testcamera/rtsp_camera.h"
 
 namespace tools {
@@ -25,7 +28,7 @@ struct Arguments {
   int count = 1;
   std::string size = "640x360";
   std::vector<std::string> transports;
-  int http_port = -1;
+  std::optional<std::uint16_t> http_port;  // no HTTP without
   bool json = false;
 };
 
@@ -54,13 +57,10 @@ void AddChoice(CLI::App* app, const std::string& name, Value& value, const Choic
       ->option_text(names);
 }
 
-// Runs a GLib main loop on a thread of its own.
+// A GLib main loop for a thread of its own, which starts when everything is in place.
 class LoopThread {
  public:
-  LoopThread()
-      : context_(g_main_context_new()),
-        loop_(g_main_loop_new(context_, FALSE)),
-        thread_([this] { g_main_loop_run(loop_); }) {}
+  LoopThread() : context_(g_main_context_new()), loop_(g_main_loop_new(context_, FALSE)) {}
   ~LoopThread() {
     Stop();
     g_main_loop_unref(loop_);
@@ -70,6 +70,9 @@ class LoopThread {
   LoopThread& operator=(const LoopThread&) = delete;
 
   GMainContext* Context() const { return context_; }
+  void Start() {
+    thread_ = std::thread([this] { g_main_loop_run(loop_); });
+  }
   void Stop() {
     if (thread_.joinable()) {
       // From inside the loop, so that a loop that has not begun yet ends as well.
@@ -108,38 +111,53 @@ void Check(Arguments& arguments) {
       (each == "udp" ? camera.udp : camera.tcp) = true;
     }
   }
-  if (camera.path.front() != '/') {
+  if (!testcamera::IsPattern(camera.pattern)) {
+    throw CLI::ValidationError("--pattern", "GStreamer's videotestsrc knows no " + camera.pattern);
+  }
+  if (!camera.path.starts_with('/')) {
     camera.path.insert(0, "/");
   }
   if (camera.codec == testcamera::VideoCodec::kMjpeg && camera.file.empty() &&
       (camera.width > 2040 || camera.height > 2040)) {
     throw CLI::ValidationError("--size", "MJPEG over RTP ends at 2040x2040");
   }
-  const int highest = std::max<int>(camera.port, arguments.http_port);
+  const int highest = std::max<int>(camera.port, arguments.http_port.value_or(0));
   if (highest + arguments.count - 1 > std::numeric_limits<std::uint16_t>::max()) {
     throw CLI::ValidationError("--count", "more cameras than ports");
   }
 }
 
 int Serve(Arguments& arguments) {
-  Check(arguments);
   gst_init(nullptr, nullptr);
+  Check(arguments);
   std::vector<std::unique_ptr<testcamera::RtspCamera>> cameras;
+  std::vector<std::unique_ptr<testcamera::HttpCamera>> http_cameras;
   LoopThread loop;
   nlohmann::ordered_json list = nlohmann::ordered_json::array();
   for (int i = 0; i < arguments.count; ++i) {
+    const auto port = [i](std::uint16_t first) {
+      return static_cast<std::uint16_t>(first == 0 ? 0 : first + i);
+    };
     CameraOptions camera = arguments.camera;
-    if (camera.port != 0) {
-      camera.port = static_cast<std::uint16_t>(camera.port + i);
-    }
+    camera.port = port(camera.port);
     cameras.push_back(std::make_unique<testcamera::RtspCamera>(camera, loop.Context()));
     list.push_back({{"url", cameras.back()->Url()}, {"http_url", nullptr}});
+    if (arguments.http_port) {
+      camera.http_port = port(*arguments.http_port);
+      http_cameras.push_back(std::make_unique<testcamera::HttpCamera>(camera, loop.Context()));
+      list.back()["http_url"] = http_cameras.back()->Url();
+    }
   }
+  loop.Start();
   if (arguments.json) {
     std::printf("%s\n", nlohmann::ordered_json{{"cameras", list}}.dump().c_str());
   } else {
     for (const auto& each : list) {
-      std::printf("%s ready\n", each["url"].get<std::string>().c_str());
+      std::printf("%s ", each["url"].get<std::string>().c_str());
+      if (each["http_url"].is_string()) {
+        std::printf("%s ", each["http_url"].get<std::string>().c_str());
+      }
+      std::printf("ready\n");
     }
   }
   std::fflush(stdout);
@@ -160,6 +178,9 @@ void AddCameraCommand(CLI::App& app, CommandResult& result) {
   command->add_option("--bind", camera.bind, "Address to listen on")
       ->capture_default_str()
       ->check(CLI::ValidIPV4);
+  command->add_option("--http", arguments->http_port,
+                      std::string("HTTP port for the pictures as multipart JPEG at ") + kHttpPath +
+                          "; 0 takes any");
   command->add_option("--path", camera.path, "Path of the stream")->capture_default_str();
   command->add_option("--count", arguments->count, "So many cameras, at ports one after the other")
       ->capture_default_str()

@@ -34,7 +34,7 @@ int Fail(const CLI::App& app, std::string message, const std::string& hint, int 
 
 int main(int argc, char** argv) {
   CLI::App app("Orvanta CMS media SDK: watch, record and configure IP cameras", "orvanta");
-  app.require_subcommand(1);
+  app.require_subcommand(0, 1);
   tools::CommandResult result;
   tools::AddLiveCommand(app, result);
   tools::AddCameraCommand(app, result);
@@ -47,6 +47,9 @@ int main(int argc, char** argv) {
     return Fail(app, error.what(), " (see " + Name(app) + " --help)", kWrongUsage);
   } catch (const std::exception& error) {
     return Fail(app, error.what(), "", kFailed);
+  }
+  if (app.get_subcommands().empty()) {
+    return Fail(app, "say what to do (see orvanta --help)", "", kWrongUsage);
   }
   return result.status;
 }

@@ -44,11 +44,15 @@ struct CameraOptions {
   unsigned mtu = 1400;
   double drop_percent = 0;  // of the RTP packets, lost on their way
 
-  bool http = false;  // pictures over HTTP as well
-  std::uint16_t http_port = 0;
+  std::uint16_t http_port = 0;  // for pictures over HTTP; 0: any
 };
 
 inline constexpr char kRealm[] = "Orvanta test camera";
 inline constexpr char kHttpPath[] = "/video.mjpg";
+
+// Where a client on this machine finds a camera that listens on every address.
+inline std::string HostForUrl(const CameraOptions& options) {
+  return options.bind == "0.0.0.0" ? "127.0.0.1" : options.bind;
+}
 
 }  // namespace testcamera

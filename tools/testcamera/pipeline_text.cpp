@@ -1,6 +1,10 @@
 #include "tools/testcamera/pipeline_text.h"
 
+#include <gst/gst.h>
+
 #include <algorithm>
+
+#include "tools/testcamera/gst_ptr.h"
 
 namespace testcamera {
 namespace {
@@ -70,7 +74,8 @@ std::string VideoPayloader(const CameraOptions& options, VideoCodec codec) {
     case VideoCodec::kMjpeg:
       return "rtpjpegpay name=pay0 pt=26 mtu=" + Number(options.mtu) + " ";
     case VideoCodec::kMpeg4:
-      return "rtpmp4vpay " + in_band + common;
+      // Without a longest time it would put several small pictures into one packet.
+      return "rtpmp4vpay max-ptime=1 " + in_band + common;
   }
   return {};
 }
@@ -101,6 +106,14 @@ std::string RtspPipeline(const CameraOptions& options, VideoCodec codec) {
           : std::string("appsrc name=") + kFeedName +
                 " is-live=true format=time block=true max-buffers=2 max-bytes=0 ! ";
   return "( " + video + VideoPayloader(options, codec) + Audio(options.audio) + ")";
+}
+
+bool IsPattern(const std::string& name) {
+  const ObjectPtr<GstElement> source(
+      GST_ELEMENT(gst_object_ref_sink(gst_element_factory_make("videotestsrc", nullptr))));
+  const GParamSpec* pattern =
+      g_object_class_find_property(G_OBJECT_GET_CLASS(source.get()), "pattern");
+  return g_enum_get_value_by_nick(G_PARAM_SPEC_ENUM(pattern)->enum_class, name.c_str()) != nullptr;
 }
 
 std::string HttpPipeline(const CameraOptions& options) {

@@ -14,6 +14,9 @@ inline constexpr char kFeedName[] = "feed";        // the appsrc for a file's pi
 // Payloaders named pay0 and, with audio, pay1. The codec is the file's where one is played.
 std::string RtspPipeline(const CameraOptions& options, VideoCodec codec);
 
+// Whether the pattern's name is one of GStreamer's.
+bool IsPattern(const std::string& name);
+
 // Ends in an appsink named "sink" that gets JPEG pictures at their time.
 std::string HttpPipeline(const CameraOptions& options);
 

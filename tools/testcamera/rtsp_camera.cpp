@@ -12,16 +12,24 @@ namespace {
 
 constexpr char kViewer[] = "viewer";
 
-std::string HostForUrl(const std::string& bind) {
-  return bind == "0.0.0.0" ? "127.0.0.1" : bind;
-}
-
 template <typename Use>
 void WithElement(GstElement* bin, const char* name, Use use) {
   const ObjectPtr<GstElement> element(gst_bin_get_by_name_recurse_up(GST_BIN(bin), name));
   if (element != nullptr) {
     use(element.get());
   }
+}
+
+// The server makes the pipeline when the first client comes; what is missing is to be known before.
+void CheckPipeline(const std::string& text) {
+  GError* error = nullptr;
+  GstElement* bin =
+      gst_parse_launch_full(text.c_str(), nullptr, GST_PARSE_FLAG_FATAL_ERRORS, &error);
+  if (error != nullptr) {
+    const ErrorPtr owned(error);
+    throw std::runtime_error(std::string("cannot make the stream: ") + owned->message);
+  }
+  gst_object_unref(gst_object_ref_sink(bin));
 }
 
 }  // namespace
@@ -70,13 +78,15 @@ RtspCamera::~RtspCamera() {
 }
 
 std::string RtspCamera::Url() const {
-  return "rtsp://" + HostForUrl(options_.bind) + ":" +
+  return "rtsp://" + HostForUrl(options_) + ":" +
          std::to_string(gst_rtsp_server_get_bound_port(server_.get())) + options_.path;
 }
 
 void RtspCamera::AddMedia() {
+  const std::string pipeline = RtspPipeline(options_, codec_);
+  CheckPipeline(pipeline);
   GstRTSPMediaFactory* factory = gst_rtsp_media_factory_new();
-  gst_rtsp_media_factory_set_launch(factory, RtspPipeline(options_, codec_).c_str());
+  gst_rtsp_media_factory_set_launch(factory, pipeline.c_str());
   gst_rtsp_media_factory_set_shared(factory, TRUE);
   gst_rtsp_media_factory_set_latency(factory, 0);
   gst_rtsp_media_factory_set_protocols(

@@ -10,8 +10,8 @@
 
 namespace testcamera {
 
-// Serves from construction to destruction, on the thread that runs the context, which must be
-// running no more when the camera is destroyed.
+// Serves on the thread that runs the context, which is to be running no more when the camera is
+// destroyed.
 class RtspCamera {
  public:
   // Throws std::runtime_error, for instance when the port is taken.

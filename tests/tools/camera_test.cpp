@@ -1,0 +1,243 @@
+// The test camera against ffprobe and curl, so that the library's own tests may rely on it.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tests/support/encoded_clip.h"
+#include "tests/support/rtsp_camera.h"
+
+namespace {
+
+using test::RtspCamera;
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::Not;
+
+struct Result {
+  int status;
+  std::string output;  // standard output and standard error
+};
+
+Result RunShell(const std::string& command) {
+  Result result{-1, ""};
+  FILE* pipe = popen(("LSAN_OPTIONS=detect_leaks=0 timeout 60 " + command + " 2>&1").c_str(), "r");
+  char buffer[4096];
+  std::size_t count = 0;
+  while ((count = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) {
+    result.output.append(buffer, count);
+  }
+  const int status = pclose(pipe);
+  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return result;
+}
+
+// Codec, profile or rate, and size of each stream, with some pictures decoded.
+std::string Probe(const std::string& url, const std::string& options) {
+  return RunShell("ffprobe -v error " + options +
+                  " -show_entries stream=codec_name,profile,width,height,sample_rate -of csv=p=0 "
+                  "-probesize 200k -analyzeduration 500k '" +
+                  url + "'")
+      .output;
+}
+
+std::string OverUdp(const std::string& url) {
+  return Probe(url, "-rtsp_transport udp");
+}
+std::string OverTcp(const std::string& url) {
+  return Probe(url, "-rtsp_transport tcp");
+}
+
+TEST(Camera, ServesEachCodecOverBothTransports) {
+  const struct {
+    std::vector<std::string> options;
+    std::string video;
+    std::string audio;
+  } cases[] = {
+      {{"--audio", "pcmu"}, "h264,Constrained Baseline,640,360", "pcm_mulaw"},
+      {{"--profile", "high", "--audio", "pcma", "--packets", "stap", "--delimiters", "on"},
+       "h264,High,640,360",
+       "pcm_alaw"},
+      {{"--parameter-sets", "sdp", "--size", "320x240", "--mtu", "600"},
+       "h264,Constrained Baseline,320,240",
+       ""},
+      {{"--parameter-sets", "inband", "--fps", "50"}, "h264,Constrained Baseline,640,360", ""},
+      {{"--codec", "mjpeg", "--audio", "l16"}, "mjpeg,Baseline,640,360", "pcm_s16be"},
+      {{"--codec", "mpeg4", "--audio", "pcmu"}, "mpeg4,Simple Profile,640,360", "pcm_mulaw"},
+  };
+  for (const auto& each : cases) {
+    SCOPED_TRACE(testing::PrintToString(each.options));
+    RtspCamera camera(each.options);
+    EXPECT_THAT(OverTcp(camera.Url()), AllOf(HasSubstr(each.video), HasSubstr(each.audio)));
+    EXPECT_THAT(OverUdp(camera.Url()), AllOf(HasSubstr(each.video), HasSubstr(each.audio)));
+    EXPECT_EQ(camera.Stop(), 0);
+  }
+}
+
+TEST(Camera, NumbersItsPicturesForReadFrameNumber) {
+  RtspCamera camera({"--gop", "5"});
+  const std::string file = testing::TempDir() + "camera_frames.bgra";
+  const Result grabbed = RunShell("ffmpeg -v error -y -rtsp_transport tcp -i " + camera.Url() +
+                                  " -frames:v 5 -pix_fmt bgra -f rawvideo " + file);
+  ASSERT_EQ(grabbed.status, 0) << grabbed.output;
+  std::ifstream stream(file, std::ios::binary);
+  std::vector<char> picture(640 * 360 * 4);
+  int last = -1;
+  for (int i = 0; i < 5; ++i) {
+    ASSERT_TRUE(stream.read(picture.data(), static_cast<std::streamsize>(picture.size())));
+    const int number = test::ReadFrameNumber(reinterpret_cast<const std::uint8_t*>(picture.data()),
+                                             640, 360, 640 * 4, 640);
+    EXPECT_TRUE(i == 0 ? number >= 0 : number == last + 1) << number << " after " << last;
+    last = number;
+  }
+  std::filesystem::remove(file);
+}
+
+TEST(Camera, AsksForPasswordsOverRtspAndHttp) {
+  for (const std::string scheme : {"basic", "digest"}) {
+    SCOPED_TRACE(scheme);
+    RtspCamera camera({"--auth", scheme, "--user", "u", "--password", "p w", "--http", "0"});
+    const std::string good = test::WithCredentials(camera.Url(), "u", "p%20w");
+    EXPECT_THAT(OverTcp(good), HasSubstr("h264"));
+    EXPECT_THAT(OverTcp(test::WithCredentials(camera.Url(), "u", "wrong")), HasSubstr("401"));
+    const std::string curl = "curl -s -m 1 -o /dev/null -w 'status %{http_code}' --" + scheme;
+    EXPECT_THAT(RunShell(curl + " -u 'u:p w' " + camera.HttpUrl()).output, HasSubstr("status 200"));
+    EXPECT_THAT(RunShell(curl + " -u u:x " + camera.HttpUrl()).output, HasSubstr("status 401"));
+    EXPECT_THAT(RunShell(curl + " " + camera.HttpUrl() + "x").output, HasSubstr("status 404"));
+  }
+}
+
+TEST(Camera, SendsPicturesOverHttpDespiteASlowClient) {
+  RtspCamera camera({"--http", "0", "--pattern", "ball"});
+  FILE* slow = popen(("curl -s --limit-rate 1k -o /dev/null " + camera.HttpUrl()).c_str(), "r");
+  EXPECT_THAT(Probe(camera.HttpUrl(), "-f mpjpeg"), HasSubstr("mjpeg,Baseline,640,360"));
+  EXPECT_EQ(camera.Stop(), 0);
+  pclose(slow);
+}
+
+TEST(Camera, RefusesWhatItIsToldToRefuse) {
+  RtspCamera tcp_only({"--transports", "tcp"});
+  EXPECT_THAT(OverUdp(tcp_only.Url()), HasSubstr("461"));
+  EXPECT_THAT(OverUdp(tcp_only.Url() + "x"), HasSubstr("404"));
+
+  RtspCamera full({"--max-sessions", "1", "--session-timeout", "60"});
+  FILE* first = popen(("timeout 20 ffmpeg -v quiet -rtsp_transport tcp -i " + full.Url() +
+                       " -t 3 -progress - -stats_period 0.1 -f null -")
+                          .c_str(),
+                      "r");
+  char line[512];
+  while (std::fgets(line, sizeof line, first) != nullptr &&
+         std::string(line).find("progress=continue") == std::string::npos) {
+  }
+  EXPECT_THAT(OverTcp(full.Url()), HasSubstr("503"));
+  pclose(first);
+}
+
+// The file lasts 0.4 seconds; time stamps and sequence numbers go on over its end.
+TEST(Camera, PlaysAFileForEver) {
+  const std::string file = testing::TempDir() + "camera_loop.h264";
+  {
+    std::ofstream out(file, std::ios::binary);
+    for (const test::EncodedFrame& frame : test::EncodeClip({.frames = 10})) {
+      out.write(reinterpret_cast<const char*>(frame.data.data()),
+                static_cast<std::streamsize>(frame.data.size()));
+    }
+  }
+  RtspCamera camera({"--file", file});
+  const std::string times = RunShell(
+                                "ffprobe -v warning -rtsp_transport tcp -read_intervals %+2 "
+                                "-show_entries packet=pts_time -of csv=p=0 " +
+                                camera.Url())
+                                .output;
+  EXPECT_THAT(times, Not(HasSubstr("missed")));
+  std::istringstream lines(times);
+  std::string line;
+  double last = -1;
+  int count = 0;
+  while (std::getline(lines, line)) {
+    const double time = std::atof(line.c_str());
+    if (count++ > 0) {
+      EXPECT_NEAR(time - last, 0.04, 0.002) << "packet " << count;
+    }
+    last = time;
+  }
+  EXPECT_GT(count, 30);
+  EXPECT_EQ(camera.Stop(), 0);
+  std::filesystem::remove(file);
+}
+
+TEST(Camera, LosesPacketsWhenAsked) {
+  RtspCamera camera({"--drop-percent", "20", "--mtu", "300"});
+  EXPECT_THAT(
+      RunShell("ffmpeg -v warning -rtsp_transport udp -i " + camera.Url() + " -t 1 -f null -")
+          .output,
+      HasSubstr("missed"));
+}
+
+TEST(Camera, ComesBackAtItsPortsAndSurvivesClientsThatVanish) {
+  RtspCamera cameras({"--count", "3"});
+  ASSERT_EQ(cameras.Count(), 3u);
+  const std::string url = cameras.Url(2);
+  FILE* client = popen(("ffmpeg -v quiet -rtsp_transport udp -i " + url +
+                        " -f null - & "
+                        "pid=$!; sleep 1; kill -9 $pid")
+                           .c_str(),
+                       "r");
+  pclose(client);
+  EXPECT_THAT(OverTcp(url), HasSubstr("h264"));
+  cameras.Kill();
+  cameras.Start();
+  EXPECT_EQ(cameras.Url(2), url);
+  EXPECT_THAT(OverUdp(url), HasSubstr("h264"));
+}
+
+TEST(CommandLine, KeepsItsContract) {
+  const std::string orvanta = ORVANTA_BINARY;
+  const struct {
+    std::string arguments;
+    int status;
+    std::string message;
+  } cases[] = {
+      {"", 2, "orvanta: "},
+      {"nosuch", 2, "nosuch"},
+      {"camera --nosuch", 2, "--nosuch"},
+      {"camera --codec h265", 2, "orvanta camera: --codec: h265 is none of h264|mjpeg|mpeg4"},
+      {"camera --size 12", 2, "--size"},
+      {"camera --port 70000", 2, "--port"},
+      {"camera --file /nonexistent", 2, "--file"},
+      {"camera --port 0 --file /etc/passwd", 1, "/etc/passwd"},
+      {"camera --bind 192.0.2.1", 1, "192.0.2.1"},
+      {"camera --port 0 --pattern nosuch", 2, "--pattern"},
+  };
+  for (const auto& each : cases) {
+    SCOPED_TRACE(each.arguments);
+    const Result result = RunShell(orvanta + " " + each.arguments);
+    EXPECT_EQ(result.status, each.status);
+    EXPECT_THAT(result.output, HasSubstr(each.message));
+    EXPECT_EQ(result.output.find('\n'), result.output.size() - 1) << result.output;
+  }
+  const Result help = RunShell(orvanta + " camera --help");
+  EXPECT_EQ(help.status, 0);
+  EXPECT_THAT(help.output, HasSubstr("--max-sessions"));
+
+  // One JSON object, and a clean end at SIGTERM.
+  const Result json = RunShell("timeout --preserve-status 2 " + orvanta +
+                               " camera --port 0 --http 0 --count 2 --json");
+  EXPECT_EQ(json.status, 0);
+  const auto object = nlohmann::json::parse(json.output, nullptr, false);
+  ASSERT_FALSE(object.is_discarded()) << json.output;
+  ASSERT_EQ(object["cameras"].size(), 2u);
+  EXPECT_THAT(object["cameras"][1]["url"].get<std::string>(), HasSubstr("rtsp://127.0.0.1:"));
+  EXPECT_THAT(object["cameras"][1]["http_url"].get<std::string>(), HasSubstr("/video.mjpg"));
+}
+
+}  // namespace
