@@ -209,7 +209,19 @@ TEST(H264RTPProcesser, PayloadsThatLieFailTheFrame) {
     stream.Send(payload);
     EXPECT_EQ(stream.Send(Nal(5, 30), true), payload == StapA({kDelimiter}) ? 1 : 0)
         << testing::PrintToString(payload);
+    // As the first packet behind a frame end, where a key frame is looked for in it.
+    for (const bool ignore : {false, true}) {
+      Stream boundary(ignore);
+      EXPECT_EQ(boundary.Send(payload, true), 0);
+    }
   }
+}
+
+TEST(H264RTPProcesser, FrameEndInFrontOfAGapIsNoBoundary) {
+  Stream stream;
+  stream.rtp.Skip(1);
+  EXPECT_EQ(stream.Send(Nal(5, 30), true), 0) << "it may lack its first slices";
+  EXPECT_EQ(stream.Send(Nal(5, 30), true), 1);
 }
 
 TEST(H264RTPProcesser, FramesOfDelimitedStreamsArriveOnlyWithTheSwitch) {

@@ -155,6 +155,8 @@ TEST(MJPEGRTPProcesser, TablesFollowQTypeAndSizeAlone) {
   EXPECT_EQ(stream.Last()[7 + 69], 22) << "one table replaces luminance only";
   frame(252, 72, Data(300, 44));
   EXPECT_EQ(lumaEntry(), 44) << "128 bytes are taken, all of them skipped";
+  ASSERT_EQ(stream.Send(Payload(1, 252, 72, 56, InBand(Data(128, 55), 128))), 1);
+  EXPECT_EQ(lumaEntry(), 55) << "the height alone differs";
   // Q below 128, at both clamps.
   ASSERT_EQ(stream.Send(Payload(1, 0, 72, 48, scan)), 1);
   EXPECT_EQ(lumaEntry(), 255);

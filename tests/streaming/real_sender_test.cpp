@@ -91,7 +91,8 @@ TEST(RealSender, H264) {
     int width;
     int height;
     bool noise;
-  } cases[] = {{nullptr, 320, 240, true}, {nullptr, 320, 240, false}, {"h264_mode0", 96, 64, false}};
+  } cases[] = {
+      {nullptr, 320, 240, true}, {nullptr, 320, 240, false}, {"h264_mode0", 96, 64, false}};
   for (const auto& c : cases) {
     const Frames clip = Clip({.width = c.width,
                               .height = c.height,

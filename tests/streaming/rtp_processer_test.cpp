@@ -145,7 +145,12 @@ TEST(RTPProcesserBase, HeadersThatLieFailAndHonestOnesAreSkipped) {
   RtpPacket padding = rtp.Packet(Data{0, 0, 0, 4}, false);
   padding[0] |= 0x20;
   EXPECT_EQ(collector.Feed(padding), 0);
+  EXPECT_EQ(collector.Feed(rtp.Packet(data, false)), 0);
+  RtpPacket lies = rtp.Packet(Data{0, 0, 0, 5}, true);  // more padding than payload
+  lies[0] |= 0x20;
+  EXPECT_EQ(collector.Feed(lies), 0);
   EXPECT_EQ(collector.Feed(rtp.Packet(data, true)), 1) << "no gap where the padding was";
+  EXPECT_EQ(collector.frames.back().size(), 2 * data.size()) << "and no frame end";
 
   // Cut at every length, and with every length field too long: never more than its own bytes.
   for (std::size_t length = 0; length < rich.size(); ++length) {
@@ -196,6 +201,12 @@ TEST(RTPProcesserBase, InsertAtTheFrontMovesNothingWhileThereIsRoom) {
   EXPECT_EQ(assembly.FrameData(), place - 611);
   Data expected = header;
   expected.insert(expected.end(), body.begin(), body.end());
+  EXPECT_EQ(assembly.Frame(), expected);
+
+  // What is left is the front room that the callback was promised.
+  EXPECT_EQ(assembly.InsertDataToFrameBuff(body.data(), 0, 100), 1);
+  EXPECT_EQ(assembly.FrameData(), place - 611);
+  expected.insert(expected.begin(), body.begin(), body.end());
   EXPECT_EQ(assembly.Frame(), expected);
 
   // The room is used up: the same call still does its job.

@@ -220,6 +220,10 @@ TEST(H264Size, ReadsEveryOrderCountTypeAndRefusesBrokenSets) {
   EXPECT_EQ(size(bits.Golomb(1).Put(0, 1).Golomb(5).Golomb(6).Golomb(256).Put(0xFFFFFFFF, 32)),
             (PictureSize{-1, -1}));
 
+  BitWriter level3;  // its 03 behind a single 00 is no emulation prevention
+  level3.Put(66, 8).Put(0, 8).Put(3, 8).Golomb(0).Golomb(0).Golomb(2);
+  EXPECT_EQ(size(tail(level3, 1280, 720)), (PictureSize{1280, 720}));
+
   EXPECT_FALSE(cms::H264Size(Data(100, 0))) << "a code of nothing but zeros";
   EXPECT_FALSE(cms::H264Size(Data{66, 0, 30}));
 }
