@@ -13,6 +13,7 @@
 #include "cms/exports/net_exports.h"
 #include "tools/command.h"
 #include "tools/live_site.h"
+#include "tools/live_summary.h"
 #include "tools/stop_signal.h"
 
 namespace tools {
@@ -153,7 +154,10 @@ class Live {
       streams.push_back(site->Json());
       site->Close();
     }
-    if (arguments_.json) {
+    if (!arguments_.json) {
+      PrintSummary(streams);
+      std::fflush(stdout);
+    } else {
       std::printf("%s\n", nlohmann::ordered_json{{"streams", streams}}.dump(2).c_str());
     }
     for (const std::string& failure : failures) {

@@ -1,0 +1,62 @@
+#!/bin/bash
+# The demo: three test cameras on free ports, watched by one `orvanta live`: a line a second for each,
+# then a summary, and a picture of what each camera saw.
+# Usage: demo.sh [SECONDS]      ORVANTA: the program, OUT: where the pictures go
+set -euo pipefail
+
+# shellcheck source=scripts/setup.sh
+source "$(dirname "${BASH_SOURCE[0]}")/setup.sh"
+seconds=${1:-10}
+orvanta=${ORVANTA:-$root/build/release/tools/orvanta}
+out=${OUT:-$root/out}
+
+work=$(mktemp -d)
+cameras=()
+finish() {
+  kill "${cameras[@]}" 2>/dev/null && wait "${cameras[@]}" 2>/dev/null || true
+  rm -rf "$work"
+}
+trap finish EXIT
+
+# Starts a test camera and adds its URL to urls.
+urls=()
+start_camera() { # OPTIONS...
+  local name=$work/camera.${#cameras[@]} url='' tries
+  : >"$name"
+  "$orvanta" camera --port 0 "$@" >"$name" 2>"$name.err" &
+  cameras+=($!)
+  for ((tries = 0; tries < 300; ++tries)); do
+    read -r url _ <"$name" && break
+    kill -0 "${cameras[-1]}" 2>/dev/null || break
+    sleep 0.1
+  done
+  [[ -n $url ]] || {
+    cat "$name.err" >&2
+    die "a test camera did not start: orvanta camera --port 0 $*"
+  }
+  urls+=("$url")
+}
+
+start_camera --path /door --pattern smpte --size 1280x720 --profile high --delimiters on --audio pcmu
+start_camera --path /yard --pattern ball --auth digest --user admin --password secret --audio pcma
+start_camera --path /hall --pattern snow --codec mjpeg --size 320x240 --fps 10 --audio l16
+# Where the camera asks for a password, the URL carries it.
+urls[1]=${urls[1]/:\/\//:\/\/admin:secret@}
+
+cat <<TEXT
+Three test cameras are running:
+  ${urls[0]}                 H.264 high 1280x720, PCMU, to be received over UDP
+  ${urls[1]}    H.264 baseline 640x360, PCMA, over interleaved TCP with a Digest password
+  ${urls[2]}                 MJPEG 320x240, L16, over UDP
+
+\$ orvanta live URL... --transport udp,tcp,udp --seconds $seconds --snapshot out/camera.png
+TEXT
+
+mkdir -p "$out"
+rm -f "$out"/camera-[123].png
+status=0
+"$orvanta" live "${urls[@]}" --transport udp,tcp,udp --seconds "$seconds" \
+  --snapshot "$out/camera.png" || status=$?
+printf '\nWhat the cameras saw:\n'
+ls "$out"/camera-*.png
+exit "$status"

@@ -1,0 +1,34 @@
+#!/bin/bash
+# The demo shows what it promises: pictures of all three cameras, lines while they run, no camera left.
+# Usage: demo_test.sh PROJECT_DIR ORVANTA
+set -euo pipefail
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+# Its own name for the program, to find what the demo leaves running.
+ln -s "$2" "$work/orvanta"
+export ORVANTA=$work/orvanta OUT=$work/out
+# What GStreamer keeps until its process ends is no leak of ours.
+export ASAN_OPTIONS=detect_leaks=0
+
+# A busy machine is given more time.
+for seconds in 4 15 60; do
+  "$1/scripts/demo.sh" "$seconds" >"$work/shown"
+  cat "$work/shown"
+  # The summary's last lines: number, codec, size, audio, frames, fps, kbit/s, lost, decoded ...
+  seen=$(awk '/^#[123] +(H264|JPEG) / && $5 > 0 && $9 > 0 { print $2, $3, $4 }' "$work/shown")
+  [[ $(wc -l <<<"$seen") == 3 ]] && break
+done
+diff - <(printf '%s\n' "$seen") <<'EXPECTED'
+H264 1280x720 PCMU
+H264 640x360 PCMA
+JPEG 320x240 L16
+EXPECTED
+for camera in 1 2 3; do
+  grep -q "^#$camera rtsp://.* fps .* kbit/s  lost [0-9]* .*decoded" "$work/shown"
+  [[ $(head -c 4 "$OUT/camera-$camera.png") == $'\x89PNG' ]]
+done
+if grep -lsaFf - /proc/[0-9]*/cmdline <<<"$ORVANTA"; then
+  echo "the demo left cameras running"
+  exit 1
+fi
