@@ -1,0 +1,143 @@
+#include "bench/support/receivers.h"
+
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <thread>
+#include <vector>
+
+#include "cms/streaming/rtsp_client.h"
+
+namespace bench {
+namespace {
+
+constexpr std::chrono::seconds kWarmUp{2};
+constexpr std::chrono::seconds kOpenLimit{20};
+
+class OwnReceiver final : public Receiver {
+ public:
+  explicit OwnReceiver(const ReceiveJob& job) : job_(job) {}
+  ~OwnReceiver() override {
+    for (const auto& client : clients_) {
+      client->StopPlay();
+      client->CloseStream();
+    }
+  }
+
+  bool Open() override {
+    for (int i = 0; i < job_.streams; ++i) {
+      stRTSPClientConfig config;
+      config.path = "rtsp://127.0.0.1:" + std::to_string(job_.port) + "/clip";
+      config.transport = job_.tcp ? kRtspTransportInterleaved : kRtspTransportUdp;
+      config.ignoreDelimiters = true;
+      config.siteNumber = i;
+      auto client = std::make_unique<CMSRTSPClient>();
+      client->SetConfig(&config);
+      client->AllocChannelData(1);
+      client->SetMustDecode(0);
+      if (client->OpenStream() == 0 || client->Play() == 0) {
+        std::fprintf(stderr, "%s\n", client->GetConnectionStatus().detail.c_str());
+        return false;
+      }
+      clients_.push_back(std::move(client));
+    }
+    return true;
+  }
+
+  ReceiveTotals Totals() override {
+    ReceiveTotals totals;
+    totals.fewest_frames = ~std::uint64_t{0};
+    for (const auto& client : clients_) {
+      CMSFrameData data;
+      client->GetFrameData(&data, sizeof data);
+      totals.frames += data.videoFrames;
+      totals.fewest_frames = std::min(totals.fewest_frames, data.videoFrames);
+      totals.bytes += data.bytes;
+      totals.lost_packets += data.lostPackets;
+      totals.delivering += data.videoFrames > 0 ? 1 : 0;
+    }
+    return totals;
+  }
+
+ private:
+  ReceiveJob job_;
+  std::vector<std::unique_ptr<CMSRTSPClient>> clients_;
+};
+
+struct Usage {
+  double user = 0;  // ms
+  double system = 0;
+  long waits = 0;  // times that a thread gave the processor up
+};
+
+Usage ProcessUsage() {
+  rusage used{};
+  getrusage(RUSAGE_SELF, &used);
+  const auto milliseconds = [](const timeval& time) {
+    return static_cast<double>(time.tv_sec) * 1e3 + static_cast<double>(time.tv_usec) * 1e-3;
+  };
+  return {milliseconds(used.ru_utime), milliseconds(used.ru_stime), used.ru_nvcsw};
+}
+
+int ThreadCount() {
+  const std::filesystem::directory_iterator tasks("/proc/self/task");
+  return static_cast<int>(std::distance(begin(tasks), end(tasks)));
+}
+
+double ResidentMegabytes() {
+  std::ifstream file("/proc/self/statm");
+  double size = 0;
+  double resident = 0;
+  file >> size >> resident;
+  return resident * static_cast<double>(sysconf(_SC_PAGESIZE)) / (1 << 20);
+}
+
+}  // namespace
+
+std::unique_ptr<Receiver> MakeOwnReceiver(const ReceiveJob& job) {
+  return std::make_unique<OwnReceiver>(job);
+}
+
+int RunReceiver(const ReceiveJob& job) {
+  const auto receiver = job.receiver == "ours"        ? MakeOwnReceiver(job)
+                        : job.receiver == "gstreamer" ? MakeGStreamerReceiver(job)
+                                                      : MakeBareReceiver(job);
+  if (!receiver->Open()) {
+    return 1;
+  }
+  using Clock = std::chrono::steady_clock;
+  const auto limit = Clock::now() + kOpenLimit;
+  while (receiver->Totals().delivering < job.streams && Clock::now() < limit) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  std::this_thread::sleep_for(kWarmUp);
+
+  const Usage usage_before = ProcessUsage();
+  const ReceiveTotals before = receiver->Totals();
+  const auto start = Clock::now();
+  std::this_thread::sleep_for(std::chrono::seconds(job.seconds));
+  const Usage usage = ProcessUsage();
+  const ReceiveTotals after = receiver->Totals();
+  const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+
+  const double stream_seconds = seconds * job.streams;
+  std::printf(
+      "user=%f system=%f waits=%f delivering=%d frames=%f fewest=%f kbps=%f lost=%lu threads=%d "
+      "rss=%f seconds=%f\n",
+      (usage.user - usage_before.user) / stream_seconds,
+      (usage.system - usage_before.system) / stream_seconds,
+      static_cast<double>(usage.waits - usage_before.waits) / seconds, after.delivering,
+      static_cast<double>(after.frames - before.frames) / stream_seconds,
+      static_cast<double>(after.fewest_frames - before.fewest_frames) / seconds,
+      static_cast<double>(after.bytes - before.bytes) * 8 / 1000 / stream_seconds,
+      static_cast<unsigned long>(after.lost_packets), ThreadCount(), ResidentMegabytes(), seconds);
+  std::fflush(stdout);
+  return 0;
+}
+
+}  // namespace bench

@@ -1,0 +1,42 @@
+// Receivers of many RTSP streams in one process, side by side: ours, GStreamer's, and a bare loop.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace bench {
+
+struct ReceiveJob {
+  std::string receiver;  // "ours", "gstreamer", "bare", or "write": the bare loop that writes too
+  int streams = 32;
+  bool tcp = false;
+  int port = 0;
+  int seconds = 10;
+};
+
+// Since the opening, of all streams together.
+struct ReceiveTotals {
+  std::uint64_t frames = 0;         // 0 for the bare loop over TCP, which does not look for them
+  std::uint64_t fewest_frames = 0;  // of the stream that got fewest
+  std::uint64_t bytes = 0;
+  std::uint64_t lost_packets = 0;
+  int delivering = 0;  // streams that delivered anything
+};
+
+class Receiver {
+ public:
+  virtual ~Receiver() = default;
+  virtual bool Open() = 0;
+  virtual ReceiveTotals Totals() = 0;
+};
+
+std::unique_ptr<Receiver> MakeOwnReceiver(const ReceiveJob& job);
+std::unique_ptr<Receiver> MakeGStreamerReceiver(const ReceiveJob& job);
+std::unique_ptr<Receiver> MakeBareReceiver(const ReceiveJob& job);
+
+// Opens the job's receiver in this process, lets it settle for two seconds, and writes a line about
+// the next `seconds`: what it took from the process and what came, as NAME=NUMBER words.
+int RunReceiver(const ReceiveJob& job);
+
+}  // namespace bench
