@@ -28,14 +28,13 @@ class PacketizedClip {
   std::size_t FrameCount() const { return frames_.size(); }
   std::span<const Packet> Frame(std::size_t index) const { return frames_[index]; }
   const std::uint8_t* Data(const Packet& packet) const { return bytes_.data() + packet.offset; }
-  std::size_t PacketCount() const;
+  std::size_t PacketCount() const { return packet_count_; }
   const std::string& ParameterSets() const { return parameter_sets_; }  // as a description has them
 
  private:
-  void AddUnit(std::span<const std::uint8_t> unit, std::vector<Packet>& frame);
-
   std::vector<std::uint8_t> bytes_;
   std::vector<std::vector<Packet>> frames_;
+  std::size_t packet_count_ = 0;
   std::string parameter_sets_;
 };
 
