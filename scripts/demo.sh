@@ -58,5 +58,5 @@ status=0
 "$orvanta" live "${urls[@]}" --transport udp,tcp,udp --seconds "$seconds" \
   --snapshot "$out/camera.png" || status=$?
 printf '\nWhat the cameras saw:\n'
-ls "$out"/camera-*.png
+printf '%s\n' "${out#"$PWD"/}"/camera-*.png
 exit "$status"
