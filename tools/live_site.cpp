@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstdio>
 #include <stdexcept>
+#include <utility>
 
 #include "cms/exports/stream_probe_exports.h"
 #include "cms/streaming/rtsp_client.h"
@@ -119,7 +120,8 @@ LiveSite::~LiveSite() {
 }
 
 void LiveSite::Open() {
-  opened_ = std::chrono::steady_clock::now();
+  opened_ = Clock::now();
+  lastLine_ = opened_;
   client_->KeepOpen();
 }
 
@@ -134,30 +136,44 @@ CMSFrameData LiveSite::Totals() const {
   return totals;
 }
 
-std::string LiveSite::StatusLine() const {
+std::string LiveSite::StatusLine() {
   const CMSFrameData totals = Totals();
   const ConnectionStatus status = Status();
+  const auto now = Clock::now();
+  const std::chrono::duration<double> elapsed = now - std::exchange(lastLine_, now);
+  const CMSFrameData last = std::exchange(lastTotals_, totals);
   char text[512];
   if (status.state != ConnectionState::kPlaying) {
-    std::snprintf(
-        text, sizeof text, "#%d %s  %s%s%s", options_.number + 1, shownUrl_.c_str(),
-        status.state == ConnectionState::kOpening ? "opening" : "waiting to try again: ",
-        status.state == ConnectionState::kOpening ? "" : ConnectionFaultName(status.fault),
-        (status.detail.empty() ? "" : ": " + status.detail).c_str());
+    const bool opening = status.state == ConnectionState::kOpening;
+    std::snprintf(text, sizeof text, "#%d %s  %s%s%s", options_.number + 1, shownUrl_.c_str(),
+                  opening ? "opening" : "waiting to try again: ",
+                  opening ? "" : ConnectionFaultName(status.fault),
+                  (status.detail.empty() ? "" : ": " + status.detail).c_str());
     return text;
   }
   unsigned decoded = 0;
   unsigned notDecoded = 0;
   unsigned errors = 0;
   client_->GetDecodeStatus(0, &decoded, &notDecoded, &errors);
+  const double seconds = SecondsDelivering();
+  const auto frames = static_cast<double>(totals.videoFrames);
   std::snprintf(text, sizeof text,
                 "#%d %s  %5.1f fps (average %5.1f)  %6.0f kbit/s  lost %llu  decoded %u  "
                 "dropped %llu",
-                options_.number + 1, shownUrl_.c_str(), client_->GetFps(), client_->GetAvgFps(),
-                client_->GetKbps(), static_cast<unsigned long long>(totals.lostPackets), decoded,
+                options_.number + 1, shownUrl_.c_str(),
+                static_cast<double>(totals.videoFrames - last.videoFrames) / elapsed.count(),
+                seconds > 0 && frames > 0 ? frames / seconds : 0.0,
+                static_cast<double>(totals.bytes - last.bytes) * 8 / 1000 / elapsed.count(),
+                static_cast<unsigned long long>(totals.lostPackets), decoded,
                 static_cast<unsigned long long>(totals.oversizeFrames +
                                                 (options_.decode ? notDecoded + errors : 0)));
   return text;
+}
+
+// Since the first frame, pauses of a lost camera included.
+double LiveSite::SecondsDelivering() const {
+  const std::chrono::duration<double> open = Clock::now() - opened_;
+  return open.count() - Totals().firstFrameMs / 1000.0;
 }
 
 std::string LiveSite::Codec() const {
@@ -169,12 +185,6 @@ std::string LiveSite::Codec() const {
 std::string LiveSite::AudioCodec() const {
   const auto* const rtsp = dynamic_cast<const CMSRTSPClient*>(client_.get());
   return rtsp != nullptr ? rtsp->GetAudioEncoding() : "";
-}
-
-// Since the first frame, pauses of a lost camera included.
-double LiveSite::SecondsDelivering() const {
-  const std::chrono::duration<double> open = std::chrono::steady_clock::now() - opened_;
-  return open.count() - Totals().firstFrameMs / 1000.0;
 }
 
 nlohmann::ordered_json LiveSite::Json() const {

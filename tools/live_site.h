@@ -36,7 +36,7 @@ class LiveSite {
   ConnectionStatus Status() const { return client_->GetConnectionStatus(); }
   bool EverDelivered() const { return Totals().videoFrames > 0; }
 
-  std::string StatusLine() const;                       // of the last second, for people
+  std::string StatusLine();  // rates since the last one, for people
   nlohmann::ordered_json Json() const;                  // before Close
   const std::string& Url() const { return shownUrl_; }  // without the password
 
@@ -44,6 +44,8 @@ class LiveSite {
   void WriteSnapshot(const std::string& path);
 
  private:
+  using Clock = std::chrono::steady_clock;
+
   std::unique_ptr<CMSClientBase> MakeClient(const cms::CameraUrl& url, const std::string& user,
                                             const std::string& password) const;
   LiveOptions options_;
@@ -53,7 +55,9 @@ class LiveSite {
   std::string AudioCodec() const;
   double SecondsDelivering() const;
 
-  std::chrono::steady_clock::time_point opened_;
+  Clock::time_point opened_;
+  Clock::time_point lastLine_;
+  CMSFrameData lastTotals_;
 };
 
 }  // namespace tools
