@@ -320,6 +320,9 @@ int CMSRTSPClient::Describe() {
     if (audio.Present() && CreateSubSessionSocket(audio.config) == 0) {
       audio.config.payloadType = kNoPayloadType;
     }
+    if (!audio.Present()) {
+      session_->LeaveOutAudio();
+    }
   }
   return 1;
 }

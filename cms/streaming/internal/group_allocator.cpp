@@ -30,6 +30,13 @@ GroupClaim::GroupClaim(int chosenKey, int automaticKey, int sockets)
   }
 }
 
+void GroupClaim::Shrink(int sockets) {
+  if (sockets < sockets_) {
+    GroupAllocator::Instance().Release(key_, sockets_ - sockets);
+    sockets_ = sockets;
+  }
+}
+
 GroupClaim::~GroupClaim() {
   if (sockets_ > 0) {
     GroupAllocator::Instance().Release(key_, sockets_);

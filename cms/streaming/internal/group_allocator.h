@@ -33,6 +33,8 @@ class GroupClaim {
   GroupClaim(const GroupClaim&) = delete;
   GroupClaim& operator=(const GroupClaim&) = delete;
   int Key() const { return key_; }
+  // Gives back what the claim has beyond that many sockets.
+  void Shrink(int sockets);
 
  private:
   int key_;

@@ -16,7 +16,8 @@ constexpr int kRtpReceiveBuffer = 4 * 1024 * 1024;
 constexpr int kRtcpDepth = 8;
 constexpr int kRtcpDatagram = 1536;
 constexpr int kDirectDepth = 2;  // of queues that a callback stands in for
-constexpr int kSocketsPerUdpSession = 5;
+constexpr int kSocketsPerUdpStream = 2;
+constexpr int kSocketsPerUdpSession = 1 + 2 * kSocketsPerUdpStream;
 
 }  // namespace
 
@@ -147,6 +148,10 @@ void CMSRTSPClient::Session::Stop() {
   connection_.Shut();
   video_.Stop();
   audio_.Stop();
+}
+
+void CMSRTSPClient::Session::LeaveOutAudio() {
+  group_.Shrink(kSocketsPerUdpSession - kSocketsPerUdpStream);
 }
 
 void CMSRTSPClient::Session::SetChannels() {

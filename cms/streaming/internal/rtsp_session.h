@@ -53,6 +53,9 @@ class CMSRTSPClient::Session final : private cms::RTSPConnection::Sink {
   const RTSPStream& Stream(bool video) const { return video ? video_ : audio_; }
   cms::RTSPConnection& Connection() { return connection_; }
   int Group() const { return group_.Key(); }
+  // Gives the places of the audio sockets back, once it is known that there will be none: fewer
+  // threads then serve the same number of cameras.
+  void LeaveOutAudio();
   // Tells the connection which channels carry the streams, once they are negotiated.
   void SetChannels();
   void Stop();
