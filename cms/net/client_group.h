@@ -34,7 +34,7 @@ class CMS_API EachClientGroupTable {
 
   // Has the group serve the client, which stays its owner's. Registering again changes nothing but
   // has the client's socket looked up anew; under another key the client moves there. 1, or 0 when
-  // the process is out of threads or descriptors. The first registration of a group takes 200 ms.
+  // the process is out of threads or descriptors. The first registration of a group takes 100 ms.
   int Register(TCPClientBase* client, int group);
   int Register(UDPClientBase* client, int group);
   int Register(RTCPStep* step, int group);

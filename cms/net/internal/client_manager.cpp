@@ -1,3 +1,4 @@
+#include <future>
 #include <memory>
 #include <stdexcept>
 
@@ -73,10 +74,13 @@ bool EachClientManager::start() {
   if (!receiver_->IsUsable() || !sender_->IsUsable()) {
     return false;
   }
+  // Side by side: each start lasts 100 ms, and a camera's opening waits for both.
   try {
-    receiver_->start();
+    auto receiving = std::async(std::launch::async, [this] { receiver_->start(); });
     sender_->start();
-  } catch (const std::runtime_error&) {
+    receiving.get();
+  } catch (const std::runtime_error&) {  // std::system_error included
+    sender_->stop();
     receiver_->stop();
     return false;
   }
