@@ -13,10 +13,12 @@ constexpr auto kPoll = std::chrono::milliseconds(5);
 // A feed that was held up longer than this goes on from now instead of catching up in a burst.
 constexpr GstClockTime kLate = 200 * GST_MSECOND;
 
+// Nothing before the element plays: it gets its clock a moment before its base time.
 GstClockTime RunningTime(GstElement* element) {
-  const ObjectPtr<GstClock> clock(gst_element_get_clock(element));
-  return clock == nullptr ? GST_CLOCK_TIME_NONE
-                          : gst_clock_get_time(clock.get()) - gst_element_get_base_time(element);
+  GstState state = GST_STATE_NULL;
+  gst_element_get_state(element, &state, nullptr, 0);
+  return state == GST_STATE_PLAYING ? gst_element_get_current_running_time(element)
+                                    : GST_CLOCK_TIME_NONE;
 }
 
 }  // namespace
