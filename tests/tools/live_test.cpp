@@ -1,0 +1,181 @@
+// The whole way: the test camera, a real RTSP server, received by `orvanta live`.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/rtsp_camera.h"
+#include "tests/support/shell.h"
+
+namespace {
+
+using nlohmann::json;
+using test::RtspCamera;
+using test::RunOrvanta;
+using test::ShellResult;
+using testing::HasSubstr;
+using testing::Not;
+
+json Streams(const ShellResult& result) {
+  EXPECT_EQ(result.status, 0) << result.errors;
+  const json parsed = json::parse(result.output, nullptr, false);
+  return parsed.is_object() ? parsed["streams"] : json::array();
+}
+
+struct Way {
+  const char* name;
+  std::vector<std::string> camera;
+  const char* codec;
+  const char* audio;
+  bool decoded;
+};
+
+const Way kWays[] = {
+    {"BaselinePcmu", {"--audio", "pcmu"}, "H264", "PCMU", true},
+    {"HighWithDelimitersPcma",
+     {"--profile", "high", "--delimiters", "on", "--audio", "pcma", "--packets", "stap"},
+     "H264",
+     "PCMA",
+     true},
+    {"HighInDescriptionOnly", {"--profile", "high", "--parameter-sets", "sdp"}, "H264", "", true},
+    {"MjpegL16", {"--codec", "mjpeg", "--audio", "l16"}, "JPEG", "L16", true},
+    {"Mpeg4Pcmu", {"--codec", "mpeg4", "--audio", "pcmu"}, "MP4V-ES", "PCMU", false},
+};
+
+class LiveWays : public testing::TestWithParam<Way> {};
+INSTANTIATE_TEST_SUITE_P(, LiveWays, testing::ValuesIn(kWays),
+                         [](const auto& way) { return way.param.name; });
+
+TEST_P(LiveWays, AreReceivedOverBothTransports) {
+  const Way& way = GetParam();
+  RtspCamera camera(way.camera);
+  const json streams =
+      Streams(RunOrvanta("live --json --frames 40 --seconds 20 --transport udp,tcp " +
+                         camera.Url() + " " + camera.Url()));
+  ASSERT_EQ(streams.size(), 2u);
+  for (const json& stream : streams) {
+    SCOPED_TRACE(stream.dump());
+    EXPECT_EQ(stream["codec"], way.codec);
+    EXPECT_EQ(stream["audio_codec"], way.audio);
+    EXPECT_EQ(stream["width"], 640);
+    EXPECT_EQ(stream["height"], 360);
+    EXPECT_GE(stream["frames"], 40);
+    EXPECT_GE(stream["key_frames"], 1);
+    EXPECT_EQ(stream["lost_packets"], 0);
+    EXPECT_EQ(stream["decode_errors"], 0);
+    EXPECT_EQ(stream["audio_frames"].get<int>() > 0, *way.audio != '\0');
+    if (way.decoded) {
+      // The last frames may still be in the decoder.
+      EXPECT_GE(stream["decoded"].get<int>(), stream["frames"].get<int>() - 2);
+    } else {
+      EXPECT_EQ(stream["decoded"], 0);
+    }
+  }
+}
+
+TEST(Live, ReceivesWithoutDecodingAndStillKnowsTheSize) {
+  RtspCamera camera({"--size", "320x240"});
+  const json stream = Streams(RunOrvanta("live --json --no-decode --frames 30 " + camera.Url()))[0];
+  EXPECT_EQ(stream["width"], 320);
+  EXPECT_EQ(stream["decoded"], 0);
+  EXPECT_EQ(stream["not_decoded"], stream["frames"]);
+}
+
+TEST(Live, LogsInOverRtspAndHttpAndWritesPictures) {
+  for (const std::string login : {"basic", "digest"}) {
+    RtspCamera camera({"--auth", login, "--password", "p@ss:w%rd", "--http", "0"});
+    const std::string folder = testing::TempDir() + "live-" + login;
+    std::filesystem::create_directories(folder);
+    const std::string rtsp = test::WithCredentials(camera.Url(), "admin", "p%40ss:w%25rd");
+    const std::string http = test::WithCredentials(camera.HttpUrl(), "admin", "p%40ss:w%25rd");
+    const ShellResult result =
+        RunOrvanta("live --json --frames 10 --seconds 20 --size 160x90 " +
+                   ("--snapshot " + folder + "/seen.png ") + "'" + rtsp + "' '" + http + "'");
+    const json streams = Streams(result);
+    ASSERT_EQ(streams.size(), 2u);
+    EXPECT_GE(streams[0]["frames"], 10);
+    EXPECT_GE(streams[1]["frames"], 10);
+    EXPECT_THAT(result.output + result.errors, Not(HasSubstr("p%40ss")));
+    for (const std::string name : {"/seen-1.png", "/seen-2.png"}) {
+      EXPECT_EQ(test::RunShell("ffprobe -v error -show_entries stream=width,height -of csv=p=0 " +
+                               folder + name)
+                    .output,
+                "160,90\n");
+    }
+    std::filesystem::remove_all(folder);
+  }
+}
+
+TEST(Live, FailuresAreOneClearLine) {
+  RtspCamera camera({"--auth", "digest", "--http", "0"});
+  const std::string wrong = test::WithCredentials(camera.Url(), "admin", "wr0ng");
+  const std::string elsewhere =
+      test::WithCredentials(camera.Url(), "admin", "admin") + "/nothing-here";
+  const struct {
+    std::string arguments;
+    int status;
+    std::string says;
+  } cases[] = {
+      {wrong, 1, "password refused"},
+      {test::WithCredentials(camera.HttpUrl(), "admin", "wr0ng"), 1, "password refused"},
+      {elsewhere, 1, "no such stream"},
+      {"rtsp://127.0.0.1:1/live", 1, "cannot connect: Connection refused"},
+      {"rtsp://no-such-host.invalid/live", 1, "no-such-host.invalid"},
+      {"telnet://127.0.0.1/", 1, "is not a URL"},
+      {"", 2, "urls is required"},
+      {camera.Url() + " --size 12", 2, "--size"},
+      {camera.Url() + " --transport carrier-pigeon", 2, "--transport"},
+      {camera.Url() + " --no-decode --snapshot x.png", 2, "--snapshot"},
+  };
+  for (const auto& each : cases) {
+    SCOPED_TRACE(each.arguments);
+    const ShellResult result = RunOrvanta("live " + each.arguments);
+    EXPECT_EQ(result.status, each.status);
+    EXPECT_THAT(result.errors, HasSubstr(each.says));
+    EXPECT_THAT(result.errors, HasSubstr("orvanta live: "));
+    EXPECT_EQ(std::count(result.errors.begin(), result.errors.end(), '\n'), 1) << result.errors;
+    EXPECT_THAT(result.errors, Not(HasSubstr("wr0ng")));
+  }
+}
+
+TEST(Live, AFullCameraAndAnUnofferedTransportAreToldApart) {
+  RtspCamera full({"--max-sessions", "1"});
+  const ShellResult one =
+      RunOrvanta("live --frames 200 --seconds 5 --json " + full.Url() + " " + full.Url());
+  EXPECT_EQ(one.status, 1);
+  EXPECT_THAT(one.errors, HasSubstr("camera full"));
+  RtspCamera tcpOnly({"--transports", "tcp"});
+  const ShellResult udp = RunOrvanta("live --transport udp " + tcpOnly.Url());
+  EXPECT_EQ(udp.status, 1);
+  EXPECT_THAT(udp.errors, HasSubstr("try interleaved TCP"));
+}
+
+TEST(Live, ACameraSwitchedOffAndOnIsBack) {
+  RtspCamera camera;
+  ShellResult result;
+  std::thread watching(
+      [&] { result = RunOrvanta("live --json --seconds 14 --transport tcp " + camera.Url()); });
+  std::this_thread::sleep_for(std::chrono::seconds(4));
+  camera.Kill();
+  std::this_thread::sleep_for(std::chrono::seconds(1));
+  camera.Start();
+  watching.join();
+  const json streams = Streams(result);
+  ASSERT_EQ(streams.size(), 1u);
+  EXPECT_EQ(streams[0]["reconnects"], 1) << streams.dump();
+  EXPECT_GE(streams[0]["frames"], 100);
+}
+
+TEST(Live, StopsCleanlyOnSigterm) {
+  RtspCamera camera;
+  const ShellResult result =
+      test::RunShell("--preserve-status -s TERM 4 " + std::string(ORVANTA_BINARY) +
+                     " live --json " + camera.Url());
+  EXPECT_GE(Streams(result)[0]["frames"], 10);
+}
+
+}  // namespace
