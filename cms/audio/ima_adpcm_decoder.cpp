@@ -71,7 +71,10 @@ int IMAADPCMDecoder::Decode(const unsigned char* block, int dataLength, unsigned
   const unsigned char* group = block + kHeaderSize;
   auto* out = reinterpret_cast<std::int16_t*>(output_.get());
   if (channelCount_ != 2) {
-    DecodeNibbles<1>(group, groups * kGroupSize, second, out);
+    const auto size = static_cast<std::size_t>(dataLength);
+    constexpr unsigned char kNoCodes[kGroupSize] = {};
+    DecodeNibbles<1>(group, size, second, out);
+    DecodeNibbles<1>(kNoCodes, groups * kGroupSize - size, second, out + 2 * size);
   } else {
     for (std::size_t i = 0; i < groups; ++i, group += kGroupSize, out += kGroupSamples) {
       if (channelMode <= 1) {

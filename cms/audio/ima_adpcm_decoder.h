@@ -9,9 +9,10 @@
 // each group's bytes 4-7 are the even output samples (second state), bytes 0-3 the odd ones
 // (first).
 //
-// The caller owes the header and the data rounded up to whole groups as readable bytes: the last
-// group is decoded whole. The output length is 4 x the data length all the same; the buffer has
-// room for the rest, and each block starts from its own header.
+// A last group that is not whole is decoded whole: in mono with zeros for what it lacks; in stereo
+// its samples lie apart, so the caller owes readable bytes up to the end of the group. The output
+// length is 4 x the data length all the same; the buffer has room for the rest, and each block
+// starts from its own header.
 //
 // Channel modes: 0 both streams, 1 only the even samples' stream, 2 only the odd samples' one; any
 // other mode none. A stream left out starts from zero and is filled with a value that fades out.
