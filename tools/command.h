@@ -15,6 +15,7 @@ struct CommandResult {
   int status = 0;
 };
 
+void AddAudioCommand(CLI::App& app, CommandResult& result);
 void AddCameraCommand(CLI::App& app, CommandResult& result);
 void AddLiveCommand(CLI::App& app, CommandResult& result);
 

@@ -38,6 +38,7 @@ int main(int argc, char** argv) {
   tools::CommandResult result;
   tools::AddLiveCommand(app, result);
   tools::AddCameraCommand(app, result);
+  tools::AddAudioCommand(app, result);
   tools::CatchStopSignals();
   try {
     app.parse(argc, argv);
