@@ -53,11 +53,11 @@ INSTANTIATE_TEST_SUITE_P(, LiveWays, testing::ValuesIn(kWays),
 TEST_P(LiveWays, AreReceivedOverBothTransports) {
   const Way& way = GetParam();
   RtspCamera camera(way.camera);
-  const json streams =
-      Streams(RunOrvanta("live --json --frames 40 --seconds 20 --transport udp,tcp " +
-                         camera.Url() + " " + camera.Url()));
-  ASSERT_EQ(streams.size(), 2u);
-  for (const json& stream : streams) {
+  // One after the other: two first clients at once can leave GStreamer's shared media without
+  // sound.
+  for (const std::string transport : {"udp", "tcp"}) {
+    const json stream = Streams(RunOrvanta("live --json --frames 40 --seconds 20 --transport " +
+                                           transport + " " + camera.Url()))[0];
     SCOPED_TRACE(stream.dump());
     EXPECT_EQ(stream["codec"], way.codec);
     EXPECT_EQ(stream["audio_codec"], way.audio);
@@ -173,7 +173,7 @@ TEST(Live, ACameraSwitchedOffAndOnIsBack) {
 TEST(Live, StopsCleanlyOnSigterm) {
   RtspCamera camera;
   const ShellResult result =
-      test::RunShell("--preserve-status -s TERM 4 " + std::string(ORVANTA_BINARY) +
+      test::RunShell("timeout --preserve-status -s TERM 4 " + std::string(ORVANTA_BINARY) +
                      " live --json " + camera.Url());
   EXPECT_GE(Streams(result)[0]["frames"], 10);
 }
