@@ -45,7 +45,7 @@ class RtspSite final : public CMSRTSPClient {
         break;
       }
       case 2:
-        CMSGetMJPEGWidthAndHeight(data, size, &width, &height);
+        CMSGetMJPEGWidthAndHeight(data, static_cast<int>(size), &width, &height);
         break;
       case kMpeg4: {
         const int vol = CMSGetMPEG4VOLDataPos(data, size);

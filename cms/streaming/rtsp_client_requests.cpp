@@ -329,7 +329,7 @@ int CMSRTSPClient::Describe() {
 
 std::string CMSRTSPClient::ConstructSubsessionURL(const MediaSession& session,
                                                   const _RTSPSUBSESSION_CONFIG& config) const {
-  const std::string control = config.control;
+  std::string control = config.control;
   const std::size_t colon = control.find(':');
   if (colon != std::string::npos && colon < control.find('/')) {
     return control;
