@@ -36,7 +36,7 @@ class LiveSite {
   ConnectionStatus Status() const { return client_->GetConnectionStatus(); }
   bool EverDelivered() const { return Totals().videoFrames > 0; }
 
-  std::string StatusLine();  // rates since the last one, for people
+  std::string StatusLine();                             // rates since the last one, for people
   nlohmann::ordered_json Json() const;                  // before Close
   const std::string& Url() const { return shownUrl_; }  // without the password
 
