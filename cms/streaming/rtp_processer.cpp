@@ -7,6 +7,9 @@
 
 namespace {
 
+constexpr int kMaxDropout = 3000;
+constexpr int kMaxMisorder = 100;
+
 constexpr unsigned int kFixedHeader = 12;
 constexpr std::uint64_t kIntervalMilliseconds = 1000;
 
@@ -199,8 +202,9 @@ int RTPProcesserBase::Process(void* packet, int length) {
       step == 1 || !anyPacket_) [[likely]] {
     observedSequence_ = sequence;
     anyPacket_ = true;
-  } else if (step < 0x8000) {  // else late: half a round ahead at most is a gap
-    Add(missing_, step - (step != 0 ? 1u : 0u));
+  } else if (step != 0 && step < 65536 - kMaxMisorder) {  // else late or doubled
+    // A jump further than kMaxDropout is a sender that started anew (RFC 3550, appendix A.1).
+    Add(missing_, step < kMaxDropout ? step - 1u : 0u);
     observedSequence_ = sequence;
   }
   if constexpr (kCheckSequence) {

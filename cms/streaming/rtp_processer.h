@@ -78,8 +78,9 @@ class CMS_API RTPProcesserBase {
   // Fraction of packets lost since ResetLostCount in 1/256, at most 255 (RFC 3550, 6.4.1).
   unsigned char GetLostFraction() const;
 
-  // For people: packets missing between the first one and now, right across the wrap; late packets
-  // and repetitions count nothing. Kept for every codec. Any thread.
+  // For people: packets missing between the first one and now, right across the wrap; late packets,
+  // repetitions and a sender that starts its numbers anew count nothing. Kept for every codec. Any
+  // thread.
   unsigned int GetMissingPacketCount() const { return missing_.load(std::memory_order_relaxed); }
 
   // Frames that would have passed kFrameCapacity; and all frames dropped whose end was seen. Any

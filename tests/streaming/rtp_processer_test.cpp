@@ -122,6 +122,9 @@ TEST(RTPProcesserBase, LossCountersAcrossTheWrapAndForLatePackets) {
   feed(2);  // repeated
   EXPECT_EQ(processer.GetTotalLostCount(), 65533u + 65534u + 1u + 65534u);
   EXPECT_EQ(processer.GetMissingPacketCount(), 1u);
+  feed(40000);  // the sender starts its numbers anew
+  feed(40002);
+  EXPECT_EQ(processer.GetMissingPacketCount(), 2u);
 }
 
 TEST(RTPProcesserBase, HeadersThatLieFailAndHonestOnesAreSkipped) {
