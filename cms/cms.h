@@ -7,6 +7,7 @@
 #include "cms/audio/pcm_decoder.h"
 #include "cms/exports/audio_exports.h"
 #include "cms/exports/codec_exports.h"
+#include "cms/exports/file_exports.h"
 #include "cms/exports/net_exports.h"
 #include "cms/exports/rtsp_exports.h"
 #include "cms/exports/stream_probe_exports.h"
