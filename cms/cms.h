@@ -9,6 +9,7 @@
 #include "cms/exports/codec_exports.h"
 #include "cms/exports/file_exports.h"
 #include "cms/exports/net_exports.h"
+#include "cms/exports/recording_exports.h"
 #include "cms/exports/rtsp_exports.h"
 #include "cms/exports/stream_probe_exports.h"
 #include "cms/exports/text_exports.h"

@@ -1,0 +1,46 @@
+#include "cms/exports/recording_exports.h"
+
+#include <array>
+#include <string_view>
+
+#include "cms/recording/drv_format.h"
+#include "cms/recording/idx_file.h"
+#include "cms/recording/recording_names.h"
+#include "cms/runtime/file_io.h"
+#include "cms/runtime/native_path.h"
+
+namespace {
+
+std::wstring_view TextOf(const wchar_t* text) {
+  return text != nullptr ? std::wstring_view(text) : std::wstring_view();
+}
+
+}  // namespace
+
+std::uint32_t GetFirstDrvBaiscPos(const wchar_t* path) {
+  cms::FileIo& io = cms::CurrentFileIo();
+  const cms::ScopedFile file(io, cms::NativePath(TextOf(path)), cms::kFileRead);
+  std::array<std::uint8_t, cms::kDrvScanSize> head;
+  if (!file || io.ReadAllAt(file.Handle(), head.data(), head.size(), 0) < head.size()) {
+    return 0;
+  }
+  return static_cast<std::uint32_t>(cms::FirstDrvHeader(head));
+}
+
+int CMSGetNewDrvFilename(const wchar_t* name, std::wstring& out) {
+  const auto next = cms::NextDrvFilename(TextOf(name));
+  out = next.value_or(std::wstring());
+  return next ? 1 : 0;
+}
+
+int ModifyDrvIdxFile(const wchar_t* drvPath) {
+  const std::wstring idx_path = cms::IdxPathOf(TextOf(drvPath));
+  return !idx_path.empty() &&
+         cms::RebuildIdx(cms::CurrentFileIo(), cms::NativePath(drvPath), cms::NativePath(idx_path))
+             .done;
+}
+
+int RemoveDrvIdxFile(const wchar_t* drvPath) {
+  const std::wstring idx_path = cms::IdxPathOf(TextOf(drvPath));
+  return !idx_path.empty() && cms::CurrentFileIo().Remove(cms::NativePath(idx_path)) == 0;
+}
