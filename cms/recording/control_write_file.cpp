@@ -1,0 +1,236 @@
+#include "cms/recording/control_write_file.h"
+
+#include <pthread.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <system_error>
+#include <utility>
+
+#include "cms/runtime/clock.h"
+
+namespace {
+
+constexpr int kHighestPriority = -20;
+// "Try again" from a file that is no plain file (a pipe, a network file): how long it is believed.
+constexpr int kAttempts = 500;
+constexpr std::chrono::milliseconds kBetweenAttempts{10};
+
+}  // namespace
+
+ControlWriteFile* ControlWriteFile::GetInstance() {
+  // Never destroyed: threads may still offer buffers, in vain, while the process ends.
+  static ControlWriteFile* const instance = [] {
+    auto* queue = new ControlWriteFile;
+    std::atexit([] { GetInstance()->stop(); });
+    return queue;
+  }();
+  return instance;
+}
+
+ControlWriteFile::ControlWriteFile(cms::FileIo* io)
+    : io_(io), memory_(new (std::nothrow) std::uint8_t[std::size_t{kSlots} * kSlotSize]) {
+  if (!memory_) {
+    return;
+  }
+  failed_handles_.reserve(kSlots);
+  {
+    ScopeLock lock(buffers_lock_);
+    free_buffers_.reserve(kSlots);
+    for (std::size_t i = kSlots; i > 0; --i) {
+      free_buffers_.push_back(memory_.get() + (i - 1) * kSlotSize);
+    }
+  }
+  ScopeLock lock(thread_lock_);
+  running_ = true;
+  try {
+    thread_ = std::thread([this] { WriteQueueThrd(); });
+  } catch (const std::system_error&) {
+    running_ = false;  // nothing is taken then
+  }
+}
+
+ControlWriteFile::~ControlWriteFile() {
+  stop();
+}
+
+bool ControlWriteFile::AddToQueue(int handle, const void* data, std::uint32_t length,
+                                  bool closeAfter, std::shared_ptr<cms::WriteStatus> status) {
+  if (handle < 0 || length > kSlotSize) {
+    return false;
+  }
+  Slot* slot = nullptr;
+  {
+    ScopeLock lock(fill_lock_);
+    if (!running_) {
+      return false;
+    }
+    while (queued_ >= kSlots) {
+      room_.Reset();
+      if (queued_ >= kSlots) {
+        room_.Wait();
+      }
+    }
+    fill_ = (fill_ + 1) % kSlots;
+    slot = &slots_[fill_];
+    slot->filled.Reset();
+    slot->buffer = length > 0 ? TakeBuffer() : nullptr;
+    ++claimed_;
+    ++queued_;
+  }
+  slot->handle = handle;
+  slot->close_after = closeAfter;
+  slot->length = length;
+  slot->status = std::move(status);
+  if (length > 0) {
+    std::memcpy(slot->buffer, data, length);
+  }
+  slot->filled.Set();
+  work_.Set();
+  return true;
+}
+
+void ControlWriteFile::stop() {
+  {
+    ScopeLock lock(fill_lock_);  // whoever waits for room has got it before
+    running_ = false;
+  }
+  work_.Set();
+  ScopeLock lock(thread_lock_);
+  if (thread_.joinable()) {
+    thread_.join();
+  }
+}
+
+bool ControlWriteFile::WaitWritten(int milliseconds) {
+  const std::uint64_t target = claimed_;
+  const std::uint64_t begin = cms::TickMilliseconds();
+  ScopeLock lock(waiter_lock_);
+  for (;;) {
+    progress_.Reset();
+    if (done_ >= target) {
+      return true;
+    }
+    int left = cms::Event::kForever;
+    if (milliseconds >= 0) {
+      const std::uint64_t passed = cms::TickMilliseconds() - begin;
+      if (passed >= static_cast<std::uint64_t>(milliseconds)) {
+        return false;
+      }
+      left = milliseconds - static_cast<int>(passed);
+    }
+    progress_.Wait(left);
+  }
+}
+
+void ControlWriteFile::WriteQueueThrd() {
+  pthread_setname_np(pthread_self(), "disk writer");
+  // Asked for and not insisted on: an ordinary user may not have it.
+  setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), kHighestPriority);
+  WriteQueueFn();
+}
+
+void ControlWriteFile::WriteQueueFn() {
+  for (;;) {
+    if (queued_ == 0) {
+      if (!running_) {
+        return;
+      }
+      work_.Reset();
+      if (queued_ == 0 && running_) {
+        work_.Wait();
+      }
+      continue;
+    }
+    drain_ = (drain_ + 1) % kSlots;
+    Slot& slot = slots_[drain_];
+    slot.filled.Wait();
+    WriteSlot(slot);
+    if (slot.close_after) {
+      CloseSlot(slot);
+    }
+    slot.status.reset();
+    if (slot.buffer != nullptr) {
+      GiveBuffer(std::exchange(slot.buffer, nullptr));
+    }
+    --queued_;  // from here on the slot may be somebody else's
+    room_.Set();
+    ++done_;
+    progress_.Set();
+  }
+}
+
+void ControlWriteFile::WriteSlot(Slot& slot) {
+  if (slot.length == 0) {
+    return;
+  }
+  const auto known = std::find(failed_handles_.begin(), failed_handles_.end(), slot.handle);
+  std::uint32_t written = 0;
+  if (known == failed_handles_.end()) {
+    const int error = WriteOut(slot, written);
+    if (error != 0) {
+      failed_handles_.push_back(slot.handle);
+      int none = 0;
+      if (slot.status) {
+        slot.status->error.compare_exchange_strong(none, error);
+      }
+    }
+  }
+  const std::uint32_t lost = slot.length - written;
+  lost_bytes_ += lost;
+  if (slot.status) {
+    slot.status->written_bytes += written;
+    slot.status->lost_bytes += lost;
+  }
+}
+
+int ControlWriteFile::WriteOut(const Slot& slot, std::uint32_t& written) {
+  cms::FileIo& io = Io();
+  int attempts = 0;
+  while (written < slot.length) {
+    const ssize_t count = io.Write(slot.handle, slot.buffer + written, slot.length - written);
+    if (count > 0) {
+      written += static_cast<std::uint32_t>(count);
+      attempts = 0;
+      continue;
+    }
+    const int error = count == 0 ? ENOSPC : errno;
+    if ((error != EINTR && error != EAGAIN) || ++attempts == kAttempts) {
+      return error;
+    }
+    if (error == EAGAIN) {
+      std::this_thread::sleep_for(kBetweenAttempts);
+    }
+  }
+  return 0;
+}
+
+void ControlWriteFile::CloseSlot(Slot& slot) {
+  std::erase(failed_handles_, slot.handle);
+  const int error = Io().Close(slot.handle) == 0 ? 0 : errno;
+  if (slot.status) {
+    int none = 0;
+    if (error != 0) {  // a network file tells only now that it could not keep what it took
+      slot.status->error.compare_exchange_strong(none, error);
+    }
+    slot.status->closed.store(true, std::memory_order_release);
+  }
+}
+
+std::uint8_t* ControlWriteFile::TakeBuffer() {
+  ScopeLock lock(buffers_lock_);
+  std::uint8_t* buffer = free_buffers_.back();  // there are as many as slots
+  free_buffers_.pop_back();
+  return buffer;
+}
+
+void ControlWriteFile::GiveBuffer(std::uint8_t* buffer) {
+  ScopeLock lock(buffers_lock_);
+  free_buffers_.push_back(buffer);
+}
