@@ -3,7 +3,8 @@
 //
 // The server and each receiver are processes of their own (this program in another role), so that
 // what is measured is a receiver's alone: user and system time of its process in milliseconds for
-// each second of each stream, two seconds after all streams run, for --seconds=N (10).
+// each second of each stream, two seconds after all streams run, for --seconds=N (10; even, so that
+// whole GOPs of two seconds are counted and every receiver gets the same bytes).
 //
 //   frames     delivered by a stream a second (the camera sends 25); fewest: by the slowest one
 //   lost       packets missing since the opening; a run with any says so
@@ -155,17 +156,20 @@ int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   if (argc > 1 && std::sscanf(argv[1], "--seconds=%d", &g_seconds) == 1) {
     --argc;
+    g_seconds += g_seconds % 2;
   }
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
     return 2;
   }
   for (const bool tcp : {false, true}) {
-    for (const auto& [receiver, streams] : std::vector<std::pair<std::string, int>>{
+    for (const auto& [who, count] : std::vector<std::pair<std::string, int>>{
              {"ours", 32}, {"gstreamer", 32}, {"bare", 32}, {"write", 32}, {"ours", 128}}) {
       const std::string name =
-          std::string(tcp ? "tcp/" : "udp/") + std::to_string(streams) + "/" + receiver;
-      benchmark::RegisterBenchmark(
-          name.c_str(), [=](benchmark::State& state) { BM_Receive(state, receiver, streams, tcp); })
+          std::string(tcp ? "tcp/" : "udp/") + std::to_string(count) + "/" + who;
+      benchmark::RegisterBenchmark(name.c_str(),
+                                   [=, receiver = who, streams = count](benchmark::State& state) {
+                                     BM_Receive(state, receiver, streams, tcp);
+                                   })
           ->Iterations(1)
           ->UseManualTime()
           ->Unit(benchmark::kMillisecond);

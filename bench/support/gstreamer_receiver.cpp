@@ -11,7 +11,8 @@ namespace {
 
 class GStreamerReceiver final : public Receiver {
  public:
-  explicit GStreamerReceiver(const ReceiveJob& job) : job_(job), streams_(job.streams) {}
+  explicit GStreamerReceiver(const ReceiveJob& job)
+      : job_(job), streams_(static_cast<std::size_t>(job.streams)) {}
   ~GStreamerReceiver() override {
     if (pipeline_ != nullptr) {
       gst_element_set_state(pipeline_, GST_STATE_NULL);
