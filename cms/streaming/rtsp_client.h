@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -115,8 +116,7 @@ class CMS_API CMSRTSPClient : public CMSClientBase {
   int SendText(const std::string& request);
 
   // Sends the request and reads its answer; after a challenge once more with the authorization.
-  template <typename Sender>
-  int Exchange(const char* method, Sender sender, std::string* answer);
+  int Exchange(const char* method, const std::function<int()>& sender, std::string* answer);
   int GetResponse(std::string& response, unsigned timeoutMs);
   static unsigned CheckRTSPResponseCode(const std::string& response);
   int ParserSetupResponse(const std::string& response, _RTSPSUBSESSION_CONFIG& config);

@@ -1,7 +1,6 @@
 // The test camera against ffprobe and curl, so that the library's own tests may rely on it.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -16,6 +15,7 @@
 
 #include "tests/support/encoded_clip.h"
 #include "tests/support/rtsp_camera.h"
+#include "tests/support/shell.h"
 
 namespace {
 
@@ -24,25 +24,9 @@ using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
 
-struct Result {
-  int status;
-  std::string output;  // standard output and standard error
-};
-
-Result RunShell(const std::string& command) {
-  Result result{-1, ""};
-  FILE* pipe = popen(
-      ("LSAN_OPTIONS=detect_leaks=0 TSAN_OPTIONS=report_bugs=0 timeout 60 " + command + " 2>&1")
-          .c_str(),
-      "r");
-  char buffer[4096];
-  std::size_t count = 0;
-  while ((count = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) {
-    result.output.append(buffer, count);
-  }
-  const int status = pclose(pipe);
-  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return result;
+// Standard error comes with the output.
+test::ShellResult RunShell(const std::string& command) {
+  return test::RunShell(command + " 2>&1");
 }
 
 // Of this process only: tests run beside each other.
@@ -95,8 +79,9 @@ TEST(Camera, ServesEachCodecOverBothTransports) {
 TEST(Camera, NumbersItsPicturesForReadFrameNumber) {
   RtspCamera camera({"--gop", "5"});
   const std::string file = TempFile("frames.bgra");
-  const Result grabbed = RunShell("ffmpeg -v error -y -rtsp_transport tcp -i " + camera.Url() +
-                                  " -frames:v 5 -pix_fmt bgra -f rawvideo " + file);
+  const test::ShellResult grabbed =
+      RunShell("ffmpeg -v error -y -rtsp_transport tcp -i " + camera.Url() +
+               " -frames:v 5 -pix_fmt bgra -f rawvideo " + file);
   ASSERT_EQ(grabbed.status, 0) << grabbed.output;
   std::ifstream stream(file, std::ios::binary);
   std::vector<char> picture(640 * 360 * 4);
@@ -232,18 +217,18 @@ TEST(CommandLine, KeepsItsContract) {
   };
   for (const auto& each : cases) {
     SCOPED_TRACE(each.arguments);
-    const Result result = RunShell(orvanta + " " + each.arguments);
+    const test::ShellResult result = RunShell(orvanta + " " + each.arguments);
     EXPECT_EQ(result.status, each.status);
     EXPECT_THAT(result.output, HasSubstr(each.message));
     EXPECT_EQ(result.output.find('\n'), result.output.size() - 1) << result.output;
   }
-  const Result help = RunShell(orvanta + " camera --help");
+  const test::ShellResult help = RunShell(orvanta + " camera --help");
   EXPECT_EQ(help.status, 0);
   EXPECT_THAT(help.output, HasSubstr("--max-sessions"));
 
   // One JSON object, and a clean end at SIGTERM.
   const std::string file = TempFile("json");
-  const Result json = RunShell(
+  const test::ShellResult json = RunShell(
       "sh -c '" + orvanta + " camera --port 0 --http 0 --count 2 --json >" + file +
       " & while ! [ -s " + file + " ]; do sleep 0.02; done; kill $!; wait $!; status=$?; cat " +
       file + "; rm " + file + "; exit $status'");
