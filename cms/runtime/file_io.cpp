@@ -36,13 +36,20 @@ class SystemIo final : public FileIo {
                                                          : O_RDONLY;
     native |= (flags & kFileCreateNew) != 0 ? O_CREAT | O_EXCL : 0;
     native |= (flags & kFileCreate) != 0 ? O_CREAT : 0;
-    const int handle = Repeat([&] { return open(path.c_str(), native, kNewFileMode); });
+    int handle = Repeat([&] { return open(path.c_str(), native, kNewFileMode); });
+    while (handle >= 0 && (flags & kFileExclusive) != 0) {
+      if (Repeat([&] { return flock(handle, LOCK_EX | LOCK_NB); }) != 0) {
+        return Abandon(handle);
+      }
+      if (IsNamed(handle, path)) {
+        break;
+      }
+      // Replaced or removed before the lock was ours: what we hold is nobody's file any more.
+      close(handle);
+      handle = Repeat([&] { return open(path.c_str(), native, kNewFileMode); });
+    }
     if (handle < 0) {
       return -1;
-    }
-    if ((flags & kFileExclusive) != 0 &&
-        Repeat([&] { return flock(handle, LOCK_EX | LOCK_NB); }) != 0) {
-      return Abandon(handle);
     }
     if ((flags & kFileTruncate) != 0 && Truncate(handle, 0) != 0) {
       return Abandon(handle);
@@ -128,6 +135,13 @@ class SystemIo final : public FileIo {
   }
 
  private:
+  static bool IsNamed(int handle, const std::string& path) {
+    struct stat own {};
+    struct stat named {};
+    return fstat(handle, &own) == 0 && stat(path.c_str(), &named) == 0 &&
+           own.st_dev == named.st_dev && own.st_ino == named.st_ino;
+  }
+
   static int Abandon(int handle) {
     const int error = errno;
     close(handle);

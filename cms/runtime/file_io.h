@@ -21,7 +21,8 @@ enum FileOpenFlag : unsigned {
   kFileCreateNew = 1u << 3,  // created; EEXIST when it is there already
   kFileTruncate = 1u << 4,   // emptied, once the lock is held
   // "Without sharing": an exclusive advisory lock, held until the handle is closed. EWOULDBLOCK
-  // when another handle, of this process or another, holds one.
+  // when another handle, of this process or another, holds one. The file is the one of that name,
+  // also when it was replaced or removed while the lock was being taken.
   kFileExclusive = 1u << 5,
 };
 
