@@ -1,0 +1,33 @@
+// Small rules that the records of recordings share.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace cms {
+
+// The text behind a pointer of the interface, where null stands for no text.
+inline std::wstring_view TextOf(const wchar_t* text) {
+  return text == nullptr ? std::wstring_view() : std::wstring_view(text);
+}
+
+// How a recorded frame's time widens a record's times; 0 stands for a start that is not set. The
+// end follows the last time reported and may move back.
+inline void WidenRecordTimes(std::int64_t time, std::int64_t& start, std::int64_t& end) {
+  if (start == 0) {
+    start = time;
+    end = time;
+  } else if (time < start) {
+    start = time;
+  } else {
+    end = time;
+  }
+}
+
+// The number of a recording's name "Rec_Site<number>_<stamp>.drv", without its folder; 0 when the
+// name is another one. Only what stands up to the number decides, and it may carry a sign or follow
+// blanks, as for a formatted scan. Of a number beyond 32 bits the nearest that fits.
+std::uint32_t SiteNumberOfRecording(std::wstring_view fileName);
+
+}  // namespace cms
