@@ -29,30 +29,45 @@ constexpr auto kMuLawCodes = MakeEncoder<2, EncodeMuLaw>();
 constexpr auto kALawSamples = MakeDecoder<DecodeALaw>();
 constexpr auto kMuLawSamples = MakeDecoder<DecodeMuLaw>();
 
+// Four at a time: the look-ups are as fast as the loop around them.
+template <typename In, typename Out, typename LookUp>
+void Translate(const In* in, std::size_t count, Out* out, LookUp lookUp) {
+  std::size_t i = 0;
+  for (; i + 4 <= count; i += 4) {
+    const Out first = lookUp(in[i]);
+    const Out second = lookUp(in[i + 1]);
+    const Out third = lookUp(in[i + 2]);
+    const Out fourth = lookUp(in[i + 3]);
+    out[i] = first;
+    out[i + 1] = second;
+    out[i + 2] = third;
+    out[i + 3] = fourth;
+  }
+  for (; i < count; ++i) {
+    out[i] = lookUp(in[i]);
+  }
+}
+
 }  // namespace
 
 void EncodeALaw(const std::int16_t* samples, std::size_t count, std::uint8_t* codes) {
-  for (std::size_t i = 0; i < count; ++i) {
-    codes[i] = kALawCodes[static_cast<std::uint16_t>(samples[i]) >> 3];
-  }
+  Translate(samples, count, codes, [](std::int16_t sample) {
+    return kALawCodes[static_cast<std::uint16_t>(sample) >> 3];
+  });
 }
 
 void DecodeALaw(const std::uint8_t* codes, std::size_t count, std::int16_t* samples) {
-  for (std::size_t i = 0; i < count; ++i) {
-    samples[i] = kALawSamples[codes[i]];
-  }
+  Translate(codes, count, samples, [](std::uint8_t code) { return kALawSamples[code]; });
 }
 
 void EncodeMuLaw(const std::int16_t* samples, std::size_t count, std::uint8_t* codes) {
-  for (std::size_t i = 0; i < count; ++i) {
-    codes[i] = kMuLawCodes[static_cast<std::uint16_t>(samples[i]) >> 2];
-  }
+  Translate(samples, count, codes, [](std::int16_t sample) {
+    return kMuLawCodes[static_cast<std::uint16_t>(sample) >> 2];
+  });
 }
 
 void DecodeMuLaw(const std::uint8_t* codes, std::size_t count, std::int16_t* samples) {
-  for (std::size_t i = 0; i < count; ++i) {
-    samples[i] = kMuLawSamples[codes[i]];
-  }
+  Translate(codes, count, samples, [](std::uint8_t code) { return kMuLawSamples[code]; });
 }
 
 }  // namespace cms
