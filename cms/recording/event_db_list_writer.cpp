@@ -7,6 +7,7 @@
 #include "cms/recording/internal/database_paths.h"
 #include "cms/recording/internal/record_bytes.h"
 #include "cms/recording/internal/record_text.h"
+#include "cms/recording/recording_names.h"
 #include "cms/runtime/native_path.h"
 #include "cms/runtime/wide_text.h"
 
@@ -36,9 +37,9 @@ void FX_EventDBListWriter::InitialEventDBInfo(const wchar_t* drvPath, unsigned c
   const auto name = cms::SplitAtLastSeparator(cms::TextOf(drvPath)).name;
   WriteDBInfoIntoList(channel);
   auto pending = std::make_unique<Pending>();
-  pending->info =
-      FX_EventDBInfo(kCmsNumber, kGroupNumber, cms::SiteNumberOfRecording(name),
-                     static_cast<std::uint16_t>(channel), type, preAlarm, port, siteName, address);
+  pending->info = FX_EventDBInfo(
+      kCmsNumber, kGroupNumber, static_cast<std::uint32_t>(cms::SiteNumberOf(name).value_or(0)),
+      static_cast<std::uint16_t>(channel), type, preAlarm, port, siteName, address);
   cms::StoreUtf16(cms::EventListPath(kEventList), pending->listPath);
   ScopeLock hold(lock_);
   slots_[channel] = std::move(pending);

@@ -8,6 +8,7 @@
 #include "cms/recording/internal/folder_span_file.h"
 #include "cms/recording/internal/record_bytes.h"
 #include "cms/recording/internal/record_text.h"
+#include "cms/recording/recording_names.h"
 #include "cms/runtime/wide_text.h"
 
 namespace FX {
@@ -55,7 +56,7 @@ void FX_RecordDBListWriter::InitialRecordDBInfo(const wchar_t* drvFileName, cons
   ScopeLock hold(lock_);
   const std::wstring path = cms::LoadUtf16(folder_) + L"\\" + name;
   const FX_RecordDBInfo info(path.c_str(), address, siteName, port,
-                             cms::SiteNumberOfRecording(name), 0);
+                             static_cast<std::uint32_t>(cms::SiteNumberOf(name).value_or(0)), 0);
   record_ = stRecordDB(info, cms::LoadUtf16(listPath_).c_str(), cms::LoadUtf16(spanPath_).c_str());
 }
 

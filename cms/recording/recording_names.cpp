@@ -1,9 +1,11 @@
 #include "cms/recording/recording_names.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
 #include <cwchar>
+#include <limits>
 
 #include "cms/runtime/native_path.h"
 
@@ -53,11 +55,25 @@ std::optional<int> SiteNumberOf(std::wstring_view name) {
   if (!name.starts_with(kSitePrefix)) {
     return std::nullopt;
   }
-  int number = 0;
-  if (std::swscanf(std::wstring(name).c_str(), L"Rec_Site%9d_", &number) != 1) {
+  name.remove_prefix(kSitePrefix.size());
+  name.remove_prefix(std::min(name.find_first_not_of(L" \t\n\v\f\r"), name.size()));
+  const bool negative = name.starts_with(L'-');
+  if (negative || name.starts_with(L'+')) {
+    name.remove_prefix(1);
+  }
+  if (name.empty() || name[0] < L'0' || name[0] > L'9') {
     return std::nullopt;
   }
-  return number;
+  std::int64_t number = 0;
+  for (const wchar_t c : name) {
+    if (c < L'0' || c > L'9') {
+      break;
+    }
+    number = std::min(number * 10 + (c - L'0'), std::int64_t{1} << 31);
+  }
+  return static_cast<int>(std::clamp<std::int64_t>(negative ? -number : number,
+                                                   std::numeric_limits<int>::min(),
+                                                   std::numeric_limits<int>::max()));
 }
 
 std::wstring RecordingStamp(std::int64_t seconds) {

@@ -21,7 +21,8 @@ CMS_API std::wstring IdxPathOf(std::wstring_view drv_path);
 CMS_API std::optional<std::wstring> NextDrvFilename(std::wstring_view name);
 
 // The site number of a name like "Rec_Site12_20240229.drv" (no folder in front); nothing for
-// others.
+// others. What follows the number does not count; the number may carry a sign or follow blanks. Of
+// one that an int cannot hold, the nearest that it can.
 CMS_API std::optional<int> SiteNumberOf(std::wstring_view name);
 
 // "20240229235959" for a time in seconds since 1970-01-01 UTC, in local time.

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstdint>
-#include <string>
 #include <string_view>
 
 namespace cms {
@@ -24,10 +23,5 @@ inline void WidenRecordTimes(std::int64_t time, std::int64_t& start, std::int64_
     end = time;
   }
 }
-
-// The number of a recording's name "Rec_Site<number>_<stamp>.drv", without its folder; 0 when the
-// name is another one. Only what stands up to the number decides, and it may carry a sign or follow
-// blanks, as for a formatted scan. Of a number beyond 32 bits the nearest that fits.
-std::uint32_t SiteNumberOfRecording(std::wstring_view fileName);
 
 }  // namespace cms
