@@ -39,8 +39,11 @@ struct CMSFrameData {
 //
 // Threads: frames arrive on the receiving thread of the stream (OnGet..., OnRecord...,
 // OnDecode...); keeping runs on the library's site threads; everything else is called by the client
-// application from any thread. Per-channel members ignore channels beyond the channel count (result
-// 0). Results are 1 (or non-zero) for success and 0 for failure.
+// application from any thread, except that a stream is not opened, closed or destroyed from inside
+// a frame callback: closing waits for the callback to end.
+//
+// Per-channel members ignore channels beyond the channel count (result 0). Results are 1 (or
+// non-zero) for success and 0 for failure.
 class CMS_API CMSClientBase {
  public:
   CMSClientBase();
