@@ -3,8 +3,10 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <cerrno>
 #include <string>
+#include <thread>
 
 #include "tests/support/faulty_file_io.h"
 #include "tests/support/process_state.h"
@@ -44,6 +46,40 @@ TEST(FileIo, OpenModesLocksAndErrors) {
   }
   EXPECT_EQ(io.Close(-1), -1);
   EXPECT_EQ(test::OpenDescriptors(), descriptors);
+}
+
+// One replaces the file again and again while it holds the lock; the other never gets the lock of a
+// file that has been replaced, which would let it write where nobody reads.
+TEST(FileIo, AnExclusiveFileIsTheOneOfThatName) {
+  const test::TemporaryFolder folder;
+  const std::string path = folder.File("a");
+  cms::FileIo& io = SystemFileIo();
+  test::WriteWholeFile(path, "");
+  std::atomic<bool> stop{false};
+  std::thread replacing([&] {
+    while (!stop) {
+      const cms::ScopedFile held(io, path, cms::kFileReadWrite | cms::kFileExclusive);
+      if (held) {
+        test::WriteWholeFile(path + ".tmp", "");
+        EXPECT_EQ(io.Rename(path + ".tmp", path), 0);
+      }
+    }
+  });
+  int locked = 0;
+  int stale = 0;
+  while (locked < 3000) {
+    const cms::ScopedFile held(io, path, cms::kFileReadWrite | cms::kFileExclusive);
+    if (held) {
+      struct stat own {};
+      cms::FileStatus named;
+      EXPECT_EQ(fstat(held.Handle(), &own), 0);
+      stale += io.Status(path, named) && named.inode == own.st_ino ? 0 : 1;
+      ++locked;
+    }
+  }
+  stop = true;
+  replacing.join();
+  EXPECT_EQ(stale, 0);
 }
 
 TEST(FileIo, NamesFoldersSpaceAndStatus) {
