@@ -18,6 +18,11 @@
 namespace {
 
 constexpr int kHighestPriority = -20;
+// A producer that found all slots taken is woken when some are free again: waking it for each one
+// would cost more than the writes on a fast disk. On a slow disk it looks by itself.
+constexpr std::uint32_t kRoomWorthWaking = 16;
+constexpr int kLookAgainMilliseconds = 5;
+
 // "Try again" from a file that is no plain file (a pipe, a network file): how long it is believed.
 constexpr int kAttempts = 500;
 constexpr std::chrono::milliseconds kBetweenAttempts{10};
@@ -74,7 +79,7 @@ bool ControlWriteFile::AddToQueue(int handle, const void* data, std::uint32_t le
     while (queued_ >= kSlots) {
       room_.Reset();
       if (queued_ >= kSlots) {
-        room_.Wait();
+        room_.Wait(kLookAgainMilliseconds);
       }
     }
     fill_ = (fill_ + 1) % kSlots;
@@ -159,8 +164,10 @@ void ControlWriteFile::WriteQueueFn() {
     if (slot.buffer != nullptr) {
       GiveBuffer(std::exchange(slot.buffer, nullptr));
     }
-    --queued_;  // from here on the slot may be somebody else's
-    room_.Set();
+    // From here on the slot may be somebody else's.
+    if (--queued_ <= kSlots - kRoomWorthWaking) {
+      room_.Set();
+    }
     ++done_;
     progress_.Set();
   }

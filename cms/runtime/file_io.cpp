@@ -51,7 +51,9 @@ class SystemIo final : public FileIo {
     if (handle < 0) {
       return -1;
     }
-    if ((flags & kFileTruncate) != 0 && Truncate(handle, 0) != 0) {
+    // An empty file is left alone: some file systems take its truncation for the wish to have what
+    // is written next on the disk by the close, which then takes long.
+    if ((flags & kFileTruncate) != 0 && Size(handle) != 0 && Truncate(handle, 0) != 0) {
       return Abandon(handle);
     }
     return handle;
