@@ -144,6 +144,7 @@ int MjpegHttpClient::ParseStreamFrame(CRawBuffer* buffer, int* isAudio, int* fra
         expect_ = Expect::kPartHead;
         return 1;
       }
+      moved = expect_ != Expect::kBody;  // a part without a frame
       break;
     case Expect::kNothing:
       buffer->Clear();
@@ -201,18 +202,24 @@ bool MjpegHttpClient::ReadPartHead(CRawBuffer* buffer) {
   return true;
 }
 
+// 0 while the frame is not there whole, or when the part has none that could be kept.
 int MjpegHttpClient::FindFrame(CRawBuffer* buffer) {
   const std::string_view text = View(buffer);
+  if (bodyLength_ > kMaxRawBytes) {
+    expect_ = Expect::kPartHead;
+    return 0;
+  }
   if (bodyLength_ > 0) {
-    if (bodyLength_ > kMaxRawBytes) {
-      expect_ = Expect::kPartHead;  // cannot be kept whole: look for the next part
-    }
     return static_cast<long>(text.size()) >= bodyLength_ ? static_cast<int>(bodyLength_) : 0;
   }
   const std::size_t end = text.find("\r\n" + boundary_, static_cast<std::size_t>(searched_));
   if (end == std::string_view::npos) {
-    searched_ = std::max(0L, static_cast<long>(text.size() - boundary_.size()) - 2);
+    const long unsearched = static_cast<long>(boundary_.size()) + 1;
+    searched_ = std::max(0L, static_cast<long>(text.size()) - unsearched);
     return 0;
+  }
+  if (end == 0) {
+    expect_ = Expect::kPartHead;
   }
   return static_cast<int>(end);
 }
