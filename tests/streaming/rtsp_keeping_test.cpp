@@ -151,7 +151,7 @@ TEST(Keeping, CamerasThatComeBackTogetherDoNotStorm) {
   policy.firstPauseMs = 2'000;
   policy.longestPauseMs = 4'000;
   std::vector<std::unique_ptr<RtspTestClient>> clients;
-  constexpr std::size_t kCameras = 40;
+  constexpr std::size_t kCameras = 100;
   for (std::size_t i = 0; i < kCameras; ++i) {
     clients.push_back(std::make_unique<RtspTestClient>());
     stRTSPClientConfig config = ConfigFor(server.Url(), kRtspTransportInterleaved);
