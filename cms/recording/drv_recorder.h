@@ -1,0 +1,156 @@
+// FX_DRVRecorder: the recordings of one site, of five kinds, and the records of its events.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "cms/recording/channel_set.h"
+#include "cms/recording/drv_writer.h"
+#include "cms/recording/event_db_list_writer.h"
+#include "cms/recording/record_param.h"
+#include "cms/runtime/api.h"
+#include "cms/runtime/critical.h"
+
+namespace FX {
+
+// Set the path and the limits with SetRecParam and the site with SetDevice, then start kinds.
+//
+// Threads: RecordVideoFrame and RecordAudioFrame on the receiving thread, Flush on the owner's
+// clock, everything else on any. Starting and stopping an event stores records, which waits for the
+// disk: nobody calls in here who holds EventDBLock. Channels are 0 to 31; others throw
+// std::out_of_range.
+class CMS_API FX_DRVRecorder : public CLFX::CLFXDRVWriter {
+ public:
+  FX_DRVRecorder();
+  ~FX_DRVRecorder() override;  // as StopRecordAll
+
+  // Open the files when none are, and the record of an event; nothing changes when the kind runs
+  // already. False when no file could be opened: the kind does not run then.
+  bool StartDeviceEventRecord(unsigned channel) { return Start(kEvent, channel); }
+  bool StartDeviceAlarmRecord(unsigned channel) { return Start(kAlarm, channel); }
+  bool StartDeviceVideoLossRecord(unsigned channel) { return Start(kLoss, channel); }
+  bool StartInstNormalRecord(unsigned channel) { return Start(kInst, channel); }
+  bool StartScheNormalRecord(unsigned channel) { return Start(kSche, channel); }
+
+  // Store the record of an event. The files are closed when nothing runs any more.
+  void StopDeviceEventRecord(unsigned channel) { Stop(kEvent, channel); }
+  void StopDeviceAlarmRecord(unsigned channel) { Stop(kAlarm, channel); }
+  void StopDeviceVideoLossRecord(unsigned channel) { Stop(kLoss, channel); }
+  void StopInstNormalRecord(unsigned channel) { Stop(kInst, channel); }
+  void StopScheNormalRecord(unsigned channel) { Stop(kSche, channel); }
+  void StopRecordAll();
+
+  bool IsDeviceEventRecording(unsigned channel) const { return running_[kEvent].Has(channel); }
+  bool IsDeviceAlarmRecording(unsigned channel) const { return running_[kAlarm].Has(channel); }
+  bool IsDeviceVideoLossRecording(unsigned channel) const { return running_[kLoss].Has(channel); }
+  bool IsInstNormalRecording(unsigned channel) const { return running_[kInst].Has(channel); }
+  bool IsScheNormalRecording(unsigned channel) const { return running_[kSche].Has(channel); }
+  bool IsDeviceEventRecording() const { return running_[kEvent].Any(); }
+  bool IsDeviceAlarmRecording() const { return running_[kAlarm].Any(); }
+  bool IsDeviceVideoLossRecording() const { return running_[kLoss].Any(); }
+  bool IsInstNormalRecording() const { return running_[kInst].Any(); }
+  bool IsScheNormalRecording() const { return running_[kSche].Any(); }
+
+  // The recording states: which kinds the client application has enabled. The recorder keeps them
+  // for whoever decides on starting.
+  bool IsDeviceEventRecStateOn(unsigned channel) const { return enabled_[kEvent].Has(channel); }
+  bool IsDeviceAlarmRecStateOn(unsigned channel) const { return enabled_[kAlarm].Has(channel); }
+  bool IsDeviceVideoLossRecStateOn(unsigned channel) const { return enabled_[kLoss].Has(channel); }
+  bool IsInstNormalRecStateOn(unsigned channel) const { return enabled_[kInst].Has(channel); }
+  bool IsScheNormalRecStateOn(unsigned channel) const { return enabled_[kSche].Has(channel); }
+  bool IsDeviceEventRecStateOn() const { return enabled_[kEvent].Any(); }
+  bool IsDeviceAlarmRecStateOn() const { return enabled_[kAlarm].Any(); }
+  bool IsDeviceVideoLossRecStateOn() const { return enabled_[kLoss].Any(); }
+  bool IsInstNormalRecStateOn() const { return enabled_[kInst].Any(); }
+  bool IsScheNormalRecStateOn() const { return enabled_[kSche].Any(); }
+  void TurnOnDeviceEventRecState(unsigned channel) { enabled_[kEvent].Set(channel); }
+  void TurnOnDeviceAlarmRecState(unsigned channel) { enabled_[kAlarm].Set(channel); }
+  void TurnOnDeviceVideoLossRecState(unsigned channel) { enabled_[kLoss].Set(channel); }
+  void TurnOnInstNormalRecState(unsigned channel) { enabled_[kInst].Set(channel); }
+  void TurnOnScheNormalRecState(unsigned channel) { enabled_[kSche].Set(channel); }
+  void TurnOffDeviceEventRecState(unsigned channel) { enabled_[kEvent].Clear(channel); }
+  void TurnOffDeviceAlarmRecState(unsigned channel) { enabled_[kAlarm].Clear(channel); }
+  void TurnOffDeviceVideoLossRecState(unsigned channel) { enabled_[kLoss].Clear(channel); }
+  void TurnOffInstNormalRecState(unsigned channel) { enabled_[kInst].Clear(channel); }
+  void TurnOffScheNormalRecState(unsigned channel) { enabled_[kSche].Clear(channel); }
+  void TurnOffAllRecordState();
+
+  bool IsRecording() override;  // whether a .drv file is open
+  // Whether any kind runs for the channel, and, if asked for, a .drv file is open as well.
+  bool IsRecording(unsigned channel, bool requireOpenFile);
+
+  bool GetDeviceEventRecStatus(unsigned channel);  // its recording runs, and a file is open
+  bool GetDeviceEventStatus(unsigned channel);     // the record of an event is open
+
+  // For every recorded video frame: widens the records of the channel's running events and of the
+  // file by the frame's time. RecordVideoFrame does it.
+  void SetRecordTime(std::int64_t time, unsigned channel);
+
+  // The seconds before an event that are recorded with it; events begun from now on note them while
+  // enabled, else 0.
+  void SetPreAlarm(std::uint8_t seconds, bool enabled);
+  // Holds from the next file on. A path that differs from the open file's begins one with the next
+  // key frame.
+  void SetRecParam(const stRecordParam& param);
+  stRecordParam GetRecParam() const;
+
+  // One frame as the streaming client hands it on: the header area, then the payload. Nothing
+  // happens unless a kind runs for the channel. The header is written with the device-event mark if
+  // asked for and with fresh check bytes; the caller's stays as it is. False when the frame was not
+  // recorded, also when its header contradicts the sizes.
+  bool RecordVideoFrame(const void* header, int headerSize, const void* data, int size,
+                        unsigned channel, bool markDeviceEvent = false);
+  bool RecordAudioFrame(const void* header, int headerSize, const void* data, int size,
+                        unsigned channel);
+
+  void Flush(std::uint32_t age = cms::kFlushAgeMilliseconds) override;
+
+ private:
+  enum Kind : unsigned { kEvent, kAlarm, kLoss, kInst, kSche };
+  static constexpr unsigned kEventKinds = 3;
+  static constexpr unsigned kKinds = 5;
+
+  // A running event, with what it takes to store its record later.
+  struct Event {
+    std::wstring drvPath;
+    Kind kind = kEvent;
+    unsigned channel = 0;
+    std::uint8_t preAlarm = 0;
+    std::int64_t start = 0;
+    std::int64_t end = 0;
+  };
+
+  bool Start(Kind kind, unsigned channel);
+  void Stop(Kind kind, unsigned channel);
+  void OpenEvent(Kind kind, unsigned channel) CMS_REQUIRES(starting_);
+  void StoreEvent(Kind kind, unsigned channel) CMS_REQUIRES(starting_);
+  void OpenEventRecord(FX_EventDBListWriter& list, const Event& event);
+  void StoreLateEvents();
+  bool AnyRuns() const;
+  unsigned RunningKinds(unsigned channel) const;  // a bit for each
+  bool RecordFrame(std::span<const std::uint8_t> header, std::span<const std::uint8_t> payload,
+                   unsigned channel, bool mark);
+  std::uint64_t Milliseconds(std::uint32_t seconds) CMS_REQUIRES(lock_);
+
+  std::array<cms::ChannelSet, kKinds> running_;  // changed under starting_
+  std::array<cms::ChannelSet, kKinds> enabled_;
+  std::array<FX_EventDBListWriter, kEventKinds> lists_;
+  CMSCritical starting_;  // orders starts and stops; taken before lock_, not by the receive thread
+
+  stRecordParam param_ CMS_GUARDED_BY(lock_);
+  std::uint8_t preAlarm_ CMS_GUARDED_BY(lock_) = 0;
+  bool preAlarmEnabled_ CMS_GUARDED_BY(lock_) = false;
+  std::array<std::array<Event, cms::kChannels>, kEventKinds> events_ CMS_GUARDED_BY(lock_);
+  std::vector<Event> lateEvents_ CMS_GUARDED_BY(starting_);
+
+  // The millisecond counter of the running second.
+  std::uint32_t second_ CMS_GUARDED_BY(lock_) = 0;
+  std::uint64_t secondTick_ CMS_GUARDED_BY(lock_) = 0;
+  std::uint64_t millisecond_ CMS_GUARDED_BY(lock_) = 0;
+};
+
+}  // namespace FX
+
+using FX::FX_DRVRecorder;

@@ -1,0 +1,35 @@
+// What a recorder is doing and how it fares, for its owner.
+#pragma once
+
+#include <cstdint>
+
+namespace cms {
+
+enum class RecordingState {
+  kIdle,                // no file is open and none is wanted
+  kWaitingForKeyFrame,  // the next file begins with the next key frame
+  kRecording,
+  kFailed,  // a file could not be opened or written: see `error`; it resumes by itself
+};
+
+// Counters run from the recorder's construction.
+struct RecordingStatus {
+  RecordingState state = RecordingState::kIdle;
+  int error = 0;  // errno of the failure that lasts, 0 while all is well
+  int lastError = 0;
+
+  std::uint64_t frames = 0;  // accepted; key frames among them
+  std::uint64_t keyFrames = 0;
+  std::uint64_t bytes = 0;          // of them, headers included
+  std::uint64_t files = 0;          // begun or continued
+  std::uint64_t waitingFrames = 0;  // dropped in front of a key frame
+  std::uint64_t failedFrames = 0;   // dropped while failed
+  std::uint64_t refusedFrames = 0;  // dropped because their header contradicts their size
+  std::uint64_t lostBytes = 0;      // accepted, then not written because of a failure
+  std::uint64_t failures = 0;
+  std::uint64_t resumptions = 0;
+  std::uint64_t lateRecords = 0;  // of files, waiting to be mended or stored
+  std::uint64_t lateEvents = 0;   // their records wait to be stored
+};
+
+}  // namespace cms
