@@ -1,0 +1,52 @@
+// A site that records into a folder of its own, for tests.
+#pragma once
+
+#include <string>
+
+#include "cms/recording/control_write_file.h"
+#include "cms/recording/drv_recorder.h"
+#include "cms/recording/internal/recording_slots.h"
+#include "tests/recording/database_bytes.h"
+#include "tests/support/recording_reader.h"
+
+namespace test {
+
+// "..\rec\Rec_Site<number>_" of a WorkFolder.
+inline stRecordParam ParamFor(int site, int sizeMiB = 64, const wchar_t* folder = L"..\\rec") {
+  stRecordParam param;
+  const std::wstring path = std::wstring(folder) + L"\\Rec_Site" + std::to_wstring(site) + L"_";
+  path.copy(param.path, 259);
+  param.fileSizeMiB = sizeMiB;
+  return param;
+}
+
+inline void Prepare(FX::FX_DRVRecorder& recorder, const stRecordParam& param = ParamFor(1)) {
+  recorder.SetDevice(L"10.0.0.1", L"Hof", 554);
+  recorder.SetRecParam(param);
+}
+
+inline void WaitForDisk() {
+  ControlWriteFile::GetInstance()->WaitWritten(-1);
+}
+
+// An empty folder "rec" beside the working folder, and a clock that stands still.
+struct RecordingFolder {
+  RecordingFolder() {
+    std::filesystem::create_directories(folder.Beside("rec"));
+    for (int site = 0; site < 20; ++site) {  // what the process's tests before this one left
+      cms::RecordingSlots::Instance().SetStartTime(ParamFor(site).path, 0);
+    }
+  }
+  std::string Rec() const { return folder.Beside("rec"); }
+  std::vector<RecordedFile> Files() const {
+    WaitForDisk();
+    return ReadRecordings(Rec());
+  }
+  std::string Records() const { return ReadWholeFile(folder.Beside("rec/RecordDB")); }
+  std::string Events() const { return ReadWholeFile(folder.Beside("EventList0")); }
+
+  WorkFolder folder;
+  TestClock clock;
+};
+
+}  // namespace test
