@@ -1,0 +1,45 @@
+// Once recording runs nothing is allocated for a frame.
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <thread>
+
+#include "tests/allocation/allocation_count.h"
+#include "tests/recording/recorder_site.h"
+
+namespace {
+
+TEST(RecordAllocation, NothingIsAllocatedPerFrame) {
+  const test::RecordingFolder site;
+  FX::FX_DRVRecorder recorder;
+  test::Prepare(recorder);
+  test::ClipSpec spec;
+  spec.noise = true;  // large frames: the buffer is handed over now and then
+  test::FrameSource source(spec);
+  ASSERT_TRUE(recorder.StartScheNormalRecord(0));
+  ASSERT_TRUE(recorder.StartDeviceAlarmRecord(0));
+  long before = 0;
+  long after = 0;
+  std::thread receiving([&] {
+    pthread_setname_np(pthread_self(), "cms-recv test");
+    const auto record = [&](int frames) {
+      for (int i = 0; i < frames; ++i) {
+        source.Record(recorder, i % 2 == 0);
+        source.RecordAudio(recorder);
+      }
+    };
+    record(10);
+    delete new int;  // it counts
+    before = test::Allocations();
+    record(500);
+    after = test::Allocations();
+  });
+  receiving.join();
+  EXPECT_GT(before, 0);
+  EXPECT_EQ(after, before);
+  EXPECT_GT(recorder.GetRecordingStatus().bytes, 3u << 20);
+  recorder.StopRecordAll();
+  EXPECT_EQ(test::CheckSeams(site.Files()), 511u);
+}
+
+}  // namespace
