@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <utility>
 
 #include "cms/recording/internal/late_record.h"
@@ -237,42 +236,6 @@ std::uint32_t CLFXDRVWriter::GetDrvOffset() const {
 void CLFXDRVWriter::SetDrvIdx(const DrvIdx& record) {
   ScopeLock hold(lock_);
   record_ = record;
-}
-
-void CLFXDRVWriter::WriteDrvIdx() {
-  ScopeLock hold(lock_);
-  if (idx_ < 0) {
-    return;
-  }
-  if (idxBuffered_ > kBufferSize - sizeof record_) {
-    MemoryIdxToFile(false);
-  }
-  if (idxBuffered_ == 0) {
-    idxBufferedSince_ = cms::TickMilliseconds();
-  }
-  std::memcpy(idxData_.get() + idxBuffered_, &record_, sizeof record_);
-  idxBuffered_ += sizeof record_;
-}
-
-void CLFXDRVWriter::AddData(std::span<const std::span<const std::uint8_t>> blocks,
-                            std::uint64_t length) {
-  if (buffered_ + length > flushThreshold_) {
-    MemoryRecordToFile(false);
-  }
-  if (buffered_ == 0) {
-    bufferedSince_ = cms::TickMilliseconds();
-  }
-  for (std::span<const std::uint8_t> rest : blocks) {
-    while (!rest.empty()) {
-      if (buffered_ == kBufferSize) {  // a frame larger than the buffer
-        MemoryRecordToFile(false);
-      }
-      const std::size_t count = std::min<std::size_t>(rest.size(), kBufferSize - buffered_);
-      std::memcpy(data_.get() + buffered_, rest.data(), count);
-      buffered_ += static_cast<std::uint32_t>(count);
-      rest = rest.subspan(count);
-    }
-  }
 }
 
 void CLFXDRVWriter::SetDevice(const wchar_t* address, const wchar_t* siteName, std::uint16_t port) {

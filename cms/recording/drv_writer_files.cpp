@@ -251,47 +251,4 @@ void CLFXDRVWriter::SettleLateRecords() {
   }
 }
 
-void CLFXDRVWriter::MemoryRecordToFile(bool close) {
-  if (drv_ < 0 || (buffered_ == 0 && !close)) {
-    return;
-  }
-  const bool queued =
-      ControlWriteFile::GetInstance()->AddToQueue(drv_, data_.get(), buffered_, close, drvStatus_);
-  if (!queued) {  // the process ends
-    drvStatus_->error = ESHUTDOWN;
-    status_.lostBytes += buffered_;
-  }
-  if (close && !queued) {
-    cms::CurrentFileIo().Close(drv_);
-    drvStatus_->closed = true;
-  }
-  handedOver_ += std::exchange(buffered_, 0);
-}
-
-void CLFXDRVWriter::MemoryIdxToFile(bool close) {
-  if (idx_ < 0 || (idxBuffered_ == 0 && !close)) {
-    return;
-  }
-  const bool queued = ControlWriteFile::GetInstance()->AddToQueue(idx_, idxData_.get(),
-                                                                  idxBuffered_, close, idxStatus_);
-  if (!queued) {
-    idxStatus_->error = ESHUTDOWN;
-  }
-  if (close && !queued) {
-    cms::CurrentFileIo().Close(idx_);
-    idxStatus_->closed = true;
-  }
-  idxBuffered_ = 0;
-}
-
-void CLFXDRVWriter::CloseWriteDrvFile() {
-  MemoryRecordToFile(true);
-  drv_ = -1;
-}
-
-void CLFXDRVWriter::CloseWriteIdxFile() {
-  MemoryIdxToFile(true);
-  idx_ = -1;
-}
-
 }  // namespace CLFX
