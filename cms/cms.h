@@ -9,6 +9,7 @@
 #include "cms/exports/codec_exports.h"
 #include "cms/exports/database_exports.h"
 #include "cms/exports/file_exports.h"
+#include "cms/exports/http_server_exports.h"
 #include "cms/exports/net_exports.h"
 #include "cms/exports/recording_exports.h"
 #include "cms/exports/rtsp_exports.h"

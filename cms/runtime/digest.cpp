@@ -1,5 +1,6 @@
 #include "cms/runtime/digest.h"
 
+#include <openssl/crypto.h>
 #include <openssl/evp.h>
 
 #include <algorithm>
@@ -20,6 +21,10 @@ std::string Md5Hex(std::string_view input) {
     text.push_back(kDigits[digest[i] & 15]);
   }
   return text;
+}
+
+bool EqualInConstantTime(std::string_view a, std::string_view b) {
+  return a.size() == b.size() && CRYPTO_memcmp(a.data(), b.data(), a.size()) == 0;
 }
 
 std::string Base64(std::span<const std::uint8_t> input) {

@@ -1,0 +1,93 @@
+// The embedded HTTP server: a client application registers handlers by name and answers requests
+// from inside them. docs/http_server.md tells the rules of requests and answers.
+//
+// Functions of a server belong to one controlling thread. Functions of a request belong to the
+// handler that got it, on its own thread, until it returns. Null handles are refused with 0.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "cms/httpserver/http_server_types.h"
+#include "cms/runtime/api.h"
+
+extern "C" {
+
+// A server that does not listen yet; null without a password lookup or when memory is short.
+CMS_API HttpServer* CreateHttpServer(const tHttpServerConfig* config);
+// 1; 0 when it is running already or the port is taken.
+CMS_API int StartHttpServer(HttpServer* server);
+// Stops accepting, has the sends of running handlers fail, and returns when all of them have
+// returned. Always 1. The server can be started again. Not from a handler.
+CMS_API int CloseHttpServer(HttpServer* server);
+// CloseHttpServer, then the end of the handle.
+CMS_API int DestroyHttpServer(HttpServer* server);
+// The port that a started server listens on.
+CMS_API int GetHttpServerPort(HttpServer* server);
+
+// Has requests for exactly this name ("/status") answered by the callback. A name is cut at 95
+// bytes; of equal names the first counts. With "/auth" in it the name is behind Digest
+// authentication; other names with "/" in them tell the handler of an old Internet Explorer by the
+// marker "IE".
+CMS_API int RegisterEgi(HttpServer* server, const char* name, EgiCallback callback);
+
+// Adds (3) or removes (4) a range of client addresses; see AccessRange. Always 1.
+CMS_API int SetWhiteBlackListInfo(HttpServer* server, std::uint32_t low, std::uint32_t high,
+                                  std::uint32_t kind, int operation);
+CMS_API int ClearAllWhiteBlackListInfo(HttpServer* server);
+// Non-zero: every new connection is checked, and refused unless a white range holds its address and
+// no black one does.
+CMS_API int EnableWhiteBlackList(HttpServer* server, int enable);
+// What the check says of an address: 2 allowed, or not checked; 1 in no white range; 0 in a black
+// one.
+CMS_API int AllowAccess(HttpServer* server, std::uint32_t address);
+
+// Accepts no more connections; those there are go on. 0, or -1 when the server does not listen.
+CMS_API int StopListen(HttpServer* server);
+// The first address of the local host's name as dotted text, empty when it has none. Valid until
+// the calling thread asks again.
+CMS_API const char* GetBindIP();
+CMS_API void CloseAllRequest();  // does nothing
+
+// 1 and the text, or 0 and an empty one. All of it comes from the network.
+CMS_API int GetCGICommand(HttpRequest* request, std::string& command);
+CMS_API int GetMethod(HttpRequest* request, std::string& method);
+// The first quoted "username" of the request: proven only where "/auth" is in the handler's name.
+CMS_API int GetUsername(HttpRequest* request, std::string& userName);
+// The text behind "?", as GetMethod; with a null pointer its length in bytes.
+CMS_API int GetQueryData(HttpRequest* request, std::string* query);
+
+CMS_API std::uint32_t GetClientAddress(HttpRequest* request);  // network byte order
+CMS_API int GetClientAddressString(HttpRequest* request, std::string& address);
+CMS_API int GetBindPort(HttpRequest* request);
+// The connection's thread as the system's handle of it (pthread_t).
+CMS_API std::uintptr_t GetThreadHandle(HttpRequest* request);
+// Asks for a priority, from -3 to 3, 0 being the usual one and more being more urgent.
+CMS_API int SetRequestThreadPriority(HttpRequest* request, int priority);
+// The system's send buffer of this connection, in bytes: 0, or -1 on failure.
+CMS_API int SetSendSocketBuufer(HttpRequest* request, int size);
+
+// Append to the answer's body, which is sent when the handler returns: 1, or 0 when memory is
+// short. Formatted text of more than 40,959 characters is cut there, with the result 0. A text that
+// came from the network is never a format.
+CMS_API int RequestWrite(HttpRequest* request, const char* text);
+CMS_API int RequestWriteFormat(HttpRequest* request, const char* format, ...)
+    __attribute__((format(printf, 2, 3)));
+
+// Sends the header block, the first time, and then these bytes, none for the method HEAD. Waits for
+// a client that reads slowly. 0 when the client is gone or the server is being closed: return then.
+// The header tells the length of the body appended so far, and none when that is empty. A handler
+// that streams ends with ForceDissconnect, or the appended body is sent once more behind it.
+CMS_API int RequestFlushWrite(HttpRequest* request, const char* data, int length);
+// Sends the header block of a file of that many bytes, which RequestFlushWrite then sends. The
+// time of change is a text such as "Tue, 04 Nov 2014 08:49:37 GMT", or empty. 1 sent, or sent
+// before; 0 failed.
+CMS_API int SendHeaderForFile(HttpRequest* request, long long length, std::string lastModified);
+
+CMS_API int SetStatusCode(HttpRequest* request, std::uint32_t status);  // see HttpStatusIndex
+// What the "Connection:" line says; the connection is closed in any case.
+CMS_API int SetKeepConnection(HttpRequest* request, int keep);
+// Nothing more is sent once the handler has returned.
+CMS_API int ForceDissconnect(HttpRequest* request);
+
+}  // extern "C"

@@ -1,0 +1,60 @@
+// What client applications and the embedded HTTP server tell each other.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+class HttpServer;   // opaque
+class HttpRequest;  // opaque; valid only while its handler runs
+
+// The password of a user name: non-zero when the user is known. Called from connection threads,
+// several at once. The name comes from the network.
+using HttpPasswordLookup = int (*)(const std::string& user, std::string& password);
+
+// Answers one request, on the connection's own thread, for as long as it likes; several run at
+// once. `marker` is "IE" or null (see RegisterEgi), `reserved` is 0, the result is ignored. No
+// exception may leave it.
+using EgiCallback = int (*)(HttpRequest* request, const char* marker, std::uint32_t reserved);
+
+struct tHttpServerConfig {
+  std::uint16_t port = 0;                       // 0: the system chooses, see GetHttpServerPort
+  HttpPasswordLookup passwordLookup = nullptr;  // required
+};
+
+// A handler under its name.
+struct EgiHandler {
+  static constexpr int kNameSize = 96;  // with the terminator
+  char name[kNameSize];
+  EgiCallback callback;
+};
+
+// IPv4 addresses from low to high, both included, as numbers: a.b.c.d is a*2^24 + b*2^16 + c*2^8 +
+// d.
+struct AccessRange {
+  static constexpr std::uint32_t kWhite = 2;  // allowed; every other kind is black: denied
+  std::uint32_t low;
+  std::uint32_t high;
+  std::uint32_t kind;
+};
+
+// Operations of SetWhiteBlackListInfo; others do nothing.
+inline constexpr int kAccessListAdd = 3;
+inline constexpr int kAccessListRemove = 4;
+
+// Answers of AllowAccess.
+inline constexpr int kAccessBlack = 0;
+inline constexpr int kAccessNotWhite = 1;
+inline constexpr int kAccessAllowed = 2;
+
+// Indices of SetStatusCode. Any other gives a status line without code and text.
+enum HttpStatusIndex : std::uint32_t {
+  kHttpOk = 0,
+  kHttpBadRequest = 1,
+  kHttpAuthorizationRequired = 2,  // 401 with a Digest challenge
+  kHttpAuthenticationError = 3,    // 401 with a Digest challenge
+  kHttpForbidden = 4,
+  kHttpNotFound = 5,
+  kHttpServiceUnavailable = 6,
+  kHttpNotInWhiteList = 7,  // 901
+  kHttpInBlackList = 8      // 902
+};

@@ -1,0 +1,138 @@
+#include "cms/httpserver/internal/digest_verifier.h"
+
+#include <algorithm>
+#include <array>
+#include <initializer_list>
+#include <utility>
+
+#include "cms/runtime/digest.h"
+#include "cms/runtime/text.h"
+
+namespace cms {
+namespace {
+
+constexpr std::string_view kWhite = " \t\r\n\v\f";
+// What the digest with a qop is made of fits here; longer texts prove nothing.
+constexpr std::size_t kMaxDigestInput = 255;
+
+class FieldScanner {
+ public:
+  explicit FieldScanner(std::string_view text) : rest_(text) {}
+
+  // The next item; false at the end.
+  bool Next(std::string_view& name, std::string& value) {
+    Skip(" \t\r\n\v\f,");
+    if (rest_.empty()) {
+      return false;
+    }
+    name = Take(std::min(rest_.find_first_of(" \t\r\n\v\f,="), rest_.size()));
+    value.clear();
+    Skip(kWhite);
+    if (rest_.starts_with('=')) {
+      rest_.remove_prefix(1);
+      Skip(kWhite);
+      TakeValue(value);
+    }
+    Take(std::min(rest_.find(','), rest_.size()));
+    return true;
+  }
+
+ private:
+  std::string_view Take(std::size_t count) {
+    const std::string_view taken = rest_.substr(0, count);
+    rest_.remove_prefix(count);
+    return taken;
+  }
+  void Skip(std::string_view characters) {
+    rest_.remove_prefix(std::min(rest_.find_first_not_of(characters), rest_.size()));
+  }
+  // A backslash is dropped and keeps the character behind it from ending the value.
+  void TakeValue(std::string& value) {
+    char end = ',';
+    if (rest_.starts_with('"')) {
+      end = '"';
+      rest_.remove_prefix(1);
+    }
+    std::size_t at = 0;
+    for (; at < rest_.size() && rest_[at] != end; ++at) {
+      if (rest_[at] == '\\' && ++at == rest_.size()) {
+        break;
+      }
+      value.push_back(rest_[at]);
+    }
+    Take(std::min(at, rest_.size()));
+  }
+
+  std::string_view rest_;
+};
+
+std::string Joined(std::initializer_list<std::string_view> parts) {
+  std::string text;
+  for (const std::string_view part : parts) {
+    if (!text.empty()) {
+      text += ':';
+    }
+    text += part;
+  }
+  return text;
+}
+
+}  // namespace
+
+DigestFields ParseDigestFields(std::string_view authorization) {
+  DigestFields fields;
+  const std::array<std::pair<std::string_view, std::string*>, 8> known = {{
+      {"username", &fields.userName},
+      {"realm", &fields.realm},
+      {"nonce", &fields.nonce},
+      {"uri", &fields.uri},
+      {"response", &fields.response},
+      {"qop", &fields.qop},
+      {"cnonce", &fields.cnonce},
+      {"nc", &fields.nc},
+  }};
+  FieldScanner scanner(authorization);
+  std::string_view name;
+  std::string value;
+  while (scanner.Next(name, value)) {
+    for (const auto& [known_name, field] : known) {
+      if (EqualAnyCase(name, known_name)) {
+        *field = value;
+      }
+    }
+  }
+  return fields;
+}
+
+DigestResult VerifyDigest(std::string_view authorization, std::string_view method,
+                          HttpPasswordLookup lookup) {
+  if (authorization.empty()) {
+    return DigestResult::kNoneGiven;
+  }
+  const DigestFields given = ParseDigestFields(authorization);
+  if (given.userName.empty() || given.uri.empty() || given.nonce.empty() || given.cnonce.empty() ||
+      given.response.empty() || given.nc.empty()) {
+    return DigestResult::kBad;
+  }
+  std::string password;
+  const bool known = lookup(given.userName, password) != 0;
+  // An unknown user's digest is computed as well: it takes as long as a known one's.
+  const std::string ha1 = Md5Hex(given.userName + ':' + given.realm + ':' + password);
+  const std::string ha2 = Md5Hex(std::string(method) + ':' + given.uri);
+  std::string proof;
+  if (given.qop == "auth" || given.qop == "auth-int") {
+    const std::string& client = given.qop == "auth" ? given.cnonce : given.nc;
+    proof = Joined({ha1, given.nonce, given.nc, client, given.qop, ha2});
+    if (proof.size() > kMaxDigestInput) {
+      return DigestResult::kBad;
+    }
+  } else {
+    proof = Joined({ha1, given.nonce, ha2});
+  }
+  const std::string expected = Md5Hex(proof);
+  const bool equal = !expected.empty() && !ha1.empty() && !ha2.empty() &&
+                     EqualInConstantTime(expected, given.response);
+  return known && equal ? DigestResult::kGood : DigestResult::kBad;
+}
+
+}  // namespace cms

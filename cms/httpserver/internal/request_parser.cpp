@@ -1,0 +1,53 @@
+#include "cms/httpserver/internal/request_parser.h"
+
+#include <algorithm>
+
+#include "cms/runtime/text.h"
+
+namespace cms {
+namespace {
+
+constexpr auto kNone = std::string_view::npos;
+constexpr std::string_view kBlanks = " \t";
+
+// Behind the first word, which names the scheme.
+std::string_view WithoutScheme(std::string_view value) {
+  value.remove_prefix(std::min(value.find_first_not_of(kBlanks), value.size()));
+  value.remove_prefix(std::min(value.find_first_of(kBlanks), value.size()));
+  value.remove_prefix(std::min(value.find_first_not_of(kBlanks), value.size()));
+  return value;
+}
+
+}  // namespace
+
+bool ParseRequest(std::string_view text, ParsedRequest& parsed) {
+  parsed = {};
+  if (text.find("HTTP/1.1") == kNone && text.find("HTTP/1.0") == kNone) {
+    return false;
+  }
+  auto marker = text.find("MSIE");
+  if (marker == kNone) {
+    marker = text.find("Trident");
+  }
+  parsed.clientIsIe = marker != kNone;
+  const std::string_view head = text.substr(0, marker);
+
+  const auto method_end = head.find_first_of(" /");
+  if (method_end == kNone) {
+    return false;
+  }
+  parsed.method = head.substr(0, method_end);
+  if (head.find('?') != kNone) {
+    StrInBrace(head, parsed.method, ' ', '?', parsed.command);
+    StrInBrace(head, parsed.command, '?', ' ', parsed.query);
+  } else {
+    StrInBrace(head, parsed.method, ' ', ' ', parsed.command);
+  }
+  StrInBrace(text, "username", '"', '"', parsed.userName);
+  std::string authorization;
+  StrInBrace(text, "Authorization", ':', '\r', authorization);
+  parsed.authorization = WithoutScheme(authorization);
+  return true;
+}
+
+}  // namespace cms

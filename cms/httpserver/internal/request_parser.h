@@ -1,0 +1,29 @@
+// What the HTTP server takes from the text of a request.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace cms {
+
+// All that one read of a request may be.
+inline constexpr std::size_t kMaxRequestText = 2048;
+
+struct ParsedRequest {
+  std::string method;         // may be empty
+  std::string command;        // the target without its query
+  std::string query;          // without the "?"
+  std::string userName;       // the first quoted "username", wherever it stands
+  std::string authorization;  // the Authorization header's value without the scheme
+  bool clientIsIe = false;
+};
+
+// False when this is no request: no "HTTP/1.1" or "HTTP/1.0" in it, or no end of a method.
+//
+// The target is not looked for in the first line alone but in the whole text, or, for requests that
+// name an old Internet Explorer, in the text in front of that name. So a "?" in any header
+// there makes the command run up to it: pages that this server gives out should tell browsers to
+// send no Referer.
+bool ParseRequest(std::string_view text, ParsedRequest& parsed);
+
+}  // namespace cms

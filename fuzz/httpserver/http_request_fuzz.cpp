@@ -1,0 +1,34 @@
+// Requests: whatever arrives, nothing is read that is not there, every part is a piece of the
+// text, and what stands between a method and the next blank is found again.
+#include <string>
+
+#include "cms/httpserver/internal/http_headers.h"
+#include "cms/httpserver/internal/request_parser.h"
+#include "fuzz/support/check.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const std::string text(reinterpret_cast<const char*>(data), size);
+  cms::ParsedRequest parsed;
+  if (cms::ParseRequest(text, parsed)) {
+    for (const std::string& part :
+         {parsed.method, parsed.command, parsed.query, parsed.userName, parsed.authorization}) {
+      CHECK(text.find(part) != text.npos);
+    }
+    CHECK(text.starts_with(parsed.method));
+    CHECK(parsed.method.find_first_of(" /") == parsed.method.npos);
+    CHECK(parsed.query.find(' ') == parsed.query.npos);
+    CHECK(parsed.userName.find('"') == parsed.userName.npos);
+    CHECK(parsed.authorization.find('\r') == parsed.authorization.npos);
+    CHECK(parsed.command.find('?') == parsed.command.npos);
+  }
+
+  // A target is found whatever the other headers say, as long as no "?" is among them.
+  std::string rest = text;
+  for (char& c : rest) {
+    if (c == '?') c = '!';
+  }
+  const std::string plain = "GET /some/command?and=query HTTP/1.1\r\n" + rest;
+  CHECK(cms::ParseRequest(plain, parsed));
+  CHECK(parsed.method == "GET" && parsed.command == "/some/command" && parsed.query == "and=query");
+  return 0;
+}
