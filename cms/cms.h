@@ -14,6 +14,7 @@
 #include "cms/exports/recording_exports.h"
 #include "cms/exports/rtsp_exports.h"
 #include "cms/exports/stream_probe_exports.h"
+#include "cms/exports/tcp_server_exports.h"
 #include "cms/exports/text_exports.h"
 #include "cms/live/client_base.h"
 #include "cms/live/decoder.h"

@@ -1,0 +1,92 @@
+#include "cms/net/internal/tcp_sender.h"
+
+#include <poll.h>
+#include <pthread.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <string_view>
+#include <system_error>
+
+#include "cms/net/internal/wait_ready.h"
+
+CTcpSender::CTcpSender(int descriptor, int stop, const tTcpServerConfig& config)
+    : socket_(descriptor),
+      stop_(stop),
+      piece_(static_cast<std::size_t>(config.recvFrameSize)),
+      capacity_(piece_ * static_cast<std::size_t>(config.recvQueueDepth)) {}
+
+bool CTcpSender::Start() {
+  running_ = true;
+  try {
+    thread_ = std::thread(&CTcpSender::Run, this);
+  } catch (const std::system_error&) {
+    running_ = false;
+  }
+  return running_;
+}
+
+void CTcpSender::Stop() {
+  running_ = false;
+  filled_.Set();
+  if (thread_.joinable()) {
+    thread_.join();
+  }
+}
+
+int CTcpSender::Queue(const Block& block) {
+  ScopeLock lock(lock_);
+  if (block->size() > capacity_ - queued_) {
+    return 0;
+  }
+  queue_.push_back(block);
+  queued_ += block->size();
+  filled_.Set();
+  return static_cast<int>(block->size());
+}
+
+void CTcpSender::Run() {
+  pthread_setname_np(pthread_self(), "cms-tcp-send");
+  while (running_) {
+    filled_.Wait();
+    Block block;
+    {
+      ScopeLock lock(lock_);
+      if (queue_.empty()) {
+        filled_.Reset();
+        continue;
+      }
+      block = std::move(queue_.front());
+      queue_.pop_front();
+    }
+    if (!SendAll(*block)) {
+      // The receive thread notices the end of the socket, and sees to the rest.
+      shutdown(socket_, SHUT_RDWR);
+      return;
+    }
+    ScopeLock lock(lock_);
+    queued_ -= block->size();
+  }
+}
+
+bool CTcpSender::SendAll(const std::string& bytes) {
+  std::string_view left = bytes;
+  while (!left.empty()) {
+    const ssize_t sent =
+        send(socket_, left.data(), std::min(left.size(), piece_), MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (sent >= 0) {
+      left.remove_prefix(static_cast<std::size_t>(sent));
+    } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+      if (cms::WaitReady(socket_, POLLOUT, stop_) != cms::Readiness::kReady) {
+        return false;
+      }
+    } else if (errno != EINTR) {
+      return false;
+    }
+    if (!running_) {
+      return false;
+    }
+  }
+  return true;
+}

@@ -1,0 +1,84 @@
+// CTcpServer, a TCP server that broadcasts to those of its peers whose addresses are enabled.
+#pragma once
+
+#include <netinet/in.h>
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "cms/runtime/api.h"
+#include "cms/runtime/critical.h"
+#include "cms/runtime/wake_up.h"
+
+class CTcpCtrl;
+
+// Bytes that a peer sent; valid only during the call. Runs on the connection's own thread, so for
+// several connections at once.
+using TcpServerReceiveCallback = void (*)(void* context, const char* data, int length);
+// A peer that was just accepted. Runs on the accept thread, before the peer's address is disabled
+// for sending.
+using TcpServerAcceptCallback = void (*)(const sockaddr_in* peer, int addressLength);
+
+// Belongs to the caller and outlives the server, which writes its last two members.
+struct tTcpServerConfig {
+  TcpServerReceiveCallback recvCallback = nullptr;  // nullptr: received frames are queued
+  void* recvContext = nullptr;
+  int recvFrameSize = 1024;  // bytes received per call, and handed to the system per send
+  int recvQueueDepth = 128;  // frames; a connection's send queue holds depth * size bytes
+  TcpServerAcceptCallback acceptCallback = nullptr;
+  std::uint32_t localAddress = 0;  // out: IPv4, host byte order; 0 is any
+  std::uint16_t localPort = 0;     // out: as the system chose it
+};
+
+// One accept thread, and a send and a receive thread for each connection. Sending only queues: a
+// peer that reads slowly delays nobody, and what does not fit its queue is dropped for it, in whole
+// blocks. One controlling thread starts, stops and destroys; the other members are for any thread.
+// Callbacks may send, but not stop.
+class CMS_API CTcpServer {
+ public:
+  // Sizes below 1 mean the default.
+  explicit CTcpServer(tTcpServerConfig* config);
+  ~CTcpServer();  // stops
+  CTcpServer(const CTcpServer&) = delete;
+  CTcpServer& operator=(const CTcpServer&) = delete;
+
+  // Listens on a port of the system's choice and tells it in the configuration. False when it runs
+  // already or the system refuses.
+  bool Start();
+  // Closes every connection, also those in the middle of sending, and forgets all permissions.
+  void Stop();
+
+  int TotalClients();
+  // Whether the peers behind an address (IPv4, host byte order) get what is sent. A new connection
+  // from an address disables it, and so does the end of one.
+  void EnableSend(std::uint32_t address, bool enable);
+  // Queues the bytes for every enabled connection. The result is that of the last one in the order
+  // of acceptance: the length, or 0 when its queue had no room; 0 when none was enabled.
+  int Send(const char* data, int length);
+
+ private:
+  friend class CTcpCtrl;
+  void AcceptLoop();
+  void Adopt(int descriptor, const sockaddr_in& peer);
+  // From a connection's receive thread: the peer is gone.
+  void Remove(CTcpCtrl* connection);
+  void BuryEnded();
+
+  tTcpServerConfig* const shared_config_;
+  const tTcpServerConfig config_;
+  std::atomic<bool> running_{false};
+  int listening_ = -1;  // the accept thread's while that runs
+  std::thread accept_thread_;
+  std::unique_ptr<cms::WakeUp> stop_;         // signalled for good by Stop; made anew by Start
+  std::unique_ptr<cms::WakeUp> accept_wake_;  // there are connections to bury, or it is time to end
+
+  CMSCritical connections_lock_;  // taken before the permissions' lock
+  std::vector<std::unique_ptr<CTcpCtrl>> connections_ CMS_GUARDED_BY(connections_lock_);
+  std::vector<std::unique_ptr<CTcpCtrl>> ended_ CMS_GUARDED_BY(connections_lock_);
+  CMSCritical permissions_lock_;
+  std::map<std::uint32_t, bool> permissions_ CMS_GUARDED_BY(permissions_lock_);
+};
