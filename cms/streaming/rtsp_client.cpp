@@ -199,7 +199,7 @@ void CMSRTSPClient::InitialChannelCodec() {
 
 int CMSRTSPClient::OpenForKeeping() {
   ScopeLock lock(lock_);
-  if (OpenLocked() == 0) {
+  if (!opened_ && OpenLocked() == 0) {
     return 0;
   }
   return StartDelivery();

@@ -142,6 +142,22 @@ TEST(Keeping, StaysClosedWhenThePolicySaysSoAndAfterCloseStream) {
   ASSERT_TRUE(
       WaitFor([&] { return client.GetConnectionStatus().state == ConnectionState::kClosed; }));
   EXPECT_EQ(server.Connections().size(), 2u);
+
+  server.On("DESCRIBE", [&](const RtspRequest& r) { return server.GoodAnswer(r); });
+  EXPECT_EQ(client.KeepOpen(), 1) << "a keeping that gave up can begin anew";
+  EXPECT_TRUE(WaitFor([&] { return client.IsClientPlaying() != 0; }));
+}
+
+TEST(Keeping, TakesOverAStreamThatIsOpenAlready) {
+  ScriptedRtspServer server;
+  RtspTestClient client;
+  stRTSPClientConfig config = ConfigFor(server.Url(), kRtspTransportUdp);
+  client.SetConfig(&config);
+  ASSERT_EQ(client.OpenStream(), 1);
+  EXPECT_EQ(client.KeepOpen(), 1);
+  EXPECT_EQ(client.KeepOpen(), 0) << "kept already";
+  EXPECT_TRUE(WaitFor([&] { return client.IsClientPlaying() != 0; }));
+  EXPECT_EQ(server.Connections().size(), 1u);
 }
 
 // Many cameras that vanish together must not be opened all at the same moment.

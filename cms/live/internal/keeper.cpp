@@ -8,6 +8,9 @@
 using cms::SiteSupervisor;
 
 bool CMSClientBase::Keeper::Start(bool playing) {
+  if (gaveUp_.exchange(false)) {
+    Stop();
+  }
   if (kept_.exchange(true)) {
     return false;
   }
@@ -109,6 +112,7 @@ std::uint64_t CMSClientBase::Keeper::PauseAfterFailure() {
   const ConnectionStatus status = client_.GetConnectionStatus();
   if (!policy.enabled || status.fault == ConnectionFault::kCancelled) {
     client_.SetState(ConnectionState::kClosed);
+    gaveUp_.store(true);
     return SiteSupervisor::kNever;
   }
   ++failures_;

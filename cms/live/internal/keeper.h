@@ -27,6 +27,7 @@ class CMSClientBase::Keeper final : public cms::SiteSupervisor::Site {
 
   CMSClientBase& client_;
   std::atomic<bool> kept_{false};
+  std::atomic<bool> gaveUp_{false};  // the policy does not try again: Start may begin anew
   std::atomic<std::uint32_t> reconnects_{0};
   std::atomic<std::uint64_t> retryTick_{0};
 
