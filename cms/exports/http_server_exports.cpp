@@ -196,6 +196,7 @@ int RequestFlushWrite(HttpRequest* request, const char* data, int length) {
   return request != nullptr ? request->Flush(data, length) : 0;
 }
 
+// The interface has the text by value. NOLINTNEXTLINE(performance-unnecessary-value-param)
 int SendHeaderForFile(HttpRequest* request, long long length, std::string lastModified) {
   return request != nullptr ? request->SendFileHeader(length, lastModified) : 0;
 }

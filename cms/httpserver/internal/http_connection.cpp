@@ -122,8 +122,8 @@ void HttpRequest::Answer() {
     return;
   }
   const std::string_view name = handler->name;
-  if (name.find("/auth") == name.npos) {
-    const bool marked = parsed_.clientIsIe && name.find('/') != name.npos;
+  if (name.find("/auth") == std::string_view::npos) {
+    const bool marked = parsed_.clientIsIe && name.find('/') != std::string_view::npos;
     handler->callback(this, marked ? "IE" : nullptr, 0);
   } else {
     switch (cms::VerifyDigest(parsed_.authorization, parsed_.method, server_.PasswordLookup())) {
