@@ -16,5 +16,5 @@ int SimpleRTPProcesser::FindIFrame(void* /*packet*/, int /*length*/, unsigned in
 }
 
 int SimpleRTPProcesser::IsEndOfFrame(void* packet, int /*length*/, unsigned int /*headerSize*/) {
-  return HasMarker(packet) || framePerPacket_.load(std::memory_order_relaxed);
+  return HasMarker(packet);
 }

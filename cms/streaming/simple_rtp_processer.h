@@ -4,7 +4,8 @@
 #include "cms/streaming/rtp_processer.h"
 
 // Payloads are joined as they are; the marker ends a frame, and a frame may start anywhere.
-// Receivers of senders that set the marker as RFC 3551 (4.1) has it need SetFramePerPacket.
+// Senders that set the marker only behind a silence (RFC 3551, 4.1; GStreamer and FFmpeg among
+// them) end no frame so: RTSPSubSession therefore hands audio on packet by packet.
 class CMS_API SimpleRTPProcesser : public RTPProcesserBase {
  public:
   SimpleRTPProcesser();
@@ -15,13 +16,4 @@ class CMS_API SimpleRTPProcesser : public RTPProcesserBase {
   int AddDataToFrameBuff(void* packet, int length, unsigned int headerSize) override;
   int FindIFrame(void* packet, int length, unsigned int headerSize) override;
   int IsEndOfFrame(void* packet, int length, unsigned int headerSize) override;
-
-  // For senders that set the marker only on the first packet behind a silence (RFC 3551, 4.1;
-  // GStreamer and FFmpeg among them): by the rule, which is the default, their packets pile up
-  // until the frame is too long. On, every packet is a frame. Any thread; best before the first
-  // packet.
-  void SetFramePerPacket(bool on) { framePerPacket_.store(on, std::memory_order_relaxed); }
-
- private:
-  std::atomic<bool> framePerPacket_{false};
 };

@@ -286,20 +286,6 @@ TEST(RTPProcesserBase, CountersAreReadWhileThePacketsCome) {
   EXPECT_EQ(processer.GetMissingPacketCount(), 499u);
 }
 
-TEST(SimpleRTPProcesser, FramePerPacketServesSendersWithoutMarkers) {
-  SimpleRTPProcesser processer;
-  FrameCollector collector(processer);
-  processer.SetFramePerPacket(true);
-  RtpPacketizer rtp;
-  for (int i = 0; i < 10; ++i) {
-    rtp.Skip(i == 5 ? 1 : 0);
-    collector.Feed(rtp.Packet(Filled(160, static_cast<std::uint8_t>(i)), i == 0));
-  }
-  ASSERT_EQ(collector.frames.size(), 8u) << "the first and the one behind the gap are boundaries";
-  EXPECT_EQ(collector.frames[0], Filled(160, 1));
-  EXPECT_EQ(collector.frames[7], Filled(160, 9));
-}
-
 TEST(MP4VESRTPProcesser, RealFramesComeBackFromTheSecondKeyFrameOn) {
   const auto clip =
       test::EncodeClip({.codec = test::ClipCodec::kMpeg4, .frames = 30, .gop = 10, .noise = true});

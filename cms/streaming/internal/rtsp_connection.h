@@ -62,7 +62,6 @@ class RTSPConnection final : public TCPClientBase, private RTSPDemultiplexer::Si
   bool Cancelled() const { return cancelled_.load(); }
   bool PeerClosed() const { return closed_.load(); }
   int LastError() const { return LastSocketError(); }
-  std::uint64_t SkippedBytes() const { return demultiplexer_.SkippedBytes(); }
 
   int OnConnect(unsigned long address, unsigned long port) override;
   void OnPeerClosed() override;
