@@ -19,6 +19,7 @@
 #include "cms/live/client_base.h"
 #include "cms/live/decoder.h"
 #include "cms/recording/database_reader.h"
+#include "cms/recording/gap_log.h"
 #include "cms/recording/rec_folder_db_writer.h"
 #include "cms/streaming/http_client.h"
 #include "cms/streaming/rtsp_client.h"

@@ -1,13 +1,11 @@
 #include "cms/recording/database_reader.h"
 
 #include <ctime>
-#include <span>
 
 #include "cms/recording/event_db_info.h"
-#include "cms/recording/internal/database_file.h"
+#include "cms/recording/internal/database_content.h"
 #include "cms/recording/internal/database_locks.h"
 #include "cms/recording/internal/database_paths.h"
-#include "cms/recording/internal/record_bytes.h"
 #include "cms/recording/rec_folder_db_writer.h"
 #include "cms/recording/rec_sub_folder_db_info.h"
 #include "cms/recording/record_db_info.h"
@@ -56,40 +54,26 @@ SpanRow RowOf(const FX::FX_RecSubFolderDBInfo& span) {
   return {span.GetStartTime(), span.GetEndTime()};
 }
 
-template <typename Record, typename Row>
-DatabaseContent<Row> Content(const std::wstring& path, CMSCritical& lock) {
-  ScopeLock hold(lock);
-  DatabaseContent<Row> content;
-  DatabaseFile file(path, sizeof(Record), DatabaseAccess::kRead);
-  if (!file) {
-    content.state = file.Missing() ? DatabaseState::kMissing : DatabaseState::kUnreadable;
-    return content;
-  }
-  const bool read = file.ForEach([&](std::span<const std::uint8_t> record) {
-    content.rows.push_back(RowOf(RecordFrom<Record>(record)));
-    return true;
-  });
-  content.state = read ? DatabaseState::kRead : DatabaseState::kUnreadable;
-  content.tornBytes = file.TornBytes();
-  return content;
-}
-
 }  // namespace
 
 DatabaseContent<RecordRow> ReadRecordList(std::wstring_view folder) {
-  return Content<FX::FX_RecordDBInfo, RecordRow>(RecordListPath(folder), RecordDatabaseLock());
+  return ReadDatabase<FX::FX_RecordDBInfo, RecordRow>(RecordListPath(folder), RecordDatabaseLock(),
+                                                      RowOf);
 }
 
 DatabaseContent<SpanRow> ReadFolderSpan(std::wstring_view folder) {
-  return Content<FX::FX_RecSubFolderDBInfo, SpanRow>(FolderSpanPath(folder), RecordDatabaseLock());
+  return ReadDatabase<FX::FX_RecSubFolderDBInfo, SpanRow>(FolderSpanPath(folder),
+                                                          RecordDatabaseLock(), RowOf);
 }
 
 DatabaseContent<EventRow> ReadEventList(int number) {
-  return Content<FX::FX_EventDBInfo, EventRow>(EventListPath(number), EventDatabaseLock());
+  return ReadDatabase<FX::FX_EventDBInfo, EventRow>(EventListPath(number), EventDatabaseLock(),
+                                                    RowOf);
 }
 
 DatabaseContent<FolderRow> ReadFolderList(unsigned number) {
-  return Content<stRecFolderDB, FolderRow>(FolderListPath(number), FolderDatabaseLock());
+  return ReadDatabase<stRecFolderDB, FolderRow>(FolderListPath(number), FolderDatabaseLock(),
+                                                RowOf);
 }
 
 std::string TextOfRecordTime(std::int64_t seconds) {

@@ -1,14 +1,8 @@
 // Any bytes as any of the databases: readers give the whole records, maintenance keeps every record
 // that it is not about, and what the library writes it reads back.
-#include <stdlib.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 
 #include "cms/exports/database_exports.h"
@@ -16,42 +10,14 @@
 #include "cms/recording/rec_folder_db_writer.h"
 #include "cms/recording/record_db_list_writer.h"
 #include "fuzz/support/check.h"
+#include "fuzz/support/work_folder.h"
+
+using fuzz::Get;
+using fuzz::Put;
 
 namespace {
 
 constexpr std::size_t kRecord = 736;
-
-// The folder that the process works in while an input runs; the fuzzer's own paths are relative to
-// the one that it was started in.
-class Work {
- public:
-  Work() {
-    static const std::string folder = Make();
-    std::filesystem::current_path(folder + "/work");
-  }
-  ~Work() { std::filesystem::current_path(started_); }
-  Work(const Work&) = delete;
-  Work& operator=(const Work&) = delete;
-
- private:
-  static std::string Make() {
-    static char made[] = "/dev/shm/databases_fuzz_XXXXXX";
-    CHECK(mkdtemp(made) != nullptr);
-    std::filesystem::create_directories(std::string(made) + "/work/rec");
-    std::atexit([] { std::filesystem::remove_all(made); });
-    return made;
-  }
-  const std::filesystem::path started_ = std::filesystem::current_path();
-};
-
-void Put(const char* path, const std::string& bytes) {
-  std::ofstream(path, std::ios::binary) << bytes;
-}
-
-std::string Get(const char* path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
 
 std::int64_t TimeAt(const std::string& bytes, std::size_t offset) {
   std::int64_t time = 0;
@@ -139,7 +105,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (size < 3) {
     return 0;
   }
-  const Work work;
+  const fuzz::WorkFolder work;
   // A name of a few of the input's own characters, so that it is found now and then.
   const std::string bytes(reinterpret_cast<const char*>(data) + 2, size - 2);
   std::wstring name;

@@ -88,6 +88,15 @@ std::span<const std::uint8_t> DatabaseFile::NextBlock() {
   return std::span(buffer_).first(whole);
 }
 
+bool DatabaseFile::ReadAt(std::uint64_t offset, std::span<std::uint8_t> record) {
+  return io_.ReadAllAt(file_->Handle(), record.data(), record.size(), offset) == record.size();
+}
+
+std::uint64_t DatabaseFile::WholeSize() {
+  const std::int64_t size = io_.Size(file_->Handle());
+  return size < 0 ? 0 : static_cast<std::uint64_t>(size) / recordSize_ * recordSize_;
+}
+
 bool DatabaseFile::WriteAt(std::uint64_t offset, std::span<const std::uint8_t> bytes) {
   const auto position = static_cast<std::int64_t>(offset);
   return io_.Seek(file_->Handle(), position, SEEK_SET) == position &&

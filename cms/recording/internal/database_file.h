@@ -63,6 +63,10 @@ class DatabaseFile {
   // The bytes behind the last whole record that ForEach met; after a complete run of it.
   std::uint64_t TornBytes() const { return tornBytes_; }
 
+  // One record. False when it is not there as a whole.
+  bool ReadAt(std::uint64_t offset, std::span<std::uint8_t> record);
+  std::uint64_t WholeSize();  // of the whole records, 0 when it cannot be told
+
   // The following are for kChange and kCreate. False when it failed.
   bool Append(std::span<const std::uint8_t> record);
   bool Overwrite(std::uint64_t offset, std::span<const std::uint8_t> bytes);

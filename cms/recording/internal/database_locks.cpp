@@ -18,4 +18,9 @@ CMSCritical& FolderDatabaseLock() {
   return lock;
 }
 
+CMSCritical& GapLogLock() {
+  static auto& lock = *new CMSCritical;
+  return lock;
+}
+
 }  // namespace cms

@@ -8,5 +8,6 @@ namespace cms {
 CMSCritical& RecordDatabaseLock();  // every record list and every folder span
 CMSCritical& EventDatabaseLock();   // every event list
 CMSCritical& FolderDatabaseLock();  // every folder list
+CMSCritical& GapLogLock();          // every gap log
 
 }  // namespace cms

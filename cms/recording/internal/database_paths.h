@@ -22,5 +22,8 @@ inline std::wstring EventListPath(int number) {
 inline std::wstring FolderListPath(unsigned number) {
   return L"..\\RecFolderDB" + std::to_wstring(number);
 }
+inline std::wstring GapLogPath(int number) {
+  return L"..\\GapLog" + std::to_wstring(number);
+}
 
 }  // namespace cms

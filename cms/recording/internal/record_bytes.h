@@ -15,6 +15,13 @@ std::span<const std::uint8_t> BytesOf(const Record& record) {
   return {reinterpret_cast<const std::uint8_t*>(&record), sizeof(Record)};
 }
 
+// For reading a record in place.
+template <typename Record>
+std::span<std::uint8_t> WritableBytesOf(Record& record) {
+  static_assert(std::is_trivially_copyable_v<Record>);
+  return {reinterpret_cast<std::uint8_t*>(&record), sizeof(Record)};
+}
+
 // `bytes` holds at least one whole record.
 template <typename Record>
 Record RecordFrom(std::span<const std::uint8_t> bytes) {

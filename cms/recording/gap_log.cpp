@@ -1,0 +1,196 @@
+#include "cms/recording/gap_log.h"
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+#include <vector>
+
+#include "cms/recording/internal/database_content.h"
+#include "cms/recording/internal/database_file.h"
+#include "cms/recording/internal/database_locks.h"
+#include "cms/recording/internal/database_paths.h"
+#include "cms/recording/internal/gap_record.h"
+#include "cms/recording/internal/record_bytes.h"
+#include "cms/runtime/wide_text.h"
+
+namespace cms {
+namespace {
+
+constexpr std::int64_t kUpdateSeconds = 60;  // how often a lasting gap's record is refreshed
+
+bool IsSameSite(const GapRecord& a, const GapRecord& b) {
+  return a.siteNumber == b.siteNumber && a.port == b.port &&
+         std::equal(std::begin(a.siteName), std::end(a.siteName), std::begin(b.siteName)) &&
+         std::equal(std::begin(a.address), std::end(a.address), std::begin(b.address));
+}
+
+GapRecord RecordOf(const GapSite& site) {
+  GapRecord record;
+  StoreUtf16(site.name, record.siteName);
+  StoreUtf16(site.address, record.address);
+  record.port = site.port;
+  record.siteNumber = site.number;
+  return record;
+}
+
+GapRow RowOf(const GapRecord& record) {
+  GapRow row;
+  row.siteName = Utf8FromWide(LoadUtf16(record.siteName));
+  row.address = Utf8FromWide(LoadUtf16(record.address));
+  row.port = record.port;
+  row.siteNumber = record.siteNumber;
+  row.cause = static_cast<GapCause>(record.cause);
+  row.error = record.error;
+  row.from = record.from;
+  row.to = record.to;
+  row.updated = record.updated;
+  return row;
+}
+
+}  // namespace
+
+std::string GapCauseName(GapCause cause) {
+  constexpr const char* kNames[] = {
+      "unknown",        "connecting",          "camera gone",           "password refused",
+      "camera refuses", "stream closed",       "waiting for key frame", "disk full",
+      "writing failed", "stopped by the user",
+  };
+  const auto number = static_cast<std::size_t>(cause);
+  return number < std::size(kNames) ? kNames[number] : "cause " + std::to_string(number);
+}
+
+DatabaseContent<GapRow> ReadGapLog(int number) {
+  return ReadDatabase<GapRecord, GapRow>(GapLogPath(number), GapLogLock(), RowOf);
+}
+
+// A record and, once it is in the file, where and how.
+struct GapLogWriter::Entry {
+  GapRecord record;
+  GapRecord stored;
+  std::uint64_t offset = 0;
+  bool isStored = false;
+};
+
+GapLogWriter::GapLogWriter(int number) : number_(number) {}
+
+GapLogWriter::~GapLogWriter() {
+  if (WriteWaiting() && open_ && !open_->isStored) {
+    Write(*open_);
+  }
+}
+
+void GapLogWriter::SetSite(const GapSite& site) {
+  site_ = site;
+}
+
+bool GapLogWriter::IsOpen() const {
+  return open_ != nullptr;
+}
+
+GapCause GapLogWriter::Cause() const {
+  return open_ ? static_cast<GapCause>(open_->record.cause) : GapCause::kUnknown;
+}
+
+bool GapLogWriter::HasWaiting() const {
+  return !waiting_.empty() || (open_ && !open_->isStored);
+}
+
+void GapLogWriter::EndAbandoned(std::int64_t now) {
+  ScopeLock hold(GapLogLock());
+  DatabaseFile file(GapLogPath(number_), sizeof(GapRecord), DatabaseAccess::kChange);
+  if (!file) {
+    return;
+  }
+  const GapRecord site = RecordOf(site_);
+  std::vector<std::pair<std::uint64_t, GapRecord>> abandoned;
+  std::uint64_t offset = 0;
+  file.ForEach([&](auto bytes) {
+    const auto record = RecordFrom<GapRecord>(bytes);
+    const bool own = open_ && open_->isStored && open_->offset == offset;
+    if (record.to == 0 && IsSameSite(record, site) && !own) {
+      abandoned.emplace_back(offset, record);
+    }
+    offset += sizeof(GapRecord);
+    return true;
+  });
+  for (auto& [at, record] : abandoned) {
+    const bool stopped = static_cast<GapCause>(record.cause) == GapCause::kStopped;
+    record.to = std::max(record.from, stopped ? now : record.updated);
+    file.Overwrite(at, BytesOf(record));
+  }
+}
+
+void GapLogWriter::Begin(GapCause cause, std::int64_t from, int error) {
+  if (open_ && Cause() == cause && open_->record.error == error) {
+    return;
+  }
+  End(from);
+  open_ = std::make_unique<Entry>();
+  open_->record = RecordOf(site_);
+  open_->record.cause = static_cast<std::uint8_t>(cause);
+  open_->record.error = error;
+  open_->record.from = from;
+  open_->record.updated = from;
+  if (WriteWaiting()) {
+    Write(*open_);
+  }
+}
+
+void GapLogWriter::End(std::int64_t to) {
+  if (!open_) {
+    return;
+  }
+  open_->record.to = std::max(to, open_->record.from);
+  open_->record.updated = open_->record.to;
+  if (waiting_.size() == kMostWaiting) {
+    waiting_.erase(waiting_.begin());
+  }
+  waiting_.push_back(*std::exchange(open_, nullptr));
+  WriteWaiting();
+}
+
+void GapLogWriter::Update(std::int64_t now) {
+  if (!WriteWaiting() || !open_) {
+    return;
+  }
+  const bool due = now - open_->record.updated >= kUpdateSeconds;
+  if (due || !open_->isStored) {
+    open_->record.updated = std::max(now, open_->record.updated);
+    Write(*open_);
+  }
+}
+
+bool GapLogWriter::WriteWaiting() {
+  while (!waiting_.empty()) {
+    if (!Write(waiting_.front())) {
+      return false;
+    }
+    waiting_.erase(waiting_.begin());
+  }
+  return true;
+}
+
+// In place where its record stands, else as a new one: somebody may have removed the file.
+bool GapLogWriter::Write(Entry& entry) {
+  ScopeLock hold(GapLogLock());
+  DatabaseFile file(GapLogPath(number_), sizeof(GapRecord), DatabaseAccess::kCreate);
+  if (!file) {
+    return false;
+  }
+  GapRecord present;
+  const bool there = entry.isStored && file.ReadAt(entry.offset, WritableBytesOf(present)) &&
+                     present == entry.stored;
+  const std::uint64_t end = file.WholeSize();
+  if (there ? !file.Overwrite(entry.offset, BytesOf(entry.record))
+            : !file.Append(BytesOf(entry.record))) {
+    return false;
+  }
+  if (!there) {
+    entry.offset = end;
+  }
+  entry.stored = entry.record;
+  entry.isStored = true;
+  return true;
+}
+
+}  // namespace cms

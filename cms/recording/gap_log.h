@@ -1,0 +1,95 @@
+// The gap log: when a site should have recorded and did not, and why.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "cms/recording/database_reader.h"
+#include "cms/runtime/api.h"
+
+namespace cms {
+
+// As it stands in the log; numbers are never given another meaning.
+enum class GapCause : std::uint8_t {
+  kUnknown = 0,
+  kConnecting = 1,          // the stream is being opened, no fault is known yet
+  kCameraGone = 2,          // no connection, no answer, or the stream ended
+  kPasswordRefused = 3,     // the camera wants other credentials
+  kCameraRefuses = 4,       // the camera is full, or does not offer this stream
+  kStreamClosed = 5,        // the client application closed the stream, or gave up opening it
+  kWaitingForKeyFrame = 6,  // frames arrive, but none that a file may begin with
+  kDiskFull = 7,
+  kWriteFailed = 8,  // a file could not be opened or written: `error`
+  kStopped = 9,      // the user stopped recording
+};
+
+// A short English name such as "disk full"; "cause <number>" for numbers that are not known.
+CMS_API std::string GapCauseName(GapCause cause);
+
+// Whose gap it is, in the words of the record and event lists.
+struct GapSite {
+  std::uint32_t number = 0;
+  std::wstring name;
+  std::wstring address;
+  std::uint16_t port = 0;
+};
+
+struct GapRow {
+  std::string siteName;
+  std::string address;
+  std::uint16_t port = 0;
+  std::uint32_t siteNumber = 0;
+  GapCause cause = GapCause::kUnknown;
+  int error = 0;             // errno with kDiskFull and kWriteFailed, else 0
+  std::int64_t from = 0;     // seconds since 1970-01-01 UTC
+  std::int64_t to = 0;       // 0: it lasts, or its process ended without ending it
+  std::int64_t updated = 0;  // the last time that it was known to last, at most a minute old
+};
+
+// "..\GapLog<number>", in the order in which the gaps began. Takes the log's lock of the process
+// while it reads and waits for no other process.
+CMS_API DatabaseContent<GapRow> ReadGapLog(int number);
+
+// Writes the gaps of one site, one after the other. A gap is in the file from its beginning on, so
+// that a killed process leaves it there without an end. What cannot be written, for example because
+// the disk is full, is kept (the latest kMostWaiting gaps of it) and written by a later call.
+//
+// One thread at a time. Every call may wait for the disk.
+class CMS_API GapLogWriter {
+ public:
+  static constexpr std::size_t kMostWaiting = 100;
+
+  explicit GapLogWriter(int number = 0);
+  ~GapLogWriter();  // tries once more to write what waits; a gap that lasts stays open in the file
+  GapLogWriter(const GapLogWriter&) = delete;
+  GapLogWriter& operator=(const GapLogWriter&) = delete;
+
+  void SetSite(const GapSite& site);  // of gaps begun from now on
+
+  // Recording begins: ends the gaps that earlier processes left open for this site. A stop lasted
+  // until now, any other gap until it was last known to last.
+  void EndAbandoned(std::int64_t now);
+
+  // A gap with another cause ends where this one begins; the same one goes on.
+  void Begin(GapCause cause, std::int64_t from, int error = 0);
+  void End(std::int64_t to);      // not before its beginning; nothing when none lasts
+  void Update(std::int64_t now);  // about once a second while a gap lasts or something waits
+
+  bool IsOpen() const;
+  GapCause Cause() const;  // of the gap that lasts
+  bool HasWaiting() const;
+
+ private:
+  struct Entry;
+  bool Write(Entry& entry);
+  bool WriteWaiting();
+
+  const int number_;
+  GapSite site_;
+  std::unique_ptr<Entry> open_;
+  std::vector<Entry> waiting_;  // ended, not in the file as such yet
+};
+
+}  // namespace cms
