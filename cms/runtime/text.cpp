@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <limits>
 #include <type_traits>
+#include <utility>
 
 namespace cms {
 namespace {
@@ -30,6 +31,26 @@ int InBrace(View<Char> text, View<Char> key, Char open, Char close,
   }
   value.assign(text.data() + begin + 1, end - begin - 1);
   return static_cast<int>(end) - 1;
+}
+
+template <class Char>
+int AllInBrace(View<Char> text, View<Char> key, Char open, Char close,
+               std::vector<std::basic_string<Char>>& values) {
+  std::vector<std::basic_string<Char>> found;
+  for (;;) {
+    const auto at = text.find(key);
+    const auto begin = at != text.npos ? text.find(open, at) : text.npos;
+    const auto end = begin != text.npos ? text.find(close, begin + 1) : text.npos;
+    if (end == text.npos) {
+      break;
+    }
+    if (end > begin + 1) {
+      found.emplace_back(text.substr(begin + 1, end - begin - 1));
+    }
+    text.remove_prefix(end + 1);
+  }
+  values = std::move(found);
+  return static_cast<int>(values.size());
 }
 
 template <class Char>
@@ -77,6 +98,16 @@ int StrInBrace(std::string_view text, std::string_view key, char open, char clos
 int StrInBrace(std::wstring_view text, std::wstring_view key, wchar_t open, wchar_t close,
                std::wstring& value) {
   return InBrace(text, key, open, close, value);
+}
+
+int StrsInBrace(std::string_view text, std::string_view key, char open, char close,
+                std::vector<std::string>& values) {
+  return AllInBrace(text, key, open, close, values);
+}
+
+int StrsInBrace(std::wstring_view text, std::wstring_view key, wchar_t open, wchar_t close,
+                std::vector<std::wstring>& values) {
+  return AllInBrace(text, key, open, close, values);
 }
 
 int GetLine(std::string_view text, std::string& line, int start) {

@@ -3,6 +3,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "cms/runtime/api.h"
 
@@ -15,6 +16,14 @@ CMS_API int StrInBrace(std::string_view text, std::string_view key, char open, c
                        std::string& value);
 CMS_API int StrInBrace(std::wstring_view text, std::wstring_view key, wchar_t open, wchar_t close,
                        std::wstring& value);
+
+// All values of `key`, one behind the other: the search for the next key begins behind the close
+// character of the last value. Keys with nothing between their braces give no value. Returns how
+// many there are.
+CMS_API int StrsInBrace(std::string_view text, std::string_view key, char open, char close,
+                        std::vector<std::string>& values);
+CMS_API int StrsInBrace(std::wstring_view text, std::wstring_view key, wchar_t open, wchar_t close,
+                        std::vector<std::wstring>& values);
 
 // The line that begins at `start`. It ends before the first line feed if there is one at or behind
 // `start`, else before the first carriage return; so a line ended by CR LF keeps its CR. Returns

@@ -85,6 +85,16 @@ std::wstring WideFromUtf8(std::string_view text) {
   return out;
 }
 
+std::string_view CutUtf8(std::string_view text, std::size_t longest) {
+  std::size_t end = std::min(longest, text.size());
+  if (end < text.size()) {
+    while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) {
+      --end;
+    }
+  }
+  return text.substr(0, end);
+}
+
 bool StoreUtf16(std::wstring_view text, std::span<std::uint8_t> field) {
   const std::size_t units = field.size() / 2;
   if (units == 0) {

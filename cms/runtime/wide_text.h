@@ -17,6 +17,9 @@ namespace cms {
 CMS_API std::string Utf8FromWide(std::wstring_view text);
 CMS_API std::wstring WideFromUtf8(std::string_view text);
 
+// As much of a UTF-8 text as `longest` bytes have room for, without half a character at the end.
+CMS_API std::string_view CutUtf8(std::string_view text, std::size_t longest);
+
 // Writes `text` into a fixed UTF-16LE field of a record: terminated by a zero, zero-filled behind.
 // A text that is too long is cut in front of the first character that does not fit, which never
 // leaves half a surrogate pair; the result is false then. A zero inside the text ends it. The field

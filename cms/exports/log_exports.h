@@ -1,0 +1,48 @@
+// The log of client applications as plain functions, the circular log writer, and the trace
+// functions that do nothing. The library itself logs nothing. Any thread may call them.
+#pragma once
+
+#include <cstdint>
+
+#include "cms/runtime/api.h"
+#include "cms/runtime/circular_log.h"
+
+enum CMS_LOG_LEVEL : int {
+  CMS_LOG_ERROR = 0,
+  CMS_LOG_WARNING = 1,
+  CMS_LOG_INFORMATION = 2,
+  CMS_LOG_DEBUG = 3,
+};
+
+extern "C" {
+
+// A line of the log, made of a printf format; CMSLogA and CMSLogW log information. Control
+// characters are made visible, and what goes beyond 4 KiB is cut. A text that came from the network
+// is never a format.
+CMS_API void CMSLogA(const char* format, ...) __attribute__((format(printf, 1, 2)));
+CMS_API void CMSLogW(const wchar_t* format, ...);
+CMS_API void CMSLogExA(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
+CMS_API void CMSLogExW(int level, const wchar_t* format, ...);
+
+// Where the lines go, and the highest level that is logged: into a circular log, or, with a null
+// pointer and at first, to standard error. The writer is in use until the next call returns.
+CMS_API void CMSSetLog(CCircularLogWriter* writer, int highestLevel);
+
+// Opens a circular log, or makes one of `size` bytes (16 KiB to 64 MiB; others are brought there).
+// Null when the file is something else, is open elsewhere or cannot be written. Path as in
+// cms/runtime/native_path.h. cms/runtime/circular_log.h tells what is in it and how it is read.
+CMS_API CCircularLogWriter* CreateCircularLogWriter(const wchar_t* path, std::uint32_t size);
+CMS_API void DestroyCircularLogWriter(CCircularLogWriter* writer);  // null is allowed
+// Appends an entry: 1, or 0 when the disk refuses or there is no writer.
+CMS_API int WriteLog(CCircularLogWriter* writer, const char* text);
+
+// They all do nothing, CloseAllRequest (cms/exports/http_server_exports.h) as well. CMS_syslog is
+// the one that other platforms call "syslog": by that name it would take the place of the C
+// library's in every program that loads this library.
+CMS_API void CMSTraceA(const char* format, ...);
+CMS_API void CMSTraceW(const wchar_t* format, ...);
+CMS_API void CMS_syslog(int priority, const char* format, ...);
+CMS_API void wsyslog(int priority, const wchar_t* format, ...);
+CMS_API void CMSDoNothing();
+
+}  // extern "C"
