@@ -16,6 +16,7 @@ struct CommandResult {
 };
 
 void AddAudioCommand(CLI::App& app, CommandResult& result);
+void AddBroadcastCommand(CLI::App& app, CommandResult& result);
 void AddCameraCommand(CLI::App& app, CommandResult& result);
 void AddLiveCommand(CLI::App& app, CommandResult& result);
 

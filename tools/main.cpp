@@ -39,6 +39,7 @@ int main(int argc, char** argv) {
   tools::AddLiveCommand(app, result);
   tools::AddCameraCommand(app, result);
   tools::AddAudioCommand(app, result);
+  tools::AddBroadcastCommand(app, result);
   tools::CatchStopSignals();
   try {
     app.parse(argc, argv);

@@ -40,6 +40,10 @@ bool StopRequested() {
   return stop_requested.load(std::memory_order_relaxed);
 }
 
+int StopDescriptor() {
+  return stop_event;
+}
+
 bool WaitForStop(std::chrono::milliseconds limit) {
   using Clock = std::chrono::steady_clock;
   const auto deadline = Clock::now() + limit;

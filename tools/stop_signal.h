@@ -16,4 +16,7 @@ bool StopRequested();
 bool WaitForStop(std::chrono::milliseconds limit);
 void WaitForStop();
 
+// Readable for good once a stop was asked for, to be waited on beside something else.
+int StopDescriptor();
+
 }  // namespace tools

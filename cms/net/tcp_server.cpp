@@ -192,3 +192,12 @@ int CTcpServer::Send(const char* data, int length) {
   }
   return result;
 }
+
+std::size_t CTcpServer::QueuedBytes() {
+  ScopeLock lock(connections_lock_);
+  std::size_t sum = 0;
+  for (const std::unique_ptr<CTcpCtrl>& connection : connections_) {
+    sum += connection->Sender().QueuedBytes();
+  }
+  return sum;
+}

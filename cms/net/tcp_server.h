@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -59,6 +60,9 @@ class CMS_API CTcpServer {
   // Queues the bytes for every enabled connection. The result is that of the last one in the order
   // of acceptance: the length, or 0 when its queue had no room; 0 when none was enabled.
   int Send(const char* data, int length);
+  // Bytes that wait in the queues of all connections, the blocks that are being sent included. Who
+  // stops only when it is 0 lets everything reach the system first.
+  std::size_t QueuedBytes();
 
  private:
   friend class CTcpCtrl;

@@ -46,6 +46,11 @@ int CTcpSender::Queue(const Block& block) {
   return static_cast<int>(block->size());
 }
 
+std::size_t CTcpSender::QueuedBytes() {
+  ScopeLock lock(lock_);
+  return queued_;
+}
+
 void CTcpSender::Run() {
   pthread_setname_np(pthread_self(), "cms-tcp-send");
   while (running_) {

@@ -30,6 +30,7 @@ class CTcpSender {
 
   // The block's length, or 0 when the queue has no room for all of it.
   int Queue(const Block& block);
+  std::size_t QueuedBytes();
 
  private:
   void Run();
