@@ -1,5 +1,6 @@
 #include "cms/runtime/file_io.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -9,6 +10,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <memory>
 #include <utility>
 
 namespace cms {
@@ -25,6 +27,11 @@ auto Repeat(Call call) {
       return result;
     }
   }
+}
+
+std::uint64_t Nanoseconds(const timespec& time) {
+  return static_cast<std::uint64_t>(time.tv_sec) * 1'000'000'000 +
+         static_cast<std::uint64_t>(time.tv_nsec);
 }
 
 class SystemIo final : public FileIo {
@@ -115,12 +122,30 @@ class SystemIo final : public FileIo {
     status.is_directory = S_ISDIR(native.st_mode);
     status.is_regular = S_ISREG(native.st_mode);
     status.size = static_cast<std::uint64_t>(native.st_size);
-    status.modified_nanoseconds =
-        static_cast<std::uint64_t>(native.st_mtim.tv_sec) * 1'000'000'000 +
-        static_cast<std::uint64_t>(native.st_mtim.tv_nsec);
+    status.modified_nanoseconds = Nanoseconds(native.st_mtim);
+    status.changed_nanoseconds = Nanoseconds(native.st_ctim);
     status.device = native.st_dev;
     status.inode = native.st_ino;
     return true;
+  }
+  bool List(const std::string& path, const EachEntry& each) override {
+    const std::unique_ptr<DIR, int (*)(DIR*)> folder(opendir(path.c_str()), closedir);
+    if (!folder) {
+      return false;
+    }
+    for (;;) {
+      errno = 0;
+      const dirent* entry = readdir(folder.get());
+      if (entry == nullptr) {
+        return errno == 0;
+      }
+      const std::string_view name = entry->d_name;
+      if (name != "." && name != "..") {
+        each(name, entry->d_type == DT_DIR                                  ? EntryKind::kFolder
+                   : entry->d_type == DT_LNK || entry->d_type == DT_UNKNOWN ? EntryKind::kAsk
+                                                                            : EntryKind::kFile);
+      }
+    }
   }
   bool Space(const std::string& path, FreeSpace& space) override {
     struct statvfs native {};

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -31,8 +32,15 @@ struct FileStatus {
   bool is_regular = false;
   std::uint64_t size = 0;
   std::uint64_t modified_nanoseconds = 0;  // since 1970-01-01 UTC
+  std::uint64_t changed_nanoseconds = 0;   // likewise; no program can set it back
   std::uint64_t device = 0;                // device and inode together name one file
   std::uint64_t inode = 0;
+};
+
+enum class EntryKind {
+  kFile,  // anything but what follows
+  kFolder,
+  kAsk,  // a link, or a file system that does not say: Status knows
 };
 
 struct FreeSpace {
@@ -69,6 +77,10 @@ class CMS_API FileIo {
   virtual int SyncFolder(const std::string& path) = 0;
 
   virtual bool Status(const std::string& path, FileStatus& status) = 0;
+  // Calls `each` for what lies in a folder, without "." and "..", in no order. False when the
+  // folder cannot be read to its end.
+  using EachEntry = std::function<void(std::string_view name, EntryKind kind)>;
+  virtual bool List(const std::string& path, const EachEntry& each) = 0;
   virtual bool Space(const std::string& path, FreeSpace& space) = 0;
   virtual bool MayChangeFolder(const std::string& path) = 0;  // create and remove files in it
 

@@ -228,6 +228,10 @@ bool FaultyFileIo::Status(const std::string& path, cms::FileStatus& status) {
   return !Fails(path) && real_.Status(path, status);
 }
 
+bool FaultyFileIo::List(const std::string& path, const EachEntry& each) {
+  return !Fails(path) && real_.List(path, each);
+}
+
 bool FaultyFileIo::Space(const std::string& path, cms::FreeSpace& space) {
   if (Fails(path) || !real_.Space(path, space)) {
     return false;

@@ -58,6 +58,7 @@ class FaultyFileIo final : public cms::FileIo {
   int RemoveDirectory(const std::string& path) override;
   int SyncFolder(const std::string& path) override;
   bool Status(const std::string& path, cms::FileStatus& status) override;
+  bool List(const std::string& path, const EachEntry& each) override;
   bool Space(const std::string& path, cms::FreeSpace& space) override;
   bool MayChangeFolder(const std::string& path) override;
 

@@ -63,13 +63,13 @@ bool DatabaseFile::TryOpen(unsigned flags) {
   return static_cast<bool>(*file_);
 }
 
-void DatabaseFile::Rewind() {
+void DatabaseFile::Rewind(std::uint64_t record) {
   // A short file gets a short buffer; one that grows while it is read is read in several goes.
   const std::int64_t size = io_.Size(file_->Handle());
   const std::size_t bytes =
       size < 0 ? kBlockBytes : static_cast<std::size_t>(std::min<std::int64_t>(size, kBlockBytes));
   buffer_.resize(std::max<std::size_t>(bytes / recordSize_, 1) * recordSize_);
-  position_ = 0;
+  position_ = record * recordSize_;
   tornBytes_ = 0;
   readFailed_ = false;
 }

@@ -45,11 +45,11 @@ class DatabaseFile {
   explicit operator bool() const { return file_ && *file_; }
   bool Missing() const { return missing_; }  // not open because there is no such file
 
-  // Calls `visit` with each record from the first on, until it returns false. True unless reading
-  // failed; what was visited until then is right, but may not be all.
+  // Calls `visit` with each record from the given one on, until it returns false. True unless
+  // reading failed; what was visited until then is right, but may not be all.
   template <typename Visit>
-  bool ForEach(Visit visit) {
-    Rewind();
+  bool ForEach(Visit visit, std::uint64_t from = 0) {
+    Rewind(from);
     for (auto block = NextBlock(); !block.empty(); block = NextBlock()) {
       for (std::size_t at = 0; at < block.size(); at += recordSize_) {
         if (!visit(block.subspan(at, recordSize_))) {
@@ -117,7 +117,7 @@ class DatabaseFile {
   void Open(DatabaseAccess access);
   bool TryOpen(unsigned flags);
   bool WriteAt(std::uint64_t offset, std::span<const std::uint8_t> bytes);
-  void Rewind();
+  void Rewind(std::uint64_t record);
   std::span<const std::uint8_t> NextBlock();
 
   FileIo& io_;

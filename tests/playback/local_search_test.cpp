@@ -1,0 +1,234 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <string>
+#include <thread>
+
+#include "cms/playback/local_pb_search_engine.h"
+#include "cms/recording/database_reader.h"
+#include "cms/runtime/native_path.h"
+#include "tests/recording/database_bytes.h"
+#include "tests/support/recording_reader.h"
+#include "tests/support/search_oracle.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using test::OracleAnswer;
+using test::OracleQuestion;
+using test::ReadWholeFile;
+using test::WriteWholeFile;
+
+constexpr std::int64_t kFebruary = 1'706'745'600;  // 2024-02-01T00:00:00Z
+constexpr std::int64_t kDay = 86'400;
+constexpr OracleQuestion kAllTime{0, LocalPBSearchEngine::kFullRangeStart,
+                                  LocalPBSearchEngine::kFullRangeEnd};
+
+void Append(const std::string& path, const std::string& bytes) {
+  std::ofstream(path, std::ios::binary | std::ios::app) << bytes;
+}
+
+struct Event {
+  std::int64_t start = 0;
+  std::int64_t end = 0;
+  std::uint32_t site = 1;
+  unsigned type = 1;
+  unsigned cms = 0;
+  unsigned channel = 0;
+  unsigned preAlarm = 0;
+};
+
+std::string EventBytes(const Event& event) {
+  std::string bytes(test::kEventBytes, '\0');
+  test::PutText(bytes, 0, u"Lobby");
+  test::PutNumber(bytes, 194, 1, event.cms | 0x50);
+  test::PutNumber(bytes, 196, 2, event.channel);
+  test::PutNumber(bytes, 198, 1, event.type);
+  test::PutNumber(bytes, 202, 1, event.preAlarm);
+  test::PutNumber(bytes, 208, 4, event.site);
+  test::PutNumber(bytes, 216, 8, static_cast<std::uint64_t>(event.start));
+  test::PutNumber(bytes, 224, 8, static_cast<std::uint64_t>(event.end));
+  return bytes;
+}
+
+void ExpectSame(const LocalPBSearchEngine& engine, const OracleAnswer& answer) {
+  std::vector<test::OracleSpan> spans;
+  LocalPBSearchEngine::SpanIterator at;
+  LocalPBSearchEngine::SpanIterator last;
+  for (engine.getSearchResultByInterval(at, last); at != last; ++at) {
+    auto& span = spans.emplace_back(test::OracleSpan{at->siteNumber, at->start, at->end, {}});
+    for (const auto& record : at->records) {
+      span.records.push_back(
+          {cms::NativePath(record.GetFilenameW()), record.GetStartTime(), record.GetEndTime()});
+    }
+  }
+  EXPECT_TRUE(spans == answer.spans) << spans.size() << " of " << answer.spans.size();
+  std::vector<test::OracleEvent> events;
+  for (const auto& event : engine.getEventTimes()) {
+    events.push_back({event.siteNumber, event.kind, event.channel, event.start, event.end});
+  }
+  EXPECT_TRUE(events == answer.events) << events.size() << " of " << answer.events.size();
+  EXPECT_TRUE(engine.hasReadEverything());
+}
+
+std::vector<int> MarkedDays(const LocalPBSearchEngine& engine) {
+  std::vector<int> days;
+  for (int day = 0; day < 32; ++day) {
+    if (engine.getMonthInfo()[static_cast<std::size_t>(day)] != 0) {
+      days.push_back(day);
+    }
+  }
+  return days;
+}
+
+// Folders a/ and b/ with recordings in folders of theirs, listed for the CMS numbers 0 and 3.
+class RandomDatabases {
+ public:
+  explicit RandomDatabases(unsigned seed) : random_(seed) {
+    for (const char* folder : {"a/1", "a/2", "b/1", "b/none", "c/1"}) {
+      fs::create_directories(folder);
+    }
+    WriteWholeFile("a/file", "no folder");
+    fs::create_directory_symlink("../c/1", "b/link");
+    const auto entry = [](const char16_t* folder) { return test::FolderBytes(folder); };
+    WriteWholeFile("../RecFolderDB0", entry(u"a") + entry(u"missing") + entry(u"b") + "torn");
+    WriteWholeFile("../RecFolderDB3", entry(u"b"));
+    for (int i = 0; i < 200; ++i) {
+      Change();
+    }
+  }
+
+  // One thing that recorders, retention, maintenance and accidents do.
+  void Change() {
+    const std::string folder = Folder();
+    const std::string list = folder + "/RecordDB";
+    switch (Below(16)) {
+      case 0:
+        fs::remove(folder + "/" + Name());
+        break;
+      case 1:
+        WriteWholeFile(folder + "/" + Name(), "");
+        break;
+      case 2:
+        Append(list, std::string(Below(736), 'x'));
+        break;
+      case 3:
+        if (Below(10) == 0) {
+          fs::remove(list);
+        }
+        break;
+      case 4:
+        fs::remove_all("a/3");
+        fs::create_directories("a/3");
+        break;
+      case 5:
+      case 6:
+      case 7:
+      case 8:
+      case 9:
+        AddEvent();
+        break;
+      default:
+        AddRecord(folder);
+    }
+  }
+
+  OracleQuestion Question() {
+    const std::int64_t from = Moment();
+    return {Below(5) == 0 ? 3u : 0u, from, from + Below(60)};
+  }
+
+ private:
+  std::int64_t Below(int limit) {
+    return static_cast<std::int64_t>(random_() % static_cast<unsigned>(limit));
+  }
+  // In one of three crowded minutes of February, two weeks apart.
+  std::int64_t Moment() { return kFebruary + Below(3) * 14 * kDay + Below(60) - 10; }
+  std::string Name() { return std::to_string(Below(12)) + ".drv"; }
+  std::string Folder() {
+    static constexpr const char* kFolders[] = {"a/1", "a/2", "b/1", "c/1"};
+    return kFolders[Below(4)];
+  }
+
+  void AddRecord(const std::string& folder) {
+    const std::string name = Name();
+    std::u16string path = fs::path(folder + "/" + name).u16string();
+    std::replace(path.begin(), path.end(), u'/', u'\\');
+    const std::int64_t start = Below(15) == 0 ? 0 : Moment();
+    const std::int64_t end = Below(15) == 0 ? 0 : start + Below(8) - 1;
+    Append(folder + "/RecordDB", test::RecordBytes({path, start, end, u"", u"", 0, 0, 0,
+                                                    static_cast<std::uint32_t>(1 + Below(3))}));
+    if (Below(3) != 0) {
+      WriteWholeFile(folder + "/" + name, "");
+    }
+  }
+
+  void AddEvent() {
+    const std::int64_t start = Moment();
+    const auto number = [&](int limit) { return static_cast<unsigned>(Below(limit)); };
+    Append(Below(3) == 0 ? "../EventList3" : "../EventList0",
+           EventBytes({start, start + Below(20), 1 + number(4), number(6), 3 * number(2), number(4),
+                       number(6)}));
+  }
+
+  std::mt19937 random_;
+};
+
+// The clock is ahead of the files, so that everything that the engine may remember is remembered;
+// file systems count time in steps, and changes are a step apart.
+class RememberingClock {
+ public:
+  RememberingClock() { clock_.SetWall(std::time(nullptr) + 60); }
+  void Step() const { std::this_thread::sleep_for(std::chrono::milliseconds(12)); }
+
+ private:
+  test::TestClock clock_;
+};
+
+TEST(LocalSearch, AgreesWithASlowOracleWhileTheDatabasesChange) {
+  const RememberingClock clock;
+  for (unsigned seed = 0; seed < 8; ++seed) {
+    SCOPED_TRACE(seed);
+    const test::WorkFolder work;
+    RandomDatabases databases(seed);
+    LocalPBSearchEngine engine;
+    for (int round = 0; round < 25 && !HasFailure(); ++round) {
+      SCOPED_TRACE(round);
+      for (int question = 0; question < 4; ++question) {
+        const OracleQuestion asked = databases.Question();
+        const OracleAnswer answer = test::AskOracle(asked);
+        engine.setCMSInfo(asked.cms, 0);
+        engine.searchByInterval(asked.from, asked.to);
+        EXPECT_TRUE(engine.getEventTimes().empty());
+        engine.loadEventList();
+        ExpectSame(engine, answer);
+      }
+      const OracleQuestion month{0, kFebruary, kFebruary + 29 * kDay - 1, true};
+      OracleAnswer answer = test::AskOracle(month);
+      engine.setCMSInfo(0, 0);
+      engine.setSearchYearAndMonth(2024, 2);
+      engine.searchPlaybackInfoForMonth(true);
+      ExpectSame(engine, answer);
+      EXPECT_EQ(MarkedDays(engine), answer.days);
+      engine.searchPlaybackInfoForMonth(false);
+      EXPECT_EQ(MarkedDays(engine), answer.days);
+      if (round % 5 == 4) {
+        answer = test::AskOracle(kAllTime);
+        engine.searchByInterval(kAllTime.from, kAllTime.to);
+        engine.loadEventList();
+        ExpectSame(engine, answer);
+        EXPECT_EQ(ReadWholeFile("../EventList0"), answer.keptEvents);
+      }
+      clock.Step();
+      for (int change = 0; change < 6; ++change) {
+        databases.Change();
+      }
+    }
+  }
+}
+
+}  // namespace
