@@ -14,7 +14,7 @@ run_packages=(
   gstreamer1.0-plugins-ugly gstreamer1.0-libav
 )
 # The tests and their peers.
-test_packages=("${run_packages[@]}" libgtest-dev libgmock-dev libavformat-dev ffmpeg sox python3 curl)
+test_packages=("${run_packages[@]}" libgtest-dev libgmock-dev libavformat-dev ffmpeg sox python3 curl iproute2 procps)
 # The slower checks of .ci/run.
 # shellcheck disable=SC2034
 ci_packages=(

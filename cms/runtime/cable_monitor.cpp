@@ -1,0 +1,170 @@
+#include "cms/runtime/cable_monitor.h"
+
+#include <linux/if.h>
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <system_error>
+
+CNetworkCableMonitor::CNetworkCableMonitor(NetworkCableCallback callback, void* context)
+    : callback_(callback), context_(context) {}
+
+CNetworkCableMonitor::~CNetworkCableMonitor() {
+  Stop();
+  if (socket_ >= 0) {
+    close(socket_);
+  }
+}
+
+bool CNetworkCableMonitor::Start() {
+  if (callback_ == nullptr || socket_ >= 0) {
+    errno = callback_ == nullptr ? EINVAL : EALREADY;
+    return false;
+  }
+  socket_ = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE);
+  sockaddr_nl address{};
+  address.nl_family = AF_NETLINK;
+  address.nl_groups = RTMGRP_LINK;
+  if (socket_ < 0 || stop_.Descriptor() < 0 ||
+      bind(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    return false;
+  }
+  try {
+    thread_ = std::thread([this] {
+      pthread_setname_np(pthread_self(), "cms-cable");
+      Run();
+    });
+  } catch (const std::system_error& error) {
+    errno = error.code().value();
+    return false;
+  }
+  return true;
+}
+
+void CNetworkCableMonitor::Stop() {
+  if (thread_.joinable()) {
+    stop_.Signal();
+    thread_.join();
+  }
+}
+
+void CNetworkCableMonitor::Run() {
+  AskForAll();
+  pollfd waited[] = {{socket_, POLLIN, 0}, {stop_.Descriptor(), POLLIN, 0}};
+  for (;;) {
+    if (poll(waited, std::size(waited), -1) < 0 && errno != EINTR) {
+      return;
+    }
+    if (waited[1].revents != 0) {
+      return;
+    }
+    if (waited[0].revents != 0) {
+      Read();
+    }
+  }
+}
+
+void CNetworkCableMonitor::AskForAll() {
+  struct {
+    nlmsghdr header;
+    ifinfomsg body;
+  } request{};
+  request.header.nlmsg_len = sizeof request;
+  request.header.nlmsg_type = RTM_GETLINK;
+  request.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+  for (auto& [index, link] : links_) {
+    link.seen = false;
+  }
+  lost_ = false;
+  listing_ = send(socket_, &request, sizeof request, 0) == sizeof request;
+}
+
+void CNetworkCableMonitor::Read() {
+  alignas(nlmsghdr) char buffer[32 * 1024];
+  sockaddr_nl sender{};
+  socklen_t sender_size = sizeof sender;
+  const ssize_t received = recvfrom(socket_, buffer, sizeof buffer, MSG_TRUNC,
+                                    reinterpret_cast<sockaddr*>(&sender), &sender_size);
+  if (received < 0 || received > static_cast<ssize_t>(sizeof buffer)) {
+    if (received > 0 || errno == ENOBUFS) {  // messages were lost: ask how things are now
+      lost_ = true;
+      if (!listing_) {
+        AskForAll();
+      }
+    }
+    return;
+  }
+  if (sender.nl_pid != 0) {  // only the kernel is believed
+    return;
+  }
+  auto left = static_cast<std::uint32_t>(received);
+  for (auto* each = reinterpret_cast<const nlmsghdr*>(buffer); NLMSG_OK(each, left);
+       each = NLMSG_NEXT(each, left)) {
+    if (each->nlmsg_type == NLMSG_DONE || each->nlmsg_type == NLMSG_ERROR) {
+      EndOfList();
+    } else if (each->nlmsg_type == RTM_NEWLINK || each->nlmsg_type == RTM_DELLINK) {
+      Take(each, each->nlmsg_type == RTM_DELLINK);
+    }
+  }
+}
+
+void CNetworkCableMonitor::Take(const void* message, bool gone) {
+  const auto* const header = static_cast<const nlmsghdr*>(message);
+  if (header->nlmsg_len < NLMSG_LENGTH(sizeof(ifinfomsg))) {
+    return;
+  }
+  const auto* const body = static_cast<const ifinfomsg*>(NLMSG_DATA(header));
+  // Bridges tell of their ports in messages of their own, which are not about the interface.
+  if (body->ifi_family != AF_UNSPEC || (body->ifi_flags & IFF_LOOPBACK) != 0) {
+    return;
+  }
+  std::string name;
+  auto left = IFLA_PAYLOAD(header);
+  for (const rtattr* each = IFLA_RTA(body); RTA_OK(each, left); each = RTA_NEXT(each, left)) {
+    if (each->rta_type == IFLA_IFNAME) {
+      const std::string text(static_cast<const char*>(RTA_DATA(each)), RTA_PAYLOAD(each));
+      name = text.c_str();
+    }
+  }
+  constexpr unsigned kPlugged = IFF_UP | IFF_LOWER_UP;
+  const bool connected = !gone && (body->ifi_flags & kPlugged) == kPlugged;
+  const auto [place, is_new] = links_.try_emplace(body->ifi_index);
+  Link& link = place->second;
+  link.name = name;
+  link.seen = true;
+  if (is_new ? !gone : link.connected != connected) {
+    link.connected = connected;
+    Tell(link);
+  }
+  if (gone) {
+    links_.erase(place);
+  }
+}
+
+void CNetworkCableMonitor::EndOfList() {
+  if (!listing_) {
+    return;
+  }
+  listing_ = false;
+  for (auto each = links_.begin(); each != links_.end();) {
+    Link& link = each->second;
+    if (link.seen) {
+      ++each;
+      continue;
+    }
+    if (link.connected) {
+      link.connected = false;
+      Tell(link);
+    }
+    each = links_.erase(each);
+  }
+  if (lost_) {
+    AskForAll();
+  }
+}
