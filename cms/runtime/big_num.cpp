@@ -21,7 +21,7 @@ Context NewContext() {
 
 // Takes what an OpenSSL function allocated.
 std::string Taken(char* text) {
-  const std::string taken = text != nullptr ? text : "";
+  std::string taken = text != nullptr ? text : "";
   if (text != nullptr) {
     OPENSSL_clear_free(text, taken.size() + 1);
   }

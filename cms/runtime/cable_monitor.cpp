@@ -10,6 +10,8 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <cstring>
+#include <iterator>
 #include <system_error>
 
 CNetworkCableMonitor::CNetworkCableMonitor(NetworkCableCallback callback, void* context)
@@ -128,8 +130,8 @@ void CNetworkCableMonitor::Take(const void* message, bool gone) {
   auto left = IFLA_PAYLOAD(header);
   for (const rtattr* each = IFLA_RTA(body); RTA_OK(each, left); each = RTA_NEXT(each, left)) {
     if (each->rta_type == IFLA_IFNAME) {
-      const std::string text(static_cast<const char*>(RTA_DATA(each)), RTA_PAYLOAD(each));
-      name = text.c_str();
+      const auto* const text = static_cast<const char*>(RTA_DATA(each));
+      name.assign(text, strnlen(text, RTA_PAYLOAD(each)));
     }
   }
   constexpr unsigned kPlugged = IFF_UP | IFF_LOWER_UP;
