@@ -1,6 +1,5 @@
 // orvanta audio: converts between the audio codecs of cameras and WAV files.
 #include <sndfile.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <filesystem>
@@ -10,6 +9,7 @@
 
 #include "tools/audio_streams.h"
 #include "tools/command.h"
+#include "tools/progress.h"
 #include "tools/stop_signal.h"
 
 namespace tools {
@@ -70,31 +70,6 @@ class WaveFile {
   const std::string path_;
   SF_INFO info_{};
   SNDFILE* file_ = nullptr;
-};
-
-// A percentage on the terminal, if there is one.
-class Progress {
- public:
-  explicit Progress(std::uint64_t total) : total_(isatty(STDERR_FILENO) != 0 ? total : 0) {}
-  ~Progress() {
-    if (shown_ >= 0) {
-      std::fputs("\r    \r", stderr);
-    }
-  }
-  Progress(const Progress&) = delete;
-  Progress& operator=(const Progress&) = delete;
-
-  void Show(std::uint64_t done) {
-    const int percent = total_ == 0 ? -1 : static_cast<int>(done * 100 / total_);
-    if (percent > shown_) {
-      shown_ = percent;
-      std::fprintf(stderr, "\r%d%%", percent);
-    }
-  }
-
- private:
-  const std::uint64_t total_;
-  int shown_ = -1;
 };
 
 void ThrowIfStopped() {

@@ -18,6 +18,9 @@ struct CommandResult {
 void AddAudioCommand(CLI::App& app, CommandResult& result);
 void AddBroadcastCommand(CLI::App& app, CommandResult& result);
 void AddCameraCommand(CLI::App& app, CommandResult& result);
+void AddDbCommand(CLI::App& app, CommandResult& result);
+void AddInspectCommand(CLI::App& app, CommandResult& result);
 void AddLiveCommand(CLI::App& app, CommandResult& result);
+void AddRepairCommand(CLI::App& app, CommandResult& result);
 
 }  // namespace tools

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <stdexcept>
 
+#include "cms/recording/recording_names.h"
 #include "cms/runtime/wide_text.h"
 
 namespace tools {
@@ -14,21 +15,10 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Records keep the path of a recording in 259 UTF-16 characters.
-constexpr std::size_t kLongestPath = 259;
 constexpr std::size_t kLongestName = sizeof("/20261121/Rec_Site4294967295_20261121235959.drv") - 1;
 
 [[noreturn]] void Fail(const std::string& dir, const std::string& what) {
   throw std::runtime_error("--data " + dir + ": " + what);
-}
-
-std::size_t Utf16Length(const std::string& text) {
-  constexpr wchar_t kLastOfOneUnit = 0xFFFF;
-  std::size_t length = 0;
-  for (const wchar_t each : cms::WideFromUtf8(text)) {
-    length += each > kLastOfOneUnit ? 2 : 1;
-  }
-  return length;
 }
 
 void RequireFolder(const std::string& dir, const fs::path& path, DataFolderUse use) {
@@ -61,9 +51,9 @@ void RequireRecordablePath(const std::string& dir, const DataFolder& folder) {
   if (cms::Utf8FromWide(cms::WideFromUtf8(folder.recordings)) != folder.recordings) {
     Fail(dir, "records cannot keep a path that is not UTF-8; choose another folder");
   }
-  const std::size_t length = Utf16Length(folder.path);
+  const std::size_t length = cms::Utf16Length(cms::WideFromUtf8(folder.path));
   const std::size_t longest =
-      kLongestPath - kLongestName - (folder.recordings.size() - folder.path.size());
+      cms::kLongestRecordedPath - kLongestName - (folder.recordings.size() - folder.path.size());
   if (length > longest) {
     Fail(dir, "the path is " + std::to_string(length) + " characters long, records can keep " +
                   std::to_string(longest) + "; choose a shorter one");
@@ -94,7 +84,7 @@ DataFolder EnterDataFolder(const std::string& dir, DataFolderUse use) {
     throw std::runtime_error("--data: name a folder");
   }
   const fs::path path = AbsolutePath(dir);
-  const DataFolder folder{path.string(), (path / "recordings").string()};
+  DataFolder folder{path.string(), (path / "recordings").string()};
   if (use == DataFolderUse::kCreate) {
     RequireRecordablePath(dir, folder);
   }

@@ -40,6 +40,9 @@ int main(int argc, char** argv) {
   tools::AddCameraCommand(app, result);
   tools::AddAudioCommand(app, result);
   tools::AddBroadcastCommand(app, result);
+  tools::AddInspectCommand(app, result);
+  tools::AddDbCommand(app, result);
+  tools::AddRepairCommand(app, result);
   tools::CatchStopSignals();
   try {
     app.parse(argc, argv);

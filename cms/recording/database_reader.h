@@ -44,6 +44,8 @@ struct FolderRow {
 struct SpanRow {
   std::int64_t start = 0;
   std::int64_t end = 0;
+
+  bool operator==(const SpanRow&) const = default;
 };
 
 enum class DatabaseState {

@@ -162,15 +162,27 @@ std::optional<DrvFrame> DrvWalker::Next() {
       break;
     }
     position_ = end;
-    ++report_.frames;
-    report_.audio_frames += frame->header.IsAudio() ? 1 : 0;
-    report_.key_frames += frame->header.IsKeyFrame() ? 1 : 0;
-    report_.frame_bytes += end - frame->offset;
-    report_.end_of_frames = end;
+    Count(*frame);
     return frame;
   }
   End();
   return std::nullopt;
+}
+
+void DrvWalker::Count(const DrvFrame& frame) {
+  ++report_.frames;
+  report_.key_frames += frame.header.IsKeyFrame() ? 1 : 0;
+  report_.frame_bytes += frame.End() - frame.offset;
+  report_.end_of_frames = frame.End();
+  if (frame.header.IsAudio()) {
+    ++report_.audio_frames;
+    return;
+  }
+  const std::uint32_t seconds = frame.header.Seconds();
+  const bool first = report_.frames - report_.audio_frames == 1;
+  report_.first_seconds = first ? seconds : report_.first_seconds;
+  report_.earliest_seconds = first ? seconds : std::min(report_.earliest_seconds, seconds);
+  report_.last_seconds = seconds;
 }
 
 void DrvWalker::Skip(std::uint64_t from, std::uint64_t to) {

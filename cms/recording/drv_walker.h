@@ -42,7 +42,11 @@ struct DrvWalkReport {
   std::uint64_t frames = 0;  // whole ones; audio ones and key frames among them
   std::uint64_t audio_frames = 0;
   std::uint64_t key_frames = 0;
-  std::uint64_t frame_bytes = 0;    // headers and areas included
+  std::uint64_t frame_bytes = 0;  // headers and areas included
+  // Of the video frames, seconds since 1970-01-01 UTC; 0 without any.
+  std::uint32_t first_seconds = 0;
+  std::uint32_t earliest_seconds = 0;  // the first one's unless the camera's clock stepped back
+  std::uint32_t last_seconds = 0;
   std::uint64_t skipped_bytes = 0;  // not in any whole frame, the tail included
   std::uint64_t bad_checks = 0;     // where a header had to be, one with a wrong check byte
   std::vector<Range> skipped;       // the first kMaximumRanges of them, in order, without the tail
@@ -88,6 +92,7 @@ class CMS_API DrvWalker {
   bool LeadsOn(std::uint64_t offset, const DrvHeader& header);
   std::uint64_t Find(std::uint64_t from, std::uint64_t limit, bool must_lead_on);
   std::optional<DrvFrame> FrameAt(std::uint64_t offset);
+  void Count(const DrvFrame& frame);
   void Skip(std::uint64_t from, std::uint64_t to);
   void End();
   DrvTail JudgeTail();

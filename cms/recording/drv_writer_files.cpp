@@ -10,11 +10,11 @@
 #include "cms/recording/recording_names.h"
 #include "cms/runtime/clock.h"
 #include "cms/runtime/native_path.h"
+#include "cms/runtime/wide_text.h"
 
 namespace CLFX {
 namespace {
 
-constexpr std::size_t kLongestPath = 259;  // what a record holds
 constexpr int kNamesToTry = 16;
 constexpr int kCloseMilliseconds = 2000;  // what the queue may take to close a file
 constexpr std::uint64_t kFirstRetryMilliseconds = 1000;
@@ -76,7 +76,7 @@ int CLFXDRVWriter::OpenNamed(std::int64_t startTime) {
   const std::wstring stem = path_ + cms::RecordingStamp(startTime);
   std::wstring drvPath = stem + L".drv";
   std::wstring idxPath = stem + L".idx";
-  if (drvPath.size() > kLongestPath) {
+  if (cms::Utf16Length(drvPath) > cms::kLongestRecordedPath) {
     return ENAMETOOLONG;
   }
   if (drvPath == drvPath_ && drvStatus_ && !drvStatus_->closed) {

@@ -103,7 +103,8 @@ class OldIndex {
   int error_ = 0;
 };
 
-// The new index. It holds its file without sharing, so that two repairs do not mix theirs.
+// The new index. It holds its file without sharing, so that two repairs do not mix theirs. Without
+// a path it is only compared with the old one.
 class NewIndex {
  public:
   NewIndex(FileIo& io, std::string path) : io_(io), path_(std::move(path)) {}
@@ -116,10 +117,14 @@ class NewIndex {
   NewIndex(const NewIndex&) = delete;
   NewIndex& operator=(const NewIndex&) = delete;
 
-  bool IsBegun() const { return file_ != nullptr; }
+  bool IsBegun() const { return begun_; }
 
   // Begins with the first `records` records of the old index.
   bool Begin(int old_handle, std::uint64_t records) {
+    begun_ = true;
+    if (path_.empty()) {
+      return true;
+    }
     auto file = std::make_unique<ScopedFile>(
         io_, path_, kFileReadWrite | kFileCreate | kFileExclusive | kFileTruncate);
     if (!*file) {
@@ -140,6 +145,9 @@ class NewIndex {
   }
 
   bool Add(const DrvIdx& record) {
+    if (path_.empty()) {
+      return true;
+    }
     buffer_.push_back(record);
     return buffer_.size() < kBufferedRecords || Flush();
   }
@@ -163,6 +171,7 @@ class NewIndex {
 
   FileIo& io_;
   const std::string path_;
+  bool begun_ = false;
   std::unique_ptr<ScopedFile> file_;
   std::vector<DrvIdx> buffer_;
 };
@@ -232,15 +241,17 @@ class RecordMaker {
   std::uint64_t last_milliseconds_ = 0;
 };
 
-}  // namespace
+enum class IdxAction { kCompare, kRebuild };
 
-IdxRebuild RebuildIdx(FileIo& io, const std::string& drv_path, const std::string& idx_path) {
+IdxRebuild Merge(FileIo& io, const std::string& drv_path, const std::string& idx_path,
+                 IdxAction action) {
+  const bool rebuild = action == IdxAction::kRebuild;
   IdxRebuild result;
   const auto failed = [&result](int error) {
     result.error = ErrorOf(error);
     return result;
   };
-  const ScopedFile drv(io, drv_path, kFileRead | kFileExclusive);
+  const ScopedFile drv(io, drv_path, rebuild ? kFileRead | kFileExclusive : unsigned{kFileRead});
   if (!drv) {
     return failed(errno);
   }
@@ -249,7 +260,7 @@ IdxRebuild RebuildIdx(FileIo& io, const std::string& drv_path, const std::string
   if (old.Error() != 0) {
     return failed(old.Error());
   }
-  NewIndex fresh(io, idx_path + kNewSuffix);
+  NewIndex fresh(io, rebuild ? idx_path + kNewSuffix : std::string());
   RecordMaker maker;
   DrvWalker walker(io, drv.Handle());
   std::uint64_t kept = 0;
@@ -276,12 +287,14 @@ IdxRebuild RebuildIdx(FileIo& io, const std::string& drv_path, const std::string
       record = *old.Current();
       old.Advance();
       maker.Follow(record, *frame);
+      result.behind = 0;
     } else {
       if (!differs()) {
         return failed(errno);
       }
       record = maker.Make(*frame);
       ++result.added;
+      ++result.behind;
     }
     if (!fresh.IsBegun()) {
       ++kept;
@@ -295,15 +308,26 @@ IdxRebuild RebuildIdx(FileIo& io, const std::string& drv_path, const std::string
     return failed(result.walk.error != 0 ? result.walk.error : old.Error());
   }
   result.dropped = old.Records() - (result.records - result.added);
-  if (!fresh.IsBegun() && (result.dropped != 0 || old.TornBytes() != 0) && !differs()) {
+  result.torn_bytes = old.TornBytes();
+  if (!fresh.IsBegun() && (result.dropped != 0 || result.torn_bytes != 0) && !differs()) {
     return failed(errno);
   }
   result.changed = fresh.IsBegun();
-  if (result.changed && !fresh.Replace(idx_path)) {
+  if (rebuild && result.changed && !fresh.Replace(idx_path)) {
     return failed(errno);
   }
   result.done = true;
   return result;
+}
+
+}  // namespace
+
+IdxRebuild RebuildIdx(FileIo& io, const std::string& drv_path, const std::string& idx_path) {
+  return Merge(io, drv_path, idx_path, IdxAction::kRebuild);
+}
+
+IdxRebuild CompareIdx(FileIo& io, const std::string& drv_path, const std::string& idx_path) {
+  return Merge(io, drv_path, idx_path, IdxAction::kCompare);
 }
 
 TailCut CutTornTail(FileIo& io, const std::string& drv_path) {

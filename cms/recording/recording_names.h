@@ -1,6 +1,7 @@
 // How the files of a recording are named.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -9,6 +10,9 @@
 #include "cms/runtime/api.h"
 
 namespace cms {
+
+// The longest path that a record holds, in 16-bit characters.
+inline constexpr std::size_t kLongestRecordedPath = 259;
 
 // The path of the index that belongs to a data file: the extension of its name becomes "idx". Empty
 // when that is the path itself, so that an index is never taken for its own data file.

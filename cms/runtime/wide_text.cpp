@@ -125,6 +125,12 @@ bool StoreUtf16(std::wstring_view text, std::span<std::uint8_t> field) {
   return whole;
 }
 
+std::size_t Utf16Length(std::wstring_view text) {
+  return text.size() +
+         static_cast<std::size_t>(std::count_if(text.begin(), text.end(),
+                                                [](wchar_t c) { return CharacterOf(c) > 0xFFFF; }));
+}
+
 std::wstring LoadUtf16(std::span<const std::uint8_t> field) {
   const std::size_t units = field.size() / 2;
   const auto unit = [&](std::size_t i) -> char32_t {

@@ -26,6 +26,9 @@ CMS_API std::string_view CutUtf8(std::string_view text, std::size_t longest);
 // has an even number of bytes and may lie at any address; one of fewer than two stays untouched.
 CMS_API bool StoreUtf16(std::wstring_view text, std::span<std::uint8_t> field);
 
+// How many 16-bit characters a text takes in such a field, without the zero behind it.
+CMS_API std::size_t Utf16Length(std::wstring_view text);
+
 // The text of such a field: up to its first zero, or all of it when a foreign writer left none.
 CMS_API std::wstring LoadUtf16(std::span<const std::uint8_t> field);
 
