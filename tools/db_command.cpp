@@ -1,10 +1,11 @@
 // orvanta db: the databases of a data folder, readable.
 #include <cstdio>
 #include <nlohmann/json.hpp>
-#include <stdexcept>
+#include <string>
+#include <vector>
 
 #include "cms/recording/database_reader.h"
-#include "cms/runtime/native_path.h"
+#include "cms/recording/gap_log.h"
 #include "cms/runtime/wide_text.h"
 #include "tools/command.h"
 #include "tools/data_folder.h"
@@ -20,6 +21,7 @@ struct Databases {
   Json events = Json::array();
   Json folders = Json::array();
   Json spans = Json::array();
+  Json gaps = Json::array();
   std::vector<std::string> notes;  // what could not be read, or not all of it
 
   template <typename Row>
@@ -75,6 +77,18 @@ Databases Read() {
                                 {"start", row.start},
                                 {"end", row.end}});
   }
+  const auto gaps = cms::ReadGapLog(0);
+  databases.Note("the gap log", gaps);
+  for (const cms::GapRow& row : gaps.rows) {
+    databases.gaps.push_back({{"site", row.siteNumber},
+                              {"site_name", row.siteName},
+                              {"address", row.address},
+                              {"port", row.port},
+                              {"from", row.from},
+                              {"to", row.to},
+                              {"cause", cms::GapCauseName(row.cause)},
+                              {"error", row.error}});
+  }
   const auto folders = cms::ReadFolderList(0);
   databases.Note("the folder list", folders);
   for (const cms::FolderRow& row : folders.rows) {
@@ -123,6 +137,11 @@ void Print(const Databases& databases) {
     std::printf("  %-20s %-20s  %s\n", Time(row, "start").c_str(), Time(row, "end").c_str(),
                 Text(row, "folder").c_str());
   }
+  PrintTitle("Gaps", databases.gaps);
+  for (const Json& row : databases.gaps) {
+    std::printf("  site %-4u %-20s %-20s  %s\n", row.at("site").get<unsigned>(),
+                Time(row, "from").c_str(), Time(row, "to").c_str(), Text(row, "cause").c_str());
+  }
   for (const std::string& note : databases.notes) {
     std::printf("Note: %s.\n", note.c_str());
   }
@@ -144,11 +163,9 @@ void AddDbCommand(CLI::App& app, CommandResult& /*result*/) {
     EnterDataFolder(arguments->data, DataFolderUse::kRead);
     const Databases databases = Read();
     if (arguments->json) {
-      const Json report = {{"records", databases.records},
-                           {"events", databases.events},
-                           {"folders", databases.folders},
-                           {"spans", databases.spans},
-                           {"notes", databases.notes}};
+      const Json report = {{"records", databases.records}, {"events", databases.events},
+                           {"folders", databases.folders}, {"spans", databases.spans},
+                           {"gaps", databases.gaps},       {"notes", databases.notes}};
       std::printf("%s\n", report.dump(2).c_str());
     } else {
       Print(databases);

@@ -8,11 +8,12 @@ namespace tools {
 class Progress {
  public:
   explicit Progress(std::uint64_t total);
-  ~Progress();  // wipes it away
+  ~Progress() { Wipe(); }
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
 
   void Show(std::uint64_t done);
+  void Wipe();  // for a line in its place
 
  private:
   const std::uint64_t total_;  // 0: nothing is shown

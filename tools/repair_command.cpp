@@ -1,14 +1,17 @@
 // orvanta repair: makes recordings, indexes and databases fit each other after a crash.
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
 #include "cms/recording/rec_folder_db_writer.h"
 #include "cms/recording/recording_repair.h"
+#include "cms/runtime/native_path.h"
 #include "cms/runtime/wide_text.h"
 #include "tools/command.h"
 #include "tools/data_folder.h"
+#include "tools/progress.h"
 #include "tools/recording_folders.h"
 #include "tools/stop_signal.h"
 
@@ -65,6 +68,18 @@ void ListFolder(const std::vector<RecordingFolder>& folders) {
   }
 }
 
+std::uint64_t CountRecordings(const std::vector<std::wstring>& folders) {
+  std::uint64_t count = 0;
+  for (const std::wstring& folder : folders) {
+    std::error_code error;
+    for (std::filesystem::directory_iterator at(cms::NativePath(folder), error), end;
+         !error && at != end; at.increment(error)) {
+      count += at->path().extension() == ".drv" ? 1 : 0;
+    }
+  }
+  return count;
+}
+
 int Repair(const Arguments& arguments) {
   const std::vector<RecordingFolder> folders = FindRecordingFolders();
   std::vector<std::wstring> paths;
@@ -74,6 +89,8 @@ int Repair(const Arguments& arguments) {
   }
   ListFolder(folders);
   Json files = Json::array();
+  Progress progress(CountRecordings(paths));
+  std::uint64_t done = 0;
   const auto report = cms::RepairRecordings(paths, [&](const cms::RepairedRecording& recording) {
     const std::string text = TextOf(recording);
     const std::string file = cms::Utf8FromWide(recording.path);
@@ -81,9 +98,11 @@ int Repair(const Arguments& arguments) {
       files.push_back({{"file", file}, {"what", text}});
     }
     if (!text.empty() && !arguments.json) {
+      progress.Wipe();
       std::printf("%s: %s\n", file.c_str(), text.c_str());
       std::fflush(stdout);
     }
+    progress.Show(++done);
     return !StopRequested();
   });
   if (!report.complete) {
