@@ -7,6 +7,7 @@
 #include "cms/audio/pcm_decoder.h"
 #include "cms/exports/address_exports.h"
 #include "cms/exports/audio_exports.h"
+#include "cms/exports/audio_player_exports.h"
 #include "cms/exports/codec_exports.h"
 #include "cms/exports/database_exports.h"
 #include "cms/exports/file_exports.h"

@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
+#include "cms/exports/audio_player_exports.h"
 #include "tools/audio_streams.h"
 #include "tools/command.h"
 #include "tools/progress.h"
@@ -192,6 +193,30 @@ void AddCommon(CLI::App* app, Arguments& arguments, const std::vector<std::strin
   app->add_flag("--json", arguments.json, "print one JSON object at the end");
 }
 
+// What `--device` takes, outputs and inputs.
+void ListDevices(bool json) {
+  nlohmann::ordered_json all;
+  for (const auto& [kind, name] :
+       {std::pair{kCMSAudioOutput, "outputs"}, {kCMSAudioInput, "inputs"}}) {
+    nlohmann::ordered_json& list = all[name] = nlohmann::ordered_json::array();
+    CMSAudioDeviceInfo device;
+    for (unsigned i = 0; GetAudioDeviceInfoByAudioType(kind, i, &device) != 0; ++i) {
+      list.push_back({{"name", device.name}, {"description", device.description}});
+    }
+  }
+  if (json) {
+    std::printf("%s\n", all.dump(2).c_str());
+    return;
+  }
+  for (const auto& [name, list] : all.items()) {
+    std::printf("%s:%s\n", name.c_str(), list.empty() ? " none" : "");
+    for (const auto& device : list) {
+      std::printf("  %-32s  %s\n", device["name"].get<std::string>().c_str(),
+                  device["description"].get<std::string>().c_str());
+    }
+  }
+}
+
 }  // namespace
 
 void AddAudioCommand(CLI::App& app, CommandResult& /*result*/) {
@@ -216,6 +241,10 @@ void AddAudioCommand(CLI::App& app, CommandResult& /*result*/) {
                    "of ima: 0 both streams, 1 or 2 only one of them")
       ->check(CLI::Range(0u, 2u));
   decode->callback([arguments] { Report(*arguments, Decode(*arguments)); });
+
+  CLI::App* const devices = audio->add_subcommand("devices", "List sound devices");
+  devices->add_flag("--json", arguments->json, "print one JSON object");
+  devices->callback([arguments] { ListDevices(arguments->json); });
 
   CLI::App* const encode = audio->add_subcommand("encode", "WAV file to a raw file of a codec");
   encode->add_option("IN", arguments->in, "WAV file")->required();

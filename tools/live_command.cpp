@@ -31,6 +31,8 @@ struct Arguments {
   std::string size;
   std::string snapshot;
   bool noDecode = false;
+  bool listen = false;
+  std::string device;
   bool json = false;
 };
 
@@ -68,6 +70,8 @@ class Live {
           arguments.transports[std::min(i, arguments.transports.size() - 1)] == "tcp";
       options.decode = !arguments.noDecode;
       options.number = static_cast<int>(i);
+      options.listen = arguments.listen;
+      options.listenDevice = arguments.device;
       ReadSize(arguments.size, &options);
       sites_.push_back(std::make_unique<LiveSite>(options));
     }
@@ -198,6 +202,9 @@ void AddLiveCommand(CLI::App& app, CommandResult& result) {
                    "write the last picture; several cameras get FILE-1.png, FILE-2.png ...")
       ->type_name("FILE.png");
   live->add_flag("--no-decode", arguments->noDecode, "receive and count only");
+  CLI::Option* const listen = live->add_flag("--listen", arguments->listen, "play the sound");
+  live->add_option("--device", arguments->device, "sound device, see orvanta audio devices")
+      ->needs(listen);
   live->add_flag("--json", arguments->json, "print one JSON object at the end");
   live->callback([arguments, &result] {
     if (arguments->noDecode && !arguments->snapshot.empty()) {

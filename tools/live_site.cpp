@@ -90,6 +90,21 @@ LiveSite::LiveSite(const LiveOptions& options) : options_(options) {
     client_->EnableDecode(0, 0);
     client_->SetMustDecode(1);
   }
+  if (options.listen) {
+    Listen();
+  }
+}
+
+// The format is a first guess: the client tells the player what the camera really sends.
+void LiveSite::Listen() {
+  player_ = std::make_unique<CCMSAudioPlayer>(tCMSAudioPlayerConfig{}, options_.listenDevice);
+  if (!player_->Start()) {
+    throw std::runtime_error(player_->GetStatus().error +
+                             " (orvanta audio devices lists what there is)");
+  }
+  client_->SetAudioPlayer(player_.get());
+  client_->EnableAudio(0);
+  client_->SetAudioOn(0);
 }
 
 std::unique_ptr<CMSClientBase> LiveSite::MakeClient(const cms::CameraUrl& url,

@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "cms/audio/audio_player.h"
 #include "cms/live/client_base.h"
 #include "cms/streaming/rtsp_url.h"
 
@@ -20,7 +21,9 @@ struct LiveOptions {
   bool decode = true;
   long width = 0;  // of the decoded picture; 0: as the camera sends it
   long height = 0;
-  int number = 0;  // of the site, from 0
+  int number = 0;       // of the site, from 0
+  bool listen = false;  // play the sound on listenDevice, a name of the ALSA configuration
+  std::string listenDevice;
 };
 
 class LiveSite {
@@ -49,7 +52,10 @@ class LiveSite {
   std::unique_ptr<CMSClientBase> MakeClient(const cms::CameraUrl& url, const std::string& user,
                                             const std::string& password) const;
   LiveOptions options_;
+  void Listen();
+
   std::string shownUrl_;
+  std::unique_ptr<CCMSAudioPlayer> player_;  // outlives the client, which calls it
   std::unique_ptr<CMSClientBase> client_;
   std::string Codec() const;
   std::string AudioCodec() const;

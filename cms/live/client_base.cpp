@@ -76,7 +76,6 @@ void CMSClientBase::OnGetAudioFrame(void* header, int headerSize, void* data, in
 
 void CMSClientBase::OnRecordVideoFrame(void*, int, void*, int, unsigned) {}
 void CMSClientBase::OnRecordAudioFrame(void*, int, void*, int, unsigned) {}
-void CMSClientBase::OnDecodeAudioFrame(void*, int, unsigned) {}
 
 void CMSClientBase::OnDecodeVideoFrame(void* data, int size, unsigned channel, int frameType) {
   CMSChannelDataBase* const state = Channel(channel);

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "cms/live/audio_endpoint.h"
 #include "cms/live/channel_data.h"
 #include "cms/live/connection_status.h"
 #include "cms/live/fps_report.h"
@@ -135,6 +136,21 @@ class CMS_API CMSClientBase {
   // Set before decoding starts.
   void SetThreadedDecode(bool threaded);
 
+  // --- Sound ----------------------------------------------------------------------------------
+  // Where the audio of channels with audio enabled and on goes; nullptr: nowhere. The player is
+  // the caller's, started and stopped by it, and outlives its use here: after SetAudioPlayer of
+  // another one it is not called any more. It is told the stream's format whenever that changes.
+  void SetAudioPlayer(cms::AudioPlayer* player);
+  // The stream's audio, as far as it is known; 0 when there is none.
+  int GetAudioFormat(tCMSAudioPlayerConfig* config) const;
+
+  // Captures a microphone and gives each block to SendAudioData, on the capture's thread. 0 when
+  // one is captured already, or the format or the device cannot be used.
+  int OnStartAudioRecorder(const tCMSAudioPlayerConfig& config);
+  // Not from inside SendAudioData.
+  void OnStopAudioRecorder();
+  int IsStartingAudioRecorder() const;
+
   // Writes the recording type tag of the site type and the video type of channel 0 into tag[0..3];
   // combinations without a tag leave the bytes as they are.
   void GetDRVTypeHeader(unsigned char* tag);
@@ -177,6 +193,9 @@ class CMS_API CMSClientBase {
   void MarkOpening();  // the start of open and first-frame times
   void MarkOpened();
 
+  // What the audio blocks are from now on; codec CMS_CODEC_NONE: there are none.
+  void SetAudioFormat(const tCMSAudioPlayerConfig& config);
+
   CMSChannelDataBase* Channel(unsigned channel) const {
     return channel < channelCount_ && channel < channels_.size() ? channels_[channel].get()
                                                                  : nullptr;
@@ -199,6 +218,12 @@ class CMS_API CMSClientBase {
   std::vector<std::unique_ptr<CMSChannelDataBase>> channels_;
   std::atomic<int> mustDecode_{0};
   stFisheyeParameter fisheye_;
+
+  mutable CMSCritical audioLock_;  // held while the player is called
+  cms::AudioPlayer* audioPlayer_ CMS_GUARDED_BY(audioLock_) = nullptr;
+  tCMSAudioPlayerConfig playedFormat_ CMS_GUARDED_BY(audioLock_){.codecId = CMS_CODEC_NONE};
+  mutable CMSCritical recorderLock_;  // held while a capture is started or stopped
+  std::unique_ptr<cms::AudioCapture> audioCapture_ CMS_GUARDED_BY(recorderLock_);
 
   std::atomic<std::uint64_t> videoFrames_{0};
   std::atomic<std::uint64_t> keyFrames_{0};

@@ -65,6 +65,7 @@ class CMSHTTPClient::Connection final : public TCPClientBase {
 CMSHTTPClient::CMSHTTPClient() = default;
 
 CMSHTTPClient::~CMSHTTPClient() {
+  OnStopAudioRecorder();
   CMSHTTPClient::StopPlay();
 }
 
@@ -127,7 +128,12 @@ int CMSHTTPClient::OpenLocked() {
   }
   MarkOpening();
   SetFault(ConnectionFault::kNone, "");
-  if (Connect() == 0 || InitialCodecs() == 0 || StartProcessThread() == 0 || SendRequest() == 0) {
+  if (Connect() == 0 || InitialCodecs() == 0) {
+    SetState(ConnectionState::kClosed);
+    return 0;
+  }
+  StartAudioPlayer();
+  if (StartProcessThread() == 0 || SendRequest() == 0) {
     SetState(ConnectionState::kClosed);
     return 0;
   }
@@ -135,6 +141,15 @@ int CMSHTTPClient::OpenLocked() {
   playing_.store(1, std::memory_order_relaxed);
   SetState(ConnectionState::kPlaying);
   return 1;
+}
+
+void CMSHTTPClient::StartAudioPlayer() {
+  audioPlayer_ = cms::MakeAudioPlayer(config_.audioPlayer);
+  if (audioPlayer_ && audioPlayer_->Start()) {
+    SetAudioPlayer(audioPlayer_.get());
+  } else {
+    audioPlayer_.reset();
+  }
 }
 
 int CMSHTTPClient::Connect() {
@@ -222,6 +237,10 @@ void CMSHTTPClient::CloseLocked() {
   }
   connection_.reset();
   raw_.reset();
+  if (audioPlayer_) {
+    SetAudioPlayer(nullptr);
+    audioPlayer_.reset();
+  }
   playing_.store(0, std::memory_order_relaxed);
   SetState(ConnectionState::kClosed);
 }

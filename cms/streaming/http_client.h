@@ -1,7 +1,6 @@
 // CMSHTTPClient: the base of clients that receive an endless stream over HTTP.
 #pragma once
 
-#include <array>
 #include <atomic>
 #include <cstdint>
 #include <memory>
@@ -19,10 +18,10 @@
 struct stHTTPClientConfig {
   std::uint32_t address = 0;  // IPv4, host order
   std::uint16_t port = 80;
-  CMSCodecID codec = CMS_CODEC_MJPEG;         // of every channel
-  std::array<std::int32_t, 7> audioPlayer{};  // for the audio player
-  const char* request = nullptr;              // sent once after connecting, as it is
-  int requestLength = 0;                      // bytes, at most 40,959
+  CMSCodecID codec = CMS_CODEC_MJPEG;                            // of every channel
+  tCMSAudioPlayerConfig audioPlayer{.codecId = CMS_CODEC_NONE};  // the default makes no player
+  const char* request = nullptr;  // sent once after connecting, as it is
+  int requestLength = 0;          // bytes, at most 40,959
   unsigned channelCount = 1;
   int videoType = 0;
   int audioType = 0;
@@ -36,7 +35,8 @@ struct stHTTPClientConfig {
 // Play and StopPlay may come from any thread. Between them the stream is kept as CMSClientBase
 // describes: a connection that the camera ends, or that falls silent, is opened again. The process
 // thread is the only one that reads the socket and changes the raw buffer; it sleeps while nothing
-// arrives. There is no audio player yet: clients run without audio.
+// arrives. Play makes the audio player that is configured, if any, in place of one that was set; a
+// client whose player cannot start runs without sound.
 class CMS_API CMSHTTPClient : public CMSClientBase {
  public:
   // Bytes that wait for the rest of their frame, with the headers around it. A stream in which no
@@ -100,6 +100,7 @@ class CMS_API CMSHTTPClient : public CMSClientBase {
   int InitialCodecs();
   int StartProcessThread();
   int SendRequest();
+  void StartAudioPlayer();
   void CloseLocked();
   int FailConnect(int error);
   int Fail(ConnectionFault fault, const std::string& what);
@@ -114,6 +115,7 @@ class CMS_API CMSHTTPClient : public CMSClientBase {
   std::string request_;
   std::unique_ptr<Connection> connection_;
   std::unique_ptr<CRawBuffer> raw_;
+  std::unique_ptr<cms::AudioPlayer> audioPlayer_;
   std::thread processThread_;
   std::atomic<int> running_{0};
 

@@ -20,6 +20,7 @@ struct CMSRTSPClient::Totals {
 CMSRTSPClient::CMSRTSPClient() : totals_(std::make_unique<Totals>()) {}
 
 CMSRTSPClient::~CMSRTSPClient() {
+  OnStopAudioRecorder();
   CMSRTSPClient::CloseStream();
 }
 
@@ -339,9 +340,15 @@ void CMSRTSPClient::DescribeAudioFormat(const _RTSPSUBSESSION_CONFIG& audio) {
     audioFormat_.codecId = CMS_CODEC_PCM_S16BE;  // network byte order (RFC 3551, 4.5.11)
     audioFormat_.bitsPerSample = 16;
   } else {
+    SetAudioFormat({.codecId = CMS_CODEC_NONE});
     return;
   }
   audioFormat_.sampleRate = audio.clockRate;
   audioFormat_.channels = static_cast<std::uint16_t>(audio.channels);
   audioType_.store(static_cast<int>(audioFormat_.codecId), std::memory_order_relaxed);
+  constexpr std::uint32_t kLongestPacket = 65536;
+  SetAudioFormat({.codecId = static_cast<std::int32_t>(audioFormat_.codecId),
+                  .sampleRate = audioFormat_.sampleRate,
+                  .channels = audioFormat_.channels,
+                  .maximumBlockSize = kLongestPacket});
 }

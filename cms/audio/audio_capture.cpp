@@ -1,0 +1,148 @@
+#include "cms/audio/audio_capture.h"
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <span>
+#include <stdexcept>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "cms/audio/audio_player.h"
+#include "cms/audio/internal/alsa_device.h"
+#include "cms/audio/internal/g711.h"
+#include "cms/runtime/wake_up.h"
+
+namespace {
+
+constexpr auto kCapture = cms::AlsaDevice::Direction::kCapture;
+constexpr std::uint32_t kBlockMs = 20;
+constexpr std::uint32_t kBufferMs = 200;
+constexpr int kReopenMs = 2000;
+
+std::vector<unsigned char> Encode(std::int32_t codecId, std::span<const std::int16_t> samples) {
+  std::vector<unsigned char> bytes(samples.size());
+  switch (codecId) {
+    case CMS_CODEC_PCM_MULAW:
+      cms::EncodeMuLaw(samples.data(), samples.size(), bytes.data());
+      break;
+    case CMS_CODEC_PCM_ALAW:
+      cms::EncodeALaw(samples.data(), samples.size(), bytes.data());
+      break;
+    default:
+      bytes.resize(samples.size_bytes());
+      std::memcpy(bytes.data(), samples.data(), bytes.size());
+      for (std::size_t i = 0; codecId == CMS_CODEC_PCM_S16BE && i < bytes.size(); i += 2) {
+        std::swap(bytes[i], bytes[i + 1]);
+      }
+  }
+  return bytes;
+}
+
+}  // namespace
+
+class CCMSAudioCapture::Impl {
+ public:
+  Impl(const tCMSAudioPlayerConfig& config, OnBlock onBlock, std::string device)
+      : config_(config),
+        onBlock_(std::move(onBlock)),
+        device_(device.empty() ? cms::AlsaDeviceOf(config.device, kCapture) : std::move(device)),
+        block_(std::size_t{config.sampleRate} * kBlockMs / 1000 * config.channels) {
+    if (!IsUsable(config)) {
+      throw std::runtime_error("the audio format cannot be captured");
+    }
+    if (!Open()) {
+      throw std::runtime_error(pcm_.ErrorText());
+    }
+    thread_ = std::thread([this] { Run(); });
+  }
+
+  ~Impl() {
+    stopping_.store(true);
+    wake_.Signal();
+    thread_.join();
+  }
+
+ private:
+  bool Open() {
+    filled_ = 0;
+    return pcm_.Open(device_, kCapture, {config_.sampleRate, config_.channels}, kBufferMs) == 0;
+  }
+
+  void Wait(int timeoutMs) {
+    waits_.assign(1, {wake_.Descriptor(), POLLIN, 0});
+    if (pcm_.IsOpen()) {
+      pcm_.Descriptors(&waits_);
+    }
+    ::poll(waits_.data(), waits_.size(), timeoutMs);
+  }
+
+  void Run() {
+    pthread_setname_np(pthread_self(), "audio capture");
+    while (!stopping_.load()) {
+      if (!pcm_.IsOpen()) {
+        Wait(kReopenMs);
+        if (!stopping_.load()) {
+          Open();
+        }
+        continue;
+      }
+      const long frames = pcm_.Read(std::span(block_).subspan(filled_));
+      if (frames == -EAGAIN || frames == 0) {
+        Wait(-1);
+      } else if (frames < 0) {
+        if (pcm_.Recover(frames) < 0) {
+          pcm_.Close();
+        }
+      } else {
+        filled_ += static_cast<std::size_t>(frames) * config_.channels;
+        if (filled_ == block_.size()) {
+          filled_ = 0;
+          const auto bytes = Encode(config_.codecId, block_);
+          onBlock_(bytes.data(), static_cast<int>(bytes.size()));
+        }
+      }
+    }
+  }
+
+  const tCMSAudioPlayerConfig config_;
+  const OnBlock onBlock_;
+  const std::string device_;
+  std::vector<std::int16_t> block_;
+  std::size_t filled_ = 0;  // samples
+  cms::AlsaDevice pcm_;
+  cms::WakeUp wake_;
+  std::vector<pollfd> waits_;
+  std::atomic<bool> stopping_{false};
+  std::thread thread_;
+};
+
+bool CCMSAudioCapture::IsUsable(const tCMSAudioPlayerConfig& config) {
+  switch (config.codecId) {
+    case CMS_CODEC_PCM_MULAW:
+    case CMS_CODEC_PCM_ALAW:
+    case CMS_CODEC_PCM_S16LE:
+    case CMS_CODEC_PCM_S16BE:
+      return CCMSAudioPlayer::IsUsable(config);
+    default:
+      return false;
+  }
+}
+
+CCMSAudioCapture::CCMSAudioCapture(const tCMSAudioPlayerConfig& config, OnBlock onBlock,
+                                   std::string device)
+    : impl_(std::make_unique<Impl>(config, std::move(onBlock), std::move(device))) {}
+
+CCMSAudioCapture::~CCMSAudioCapture() = default;
+
+std::unique_ptr<cms::AudioCapture> cms::MakeAudioCapture(const tCMSAudioPlayerConfig& config,
+                                                         AudioCapture::OnBlock onBlock) {
+  try {
+    return std::make_unique<CCMSAudioCapture>(config, std::move(onBlock));
+  } catch (const std::exception&) {
+    return nullptr;
+  }
+}
