@@ -20,7 +20,7 @@ test_packages=("${run_packages[@]}" libgtest-dev libgmock-dev libavformat-dev ff
 ci_packages=(
   "${test_packages[@]}"
   git ccache clang clang-format clang-tidy libclang-rt-14-dev shellcheck libbenchmark-dev
-  libmicrohttpd-dev libcivetweb-dev apache2-utils
+  libmicrohttpd-dev libcivetweb-dev libsqlite3-dev apache2-utils
 )
 
 say() { printf 'orvanta: %s\n' "$*" >&2; }

@@ -22,5 +22,6 @@ void AddDbCommand(CLI::App& app, CommandResult& result);
 void AddInspectCommand(CLI::App& app, CommandResult& result);
 void AddLiveCommand(CLI::App& app, CommandResult& result);
 void AddRepairCommand(CLI::App& app, CommandResult& result);
+void AddSearchCommand(CLI::App& app, CommandResult& result);
 
 }  // namespace tools

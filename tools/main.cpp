@@ -43,6 +43,7 @@ int main(int argc, char** argv) {
   tools::AddInspectCommand(app, result);
   tools::AddDbCommand(app, result);
   tools::AddRepairCommand(app, result);
+  tools::AddSearchCommand(app, result);
   tools::CatchStopSignals();
   try {
     app.parse(argc, argv);
