@@ -20,6 +20,8 @@
 #include "cms/exports/stream_probe_exports.h"
 #include "cms/exports/tcp_server_exports.h"
 #include "cms/exports/text_exports.h"
+#include "cms/ipcam/capability_tables.h"
+#include "cms/ipcam/config_utility.h"
 #include "cms/live/client_base.h"
 #include "cms/live/decoder.h"
 #include "cms/playback/local_pb_search_engine.h"

@@ -7,7 +7,7 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 # What the library and the command line are built with, and what the test camera plays with.
 run_packages=(
   cmake ninja-build g++ pkg-config
-  libssl-dev libasound2-dev libavcodec-dev libavutil-dev libswscale-dev
+  libssl-dev libcurl4-openssl-dev libasound2-dev libavcodec-dev libavutil-dev libswscale-dev
   libcli11-dev nlohmann-json3-dev libpng-dev libsndfile1-dev
   libgstrtspserver-1.0-dev libgstreamer-plugins-base1.0-dev
   gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad

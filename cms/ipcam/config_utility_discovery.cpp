@@ -1,0 +1,113 @@
+// How CIPCAM_Config_Utility finds cameras.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <optional>
+#include <utility>
+
+#include "cms/ipcam/config_utility.h"
+#include "cms/ipcam/internal/discovery_message.h"
+#include "cms/runtime/clock.h"
+
+namespace {
+
+constexpr const char* kDiscoveryGroup = "239.255.255.250";
+constexpr std::uint16_t kDiscoveryPort = 3702;
+constexpr std::uint64_t kListeningMs = 100 * 250;
+constexpr std::size_t kMaxAnswer = 2048;
+// Room for some thousand answers at once; the kernel grants what it is allowed to.
+constexpr int kReceiveBuffer = 8 << 20;
+
+std::string SystemError(const char* what) {
+  return std::string("discovery: ") + what + ": " + std::strerror(errno);
+}
+
+// An open descriptor, closed at the end.
+struct Socket {
+  Socket() : descriptor(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {}
+  ~Socket() {
+    if (descriptor >= 0) {
+      close(descriptor);
+    }
+  }
+  Socket(const Socket&) = delete;
+  Socket& operator=(const Socket&) = delete;
+
+  const int descriptor;
+};
+
+}  // namespace
+
+void CIPCAM_Config_Utility::OnDeviceFound(const stDiscoveredDevice& /*device*/) {}
+
+bool CIPCAM_Config_Utility::DoONVIFDeviceDiscovery(const std::string& target) {
+  const auto fail = [this](std::string what) {
+    error_ = std::move(what);
+    result_ = kHttpFailed;
+    return false;
+  };
+  sockaddr_in to{};
+  to.sin_family = AF_INET;
+  to.sin_port = htons(kDiscoveryPort);
+  if (inet_pton(AF_INET, target.empty() ? kDiscoveryGroup : target.c_str(), &to.sin_addr) != 1) {
+    return fail("discovery: not an IPv4 address: " + target);
+  }
+  const Socket socket;
+  const int on = 1;
+  if (socket.descriptor < 0 ||
+      setsockopt(socket.descriptor, SOL_SOCKET, SO_BROADCAST, &on, sizeof on) != 0) {
+    return fail(SystemError("no socket"));
+  }
+  // Devices answer all at once. The first option goes beyond the system's limit where it may.
+  if (setsockopt(socket.descriptor, SOL_SOCKET, SO_RCVBUFFORCE, &kReceiveBuffer,
+                 sizeof kReceiveBuffer) != 0) {
+    setsockopt(socket.descriptor, SOL_SOCKET, SO_RCVBUF, &kReceiveBuffer, sizeof kReceiveBuffer);
+  }
+  const std::string probe =
+      cms::ProbeMessage(cms::ProbeMessageId(cms::WallSeconds(), messageIdEnd_));
+  if (sendto(socket.descriptor, probe.data(), probe.size(), 0,
+             reinterpret_cast<const sockaddr*>(&to), sizeof to) < 0) {
+    return fail(SystemError("the probe cannot be sent"));
+  }
+  DoRecvResult(socket.descriptor);
+  return Succeed();
+}
+
+void CIPCAM_Config_Utility::DoRecvResult(int socket) {
+  fcntl(socket, F_SETFL, fcntl(socket, F_GETFL) | O_NONBLOCK);
+  std::array<pollfd, 2> waited{{{.fd = socket, .events = POLLIN, .revents = 0},
+                                {.fd = interrupt_.Descriptor(), .events = POLLIN, .revents = 0}}};
+  const std::uint64_t end = cms::TickMilliseconds() + kListeningMs;
+  std::array<char, kMaxAnswer> answer{};
+  for (std::uint64_t now = cms::TickMilliseconds(); now < end; now = cms::TickMilliseconds()) {
+    const int ready = poll(waited.data(), waited.size(), static_cast<int>(end - now));
+    if (ready > 0 && waited[1].revents != 0) {
+      return;
+    }
+    // An error of an earlier datagram, such as a refused port, ends nothing.
+    const ssize_t size = ready > 0 ? recv(socket, answer.data(), answer.size(), 0) : 0;
+    if (size > 0) {
+      ParserONVIFDiscoveryInfo({answer.data(), static_cast<std::size_t>(size)});
+    }
+  }
+}
+
+bool CIPCAM_Config_Utility::ParserONVIFDiscoveryInfo(std::string_view answer) {
+  const std::optional<stDiscoveredDevice> device = cms::ParseProbeMatch(answer);
+  if (!device || std::ranges::any_of(devices_, [&device](const stDiscoveredDevice& known) {
+        return known.address == device->address && known.port == device->port;
+      })) {
+    return false;
+  }
+  devices_.push_back(*device);
+  OnDeviceFound(*device);
+  return true;
+}

@@ -1,0 +1,13 @@
+// What discovery finds.
+#pragma once
+
+#include <string>
+
+// One device that answered. UTF-8 texts from the network: anything may stand in them.
+struct stDiscoveredDevice {
+  std::string address;
+  std::string port;
+  std::string hardware;
+  std::string name;
+  std::string type;  // "PTZ", or what `hardware` says
+};

@@ -1,0 +1,23 @@
+// The messages of WS-Discovery (2005/04) that find ONVIF devices.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "cms/ipcam/discovered_device.h"
+
+namespace cms {
+
+// The identifier of a probe that is sent at a time of seconds since 1970-01-01 UTC.
+std::string ProbeMessageId(std::int64_t seconds, std::string_view end);
+
+// A probe for whatever there is, of at most 1024 bytes.
+std::string ProbeMessage(std::string_view messageId);
+
+// The device of a ProbeMatch. Nothing when the answer is none, comes from a desktop computer, or
+// names no IPv4 address that can be reached from elsewhere.
+std::optional<stDiscoveredDevice> ParseProbeMatch(std::string_view answer);
+
+}  // namespace cms

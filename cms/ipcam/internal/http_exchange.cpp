@@ -1,0 +1,338 @@
+#include "cms/ipcam/internal/http_exchange.h"
+
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+#include <memory>
+#include <string_view>
+
+#include "cms/runtime/clock.h"
+#include "cms/runtime/digest.h"
+#include "cms/runtime/text.h"
+#include "cms/runtime/wide_text.h"
+
+namespace cms {
+namespace {
+
+constexpr std::size_t kMaxAnswerHeader = 65536;
+constexpr std::size_t kMaxErrorBody = 8192;  // enough for any SOAP fault
+
+struct FreeEasy {
+  void operator()(CURL* easy) const { curl_easy_cleanup(easy); }
+};
+struct FreeMulti {
+  void operator()(CURLM* multi) const { curl_multi_cleanup(multi); }
+};
+struct FreeUrl {
+  void operator()(CURLU* url) const { curl_url_cleanup(url); }
+};
+struct FreeList {
+  void operator()(curl_slist* list) const { curl_slist_free_all(list); }
+};
+using Headers = std::unique_ptr<curl_slist, FreeList>;
+
+void Append(Headers& list, const std::string& line) {
+  if (curl_slist* longer = curl_slist_append(list.get(), line.c_str())) {
+    static_cast<void>(list.release());
+    list.reset(longer);
+  }
+}
+
+// The lines of `text`, then the credentials. A line whose name is in the list already is left out.
+Headers RequestHeaders(const _SEND_HTTP_COMMAND_PARAM& param) {
+  Headers list;
+  const auto add = [&list](std::string_view line) {
+    const std::string_view name = line.substr(0, line.find(':') + 1);
+    for (const curl_slist* known = list.get(); known != nullptr; known = known->next) {
+      if (EqualAnyCase(std::string_view(known->data).substr(0, name.size()), name)) {
+        return;
+      }
+    }
+    Append(list, std::string(line));
+  };
+  const std::string text = Utf8FromWide(param.headers);
+  for (std::string_view rest = text; !rest.empty();) {
+    const std::size_t end = std::min(rest.find("\r\n"), rest.size());
+    if (end != 0) {
+      add(rest.substr(0, end));
+    }
+    rest.remove_prefix(std::min(end + 2, rest.size()));
+  }
+  add("Authorization: Basic " +
+      Base64(Utf8FromWide(param.userName) + ":" + Utf8FromWide(param.password)));
+  return list;
+}
+
+// Nothing for an address or a path that would not stay what it is within a request.
+std::unique_ptr<CURLU, FreeUrl> RequestUrl(const _SEND_HTTP_COMMAND_PARAM& param) {
+  std::unique_ptr<CURLU, FreeUrl> url(curl_url());
+  std::string host = Utf8FromWide(param.serverAddress);
+  if (host.find(':') != std::string::npos && !host.starts_with('[')) {
+    host = "[" + host + "]";
+  }
+  if (url == nullptr || param.port <= 0 || param.port > 65535 ||
+      curl_url_set(url.get(), CURLUPART_SCHEME, "http", 0) != CURLUE_OK ||
+      curl_url_set(url.get(), CURLUPART_HOST, host.c_str(), 0) != CURLUE_OK ||
+      curl_url_set(url.get(), CURLUPART_PORT, std::to_string(param.port).c_str(), 0) != CURLUE_OK ||
+      curl_url_set(url.get(), CURLUPART_PATH, "/", 0) != CURLUE_OK) {
+    return nullptr;
+  }
+  return url;
+}
+
+bool IsRequestTarget(std::string_view path) {
+  return path.starts_with('/') &&
+         std::ranges::none_of(path, [](char c) { return static_cast<unsigned char>(c) <= ' '; });
+}
+
+// The state of one attempt; libcurl calls Header and Body.
+class Attempt {
+ public:
+  Attempt(_SEND_HTTP_COMMAND_PARAM& param, CURLU* url, curl_slist* headers,
+          const std::string& target, const std::string& body, HttpExchangeReport& report)
+      : param_(param), report_(report), bodySize_(static_cast<curl_off_t>(body.size())) {
+    easy_.reset(curl_easy_init());
+    multi_.reset(curl_multi_init());
+    if (easy_ == nullptr || multi_ == nullptr) {
+      return;
+    }
+    Set(CURLOPT_CURLU, url);
+    Set(CURLOPT_REQUEST_TARGET, target.c_str());
+    Set(CURLOPT_HTTPHEADER, headers);
+    Set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+    Set(CURLOPT_PROTOCOLS_STR, "http");
+    Set(CURLOPT_PROXY, "");  // also against http_proxy
+    Set(CURLOPT_NOSIGNAL, 1L);
+    Set(CURLOPT_HTTP09_ALLOWED, 0L);
+    Set(CURLOPT_HEADERFUNCTION, &Attempt::Header);
+    Set(CURLOPT_HEADERDATA, static_cast<void*>(this));
+    Set(CURLOPT_WRITEFUNCTION, &Attempt::Body);
+    Set(CURLOPT_WRITEDATA, static_cast<void*>(this));
+    if (param.verb == kHttpVerbPost) {
+      Set(CURLOPT_POSTFIELDSIZE_LARGE, bodySize_);
+      Set(CURLOPT_POSTFIELDS, body.c_str());
+    }
+    added_ = curl_multi_add_handle(multi_.get(), easy_.get()) == CURLM_OK;
+  }
+  ~Attempt() {
+    if (added_) {
+      curl_multi_remove_handle(multi_.get(), easy_.get());
+    }
+  }
+  Attempt(const Attempt&) = delete;
+  Attempt& operator=(const Attempt&) = delete;
+
+  void Run(int interrupt);
+  bool IsConnected() const { return Info(CURLINFO_PRETRANSFER_TIME_T) > 0; }
+  bool WasInterrupted() const { return interrupted_; }
+
+ private:
+  enum class Step { kConnecting, kSending, kAwaiting, kReceiving };
+
+  template <typename Value>
+  void Set(CURLoption option, Value value) {
+    curl_easy_setopt(easy_.get(), option, value);
+  }
+  curl_off_t Info(CURLINFO info) const {
+    curl_off_t value = 0;
+    curl_easy_getinfo(easy_.get(), info, &value);
+    return value;
+  }
+  static std::size_t Header(char* data, std::size_t size, std::size_t count, void* self) {
+    return static_cast<Attempt*>(self)->OnHeader({data, size * count}) ? size * count : 0;
+  }
+  static std::size_t Body(char* data, std::size_t size, std::size_t count, void* self) {
+    return static_cast<Attempt*>(self)->OnBody({data, size * count}) ? size * count : 0;
+  }
+  bool OnHeader(std::string_view line);
+  bool OnBody(std::string_view data);
+  Step CurrentStep() const;
+  unsigned TimeFor(Step step) const;
+  static const char* NameOf(Step step);
+  bool PassesDeadline(std::uint64_t now);
+  void Finish(CURLcode code);
+
+  _SEND_HTTP_COMMAND_PARAM& param_;
+  HttpExchangeReport& report_;
+  const curl_off_t bodySize_;
+  std::unique_ptr<CURL, FreeEasy> easy_;
+  std::unique_ptr<CURLM, FreeMulti> multi_;
+  bool added_ = false;
+  bool interrupted_ = false;
+  std::string header_;
+  bool headerEnded_ = false;
+  Step step_ = Step::kConnecting;
+  std::uint64_t stepBegan_ = 0;
+};
+
+bool Attempt::OnHeader(std::string_view line) {
+  if (line.starts_with("HTTP/")) {  // an interim answer's header does not count
+    header_.clear();
+    headerEnded_ = false;
+  }
+  header_ += line;
+  headerEnded_ = headerEnded_ || line == "\r\n" || line == "\n";
+  return header_.size() <= kMaxAnswerHeader;
+}
+
+bool Attempt::OnBody(std::string_view data) {
+  if (header_.find("200 OK") == std::string::npos) {
+    report_.body.append(data.substr(0, kMaxErrorBody - report_.body.size()));
+    return report_.body.size() < kMaxErrorBody;
+  }
+  if (param_.answer == nullptr || param_.answerCapacity == 0) {
+    return false;
+  }
+  const std::size_t room = param_.answerCapacity - 1 - param_.answerLength;
+  const std::size_t size = std::min(room, data.size());
+  std::memcpy(param_.answer + param_.answerLength, data.data(), size);
+  param_.answerLength += static_cast<unsigned>(size);
+  report_.cut = size < data.size();
+  return !report_.cut;
+}
+
+Attempt::Step Attempt::CurrentStep() const {
+  if (headerEnded_) {
+    return Step::kReceiving;
+  }
+  if (!IsConnected()) {
+    return Step::kConnecting;
+  }
+  return Info(CURLINFO_SIZE_UPLOAD_T) < bodySize_ && param_.verb == kHttpVerbPost ? Step::kSending
+                                                                                  : Step::kAwaiting;
+}
+
+unsigned Attempt::TimeFor(Step step) const {
+  switch (step) {
+    case Step::kConnecting:
+      return param_.connectTimeout;
+    case Step::kSending:
+      return param_.controlSendTimeout + param_.dataSendTimeout;
+    case Step::kAwaiting:
+      return param_.controlReceiveTimeout;
+    case Step::kReceiving:
+      return param_.dataReceiveTimeout;
+  }
+  return 0;
+}
+
+const char* Attempt::NameOf(Step step) {
+  switch (step) {
+    case Step::kConnecting:
+      return "no connection";
+    case Step::kSending:
+      return "the request was not taken";
+    case Step::kAwaiting:
+      return "no answer";
+    case Step::kReceiving:
+      return "the answer did not end";
+  }
+  return "";
+}
+
+bool Attempt::PassesDeadline(std::uint64_t now) {
+  if (const Step step = CurrentStep(); step != step_ || stepBegan_ == 0) {
+    step_ = step;
+    stepBegan_ = now;
+  }
+  if (now - stepBegan_ < TimeFor(step_)) {
+    return false;
+  }
+  report_.error = std::string(NameOf(step_)) + " within " + std::to_string(TimeFor(step_)) + " ms";
+  return true;
+}
+
+void Attempt::Finish(CURLcode code) {
+  const bool ok = header_.find("200 OK") != std::string::npos;
+  // A body that OnBody had enough of is whole for the caller.
+  const bool enough = code == CURLE_WRITE_ERROR && headerEnded_;
+  report_.answered = !header_.empty();
+  if (code != CURLE_OK && !enough) {
+    report_.error = header_.size() > kMaxAnswerHeader ? "the answer's header does not end"
+                    : code == CURLE_PARTIAL_FILE      ? "the answer broke off"
+                                                      : curl_easy_strerror(code);
+  } else if (ok) {
+    param_.result = kHttpOk;
+  } else if (header_.find("401 Unauthorized") != std::string::npos) {
+    param_.result = kHttpUnauthorized;
+    report_.error = "the user name or the password is wrong (401 Unauthorized)";
+  } else {
+    report_.error = "answered " + header_.substr(0, std::min<std::size_t>(header_.find('\r'), 100));
+  }
+}
+
+void Attempt::Run(int interrupt) {
+  if (!added_) {
+    report_.error = "the HTTP client cannot be started";
+    return;
+  }
+  curl_waitfd woken{.fd = interrupt, .events = CURL_WAIT_POLLIN, .revents = 0};
+  for (;;) {
+    int running = 0;
+    curl_multi_perform(multi_.get(), &running);
+    int left = 0;
+    if (const CURLMsg* message = curl_multi_info_read(multi_.get(), &left)) {
+      Finish(message->data.result);
+      return;
+    }
+    const std::uint64_t now = TickMilliseconds();
+    if (PassesDeadline(now)) {
+      report_.answered = !header_.empty();
+      return;
+    }
+    const std::uint64_t left_ms = stepBegan_ + TimeFor(step_) - now;
+    curl_multi_poll(multi_.get(), &woken, 1, static_cast<int>(left_ms), nullptr);
+    if (woken.revents != 0) {
+      interrupted_ = true;
+      report_.error = "interrupted";
+      return;
+    }
+  }
+}
+
+}  // namespace
+
+HttpExchangeReport ExchangeHttp(_SEND_HTTP_COMMAND_PARAM& param, int interrupt) {
+  static const CURLcode initialized = curl_global_init(CURL_GLOBAL_ALL);
+  HttpExchangeReport report;
+  param.result = kHttpFailed;
+  const auto clear = [&param] {
+    param.answerLength = 0;
+    if (param.answer != nullptr && param.answerCapacity > 0) {
+      param.answer[0] = '\0';
+    }
+  };
+  clear();
+  const std::string target = Utf8FromWide(param.objectPath);
+  const std::string body = Utf8FromWide(param.body);
+  const auto url = RequestUrl(param);
+  if (initialized != CURLE_OK) {
+    report.error = "the HTTP client cannot be started";
+  } else if (url == nullptr) {
+    report.error = "not an address and a port";
+  } else if (!IsRequestTarget(target)) {
+    report.error = "not a path of a request";
+  }
+  if (!report.error.empty()) {
+    return report;
+  }
+  const Headers headers = RequestHeaders(param);
+  for (unsigned attempts = 0;; ++attempts) {
+    report = {};
+    Attempt attempt(param, url.get(), headers.get(), target, body, report);
+    attempt.Run(interrupt);
+    if (attempt.IsConnected() || attempt.WasInterrupted() || attempts >= param.connectRetries) {
+      break;
+    }
+  }
+  if (param.result != kHttpOk) {
+    clear();
+  } else if (param.answer != nullptr && param.answerCapacity > 0) {
+    param.answer[param.answerLength] = '\0';
+  }
+  return report;
+}
+
+}  // namespace cms

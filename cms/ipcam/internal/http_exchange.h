@@ -1,0 +1,21 @@
+// One HTTP/1.1 exchange over libcurl, bounded in time and size.
+#pragma once
+
+#include <string>
+
+#include "cms/ipcam/http_command.h"
+
+namespace cms {
+
+struct HttpExchangeReport {
+  bool answered = false;  // a status line came
+  bool cut = false;       // the body was longer than the answer buffer
+  std::string error;      // UTF-8; empty when the result is kHttpOk
+  std::string body;       // of an answer that is not "200 OK", its beginning
+};
+
+// Sends the request and fills answerLength and result. `interrupt` is a descriptor that ends the
+// exchange when it becomes readable. Reads no environment variable, follows no redirection.
+HttpExchangeReport ExchangeHttp(_SEND_HTTP_COMMAND_PARAM& param, int interrupt);
+
+}  // namespace cms

@@ -1,0 +1,329 @@
+#include "cms/ipcam/internal/onvif_answers.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <ctime>
+
+#include "cms/ipcam/capability_tables.h"
+#include "cms/ipcam/internal/tag_search.h"
+#include "cms/runtime/wide_text.h"
+
+namespace cms {
+namespace {
+
+bool Holds(std::wstring_view answer, std::wstring_view name) {
+  return answer.find(name) != std::wstring_view::npos;
+}
+
+stMulticastConfiguration Multicast(std::wstring_view block) {
+  stMulticastConfiguration multicast;
+  if (const std::wstring address = TextOf(block, L"tt:IPv4Address"); !address.empty()) {
+    multicast.address = address;
+  }
+  multicast.port = IntegerOf(block, L"tt:Port");
+  multicast.ttl = IntegerOf(block, L"tt:TTL", multicast.ttl);
+  multicast.autoStart = TruthOf(block, L"tt:AutoStart");
+  return multicast;
+}
+
+stResolution Resolution(std::wstring_view block) {
+  return {IntegerOf(block, L"tt:Width"), IntegerOf(block, L"tt:Height")};
+}
+
+stVideoEncoderConfiguration VideoEncoder(std::wstring_view block) {
+  stVideoEncoderConfiguration encoder;
+  encoder.token = Token(block);
+  encoder.name = TextOf(block, L"tt:Name");
+  encoder.useCount = IntegerOf(block, L"tt:UseCount");
+  encoder.encoding = TextOf(block, L"tt:Encoding");
+  encoder.resolution = Resolution(ElementContent(block, L"tt:Resolution"));
+  encoder.quality = NumberOf(block, L"tt:Quality").value_or(0);
+  encoder.frameRateLimit = IntegerOf(block, L"tt:FrameRateLimit");
+  encoder.encodingInterval = IntegerOf(block, L"tt:EncodingInterval", encoder.encodingInterval);
+  encoder.bitrateLimit = IntegerOf(block, L"tt:BitrateLimit");
+  encoder.govLength = IntegerOf(block, L"tt:GovLength");
+  encoder.h264Profile = TextOf(block, L"tt:H264Profile");
+  encoder.multicast = Multicast(ElementContent(block, L"tt:Multicast"));
+  if (const std::wstring timeout = TextOf(block, L"tt:SessionTimeout"); !timeout.empty()) {
+    encoder.sessionTimeout = timeout;
+  }
+  return encoder;
+}
+
+stAudioEncoderConfiguration AudioEncoder(std::wstring_view block) {
+  return {.token = Token(block),
+          .name = TextOf(block, L"tt:Name"),
+          .encoding = TextOf(block, L"tt:Encoding"),
+          .bitrate = IntegerOf(block, L"tt:Bitrate"),
+          .sampleRate = IntegerOf(block, L"tt:SampleRate")};
+}
+
+stVideoProfile Profile(std::wstring_view block) {
+  stVideoProfile profile;
+  profile.token = Token(block);
+  profile.name = TextOf(block, L"tt:Name");
+  std::wstring_view part;
+  if (std::wstring_view rest = block; TakeElement(rest, L"tt:VideoSourceConfiguration", part)) {
+    profile.videoSourceConfigurationToken = Token(part);
+    profile.videoSourceToken = TextOf(part, L"tt:SourceToken");
+  }
+  if (std::wstring_view rest = block; TakeElement(rest, L"tt:VideoEncoderConfiguration", part)) {
+    profile.videoEncoder = VideoEncoder(part);
+  }
+  if (std::wstring_view rest = block; TakeElement(rest, L"tt:AudioEncoderConfiguration", part)) {
+    profile.audioEncoder = AudioEncoder(part);
+  }
+  if (std::wstring_view rest = block; TakeElement(rest, L"tt:MetadataConfiguration", part)) {
+    profile.metadataConfigurationToken = Token(part);
+  }
+  return profile;
+}
+
+void AddCodec(std::wstring_view answer, std::wstring_view encoding,
+              std::vector<stCodecOptions>& codecs) {
+  const std::wstring name = L"tt:" + std::wstring(encoding);
+  std::wstring_view rest = answer;
+  std::wstring_view block;
+  if (!TakeElement(rest, name, block)) {
+    return;
+  }
+  stCodecOptions codec;
+  codec.encoding = encoding;
+  for (std::wstring_view sizes = block, one; TakeElement(sizes, L"tt:ResolutionsAvailable", one);) {
+    codec.resolutions.push_back(Resolution(one));
+  }
+  codec.frameRate = RangeOf(block, L"tt:FrameRateRange");
+  codec.encodingInterval = RangeOf(block, L"tt:EncodingIntervalRange");
+  codec.govLength = RangeOf(block, L"tt:GovLengthRange");
+  codec.h264Profiles = TextsOf(block, L"tt:H264ProfilesSupported");
+  // A second element of the codec, in the extension, tells the bit rates.
+  std::wstring_view extension;
+  codec.bitrate = TakeElement(rest, name, extension) ? RangeOf(extension, L"tt:BitrateRange")
+                                                     : RangeOf(block, L"tt:BitrateRange");
+  codecs.push_back(std::move(codec));
+}
+
+// The modes of an options element: <tt:Mode> as often as there are.
+std::vector<std::wstring> Modes(std::wstring_view answer, std::wstring_view name) {
+  return TextsOf(ElementContent(answer, name), L"tt:Mode");
+}
+
+std::optional<std::wstring> Mode(std::wstring_view answer, std::wstring_view name) {
+  std::wstring mode = TextOf(ElementContent(answer, name), L"tt:Mode");
+  return mode.empty() ? std::nullopt : std::optional(std::move(mode));
+}
+
+}  // namespace
+
+std::optional<std::int64_t> ParseSystemDateAndTime(std::wstring_view answer) {
+  constexpr std::wstring_view kClock = L"<tds:SystemDateAndTime>";
+  const std::size_t found = answer.find(kClock);
+  if (found == std::wstring_view::npos) {
+    return std::nullopt;
+  }
+  answer.remove_prefix(found);
+  // Some cameras tell their local time first.
+  if (const std::size_t utc = answer.find(L"<tt:UTCDateTime"); utc != std::wstring_view::npos) {
+    answer.remove_prefix(utc);
+  }
+  constexpr int kMissing = -1;
+  std::tm fields{};
+  fields.tm_hour = IntegerOf(answer, L"tt:Hour", kMissing);
+  fields.tm_min = IntegerOf(answer, L"tt:Minute", kMissing);
+  fields.tm_sec = IntegerOf(answer, L"tt:Second", kMissing);
+  fields.tm_year = IntegerOf(answer, L"tt:Year", kMissing) - 1900;
+  fields.tm_mon = IntegerOf(answer, L"tt:Month", kMissing) - 1;
+  fields.tm_mday = IntegerOf(answer, L"tt:Day", kMissing);
+  const bool valid = fields.tm_hour >= 0 && fields.tm_hour <= 23 && fields.tm_min >= 0 &&
+                     fields.tm_min <= 59 && fields.tm_sec >= 0 && fields.tm_sec <= 60 &&
+                     fields.tm_year >= 0 && fields.tm_year <= 8099 && fields.tm_mon >= 0 &&
+                     fields.tm_mon <= 11 && fields.tm_mday >= 1 && fields.tm_mday <= 31;
+  if (!valid) {
+    return std::nullopt;
+  }
+  // UTC here and in UtcText, so that the camera's UTC fields come back in every time zone, and in
+  // the hour that daylight saving leaves out.
+  return timegm(&fields);
+}
+
+std::string FaultReason(std::wstring_view answer) {
+  constexpr std::size_t kMaxCharacters = 200;
+  if (!Holds(answer, L"<SOAP-ENV:Fault")) {
+    return {};
+  }
+  const std::wstring_view fault = ElementContent(answer, L"SOAP-ENV:Fault");
+  std::wstring reason = TextOf(fault, L"SOAP-ENV:Text");
+  if (reason.empty()) {
+    reason = TextOf(fault, L"SOAP-ENV:Value");
+  }
+  reason.resize(std::min(reason.size(), kMaxCharacters));
+  std::ranges::replace_if(
+      reason, [](wchar_t c) { return c < L' ' || c == 0x7F; }, L' ');
+  return reason.empty() ? "a fault without a reason" : Utf8FromWide(reason);
+}
+
+bool IsNotAuthorizedFault(std::wstring_view answer) {
+  return Holds(ElementContent(answer, L"SOAP-ENV:Fault"), L"NotAuthorized");
+}
+
+bool ParseDeviceInformation(std::wstring_view answer, stONVIFDeviceInformation& device) {
+  if (!Holds(answer, L"<tds:Model")) {
+    return false;
+  }
+  device = {.manufacturer = TextOf(answer, L"tds:Manufacturer"),
+            .model = TextOf(answer, L"tds:Model"),
+            .firmwareVersion = TextOf(answer, L"tds:FirmwareVersion"),
+            .serialNumber = TextOf(answer, L"tds:SerialNumber"),
+            .hardwareId = TextOf(answer, L"tds:HardwareId")};
+  return true;
+}
+
+bool ParseProfiles(std::wstring_view answer, std::vector<stVideoProfile>& profiles) {
+  if (!Holds(answer, L"trt:GetProfilesResponse")) {
+    return false;
+  }
+  profiles.clear();
+  for (std::wstring_view one; TakeElement(answer, L"trt:Profiles", one);) {
+    if (stVideoProfile profile = Profile(one); !profile.token.empty()) {
+      profiles.push_back(std::move(profile));
+    }
+  }
+  return true;
+}
+
+bool ParseStreamUri(std::wstring_view answer, std::wstring& uri) {
+  const std::wstring found = TextOf(answer, L"tt:Uri");
+  if (found.empty()) {
+    return false;
+  }
+  uri = found;
+  return true;
+}
+
+bool ParseVideoEncoderConfigurations(std::wstring_view answer,
+                                     std::vector<stVideoEncoderConfiguration>& configurations) {
+  if (!Holds(answer, L"VideoEncoderConfigurationsResponse")) {
+    return false;
+  }
+  configurations.clear();
+  for (std::wstring_view one; TakeElement(answer, L"trt:Configurations", one);) {
+    configurations.push_back(VideoEncoder(one));
+  }
+  return true;
+}
+
+bool ParseVideoEncoderOptions(std::wstring_view answer, stVideoEncoderOptions& options) {
+  if (!Holds(answer, L"<trt:Options")) {
+    return false;
+  }
+  options.quality = RangeOf(answer, L"tt:QualityRange");
+  options.codecs.clear();
+  for (const std::wstring_view codec : CodecNames()) {
+    AddCodec(answer, codec, options.codecs);
+  }
+  return true;
+}
+
+bool ParseCreatedProfile(std::wstring_view answer, std::wstring& token) {
+  std::wstring_view profile;
+  if (!TakeElement(answer, L"trt:Profile", profile)) {
+    return false;
+  }
+  const std::wstring found = Token(profile);
+  if (found.empty()) {
+    return false;
+  }
+  token = found;
+  return true;
+}
+
+bool ParseImagingOptions(std::wstring_view answer, stImagingOptions& options) {
+  if (!Holds(answer, L"<timg:ImagingOptions")) {
+    return false;
+  }
+  const std::wstring_view whiteBalance = ElementContent(answer, L"tt:WhiteBalance");
+  options = {.brightness = RangeOf(answer, L"tt:Brightness"),
+             .colorSaturation = RangeOf(answer, L"tt:ColorSaturation"),
+             .contrast = RangeOf(answer, L"tt:Contrast"),
+             .sharpness = RangeOf(answer, L"tt:Sharpness"),
+             .irCutFilterModes = TextsOf(answer, L"tt:IrCutFilterModes"),
+             .whiteBalanceModes = TextsOf(whiteBalance, L"tt:Mode"),
+             .crGain = RangeOf(whiteBalance, L"tt:YrGain"),
+             .cbGain = RangeOf(whiteBalance, L"tt:YbGain"),
+             .backlightCompensationModes = Modes(answer, L"tt:BacklightCompensation"),
+             .wideDynamicRangeModes = Modes(answer, L"tt:WideDynamicRange")};
+  return true;
+}
+
+bool ParseImagingSettings(std::wstring_view answer, stImagingSettings& settings) {
+  if (!Holds(answer, L"<timg:ImagingSettings")) {
+    return false;
+  }
+  settings = {.brightness = NumberOf(answer, L"tt:Brightness"),
+              .colorSaturation = NumberOf(answer, L"tt:ColorSaturation"),
+              .contrast = NumberOf(answer, L"tt:Contrast"),
+              .sharpness = NumberOf(answer, L"tt:Sharpness"),
+              .irCutFilter = {},
+              .whiteBalance = {},
+              .backlightCompensation = Mode(answer, L"tt:BacklightCompensation"),
+              .wideDynamicRange = Mode(answer, L"tt:WideDynamicRange")};
+  if (std::wstring mode = TextOf(answer, L"tt:IrCutFilter"); !mode.empty()) {
+    settings.irCutFilter = std::move(mode);
+  }
+  if (const std::wstring_view block = ElementContent(answer, L"tt:WhiteBalance"); !block.empty()) {
+    settings.whiteBalance = stWhiteBalance{.mode = TextOf(block, L"tt:Mode"),
+                                           .crGain = NumberOf(block, L"tt:CrGain").value_or(0),
+                                           .cbGain = NumberOf(block, L"tt:CbGain").value_or(0)};
+  }
+  return true;
+}
+
+bool ParseNetworkInterfaces(std::wstring_view answer, std::vector<stNetworkInterface>& interfaces) {
+  if (!Holds(answer, L"tds:GetNetworkInterfacesResponse")) {
+    return false;
+  }
+  interfaces.clear();
+  for (std::wstring_view one; TakeElement(answer, L"tds:NetworkInterfaces", one);) {
+    stNetworkInterface interface;
+    interface.token = Token(one);
+    const std::wstring_view info = ElementContent(one, L"tt:Info");
+    interface.name = TextOf(info, L"tt:Name");
+    interface.hardwareAddress = TextOf(info, L"tt:HwAddress");
+    interface.enabled = TruthOf(one, L"tt:Enabled");
+    const std::wstring_view ipv4 = ElementContent(one, L"tt:IPv4");
+    interface.dhcp = TruthOf(ipv4, L"tt:DHCP");
+    std::wstring_view inUse = ElementContent(ipv4, interface.dhcp ? L"tt:FromDHCP" : L"tt:Manual");
+    if (inUse.empty()) {
+      inUse = ipv4;
+    }
+    interface.address = TextOf(inUse, L"tt:Address");
+    interface.prefixLength = IntegerOf(inUse, L"tt:PrefixLength");
+    interfaces.push_back(std::move(interface));
+  }
+  return true;
+}
+
+bool ParseGateway(std::wstring_view answer, std::wstring& gateway) {
+  if (!Holds(answer, L"<tds:NetworkGateway")) {
+    return false;
+  }
+  gateway = TextOf(ElementContent(answer, L"tds:NetworkGateway"), L"tt:IPv4Address");
+  return true;
+}
+
+bool ParseNameServers(std::wstring_view answer, stNetworkConfiguration& network) {
+  if (!Holds(answer, L"<tds:DNSInformation")) {
+    return false;
+  }
+  network.dnsFromDhcp = TruthOf(answer, L"tt:FromDHCP");
+  network.dns.clear();
+  const std::wstring_view list = network.dnsFromDhcp ? L"tt:DNSFromDHCP" : L"tt:DNSManual";
+  for (std::wstring_view one; TakeElement(answer, list, one);) {
+    if (std::wstring address = TextOf(one, L"tt:IPv4Address"); !address.empty()) {
+      network.dns.push_back(std::move(address));
+    }
+  }
+  return true;
+}
+
+}  // namespace cms
