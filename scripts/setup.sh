@@ -8,13 +8,14 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 run_packages=(
   cmake ninja-build g++ pkg-config
   libssl-dev libcurl4-openssl-dev libasound2-dev libavcodec-dev libavutil-dev libswscale-dev
-  libcli11-dev nlohmann-json3-dev libpng-dev libsndfile1-dev
+  libcli11-dev nlohmann-json3-dev libpng-dev libturbojpeg0-dev libsndfile1-dev
   libgstrtspserver-1.0-dev libgstreamer-plugins-base1.0-dev
   gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad
   gstreamer1.0-plugins-ugly gstreamer1.0-libav
 )
 # The tests and their peers.
-test_packages=("${run_packages[@]}" libgtest-dev libgmock-dev libavformat-dev ffmpeg sox python3 curl iproute2 procps)
+test_packages=("${run_packages[@]}" libgtest-dev libgmock-dev libavformat-dev ffmpeg sox python3 curl iproute2 procps
+  chromium chromium-driver python3-selenium)
 # The slower checks of .ci/run.
 # shellcheck disable=SC2034
 ci_packages=(

@@ -23,5 +23,6 @@ void AddInspectCommand(CLI::App& app, CommandResult& result);
 void AddLiveCommand(CLI::App& app, CommandResult& result);
 void AddRepairCommand(CLI::App& app, CommandResult& result);
 void AddSearchCommand(CLI::App& app, CommandResult& result);
+void AddServeCommand(CLI::App& app, CommandResult& result);
 
 }  // namespace tools

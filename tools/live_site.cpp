@@ -84,11 +84,10 @@ LiveSite::LiveSite(const LiveOptions& options) : options_(options) {
   shownUrl_ = WithoutPassword(*url, user);
   client_ = MakeClient(*url, user, password);
   client_->SetThreadedDecode(true);
+  const tagSIZE size{options.width, options.height};
+  client_->SetDecoder(0, DECODER_PARAMETER_DISPLAY_SIZE, &size);
   if (options.decode) {
-    const tagSIZE size{options.width, options.height};
-    client_->SetDecoder(0, DECODER_PARAMETER_DISPLAY_SIZE, &size);
-    client_->EnableDecode(0, 0);
-    client_->SetMustDecode(1);
+    SetDecoding(true);
   }
   if (options.listen) {
     Listen();
@@ -237,21 +236,59 @@ nlohmann::ordered_json LiveSite::Json() const {
           {"reconnects", Status().reconnects}};
 }
 
-void LiveSite::WriteSnapshot(const std::string& path) {
+nlohmann::ordered_json LiveSite::StatusJson() {
+  constexpr const char* kStates[] = {"closed", "opening", "playing", "waiting"};
+  const ConnectionStatus status = Status();
+  const bool playing = status.state == ConnectionState::kPlaying;
+  nlohmann::ordered_json told = Json();
+  told["state"] = kStates[static_cast<int>(status.state)];
+  told["fault"] = playing || status.fault == ConnectionFault::kNone
+                      ? ""
+                      : std::string(ConnectionFaultName(status.fault));
+  told["detail"] = playing ? "" : status.detail;
+  told["recent_fps"] = playing ? client_->GetFps() : 0.0;
+  told["recent_kbps"] = playing ? client_->GetKbps() : 0.0;
+  return told;
+}
+
+void LiveSite::SetDecoding(bool decode) {
+  if (decode) {
+    client_->EnableDecode(0, 0);
+  } else {
+    client_->DisableDecode(0);
+  }
+  client_->SetMustDecode(decode ? 1 : 0);
+}
+
+unsigned LiveSite::DecodedPictures() const {
+  unsigned decoded = 0;
+  client_->GetDecodeStatus(0, &decoded, nullptr, nullptr);
+  return decoded;
+}
+
+bool LiveSite::WithPicture(const std::function<void(const unsigned char*, const tagSIZE&)>& use) {
+  // The unlocking is owed for no picture as well.
+  struct Unlock {
+    CMSClientBase& client;
+    ~Unlock() { client.unlockDecodedImage(0); }
+  };
   tagSIZE size{};
   const unsigned char* const picture = client_->lockDecodedImage(0, &size);
-  try {
-    if (picture == nullptr) {
-      throw std::runtime_error((Codec() == "MP4V-ES" ? "MPEG-4 video is received but not decoded"
-                                                     : "no picture was decoded") +
-                               std::string(", so ") + path + " was not written");
-    }
-    WritePng(path, picture, size.cx, size.cy);
-  } catch (...) {
-    client_->unlockDecodedImage(0);
-    throw;
+  const Unlock unlock{*client_};
+  if (picture != nullptr) {
+    use(picture, size);
   }
-  client_->unlockDecodedImage(0);
+  return picture != nullptr;
+}
+
+void LiveSite::WriteSnapshot(const std::string& path) {
+  if (!WithPicture([&](const unsigned char* picture, const tagSIZE& size) {
+        WritePng(path, picture, size.cx, size.cy);
+      })) {
+    throw std::runtime_error((Codec() == "MP4V-ES" ? "MPEG-4 video is received but not decoded"
+                                                   : "no picture was decoded") +
+                             std::string(", so ") + path + " was not written");
+  }
 }
 
 }  // namespace tools

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -42,6 +43,16 @@ class LiveSite {
   std::string StatusLine();                             // rates since the last one, for people
   nlohmann::ordered_json Json() const;                  // before Close
   const std::string& Url() const { return shownUrl_; }  // without the password
+
+  // What the site does at this moment, beside the totals.
+  nlohmann::ordered_json StatusJson();
+
+  // Decoding on and off while the site runs. It begins with the next key frame.
+  void SetDecoding(bool decode);
+  unsigned DecodedPictures() const;
+  // Calls `use` with the newest picture as BGRA rows without gaps, during which decoding waits;
+  // false when there is none.
+  bool WithPicture(const std::function<void(const unsigned char*, const tagSIZE&)>& use);
 
   // Writes the newest picture; throws std::runtime_error when there is none or the file fails.
   void WriteSnapshot(const std::string& path);

@@ -38,6 +38,7 @@ int main(int argc, char** argv) {
   tools::CommandResult result;
   tools::AddLiveCommand(app, result);
   tools::AddCameraCommand(app, result);
+  tools::AddServeCommand(app, result);
   tools::AddAudioCommand(app, result);
   tools::AddBroadcastCommand(app, result);
   tools::AddInspectCommand(app, result);

@@ -88,6 +88,14 @@ int EnableWhiteBlackList(HttpServer* server, int enable) {
   return 1;
 }
 
+int EnableFirstLineTarget(HttpServer* server, int enable) {
+  if (server == nullptr) {
+    return 0;
+  }
+  server->ReadFirstLineOnly(enable != 0);
+  return 1;
+}
+
 int AllowAccess(HttpServer* server, std::uint32_t address) {
   return server != nullptr ? server->AllowAccess(address) : 0;
 }

@@ -31,6 +31,11 @@ CMS_API int GetHttpServerPort(HttpServer* server);
 // marker "IE".
 CMS_API int RegisterEgi(HttpServer* server, const char* name, EgiCallback callback);
 
+// Non-zero: the target is looked for in the first line of a request alone. Browsers send headers
+// with a "?" in them to servers of their own host (Sec-Fetch-User, Sec-CH-UA-Mobile), behind which
+// a target without a query is not found otherwise. Off at first.
+CMS_API int EnableFirstLineTarget(HttpServer* server, int enable);
+
 // Adds (3) or removes (4) a range of client addresses; see AccessRange. Always 1.
 CMS_API int SetWhiteBlackListInfo(HttpServer* server, std::uint32_t low, std::uint32_t high,
                                   std::uint32_t kind, int operation);

@@ -129,6 +129,23 @@ TEST_F(HttpAnswerTest, DatesAndNonces) {
   EXPECT_THAT(cms::HeaderBlock(4, 0, false, 0), Not(HasSubstr("WWW-Authenticate")));
 }
 
+// What a browser sends to a server of its own host.
+TEST_F(HttpAnswerTest, ABrowserFindsAPlainTargetOnceTheFirstLineCountsAlone) {
+  On("/page", [](HttpRequest* request, const char*, std::uint32_t) {
+    std::string query;
+    GetQueryData(request, &query);
+    return RequestWrite(request, ("found " + query).c_str());
+  });
+  Start();
+  const std::string headers = "Sec-Fetch-User: ?1\r\nReferer: http://h/?a b\r\n";
+  EXPECT_THAT(Ask(Request("/page", headers)), StartsWith("HTTP/1.1 404"));
+  EXPECT_EQ(EnableFirstLineTarget(server_, 1), 1);
+  EXPECT_THAT(Ask(Request("/page", headers)), EndsWith("found "));
+  EXPECT_THAT(Ask(Request("/page?x=?", headers)), EndsWith("found x=?"));
+  EXPECT_THAT(Ask("GET /page\r\nHTTP/1.1 "), StartsWith("HTTP/1.1 404"));
+  EXPECT_EQ(EnableFirstLineTarget(nullptr, 1), 0);
+}
+
 TEST_F(HttpAnswerTest, ParsesRequests) {
   struct Case {
     const char* text;

@@ -112,7 +112,7 @@ bool HttpRequest::Receive() {
 }
 
 void HttpRequest::Answer() {
-  if (!cms::ParseRequest(text_, parsed_)) {
+  if (!cms::ParseRequest(text_, parsed_, server_.ReadsFirstLineOnly())) {
     Refuse(kHttpBadRequest, kBadRequestBody);
     return;
   }

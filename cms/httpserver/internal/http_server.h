@@ -51,6 +51,8 @@ class HttpServer {
   void ChangeAccessList(const AccessRange& range, int operation);
   void ClearAccessList();
   void CheckAccess(bool check) { checks_access_.store(check, std::memory_order_relaxed); }
+  void ReadFirstLineOnly(bool only) { first_line_only_.store(only, std::memory_order_relaxed); }
+  bool ReadsFirstLineOnly() const { return first_line_only_.load(std::memory_order_relaxed); }
   bool ChecksAccess() const { return checks_access_.load(std::memory_order_relaxed); }
   int AllowAccess(std::uint32_t address) const;
 
@@ -74,6 +76,7 @@ class HttpServer {
   const tHttpServerConfig config_;
   std::atomic<bool> running_{false};
   std::atomic<bool> checks_access_{false};
+  std::atomic<bool> first_line_only_{false};
   std::atomic<int> listening_{-1};  // closed by the accept thread
   std::atomic<std::uint16_t> bound_port_;
   std::atomic<int> lingering_{0};

@@ -20,7 +20,7 @@ std::string_view WithoutScheme(std::string_view value) {
 
 }  // namespace
 
-bool ParseRequest(std::string_view text, ParsedRequest& parsed) {
+bool ParseRequest(std::string_view text, ParsedRequest& parsed, bool firstLineOnly) {
   parsed = {};
   if (text.find("HTTP/1.1") == kNone && text.find("HTTP/1.0") == kNone) {
     return false;
@@ -30,7 +30,10 @@ bool ParseRequest(std::string_view text, ParsedRequest& parsed) {
     marker = text.find("Trident");
   }
   parsed.clientIsIe = marker != kNone;
-  const std::string_view head = text.substr(0, marker);
+  std::string_view head = text.substr(0, marker);
+  if (firstLineOnly) {
+    head = head.substr(0, head.find_first_of("\r\n"));
+  }
 
   const auto method_end = head.find_first_of(" /");
   if (method_end == kNone) {

@@ -24,6 +24,8 @@ struct ParsedRequest {
 // name an old Internet Explorer, in the text in front of that name. So a "?" in any header
 // there makes the command run up to it: pages that this server gives out should tell browsers to
 // send no Referer.
-bool ParseRequest(std::string_view text, ParsedRequest& parsed);
+//
+// With `firstLineOnly` it is looked for in the first line alone.
+bool ParseRequest(std::string_view text, ParsedRequest& parsed, bool firstLineOnly = false);
 
 }  // namespace cms

@@ -1,0 +1,153 @@
+#!/usr/bin/env python3
+"""orvanta serve, asked by curl: who may see what, and what is answered.
+
+Usage: serve_test.py ORVANTA
+"""
+
+import json
+import socket
+import subprocess
+import sys
+import tempfile
+
+from orvanta_process import LIMIT, Orvanta, wait_for
+
+PROGRAM = sys.argv[1]
+LOGIN = ("--user", "me", "--password", "se cret")
+
+
+def curl(server, target, *options, login="me:se cret"):
+    """Status and body; --digest unless login is None."""
+    who = ["--digest", "-u", login] if login else []
+    result = subprocess.run(
+        ["curl", "-sS", "-m", str(LIMIT), "-w", "\n%{http_code}", *who, *options,
+         server.start["url"].rstrip("/") + target],
+        capture_output=True, check=False)
+    assert result.returncode == 0, result.stderr
+    body, status = result.stdout.rsplit(b"\n", 1)
+    return int(status), body
+
+
+def status(server):
+    code, body = curl(server, "/auth/status")
+    assert code == 200, body
+    return json.loads(body)["sites"]
+
+
+class Watcher:
+    """The endless answer of live pictures, record by record."""
+
+    def __init__(self, server, target):
+        command = ["curl", "-sSN", "--digest", "-u", "me:se cret", server.start["url"][:-1] + target]
+        self.process = subprocess.Popen(command, stdout=subprocess.PIPE)
+
+    def record(self):
+        about = json.loads(self.process.stdout.readline())
+        return about, self.process.stdout.read(about.get("bytes", 0))
+
+    def picture(self, site):
+        while True:
+            about, jpeg = self.record()
+            if jpeg and about["site"] == site:
+                return about, jpeg
+
+    def end(self):
+        self.process.terminate()
+        self.process.wait()
+        self.process.stdout.close()
+
+
+def serve(data, *arguments):
+    return Orvanta(PROGRAM, "serve", "--port", "0", "--data", data, *arguments)
+
+
+def only_who_logs_in(data):
+    with serve(data, *LOGIN, "rtsp://127.0.0.1:1/<script>&") as server:
+        assert list(server.start) == ["url", "port"]
+        code, page = curl(server, "/", login=None)
+        # Self-contained, and nothing in it but itself.
+        assert code == 200 and b'data-login=""' in page and b"</html>" in page
+        assert b"src=" not in page and b"://" not in page, "something from outside"
+        for target in ("/auth/status", "/auth/live", "/auth/days?month=2026-11"):
+            assert curl(server, target, login=None)[0] == 401
+            assert curl(server, target, login="me:wrong")[0] == 401
+            assert curl(server, target, login="you:se cret")[0] == 401
+            assert curl(server, target.removeprefix("/auth"))[0] == 404
+        code, body = curl(server, "/auth/status")
+        assert code == 200 and b"<" not in body and b"&" not in body, body
+        site = wait_for(lambda: [s for s in status(server) if s["fault"]], "the fault is told")[0]
+        assert "<script>&" in site["url"] and site["fault"] == "unreachable", site
+        for bad in ("/auth/days", "/auth/days?month=2026-13", "/auth/days?month=%s%n",
+                    "/auth/recordings?from=0&to=9", "/auth/recordings?from=5&to=4",
+                    "/auth/recordings?from=1&to=99999999999999999999"):
+            code, body = curl(server, bad)
+            assert code == 400 and json.loads(body)["error"], (bad, code, body)
+        code, body = curl(server, "/auth/days?month=2026-11")
+        assert code == 200 and json.loads(body)["days"] == []
+        assert server.end() == 0
+
+
+def without_a_user_this_machine_watches_and_nobody_changes(data):
+    with serve(data) as server:
+        code, page = curl(server, "/", login=None)
+        assert code == 200 and b'data-login=""' not in page
+        assert curl(server, "/status", login=None)[0] == 200
+        assert curl(server, "/auth/status", login=":")[0] == 401
+    with serve(data, "--allow", "127.0.0.2", "--allow", "192.168.0.0-192.168.9.255") as server:
+        assert curl(server, "/", login=None)[0] == 901
+        assert curl(server, "/", "--interface", "127.0.0.2", login=None)[0] == 200
+    with serve(data, *LOGIN, "--deny", "127.0.0.2-127.0.0.9") as server:
+        assert curl(server, "/", login=None)[0] == 200
+        assert curl(server, "/", "--interface", "127.0.0.3", login=None)[0] == 902
+
+
+def pictures_are_made_only_for_watchers(data):
+    with Orvanta(PROGRAM, "camera", "--port", "0", "--size", "320x240") as camera, \
+            serve(data, *LOGIN, camera.start["cameras"][0]["url"]) as server:
+        wait_for(lambda: status(server)[0]["frames"] > 20, "frames")
+        assert status(server)[0]["decoded"] == 0, "decoded for nobody"
+        watchers = [Watcher(server, "/auth/live") for _ in range(2)]
+        for watcher in watchers:
+            about, first = watcher.picture(0)
+            assert (about["width"], about["height"]) == (320, 240)
+            assert first.startswith(b"\xff\xd8") and first.endswith(b"\xff\xd9")
+            assert watcher.picture(0)[1] != first, "the picture stands"
+        for watcher in watchers:
+            watcher.end()
+
+        def at_rest():
+            before = status(server)[0]["decoded"]
+            frames = status(server)[0]["frames"]
+            wait_for(lambda: status(server)[0]["frames"] > frames + 10, "more frames")
+            return status(server)[0]["decoded"] == before
+
+        wait_for(at_rest, "decoding ends with the last watcher")
+        # Pictures begin anew, and a watcher that reads nothing does not hold up the end.
+        stuck = Watcher(server, "/auth/live")
+        stuck.picture(0)
+        assert server.end() == 0
+        stuck.end()
+
+
+def wrong_usage(data):
+    taken = socket.create_server(("127.0.0.1", 0))
+    port = str(taken.getsockname()[1])
+    for arguments, code, says in (
+            (["--port", "0"], 2, "--data"),
+            (["--data", data], 2, "--port"),
+            (["--port", "0", "--data", data, "--user", "me"], 2, "--password"),
+            (["--port", "0", "--data", data, "--allow", "1.2.3.4-1.2.3.3"], 2, "1.2.3.4-1.2.3.3"),
+            (["--port", "0", "--data", data, "--deny", "here"], 2, "here"),
+            (["--port", "0", "--data", data, "rtps://x"], 1, "rtps://x"),
+            (["--port", port, "--data", data], 1, port)):
+        result = subprocess.run([PROGRAM, "serve", *arguments], capture_output=True, text=True,
+                                timeout=LIMIT, check=False)
+        assert result.returncode == code, (arguments, result)
+        assert says in result.stderr and result.stderr.count("\n") == 1, result.stderr
+
+
+with tempfile.TemporaryDirectory() as folder:
+    only_who_logs_in(folder)
+    without_a_user_this_machine_watches_and_nobody_changes(folder)
+    pictures_are_made_only_for_watchers(folder)
+    wrong_usage(folder)

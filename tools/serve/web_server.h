@@ -1,0 +1,58 @@
+// The web server of `orvanta serve`: which request is answered by whom.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "cms/exports/http_server_exports.h"
+#include "tools/serve/calendar.h"
+#include "tools/serve/live_pictures.h"
+#include "tools/serve/web_request.h"
+
+namespace tools {
+
+struct WebServerOptions {
+  std::uint16_t port = 0;
+  // Who may log in. Without a name nothing is asked of viewers, and nothing can be changed.
+  std::string user;
+  std::string password;
+  std::vector<AccessRange> access;  // empty: every address
+};
+
+// One for each process: the library's handlers have no context. Handlers run on threads of their
+// connections; they watch for the stop signal.
+class WebServer {
+ public:
+  // Listens from here on. Throws std::runtime_error when it cannot. The sites outlive it.
+  WebServer(const WebServerOptions& options, std::vector<std::unique_ptr<LiveSite>>& sites);
+  ~WebServer();  // once a stop was asked for: returns when every handler has returned
+  WebServer(const WebServer&) = delete;
+  WebServer& operator=(const WebServer&) = delete;
+
+  int Port() const { return GetHttpServerPort(server_); }
+  int Watchers() const { return watchers_; }
+
+ private:
+  using Handler = void (WebServer::*)(WebRequest&);
+  template <Handler handler>
+  static int Call(HttpRequest* request, const char*, std::uint32_t);
+  static int Password(const std::string& user, std::string& password);
+  static int Page(HttpRequest* request, const char*, std::uint32_t);
+  void Register(const std::string& name, EgiCallback callback);
+
+  void Status(WebRequest& request);
+  void Live(WebRequest& request);
+  void Days(WebRequest& request);
+  void Recordings(WebRequest& request);
+
+  const WebServerOptions options_;
+  std::vector<std::unique_ptr<LiveSite>>& sites_;
+  std::vector<std::unique_ptr<LivePictures>> pictures_;
+  Calendar calendar_;
+  std::atomic<int> watchers_{0};
+  HttpServer* server_ = nullptr;
+};
+
+}  // namespace tools

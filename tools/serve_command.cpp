@@ -1,0 +1,158 @@
+// orvanta serve: cameras and recordings in a browser.
+#include <arpa/inet.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "cms/exports/net_exports.h"
+#include "tools/command.h"
+#include "tools/data_folder.h"
+#include "tools/live_site.h"
+#include "tools/serve/web_server.h"
+#include "tools/stop_signal.h"
+
+namespace tools {
+namespace {
+
+struct Arguments {
+  std::vector<std::string> urls;
+  std::uint16_t port = 0;
+  std::string data;
+  std::string user;
+  std::string password;
+  std::vector<std::string> allow;
+  std::vector<std::string> deny;
+  bool json = false;
+};
+
+constexpr std::uint32_t kBlack = 1;
+
+// "192.168.1.10-192.168.1.20", or one address.
+AccessRange ReadRange(const std::string& option, const std::string& text, std::uint32_t kind) {
+  const std::size_t dash = text.find('-');
+  in_addr low{};
+  in_addr high{};
+  if (inet_pton(AF_INET, text.substr(0, dash).c_str(), &low) != 1 ||
+      inet_pton(AF_INET, text.substr(dash == std::string::npos ? 0 : dash + 1).c_str(), &high) !=
+          1 ||
+      ntohl(low.s_addr) > ntohl(high.s_addr)) {
+    throw CLI::ValidationError(
+        option, "\"" + text + "\" is no address or range such as 192.168.1.10-192.168.1.20");
+  }
+  return {ntohl(low.s_addr), ntohl(high.s_addr), kind};
+}
+
+// Pictures that nobody has to log in for are shown on this machine alone unless --allow says more.
+std::vector<AccessRange> ReadAccess(const Arguments& arguments) {
+  std::vector<AccessRange> access;
+  for (const std::string& each : arguments.allow) {
+    access.push_back(ReadRange("--allow", each, AccessRange::kWhite));
+  }
+  if (access.empty() && arguments.user.empty()) {
+    access.push_back(ReadRange("--allow", "127.0.0.0-127.255.255.255", AccessRange::kWhite));
+  } else if (access.empty() && !arguments.deny.empty()) {
+    access.push_back(ReadRange("--allow", "0.0.0.0-255.255.255.255", AccessRange::kWhite));
+  }
+  for (const std::string& each : arguments.deny) {
+    access.push_back(ReadRange("--deny", each, kBlack));
+  }
+  return access;
+}
+
+class Serve {
+ public:
+  explicit Serve(const Arguments& arguments) : arguments_(arguments) {
+    WebServerOptions options{arguments.port, arguments.user, arguments.password,
+                             ReadAccess(arguments)};
+    EnterDataFolder(arguments.data, DataFolderUse::kCreate);
+    for (std::size_t i = 0; i < arguments.urls.size(); ++i) {
+      LiveOptions site;
+      site.url = arguments.urls[i];
+      site.decode = false;  // until somebody watches
+      site.number = static_cast<int>(i);
+      sites_.push_back(std::make_unique<LiveSite>(site));
+    }
+    server_ = std::make_unique<WebServer>(options, sites_);
+  }
+
+  ~Serve() {
+    server_.reset();
+    sites_.clear();
+    StopEachClientNBManager();
+  }
+
+  int Run() {
+    for (const auto& site : sites_) {
+      site->Open();
+    }
+    const std::string url = "http://127.0.0.1:" + std::to_string(server_->Port()) + "/";
+    if (arguments_.json) {
+      std::printf("%s\n",
+                  nlohmann::ordered_json{{"url", url}, {"port", server_->Port()}}.dump().c_str());
+    } else {
+      std::printf("%s ready\n", url.c_str());
+    }
+    std::fflush(stdout);
+    if (arguments_.json || isatty(STDERR_FILENO) == 0) {
+      WaitForStop();
+      return 0;
+    }
+    while (!WaitForStop(std::chrono::seconds(1))) {
+      std::size_t playing = 0;
+      for (const auto& site : sites_) {
+        playing += site->Status().state == ConnectionState::kPlaying ? 1 : 0;
+      }
+      std::fprintf(stderr, "\r%zu of %zu cameras deliver, %d watch ", playing, sites_.size(),
+                   server_->Watchers());
+    }
+    std::fprintf(stderr, "\n");
+    return 0;
+  }
+
+ private:
+  const Arguments& arguments_;
+  std::vector<std::unique_ptr<LiveSite>> sites_;
+  std::unique_ptr<WebServer> server_;
+};
+
+}  // namespace
+
+void AddServeCommand(CLI::App& app, CommandResult& result) {
+  auto arguments = std::make_shared<Arguments>();
+  CLI::App* const serve =
+      app.add_subcommand("serve", "Cameras and recordings as a page for browsers");
+  serve->add_option("urls", arguments->urls, "cameras, as for orvanta live")->type_name("URL");
+  serve->add_option("--port", arguments->port, "port to listen on; 0 takes any")->required();
+  AddDataOption(serve, arguments->data);
+  CLI::Option* const user = serve->add_option(
+      "--user", arguments->user,
+      "who may log in (Digest). Without, this machine alone may watch, and nobody change anything");
+  serve->add_option("--password", arguments->password, "and the password")->needs(user);
+  user->needs("--password");
+  serve
+      ->add_option("--allow", arguments->allow,
+                   "IPv4 addresses that may connect, A-B or A; may be given again")
+      ->type_name("A-B")
+      ->expected(1)
+      ->take_all();
+  serve
+      ->add_option("--deny", arguments->deny,
+                   "IPv4 addresses that may not, also of those allowed; may be given again")
+      ->type_name("A-B")
+      ->expected(1)
+      ->take_all();
+  serve->add_flag("--json", arguments->json, "print the page's URL and port as one JSON object");
+  serve->callback([arguments, &result] {
+    if (arguments->user.find_first_of("\":") != std::string::npos) {
+      throw CLI::ValidationError("--user", "a name with a \" or a : in it cannot log in");
+    }
+    result.status = Serve(*arguments).Run();
+  });
+}
+
+}  // namespace tools
