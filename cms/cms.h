@@ -25,6 +25,7 @@
 #include "cms/live/client_base.h"
 #include "cms/live/decoder.h"
 #include "cms/playback/local_pb_search_engine.h"
+#include "cms/playback/multi_site_playback_ctrl.h"
 #include "cms/recording/database_reader.h"
 #include "cms/recording/gap_log.h"
 #include "cms/recording/rec_folder_db_writer.h"

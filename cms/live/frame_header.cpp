@@ -53,6 +53,19 @@ DRVFrameHeader FirstHalf(const FrameInfo& info, std::uint32_t size, std::uint32_
 
 }  // namespace
 
+int VideoTypeOfHeader(std::span<const std::uint8_t> area) {
+  if (area.size() != kVideoHeaderRoom) {
+    return 0;
+  }
+  const std::uint8_t mark = area[kVideoHeaderRoom - kCodecMarkFromEnd];
+  for (const int type : {1, 2, 3}) {
+    if (mark == CodecMark(type)) {
+      return type;
+    }
+  }
+  return 0;
+}
+
 std::uint8_t XorCheck(std::span<const std::uint8_t> bytes) {
   std::uint8_t check = 0;
   for (const std::uint8_t byte : bytes) {

@@ -91,6 +91,10 @@ CMS_API void BuildVideoFrameHeader(std::span<std::uint8_t, kVideoHeaderRoom> are
 CMS_API void BuildAudioFrameHeader(std::span<std::uint8_t, kAudioHeaderRoom> area,
                                    const AudioFrameInfo& info);
 
+// The video type that a whole video header area tells: 1 H.264, 2 MJPEG, 3 MPEG-4; 0 when it does
+// not.
+CMS_API int VideoTypeOfHeader(std::span<const std::uint8_t> area);
+
 // The exclusive-or of the bytes.
 CMS_API std::uint8_t XorCheck(std::span<const std::uint8_t> bytes);
 

@@ -68,6 +68,12 @@ void VideoCodec::Close() {
   av_buffer_unref(&borrowed_);
 }
 
+void VideoCodec::Flush() {
+  if (context_ != nullptr) {
+    avcodec_flush_buffers(context_);
+  }
+}
+
 VideoCodec::Result VideoCodec::Decode(const std::uint8_t* data, int length) {
   if (context_ == nullptr || data == nullptr || length <= 0) {
     return Result::kError;

@@ -30,6 +30,9 @@ class VideoCodec {
   void Close();
   CMSCodecID Codec() const { return codec_; }  // CMS_CODEC_NONE when closed
 
+  // Forgets the pictures before a jump, so that none of them mixes with what follows.
+  void Flush();
+
   // The size that the codec itself works at; 0 while closed or before the first picture.
   int Width() const { return context_ != nullptr ? context_->width : 0; }
   int Height() const { return context_ != nullptr ? context_->height : 0; }

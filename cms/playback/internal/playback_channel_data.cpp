@@ -1,0 +1,546 @@
+#include "cms/playback/internal/playback_channel_data.h"
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <system_error>
+#include <utility>
+
+#include "cms/live/frame_header.h"
+#include "cms/runtime/clock.h"
+
+using cms::FrameRef;
+
+namespace {
+
+constexpr int kLongestWait = 500;  // milliseconds, while the clock runs
+constexpr std::uint64_t kLookForMore = 500;
+constexpr int kMostLateInRow = 3;  // pictures that came too late, before one is shown anyway
+constexpr double kSmoothing = 0.2;
+
+}  // namespace
+
+CCMSPlaybackChannelData::CCMSPlaybackChannelData(unsigned site, unsigned channel,
+                                                 std::unique_ptr<cms::PlaybackDataReader> reader)
+    : site_(site),
+      channel_(channel),
+      reader_(std::move(reader)),
+      start_(reader_->StartTime()),
+      end_(reader_->EndTime()),
+      pictures_(std::make_shared<cms::PictureStore>()),
+      track_(*reader_),
+      decoder_(*reader_) {}
+
+CCMSPlaybackChannelData::~CCMSPlaybackChannelData() {
+  Join();
+}
+
+bool CCMSPlaybackChannelData::Start(cms::PlaybackTransport& transport, std::size_t index,
+                                    cms::PlaybackSink& sink) {
+  transport_ = &transport;
+  index_ = index;
+  sink_ = &sink;
+  try {
+    thread_ = std::thread(&CCMSPlaybackChannelData::Run, this);
+  } catch (const std::system_error&) {
+    return false;
+  }
+  return true;
+}
+
+void CCMSPlaybackChannelData::Join() {
+  if (thread_.joinable()) {
+    thread_.join();
+  }
+}
+
+void CCMSPlaybackChannelData::PlayForward(int normalSpeed) {
+  if (normalSpeed == 0) {
+    drop_.store(true, std::memory_order_relaxed);
+  }
+}
+
+cms::PlaybackReaderStatus CCMSPlaybackChannelData::ReaderStatus() const {
+  return {skippedBytes_.load(std::memory_order_relaxed), rebuilt_.load(std::memory_order_relaxed)};
+}
+
+void CCMSPlaybackChannelData::Run() {
+  pthread_setname_np(pthread_self(), "cms-playback");
+  while (true) {
+    const View view = transport_->Look(index_);
+    if (view.quit) {
+      return;
+    }
+    const int wait = Turn(view);
+    if (wait != kAtOnce) {
+      transport_->Wait(view.version, wait);
+    }
+  }
+}
+
+int CCMSPlaybackChannelData::Turn(const View& view) {
+  TakeOverShown(view.audio && view.forward);
+  if (!view.displayed) {
+    window_.Clear();
+    ahead_.Clear();
+    staged_ = target_ = shown_ = {};
+    return kForever;
+  }
+  if (view.epoch != epoch_) {
+    BeginEpoch(view);
+  }
+  if (view.steps != 0) {
+    ResolveStep(view);
+    return kAtOnce;
+  }
+  const Place place = Locate(view);
+  const Standing standing = Stand(view, place);
+  if (standing.last && LookForMore(view)) {
+    return kAtOnce;
+  }
+  if (view.held) {
+    return Hold(view, place, standing);
+  }
+  if (standing != reported_) {
+    reported_ = standing;
+    if (transport_->Report(index_, view.epoch, standing)) {
+      return kAtOnce;
+    }
+  }
+  if (!place.covered && shown_) {
+    pictures_->Blank();
+    shown_ = {};
+    transport_->Presented(index_, 0);
+  }
+  return view.running ? Play(view, place) : Rest(view, place);
+}
+
+void CCMSPlaybackChannelData::BeginEpoch(const View& view) {
+  epoch_ = view.epoch;
+  reported_ = {};
+  target_ = {};
+  lost_.clear();
+  lateInRow_ = 0;
+  lookedForMore_ = 0;
+  if (drop_.exchange(false, std::memory_order_relaxed)) {
+    staged_ = {};
+    pictures_->Unstage();
+  }
+  if (anew_.exchange(false, std::memory_order_relaxed)) {
+    staged_ = shown_ = {};
+    pictures_->Unstage();
+  }
+  if (view.forward) {
+    window_.Clear();
+    ahead_.Clear();
+  }
+}
+
+void CCMSPlaybackChannelData::ResolveStep(const View& view) {
+  FrameRef frame = track_.At(view.position);
+  bool moved = false;
+  for (int left = view.steps; left != 0; left += left > 0 ? -1 : 1) {
+    FrameRef next = left > 0 ? (frame ? track_.After(frame) : track_.First())
+                             : (frame ? track_.Before(frame) : FrameRef{});
+    if (!next) {
+      break;
+    }
+    frame = std::move(next);
+    moved = true;
+  }
+  transport_->ResolveStep(index_, view.epoch, moved ? std::optional(frame.Time()) : std::nullopt);
+}
+
+// What the transport, or this thread, has shown since the last turn.
+void CCMSPlaybackChannelData::TakeOverShown(bool audio) {
+  const unsigned id = pictures_->ImageId();
+  if (id == imageId_) {
+    if (shown_ && pictures_->ShownTime() == 0) {
+      shown_ = {};
+    }
+    return;
+  }
+  imageId_ = id;
+  shown_ = std::exchange(staged_, {});
+  lost_.clear();
+  if (!shown_) {
+    return;
+  }
+  transport_->Presented(index_, shown_.Time());
+  const cms::PlaybackReaderStatus status = reader_->Status();
+  skippedBytes_.store(status.skippedBytes, std::memory_order_relaxed);
+  rebuilt_.store(status.rebuiltIndexes, std::memory_order_relaxed);
+  sink_->OnPicture(site_, channel_, shown_.Time());
+  if (const auto render = render_.load(std::memory_order_relaxed)) {
+    render(nullptr);
+  }
+  if (audio) {
+    HandOutAudio();
+  } else {
+    heard_ = {};
+  }
+}
+
+// --- Where the channel stands -------------------------------------------------------------------
+
+CCMSPlaybackChannelData::Place CCMSPlaybackChannelData::Locate(const View& view) {
+  Place place;
+  place.current = track_.At(view.position);
+  place.covered = place.current && view.position < track_.ValidUntil(place.current);
+  place.keysOnly = view.keysOnly;
+  if (place.covered && !view.forward && view.running && !view.keysOnly) {
+    // Backward, a whole group has to be decoded in the time that it plays.
+    const auto& video = place.current.gop->video;
+    const double work = decodeMs_ * static_cast<double>(video.size()) * view.rate;
+    place.keysOnly =
+        video.size() > 1 && work > static_cast<double>(video.back().time - video.front().time);
+  }
+  if (place.covered) {
+    place.wanted = place.keysOnly ? cms::PlaybackTrack::KeyOf(place.current) : place.current;
+  }
+  return place;
+}
+
+CCMSPlaybackChannelData::Standing CCMSPlaybackChannelData::Stand(const View& view,
+                                                                 const Place& place) {
+  using Coverage = cms::PlaybackTransport::Coverage;
+  const FrameRef& current = place.current;
+  FrameRef next;
+  if (view.forward) {
+    next = current ? track_.After(current) : track_.First();
+  } else if (current) {
+    next = place.covered ? track_.Before(current) : current;
+  }
+  Standing standing;
+  standing.last = !next;
+  if (place.covered) {
+    standing.coverage = view.atEnd && !next ? Coverage::kEnd : Coverage::kCovered;
+    standing.edge = current.Time();
+  } else if (next) {
+    standing.coverage = Coverage::kGap;
+    standing.edge = next.Time();
+  } else {
+    const FrameRef end = current ? current : track_.First();
+    standing.coverage = Coverage::kEnd;
+    standing.edge = end ? end.Time() : view.position;
+  }
+  if (standing.coverage == Coverage::kCovered) {
+    standing.edge = 0;  // it would change with every frame
+  }
+  return standing;
+}
+
+// At the end of a recording that may go on: while playing forward, and once for each epoch.
+bool CCMSPlaybackChannelData::LookForMore(const View& view) {
+  const bool asked = view.running || view.atEnd || view.held;
+  const std::uint64_t now = cms::TickMilliseconds();
+  if (!asked || !view.forward || (lookedForMore_ != 0 && now - lookedForMore_ < kLookForMore)) {
+    return false;
+  }
+  lookedForMore_ = now;
+  if (!reader_->MayGrow() || !reader_->Refresh()) {
+    return false;
+  }
+  end_.store(reader_->EndTime(), std::memory_order_relaxed);
+  track_.Forget();
+  return true;
+}
+
+// --- What to do next ----------------------------------------------------------------------------
+
+// All channels prepare the picture of one position.
+int CCMSPlaybackChannelData::Hold(const View& view, const Place& place, const Standing& standing) {
+  if (prepared_ == view.epoch) {
+    return kForever;
+  }
+  if (!place.wanted || IsLost(place.wanted)) {
+    staged_ = {};
+    pictures_->StageNothing();
+  } else if (shown_.Is(place.wanted)) {
+    staged_ = {};
+    pictures_->Unstage();
+  } else if (!staged_.Is(place.wanted)) {
+    Work(view, place.wanted, place.keysOnly);
+    return kAtOnce;
+  }
+  prepared_ = view.epoch;
+  reported_ = standing;
+  transport_->Prepared(index_, view.epoch, standing);
+  return kAtOnce;
+}
+
+// The clock stands: the picture may still be missing when it came too late for the others.
+int CCMSPlaybackChannelData::Rest(const View& view, const Place& place) {
+  if (place.wanted && !IsDone(place.wanted)) {
+    if (staged_.Is(place.wanted)) {
+      pictures_->Show();
+    } else {
+      Work(view, place.wanted, place.keysOnly);
+    }
+    return kAtOnce;
+  }
+  return view.atEnd && view.forward && reader_->MayGrow() ? kLongestWait : kForever;
+}
+
+int CCMSPlaybackChannelData::Play(const View& view, const Place& place) {
+  if (staged_ && ShowStaged(view, place)) {
+    return kAtOnce;
+  }
+  if (!staged_) {
+    const bool overtaken = target_ && place.current &&
+                           !(target_.Place() == place.current.Place()) &&
+                           (target_.Time() < place.current.Time()) == view.forward;
+    if (!target_ || overtaken) {
+      target_ = Aim(view, place);
+    }
+    if (target_) {
+      if (Work(view, target_, place.keysOnly)) {
+        target_ = {};
+      }
+      return kAtOnce;
+    }
+  }
+  if (!view.forward && !place.keysOnly && PrefetchOne(view)) {
+    return kAtOnce;
+  }
+  return UntilDue(view, place);
+}
+
+// When it is time for what is staged: shows it, or gives it up when it came too late. False when
+// its time is still to come.
+bool CCMSPlaybackChannelData::ShowStaged(const View& view, const Place& place) {
+  const std::int64_t end = EndOf(staged_, place.keysOnly);
+  const bool due = view.forward ? view.position >= staged_.Time() : view.position < end;
+  if (!due) {
+    return false;
+  }
+  const bool late = view.forward ? view.position >= end : view.position < staged_.Time();
+  if (late && ++lateInRow_ < kMostLateInRow) {
+    staged_ = {};
+    pictures_->Unstage();
+    return true;
+  }
+  lateInRow_ = 0;
+  pictures_->Show();
+  return true;
+}
+
+// Up to when a frame is shown among those that are shown at all.
+std::int64_t CCMSPlaybackChannelData::EndOf(const FrameRef& frame, bool keysOnly) {
+  return track_.ValidUntil(keysOnly ? FrameRef{frame.gop, frame.gop->video.size() - 1} : frame);
+}
+
+FrameRef CCMSPlaybackChannelData::Following(const View& view, FrameRef frame, bool keysOnly) {
+  do {
+    if (view.forward) {
+      frame = keysOnly ? track_.KeyAfter(frame) : track_.After(frame);
+    } else {
+      frame = keysOnly ? track_.KeyBefore(frame) : track_.Before(frame);
+    }
+  } while (frame && IsLost(frame));
+  return frame;
+}
+
+// The picture to make ready: the wanted one if it is missing, else the one that follows.
+FrameRef CCMSPlaybackChannelData::Aim(const View& view, const Place& place) {
+  if (!place.wanted) {  // in a gap: the first picture behind it
+    FrameRef next = place.current;
+    if (view.forward) {
+      next = place.current ? track_.After(place.current) : track_.First();
+    }
+    return next && IsLost(next) ? Following(view, next, place.keysOnly) : next;
+  }
+  if (IsDone(place.wanted)) {
+    return Following(view, place.wanted, place.keysOnly);
+  }
+  return view.forward && !place.keysOnly ? AimInTime(view, place) : place.wanted;
+}
+
+// Behind the clock: the first frame that can still be decoded while it is the one to show, else the
+// next key frame, which costs nothing before it.
+FrameRef CCMSPlaybackChannelData::AimInTime(const View& view, const Place& place) {
+  const double cost = decodeMs_ * view.rate;  // media time that passes while a frame is decoded
+  FrameRef target = place.current;
+  for (; target.index < target.gop->video.size(); ++target.index) {
+    const double ready =
+        static_cast<double>(view.position) + cost * static_cast<double>(decoder_.StepsTo(target));
+    if (ready < static_cast<double>(track_.ValidUntil(target))) {
+      return target;
+    }
+  }
+  FrameRef key = track_.KeyAfter(place.current);
+  return key ? key : place.current;
+}
+
+int CCMSPlaybackChannelData::UntilDue(const View& view, const Place& place) {
+  std::int64_t media = kLongestWait * 32;
+  if (place.covered) {  // whatever comes next, this ends
+    media = view.forward ? track_.ValidUntil(place.current) - view.position
+                         : view.position - place.current.Time() + 1;
+  }
+  if (staged_) {
+    media = std::min(media, view.forward ? staged_.Time() - view.position
+                                         : view.position - EndOf(staged_, place.keysOnly) + 1);
+  }
+  const double wait = std::ceil(static_cast<double>(media) / view.rate);
+  return std::clamp(static_cast<int>(std::min(wait, 1e6)), 1, kLongestWait);
+}
+
+// --- Decoding -----------------------------------------------------------------------------------
+
+bool CCMSPlaybackChannelData::IsLost(const FrameRef& frame) const {
+  return std::any_of(lost_.begin(), lost_.end(),
+                     [&frame](const FrameRef& lost) { return lost.Is(frame); });
+}
+
+bool CCMSPlaybackChannelData::Work(const View& view, const FrameRef& target, bool keysOnly) {
+  if (!view.forward && !keysOnly) {
+    return WorkBackward(view, target);
+  }
+  if (const FrameRef next = decoder_.NextTowards(target)) {
+    if (!DecodeOne(view, next, target) || !next.Is(target)) {
+      return false;
+    }
+  }
+  Stage(target, decoder_.HasPicture(target) ? &decoder_.Picture() : nullptr);
+  return true;
+}
+
+bool CCMSPlaybackChannelData::WorkBackward(const View& view, const FrameRef& target) {
+  if (!window_.Holds(target)) {
+    if (ahead_.Holds(target)) {
+      std::swap(window_, ahead_);
+    } else {
+      window_.Begin(target, pictureBytes_);
+    }
+    ahead_.Clear();
+  }
+  if (window_.Next()) {
+    DecodeInto(window_, view, target);
+    return false;
+  }
+  Stage(target, window_.Picture(target));
+  return true;
+}
+
+// One frame of a window; true when there was one to decode.
+bool CCMSPlaybackChannelData::DecodeInto(cms::ReverseWindow& window, const View& view,
+                                         const FrameRef& target) {
+  FrameRef next = window.Next();
+  if (!next) {
+    return false;
+  }
+  if (!decoder_.NextTowards(next).Is(next)) {  // the decoder was elsewhere meanwhile
+    window.Restart();
+    next = window.Next();
+  }
+  if (DecodeOne(view, next, target)) {
+    window.Take(decoder_);
+  }
+  return true;
+}
+
+bool CCMSPlaybackChannelData::PrefetchOne(const View& view) {
+  if (window_.Next() || !window_.Low()) {
+    return false;
+  }
+  const FrameRef high = track_.Before(window_.Low());
+  if (!high) {
+    return false;
+  }
+  if (!ahead_.Ends(high)) {
+    ahead_.Begin(high, pictureBytes_);
+  }
+  return DecodeInto(ahead_, view, high);
+}
+
+// False when the way has become another one.
+bool CCMSPlaybackChannelData::DecodeOne(const View& view, const FrameRef& frame,
+                                        const FrameRef& target) {
+  const std::uint64_t start = cms::TickMilliseconds();
+  const auto bytes = decoder_.Read(frame);
+  _MULTI_PB_GET_FRAME_CALL_BACK_PARAM parameter;
+  parameter.site = site_;
+  parameter.channel = channel_;
+  parameter.time = frame.Time();
+  parameter.frameType = frame.Frame().type;
+  parameter.serial = view.epoch;
+  parameter.wantedTime = target.Time();
+  if (sink_->GetFrameCallBack(bytes.data(), static_cast<long>(bytes.size()), &parameter) == 0) {
+    return false;
+  }
+  if (bytes.size() >= sizeof(DRVFrameHeader)) {
+    DRVFrameHeader header;
+    std::memcpy(&header, bytes.data(), sizeof(header));
+    otherRate_.store(static_cast<int>(header.flags[0] & cms::kFlagOtherFrameRate),
+                     std::memory_order_relaxed);
+  }
+  if (decoder_.Decode(frame)) {
+    const AVFrame& picture = decoder_.Picture();
+    // 4:2:0 as a rule; the window's memory is meant roughly.
+    pictureBytes_ =
+        static_cast<std::size_t>(picture.width) * static_cast<std::size_t>(picture.height) * 3 / 2;
+  } else {
+    lostCount_.fetch_add(1, std::memory_order_relaxed);
+  }
+  videoType_.store(decoder_.VideoType(), std::memory_order_relaxed);
+  const auto taken = static_cast<double>(cms::TickMilliseconds() - start);
+  decodeMs_ += kSmoothing * (taken - decodeMs_);
+  return true;
+}
+
+void CCMSPlaybackChannelData::Stage(const FrameRef& target, const AVFrame* picture) {
+  if (picture != nullptr && pictures_->Stage(*picture, target.Time())) {
+    staged_ = target;
+  } else {
+    staged_ = {};
+    lost_.push_back(target);
+  }
+}
+
+// --- Audio --------------------------------------------------------------------------------------
+
+// What lies between the pictures: with each picture the blocks that follow it in the recording.
+void CCMSPlaybackChannelData::HandOutAudio() {
+  const FrameRef from = std::exchange(heard_, shown_);
+  if (!sink_->WantsAudio(site_, channel_)) {
+    return;
+  }
+  std::size_t first = shown_.index;
+  if (from && from.Place() == shown_.Place()) {
+    first = std::min(from.index + 1, shown_.index);
+  } else if (from && track_.KeyAfter(from).Is(cms::PlaybackTrack::KeyOf(shown_))) {
+    HandOutAudio(*from.gop, from.index + 1, from.gop->video.size());
+    first = 0;
+  }
+  HandOutAudio(*shown_.gop, first, shown_.index + 1);
+}
+
+void CCMSPlaybackChannelData::HandOutAudio(const cms::PlaybackGop& gop, std::size_t from,
+                                           std::size_t to) {
+  for (const cms::PlaybackGop::Audio& each : gop.audio) {
+    if (each.after < from || each.after >= to) {
+      continue;
+    }
+    audio_.resize(each.frame.area + each.frame.payload);
+    if (audio_.size() <= sizeof(DRVFrameHeader) ||
+        reader_->Read(gop.place, each.frame, audio_) < audio_.size()) {
+      continue;
+    }
+    cms::AudioFormatDescriptor format;
+    std::memcpy(&format, audio_.data() + sizeof(DRVFrameHeader) / 2, sizeof(format));
+    _MULTI_PB_AUDIO_BLOCK block;
+    block.site = site_;
+    block.channel = channel_;
+    block.time = each.frame.time;
+    block.codecId = format.codecId;
+    block.sampleRate = format.sampleRate;
+    block.channels = format.channels;
+    block.bitsPerSample = format.bitsPerSample;
+    block.data = audio_.data() + each.frame.area;
+    block.size = static_cast<long>(each.frame.payload);
+    sink_->OnAudio(block);
+  }
+}

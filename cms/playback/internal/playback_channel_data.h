@@ -1,0 +1,159 @@
+// CCMSPlaybackChannelData plays one channel: reads, decodes and shows its pictures by the clock.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "cms/playback/internal/frame_decoder.h"
+#include "cms/playback/internal/picture_store.h"
+#include "cms/playback/internal/playback_data_reader.h"
+#include "cms/playback/internal/playback_track.h"
+#include "cms/playback/internal/playback_transport.h"
+#include "cms/playback/internal/reverse_window.h"
+#include "cms/playback/playback_config.h"
+
+namespace cms {
+
+// Where a channel's frames and pictures go; on its reader thread, with no lock held.
+class PlaybackSink {
+ public:
+  virtual int GetFrameCallBack(const void* frame, long size,
+                               _MULTI_PB_GET_FRAME_CALL_BACK_PARAM* parameter) = 0;
+  virtual void OnPicture(unsigned site, unsigned channel, std::int64_t time) = 0;
+  virtual bool WantsAudio(unsigned site, unsigned channel) = 0;
+  virtual void OnAudio(_MULTI_PB_AUDIO_BLOCK& block) = 0;
+
+ protected:
+  ~PlaybackSink() = default;
+};
+
+}  // namespace cms
+
+// The variants (DRV, RAW, single DRV) differ in their reader alone.
+//
+// The reader thread goes round: it asks the transport where the clock is, reports where the channel
+// stands, and does one piece of work: decodes one frame, or converts or shows one picture. The
+// picture that belongs to the clock comes first; then the one that follows in the direction of play
+// is prepared ahead, and shown when the clock arrives. A decoder that is behind aims at the first
+// frame that it can still have in time, or at the next key frame. Backward a whole group is decoded
+// and kept (see ReverseWindow), and the one before it while the pictures of the first are shown.
+class CCMSPlaybackChannelData {
+ public:
+  // The reader is open.
+  CCMSPlaybackChannelData(unsigned site, unsigned channel,
+                          std::unique_ptr<cms::PlaybackDataReader> reader);
+  ~CCMSPlaybackChannelData();
+  CCMSPlaybackChannelData(const CCMSPlaybackChannelData&) = delete;
+  CCMSPlaybackChannelData& operator=(const CCMSPlaybackChannelData&) = delete;
+
+  std::int64_t StartTime() const { return start_; }
+  std::int64_t EndTime() const { return end_.load(std::memory_order_relaxed); }
+  const std::shared_ptr<cms::PictureStore>& Pictures() const { return pictures_; }
+
+  // `index`: the channel's number in the transport. False when there is no thread to be had.
+  bool Start(cms::PlaybackTransport& transport, std::size_t index, cms::PlaybackSink& sink);
+  void Join();  // after the transport was stopped
+
+  // What a change of the transport asks for, in front of the synchronisation that follows it.
+  // normalSpeed: 1 keeps what was prepared ahead, as the direction stays the same.
+  void PlayForward(int normalSpeed);
+  void PlayBackward() { PlayForward(0); }
+
+  void SetRenderCallback(void (*callback)(struct IDirect3DSurface9*)) {
+    render_.store(callback, std::memory_order_relaxed);
+  }
+  void ShowAnew() { anew_.store(true, std::memory_order_relaxed); }  // at the next synchronisation
+
+  int VideoType() const { return videoType_.load(std::memory_order_relaxed); }
+  int OtherRate() const { return otherRate_.load(std::memory_order_relaxed); }
+  std::uint64_t Lost() const { return lostCount_.load(std::memory_order_relaxed); }
+  cms::PlaybackReaderStatus ReaderStatus() const;
+
+ private:
+  using View = cms::PlaybackTransport::View;
+  using Standing = cms::PlaybackTransport::Standing;
+
+  static constexpr int kForever = -1;
+  static constexpr int kAtOnce = 0;
+
+  void Run();
+  int Turn(const View& view);  // milliseconds until the next one
+  void BeginEpoch(const View& view);
+  void ResolveStep(const View& view);
+  void TakeOverShown(bool audio);
+  // Where the clock is in the recording.
+  struct Place {
+    cms::FrameRef current;  // the last frame that is not later than the clock
+    bool covered = false;   // and it is the one to show
+    cms::FrameRef wanted;   // what is to be shown, empty when nothing is
+    bool keysOnly = false;
+  };
+  Place Locate(const View& view);
+  Standing Stand(const View& view, const Place& place);
+  bool LookForMore(const View& view);
+
+  int Hold(const View& view, const Place& place, const Standing& standing);
+  int Rest(const View& view, const Place& place);
+  int Play(const View& view, const Place& place);
+  bool ShowStaged(const View& view, const Place& place);
+  cms::FrameRef Aim(const View& view, const Place& place);
+  cms::FrameRef AimInTime(const View& view, const Place& place);
+  cms::FrameRef Following(const View& view, cms::FrameRef frame, bool keysOnly);
+  std::int64_t EndOf(const cms::FrameRef& frame, bool keysOnly);
+  int UntilDue(const View& view, const Place& place);
+
+  // One piece of the way to a picture; true when it is staged or turned out to be lost.
+  bool Work(const View& view, const cms::FrameRef& target, bool keysOnly);
+  bool WorkBackward(const View& view, const cms::FrameRef& target);
+  bool DecodeOne(const View& view, const cms::FrameRef& frame, const cms::FrameRef& target);
+  bool DecodeInto(cms::ReverseWindow& window, const View& view, const cms::FrameRef& target);
+  bool PrefetchOne(const View& view);
+  void Stage(const cms::FrameRef& target, const AVFrame* picture);
+  bool IsLost(const cms::FrameRef& frame) const;
+  bool IsDone(const cms::FrameRef& frame) const { return shown_.Is(frame) || IsLost(frame); }
+  void HandOutAudio();
+  void HandOutAudio(const cms::PlaybackGop& gop, std::size_t from, std::size_t to);
+
+  const unsigned site_;
+  const unsigned channel_;
+  const std::unique_ptr<cms::PlaybackDataReader> reader_;  // open
+  const std::int64_t start_;
+  std::atomic<std::int64_t> end_;
+  const std::shared_ptr<cms::PictureStore> pictures_;
+  cms::PlaybackTransport* transport_ = nullptr;
+  std::size_t index_ = 0;
+  cms::PlaybackSink* sink_ = nullptr;
+  std::thread thread_;
+
+  // Of the reader thread.
+  cms::PlaybackTrack track_;
+  cms::FrameDecoder decoder_;
+  cms::ReverseWindow window_;
+  cms::ReverseWindow ahead_;  // the part before window_
+  cms::FrameRef target_;      // on its way to be staged
+  cms::FrameRef staged_;
+  cms::FrameRef shown_;
+  std::vector<cms::FrameRef> lost_;  // gave no picture, since the last one that was shown
+  cms::FrameRef heard_;              // up to which audio was handed out
+  std::uint64_t epoch_ = 0;
+  std::uint64_t prepared_ = 0;  // epoch
+  Standing reported_;
+  std::uint64_t lookedForMore_ = 0;  // tick
+  int lateInRow_ = 0;
+  unsigned imageId_ = 0;
+  double decodeMs_ = 0;  // a frame, smoothed
+  std::size_t pictureBytes_ = 0;
+  std::vector<std::uint8_t> audio_;
+
+  std::atomic<void (*)(struct IDirect3DSurface9*)> render_{nullptr};
+  std::atomic<bool> anew_{false};
+  std::atomic<bool> drop_{false};  // what was prepared ahead
+  std::atomic<int> videoType_{0};
+  std::atomic<int> otherRate_{0};
+  std::atomic<std::uint64_t> lostCount_{0};
+  std::atomic<std::uint64_t> skippedBytes_{0};
+  std::atomic<std::uint64_t> rebuilt_{0};
+};

@@ -1,0 +1,100 @@
+#include "cms/playback/internal/playback_track.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace cms {
+namespace {
+
+// How long a frame is shown of which no neighbour tells: 25 a second.
+constexpr std::int64_t kUsualInterval = 40;
+
+}  // namespace
+
+std::shared_ptr<const PlaybackGop> PlaybackTrack::Group(const GopPlace& place) {
+  for (const auto& recent : recent_) {
+    if (recent && recent->place == place) {
+      return recent;
+    }
+  }
+  auto gop = std::make_shared<PlaybackGop>();
+  if (!reader_.Load(place, *gop)) {
+    return nullptr;
+  }
+  recent_[oldest_] = gop;
+  oldest_ = (oldest_ + 1) % recent_.size();
+  return gop;
+}
+
+std::shared_ptr<const PlaybackGop> PlaybackTrack::GroupFrom(std::optional<GopPlace> place,
+                                                            bool forward) {
+  for (; place; place = forward ? reader_.After(*place) : reader_.Before(*place)) {
+    if (auto gop = Group(*place)) {
+      return gop;
+    }
+  }
+  return nullptr;
+}
+
+FrameRef PlaybackTrack::At(std::int64_t time) {
+  auto gop = GroupFrom(reader_.At(time), false);
+  if (!gop) {
+    return {};
+  }
+  const auto later =
+      std::upper_bound(gop->video.begin(), gop->video.end(), time,
+                       [](std::int64_t t, const PlaybackFrame& frame) { return t < frame.time; });
+  const auto index = static_cast<std::size_t>(later - gop->video.begin());
+  return {std::move(gop), index == 0 ? 0 : index - 1};
+}
+
+FrameRef PlaybackTrack::First() {
+  return {GroupFrom(reader_.First(), true), 0};
+}
+
+FrameRef PlaybackTrack::After(const FrameRef& frame) {
+  // The group may have grown since.
+  const auto gop = Group(frame.Place());
+  if (gop && frame.index + 1 < gop->video.size()) {
+    return {gop, frame.index + 1};
+  }
+  return KeyAfter(frame);
+}
+
+FrameRef PlaybackTrack::Before(const FrameRef& frame) {
+  if (frame.index > 0) {
+    return {frame.gop, frame.index - 1};
+  }
+  FrameRef key = KeyBefore(frame);
+  if (key) {
+    key.index = key.gop->video.size() - 1;
+  }
+  return key;
+}
+
+FrameRef PlaybackTrack::KeyAfter(const FrameRef& frame) {
+  return {GroupFrom(reader_.After(frame.Place()), true), 0};
+}
+
+FrameRef PlaybackTrack::KeyBefore(const FrameRef& frame) {
+  return {GroupFrom(reader_.Before(frame.Place()), false), 0};
+}
+
+std::int64_t PlaybackTrack::ValidUntil(const FrameRef& frame) {
+  const FrameRef next = After(frame);
+  const std::int64_t time = frame.Time();
+  if (next && next.Time() - time <= kPlaybackGap) {
+    return next.Time();
+  }
+  std::int64_t interval = kUsualInterval;
+  if (const FrameRef before = Before(frame); before && time - before.Time() <= kPlaybackGap) {
+    interval = std::max(interval, time - before.Time());
+  }
+  return time + interval;
+}
+
+void PlaybackTrack::Forget() {
+  recent_.fill(nullptr);
+}
+
+}  // namespace cms

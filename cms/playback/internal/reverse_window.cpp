@@ -1,0 +1,31 @@
+#include "cms/playback/internal/reverse_window.h"
+
+#include <algorithm>
+
+namespace cms {
+
+void ReverseWindow::Begin(const FrameRef& high, std::size_t pictureBytes) {
+  const std::size_t most =
+      std::max<std::size_t>(2, kMostBytes / std::max<std::size_t>(pictureBytes, 1));
+  gop_ = high.gop;
+  high_ = high.index;
+  low_ = high_ + 1 > most ? high_ + 1 - most : 0;
+  next_ = 0;
+  pictures_.clear();
+  pictures_.resize(high_ - low_ + 1);
+}
+
+void ReverseWindow::Clear() {
+  gop_.reset();
+  pictures_.clear();
+}
+
+void ReverseWindow::Take(const FrameDecoder& decoder) {
+  const FrameRef frame = Next();
+  if (next_ >= low_ && decoder.HasPicture(frame)) {
+    pictures_[next_ - low_].reset(av_frame_clone(&decoder.Picture()));
+  }
+  ++next_;
+}
+
+}  // namespace cms

@@ -1,0 +1,55 @@
+// CPlaybackSingleDRVDataReader, one recording file as a timeline.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "cms/playback/internal/drv_frame_index.h"
+#include "cms/playback/internal/playback_data_reader.h"
+#include "cms/runtime/file_io.h"
+
+// The index is read when the first question needs it; StartTime and EndTime are read off the ends
+// of the .idx where they can.
+class CPlaybackSingleDRVDataReader final : public cms::PlaybackDataReader {
+ public:
+  CPlaybackSingleDRVDataReader(cms::FileIo& io, std::wstring path, unsigned channel);
+
+  bool Open(std::string& error) override;
+  std::int64_t StartTime() const override { return start_; }
+  std::int64_t EndTime() const override { return end_; }
+  std::optional<cms::GopPlace> At(std::int64_t time) override;
+  std::optional<cms::GopPlace> First() override;
+  std::optional<cms::GopPlace> After(const cms::GopPlace& place) override;
+  std::optional<cms::GopPlace> Before(const cms::GopPlace& place) override;
+  bool Load(const cms::GopPlace& place, cms::PlaybackGop& gop) override;
+  std::size_t Read(const cms::GopPlace& place, const cms::PlaybackFrame& frame,
+                   std::span<std::uint8_t> out) override;
+  bool Refresh() override;
+  bool MayGrow() override;
+  cms::PlaybackReaderStatus Status() const override;
+
+  const std::wstring& Path() const { return path_; }
+  // Frees the index and closes the file until the next question.
+  void Rest();
+
+ private:
+  bool Ready();
+  bool ReadEnds();
+  void TakeEnds();
+  bool OpenFile();
+
+  cms::FileIo& io_;
+  const std::wstring path_;
+  const std::string drvPath_;
+  const std::string idxPath_;
+  const unsigned channel_;
+  std::optional<cms::ScopedFile> file_;
+  std::unique_ptr<cms::DrvFrameIndex> index_;
+  std::unique_ptr<cms::DrvWalker> walker_;  // over the frames of a group
+  bool failed_ = false;                     // it was ready once and is not any more
+  std::int64_t start_ = 0;
+  std::int64_t end_ = 0;
+  std::uint64_t skipped_ = 0;
+  bool rebuilt_ = false;
+};

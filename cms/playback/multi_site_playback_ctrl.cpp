@@ -1,0 +1,238 @@
+// Life, transport and display of the controller; multi_site_playback_channels.cpp has the rest.
+#include "cms/playback/multi_site_playback_ctrl.h"
+
+#include "cms/playback/internal/multi_site_playback_impl.h"
+#include "cms/playback/internal/single_drv_data_reader.h"
+#include "cms/runtime/file_io.h"
+
+CCMSMultiSitePlaybackCtrl::CCMSMultiSitePlaybackCtrl() : impl_(std::make_unique<Impl>()) {}
+
+CCMSMultiSitePlaybackCtrl::~CCMSMultiSitePlaybackCtrl() {
+  impl_->Stop();
+}
+
+int CCMSMultiSitePlaybackCtrl::SetConfig(_MULTI_SITE_PLAYBACK_CONFIG& config) {
+  return impl_->SetConfig(config);
+}
+
+int CCMSMultiSitePlaybackCtrl::StartPlayback() {
+  return impl_->Start();
+}
+
+void CCMSMultiSitePlaybackCtrl::StopPlayback() {
+  impl_->Stop();
+}
+
+int CCMSMultiSitePlaybackCtrl::HasStartPlay() const {
+  return impl_->Running() ? 1 : 0;
+}
+
+std::string CCMSMultiSitePlaybackCtrl::GetLastErrorText() const {
+  return impl_->ErrorText();
+}
+
+int CCMSMultiSitePlaybackCtrl::IsAllEndOfFile() const {
+  const auto session = impl_->Running();
+  return session && session->Transport().AllAtEnd() ? 1 : 0;
+}
+
+int CCMSMultiSitePlaybackCtrl::GetStartAndEndTimeOfDRVFile(std::int64_t* start, std::int64_t* end,
+                                                           const wchar_t* file) {
+  if (start == nullptr || end == nullptr || file == nullptr) {
+    return 0;
+  }
+  _MULTI_PB_SITE_CONFIG config;
+  config.files = {file};
+  config.source = PLAYBACK_SOURCE_SINGLE_DRV;
+  config.channelCount = 0;
+  CCMSPlaybackSiteBase site(config, 0);
+  std::string error;
+  if (!site.Open(error)) {
+    return 0;
+  }
+  *start = site.StartTime();
+  *end = site.EndTime();
+  return 1;
+}
+
+std::int64_t CCMSMultiSitePlaybackCtrl::GetPlaybackDataStartTime() const {
+  const auto session = impl_->Running();
+  return session ? session->StartTime() : 0;
+}
+
+std::int64_t CCMSMultiSitePlaybackCtrl::GetPlaybackDataEndTime() const {
+  const auto session = impl_->Running();
+  return session ? session->EndTime() : 0;
+}
+
+std::int64_t CCMSMultiSitePlaybackCtrl::GetTotalPlaybackTime() const {
+  return GetPlaybackDataEndTime() - GetPlaybackDataStartTime();
+}
+
+// --- Transport ----------------------------------------------------------------------------------
+
+int CCMSMultiSitePlaybackCtrl::PlaybackPause() {
+  return impl_->Operate([](cms::PlaybackSession& session) { session.Transport().Pause(); });
+}
+
+int CCMSMultiSitePlaybackCtrl::PlaybackResume() {
+  return impl_->Operate([](cms::PlaybackSession& session) {
+    session.PlayForward(0);
+    session.Transport().Resume();
+  });
+}
+
+int CCMSMultiSitePlaybackCtrl::PlaybackStepForward() {
+  return impl_->Operate([](cms::PlaybackSession& session) {
+    session.PlayForward(0);
+    session.Transport().Step(true);
+  });
+}
+
+int CCMSMultiSitePlaybackCtrl::PlaybackStepBackward() {
+  return impl_->Operate([](cms::PlaybackSession& session) {
+    session.PlayBackward();
+    session.Transport().Step(false);
+  });
+}
+
+namespace {
+
+void ChangeSpeed(cms::PlaybackSession& session, bool up) {
+  session.Transport().ChangeSpeed(up,
+                                  [&session](const cms::PlaybackTransport::Direction& direction) {
+                                    if (direction.forward) {
+                                      session.PlayForward(direction.normalSpeed);
+                                    } else {
+                                      session.PlayBackward();
+                                    }
+                                  });
+}
+
+}  // namespace
+
+int CCMSMultiSitePlaybackCtrl::PlaybackSetSpeedUp() {
+  return impl_->Operate([](cms::PlaybackSession& session) { ChangeSpeed(session, true); });
+}
+
+int CCMSMultiSitePlaybackCtrl::PlaybackSetSlowDown() {
+  return impl_->Operate([](cms::PlaybackSession& session) { ChangeSpeed(session, false); });
+}
+
+int CCMSMultiSitePlaybackCtrl::PlaybackSetSlowMode(int slow) {
+  return impl_->Operate(
+      [slow](cms::PlaybackSession& session) { session.Transport().SetSlowMode(slow != 0); });
+}
+
+int CCMSMultiSitePlaybackCtrl::SetPlaybackTargetTime(std::int64_t time) {
+  return impl_->Operate([time](cms::PlaybackSession& session) { session.Transport().Seek(time); });
+}
+
+int CCMSMultiSitePlaybackCtrl::GetPlaySpeed() const {
+  const auto session = impl_->Running();
+  return session ? session->Transport().Speed() : 0;
+}
+
+int CCMSMultiSitePlaybackCtrl::IsPlaybackPause() const {
+  return GetPlaySpeed() == 0 ? 1 : 0;
+}
+
+int CCMSMultiSitePlaybackCtrl::IsPlaybackPlaying() const {
+  return GetPlaySpeed() != 0 ? 1 : 0;
+}
+
+int CCMSMultiSitePlaybackCtrl::IsPlaybackStep() const {
+  const auto session = impl_->Running();
+  return session && session->Transport().IsStep() ? 1 : 0;
+}
+
+int CCMSMultiSitePlaybackCtrl::IsPlaybackInSlowMode() const {
+  const auto session = impl_->Running();
+  return session && session->Transport().IsSlow() ? 1 : 0;
+}
+
+std::int64_t CCMSMultiSitePlaybackCtrl::GetCurPlaybackTargetTime() const {
+  const auto session = impl_->Running();
+  return session ? session->Transport().Target() : kPlaybackNoTargetTime;
+}
+
+std::int64_t CCMSMultiSitePlaybackCtrl::GetPlaybackTime() const {
+  const auto session = impl_->Running();
+  return session ? session->Transport().Position() : 0;
+}
+
+int CCMSMultiSitePlaybackCtrl::WaitUntilShown(int milliseconds) const {
+  const auto session = impl_->Running();
+  return session && session->Transport().WaitShown(milliseconds) ? 1 : 0;
+}
+
+std::int64_t CCMSMultiSitePlaybackCtrl::GetMaximumSkew() const {
+  const auto session = impl_->Running();
+  return session ? session->Transport().MaximumSkew() : 0;
+}
+
+// --- Display ------------------------------------------------------------------------------------
+
+void CCMSMultiSitePlaybackCtrl::setCurrentSplitMode(int pictures) {
+  impl_->Operate([pictures](cms::PlaybackSession& session) { session.SetSplit(pictures); });
+}
+
+void CCMSMultiSitePlaybackCtrl::setCurrentDisplayChannel(int channel) {
+  impl_->Operate([channel](cms::PlaybackSession& session) { session.SetCurrentChannel(channel); });
+}
+
+void CCMSMultiSitePlaybackCtrl::setCurrentSiteIdx(int site) {
+  impl_->Operate([site](cms::PlaybackSession& session) { session.SetCurrentSite(site); });
+}
+
+int CCMSMultiSitePlaybackCtrl::SetSingleChannel(unsigned site, unsigned channel, int on) {
+  int known = 0;
+  impl_->Operate([&](cms::PlaybackSession& session) {
+    if (session.Channel(site, channel) != nullptr) {
+      session.Site(site)->Single().store(on != 0 ? static_cast<int>(channel) : -1);
+      session.UpdateDisplayed();
+      known = 1;
+    }
+  });
+  return known;
+}
+
+int CCMSMultiSitePlaybackCtrl::S_ON_DDCH_ONE(unsigned site, unsigned channel, int on) {
+  int known = 0;
+  impl_->Operate([&](cms::PlaybackSession& session) {
+    if (session.Channel(site, channel) != nullptr) {
+      session.Site(site)->Of(channel).on.store(on != 0);
+      session.UpdateDisplayed();
+      known = 1;
+    }
+  });
+  return known;
+}
+
+int CCMSMultiSitePlaybackCtrl::SetQuickSearch(unsigned site, unsigned channel, int on) {
+  int known = 0;
+  impl_->Operate([&](cms::PlaybackSession& session) {
+    if (session.Channel(site, channel) != nullptr) {
+      session.Site(site)->Of(channel).quick.store(on != 0);
+      session.Transport().SetQuick(session.NumberOf(site, channel), on != 0);
+      known = 1;
+    }
+  });
+  return known;
+}
+
+int CCMSMultiSitePlaybackCtrl::IsQuickSearch(unsigned site) const {
+  const auto session = impl_->Running();
+  const auto* const base = session ? session->Site(site) : nullptr;
+  for (unsigned channel = 0; base != nullptr && channel < base->ChannelCount(); ++channel) {
+    if (session->Site(site)->Of(channel).quick.load()) {
+      return 1;
+    }
+  }
+  return 0;
+}
+
+int CCMSMultiSitePlaybackCtrl::GetFrameCallBack(const void* frame, long size,
+                                                _MULTI_PB_GET_FRAME_CALL_BACK_PARAM* parameter) {
+  return impl_->GetFrameCallBack(frame, size, parameter);
+}
