@@ -5,6 +5,7 @@
 #include <chrono>
 #include <filesystem>
 #include <map>
+#include <optional>
 #include <string_view>
 #include <thread>
 #include <utility>
@@ -35,6 +36,41 @@ struct Times {
   std::int64_t end = 0;
 };
 
+// What a folder's record list says about its files.
+class RecordedTimes {
+ public:
+  // False when the list cannot be read.
+  bool Read(const std::wstring& folder) {
+    const auto list = ReadRecordList(folder);
+    times_.clear();
+    for (const RecordRow& row : list.rows) {
+      const std::wstring path = WideFromUtf8(row.file);
+      const auto [entry, added] = times_.try_emplace(std::wstring(SplitAtLastSeparator(path).name),
+                                                     Times{row.start, row.end});
+      if (!added) {
+        entry->second = {std::min(entry->second.start, row.start),
+                         std::max(entry->second.end, row.end)};
+      }
+    }
+    return list.state != DatabaseState::kUnreadable;
+  }
+
+  // From the earliest to the latest time of the records that name the file; null when none does.
+  const Times* Of(const std::wstring& name) const {
+    const auto entry = times_.find(name);
+    return entry != times_.end() ? &entry->second : nullptr;
+  }
+
+  bool Cover(const std::wstring& name, const DrvWalkReport& walk) const {
+    const Times* const times = Of(name);
+    return times != nullptr && times->start <= walk.earliest_seconds &&
+           times->end >= walk.last_seconds;
+  }
+
+ private:
+  std::map<std::wstring, Times> times_;
+};
+
 class Repair {
  public:
   Repair(const std::vector<std::wstring>& folders,
@@ -57,6 +93,7 @@ class Repair {
     std::string drv;  // native paths
     std::string idx;
     RepairedRecording result;
+    std::int64_t modified = 0;  // before the repair: milliseconds since 1970-01-01 UTC
     DrvWalkReport walk;
   };
 
@@ -71,46 +108,31 @@ class Repair {
 
   FileIo& io_;
   const std::function<bool(const RepairedRecording&)>& visit_;
+  RecordedTimes recorded_;                    // of the folder in work
   std::map<std::uint32_t, RecordRow> sites_;  // a record of each, for those that are missing
   RepairReport report_;
 };
 
-std::wstring NameOf(const RecordRow& row) {
-  const std::wstring path = WideFromUtf8(row.file);
-  return std::wstring(SplitAtLastSeparator(path).name);
-}
-
-// From the earliest start to the latest end of the records that name the file; whether any does.
-std::optional<Times> Recorded(const std::wstring& folder, const std::wstring& name) {
-  std::optional<Times> times;
-  for (const RecordRow& row : ReadRecordList(folder).rows) {
-    if (NameOf(row) == name) {
-      times = !times ? Times{row.start, row.end}
-                     : Times{std::min(times->start, row.start), std::max(times->end, row.end)};
-    }
-  }
-  return times;
-}
-
-bool Covers(const std::optional<Times>& recorded, const DrvWalkReport& walk) {
-  return recorded && recorded->start <= walk.earliest_seconds && recorded->end >= walk.last_seconds;
-}
-
-// Of the video frames outside `recorded`: a recording that was continued has a record for each time
-// that it was closed.
-Times Uncovered(FileIo& io, const std::string& drv, const std::optional<Times>& recorded) {
+// Of the video frames that no record covers: a recording that was continued has a record for each
+// time that it was closed. Nothing when reading fails.
+std::optional<Times> Uncovered(FileIo& io, const std::string& drv, const Times* recorded) {
   const ScopedFile file(io, drv, kFileRead);
+  if (!file) {
+    return std::nullopt;
+  }
   Times times;
   DrvWalker walker(io, file.Handle());
   while (const auto frame = walker.Next()) {
     const std::int64_t seconds = frame->header.Seconds();
-    const bool covered = recorded && seconds >= recorded->start && seconds <= recorded->end;
+    const bool covered =
+        recorded != nullptr && seconds >= recorded->start && seconds <= recorded->end;
     if (!frame->header.IsAudio() && !covered) {
       times.start = times.start == 0 ? seconds : std::min(times.start, seconds);
       times.end = seconds;
     }
   }
-  return times;
+  errno = walker.Report().error;
+  return errno == 0 ? std::optional(times) : std::nullopt;
 }
 
 bool Repair::Fail(Recording& recording, int error) {
@@ -139,6 +161,11 @@ bool Repair::IsHeld(Recording& recording) {
 
 // False when nothing is left to be done for the recording.
 bool Repair::MendEnd(Recording& recording) {
+  FileStatus status;
+  if (!io_.Status(recording.drv, status)) {
+    return Fail(recording, errno);
+  }
+  recording.modified = static_cast<std::int64_t>(status.modified_nanoseconds / 1'000'000);
   const IdxRebuild before = CompareIdx(io_, recording.drv, recording.idx);
   recording.walk = before.walk;
   if (!before.done) {
@@ -157,7 +184,10 @@ bool Repair::MendEnd(Recording& recording) {
 }
 
 bool Repair::RemoveEmpty(Recording& recording) {
-  if (Recorded(recording.folder, recording.name)) {
+  if (!recorded_.Read(recording.folder)) {
+    return Fail(recording, EIO);
+  }
+  if (recorded_.Of(recording.name) != nullptr) {
     return true;
   }
   const ScopedFile file(io_, recording.drv, kFileReadWrite | kFileExclusive);
@@ -194,31 +224,35 @@ void Repair::MendRecord(Recording& recording) {
     Fail(recording, ENAMETOOLONG);
     return;
   }
-  auto recorded = Recorded(recording.folder, recording.name);
-  FileStatus status;
-  if (!Covers(recorded, recording.walk) && io_.Status(recording.drv, status)) {
-    const auto written = static_cast<std::int64_t>(status.modified_nanoseconds / 1'000'000);
-    const std::int64_t wait =
-        written + kRecordDelayMilliseconds - std::int64_t{WallSeconds()} * 1000;
-    if (wait > 0) {
-      std::this_thread::sleep_for(
-          std::chrono::milliseconds(std::min(wait, kRecordDelayMilliseconds)));
-      recorded = Recorded(recording.folder, recording.name);
-    }
+  if (recorded_.Cover(recording.name, recording.walk)) {
+    return;
   }
-  if (Covers(recorded, recording.walk)) {
+  const std::int64_t wait = recording.modified + kRecordDelayMilliseconds - WallSeconds() * 1000;
+  if (wait > 0) {
+    std::this_thread::sleep_for(
+        std::chrono::milliseconds(std::min(wait, kRecordDelayMilliseconds)));
+  }
+  if (!recorded_.Read(recording.folder)) {
+    Fail(recording, EIO);
+    return;
+  }
+  if (recorded_.Cover(recording.name, recording.walk)) {
+    return;
+  }
+  const auto times = Uncovered(io_, recording.drv, recorded_.Of(recording.name));
+  if (!times) {
+    Fail(recording, errno);
     return;
   }
   const auto site = static_cast<std::uint32_t>(SiteNumberOf(recording.name).value_or(0));
   const auto known = sites_.find(site);
   const RecordRow row = known != sites_.end() ? known->second : RecordRow();
-  const Times times = Uncovered(io_, recording.drv, recorded);
   FX::FX_RecordDBListWriter writer;
   writer.SetDBListPath(recording.folder.c_str());
   writer.InitialRecordDBInfo(recording.name.c_str(), WideFromUtf8(row.address).c_str(),
                              WideFromUtf8(row.siteName).c_str(), row.port);
-  writer.SetRecordTime(times.start);
-  writer.SetRecordTime(times.end);
+  writer.SetRecordTime(times->start);
+  writer.SetRecordTime(times->end);
   if (writer.WriteDBInfoIntoList()) {
     recording.result.recordAdded = true;
   } else {
@@ -253,7 +287,7 @@ bool Repair::Folder(const std::wstring& folder) {
       }
     }
   }
-  if (error) {
+  if (error || !recorded_.Read(folder)) {
     report_.failedFolders.push_back(folder);
     return true;
   }
