@@ -4,9 +4,12 @@
 #include <cstring>
 
 #include "cms/live/internal/keeper.h"
+#include "cms/live/internal/site_recording.h"
 #include "cms/runtime/clock.h"
 
-CMSClientBase::CMSClientBase() : keeper_(std::make_unique<Keeper>(*this)) {}
+CMSClientBase::CMSClientBase()
+    : keeper_(std::make_unique<Keeper>(*this)),
+      recording_(std::make_unique<cms::SiteRecording>([this] { return GetConnectionStatus(); })) {}
 
 // A derived client has stopped the keeping in its own destructor: the keeping calls its operations.
 CMSClientBase::~CMSClientBase() {
@@ -33,11 +36,15 @@ int CMSClientBase::SendAudioData(unsigned char*, int) {
 int CMSClientBase::AllocChannelData(unsigned count) {
   channels_.clear();
   channelCount_ = count;
+  if (count > recordableChannels_) {
+    recordableChannels_ = std::min(count, cms::kChannels);
+  }
   try {
     channels_.reserve(count);
     for (unsigned i = 0; i < count; ++i) {
       channels_.push_back(std::make_unique<CMSChannelDataBase>());
       channels_.back()->SetThreadedDecode(threadedDecode_);
+      channels_.back()->SetRecDuration(GetRecDuration());
     }
   } catch (const std::bad_alloc&) {
     channels_.clear();
@@ -74,8 +81,6 @@ void CMSClientBase::OnGetAudioFrame(void* header, int headerSize, void* data, in
   OnDecodeAudioFrame(data, size, channel);
 }
 
-void CMSClientBase::OnRecordVideoFrame(void*, int, void*, int, unsigned) {}
-void CMSClientBase::OnRecordAudioFrame(void*, int, void*, int, unsigned) {}
 
 void CMSClientBase::OnDecodeVideoFrame(void* data, int size, unsigned channel, int frameType) {
   CMSChannelDataBase* const state = Channel(channel);

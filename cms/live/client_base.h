@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -13,8 +14,16 @@
 #include "cms/live/connection_status.h"
 #include "cms/live/fps_report.h"
 #include "cms/live/reconnect_policy.h"
+#include "cms/live/recording_kind.h"
+#include "cms/recording/gap_log.h"
+#include "cms/recording/record_param.h"
+#include "cms/recording/recording_status.h"
 #include "cms/runtime/api.h"
 #include "cms/runtime/critical.h"
+
+namespace cms {
+class SiteRecording;
+}
 
 // What GetFrameData copies: totals of the connection since the client was made, over all
 // reconnections.
@@ -115,6 +124,69 @@ class CMS_API CMSClientBase {
   int KeepOpen();
   ConnectionStatus GetConnectionStatus() const;
 
+  // --- Recording ------------------------------------------------------------------------------
+  // SetRecordParam and SetRecordDevice first. Kinds are a CMSRecordKind; other numbers do nothing.
+  // What is recorded is written by the library's own threads at most five seconds later, and every
+  // span in which the site should have recorded and did not stands in the gap log
+  // (cms/recording/gap_log.h). See docs/recording.md. Starting, stopping and changing waits for the
+  // disk; nobody calls in here who holds EventDBLock.
+
+  // No frame is recorded and no event begins between the two.
+  void DRVRecorderLockerLock();
+  void DRVRecorderLockerUnlock();
+
+  void SetRecordParam(const stRecordParam& param);
+  // How the databases name the site. Null texts are empty ones.
+  void SetRecordDevice(const wchar_t* address, const wchar_t* siteName, std::uint16_t port);
+
+  // How long an event recording goes on after the last frame with a mark; 0 from the start.
+  void SetRecDuration(unsigned seconds);
+  unsigned GetRecDuration() const;
+
+  // Keeps the seconds (at most 255) before an event ready in memory, from a key frame on, and
+  // records them when it begins. The memory is allocated here: `bytes`, or with 0 one that fits a
+  // stream of 8 Mbit/s, 4 to 64 MB; of what does not fit the latest is kept. 0 when there is no
+  // memory.
+  int SetRecEventPreAlarm(unsigned channel, unsigned seconds, int enabled, std::size_t bytes = 0);
+
+  // What the client application knows of a channel's events (CMSEventState), beside the marks in
+  // the frames: holds until it is set again and counts with the next frame.
+  void SetEventState(unsigned channel, unsigned state);
+  unsigned GetEventState(unsigned channel) const;
+
+  // Begins a recording by hand; it ends with StopRecord. 0 when no file could be opened: nothing is
+  // recorded then.
+  int StartRecord(unsigned channel, int kind);
+  void StopRecord(unsigned channel, int kind);  // turns the state of a schedule off as well
+  void StopRecordAll();                         // and turns all states off
+
+  // Whether a file is open and, with a channel, any kind of recording runs for it.
+  int IsRecording(unsigned channel) const;
+  int IsRecording() const;
+  int IsMotionRecording(unsigned channel) const;  // of a device event
+
+  // States make recordings begin by themselves: that of an event with each mark, that of a schedule
+  // at once, and again when the disk comes back. Turning one off ends its recording.
+  void TurnOnRecordingState(unsigned channel, int kind);
+  void TurnOffRecordingState(unsigned channel, int kind);
+  void TurnOffRecordingStateAll();
+
+  // From now on every finished recording goes to "<target>\<its folder's name>", in order; a target
+  // that is away makes them wait. 0 when they go somewhere already.
+  int StartMoveFileToNAS(const wchar_t* target);
+  void StopMoveFileToNAS();  // tries what waits once more
+  int IsMovingFileToNAS() const;
+
+  // Waits until everything recorded so far is in its files; 0 on time-out.
+  int WaitRecorded(int milliseconds);
+  // The .drv files finished since the last call, in the order in which they were begun: the latest
+  // 1000.
+  std::vector<std::wstring> TakeRecordedFiles();
+  cms::RecordingStatus GetRecordingStatus() const;
+  // Why nothing is being recorded although it should be, as the gap log has it (also while that
+  // cannot be written), about a second behind; nothing while all is well.
+  std::optional<cms::OpenGap> GetRecordingGap() const;
+
   // --- Frames and pictures --------------------------------------------------------------------
   // Copies at most `size` bytes of a CMSFrameData; returns the bytes copied.
   int GetFrameData(void* buffer, int size) const;
@@ -196,6 +268,10 @@ class CMS_API CMSClientBase {
   // What the audio blocks are from now on; codec CMS_CODEC_NONE: there are none.
   void SetAudioFormat(const tCMSAudioPlayerConfig& config);
 
+  // What ChangeRecordFile and ChangeRecordPath do: from the next key frame on.
+  int ChangeRecorderFile();
+  int ChangeRecorderPath(const wchar_t* path);
+
   CMSChannelDataBase* Channel(unsigned channel) const {
     return channel < channelCount_ && channel < channels_.size() ? channels_[channel].get()
                                                                  : nullptr;
@@ -214,7 +290,10 @@ class CMS_API CMSClientBase {
  private:
   class Keeper;
 
+  bool MayRecord(unsigned channel) const;
+
   unsigned channelCount_ = 0;
+  std::atomic<unsigned> recordableChannels_{0};  // that there ever were: while a stream is away too
   std::vector<std::unique_ptr<CMSChannelDataBase>> channels_;
   std::atomic<int> mustDecode_{0};
   stFisheyeParameter fisheye_;
@@ -238,4 +317,5 @@ class CMS_API CMSClientBase {
   ReconnectPolicy policy_ CMS_GUARDED_BY(statusLock_);
 
   std::unique_ptr<Keeper> keeper_;
+  std::unique_ptr<cms::SiteRecording> recording_;
 };

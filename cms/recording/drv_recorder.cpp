@@ -185,6 +185,15 @@ void FX_DRVRecorder::SetPreAlarm(std::uint8_t seconds, bool enabled) {
   preAlarmEnabled_ = enabled;
 }
 
+void FX_DRVRecorder::SetEventPreAlarm(unsigned channel, std::uint8_t seconds) {
+  cms::ChannelSet::Check(channel);
+  ScopeLock hold(lock_);
+  for (const Kind kind : {kEvent, kAlarm, kLoss}) {
+    events_[kind][channel].preAlarm = seconds;
+    lists_[kind].SetPreAlarm(seconds, channel);
+  }
+}
+
 void FX_DRVRecorder::SetRecParam(const stRecordParam& param) {
   ScopeLock hold(lock_);
   param_ = param;

@@ -91,6 +91,8 @@ class CMS_API FX_DRVRecorder : public CLFX::CLFXDRVWriter {
   // The seconds before an event that are recorded with it; events begun from now on note them while
   // enabled, else 0.
   void SetPreAlarm(std::uint8_t seconds, bool enabled);
+  // The same for the events of a channel that run, once it is known what there was to record.
+  void SetEventPreAlarm(unsigned channel, std::uint8_t seconds);
   // Holds from the next file on. A path that differs from the open file's begins one with the next
   // key frame.
   void SetRecParam(const stRecordParam& param);
@@ -104,6 +106,9 @@ class CMS_API FX_DRVRecorder : public CLFX::CLFXDRVWriter {
                         unsigned channel, bool markDeviceEvent = false);
   bool RecordAudioFrame(const void* header, int headerSize, const void* data, int size,
                         unsigned channel);
+  // A video frame from before the event that just began: the event's times stay as they are.
+  bool RecordPreAlarmFrame(const void* header, int headerSize, const void* data, int size,
+                           unsigned channel);
 
   void Flush(std::uint32_t age = cms::kFlushAgeMilliseconds) override;
 
@@ -130,14 +135,15 @@ class CMS_API FX_DRVRecorder : public CLFX::CLFXDRVWriter {
   void StoreLateEvents();
   bool AnyRuns() const;
   unsigned RunningKinds(unsigned channel) const;  // a bit for each
+  enum class FrameUse { kPlain, kMarked, kBeforeEvent };
   bool RecordFrame(std::span<const std::uint8_t> header, std::span<const std::uint8_t> payload,
-                   unsigned channel, bool mark);
+                   unsigned channel, FrameUse use);
   std::uint64_t Milliseconds(std::uint32_t seconds) CMS_REQUIRES(lock_);
 
   std::array<cms::ChannelSet, kKinds> running_;  // changed under starting_
   std::array<cms::ChannelSet, kKinds> enabled_;
   std::array<FX_EventDBListWriter, kEventKinds> lists_;
-  CMSCritical starting_;  // orders starts and stops; taken before lock_, not by the receive thread
+  CMSCritical starting_;  // orders starts and stops; taken before lock_, not by recorded frames
 
   stRecordParam param_ CMS_GUARDED_BY(lock_);
   std::uint8_t preAlarm_ CMS_GUARDED_BY(lock_) = 0;

@@ -18,17 +18,24 @@ std::span<const std::uint8_t> BlockOf(const void* data, int size) {
 
 bool FX_DRVRecorder::RecordVideoFrame(const void* header, int headerSize, const void* data,
                                       int size, unsigned channel, bool markDeviceEvent) {
-  return RecordFrame(BlockOf(header, headerSize), BlockOf(data, size), channel, markDeviceEvent);
+  return RecordFrame(BlockOf(header, headerSize), BlockOf(data, size), channel,
+                     markDeviceEvent ? FrameUse::kMarked : FrameUse::kPlain);
 }
 
 bool FX_DRVRecorder::RecordAudioFrame(const void* header, int headerSize, const void* data,
                                       int size, unsigned channel) {
-  return RecordFrame(BlockOf(header, headerSize), BlockOf(data, size), channel, false);
+  return RecordFrame(BlockOf(header, headerSize), BlockOf(data, size), channel, FrameUse::kPlain);
+}
+
+bool FX_DRVRecorder::RecordPreAlarmFrame(const void* header, int headerSize, const void* data,
+                                         int size, unsigned channel) {
+  return RecordFrame(BlockOf(header, headerSize), BlockOf(data, size), channel,
+                     FrameUse::kBeforeEvent);
 }
 
 bool FX_DRVRecorder::RecordFrame(std::span<const std::uint8_t> area,
                                  std::span<const std::uint8_t> payload, unsigned channel,
-                                 bool mark) {
+                                 FrameUse use) {
   cms::ChannelSet::Check(channel);
   // Stopping clears the running bit before it closes the files under this lock: no frame opens them
   // again behind it.
@@ -43,7 +50,7 @@ bool FX_DRVRecorder::RecordFrame(std::span<const std::uint8_t> area,
   }
   std::array<std::uint8_t, cms::kDrvHeaderSize> sealed;
   std::copy_n(area.begin(), sealed.size(), sealed.begin());
-  if (mark) {
+  if (use == FrameUse::kMarked) {
     cms::SetDeviceEventMark(sealed, channel);
   }
   cms::SealFrameHeader(sealed);
@@ -74,7 +81,11 @@ bool FX_DRVRecorder::RecordFrame(std::span<const std::uint8_t> area,
   if (header.IsKeyFrame() || !param_.indexKeyFramesOnly) {
     WriteDrvIdx();
   }
-  SetRecordTime(header.Seconds(), channel);
+  if (use == FrameUse::kBeforeEvent) {
+    CLFXDRVWriter::SetRecordTime(header.Seconds());
+  } else {
+    SetRecordTime(header.Seconds(), channel);
+  }
   return true;
 }
 

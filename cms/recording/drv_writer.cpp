@@ -161,6 +161,7 @@ bool CLFXDRVWriter::RecordBlocks(std::span<const std::span<const std::uint8_t>> 
   accepted_ += length;
   hasFrame_ = true;
   lastFrameTick_ = cms::TickMilliseconds();
+  status_.lastFrameTick = lastFrameTick_;
   ++status_.frames;
   status_.keyFrames += begins ? 1 : 0;
   status_.bytes += length;
@@ -252,6 +253,21 @@ void CLFXDRVWriter::SetStreamHeaders(std::span<const std::uint8_t> twelveBytes,
   streamHeaders_[0].assign(twelveBytes.begin(), twelveBytes.end());
   streamHeaders_[1].assign(hundredThirtySixBytes.begin(), hundredThirtySixBytes.end());
   streamHeaders_[2].assign(codecConfiguration.begin(), codecConfiguration.end());
+}
+
+void CLFXDRVWriter::RememberFinished() {
+  ScopeLock hold(lock_);
+  rememberFinished_ = true;
+}
+
+std::vector<cms::FinishedRecording> CLFXDRVWriter::TakeFinished() {
+  ScopeLock hold(lock_);
+  return std::exchange(finished_, {});
+}
+
+bool CLFXDRVWriter::IsSettled() const {
+  ScopeLock hold(lock_);
+  return !HasOpenFile() && late_.empty();
 }
 
 cms::RecordingStatus CLFXDRVWriter::GetRecordingStatus() const {

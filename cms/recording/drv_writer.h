@@ -21,6 +21,12 @@ namespace cms {
 
 struct LateRecord;
 
+// A recording that is written, closed and listed.
+struct FinishedRecording {
+  std::wstring drvPath;
+  std::wstring idxPath;
+};
+
 inline constexpr int kBeginsFile = 0;  // a frame that may begin a file: a key frame
 inline constexpr int kDependent = 1;
 
@@ -105,6 +111,13 @@ class CMS_API CLFXDRVWriter {
                         std::span<const std::uint8_t> hundredThirtySixBytes,
                         std::span<const std::uint8_t> codecConfiguration);
 
+  // From now on files that are finished are remembered for TakeFinished, in the order in which they
+  // were begun: one whose end has to be mended first holds up those behind it. They are not
+  // continued any more.
+  void RememberFinished();
+  std::vector<cms::FinishedRecording> TakeFinished();  // those that Flush found since the last call
+  bool IsSettled() const;  // no file is open or being closed, and nothing waits to be mended
+
   cms::RecordingStatus GetRecordingStatus() const;
   std::wstring GetDrvPath() const;  // of the open file; empty when none is
 
@@ -142,6 +155,8 @@ class CMS_API CLFXDRVWriter {
   void RecordFailed(int error) CMS_REQUIRES(lock_);
   void CountFailure(int error) CMS_REQUIRES(lock_);
   void SettleLateRecords();
+  void ForgetSettled() CMS_REQUIRES(lock_);
+  void Finish(const cms::LateRecord& late) CMS_REQUIRES(lock_);
 
   void AddData(std::span<const std::span<const std::uint8_t>> blocks, std::uint64_t length)
       CMS_REQUIRES(lock_);
@@ -193,7 +208,10 @@ class CMS_API CLFXDRVWriter {
   std::uint64_t retryDelay_ CMS_GUARDED_BY(lock_) = 0;       // milliseconds
   std::vector<cms::LateRecord> late_ CMS_GUARDED_BY(lock_);  // of closed files, until settled
   std::uint64_t settleTick_ CMS_GUARDED_BY(lock_) = 0;
-  CMSCritical settling_;  // taken before lock_, never inside it
+  bool rememberFinished_ CMS_GUARDED_BY(lock_) = false;
+  std::vector<cms::FinishedRecording> finished_ CMS_GUARDED_BY(lock_);
+  std::wstring lastFinished_ CMS_GUARDED_BY(lock_);  // its .drv file
+  CMSCritical settling_;                             // taken before lock_, never inside it
 };
 
 }  // namespace CLFX

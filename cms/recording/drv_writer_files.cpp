@@ -82,7 +82,7 @@ int CLFXDRVWriter::OpenNamed(std::int64_t startTime) {
   if (drvPath == drvPath_ && drvStatus_ && !drvStatus_->closed) {
     ControlWriteFile::GetInstance()->WaitWritten(kCloseMilliseconds);
   }
-  if (IsDamaged(drvPath)) {
+  if (IsDamaged(drvPath) || drvPath == lastFinished_) {
     return EWOULDBLOCK;
   }
   cms::FileIo& io = cms::CurrentFileIo();
@@ -141,8 +141,7 @@ void CLFXDRVWriter::CloseFiles(bool failed) {
   }
   CloseWriteDrvFile();
   CloseWriteIdxFile();
-  // Files that turned out well meanwhile are forgotten, also when nobody calls Flush.
-  std::erase_if(late_, [](const auto& late) { return late.IsClosed() && !late.NeedsWork(); });
+  ForgetSettled();  // also when nobody calls Flush
   cms::LateRecord late;
   const auto split = cms::SplitAtLastSeparator(drvPath_);
   late.folder = split.folder;
@@ -161,6 +160,37 @@ void CLFXDRVWriter::CloseFiles(bool failed) {
   late.stored = !failed && late.Error() == 0 && recordList_->WriteDBInfoIntoList();
   recordList_.reset();
   late_.push_back(std::move(late));
+}
+
+void CLFXDRVWriter::ForgetSettled() {
+  const auto settled = [](const auto& late) { return late.IsClosed() && !late.NeedsWork(); };
+  if (!rememberFinished_) {
+    std::erase_if(late_, settled);
+    return;
+  }
+  // A file that was opened again is not finished, and finished once however often it was.
+  while (!late_.empty() && settled(late_.front()) &&
+         !(HasOpenFile() && late_.front().drvPath == drvPath_)) {
+    const cms::LateRecord late = std::move(late_.front());
+    late_.erase(late_.begin());
+    const bool again = std::any_of(late_.begin(), late_.end(), [&](const auto& other) {
+      return other.drvPath == late.drvPath;
+    });
+    if (!again && !late.removed) {
+      Finish(late);
+    }
+  }
+}
+
+// Whoever takes the file may move it away: the next recording gets a name of its own.
+void CLFXDRVWriter::Finish(const cms::LateRecord& late) {
+  finished_.push_back({late.drvPath, late.idxPath});
+  lastFinished_ = late.drvPath;
+  auto& slots = cms::RecordingSlots::Instance();
+  const std::int64_t startTime = slots.Use(path_, cms::WallSeconds()).startTime;
+  if (!HasOpenFile() && path_ + cms::RecordingStamp(startTime) + L".drv" == late.drvPath) {
+    slots.SetStartTime(path_, 0);
+  }
 }
 
 bool CLFXDRVWriter::IsDamaged(const std::wstring& drvPath) const {
@@ -243,11 +273,10 @@ void CLFXDRVWriter::SettleLateRecords() {
     if (error != 0 && error != EAGAIN) {
       settleTick_ = cms::TickMilliseconds() + kSettleMilliseconds;
     }
-    if (entry != late_.end() && error == 0) {
-      late_.erase(entry);
-    } else if (entry != late_.end()) {
+    if (entry != late_.end()) {
       *entry = std::move(late);
     }
+    ForgetSettled();
   }
 }
 

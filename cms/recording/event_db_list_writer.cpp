@@ -52,6 +52,13 @@ void FX_EventDBListWriter::SetRecordTime(std::int64_t time, unsigned channel) {
   }
 }
 
+void FX_EventDBListWriter::SetPreAlarm(std::uint8_t seconds, unsigned channel) {
+  ScopeLock hold(lock_);
+  if (channel < kChannels && slots_[channel]) {
+    slots_[channel]->info.SetPreAlarm(seconds);
+  }
+}
+
 bool FX_EventDBListWriter::WriteDBInfoIntoList(unsigned channel) {
   ScopeLock databases(cms::EventDatabaseLock());
   std::unique_ptr<Pending> pending;

@@ -34,6 +34,8 @@ class CMS_API FX_EventDBListWriter {
   // does.
   void SetRecordTime(std::int64_t time, unsigned channel);
 
+  void SetPreAlarm(std::uint8_t seconds, unsigned channel);  // of the pending record, if any
+
   // Appends the channel's pending record to its list if both of its times are set; without them it
   // is dropped. Nothing is pending afterwards. False when the list could not be written: it then
   // holds what it held before.

@@ -53,7 +53,7 @@ std::string GapCauseName(GapCause cause) {
   constexpr const char* kNames[] = {
       "unknown",        "connecting",          "camera gone",           "password refused",
       "camera refuses", "stream closed",       "waiting for key frame", "disk full",
-      "writing failed", "stopped by the user",
+      "writing failed", "stopped by the user", "out of resources",      "out of resources",
   };
   const auto number = static_cast<std::size_t>(cause);
   return number < std::size(kNames) ? kNames[number] : "cause " + std::to_string(number);
@@ -83,12 +83,12 @@ void GapLogWriter::SetSite(const GapSite& site) {
   site_ = site;
 }
 
-bool GapLogWriter::IsOpen() const {
-  return open_ != nullptr;
-}
-
-GapCause GapLogWriter::Cause() const {
-  return open_ ? static_cast<GapCause>(open_->record.cause) : GapCause::kUnknown;
+std::optional<OpenGap> GapLogWriter::Open() const {
+  if (!open_) {
+    return std::nullopt;
+  }
+  const GapRecord& record = open_->record;
+  return OpenGap{static_cast<GapCause>(record.cause), record.error, record.from};
 }
 
 bool GapLogWriter::HasWaiting() const {
@@ -121,7 +121,7 @@ void GapLogWriter::EndAbandoned(std::int64_t now) {
 }
 
 void GapLogWriter::Begin(GapCause cause, std::int64_t from, int error) {
-  if (open_ && Cause() == cause && open_->record.error == error) {
+  if (const auto open = Open(); open && open->cause == cause && open->error == error) {
     return;
   }
   End(from);

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -21,8 +22,9 @@ enum class GapCause : std::uint8_t {
   kStreamClosed = 5,        // the client application closed the stream, or gave up opening it
   kWaitingForKeyFrame = 6,  // frames arrive, but none that a file may begin with
   kDiskFull = 7,
-  kWriteFailed = 8,  // a file could not be opened or written: `error`
-  kStopped = 9,      // the user stopped recording
+  kWriteFailed = 8,      // a file could not be opened or written: `error`
+  kStopped = 9,          // the user stopped recording
+  kOutOfResources = 10,  // this host has no descriptor, port or memory left
 };
 
 // A short English name such as "disk full"; "cause <number>" for numbers that are not known.
@@ -34,6 +36,13 @@ struct GapSite {
   std::wstring name;
   std::wstring address;
   std::uint16_t port = 0;
+};
+
+// A gap that lasts.
+struct OpenGap {
+  GapCause cause = GapCause::kUnknown;
+  int error = 0;
+  std::int64_t from = 0;
 };
 
 struct GapRow {
@@ -77,8 +86,7 @@ class CMS_API GapLogWriter {
   void End(std::int64_t to);      // not before its beginning; nothing when none lasts
   void Update(std::int64_t now);  // about once a second while a gap lasts or something waits
 
-  bool IsOpen() const;
-  GapCause Cause() const;  // of the gap that lasts
+  std::optional<OpenGap> Open() const;
   bool HasWaiting() const;
 
  private:

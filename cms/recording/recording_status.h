@@ -30,6 +30,8 @@ struct RecordingStatus {
   std::uint64_t resumptions = 0;
   std::uint64_t lateRecords = 0;  // of files, waiting to be mended or stored
   std::uint64_t lateEvents = 0;   // their records wait to be stored
+
+  std::uint64_t lastFrameTick = 0;  // cms::TickMilliseconds of the last accepted frame, 0: none yet
 };
 
 }  // namespace cms

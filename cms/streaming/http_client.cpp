@@ -101,12 +101,11 @@ void CMSHTTPClient::SetAudioType() {
   }
 }
 
-// A recording is not part of this client yet: there is no file to change.
 int CMSHTTPClient::ChangeRecordFile() {
-  return 0;
+  return ChangeRecorderFile();
 }
-int CMSHTTPClient::ChangeRecordPath(const wchar_t*) {
-  return 0;
+int CMSHTTPClient::ChangeRecordPath(const wchar_t* path) {
+  return ChangeRecorderPath(path);
 }
 
 // --- Life ---------------------------------------------------------------------------------------

@@ -152,12 +152,11 @@ void CMSRTSPClient::StopDelivery() {
   playing_.store(0, std::memory_order_relaxed);
 }
 
-// A recording is not part of this client yet: there is no file to change.
 int CMSRTSPClient::ChangeRecordFile() {
-  return 0;
+  return ChangeRecorderFile();
 }
-int CMSRTSPClient::ChangeRecordPath(const wchar_t*) {
-  return 0;
+int CMSRTSPClient::ChangeRecordPath(const wchar_t* path) {
+  return ChangeRecorderPath(path);
 }
 
 void CMSRTSPClient::SetMustDecode(int decode) {

@@ -58,7 +58,7 @@ TEST(GapLog, AGapIsOnDiskFromItsBeginning) {
   EXPECT_EQ(rows[0].to, 1070);
   EXPECT_EQ(rows[1].from, 1070);
   EXPECT_EQ(rows[1].to, 1070);
-  EXPECT_FALSE(writer.IsOpen());
+  EXPECT_FALSE(writer.Open());
 }
 
 TEST(GapLog, TheNextRecordingEndsWhatAKilledProcessLeft) {

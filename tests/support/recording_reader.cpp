@@ -125,7 +125,7 @@ std::uint32_t CheckSeams(const std::vector<RecordedFile>& files, std::uint32_t f
 FrameSource::FrameSource(const ClipSpec& spec, unsigned channel)
     : clip_(EncodeClip(spec)), channel_(channel) {}
 
-bool FrameSource::Record(FX::FX_DRVRecorder& recorder, bool mark) {
+FrameSource::Frame FrameSource::Next() {
   const EncodedFrame& frame = clip_[next_];
   next_ = (next_ + 1) % clip_.size();
   cms::VideoFrameInfo info;
@@ -134,10 +134,16 @@ bool FrameSource::Record(FX::FX_DRVRecorder& recorder, bool mark) {
   info.frameType = frame.key ? 1 : 2;
   info.videoType = 1;
   info.sequence = ++sequence_;
-  std::array<std::uint8_t, cms::kVideoHeaderRoom> area;
-  cms::BuildVideoFrameHeader(area, info);
-  return recorder.RecordVideoFrame(area.data(), static_cast<int>(area.size()), frame.data.data(),
-                                   static_cast<int>(frame.data.size()), channel_, mark);
+  Frame next{{}, &frame.data, frame.key};
+  cms::BuildVideoFrameHeader(next.header, info);
+  return next;
+}
+
+bool FrameSource::Record(FX::FX_DRVRecorder& recorder, bool mark) {
+  const Frame frame = Next();
+  return recorder.RecordVideoFrame(frame.header.data(), static_cast<int>(frame.header.size()),
+                                   frame.payload->data(), static_cast<int>(frame.payload->size()),
+                                   channel_, mark);
 }
 
 bool FrameSource::RecordAudio(FX::FX_DRVRecorder& recorder) {

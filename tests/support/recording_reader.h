@@ -2,11 +2,13 @@
 // frames that are recorded.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <string>
 #include <vector>
 
+#include "cms/live/frame_header.h"
 #include "cms/recording/drv_recorder.h"
 #include "cms/runtime/clock.h"
 #include "tests/support/encoded_clip.h"
@@ -59,6 +61,12 @@ class FrameSource {
  public:
   explicit FrameSource(const ClipSpec& spec = {}, unsigned channel = 0);
 
+  struct Frame {
+    std::array<std::uint8_t, cms::kVideoHeaderRoom> header;
+    const std::vector<std::uint8_t>* payload = nullptr;
+    bool key = false;
+  };
+  Frame Next();  // with the clock's second
   // Records the next frame; its result is RecordVideoFrame's.
   bool Record(FX::FX_DRVRecorder& recorder, bool mark = false);
   bool RecordAudio(FX::FX_DRVRecorder& recorder);

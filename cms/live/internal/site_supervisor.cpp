@@ -17,7 +17,12 @@ constexpr std::uint64_t kIdleThreadMs = 5'000;
 }  // namespace
 
 SiteSupervisor& SiteSupervisor::Instance() {
-  static auto* const supervisor = new SiteSupervisor;
+  static auto* const supervisor = new SiteSupervisor("cms-sites");
+  return *supervisor;
+}
+
+SiteSupervisor& SiteSupervisor::Recordings() {
+  static auto* const supervisor = new SiteSupervisor("cms-record");
   return *supervisor;
 }
 
@@ -77,9 +82,9 @@ void SiteSupervisor::StartThreadIfNeeded() {
 }
 
 void SiteSupervisor::Work() {
-  pthread_setname_np(pthread_self(), "cms-sites");
+  pthread_setname_np(pthread_self(), threadName_);
   std::unique_lock lock(mutex_);
-  std::uint64_t idleSince = TickMilliseconds();
+  std::uint64_t idleSince = sites_.empty() ? 0 : TickMilliseconds();
   while (!sites_.empty()) {
     const auto next = std::min_element(
         sites_.begin(), sites_.end(),

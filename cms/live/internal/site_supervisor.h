@@ -1,4 +1,5 @@
-// SiteSupervisor calls every open site when its time has come: keep-alive, watchdog, reconnection.
+// SiteSupervisor calls every open site when its time has come: keep-alive, watchdog, reconnection,
+// and every recording.
 #pragma once
 
 #include <condition_variable>
@@ -9,7 +10,7 @@
 
 namespace cms {
 
-// One process-wide timer with a few threads. A turn may block (opening a stream waits for the
+// A process-wide timer with a few threads. A turn may block (opening a stream waits for the
 // camera's answers), so a thread that goes into a turn leaves the waiting to another one; at most
 // kMostThreads turns run at once, which also keeps a crowd of returning cameras from being opened
 // all together. Threads beyond two end when they have been idle for a while, and all of them
@@ -31,6 +32,11 @@ class SiteSupervisor {
   };
 
   static SiteSupervisor& Instance();
+  // For recordings, which wait for no camera: however many sites are being opened, what was
+  // received reaches the disk in time.
+  static SiteSupervisor& Recordings();
+
+  explicit SiteSupervisor(const char* threadName) : threadName_(threadName) {}
 
   void Add(Site* site, std::uint64_t due);  // an added site is only given the new time
   void Poke(Site* site);                    // its turn comes at once; unknown sites are ignored
@@ -51,6 +57,7 @@ class SiteSupervisor {
   void Work();
   void StartThreadIfNeeded();
 
+  const char* const threadName_;
   std::mutex mutex_;  // guards all below
   std::condition_variable changed_;
   std::condition_variable turnEnded_;

@@ -61,7 +61,8 @@ int SettleLateRecord(FileIo& io, LateRecord& late) {
       if (late.stored) {
         RemoveRecord(late.folder, late.name);
       }
-      return 0;
+      late.removed = true;
+      late.stored = true;
     }
     late.end = mended.lastSeconds != 0 ? mended.lastSeconds : late.end;
     late.damaged = false;

@@ -26,6 +26,7 @@ struct LateRecord {
   std::shared_ptr<WriteStatus> drvStatus;
   std::shared_ptr<WriteStatus> idxStatus;  // null: there is no index
   bool damaged = false;  // the end of the file has to be cut, or its index made to fit
+  bool removed = false;  // nothing was in it
   bool counted = false;  // its failure and its lost bytes are in the recorder's status
 
   bool IsClosed() const;  // by the queue

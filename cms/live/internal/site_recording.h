@@ -1,0 +1,101 @@
+// The recording of one site client: its recorder, its events, its clock, its gaps and its mover.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "cms/live/connection_status.h"
+#include "cms/live/internal/event_recording.h"
+#include "cms/live/internal/moved_recordings.h"
+#include "cms/live/internal/site_gaps.h"
+#include "cms/live/internal/site_supervisor.h"
+#include "cms/recording/drv_recorder.h"
+#include "cms/runtime/critical.h"
+
+namespace cms {
+
+// Threads: OnVideo and OnAudio on the receiving thread, Turn on a thread of
+// SiteSupervisor::Recordings about once a second while there is something to do, everything else on
+// any. Channels are below kChannels. Locks: lock_ before the recorder's own.
+class SiteRecording final : public SiteSupervisor::Site {
+ public:
+  using ConnectionSource = std::function<ConnectionStatus()>;
+
+  explicit SiteRecording(ConnectionSource connection);
+  ~SiteRecording();  // stops everything; no frame comes any more
+  SiteRecording(const SiteRecording&) = delete;
+  SiteRecording& operator=(const SiteRecording&) = delete;
+
+  FX::FX_DRVRecorder& Recorder() { return recorder_; }
+  CMSCritical& Lock() { return lock_; }
+
+  void SetParam(const stRecordParam& param);
+  void SetDevice(const wchar_t* address, const wchar_t* siteName, std::uint16_t port);
+  void SetDuration(unsigned seconds) { duration_.store(seconds, std::memory_order_relaxed); }
+  unsigned Duration() const { return duration_.load(std::memory_order_relaxed); }
+  void SetPreAlarm(unsigned channel, unsigned seconds, bool enabled, std::size_t bytes);
+  void SetEventState(unsigned channel, unsigned state) { state_[channel] = state; }
+  unsigned EventState(unsigned channel) const { return state_[channel]; }
+
+  bool Start(unsigned channel, int kind);
+  void Stop(unsigned channel, int kind);
+  void StopAll();
+  void TurnState(unsigned channel, int kind, bool on);
+  void TurnOffAllStates();
+
+  unsigned OnVideo(const PreAlarmBuffer::Frame& frame, unsigned channel);
+  void OnAudio(const PreAlarmBuffer::Frame& frame, unsigned channel);
+
+  // Waits until what was recorded is in its files and the closed ones are finished.
+  bool WaitRecorded(int milliseconds);
+  std::vector<std::wstring> TakeFiles();
+
+  std::optional<OpenGap> Gap() const;  // never waits for the disk
+
+  bool StartMoving(const wchar_t* target);
+  void StopMoving();
+  bool IsMoving() const;
+
+  std::uint64_t Turn(std::uint64_t now) override;
+
+ private:
+  static constexpr std::uint64_t kTurnMs = 1'000;
+  static constexpr std::size_t kMostFiles = 1'000;
+
+  bool IsScheduled() const { return recorder_.IsScheNormalRecStateOn(); }
+  bool IsWanted() const;
+  bool IsArmed() const;
+  void Wake();
+  void StartSchedule();
+  void CollectFinished();
+  void LookForGaps() CMS_REQUIRES(turning_);
+
+  const ConnectionSource connection_;
+  FX::FX_DRVRecorder recorder_;
+  std::atomic<unsigned> duration_{0};
+  std::array<std::atomic<unsigned>, kChannels> state_{};
+
+  mutable CMSCritical lock_;  // the recorder lock: what is decided for a frame
+  std::vector<EventRecording> events_ CMS_GUARDED_BY(lock_);
+
+  CMSCritical deviceLock_;
+  GapSite site_ CMS_GUARDED_BY(deviceLock_);
+
+  CMSCritical turning_;  // before all others
+  SiteGaps gaps_ CMS_GUARDED_BY(turning_);
+  mutable CMSCritical gapLock_;
+  std::optional<OpenGap> gap_ CMS_GUARDED_BY(gapLock_);
+
+  mutable CMSCritical filesLock_;  // before the mover's
+  std::deque<std::wstring> files_ CMS_GUARDED_BY(filesLock_);
+  std::unique_ptr<MovedRecordings> mover_ CMS_GUARDED_BY(filesLock_);
+};
+
+}  // namespace cms

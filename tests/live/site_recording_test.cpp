@@ -1,0 +1,329 @@
+// What a site client records, when, and what it says about what it did not.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <iterator>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "cms/recording/database_reader.h"
+#include "cms/recording/gap_log.h"
+#include "tests/recording/recorder_site.h"
+#include "tests/support/recording_client.h"
+#include "tests/support/wait.h"
+
+namespace {
+
+using cms::GapCause;
+
+constexpr cms::EventMarks kDeviceEvent{true, false, false};
+constexpr cms::EventMarks kAlarm{false, true, false};
+constexpr int kFps = 10;
+
+class SiteRecording : public testing::Test {
+ protected:
+  SiteRecording() : source_(Clip()) { client_.emplace(test::ParamFor(12)); }
+
+  static test::ClipSpec Clip() {
+    test::ClipSpec spec;
+    spec.gop = 2 * kFps;  // a key frame every two seconds
+    spec.frames = 4 * kFps;
+    return spec;
+  }
+
+  void Seconds(int seconds, cms::EventMarks marks = {}) {
+    for (int i = 0; i < seconds; ++i) {
+      for (int frame = 0; frame < kFps; ++frame) {
+        client_->Give(source_, marks);
+        client_->GiveAudio();
+        site_.clock.AdvanceMilliseconds(1000 / kFps);
+      }
+      site_.clock.SetWall(site_.clock.WallSeconds() + 1);
+    }
+  }
+  void Silence(int seconds) { site_.clock.Advance(seconds); }
+
+  std::vector<cms::GapRow> Gaps() const { return cms::ReadGapLog(0).rows; }
+  // The clock's thread looks by itself; it needs two looks a second apart.
+  bool WaitForGap(GapCause cause) {
+    return test::WaitFor([&] {
+      site_.clock.Advance(1);
+      const auto gaps = Gaps();
+      return !gaps.empty() && gaps.back().cause == cause && gaps.back().to == 0;
+    });
+  }
+  bool WaitForEnd(std::size_t gap) {
+    return test::WaitFor([&] {
+      site_.clock.Advance(1);
+      client_->Give(source_);
+      return Gaps().at(gap).to != 0;
+    });
+  }
+  static std::vector<test::RecordedFrame> Video(const std::vector<test::RecordedFile>& files) {
+    std::vector<test::RecordedFrame> video;
+    for (const auto& file : files) {
+      std::copy_if(file.frames.begin(), file.frames.end(), std::back_inserter(video),
+                   [](const auto& frame) { return !frame.audio; });
+    }
+    return video;
+  }
+
+  test::RecordingFolder site_;
+  test::FrameSource source_;
+  std::optional<test::RecordingClient> client_;
+};
+
+TEST_F(SiteRecording, EventsBeginWithTheirMarksAndEndAfterTheDuration) {
+  client_->SetRecDuration(3);
+  Seconds(1, kDeviceEvent);  // not enabled
+  EXPECT_EQ(client_->IsRecording(), 0);
+  client_->TurnOnRecordingState(0, kRecordDeviceEvent);
+  client_->TurnOnRecordingState(0, kRecordAlarm);
+  client_->TurnOnRecordingState(7, kRecordAlarm);  // there is no such channel
+  Seconds(1);
+  EXPECT_EQ(client_->IsRecording(), 0);
+  const std::int64_t begin = site_.clock.WallSeconds();
+  Seconds(1, kDeviceEvent);
+  EXPECT_EQ(client_->IsMotionRecording(0), 1);
+  Seconds(1, kDeviceEvent);
+  Seconds(2);
+  EXPECT_EQ(client_->IsMotionRecording(0), 1);
+  client_->SetEventState(0, kEventStateAlarm);
+  Seconds(1);
+  client_->SetEventState(0, 0);
+  EXPECT_EQ(client_->IsMotionRecording(0), 0);
+  EXPECT_EQ(client_->IsRecording(0), 1);  // the alarm's
+  Seconds(4);
+  EXPECT_EQ(client_->IsRecording(), 0);
+
+  const auto events = cms::ReadEventList(0).rows;
+  ASSERT_EQ(events.size(), 2u);
+  EXPECT_EQ(events[0].type, 1u);
+  EXPECT_EQ(events[0].start, begin);
+  EXPECT_EQ(events[0].end, begin + 4);
+  EXPECT_EQ(events[0].siteNumber, 12u);
+  EXPECT_EQ(events[0].preAlarm, 0u);
+  EXPECT_EQ(events[1].type, 3u);
+  EXPECT_EQ(events[1].start, begin + 4);
+  EXPECT_EQ(events[1].end, begin + 7);
+  // The time behind the marks is marked as well, as long as the device's event is recorded.
+  for (const auto& frame : site_.Files().at(0).frames) {
+    if (!frame.audio && frame.seconds != begin + 4) {
+      EXPECT_EQ(frame.eventMask, frame.seconds < begin + 4 ? 1u : 0u) << frame.seconds - begin;
+    }
+  }
+}
+
+TEST_F(SiteRecording, AnEventOfASilentStreamEndsByTheClock) {
+  client_->SetRecDuration(2);
+  client_->TurnOnRecordingState(0, kRecordAlarm);
+  Seconds(3, kAlarm);
+  EXPECT_EQ(client_->IsRecording(0), 1);
+  EXPECT_TRUE(test::WaitFor([&] {
+    Silence(1);
+    return client_->IsRecording() == 0;
+  }));
+  EXPECT_EQ(cms::ReadEventList(0).rows.size(), 1u);
+}
+
+// Two events with a pre-alarm: every frame from the first group that is needed on is there once,
+// between the events too, where the seconds before the second reach back to the first.
+TEST_F(SiteRecording, ThePreAlarmIsOnDiskAndTheEventSaysHowMuch) {
+  client_->SetRecDuration(2);
+  client_->TurnOnRecordingState(0, kRecordDeviceEvent);
+  ASSERT_EQ(client_->SetRecEventPreAlarm(0, 5, 1), 1);
+  Seconds(11);
+  client_->Give(source_);  // the event falls into a group of pictures
+  const std::uint32_t mark = source_.NextSequence();
+  const std::int64_t begin = site_.clock.WallSeconds();
+  Seconds(1, kDeviceEvent);
+  Seconds(6);
+  EXPECT_EQ(client_->IsRecording(), 0);
+  EXPECT_EQ(client_->WaitRecorded(30'000), 1);  // a finished file is not continued
+  const std::uint32_t second = source_.NextSequence();
+  Seconds(1, kDeviceEvent);
+  Seconds(6);
+
+  const auto files = site_.Files();
+  ASSERT_EQ(files.size(), 2u);
+  const std::uint32_t first = files[0].frames[0].sequence;
+  EXPECT_EQ(first, mark - mark % 20 - 59 + (mark % 20 == 0 ? 20 : 0));
+  const std::uint32_t behind = test::CheckSeams(files, first);
+  EXPECT_GT(behind, second);
+  EXPECT_GE(Video({files[0]}).back().sequence, mark);
+  EXPECT_GE(files[0].frames.size(), 2 * Video({files[0]}).size() - 3);  // the audio between them
+
+  const auto events = cms::ReadEventList(0).rows;
+  ASSERT_EQ(events.size(), 2u);
+  EXPECT_EQ(events[0].start, begin);
+  EXPECT_EQ(events[0].start - events[0].preAlarm, files[0].frames[0].seconds);
+  EXPECT_GE(events[0].preAlarm, 5u);
+  EXPECT_LE(events[0].preAlarm, 7u);
+  EXPECT_EQ(events[1].start - events[1].preAlarm, files[1].frames[0].seconds);
+  const auto records = cms::ReadRecordList(L"..\\rec").rows;
+  ASSERT_EQ(records.size(), 2u);
+  EXPECT_EQ(records[0].start, files[0].frames[0].seconds);
+}
+
+TEST_F(SiteRecording, WhatIsRecordedAnywayIsNotKeptTwice) {
+  ASSERT_EQ(client_->SetRecEventPreAlarm(0, 5, 1), 1);
+  client_->TurnOnRecordingState(0, kRecordAlarm);
+  Seconds(4);
+  ASSERT_EQ(client_->StartRecord(0, kRecordInstant), 1);
+  const std::uint32_t first = source_.NextSequence();
+  Seconds(3);
+  Seconds(1, kAlarm);
+  client_->StopRecordAll();
+  test::CheckSeams(site_.Files(), first);
+  const auto events = cms::ReadEventList(0).rows;
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0].preAlarm, 3u);  // since the recording began
+  EXPECT_EQ(client_->GetRecordingStatus().frames, 80u);
+}
+
+TEST_F(SiteRecording, MemoryForThePreAlarmIsBounded) {
+  client_->TurnOnRecordingState(0, kRecordAlarm);
+  ASSERT_EQ(client_->SetRecEventPreAlarm(0, 60, 1, 20'000), 1);
+  Seconds(30);
+  Seconds(1, kAlarm);
+  client_->StopRecordAll();
+  const auto files = site_.Files();
+  ASSERT_EQ(files.size(), 1u);
+  EXPECT_LT(std::filesystem::file_size(site_.Rec() + "/" + files[0].name), 60'000u);
+  const auto events = cms::ReadEventList(0).rows;
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_LT(events[0].preAlarm, 30u);
+  EXPECT_EQ(events[0].start - events[0].preAlarm, files[0].frames[0].seconds);
+}
+
+TEST_F(SiteRecording, ASlowStreamReachesTheDiskWithinFiveSeconds) {
+  ASSERT_EQ(client_->StartRecord(0, kRecordInstant), 1);
+  client_->Give(source_);
+  const auto onDisk = [&] {
+    return std::filesystem::file_size(site_.Rec() + "/Rec_Site12_20231114221320.drv") > 0 &&
+           std::filesystem::file_size(site_.Rec() + "/Rec_Site12_20231114221320.idx") > 0;
+  };
+  Silence(4);  // the queue's own work is the fifth
+  EXPECT_TRUE(test::WaitFor(onDisk));
+  EXPECT_EQ(Video(site_.Files()).size(), 1u);
+}
+
+TEST_F(SiteRecording, GapsHaveTheirCause) {
+  const std::int64_t begin = site_.clock.WallSeconds();
+  client_->TurnOnRecordingState(0, kRecordSchedule);
+  client_->SetConnection(ConnectionState::kWaiting, ConnectionFault::kPasswordRefused);
+  ASSERT_TRUE(WaitForGap(GapCause::kPasswordRefused));
+  client_->SetConnection(ConnectionState::kOpening);  // the next attempt: no news
+  Silence(2);
+  client_->SetConnection(ConnectionState::kPlaying);
+  ASSERT_TRUE(WaitForGap(GapCause::kWaitingForKeyFrame));
+  ASSERT_TRUE(WaitForEnd(1));
+  Seconds(5);
+  const std::int64_t lost = site_.clock.WallSeconds();
+  client_->SetConnection(ConnectionState::kWaiting, ConnectionFault::kStreamDied);
+  ASSERT_TRUE(WaitForGap(GapCause::kCameraGone));
+  client_->SetConnection(ConnectionState::kPlaying);
+  ASSERT_TRUE(WaitForEnd(2));
+  Seconds(2);
+  client_->StopRecordAll();
+  ASSERT_TRUE(WaitForGap(GapCause::kStopped));
+  client_.reset();  // the stop lasts
+
+  const auto gaps = Gaps();
+  ASSERT_EQ(gaps.size(), 4u);
+  EXPECT_EQ(gaps[0].cause, GapCause::kPasswordRefused);
+  EXPECT_GE(gaps[0].from, begin);
+  EXPECT_EQ(gaps[0].to, gaps[1].from);
+  EXPECT_EQ(gaps[2].from, lost);  // back to the last frame, not from when it was noticed
+  EXPECT_GT(gaps[2].to, lost);
+  EXPECT_EQ(gaps[3].to, 0);
+  EXPECT_EQ(gaps[3].siteNumber, 12u);
+  EXPECT_EQ(gaps[3].siteName, "Hof");
+}
+
+TEST_F(SiteRecording, AFullDiskIsAGapAndRecordingResumes) {
+  test::FaultScope fault;
+  client_->TurnOnRecordingState(0, kRecordSchedule);
+  Seconds(4);
+  ASSERT_EQ(client_->WaitRecorded(30'000), 1);
+  fault.io.LimitSpace(0);
+  ASSERT_TRUE(test::WaitFor([&] {
+    Seconds(1);
+    return client_->GetRecordingStatus().state == cms::RecordingState::kFailed;
+  }));
+  ASSERT_TRUE(test::WaitFor([&] {  // it cannot be in the log yet
+    site_.clock.Advance(1);
+    const auto gap = client_->GetRecordingGap();
+    return gap && gap->cause == GapCause::kDiskFull;
+  }));
+  fault.io.LimitSpace(test::FaultyFileIo::kNever);
+  ASSERT_TRUE(test::WaitFor([&] {
+    Seconds(1);
+    const auto gaps = Gaps();
+    return !gaps.empty() && gaps[0].to != 0;
+  }));
+  EXPECT_EQ(Gaps()[0].cause, GapCause::kDiskFull);
+  EXPECT_EQ(Gaps()[0].error, ENOSPC);
+  client_.reset();
+  EXPECT_GE(site_.Files().size(), 2u);
+  const auto video = Video(site_.Files());
+  ASSERT_GT(video.size(), 40u);
+  EXPECT_EQ(video[39].sequence, 40u);  // nothing that was written is lost
+}
+
+TEST_F(SiteRecording, FinishedFilesMoveInOrderOnceTheTargetIsThere) {
+  const std::string target = site_.folder.Beside("nas");
+  ASSERT_EQ(client_->StartMoveFileToNAS(L"..\\nas"), 1);
+  EXPECT_EQ(client_->StartMoveFileToNAS(L"..\\other"), 0);
+  ASSERT_EQ(client_->StartRecord(0, kRecordInstant), 1);
+  for (int i = 0; i < 3; ++i) {
+    Seconds(2);
+    client_->ChangeRecordFile();
+  }
+  Seconds(2);
+  client_->StopRecordAll();
+  ASSERT_EQ(client_->WaitRecorded(30'000), 1);
+  const auto files = client_->TakeRecordedFiles();
+  ASSERT_EQ(files.size(), 4u);
+  EXPECT_EQ(site_.Files().size(), 4u);  // it is away
+  std::filesystem::create_directory(target);
+  ASSERT_TRUE(test::WaitFor([&] {
+    site_.clock.Advance(1);
+    return cms::ReadRecordList(L"..\\nas\\rec").rows.size() == 4;
+  }));
+  client_->StopMoveFileToNAS();
+  EXPECT_EQ(client_->IsMovingFileToNAS(), 0);
+  EXPECT_TRUE(site_.Files().empty());
+  EXPECT_TRUE(cms::ReadRecordList(L"..\\rec").rows.empty());
+  EXPECT_EQ(test::CheckSeams(test::ReadRecordings(target + "/rec")), 81u);
+  EXPECT_EQ(cms::ReadFolderList(0).rows.at(0).folder, "..\\nas");
+}
+
+// A day's folder changes, and the camera's clock steps back by an hour: nothing is overwritten.
+TEST_F(SiteRecording, ChangedPathsAndSteppingClocksLoseNothing) {
+  ASSERT_EQ(client_->StartRecord(0, kRecordInstant), 1);
+  Seconds(4);
+  std::filesystem::create_directory(site_.folder.Beside("rec2"));
+  EXPECT_EQ(client_->ChangeRecordPath(test::ParamFor(12, 64, L"..\\rec2").path), 1);
+  Seconds(4);
+  site_.clock.SetWall(site_.clock.WallSeconds() - 3600);
+  client_->ChangeRecordFile();
+  Seconds(4);
+  site_.clock.SetWall(site_.clock.WallSeconds() + 3600 - 4);  // the hour that has been once
+  client_->ChangeRecordFile();
+  Seconds(4);
+  client_->StopRecordAll();
+  auto files = site_.Files();
+  ASSERT_EQ(files.size(), 1u);
+  const auto later = test::ReadRecordings(site_.folder.Beside("rec2"));
+  ASSERT_EQ(later.size(), 3u);
+  files.push_back(later[1]);
+  files.push_back(later[0]);  // its name is an hour older
+  files.push_back(later[2]);
+  EXPECT_EQ(test::CheckSeams(files), 161u);
+}
+
+}  // namespace
