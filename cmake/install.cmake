@@ -1,33 +1,44 @@
 # What `cmake --install` lays down: the shared library, its public headers as they lie, the CMake package
-# orvanta-cms (target orvanta::cms), the pkg-config file, and the orvanta command line.
+# orvanta-cms (target orvanta::cms), the pkg-config file, and the orvanta command line with its man pages
+# and its bash completion. The components are the packages of cmake/packages.cmake.
 include(CMakePackageConfigHelpers)
 
 install(TARGETS orvanta-cms EXPORT orvanta-cms-targets
-        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime
+                NAMELINK_COMPONENT development)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/cms DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+        COMPONENT development
         FILES_MATCHING PATTERN "*.h" PATTERN internal EXCLUDE)
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/orvanta-cms)
-install(EXPORT orvanta-cms-targets NAMESPACE orvanta:: DESTINATION ${package_dir})
+install(EXPORT orvanta-cms-targets NAMESPACE orvanta:: DESTINATION ${package_dir}
+        COMPONENT development)
 configure_package_config_file(cmake/orvanta-cms-config.cmake.in orvanta-cms-config.cmake
                               INSTALL_DESTINATION ${package_dir})
 # Before 1.0 every minor version may change the interface.
 write_basic_package_version_file(orvanta-cms-config-version.cmake COMPATIBILITY SameMinorVersion)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/orvanta-cms-config.cmake
               ${CMAKE_CURRENT_BINARY_DIR}/orvanta-cms-config-version.cmake
-        DESTINATION ${package_dir})
+        DESTINATION ${package_dir} COMPONENT development)
 
 # The pkg-config file finds its own prefix, so that an installed tree can be moved.
 set(pkgconfig_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 set(pc_to_prefix ${CMAKE_INSTALL_PREFIX})
 cmake_path(RELATIVE_PATH pc_to_prefix BASE_DIRECTORY ${CMAKE_INSTALL_PREFIX}/${pkgconfig_dir})
 configure_file(cmake/orvanta-cms.pc.in orvanta-cms.pc @ONLY)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/orvanta-cms.pc DESTINATION ${pkgconfig_dir})
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/orvanta-cms.pc DESTINATION ${pkgconfig_dir}
+        COMPONENT development)
 
 if(TARGET orvanta)
-  # The tool finds the library that it was installed with.
-  set(bin_to_lib ${CMAKE_INSTALL_FULL_LIBDIR})
-  cmake_path(RELATIVE_PATH bin_to_lib BASE_DIRECTORY ${CMAKE_INSTALL_FULL_BINDIR})
-  set_target_properties(orvanta PROPERTIES INSTALL_RPATH "$ORIGIN/${bin_to_lib}")
-  install(TARGETS orvanta RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  # The tool finds the library that it was installed with; in /usr the system does that.
+  if(NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+    set(bin_to_lib ${CMAKE_INSTALL_FULL_LIBDIR})
+    cmake_path(RELATIVE_PATH bin_to_lib BASE_DIRECTORY ${CMAKE_INSTALL_FULL_BINDIR})
+    set_target_properties(orvanta PROPERTIES INSTALL_RPATH "$ORIGIN/${bin_to_lib}")
+  endif()
+  install(TARGETS orvanta RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+  install(DIRECTORY ${PROJECT_BINARY_DIR}/tools/manual/man1 DESTINATION ${CMAKE_INSTALL_MANDIR}
+          COMPONENT tools)
+  install(FILES ${PROJECT_BINARY_DIR}/tools/manual/completions/orvanta COMPONENT tools
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
 endif()

@@ -15,13 +15,13 @@ run_packages=(
 )
 # The tests and their peers.
 test_packages=("${run_packages[@]}" libgtest-dev libgmock-dev libavformat-dev ffmpeg sox python3 curl iproute2 procps
-  chromium chromium-driver python3-selenium)
+  dpkg-dev chromium chromium-driver python3-selenium)
 # The slower checks of .ci/run.
 # shellcheck disable=SC2034
 ci_packages=(
   "${test_packages[@]}"
   git ccache clang clang-format clang-tidy libclang-rt-14-dev shellcheck libbenchmark-dev
-  libmicrohttpd-dev libcivetweb-dev libsqlite3-dev apache2-utils
+  libmicrohttpd-dev libcivetweb-dev libsqlite3-dev apache2-utils lintian
 )
 
 say() { printf 'orvanta: %s\n' "$*" >&2; }
