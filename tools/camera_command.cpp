@@ -15,6 +15,8 @@
 #include "tools/stop_signal.h"
 #include "tools/testcamera/camera_options.h"
 #include "tools/testcamera/http_camera.h"
+#include "tools/testcamera/onvif/discovery_responder.h"
+#include "tools/testcamera/onvif/onvif_camera.h"
 #include "tools/testcamera/pipeline_text.h"
 #include "tools/testcamera/rtsp_camera.h"
 
@@ -28,7 +30,9 @@ struct Arguments {
   int count = 1;
   std::string size = "640x360";
   std::vector<std::string> transports;
-  std::optional<std::uint16_t> http_port;  // no HTTP without
+  std::optional<std::uint16_t> http_port;   // no HTTP without
+  std::optional<std::uint16_t> onvif_port;  // no ONVIF without
+  testcamera::OnvifOptions onvif;
   bool json = false;
 };
 
@@ -71,7 +75,11 @@ class LoopThread {
 
   GMainContext* Context() const { return context_; }
   void Start() {
-    thread_ = std::thread([this] { g_main_loop_run(loop_); });
+    thread_ = std::thread([this] {
+      g_main_context_push_thread_default(context_);
+      g_main_loop_run(loop_);
+      g_main_context_pop_thread_default(context_);
+    });
   }
   void Stop() {
     if (thread_.joinable()) {
@@ -121,7 +129,8 @@ void Check(Arguments& arguments) {
       (camera.width > 2040 || camera.height > 2040)) {
     throw CLI::ValidationError("--size", "MJPEG over RTP ends at 2040x2040");
   }
-  const int highest = std::max<int>(camera.port, arguments.http_port.value_or(0));
+  const int highest = std::max<int>(
+      {camera.port, arguments.http_port.value_or(0), arguments.onvif_port.value_or(0)});
   if (highest + arguments.count - 1 > std::numeric_limits<std::uint16_t>::max()) {
     throw CLI::ValidationError("--count", "more cameras than ports");
   }
@@ -132,6 +141,8 @@ int Serve(Arguments& arguments) {
   Check(arguments);
   std::vector<std::unique_ptr<testcamera::RtspCamera>> cameras;
   std::vector<std::unique_ptr<testcamera::HttpCamera>> http_cameras;
+  std::vector<std::unique_ptr<testcamera::OnvifCamera>> onvif_cameras;
+  std::unique_ptr<testcamera::DiscoveryResponder> responder;
   LoopThread loop;
   nlohmann::ordered_json list = nlohmann::ordered_json::array();
   for (int i = 0; i < arguments.count; ++i) {
@@ -141,12 +152,23 @@ int Serve(Arguments& arguments) {
     CameraOptions camera = arguments.camera;
     camera.port = port(camera.port);
     cameras.push_back(std::make_unique<testcamera::RtspCamera>(camera, loop.Context()));
-    list.push_back({{"url", cameras.back()->Url()}, {"http_url", nullptr}});
+    list.push_back({{"url", cameras.back()->Url()}, {"http_url", nullptr}, {"onvif_url", nullptr}});
     if (arguments.http_port) {
       camera.http_port = port(*arguments.http_port);
       http_cameras.push_back(std::make_unique<testcamera::HttpCamera>(camera, loop.Context()));
       list.back()["http_url"] = http_cameras.back()->Url();
     }
+    if (arguments.onvif_port) {
+      testcamera::OnvifOptions onvif = arguments.onvif;
+      onvif.port = port(*arguments.onvif_port);
+      onvif_cameras.push_back(std::make_unique<testcamera::OnvifCamera>(
+          camera, onvif, *cameras.back(), loop.Context(), i));
+      list.back()["onvif_url"] = onvif_cameras.back()->Url();
+    }
+  }
+  if (arguments.onvif_port && arguments.onvif.discovery) {
+    responder = std::make_unique<testcamera::DiscoveryResponder>(arguments.camera.bind,
+                                                                 onvif_cameras, loop.Context());
   }
   loop.Start();
   if (arguments.json) {
@@ -154,8 +176,10 @@ int Serve(Arguments& arguments) {
   } else {
     for (const auto& each : list) {
       std::printf("%s ", each["url"].get<std::string>().c_str());
-      if (each["http_url"].is_string()) {
-        std::printf("%s ", each["http_url"].get<std::string>().c_str());
+      for (const char* other : {"http_url", "onvif_url"}) {
+        if (each[other].is_string()) {
+          std::printf("%s ", each[other].get<std::string>().c_str());
+        }
       }
       std::printf("ready\n");
     }
@@ -164,6 +188,49 @@ int Serve(Arguments& arguments) {
   WaitForStop();
   loop.Stop();
   return 0;
+}
+
+}  // namespace
+
+namespace {
+
+void AddOnvifOptions(CLI::App* command, Arguments& arguments) {
+  testcamera::OnvifOptions& onvif = arguments.onvif;
+  auto* port = command->add_option(
+      "--onvif", arguments.onvif_port,
+      "Port for ONVIF and the parameter CGI, which ask for --user and --password; 0 takes any");
+  command
+      ->add_option_function<std::vector<std::string>>(
+          "--onvif-style",
+          [&onvif](const std::vector<std::string>& words) {
+            for (const std::string& word : words) {
+              if (!testcamera::AddOnvifStyle(word, &onvif.style)) {
+                throw CLI::ValidationError("--onvif-style",
+                                           word + " is none of " + testcamera::OnvifStyleWords());
+              }
+            }
+          },
+          "How it answers: " + testcamera::OnvifStyleWords())
+      ->delimiter(',')
+      ->needs(port);
+  command->add_option("--onvif-clock", onvif.clock_offset, "Seconds that its clock is ahead")
+      ->needs(port)
+      ->check(CLI::Range(-1'000'000'000, 1'000'000'000));
+  command->add_option("--onvif-zone", onvif.time_zone, "Its time zone, as in the variable TZ")
+      ->needs(port)
+      ->capture_default_str();
+  command
+      ->add_option("--onvif-window", onvif.window,
+                   "Seconds that a request's created time may be off")
+      ->needs(port)
+      ->capture_default_str()
+      ->check(CLI::Range(1, 86400));
+  command->add_option("--streams", onvif.streams, "Streams that can be configured")
+      ->needs(port)
+      ->capture_default_str()
+      ->check(CLI::Range(3, 5));
+  command->add_flag("!--no-discovery", onvif.discovery, "Answer no WS-Discovery probe")
+      ->needs(port);
 }
 
 }  // namespace
@@ -245,6 +312,7 @@ void AddCameraCommand(CLI::App& app, CommandResult& result) {
       ->check(CLI::Range(200, 65000));
   command->add_option("--drop-percent", camera.drop_percent, "Lose that part of the RTP packets")
       ->check(CLI::Range(0.0, 100.0));
+  AddOnvifOptions(command, *arguments);
   command->add_flag("--json", arguments->json, "Print the URLs as one JSON object");
   command->callback([arguments, &result] { result.status = Serve(*arguments); });
 }

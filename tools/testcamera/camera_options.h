@@ -25,8 +25,9 @@ struct CameraOptions {
   int width = 640;
   int height = 360;
   int fps = 25;
-  int gop = 25;     // pictures from key frame to key frame
-  int bitrate = 0;  // kbit/s; 0: by size and rate
+  int gop = 25;           // pictures from key frame to key frame
+  int bitrate = 0;        // kbit/s; 0: by size and rate
+  int jpeg_quality = 75;  // percent
   AudioCodec audio = AudioCodec::kNone;
 
   AuthScheme auth = AuthScheme::kNone;
@@ -45,6 +46,8 @@ struct CameraOptions {
   double drop_percent = 0;  // of the RTP packets, lost on their way
 
   std::uint16_t http_port = 0;  // for pictures over HTTP; 0: any
+
+  bool operator==(const CameraOptions&) const = default;
 };
 
 inline constexpr char kRealm[] = "Orvanta test camera";

@@ -53,7 +53,7 @@ std::string Encoder(const CameraOptions& options) {
              (high ? "high" : "constrained-baseline") + " ! ";
     }
     case VideoCodec::kMjpeg:
-      return "jpegenc quality=75 ! ";
+      return "jpegenc quality=" + Number(options.jpeg_quality) + " ! ";
     case VideoCodec::kMpeg4:
       return std::string("avenc_mpeg4 name=") + kUntimedName +
              " max-bframes=0 bitrate=" + Number(KilobitRate(options) * 1000LL) +

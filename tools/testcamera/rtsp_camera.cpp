@@ -32,18 +32,28 @@ void CheckPipeline(const std::string& text) {
   gst_object_unref(gst_object_ref_sink(bin));
 }
 
+// Whether one of the client's sessions plays the stream at that path.
+bool Watches(GstRTSPClient* client, const char* path) {
+  GList* sessions = gst_rtsp_client_session_filter(client, nullptr, nullptr);
+  bool watches = false;
+  for (GList* each = sessions; each != nullptr; each = each->next) {
+    gint matched = 0;
+    watches = watches ||
+              gst_rtsp_session_get_media(GST_RTSP_SESSION(each->data), path, &matched) != nullptr;
+  }
+  g_list_free_full(sessions, g_object_unref);
+  return watches;
+}
+
 }  // namespace
 
 RtspCamera::RtspCamera(const CameraOptions& options, GMainContext* context)
-    : options_(options),
-      codec_(options.file.empty() ? options.codec : FileReader(options.file).Codec()),
-      server_(gst_rtsp_server_new()),
-      sessions_(gst_rtsp_session_pool_new()) {
+    : options_(options), server_(gst_rtsp_server_new()), sessions_(gst_rtsp_session_pool_new()) {
   gst_rtsp_server_set_address(server_.get(), options_.bind.c_str());
   gst_rtsp_server_set_service(server_.get(), std::to_string(options_.port).c_str());
   gst_rtsp_server_set_session_pool(server_.get(), sessions_.get());
   gst_rtsp_session_pool_set_max_sessions(sessions_.get(), options_.max_sessions);
-  AddMedia();
+  SetStream(options_);
   if (options_.auth != AuthScheme::kNone) {
     AddPasswords();
   }
@@ -78,12 +88,16 @@ RtspCamera::~RtspCamera() {
 }
 
 std::string RtspCamera::Url() const {
-  return "rtsp://" + HostForUrl(options_) + ":" +
-         std::to_string(gst_rtsp_server_get_bound_port(server_.get())) + options_.path;
+  return ServerUrl(HostForUrl(options_)) + options_.path;
 }
 
-void RtspCamera::AddMedia() {
-  const std::string pipeline = RtspPipeline(options_, codec_);
+std::string RtspCamera::ServerUrl(const std::string& host) const {
+  return "rtsp://" + host + ":" + std::to_string(gst_rtsp_server_get_bound_port(server_.get()));
+}
+
+void RtspCamera::SetStream(const CameraOptions& stream) {
+  const VideoCodec codec = stream.file.empty() ? stream.codec : FileReader(stream.file).Codec();
+  const std::string pipeline = RtspPipeline(stream, codec);
   CheckPipeline(pipeline);
   GstRTSPMediaFactory* factory = gst_rtsp_media_factory_new();
   gst_rtsp_media_factory_set_launch(factory, pipeline.c_str());
@@ -97,9 +111,28 @@ void RtspCamera::AddMedia() {
                                     G_TYPE_BOOLEAN, TRUE, GST_RTSP_PERM_MEDIA_FACTORY_CONSTRUCT,
                                     G_TYPE_BOOLEAN, TRUE, nullptr);
   }
-  g_signal_connect(factory, "media-configure", G_CALLBACK(&RtspCamera::OnMedia), this);
+  // The signal comes on the thread that serves the clients, as long as the factory is in use.
+  g_signal_connect_data(
+      factory, "media-configure", G_CALLBACK(&RtspCamera::OnMedia), new Stream{stream, codec},
+      [](gpointer data, GClosure*) { delete static_cast<Stream*>(data); },
+      static_cast<GConnectFlags>(0));
+  RemoveStream(stream.path);
   const ObjectPtr<GstRTSPMountPoints> mounts(gst_rtsp_server_get_mount_points(server_.get()));
-  gst_rtsp_mount_points_add_factory(mounts.get(), options_.path.c_str(), factory);
+  gst_rtsp_mount_points_add_factory(mounts.get(), stream.path.c_str(), factory);
+}
+
+void RtspCamera::RemoveStream(const std::string& path) {
+  const ObjectPtr<GstRTSPMountPoints> mounts(gst_rtsp_server_get_mount_points(server_.get()));
+  gst_rtsp_mount_points_remove_factory(mounts.get(), path.c_str());
+  g_list_free_full(gst_rtsp_server_client_filter(
+                       server_.get(),
+                       [](GstRTSPServer*, GstRTSPClient* client, gpointer wanted) {
+                         return Watches(client, static_cast<const char*>(wanted))
+                                    ? GST_RTSP_FILTER_REMOVE
+                                    : GST_RTSP_FILTER_KEEP;
+                       },
+                       const_cast<char*>(path.c_str())),
+                   g_object_unref);
 }
 
 void RtspCamera::AddPasswords() {
@@ -119,8 +152,8 @@ void RtspCamera::AddPasswords() {
   gst_rtsp_server_set_auth(server_.get(), auth.get());
 }
 
-void RtspCamera::OnMedia(GstRTSPMediaFactory*, GstRTSPMedia* media, RtspCamera* camera) {
-  const CameraOptions& options = camera->options_;
+void RtspCamera::OnMedia(GstRTSPMediaFactory*, GstRTSPMedia* media, const Stream* stream) {
+  const CameraOptions& options = stream->options;
   const ObjectPtr<GstElement> bin(gst_rtsp_media_get_element(media));
   WithElement(bin.get(), kStampName, [&](GstElement* stamp) {
     NumberPictures(stamp);
@@ -130,7 +163,7 @@ void RtspCamera::OnMedia(GstRTSPMediaFactory*, GstRTSPMedia* media, RtspCamera* 
     g_object_set_data_full(G_OBJECT(media), kFeedName, new FileFeed(options, appsrc),
                            [](gpointer feed) { delete static_cast<FileFeed*>(feed); });
   });
-  if (camera->codec_ == VideoCodec::kH264) {
+  if (stream->codec == VideoCodec::kH264) {
     WithElement(bin.get(), "pay0",
                 [&](GstElement* payloader) { ConformPictures(payloader, options.delimiters); });
   }

@@ -1,4 +1,4 @@
-// One test camera: an RTSP server with one stream that all its clients share.
+// One test camera: an RTSP server whose clients share each of its streams.
 #pragma once
 
 #include <gst/rtsp-server/rtsp-server.h>
@@ -21,17 +21,27 @@ class RtspCamera {
   RtspCamera& operator=(const RtspCamera&) = delete;
 
   std::string Url() const;
+  // "rtsp://HOST:PORT"
+  std::string ServerUrl(const std::string& host) const;
+
+  // Another stream, or another kind of stream at the path of one that there is: its clients are
+  // sent away. On the context's thread. Throws std::runtime_error when it cannot be made.
+  void SetStream(const CameraOptions& stream);
+  void RemoveStream(const std::string& path);
 
  private:
-  void AddMedia();
+  struct Stream {
+    CameraOptions options;
+    VideoCodec codec;
+  };
+
   void AddPasswords();
-  static void OnMedia(GstRTSPMediaFactory* factory, GstRTSPMedia* media, RtspCamera* camera);
+  static void OnMedia(GstRTSPMediaFactory* factory, GstRTSPMedia* media, const Stream* stream);
   static void OnClient(GstRTSPServer* server, GstRTSPClient* client, RtspCamera* camera);
   static void OnSession(GstRTSPClient* client, GstRTSPSession* session, RtspCamera* camera);
   static gboolean OnTimer(gpointer camera);
 
   const CameraOptions options_;
-  const VideoCodec codec_;
   const ObjectPtr<GstRTSPServer> server_;
   const ObjectPtr<GstRTSPSessionPool> sessions_;
   GSource* listener_ = nullptr;
