@@ -8,7 +8,7 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 run_packages=(
   cmake ninja-build g++ pkg-config
   libssl-dev libcurl4-openssl-dev libasound2-dev libavcodec-dev libavutil-dev libswscale-dev
-  libcli11-dev nlohmann-json3-dev libpng-dev libturbojpeg0-dev libsndfile1-dev
+  libcli11-dev nlohmann-json3-dev libpng-dev libturbojpeg0-dev libsndfile1-dev libsamplerate0-dev
   libgstrtspserver-1.0-dev libgstreamer-plugins-base1.0-dev libsoup-3.0-dev libxml2-dev
   gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad
   gstreamer1.0-plugins-ugly gstreamer1.0-libav

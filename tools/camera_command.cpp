@@ -253,6 +253,9 @@ void AddCameraCommand(CLI::App& app, CommandResult& result) {
       ->capture_default_str()
       ->check(CLI::Range(1, 1000));
 
+  command->add_option("--talk", camera.talk,
+                      "Offer an audio backchannel in mu-law and write what is said to this file");
+
   auto* file = command
                    ->add_option("--file", camera.file,
                                 "Play this file's H.264, MPEG-4 or JPEG video for ever, as it is")

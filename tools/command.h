@@ -25,5 +25,6 @@ void AddManualCommand(CLI::App& app, CommandResult& result);
 void AddRepairCommand(CLI::App& app, CommandResult& result);
 void AddSearchCommand(CLI::App& app, CommandResult& result);
 void AddServeCommand(CLI::App& app, CommandResult& result);
+void AddTalkCommand(CLI::App& app, CommandResult& result);
 
 }  // namespace tools

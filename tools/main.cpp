@@ -37,6 +37,7 @@ int main(int argc, char** argv) {
   app.require_subcommand(0, 1);
   tools::CommandResult result;
   tools::AddLiveCommand(app, result);
+  tools::AddTalkCommand(app, result);
   tools::AddCameraCommand(app, result);
   tools::AddServeCommand(app, result);
   tools::AddAudioCommand(app, result);

@@ -255,6 +255,21 @@ std::uint64_t CMSRTSPClient::OversizeFrameCount() const {
   return count;
 }
 
+int CMSRTSPClient::SendAudioData(unsigned char* data, int length) {
+  std::shared_ptr<Session> session;
+  {
+    ScopeLock lock(sessionLock_);
+    session = session_;
+  }
+  return session != nullptr ? session->Talker().Send(data, length) : 0;
+}
+
+int CMSRTSPClient::GetTalkFormat(tCMSAudioPlayerConfig* format) const {
+  ScopeLock lock(sessionLock_);
+  *format = talkFormat_;
+  return talkFormat_.codecId != CMS_CODEC_NONE ? 1 : 0;
+}
+
 double CMSRTSPClient::GetAudioStreamLossRate() const {
   ScopeLock lock(sessionLock_);
   return session_ != nullptr ? session_->Stream(false).subSession.LossRate() : 0.0;

@@ -51,6 +51,9 @@ struct stRTSPClientConfig {
   // GStreamer pipeline with an h264parse, and some cameras): without it such a stream delivers no
   // frame at all. See H264RTPProcesser::SetIgnoreDelimiters.
   bool ignoreDelimiters = false;
+  // Asks for the camera's audio backchannel (ONVIF streaming specification, 5.3), for
+  // SendAudioData. A camera without one is viewed as usual.
+  bool talkBack = false;
 };
 
 // OPTIONS, DESCRIBE, SETUP of video and audio, PLAY; then frames. See CMSClientBase for the life
@@ -73,6 +76,13 @@ class CMS_API CMSRTSPClient : public CMSClientBase {
   int ChangeRecordFile() override;
   int ChangeRecordPath(const wchar_t* path) override;
   void SetMustDecode(int decode) override;
+
+  // Sends a block of sound in the format of GetTalkFormat to a camera that is playing; returns at
+  // once. The caller paces the blocks. The bytes that were taken: 0 when the camera has no
+  // backchannel or is not connected.
+  int SendAudioData(unsigned char* data, int length) override;
+  // What the camera wants to hear: 1, or 0 while that is not known or there is no backchannel.
+  int GetTalkFormat(tCMSAudioPlayerConfig* format) const;
 
   double GetAudioStreamLossRate() const;  // percent, of the last whole second
 
@@ -100,6 +110,7 @@ class CMS_API CMSRTSPClient : public CMSClientBase {
   int Describe();
   int SetupVideo();
   int SetupAudio();
+  int SetupTalk();
   int SetupStream(RTSPStream& stream);
   int PlayMedia();
   void TearDown();
@@ -109,6 +120,7 @@ class CMS_API CMSRTSPClient : public CMSClientBase {
   int SendOption();
   int SendDescribe();
   int SendSetup(const std::string& url, _RTSPSUBSESSION_CONFIG& config);
+  const char* TalkRequirement() const;
   int SendPlayMedia();
   int SendPause();
   int SendTearDown();
@@ -169,6 +181,8 @@ class CMS_API CMSRTSPClient : public CMSClientBase {
   std::shared_ptr<Session> session_;
   std::string videoEncoding_ CMS_GUARDED_BY(sessionLock_);
   std::string audioEncoding_ CMS_GUARDED_BY(sessionLock_);
+  tCMSAudioPlayerConfig talkFormat_ CMS_GUARDED_BY(sessionLock_){.codecId = CMS_CODEC_NONE};
+  bool talkRefused_ = false;  // the camera knows no backchannel
 
   std::atomic<int> cancels_{0};
   std::unique_ptr<Totals> totals_;  // of the sessions before this one

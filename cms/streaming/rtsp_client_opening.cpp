@@ -29,6 +29,7 @@ int CMSRTSPClient::Negotiate() {
   keepAliveRetried_ = false;
   nextKeepAlive_ = 0;
   challenged_ = false;
+  talkRefused_ = false;
   authenticator_.Reset();
   if (haveCredentials_) {
     authenticator_.SetUsernameAndPassword(config_.user.c_str(), config_.password.c_str());
@@ -43,6 +44,9 @@ int CMSRTSPClient::Negotiate() {
   if (SetupVideo() == 0 || (session_->Stream(false).Present() && SetupAudio() == 0)) {
     return 0;
   }
+  if (session_->Talk().Present() && SetupTalk() == 0) {
+    return 0;
+  }
   return PlayMedia();
 }
 
@@ -54,7 +58,8 @@ int CMSRTSPClient::Connect() {
     }
     address_ = *address;
   }
-  auto session = std::make_shared<Session>(*this, config_.group, config_.transport);
+  auto session =
+      std::make_shared<Session>(*this, config_.group, config_.transport, config_.talkBack);
   {
     ScopeLock lock(sessionLock_);
     session_ = session;
@@ -91,11 +96,25 @@ int CMSRTSPClient::Option() {
 
 int CMSRTSPClient::Describe() {
   std::string answer;
-  if (Exchange(
-          "DESCRIBE", [this] { return SendDescribe(); }, &answer) == 0) {
-    return 0;
+  constexpr unsigned kOptionNotSupported = 551;
+  const auto exchange = [&] {
+    return Exchange(
+        "DESCRIBE", [this] { return SendDescribe(); }, &answer);
+  };
+  if (exchange() == 0) {
+    talkRefused_ = config_.talkBack && CheckRTSPResponseCode(answer) == kOptionNotSupported;
+    if (!talkRefused_ || exchange() == 0) {
+      return 0;
+    }
+    SetFault(ConnectionFault::kNone, "");
   }
-  const std::string_view body = cms::RTSPMessage(answer).Body();
+  std::string_view body = cms::RTSPMessage(answer).Body();
+  cms::TalkBackDescription split;
+  if (config_.talkBack && body.size() <= kLongestDescription) {
+    split = cms::SplitTalkBack(body);
+    session_->Talk().config = split.talk;
+    body = split.viewing;
+  }
   RTSPStream& video = session_->Stream(true);
   RTSPStream& audio = session_->Stream(false);
   if (body.size() > kLongestDescription ||
@@ -126,6 +145,7 @@ int CMSRTSPClient::Describe() {
     ScopeLock lock(sessionLock_);
     videoEncoding_ = video.config.encodingName;
     audioEncoding_ = audio.Present() ? audio.config.encodingName : "";
+    talkFormat_ = cms::TalkBackFormat(session_->Talk().config);
   }
   DescribeAudioFormat(audio.config);
   receiving_ = session_.get();
@@ -146,6 +166,9 @@ int CMSRTSPClient::Describe() {
     }
     if (!audio.Present()) {
       session_->LeaveOutAudio();
+    }
+    if (session_->Talk().Present() && CreateSubSessionSocket(session_->Talk().config) == 0) {
+      return 0;
     }
   }
   return 1;
@@ -169,6 +192,16 @@ int CMSRTSPClient::SetupVideo() {
 }
 int CMSRTSPClient::SetupAudio() {
   return SetupStream(session_->Stream(false));
+}
+
+int CMSRTSPClient::SetupTalk() {
+  RTSPStream& talk = session_->Talk();
+  if (SetupStream(talk) == 0) {
+    return 0;
+  }
+  session_->Talker().Start(
+      talk.config, [&talk](std::span<const std::uint8_t> packet) { return talk.SendRtp(packet); });
+  return 1;
 }
 
 int CMSRTSPClient::SetupStream(RTSPStream& stream) {

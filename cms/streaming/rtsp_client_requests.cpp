@@ -76,9 +76,13 @@ int CMSRTSPClient::SendOption() {
                   kUserAgent + "\r\n");
 }
 
+const char* CMSRTSPClient::TalkRequirement() const {
+  return config_.talkBack && !talkRefused_ ? cms::kBackchannelRequirement : "";
+}
+
 int CMSRTSPClient::SendDescribe() {
   return SendText(Head("DESCRIBE", requestUrl_, cseq_) + "Accept: application/sdp\r\n" +
-                  CreateAuthStr("DESCRIBE", requestUrl_) + kUserAgent + "\r\n");
+                  TalkRequirement() + CreateAuthStr("DESCRIBE", requestUrl_) + kUserAgent + "\r\n");
 }
 
 int CMSRTSPClient::SendSetup(const std::string& url, _RTSPSUBSESSION_CONFIG& config) {
@@ -92,8 +96,8 @@ int CMSRTSPClient::SendSetup(const std::string& url, _RTSPSUBSESSION_CONFIG& con
   const std::string transport = std::string("Transport: RTP/AVP") +
                                 (udp ? ";unicast;client_port=" : "/TCP;unicast;interleaved=") +
                                 std::to_string(first) + "-" + std::to_string(second) + "\r\n";
-  return SendText(Head("SETUP", url, cseq_) + session + transport + CreateAuthStr("SETUP", url) +
-                  kUserAgent + "\r\n");
+  return SendText(Head("SETUP", url, cseq_) + session + transport + TalkRequirement() +
+                  CreateAuthStr("SETUP", url) + kUserAgent + "\r\n");
 }
 
 int CMSRTSPClient::SendPlayMedia() {
@@ -106,7 +110,7 @@ int CMSRTSPClient::SendPlayMedia() {
     std::snprintf(range, sizeof range, "Range: npt=%.3f-%.3f\r\n", start, end);
   }
   return SendText(Head("PLAY", requestUrl_, cseq_) + "Session: " + sessionId_ + "\r\n" + range +
-                  CreateAuthStr("PLAY", requestUrl_) + kUserAgent + "\r\n");
+                  TalkRequirement() + CreateAuthStr("PLAY", requestUrl_) + kUserAgent + "\r\n");
 }
 
 int CMSRTSPClient::SendPause() {

@@ -4,6 +4,7 @@
 #include <string_view>
 
 #include "cms/streaming/internal/parameter_sets.h"
+#include "cms/streaming/internal/talk_back.h"
 #include "cms/streaming/media_session.h"
 #include "fuzz/support/check.h"
 
@@ -36,5 +37,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     CHECK(sets.sps.empty() || (sets.sps.size() >= 2 && (sets.sps[0] & 0x1f) == 7));
     CHECK(sets.pps.empty() || (sets.pps.size() >= 2 && (sets.pps[0] & 0x1f) == 8));
   }
+  const cms::TalkBackDescription split = cms::SplitTalkBack(text);
+  CHECK(split.viewing.size() <= text.size());
+  CheckStream(split.talk);
   return 0;
 }

@@ -30,6 +30,8 @@ struct CameraOptions {
   int jpeg_quality = 75;  // percent
   AudioCodec audio = AudioCodec::kNone;
 
+  std::string talk;  // where the sound that clients send is written, as raw mu-law; empty: nowhere
+
   AuthScheme auth = AuthScheme::kNone;
   std::string user = "admin";
   std::string password = "admin";

@@ -108,6 +108,13 @@ std::string RtspPipeline(const CameraOptions& options, VideoCodec codec) {
   return "( " + video + VideoPayloader(options, codec) + Audio(options.audio) + ")";
 }
 
+std::string TalkPipeline(const CameraOptions& options) {
+  return "( capsfilter name=depay_backchannel caps=\"application/x-rtp,media=audio,payload=0,"
+         "clock-rate=8000,encoding-name=PCMU\" ! rtppcmudepay ! filesink async=false sync=false "
+         "buffer-mode=unbuffered location=" +
+         QuotedText(options.talk) + " )";
+}
+
 bool IsPattern(const std::string& name) {
   const ObjectPtr<GstElement> source(
       GST_ELEMENT(gst_object_ref_sink(gst_element_factory_make("videotestsrc", nullptr))));

@@ -12,6 +12,9 @@ inline constexpr char kUntimedName[] = "untimed";  // an encoder that loses the 
 inline constexpr char kFeedName[] = "feed";        // the appsrc for a file's pictures
 
 // Payloaders named pay0 and, with audio, pay1. The codec is the file's where one is played.
+// What happens to the sound that clients send: written to the options' file as it comes.
+std::string TalkPipeline(const CameraOptions& options);
+
 std::string RtspPipeline(const CameraOptions& options, VideoCodec codec);
 
 // Whether the pattern's name is one of GStreamer's.

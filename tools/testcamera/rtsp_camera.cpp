@@ -1,5 +1,8 @@
 #include "tools/testcamera/rtsp_camera.h"
 
+#include <gst/rtsp-server/rtsp-onvif-media-factory.h>
+#include <gst/rtsp-server/rtsp-onvif-server.h>
+
 #include <stdexcept>
 
 #include "tools/testcamera/file_feed.h"
@@ -48,7 +51,9 @@ bool Watches(GstRTSPClient* client, const char* path) {
 }  // namespace
 
 RtspCamera::RtspCamera(const CameraOptions& options, GMainContext* context)
-    : options_(options), server_(gst_rtsp_server_new()), sessions_(gst_rtsp_session_pool_new()) {
+    : options_(options),
+      server_(options.talk.empty() ? gst_rtsp_server_new() : gst_rtsp_onvif_server_new()),
+      sessions_(gst_rtsp_session_pool_new()) {
   gst_rtsp_server_set_address(server_.get(), options_.bind.c_str());
   gst_rtsp_server_set_service(server_.get(), std::to_string(options_.port).c_str());
   gst_rtsp_server_set_session_pool(server_.get(), sessions_.get());
@@ -99,9 +104,18 @@ void RtspCamera::SetStream(const CameraOptions& stream) {
   const VideoCodec codec = stream.file.empty() ? stream.codec : FileReader(stream.file).Codec();
   const std::string pipeline = RtspPipeline(stream, codec);
   CheckPipeline(pipeline);
-  GstRTSPMediaFactory* factory = gst_rtsp_media_factory_new();
+  const bool talks = !options_.talk.empty();
+  GstRTSPMediaFactory* factory =
+      talks ? gst_rtsp_onvif_media_factory_new() : gst_rtsp_media_factory_new();
+  if (talks) {
+    const std::string talk = TalkPipeline(options_);
+    CheckPipeline(talk);
+    gst_rtsp_onvif_media_factory_set_backchannel_launch(GST_RTSP_ONVIF_MEDIA_FACTORY(factory),
+                                                        talk.c_str());
+    gst_rtsp_media_factory_set_media_gtype(factory, GST_TYPE_RTSP_ONVIF_MEDIA);
+  }
   gst_rtsp_media_factory_set_launch(factory, pipeline.c_str());
-  gst_rtsp_media_factory_set_shared(factory, TRUE);
+  gst_rtsp_media_factory_set_shared(factory, talks ? FALSE : TRUE);
   gst_rtsp_media_factory_set_latency(factory, 0);
   gst_rtsp_media_factory_set_protocols(
       factory, static_cast<GstRTSPLowerTrans>((options_.udp ? GST_RTSP_LOWER_TRANS_UDP : 0) |

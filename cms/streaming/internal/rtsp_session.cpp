@@ -18,6 +18,7 @@ constexpr int kRtcpDatagram = 1536;
 constexpr int kDirectDepth = 2;  // of queues that a callback stands in for
 constexpr int kSocketsPerUdpStream = 2;
 constexpr int kSocketsPerUdpSession = 1 + 2 * kSocketsPerUdpStream;
+constexpr int kTalkDepth = 16;  // RTP packets of sound on their way out
 
 }  // namespace
 
@@ -41,7 +42,7 @@ bool RTSPStream::OpenUdp(std::uint32_t serverAddress, int group) {
   _UDPCLIENT_CONFIG rtp{};
   rtp.recvQueueDepth = kDirectDepth;
   rtp.recvDatagramSize = kRtcpDatagram;
-  rtp.sendQueueDepth = kDirectDepth;
+  rtp.sendQueueDepth = kTalkDepth;
   rtp.sendDatagramSize = kRtcpDatagram;
   rtp.localPort = config.clientRtpPort;
   rtp.remotePort = config.serverRtpPort;
@@ -85,6 +86,25 @@ int RTSPStream::ReadUdp(void* context, unsigned char* buffer, int size) {
 int RTSPStream::SendUdp(void* context, const unsigned char* data, int length) {
   auto* const self = static_cast<RTSPStream*>(context);
   return self->rtcpSocket_->OnSend(const_cast<char*>(reinterpret_cast<const char*>(data)), length);
+}
+
+bool RTSPStream::SendRtp(std::span<const std::uint8_t> packet) {
+  if (rtpSocket_ != nullptr) {
+    const auto length = static_cast<int>(packet.size());
+    char* const data = const_cast<char*>(reinterpret_cast<const char*>(packet.data()));
+    return rtpSocket_->OnSend(data, length) == length;
+  }
+  std::array<char, kInterleavedPrefix + kRtcpDatagram> frame;
+  if (packet.size() > kRtcpDatagram) {
+    return false;
+  }
+  const std::size_t length = packet.size();
+  frame[0] = '$';
+  frame[1] = static_cast<char>(config.rtpChannel);
+  frame[2] = static_cast<char>(length >> 8);
+  frame[3] = static_cast<char>(length);
+  std::copy(packet.begin(), packet.end(), frame.begin() + kInterleavedPrefix);
+  return connection_.SendWhole({frame.data(), length + kInterleavedPrefix}) > 0;
 }
 
 int RTSPStream::SendInterleaved(void* context, const unsigned char* data, int length) {
@@ -133,25 +153,32 @@ void RTSPStream::Stop() {
   subSession.StopPlay();
 }
 
-CMSRTSPClient::Session::Session(CMSRTSPClient& client, int group, int transport)
+CMSRTSPClient::Session::Session(CMSRTSPClient& client, int group, int transport, bool talkBack)
     : client_(client),
-      group_(group, kAutomaticGroup, transport == kRtspTransportUdp ? kSocketsPerUdpSession : 1),
+      group_(group, kAutomaticGroup,
+             transport != kRtspTransportUdp
+                 ? 1
+                 : kSocketsPerUdpSession + (talkBack ? kSocketsPerUdpStream : 0)),
       connection_(*this),
       video_(connection_),
-      audio_(connection_) {}
+      audio_(connection_),
+      talk_(connection_) {}
 
 CMSRTSPClient::Session::~Session() {
   Stop();
 }
 
 void CMSRTSPClient::Session::Stop() {
+  talker_.Stop();
+  talk_.Stop();
   connection_.Shut();
   video_.Stop();
   audio_.Stop();
 }
 
 void CMSRTSPClient::Session::LeaveOutAudio() {
-  group_.Shrink(kSocketsPerUdpSession - kSocketsPerUdpStream);
+  group_.Shrink(kSocketsPerUdpSession - kSocketsPerUdpStream +
+                (talk_.Present() ? kSocketsPerUdpStream : 0));
 }
 
 void CMSRTSPClient::Session::SetChannels() {

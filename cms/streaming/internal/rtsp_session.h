@@ -8,6 +8,7 @@
 
 #include "cms/streaming/internal/group_allocator.h"
 #include "cms/streaming/internal/rtsp_connection.h"
+#include "cms/streaming/internal/talk_back.h"
 #include "cms/streaming/media_session.h"
 #include "cms/streaming/rtcp_instance.h"
 #include "cms/streaming/rtsp_client.h"
@@ -26,6 +27,8 @@ class RTSPStream {
   bool OpenUdp(std::uint32_t serverAddress, int group);
   bool StartRtcp(int transport, int group);
   void Stop();  // no packet arrives after it; counters stay readable
+  // One whole RTP packet to the other end; false when it was not taken.
+  bool SendRtp(std::span<const std::uint8_t> packet);
 
   _RTSPSUBSESSION_CONFIG config;
   RTSPSubSession subSession;
@@ -46,13 +49,15 @@ class RTSPStream {
 
 class CMSRTSPClient::Session final : private cms::RTSPConnection::Sink {
  public:
-  Session(CMSRTSPClient& client, int group, int transport);
+  Session(CMSRTSPClient& client, int group, int transport, bool talkBack);
   ~Session();
 
   RTSPStream& Stream(bool video) { return video ? video_ : audio_; }
   const RTSPStream& Stream(bool video) const { return video ? video_ : audio_; }
   cms::RTSPConnection& Connection() { return connection_; }
   int Group() const { return group_.Key(); }
+  RTSPStream& Talk() { return talk_; }  // what we send
+  cms::TalkBackSender& Talker() { return talker_; }
   // Gives the places of the audio sockets back, once it is known that there will be none: fewer
   // threads then serve the same number of cameras.
   void LeaveOutAudio();
@@ -71,4 +76,6 @@ class CMSRTSPClient::Session final : private cms::RTSPConnection::Sink {
   cms::RTSPConnection connection_;
   RTSPStream video_;
   RTSPStream audio_;
+  RTSPStream talk_;
+  cms::TalkBackSender talker_;
 };
