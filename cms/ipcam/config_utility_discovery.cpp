@@ -23,6 +23,8 @@ constexpr const char* kDiscoveryGroup = "239.255.255.250";
 constexpr std::uint16_t kDiscoveryPort = 3702;
 constexpr std::uint64_t kListeningMs = 100 * 250;
 constexpr std::size_t kMaxAnswer = 2048;
+constexpr int kMaxAnswersAtOnce = 1000;
+constexpr std::size_t kMaxDevices = 16384;
 // Room for some thousand answers at once; the kernel grants what it is allowed to.
 constexpr int kReceiveBuffer = 8 << 20;
 
@@ -92,9 +94,13 @@ void CIPCAM_Config_Utility::DoRecvResult(int socket) {
     if (ready > 0 && waited[1].revents != 0) {
       return;
     }
-    // An error of an earlier datagram, such as a refused port, ends nothing.
-    const ssize_t size = ready > 0 ? recv(socket, answer.data(), answer.size(), 0) : 0;
-    if (size > 0) {
+    // All that waits, as more may come than the buffer holds; yet a flood does not keep us here. An
+    // error of an earlier datagram, such as a refused port, ends nothing.
+    for (int i = 0; ready > 0 && i < kMaxAnswersAtOnce; ++i) {
+      const ssize_t size = recv(socket, answer.data(), answer.size(), 0);
+      if (size < 0) {
+        break;
+      }
       ParserONVIFDiscoveryInfo({answer.data(), static_cast<std::size_t>(size)});
     }
   }
@@ -102,7 +108,8 @@ void CIPCAM_Config_Utility::DoRecvResult(int socket) {
 
 bool CIPCAM_Config_Utility::ParserONVIFDiscoveryInfo(std::string_view answer) {
   const std::optional<stDiscoveredDevice> device = cms::ParseProbeMatch(answer);
-  if (!device || std::ranges::any_of(devices_, [&device](const stDiscoveredDevice& known) {
+  if (!device || devices_.size() == kMaxDevices ||
+      std::ranges::any_of(devices_, [&device](const stDiscoveredDevice& known) {
         return known.address == device->address && known.port == device->port;
       })) {
     return false;

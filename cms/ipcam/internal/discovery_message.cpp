@@ -1,6 +1,7 @@
 #include "cms/ipcam/internal/discovery_message.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstddef>
 #include <cstdio>
 #include <ctime>
@@ -54,14 +55,18 @@ std::string PercentDecoded(std::string_view text) {
   return plain;
 }
 
-// What follows the prefix up to the next blank, of the first scope that has it.
+// What follows the prefix up to the next blank, of the first scope that has it; without control
+// characters, as it goes to terminals and lists.
 std::string ScopeValue(std::string_view scopes, std::string_view prefix) {
   const std::size_t found = scopes.find(prefix);
   if (found == std::string_view::npos) {
     return {};
   }
   const std::string_view value = scopes.substr(found + prefix.size());
-  return Utf8FromWide(WideFromUtf8(PercentDecoded(value.substr(0, value.find_first_of(kSpace)))));
+  std::string text = PercentDecoded(value.substr(0, value.find_first_of(kSpace)));
+  std::ranges::replace_if(
+      text, [](char c) { return (c >= '\0' && c < ' ') || c == '\x7F'; }, ' ');
+  return Utf8FromWide(WideFromUtf8(text));
 }
 
 bool HasPtzScope(std::string_view scopes) {
@@ -76,7 +81,21 @@ bool HasPtzScope(std::string_view scopes) {
   return false;
 }
 
-// The first URL of the list that others can reach; false when there is none.
+// An IPv4 address or a host name that others can reach: IPv6 literals are none of ours.
+bool IsUsableHost(std::string_view host) {
+  return !host.empty() && !host.starts_with("169.254") && std::ranges::all_of(host, [](char c) {
+    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '.' ||
+           c == '-' || c == '_';
+  });
+}
+
+bool IsPort(std::string_view text) {
+  int port = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);
+  return error == std::errc() && end == text.data() + text.size() && port > 0 && port <= 65535;
+}
+
+// The first usable URL of the list; false when there is none.
 bool FindServiceAddress(std::string_view urls, stDiscoveredDevice& device) {
   constexpr std::string_view kHttp = "http://";
   for (std::size_t at = urls.find(kHttp); at != std::string_view::npos; at = urls.find(kHttp)) {
@@ -85,13 +104,13 @@ bool FindServiceAddress(std::string_view urls, stDiscoveredDevice& device) {
     place = place.substr(0, place.find('/'));
     const std::size_t colon = place.find(':');
     const std::string_view host = place.substr(0, colon);
-    const bool literal6 = host.starts_with('[');  // this library speaks IPv4
-    if (host.empty() || literal6 || host.starts_with("169.254")) {
-      continue;
+    const std::string_view port =
+        colon == std::string_view::npos ? std::string_view("80") : place.substr(colon + 1);
+    if (IsUsableHost(host) && IsPort(port)) {
+      device.address = host;
+      device.port = port;
+      return true;
     }
-    device.address = host;
-    device.port = colon == std::string_view::npos ? "80" : place.substr(colon + 1);
-    return true;
   }
   return false;
 }
