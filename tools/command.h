@@ -22,6 +22,7 @@ void AddDbCommand(CLI::App& app, CommandResult& result);
 void AddInspectCommand(CLI::App& app, CommandResult& result);
 void AddLiveCommand(CLI::App& app, CommandResult& result);
 void AddManualCommand(CLI::App& app, CommandResult& result);
+void AddRecordCommand(CLI::App& app, CommandResult& result);
 void AddRepairCommand(CLI::App& app, CommandResult& result);
 void AddSearchCommand(CLI::App& app, CommandResult& result);
 void AddServeCommand(CLI::App& app, CommandResult& result);

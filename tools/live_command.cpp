@@ -15,6 +15,7 @@
 #include "tools/live_site.h"
 #include "tools/live_summary.h"
 #include "tools/stop_signal.h"
+#include "tools/stream_options.h"
 
 namespace tools {
 namespace {
@@ -22,10 +23,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 struct Arguments {
-  std::vector<std::string> urls;
-  std::vector<std::string> transports = {"udp"};
-  std::string user;
-  std::string password;
+  StreamArguments streams;
   double seconds = 0;
   std::uint64_t frames = 0;
   std::string size;
@@ -61,15 +59,9 @@ std::string SnapshotPath(const std::string& path, std::size_t number, std::size_
 class Live {
  public:
   explicit Live(const Arguments& arguments) : arguments_(arguments) {
-    for (std::size_t i = 0; i < arguments.urls.size(); ++i) {
-      LiveOptions options;
-      options.url = arguments.urls[i];
-      options.user = arguments.user;
-      options.password = arguments.password;
-      options.interleaved =
-          arguments.transports[std::min(i, arguments.transports.size() - 1)] == "tcp";
+    for (std::size_t i = 0; i < arguments.streams.urls.size(); ++i) {
+      LiveOptions options = OptionsOf(arguments.streams, i);
       options.decode = !arguments.noDecode;
-      options.number = static_cast<int>(i);
       options.listen = arguments.listen;
       options.listenDevice = arguments.device;
       ReadSize(arguments.size, &options);
@@ -180,19 +172,7 @@ class Live {
 void AddLiveCommand(CLI::App& app, CommandResult& result) {
   auto arguments = std::make_shared<Arguments>();
   CLI::App* const live = app.add_subcommand("live", "Receive and watch cameras");
-  live->add_option("urls", arguments->urls,
-                   "rtsp://[user:password@]host[:port]/path or http://... of MJPEG cameras")
-      ->required()
-      ->type_name("URL");
-  live->add_option("--transport", arguments->transports,
-                   "udp or tcp: one for all URLs, or one for each in their order, as in udp,tcp")
-      ->delimiter(',')
-      ->check(CLI::IsMember({"udp", "tcp"}))
-      ->expected(1, -1)
-      ->take_all()
-      ->allow_extra_args(false);
-  live->add_option("--user", arguments->user, "user name, when the URL carries none");
-  live->add_option("--password", arguments->password, "password, when the URL carries none");
+  AddStreamOptions(live, arguments->streams);
   live->add_option("--seconds", arguments->seconds, "end after so many seconds")
       ->check(CLI::PositiveNumber);
   live->add_option("--frames", arguments->frames, "end when every camera sent so many frames");

@@ -38,6 +38,7 @@ class LiveSite {
 
   CMSFrameData Totals() const;
   ConnectionStatus Status() const { return client_->GetConnectionStatus(); }
+  CMSClientBase& Client() { return *client_; }
   bool EverDelivered() const { return Totals().videoFrames > 0; }
 
   std::string StatusLine();                             // rates since the last one, for people

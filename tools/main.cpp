@@ -38,6 +38,7 @@ int main(int argc, char** argv) {
   tools::CommandResult result;
   tools::AddLiveCommand(app, result);
   tools::AddTalkCommand(app, result);
+  tools::AddRecordCommand(app, result);
   tools::AddCameraCommand(app, result);
   tools::AddServeCommand(app, result);
   tools::AddAudioCommand(app, result);

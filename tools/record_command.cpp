@@ -1,0 +1,186 @@
+// orvanta record: cameras into a folder of recordings.
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "cms/exports/net_exports.h"
+#include "cms/recording/rec_folder_db_writer.h"
+#include "cms/runtime/native_path.h"
+#include "tools/command.h"
+#include "tools/data_folder.h"
+#include "tools/record_site.h"
+#include "tools/recording_folders.h"
+#include "tools/stop_signal.h"
+#include "tools/stream_options.h"
+#include "tools/time_text.h"
+
+namespace tools {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+struct Arguments {
+  StreamArguments streams;
+  RecordOptions record;
+  std::string data;
+  std::string moveTo;
+  double seconds = 0;
+  bool json = false;
+};
+
+class Record {
+ public:
+  explicit Record(const Arguments& arguments) : arguments_(arguments) {
+    RecordOptions options = arguments.record;
+    options.moveTo = cms::SystemPath(AbsolutePath(arguments.moveTo));
+    const DataFolder folder = EnterDataFolder(arguments.data, DataFolderUse::kCreate);
+    CRecFolderDBWriter().WriterRecFolderDB(0, kRecordings);  // where searches look
+    for (std::size_t i = 0; i < arguments.streams.urls.size(); ++i) {
+      LiveOptions live = OptionsOf(arguments.streams, i);
+      live.decode = false;
+      sites_.push_back(std::make_unique<RecordSite>(live, options));
+    }
+  }
+
+  ~Record() {
+    sites_.clear();
+    StopEachClientNBManager();
+  }
+
+  int Run() {
+    for (const auto& site : sites_) {
+      site->Start();
+    }
+    const auto start = Clock::now();
+    const auto end = start + std::chrono::duration<double>(arguments_.seconds);
+    auto nextReport = start + std::chrono::seconds(1);
+    while (arguments_.seconds <= 0 || Clock::now() < end) {
+      constexpr std::chrono::milliseconds kLook{100};
+      if (WaitForStop(kLook)) {
+        break;
+      }
+      for (const auto& site : sites_) {
+        site->Look();
+      }
+      if (Clock::now() >= nextReport) {
+        nextReport += std::chrono::seconds(1);
+        Report();
+      }
+    }
+    for (const auto& site : sites_) {
+      site->Finish();
+    }
+    return Finish();
+  }
+
+ private:
+  void Report() const {
+    std::FILE* const out = arguments_.json ? stderr : stdout;
+    if (arguments_.json && isatty(STDERR_FILENO) == 0) {
+      return;
+    }
+    for (const auto& site : sites_) {
+      std::fprintf(out, "%s\n", site->StatusLine().c_str());
+    }
+    std::fflush(out);
+  }
+
+  static void Print(const nlohmann::ordered_json& site) {
+    std::printf("site %u  %s: %llu frames (%llu key frames), %.1f MB, %llu dropped\n",
+                site.at("site").get<unsigned>(), site.at("url").get<std::string>().c_str(),
+                site.at("frames").get<unsigned long long>(),
+                site.at("key_frames").get<unsigned long long>(),
+                site.at("bytes").get<double>() / 1e6, site.at("dropped").get<unsigned long long>());
+    for (const auto& file : site.at("files")) {
+      std::printf("  %s\n", file.get<std::string>().c_str());
+    }
+    for (const auto& gap : site.at("gaps")) {
+      const auto to = gap.at("to").get<std::int64_t>();
+      std::printf("  nothing recorded %s .. %s: %s\n",
+                  LocalTime(gap.at("from").get<std::int64_t>()).c_str(),
+                  to == 0 ? "now" : LocalTime(to).c_str(),
+                  gap.at("cause").get<std::string>().c_str());
+    }
+  }
+
+  int Finish() {
+    nlohmann::ordered_json sites = nlohmann::ordered_json::array();
+    for (const auto& site : sites_) {
+      sites.push_back(site->Json());
+    }
+    if (arguments_.json) {
+      std::printf("%s\n", nlohmann::ordered_json{{"sites", sites}}.dump(2).c_str());
+    } else {
+      for (const auto& site : sites) {
+        Print(site);
+      }
+    }
+    std::fflush(stdout);
+    int status = 0;
+    for (const auto& site : sites_) {
+      if (!site->EverDelivered()) {
+        const ConnectionStatus last = site->Status();
+        std::fprintf(
+            stderr, "orvanta record: %s: %s\n", site->Url().c_str(),
+            last.fault == ConnectionFault::kNone
+                ? "no frame arrived"
+                : (std::string(ConnectionFaultName(last.fault)) + ": " + last.detail).c_str());
+        status = 1;
+      }
+    }
+    return status;
+  }
+
+  const Arguments& arguments_;
+  std::vector<std::unique_ptr<RecordSite>> sites_;
+};
+
+}  // namespace
+
+void AddRecordCommand(CLI::App& app, CommandResult& result) {
+  constexpr int kLargestFileMiB = 4000;  // recordings end before 4 GiB
+  constexpr unsigned kLongestPreAlarm = 255;
+  auto arguments = std::make_shared<Arguments>();
+  CLI::App* const record = app.add_subcommand("record", "Record cameras into a folder");
+  AddStreamOptions(record, arguments->streams);
+  AddDataOption(record, arguments->data);
+  record->add_option("--seconds", arguments->seconds, "end after so many seconds")
+      ->check(CLI::PositiveNumber);
+  record
+      ->add_option("--file-size", arguments->record.fileSizeMiB,
+                   "begin a new file behind so many MiB (256)")
+      ->type_name("MiB")
+      ->check(CLI::Range(1, kLargestFileMiB));
+  CLI::Option* const schedule = record->add_flag(
+      "--schedule", arguments->record.schedule,
+      "record as by a plan: begins by itself when the disk comes back, also at the start");
+  CLI::Option* const every = record
+                                 ->add_option("--event-every", arguments->record.eventEvery,
+                                              "record only an event every so many seconds")
+                                 ->type_name("S")
+                                 ->check(CLI::Range(1u, 86'400u))
+                                 ->excludes(schedule);
+  record->add_option("--event-length", arguments->record.eventLength, "seconds of each event (5)")
+      ->type_name("S")
+      ->check(CLI::Range(1u, 86'400u))
+      ->needs(every);
+  record
+      ->add_option("--pre-alarm", arguments->record.preAlarm,
+                   "seconds before each event that are recorded with it (0)")
+      ->type_name("S")
+      ->check(CLI::Range(0u, kLongestPreAlarm))
+      ->needs(every);
+  record
+      ->add_option("--move-to", arguments->moveTo,
+                   "move finished files there; a folder that is away makes them wait")
+      ->type_name("DIR");
+  record->add_flag("--json", arguments->json, "print one JSON object at the end");
+  record->callback([arguments, &result] { result.status = Record(*arguments).Run(); });
+}
+
+}  // namespace tools

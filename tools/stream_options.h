@@ -1,0 +1,26 @@
+// The options by which commands name the streams that they receive.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "tools/live_site.h"
+
+namespace tools {
+
+struct StreamArguments {
+  std::vector<std::string> urls;
+  std::vector<std::string> transports = {"udp"};
+  std::string user;
+  std::string password;
+};
+
+// URL..., --transport, --user and --password.
+void AddStreamOptions(CLI::App* command, StreamArguments& arguments);
+
+// What they say of the site with that number, from 0.
+LiveOptions OptionsOf(const StreamArguments& arguments, std::size_t site);
+
+}  // namespace tools
