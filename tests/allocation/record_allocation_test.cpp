@@ -6,6 +6,7 @@
 
 #include "tests/allocation/allocation_count.h"
 #include "tests/recording/recorder_site.h"
+#include "tests/support/recording_client.h"
 
 namespace {
 
@@ -40,6 +41,36 @@ TEST(RecordAllocation, NothingIsAllocatedPerFrame) {
   EXPECT_GT(recorder.GetRecordingStatus().bytes, 3u << 20);
   recorder.StopRecordAll();
   EXPECT_EQ(test::CheckSeams(site.Files()), 511u);
+}
+
+// Through the site client: scheduled beside an event, whose pre-alarm is kept in between.
+TEST(RecordAllocation, NothingIsAllocatedForAKeptFrame) {
+  const test::RecordingFolder site;
+  test::RecordingClient client(test::ParamFor(1));
+  test::FrameSource source({});
+  ASSERT_EQ(client.SetRecEventPreAlarm(0, 2, 1, 200'000), 1);
+  client.TurnOnRecordingState(0, kRecordDeviceEvent);
+  long kept = 0;
+  long recorded = 0;
+  std::thread receiving([&] {
+    pthread_setname_np(pthread_self(), "cms-recv test");
+    const auto give = [&](int frames, cms::EventMarks marks) {
+      const long before = test::Allocations();
+      for (int i = 0; i < frames; ++i) {
+        client.Give(source, marks);
+        client.GiveAudio();
+      }
+      return test::Allocations() - before;
+    };
+    give(10, {});
+    kept = give(500, {});
+    give(10, {true, false, false});  // the beginning of an event opens files
+    recorded = give(500, {true, false, false});
+  });
+  receiving.join();
+  EXPECT_EQ(kept, 0);
+  EXPECT_EQ(recorded, 0);
+  EXPECT_GT(client.GetRecordingStatus().frames, 1'000u);
 }
 
 }  // namespace
