@@ -1,4 +1,5 @@
 // The server among clients that flood it, do not read, send nothing or vanish.
+#include <malloc.h>
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/time.h>
@@ -198,6 +199,46 @@ TEST_F(HttpLoadTest, AFloodOfEveryKind) {
   })) << test::OpenDescriptors()
       << " descriptors, " << RunningThreads() << " threads";
   EXPECT_TRUE(WellBehavedClientIsServed());
+}
+
+// As many connects as come in a second of an attack, from several threads; every third one sends a
+// request and none waits for the answer. What the first wave leaves behind is what the next finds.
+TEST_F(HttpLoadTest, TenThousandConnectsASecondAndTheMemoryComesBack) {
+  constexpr int kThreads = 4;
+  constexpr int kConnects = (test::kSanitized ? 2000 : 10000) / kThreads;
+  const long threads = RunningThreads();
+  const auto wave = [&] {
+    std::atomic<int> refused = 0;
+    const auto start = steady_clock::now();
+    std::vector<std::thread> attackers;
+    for (int i = 0; i < kThreads; ++i) {
+      attackers.emplace_back([&] {
+        const linger hard{1, 0};  // leaves no port behind
+        for (int each = 0; each < kConnects; ++each) {
+          const Descriptor client = Connected(Port());
+          setsockopt(client, SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
+          refused += client < 0 || (each % 3 == 0 && !SendText(client, Request("/hello")));
+        }
+      });
+    }
+    for (int i = 0; i < 5; ++i) {
+      EXPECT_TRUE(WellBehavedClientIsServed());
+    }
+    for (std::thread& attacker : attackers) {
+      attacker.join();
+    }
+    const std::chrono::duration<double> took = steady_clock::now() - start;
+    RecordProperty("connects_per_second", static_cast<int>(kThreads * kConnects / took.count()));
+    EXPECT_EQ(refused, 0);
+    EXPECT_TRUE(WellBehavedClientIsServed());
+    EXPECT_TRUE(test::WaitFor([&] { return RunningThreads() <= threads; }));
+    return mallinfo2().uordblks;
+  };
+  const std::size_t first = wave();
+  const std::size_t second = wave();
+  if (!test::kSanitized) {
+    EXPECT_LT(second, first + (std::size_t{1} << 20)) << "bytes in use after each wave";
+  }
 }
 
 // Connections wait in the backlog until there are descriptors again; waiting costs little.
