@@ -15,13 +15,6 @@ const std::string& Page() {
   return page;
 }
 
-void ServeUntilInputEnds(int port) {
-  std::printf("%d\n", port);
-  std::fflush(stdout);
-  while (std::getchar() != EOF) {
-  }
-}
-
 void RunOurs() {
   const tHttpServerConfig config{0, [](const std::string&, std::string&) { return 0; }};
   HttpServer* const server = CreateHttpServer(&config);
@@ -73,6 +66,13 @@ void RunCivetweb() {
 }
 
 }  // namespace
+
+void ServeUntilInputEnds(int port) {
+  std::printf("%d\n", port);
+  std::fflush(stdout);
+  while (std::getchar() != EOF) {
+  }
+}
 
 bool RunWebServer(const std::string& name) {
   if (name == "ours") {

@@ -8,6 +8,9 @@ namespace bench {
 
 inline constexpr int kPageSize = 1024;
 
+// Prints the port and waits for the end of the standard input.
+void ServeUntilInputEnds(int port);
+
 // Starts the named server ("ours", "microhttpd", "civetweb") in this process, prints its port, and
 // ends it when the standard input ends. False when there is no such server.
 bool RunWebServer(const std::string& name);

@@ -20,6 +20,7 @@ class ChildProcess {
 
   std::string ReadLine();  // without its end; empty when the output ended
   void Terminate();
+  pid_t Pid() const { return pid_; }
 
  private:
   pid_t pid_ = -1;

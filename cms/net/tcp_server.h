@@ -28,7 +28,7 @@ using TcpServerAcceptCallback = void (*)(const sockaddr_in* peer, int addressLen
 struct tTcpServerConfig {
   TcpServerReceiveCallback recvCallback = nullptr;  // nullptr: received frames are queued
   void* recvContext = nullptr;
-  int recvFrameSize = 1024;  // bytes received per call, and handed to the system per send
+  int recvFrameSize = 1024;  // bytes received per call
   int recvQueueDepth = 128;  // frames; a connection's send queue holds depth * size bytes
   TcpServerAcceptCallback acceptCallback = nullptr;
   std::uint32_t localAddress = 0;  // out: IPv4, host byte order; 0 is any

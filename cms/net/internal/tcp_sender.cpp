@@ -4,7 +4,6 @@
 #include <pthread.h>
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <string_view>
 #include <system_error>
@@ -14,8 +13,8 @@
 CTcpSender::CTcpSender(int descriptor, int stop, const tTcpServerConfig& config)
     : socket_(descriptor),
       stop_(stop),
-      piece_(static_cast<std::size_t>(config.recvFrameSize)),
-      capacity_(piece_ * static_cast<std::size_t>(config.recvQueueDepth)) {}
+      capacity_(static_cast<std::size_t>(config.recvFrameSize) *
+                static_cast<std::size_t>(config.recvQueueDepth)) {}
 
 bool CTcpSender::Start() {
   running_ = true;
@@ -78,8 +77,7 @@ void CTcpSender::Run() {
 bool CTcpSender::SendAll(const std::string& bytes) {
   std::string_view left = bytes;
   while (!left.empty()) {
-    const ssize_t sent =
-        send(socket_, left.data(), std::min(left.size(), piece_), MSG_NOSIGNAL | MSG_DONTWAIT);
+    const ssize_t sent = send(socket_, left.data(), left.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
     if (sent >= 0) {
       left.remove_prefix(static_cast<std::size_t>(sent));
     } else if (errno == EAGAIN || errno == EWOULDBLOCK) {

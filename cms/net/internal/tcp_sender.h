@@ -39,7 +39,6 @@ class CTcpSender {
 
   const int socket_;
   const int stop_;
-  const std::size_t piece_;     // bytes handed to the system per call
   const std::size_t capacity_;  // bytes
   std::atomic<bool> running_{false};
   std::thread thread_;
