@@ -10,9 +10,11 @@
 #include <vector>
 
 #include "cms/exports/net_exports.h"
+#include "cms/recording/rec_folder_db_writer.h"
 #include "tools/command.h"
 #include "tools/data_folder.h"
-#include "tools/live_site.h"
+#include "tools/recording_folders.h"
+#include "tools/serve/serve_site.h"
 #include "tools/serve/web_server.h"
 #include "tools/stop_signal.h"
 
@@ -31,6 +33,7 @@ struct Arguments {
 };
 
 constexpr std::uint32_t kBlack = 1;
+constexpr std::chrono::seconds kLookAtTheDay{10};
 
 // "192.168.1.10-192.168.1.20", or one address.
 AccessRange ReadRange(const std::string& option, const std::string& text, std::uint32_t kind) {
@@ -70,12 +73,13 @@ class Serve {
     WebServerOptions options{arguments.port, arguments.user, arguments.password,
                              ReadAccess(arguments)};
     EnterDataFolder(arguments.data, DataFolderUse::kCreate);
+    CRecFolderDBWriter().WriterRecFolderDB(0, kRecordings);  // where searches look
     for (std::size_t i = 0; i < arguments.urls.size(); ++i) {
       LiveOptions site;
       site.url = arguments.urls[i];
       site.decode = false;  // until somebody watches
       site.number = static_cast<int>(i);
-      sites_.push_back(std::make_unique<LiveSite>(site));
+      sites_.push_back(std::make_unique<ServeSite>(site));
     }
     server_ = std::make_unique<WebServer>(options, sites_);
   }
@@ -98,25 +102,33 @@ class Serve {
       std::printf("%s ready\n", url.c_str());
     }
     std::fflush(stdout);
-    if (arguments_.json || isatty(STDERR_FILENO) == 0) {
-      WaitForStop();
-      return 0;
-    }
-    while (!WaitForStop(std::chrono::seconds(1))) {
-      std::size_t playing = 0;
+    const bool shows = !arguments_.json && isatty(STDERR_FILENO) != 0;
+    while (!WaitForStop(shows ? std::chrono::seconds(1) : kLookAtTheDay)) {
       for (const auto& site : sites_) {
-        playing += site->Status().state == ConnectionState::kPlaying ? 1 : 0;
+        site->FollowDay();
       }
-      std::fprintf(stderr, "\r%zu of %zu cameras deliver, %d watch ", playing, sites_.size(),
-                   server_->Watchers());
+      if (shows) {
+        Report();
+      }
     }
-    std::fprintf(stderr, "\n");
+    if (shows) {
+      std::fprintf(stderr, "\n");
+    }
     return 0;
   }
 
  private:
+  void Report() const {
+    std::size_t playing = 0;
+    for (const auto& site : sites_) {
+      playing += site->Status().state == ConnectionState::kPlaying ? 1 : 0;
+    }
+    std::fprintf(stderr, "\r%zu of %zu cameras deliver, %d watch ", playing, sites_.size(),
+                 server_->Watchers());
+  }
+
   const Arguments& arguments_;
-  std::vector<std::unique_ptr<LiveSite>> sites_;
+  std::vector<std::unique_ptr<ServeSite>> sites_;
   std::unique_ptr<WebServer> server_;
 };
 

@@ -9,6 +9,7 @@ import socket
 import subprocess
 import sys
 import tempfile
+import time
 
 from orvanta_process import LIMIT, Orvanta, wait_for
 
@@ -108,10 +109,10 @@ def pictures_are_made_only_for_watchers(data):
         assert status(server)[0]["decoded"] == 0, "decoded for nobody"
         watchers = [Watcher(server, "/auth/live") for _ in range(2)]
         for watcher in watchers:
-            about, first = watcher.picture(0)
+            about, first = watcher.picture(1)
             assert (about["width"], about["height"]) == (320, 240)
             assert first.startswith(b"\xff\xd8") and first.endswith(b"\xff\xd9")
-            assert watcher.picture(0)[1] != first, "the picture stands"
+            assert watcher.picture(1)[1] != first, "the picture stands"
         for watcher in watchers:
             watcher.end()
 
@@ -124,9 +125,74 @@ def pictures_are_made_only_for_watchers(data):
         wait_for(at_rest, "decoding ends with the last watcher")
         # Pictures begin anew, and a watcher that reads nothing does not hold up the end.
         stuck = Watcher(server, "/auth/live")
-        stuck.picture(0)
+        stuck.picture(1)
         assert server.end() == 0
         stuck.end()
+
+
+def ask(server, target, *options):
+    code, body = curl(server, target, *options)
+    assert code == 200, (target, code, body)
+    return json.loads(body)
+
+
+def what_is_recorded_is_found_and_played(data):
+    with Orvanta(PROGRAM, "camera", "--port", "0", "--gop", "10") as camera, \
+            serve(data, *LOGIN, camera.start["cameras"][0]["url"]) as server:
+        before = int(time.time())
+        for bad in ("?site=0&on=1", "?site=2&on=1", "?site=1&on=2", "?on=1", ""):
+            assert curl(server, "/auth/record" + bad, "-X", "PUT")[0] == 400
+        assert curl(server, "/auth/record?site=1&on=1")[0] == 400, "changed by a link"
+        assert not status(server)[0]["recording"]
+        wait_for(lambda: status(server)[0]["frames"] > 10, "frames")
+        ask(server, "/auth/record?site=1&on=1", "-X", "PUT")
+        wait_for(lambda: status(server)[0]["recorded_bytes"] > 0, "something is recorded")
+        assert status(server)[0]["recording"]
+        time.sleep(4)
+        assert ask(server, "/auth/record?site=1&on=0", "-X", "PUT") == {"site": 1, "recording": False}
+        now = int(time.time())
+        today = time.gmtime(before)
+        days = ask(server, f"/auth/days?month={today.tm_year}-{today.tm_mon:02}")
+        assert today.tm_mday in days["days"] and days["complete"], days
+        interval = f"from={before}&to={now + 60}"
+        found = ask(server, "/auth/recordings?" + interval)
+        spans = found["spans"]
+        assert len(spans) == 1 and spans[0]["site"] == 1 and spans[0]["name"] == "Site 1", found
+        assert before <= spans[0]["start"] < spans[0]["end"] <= now, spans
+
+        # The picture's time moves as the transport says.
+        viewer = Watcher(server, f"/auth/play?{interval}&at={spans[0]['start']}")
+        first = viewer.record()[0]
+        assert first["sites"] == [{"site": 1, "name": "Site 1"}], first
+        session = f"/auth/transport?session={first['session']}&do="
+        about, jpeg = viewer.picture(1)
+        assert jpeg.startswith(b"\xff\xd8") and (about["width"], about["height"]) == (640, 360)
+        shown = viewer.picture(1)[0]["time"]
+        assert shown > about["time"]
+        ask(server, session + "pause")
+        still = 0  # so often it was told that nothing moves
+        while still < 2:
+            told, jpeg = viewer.record()
+            shown, still = (told["time"], 0) if jpeg else (shown, still + (told["speed"] == 0))
+        times = [shown]
+        for step in ("forward", "forward", "backward", "backward"):
+            ask(server, session + step)
+            times.append(viewer.picture(1)[0]["time"])
+        assert times[0] < times[1] < times[2], times
+        assert times[3] == times[1] and times[4] == times[0], times
+        assert ask(server, session + "faster")["speed"] == 1
+        assert ask(server, session + "faster")["speed"] == 2
+        ask(server, session + "slower")
+        assert ask(server, session + "slower")["speed"] == -1, "backward"
+        assert ask(server, session + f"seek&at={spans[0]['end']}")
+        wait_for(lambda: viewer.picture(1)[0]["time"] >= spans[0]["end"] * 1000 - 500, "the end")
+        for bad in ("/auth/transport?do=pause", "/auth/transport?session=x&do=pause",
+                    session + "fly", session + "seek", f"/auth/play?{interval}", "/auth/play?at=5",
+                    "/auth/play?from=5&to=9&at=5"):
+            assert curl(server, bad)[0] == 400, bad
+        viewer.end()
+        wait_for(lambda: curl(server, session + "pause")[0] == 400, "the session ends with its viewer")
+        assert server.end() == 0
 
 
 def wrong_usage(data):
@@ -150,4 +216,5 @@ with tempfile.TemporaryDirectory() as folder:
     only_who_logs_in(folder)
     without_a_user_this_machine_watches_and_nobody_changes(folder)
     pictures_are_made_only_for_watchers(folder)
+    what_is_recorded_is_found_and_played(folder)
     wrong_usage(folder)

@@ -30,14 +30,23 @@ ordered_json Calendar::Days(const WebRequest& request) {
       {"year", year}, {"month", month}, {"days", days}, {"complete", engine_.hasReadEverything()}};
 }
 
-ordered_json Calendar::Recordings(const WebRequest& request) {
-  // From 1: a search over all time would remove events.
+// From 1: a search over all time would remove events.
+void Calendar::Search(const WebRequest& request) {
   const std::int64_t from = request.Number("from", 1, kLatestTime);
-  const std::int64_t to = request.Number("to", from, kLatestTime);
+  engine_.searchByInterval(from, request.Number("to", from, kLatestTime));
+}
+
+std::vector<stPBTimeInfo> Calendar::Spans(const WebRequest& request) {
+  const std::lock_guard lock(lock_);
+  Search(request);
+  return engine_.getNormalPBInfo();
+}
+
+ordered_json Calendar::Recordings(const WebRequest& request) {
   ordered_json spans = ordered_json::array();
   ordered_json events = ordered_json::array();
   const std::lock_guard lock(lock_);
-  engine_.searchByInterval(from, to);
+  Search(request);
   engine_.loadEventList();
   for (const stPBTimeInfo& span : engine_.getNormalPBInfo()) {
     spans.push_back({{"site", span.siteNumber},

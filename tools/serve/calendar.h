@@ -3,6 +3,7 @@
 
 #include <mutex>
 #include <nlohmann/json.hpp>
+#include <vector>
 
 #include "cms/playback/local_pb_search_engine.h"
 #include "tools/serve/web_request.h"
@@ -16,8 +17,12 @@ class Calendar {
   nlohmann::ordered_json Days(const WebRequest& request);
   // from=SECONDS&to=SECONDS: the stretches and the events in between.
   nlohmann::ordered_json Recordings(const WebRequest& request);
+  // The stretches of the same query.
+  std::vector<stPBTimeInfo> Spans(const WebRequest& request);
 
  private:
+  void Search(const WebRequest& request);
+
   std::mutex lock_;
   LocalPBSearchEngine engine_;  // guarded by lock_; remembers what it has read
 };

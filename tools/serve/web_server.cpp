@@ -22,6 +22,19 @@ constexpr milliseconds kPictureTurn{40};
 // Something is sent so often at least, so that a client that went is noticed.
 constexpr milliseconds kSignOfLife{2000};
 
+// Each decodes on threads of its own.
+constexpr std::size_t kMostSessions = 16;
+
+struct Counted {
+  explicit Counted(std::atomic<int>& counter) : counter_(counter) { ++counter_; }
+  ~Counted() { --counter_; }
+  Counted(const Counted&) = delete;
+  Counted& operator=(const Counted&) = delete;
+
+ private:
+  std::atomic<int>& counter_;
+};
+
 constexpr char kLoginMark[] = "data-login=\"\"";
 
 }  // namespace
@@ -52,11 +65,9 @@ void WebServer::Register(const std::string& name, EgiCallback callback) {
   }
 }
 
-WebServer::WebServer(const WebServerOptions& options, std::vector<std::unique_ptr<LiveSite>>& sites)
+WebServer::WebServer(const WebServerOptions& options,
+                     std::vector<std::unique_ptr<ServeSite>>& sites)
     : options_(options), sites_(sites) {
-  for (std::size_t i = 0; i < sites.size(); ++i) {
-    pictures_.push_back(std::make_unique<LivePictures>(*sites[i], static_cast<int>(i)));
-  }
   const tHttpServerConfig config{options.port, &WebServer::Password};
   server_ = CreateHttpServer(&config);
   if (server_ == nullptr) {
@@ -73,6 +84,9 @@ WebServer::WebServer(const WebServerOptions& options, std::vector<std::unique_pt
   Register("/live", &WebServer::Call<&WebServer::Live>);
   Register("/days", &WebServer::Call<&WebServer::Days>);
   Register("/recordings", &WebServer::Call<&WebServer::Recordings>);
+  Register("/play", &WebServer::Call<&WebServer::Play>);
+  Register("/transport", &WebServer::Call<&WebServer::Transport>);
+  RegisterEgi(server_, "/auth/record", &WebServer::Call<&WebServer::Record>);
   if (StartHttpServer(server_) == 0) {
     DestroyHttpServer(server_);
     throw std::runtime_error("cannot listen on port " + std::to_string(options.port) +
@@ -97,10 +111,8 @@ int WebServer::Page(HttpRequest* request, const char*, std::uint32_t) {
 
 void WebServer::Status(WebRequest& request) {
   ordered_json sites = ordered_json::array();
-  for (std::size_t i = 0; i < sites_.size(); ++i) {
-    ordered_json one{{"site", i}};
-    one.update(sites_[i]->StatusJson());
-    sites.push_back(one);
+  for (const auto& site : sites_) {
+    sites.push_back(site->StatusJson());
   }
   request.Answer({{"time", std::time(nullptr)}, {"watchers", Watchers()}, {"sites", sites}});
 }
@@ -108,14 +120,10 @@ void WebServer::Status(WebRequest& request) {
 // All sites in one answer, as a browser opens few connections. A client that does not keep up
 // misses pictures, not their order.
 void WebServer::Live(WebRequest& request) {
-  struct Count {
-    std::atomic<int>& watchers;
-    explicit Count(std::atomic<int>& counter) : watchers(counter) { ++watchers; }
-    ~Count() { --watchers; }
-  } const count(watchers_);
+  const Counted counted(watchers_);
   std::deque<LivePictures::Watch> watches;
-  for (const auto& each : pictures_) {
-    watches.emplace_back(*each);
+  for (const auto& each : sites_) {
+    watches.emplace_back(each->Pictures());
   }
   milliseconds silent = kSignOfLife;
   do {
@@ -144,6 +152,55 @@ void WebServer::Days(WebRequest& request) {
 
 void WebServer::Recordings(WebRequest& request) {
   request.Answer(calendar_.Recordings(request));
+}
+
+void WebServer::Record(WebRequest& request) {
+  request.RequirePut();
+  const std::int64_t site = request.Number("site", 1, static_cast<std::int64_t>(sites_.size()));
+  const bool on = request.Number("on", 0, 1) == 1;
+  sites_[static_cast<std::size_t>(site) - 1]->Record(on);
+  request.Answer({{"site", site}, {"recording", on}});
+}
+
+// The session lives as long as its viewer's connection.
+void WebServer::Play(WebRequest& request) {
+  const std::int64_t moment = request.Number("at", 1, kLatestTime) * 1000;
+  const std::vector<stPBTimeInfo> spans = calendar_.Spans(request);
+  if (spans.empty()) {
+    throw BadRequest("nothing was recorded then");
+  }
+  PlaySession session(spans, moment);
+  {
+    const std::lock_guard lock(sessions_lock_);
+    if (sessions_.size() >= kMostSessions) {
+      throw std::runtime_error("too many are playing recordings already");
+    }
+    sessions_.emplace(session.Id(), &session);
+  }
+  struct Leave {
+    WebServer& server;
+    PlaySession& session;
+    ~Leave() {
+      const std::lock_guard lock(server.sessions_lock_);
+      server.sessions_.erase(session.Id());
+    }
+  } const leave{*this, session};
+  session.Stream(request);
+}
+
+void WebServer::Transport(WebRequest& request) {
+  const std::lock_guard lock(sessions_lock_);
+  const auto found = sessions_.find(request.Value("session").value_or(""));
+  if (found == sessions_.end()) {
+    throw BadRequest("there is no such session");
+  }
+  const std::string_view what = request.Value("do").value_or("");
+  if (what == "seek") {
+    found->second->Seek(request.Number("at", 1, kLatestTime) * 1000);
+  } else if (!found->second->Transport(what)) {
+    throw BadRequest("do is pause, resume, forward, backward, faster, slower, or seek with at");
+  }
+  request.Answer(found->second->State());
 }
 
 }  // namespace tools

@@ -1,14 +1,18 @@
 // The web server of `orvanta serve`: which request is answered by whom.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
 #include "cms/exports/http_server_exports.h"
 #include "tools/serve/calendar.h"
-#include "tools/serve/live_pictures.h"
+#include "tools/serve/play_session.h"
+#include "tools/serve/serve_site.h"
 #include "tools/serve/web_request.h"
 
 namespace tools {
@@ -26,7 +30,7 @@ struct WebServerOptions {
 class WebServer {
  public:
   // Listens from here on. Throws std::runtime_error when it cannot. The sites outlive it.
-  WebServer(const WebServerOptions& options, std::vector<std::unique_ptr<LiveSite>>& sites);
+  WebServer(const WebServerOptions& options, std::vector<std::unique_ptr<ServeSite>>& sites);
   ~WebServer();  // once a stop was asked for: returns when every handler has returned
   WebServer(const WebServer&) = delete;
   WebServer& operator=(const WebServer&) = delete;
@@ -45,13 +49,17 @@ class WebServer {
   void Status(WebRequest& request);
   void Live(WebRequest& request);
   void Days(WebRequest& request);
+  void Record(WebRequest& request);
   void Recordings(WebRequest& request);
+  void Play(WebRequest& request);
+  void Transport(WebRequest& request);
 
   const WebServerOptions options_;
-  std::vector<std::unique_ptr<LiveSite>>& sites_;
-  std::vector<std::unique_ptr<LivePictures>> pictures_;
+  std::vector<std::unique_ptr<ServeSite>>& sites_;
   Calendar calendar_;
   std::atomic<int> watchers_{0};
+  std::mutex sessions_lock_;
+  std::map<std::string, PlaySession*, std::less<>> sessions_;  // guarded by it
   HttpServer* server_ = nullptr;
 };
 

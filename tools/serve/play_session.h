@@ -1,0 +1,51 @@
+// Recordings played for one viewer.
+#pragma once
+
+#include <cstdint>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "cms/playback/multi_site_playback_ctrl.h"
+#include "cms/playback/search_results.h"
+#include "tools/serve/jpeg_encoder.h"
+#include "tools/serve/web_request.h"
+
+namespace tools {
+
+class PlaySession {
+ public:
+  // Plays these stretches, the sites in step, from that moment on (milliseconds since 1970-01-01
+  // UTC). Throws std::runtime_error when nothing of it can be played.
+  PlaySession(const std::vector<stPBTimeInfo>& spans, std::int64_t moment);
+
+  const std::string& Id() const { return id_; }  // nobody guesses it
+
+  // What is played, then pictures and what the transport does, until the viewer has gone or a stop
+  // is asked for. On the viewer's thread.
+  void Stream(WebRequest& request);
+
+  // "pause", "resume", "forward" and "backward" by one picture, "faster", "slower"; false for any
+  // other word. Any thread.
+  bool Transport(std::string_view what);
+  nlohmann::ordered_json State() const;  // what the transport does
+  void Seek(std::int64_t moment) { control_.SetPlaybackTargetTime(moment); }
+
+ private:
+  struct View {
+    unsigned site;  // indexes of the controller
+    unsigned channel;
+    unsigned shown = 0;  // the picture's number
+  };
+  nlohmann::ordered_json Describe() const;
+  PictureRecord NextPicture(View& view);
+
+  const std::string id_;
+  CCMSMultiSitePlaybackCtrl control_;
+  std::vector<std::string> names_;  // by the index of the site
+  std::vector<View> views_;
+  JpegEncoder encoder_;
+};
+
+}  // namespace tools
