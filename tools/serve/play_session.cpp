@@ -76,6 +76,12 @@ bool PlaySession::Transport(std::string_view what) {
   return false;
 }
 
+bool PlaySession::TakeTurn(std::int64_t turn) {
+  const bool later = turn > turn_;
+  turn_ = std::max(turn_, turn);
+  return later;
+}
+
 ordered_json PlaySession::Describe() const {
   ordered_json sites = ordered_json::array();
   for (unsigned site = 0; site < names_.size(); ++site) {

@@ -30,6 +30,8 @@ class PlaySession {
   // other word. Any thread.
   bool Transport(std::string_view what);
   nlohmann::ordered_json State() const;  // what the transport does
+  // False for a turn that was there already. One thread at a time.
+  bool TakeTurn(std::int64_t turn);
   void Seek(std::int64_t moment) { control_.SetPlaybackTargetTime(moment); }
 
  private:
@@ -46,6 +48,7 @@ class PlaySession {
   std::vector<std::string> names_;  // by the index of the site
   std::vector<View> views_;
   JpegEncoder encoder_;
+  std::int64_t turn_ = 0;
 };
 
 }  // namespace tools

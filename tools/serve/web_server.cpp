@@ -195,6 +195,11 @@ void WebServer::Transport(WebRequest& request) {
     throw BadRequest("there is no such session");
   }
   const std::string_view what = request.Value("do").value_or("");
+  // A browser that got no answer asks again; what was done is not done twice.
+  if (request.Value("turn") && !found->second->TakeTurn(request.Number("turn", 1, kLatestTime))) {
+    request.Answer(found->second->State());
+    return;
+  }
   if (what == "seek") {
     found->second->Seek(request.Number("at", 1, kLatestTime) * 1000);
   } else if (!found->second->Transport(what)) {
