@@ -48,7 +48,7 @@ inline constexpr int kAccessAllowed = 2;
 
 // Indices of SetStatusCode. Any other gives a status line without code and text.
 enum HttpStatusIndex : std::uint32_t {
-  kHttpOk = 0,
+  kHttpStatusOk = 0,
   kHttpBadRequest = 1,
   kHttpAuthorizationRequired = 2,  // 401 with a Digest challenge
   kHttpAuthenticationError = 3,    // 401 with a Digest challenge
