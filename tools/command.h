@@ -19,6 +19,7 @@ void AddAudioCommand(CLI::App& app, CommandResult& result);
 void AddBroadcastCommand(CLI::App& app, CommandResult& result);
 void AddCameraCommand(CLI::App& app, CommandResult& result);
 void AddDbCommand(CLI::App& app, CommandResult& result);
+void AddExportCommand(CLI::App& app, CommandResult& result);
 void AddInspectCommand(CLI::App& app, CommandResult& result);
 void AddLiveCommand(CLI::App& app, CommandResult& result);
 void AddManualCommand(CLI::App& app, CommandResult& result);

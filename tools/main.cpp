@@ -47,6 +47,7 @@ int main(int argc, char** argv) {
   tools::AddDbCommand(app, result);
   tools::AddRepairCommand(app, result);
   tools::AddSearchCommand(app, result);
+  tools::AddExportCommand(app, result);
   tools::AddManualCommand(app, result);
   tools::CatchStopSignals();
   try {

@@ -39,7 +39,7 @@ std::string MakeDrvFrame(const DrvFrameSpec& spec) {
   frame += number(spec.seconds, 4);
   frame += {static_cast<char>(spec.audio ? 4 : 0), 1, static_cast<char>(spec.frame_type), 0};
   if (spec.audio) {
-    frame += LittleEndian(0x10006, 4) + LittleEndian(8000, 4) + LittleEndian(1, 2) +
+    frame += LittleEndian(spec.audioCodec, 4) + LittleEndian(8000, 4) + LittleEndian(1, 2) +
              LittleEndian(16, 2) + std::string(4, '\0');
   } else {
     frame += number(0, 2) + number(spec.area, 2) + number(spec.sequence, 4) + std::string(8, '\0');

@@ -16,7 +16,8 @@ struct DrvFrameSpec {
   unsigned stream = 0;
   std::uint32_t seconds = 1'700'000'000;
   std::uint32_t sequence = 1;
-  unsigned area = 116;  // video: header area, 32 bytes of header included
+  std::uint32_t audioCodec = 0x10006;  // CMSCodecID
+  unsigned area = 116;                 // video: header area, 32 bytes of header included
   std::string payload = {};
 };
 

@@ -1,0 +1,218 @@
+// The whole way: recordings through `orvanta export`, judged by ffprobe and ffmpeg.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "tests/support/faulty_file_io.h"
+#include "tests/support/recorded_clip.h"
+#include "tests/support/shell.h"
+
+namespace {
+
+using nlohmann::json;
+using test::ClipCodec;
+using test::DrvRecording;
+using test::RecordClip;
+using test::RunOrvanta;
+using test::RunShell;
+using test::ShellResult;
+using testing::HasSubstr;
+
+constexpr std::int64_t kStart = 1'700'000'000;  // 2023-11-14T22:13:20Z
+constexpr std::uint32_t kMuLaw = 0x10006;
+constexpr std::uint32_t kL16 = 0x10000;
+
+json Parsed(const ShellResult& result) {
+  EXPECT_EQ(result.status, 0) << result.errors;
+  return json::parse(result.output, nullptr, false);
+}
+
+// Decodes all of it: any error message fails the test.
+json Probe(const std::string& path) {
+  const ShellResult result = RunShell(
+      "ffprobe -v error -count_frames -show_entries "
+      "stream=codec_name,codec_type,nb_read_frames,width,duration,start_time:format=duration "
+      "-of json '" +
+      path + "'");
+  EXPECT_EQ(result.errors, "");
+  return json::parse(result.output, nullptr, false);
+}
+
+double Duration(const json& probe) {
+  return std::stod(probe["format"]["duration"].get<std::string>());
+}
+
+// The frame number that a picture shows; `input` is a file, or a file and what ffmpeg is told of
+// it.
+int NumberShown(const std::string& input) {
+  const ShellResult raw = RunShell("ffmpeg -v error -i '" + input +
+                                   "' -frames:v 1 -f rawvideo -pix_fmt bgra -s 320x240 -");
+  EXPECT_EQ(raw.output.size(), 320u * 240 * 4);
+  return raw.output.size() != 320u * 240 * 4
+             ? -1
+             : test::ReadFrameNumber(reinterpret_cast<const std::uint8_t*>(raw.output.data()), 320,
+                                     240, 320 * 4, 320);
+}
+
+class Export : public testing::Test {
+ protected:
+  std::string Out(const std::string& name) const { return folder_.File(name); }
+  std::string Drv(const DrvRecording& recording) const {
+    test::WriteWholeFile(Out("one.drv"), recording.bytes);
+    return Out("one.drv");
+  }
+
+  test::TemporaryFolder folder_;
+};
+
+TEST_F(Export, EveryCodecIntoBothContainers) {
+  struct Codec {
+    ClipCodec codec;
+    const char* name;
+  };
+  for (const Codec& codec : {Codec{ClipCodec::kH264, "h264"}, Codec{ClipCodec::kMjpeg, "mjpeg"},
+                             Codec{ClipCodec::kMpeg4, "mpeg4"}}) {
+    test::RecordedClipSpec spec;
+    spec.clip.codec = codec.codec;
+    spec.clip.frames = 80;
+    spec.phase = 15;  // the first second has ten pictures, the last five
+    const std::string drv = Drv(RecordClip(spec));
+    for (const std::string& out : {Out("clip.mp4"), Out("clip.mkv")}) {
+      SCOPED_TRACE(out + codec.name);
+      const json report = Parsed(RunOrvanta("export --json " + drv + " " + out));
+      EXPECT_EQ(report["frames"], 80);
+      EXPECT_EQ(report["skipped"], 0);
+      EXPECT_NEAR(report["duration"].get<double>(), 80 / 25.0, 0.05);
+      const json probe = Probe(out);
+      EXPECT_EQ(probe["streams"].size(), 1u);
+      EXPECT_EQ(probe["streams"][0]["codec_name"], codec.name);
+      EXPECT_EQ(probe["streams"][0]["nb_read_frames"], "80");
+      EXPECT_EQ(probe["streams"][0]["width"], 320);
+      EXPECT_NEAR(Duration(probe), 80 / 25.0, 0.05);
+      EXPECT_FALSE(std::filesystem::exists(out + ".part"));
+    }
+  }
+}
+
+TEST_F(Export, SoundGoesWhereTheContainerTakesIt) {
+  test::RecordedClipSpec spec;
+  spec.clip.frames = 75;
+  for (const std::uint32_t codec : {kMuLaw, kL16}) {
+    spec.audioCodec = codec;
+    const std::string drv = Drv(RecordClip(spec));
+    EXPECT_EQ(Parsed(RunOrvanta("export --json " + drv + " " + Out("a.mkv")))["audio"], true);
+    const json probe = Probe(Out("a.mkv"));
+    ASSERT_EQ(probe["streams"].size(), 2u);
+    EXPECT_EQ(probe["streams"][1]["codec_name"], codec == kMuLaw ? "pcm_mulaw" : "pcm_s16le");
+    EXPECT_EQ(probe["streams"][0]["nb_read_frames"], "75");
+    EXPECT_NEAR(Duration(probe), 3, 0.1);
+    const ShellResult mp4 = RunOrvanta("export --json " + drv + " " + Out("a.mp4"));
+    EXPECT_EQ(Parsed(mp4)["audio"], false);
+    EXPECT_THAT(mp4.errors, HasSubstr("left out"));
+    EXPECT_EQ(Probe(Out("a.mp4"))["streams"].size(), 1u);
+  }
+}
+
+TEST_F(Export, FilesOfASiteFollowEachOtherWithoutLosingAFrame) {
+  test::DataFolderMaker data(Out("data"));
+  test::RecordedClipSpec spec;
+  spec.clip.frames = 60;
+  data.Add(2, RecordClip(spec));  // another site, in between
+  spec.phase = 10;
+  data.Add(1, RecordClip(spec));  // up to the 20th picture of the third second
+  spec.start = kStart + 2;
+  spec.phase = 20;
+  data.Add(1, RecordClip(spec));  // goes on from there
+  spec.start = kStart + 20;
+  spec.phase = 0;
+  data.Add(1, RecordClip(spec));  // behind a gap
+  const std::string command = "export --json --data " + Out("data") + " --site 1 --from ";
+
+  json report =
+      Parsed(RunOrvanta(command + "2023-11-14T22:13:00Z --to 2023-11-15 " + Out("all.mp4")));
+  EXPECT_EQ(report["frames"], 180);
+  EXPECT_EQ(report["skipped"], 0);
+  EXPECT_EQ(report["start"], "2023-11-14T22:13:20Z");
+  json probe = Probe(Out("all.mp4"));
+  EXPECT_EQ(probe["streams"][0]["nb_read_frames"], "180");
+  EXPECT_NEAR(Duration(probe), 20 - 0.4 + 2.4, 0.1);
+
+  // From the last key frame in front of second 23 (every tenth frame is one) to the end of 23.
+  report = Parsed(
+      RunOrvanta(command + "2023-11-14T22:13:23Z --to 2023-11-14T22:13:23Z " + Out("some.mkv")));
+  EXPECT_EQ(report["frames"], 30);
+  EXPECT_EQ(NumberShown(Out("some.mkv")), 0);
+  probe = Probe(Out("some.mkv"));
+  EXPECT_EQ(probe["streams"][0]["nb_read_frames"], "30");
+  EXPECT_NEAR(Duration(probe), 1.2, 0.1);
+
+  EXPECT_EQ(Parsed(RunOrvanta(command + "2023-11-14T22:13:41Z " + Out("one.jpg")))["frames"], 1);
+  EXPECT_EQ(NumberShown(Out("one.jpg")), 49);  // the last of that second
+
+  const ShellResult nothing =
+      RunOrvanta(command + "2023-11-15T00:00:00Z --to 2023-11-16 " + Out("none.mp4"));
+  EXPECT_EQ(nothing.status, 1);
+  EXPECT_THAT(nothing.errors, HasSubstr("site 1"));
+}
+
+TEST_F(Export, DamageIsPassedOverAndCounted) {
+  test::RecordedClipSpec spec;
+  spec.clip.frames = 100;
+  DrvRecording recording = RecordClip(spec);
+  const auto& broken = recording.frames[34];  // key frames are 30 and 40
+  recording.bytes.replace(broken.offset, 40, 40, 'x');
+  recording.bytes.resize(recording.bytes.size() - 7);  // the last frame is torn
+  const std::string drv = Drv(recording);
+  for (const std::string& out : {Out("clip.mp4"), Out("clip.mkv")}) {
+    const json report = Parsed(RunOrvanta("export --json " + drv + " " + out));
+    EXPECT_EQ(report["frames"], 100 - 6 - 1);
+    EXPECT_EQ(report["skipped"], broken.length + recording.frames[99].length - 7);
+    EXPECT_EQ(report["skipped_frames"], 5);
+    const json probe = Probe(out);
+    EXPECT_EQ(probe["streams"][0]["nb_read_frames"], std::to_string(100 - 7));
+    EXPECT_NEAR(Duration(probe), 4, 0.1);
+  }
+}
+
+TEST_F(Export, APictureOfEachCodec) {
+  for (const ClipCodec codec : {ClipCodec::kH264, ClipCodec::kMjpeg, ClipCodec::kMpeg4}) {
+    test::RecordedClipSpec spec;
+    spec.clip.codec = codec;
+    spec.clip.frames = 60;
+    const std::string drv = Drv(RecordClip(spec));
+    EXPECT_EQ(RunOrvanta("export " + drv + " " + Out("first.jpg")).status, 0);
+    EXPECT_EQ(NumberShown(Out("first.jpg")), 0);
+    EXPECT_EQ(RunOrvanta("export --from 2023-11-14T22:13:21Z " + drv + " " + Out("at.jpg")).status,
+              0);
+    EXPECT_EQ(NumberShown(Out("at.jpg")), 49);
+  }
+}
+
+TEST_F(Export, WhatCannotBeDoneIsSaidInOneLineAndLeavesNothing) {
+  const std::string drv = Drv(RecordClip({}));
+  struct Case {
+    std::string arguments;
+    int status;
+    const char* word;
+  };
+  for (const Case& each :
+       {Case{drv + " " + Out("clip.avi"), 2, ".mp4"}, Case{Out("clip.mp4"), 2, "--data"},
+        Case{"--data " + Out("") + " " + Out("clip.mp4"), 2, "--site"},
+        Case{"--from yesterday " + drv + " " + Out("clip.mp4"), 2, "yesterday"},
+        Case{Out("missing.drv") + " " + Out("clip.mp4"), 1, "missing.drv"},
+        Case{drv + " " + Out("no/clip.mp4"), 1, "no/clip.mp4"},
+        Case{"--stream 3 " + drv + " " + Out("clip.mp4"), 1, "stream"}}) {
+    const ShellResult result = RunOrvanta("export " + each.arguments);
+    EXPECT_EQ(result.status, each.status) << each.arguments;
+    EXPECT_THAT(result.errors, HasSubstr(each.word));
+    EXPECT_EQ(std::count(result.errors.begin(), result.errors.end(), '\n'), 1) << result.errors;
+  }
+  test::WriteWholeFile(Out("noise.drv"), std::string(100'000, '@'));
+  EXPECT_EQ(RunOrvanta("export " + Out("noise.drv") + " " + Out("clip.mp4")).status, 1);
+  EXPECT_THAT(folder_.Names(), testing::ElementsAre("noise.drv", "one.drv"));
+}
+
+}  // namespace

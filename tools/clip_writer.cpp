@@ -1,0 +1,257 @@
+#include "tools/clip_writer.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavcodec/bsf.h>
+#include <libavformat/avformat.h>
+}
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <stdexcept>
+
+#include "cms/live/codec_id.h"
+#include "tools/time_text.h"
+
+namespace tools {
+namespace {
+
+constexpr AVRational kMicroseconds{1, 1'000'000};
+constexpr AVRational kVideoClock{1, 90'000};
+
+AVCodecID VideoCodec(ClipVideo video) {
+  switch (video) {
+    case ClipVideo::kMjpeg:
+      return AV_CODEC_ID_MJPEG;
+    case ClipVideo::kMpeg4:
+      return AV_CODEC_ID_MPEG4;
+    default:
+      return AV_CODEC_ID_H264;
+  }
+}
+
+AVCodecID AudioCodec(std::uint32_t codecId) {
+  switch (codecId) {
+    case CMS_CODEC_PCM_MULAW:
+      return AV_CODEC_ID_PCM_MULAW;
+    case CMS_CODEC_PCM_ALAW:
+      return AV_CODEC_ID_PCM_ALAW;
+    case CMS_CODEC_PCM_S16LE:
+      return AV_CODEC_ID_PCM_S16LE;
+    case CMS_CODEC_PCM_S16BE:
+      return AV_CODEC_ID_PCM_S16BE;
+    default:
+      return AV_CODEC_ID_NONE;
+  }
+}
+
+const char* NameOf(ClipContainer container) {
+  return container == ClipContainer::kMp4 ? "mp4" : "matroska";
+}
+
+struct FreePacket {
+  void operator()(AVPacket* packet) const { av_packet_free(&packet); }
+};
+struct FreeFilter {
+  void operator()(AVBSFContext* filter) const { av_bsf_free(&filter); }
+};
+using Packet = std::unique_ptr<AVPacket, FreePacket>;
+
+// The parameter sets of a key frame, as the container's header wants them: the filter tells what it
+// found in the frame.
+void ReadParameterSets(std::span<const std::uint8_t> frame, AVCodecParameters& parameters) {
+  AVBSFContext* made = nullptr;
+  if (av_bsf_alloc(av_bsf_get_by_name("extract_extradata"), &made) < 0) {
+    return;
+  }
+  const std::unique_ptr<AVBSFContext, FreeFilter> filter(made);
+  const Packet packet(av_packet_alloc());
+  if (avcodec_parameters_copy(filter->par_in, &parameters) < 0 || av_bsf_init(filter.get()) < 0 ||
+      av_new_packet(packet.get(), static_cast<int>(frame.size())) < 0) {
+    return;
+  }
+  std::memcpy(packet->data, frame.data(), frame.size());
+  std::size_t size = 0;
+  if (av_bsf_send_packet(filter.get(), packet.get()) < 0 ||
+      av_bsf_receive_packet(filter.get(), packet.get()) < 0) {
+    return;
+  }
+  const std::uint8_t* found =
+      av_packet_get_side_data(packet.get(), AV_PKT_DATA_NEW_EXTRADATA, &size);
+  if (found != nullptr) {
+    parameters.extradata =
+        static_cast<std::uint8_t*>(av_mallocz(size + AV_INPUT_BUFFER_PADDING_SIZE));
+    std::memcpy(parameters.extradata, found, size);
+    parameters.extradata_size = static_cast<int>(size);
+  }
+}
+
+}  // namespace
+
+std::size_t ClipPadding() {
+  return AV_INPUT_BUFFER_PADDING_SIZE;
+}
+
+bool TakesAudio(ClipContainer container, const ClipAudio& audio) {
+  const AVCodecID codec = AudioCodec(audio.codecId);
+  const AVOutputFormat* format = av_guess_format(NameOf(container), nullptr, nullptr);
+  // Matroska's own list lacks what it takes over from WAV.
+  return codec != AV_CODEC_ID_NONE && audio.sampleRate > 0 && audio.channels > 0 &&
+         (avformat_query_codec(format, codec, FF_COMPLIANCE_NORMAL) == 1 ||
+          (format->codec_tag != nullptr && av_codec_get_tag(format->codec_tag, codec) != 0));
+}
+
+struct ClipWriter::State {
+  std::string path;
+  std::string part;
+  AVFormatContext* context = nullptr;
+  AVStream* video = nullptr;
+  AVStream* audio = nullptr;
+  Packet packet{av_packet_alloc()};
+  std::int64_t begin = -1;      // microseconds
+  std::int64_t end = 0;         // of the last picture, from `begin` on
+  std::int64_t lastVideo = -1;  // in the stream's units
+  std::int64_t samples = -1;    // of audio, up to which it was written; -1 before the first block
+  int sampleBytes = 1;          // of all channels
+  bool finished = false;
+
+  void Check(int result) const {
+    if (result < 0) {
+      char why[AV_ERROR_MAX_STRING_SIZE] = {};
+      av_strerror(result, why, sizeof(why));
+      throw std::runtime_error(path + ": " + why);
+    }
+  }
+
+  void Close() {
+    if (context != nullptr) {
+      avio_closep(&context->pb);
+      avformat_free_context(context);
+      context = nullptr;
+    }
+  }
+
+  ~State() {
+    const bool made = context != nullptr && context->pb != nullptr;
+    Close();
+    if (made && !finished) {
+      std::remove(part.c_str());
+    }
+  }
+
+  void AddVideo(const ClipFormat& format);
+  void AddAudio(const ClipAudio& audio);
+  void Write(AVStream& stream, std::span<const std::uint8_t> data, std::int64_t time,
+             std::int64_t duration, bool key);
+};
+
+void ClipWriter::State::AddVideo(const ClipFormat& format) {
+  video = avformat_new_stream(context, nullptr);
+  Check(video == nullptr ? AVERROR(ENOMEM) : 0);
+  video->time_base = kVideoClock;
+  AVCodecParameters& parameters = *video->codecpar;
+  parameters.codec_type = AVMEDIA_TYPE_VIDEO;
+  parameters.codec_id = VideoCodec(format.video);
+  parameters.width = format.width;
+  parameters.height = format.height;
+  if (format.video != ClipVideo::kMjpeg) {
+    ReadParameterSets(format.keyFrame, parameters);
+  }
+}
+
+void ClipWriter::State::AddAudio(const ClipAudio& wanted) {
+  audio = avformat_new_stream(context, nullptr);
+  Check(audio == nullptr ? AVERROR(ENOMEM) : 0);
+  audio->time_base = {1, wanted.sampleRate};
+  AVCodecParameters& parameters = *audio->codecpar;
+  parameters.codec_type = AVMEDIA_TYPE_AUDIO;
+  parameters.codec_id = AudioCodec(wanted.codecId);
+  parameters.sample_rate = wanted.sampleRate;
+  av_channel_layout_default(&parameters.ch_layout, wanted.channels);
+  parameters.bits_per_coded_sample = av_get_bits_per_sample(parameters.codec_id);
+  sampleBytes = parameters.bits_per_coded_sample / 8 * wanted.channels;
+  parameters.block_align = sampleBytes;
+}
+
+void ClipWriter::State::Write(AVStream& stream, std::span<const std::uint8_t> data,
+                              std::int64_t time, std::int64_t duration, bool key) {
+  // Not reference-counted: the muxer writes what it needs before it returns.
+  packet->data = const_cast<std::uint8_t*>(data.data());
+  packet->size = static_cast<int>(data.size());
+  packet->stream_index = stream.index;
+  packet->pts = packet->dts = time;
+  packet->duration = duration;
+  packet->flags = key ? AV_PKT_FLAG_KEY : 0;
+  Check(av_write_frame(context, packet.get()));
+  Check(context->pb->error);
+}
+
+ClipWriter::ClipWriter(const std::string& path, const ClipFormat& format)
+    : state_(std::make_unique<State>()) {
+  State& state = *state_;
+  state.path = path;
+  state.part = path + ".part";
+  state.Check(avformat_alloc_output_context2(&state.context, nullptr, NameOf(format.container),
+                                             state.part.c_str()));
+  state.AddVideo(format);
+  if (format.audio) {
+    state.AddAudio(*format.audio);
+  }
+  av_dict_set(&state.context->metadata, "creation_time", UtcTime(format.begin).c_str(), 0);
+  state.Check(avio_open(&state.context->pb, state.part.c_str(), AVIO_FLAG_WRITE));
+  state.Check(avformat_write_header(state.context, nullptr));
+}
+
+ClipWriter::~ClipWriter() = default;
+
+void ClipWriter::WriteVideo(std::span<const std::uint8_t> frame, std::int64_t time,
+                            std::int64_t interval, bool key) {
+  State& state = *state_;
+  state.begin = state.begin < 0 ? time : state.begin;
+  AVStream& stream = *state.video;
+  // Matroska counts milliseconds: pictures closer than that must still follow each other.
+  const std::int64_t at = std::max(
+      av_rescale_q(time - state.begin, kMicroseconds, stream.time_base), state.lastVideo + 1);
+  state.lastVideo = at;
+  state.end = time - state.begin + interval;
+  state.Write(stream, frame, at, av_rescale_q(interval, kMicroseconds, stream.time_base),
+              key || stream.codecpar->codec_id == AV_CODEC_ID_MJPEG);
+}
+
+void ClipWriter::WriteAudio(std::span<const std::uint8_t> block, std::int64_t time) {
+  State& state = *state_;
+  const int rate = state.audio->codecpar->sample_rate;
+  const std::int64_t arrived = av_rescale(time - state.begin, rate, kMicroseconds.den);
+  // Blocks follow each other without a seam, unless they stayed away.
+  const std::int64_t tolerance = rate / 2;
+  if (state.samples < 0 || arrived > state.samples + tolerance) {
+    state.samples = std::max(state.samples, arrived);
+  }
+  AVStream& stream = *state.audio;
+  const std::int64_t count = static_cast<std::int64_t>(block.size()) / state.sampleBytes;
+  const AVRational clock{1, rate};
+  state.Write(stream, block, av_rescale_q(state.samples, clock, stream.time_base),
+              av_rescale_q(count, clock, stream.time_base), true);
+  state.samples += count;
+}
+
+void ClipWriter::Finish() {
+  State& state = *state_;
+  state.Check(av_write_trailer(state.context));
+  avio_flush(state.context->pb);
+  state.Check(state.context->pb->error);
+  state.Check(avio_closep(&state.context->pb));
+  if (std::rename(state.part.c_str(), state.path.c_str()) != 0) {
+    const int error = errno;
+    std::remove(state.part.c_str());
+    state.Check(AVERROR(error));
+  }
+  state.finished = true;
+}
+
+double ClipWriter::Duration() const {
+  return static_cast<double>(state_->end) / kMicroseconds.den;
+}
+
+}  // namespace tools

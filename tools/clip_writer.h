@@ -1,0 +1,62 @@
+// ClipWriter: encoded frames into an MP4 or Matroska file, as they are.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+
+namespace tools {
+
+enum class ClipContainer { kMp4, kMatroska };
+enum class ClipVideo { kH264, kMjpeg, kMpeg4 };
+
+struct ClipAudio {
+  std::uint32_t codecId = 0;  // CMSCodecID
+  int sampleRate = 0;
+  int channels = 0;
+  bool operator==(const ClipAudio&) const = default;
+};
+
+// What a file has to know before its first frame.
+struct ClipFormat {
+  ClipContainer container = ClipContainer::kMp4;
+  ClipVideo video = ClipVideo::kH264;
+  int width = 0;
+  int height = 0;
+  std::span<const std::uint8_t> keyFrame;  // the first, which carries the parameter sets
+  std::optional<ClipAudio> audio;
+  std::int64_t begin = 0;  // seconds since 1970-01-01 UTC, for the file's creation time
+};
+
+// Bytes that have to be readable behind a frame.
+std::size_t ClipPadding();
+
+// Whether the container has a place for such sound.
+bool TakesAudio(ClipContainer container, const ClipAudio& audio);
+
+// Writes "<path>.part", which Finish renames to `path`; without Finish it is removed. Everything
+// throws std::runtime_error with the path. One thread at a time.
+class ClipWriter {
+ public:
+  ClipWriter(const std::string& path, const ClipFormat& format);
+  ~ClipWriter();
+  ClipWriter(const ClipWriter&) = delete;
+  ClipWriter& operator=(const ClipWriter&) = delete;
+
+  // Times and intervals in microseconds; the first picture's time is the beginning of the file.
+  // Times of pictures grow; so do those of audio blocks.
+  void WriteVideo(std::span<const std::uint8_t> frame, std::int64_t time, std::int64_t interval,
+                  bool key);
+  void WriteAudio(std::span<const std::uint8_t> block, std::int64_t time);
+
+  void Finish();
+  double Duration() const;  // seconds of video
+
+ private:
+  struct State;
+  std::unique_ptr<State> state_;
+};
+
+}  // namespace tools
