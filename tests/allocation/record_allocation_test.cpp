@@ -47,7 +47,7 @@ TEST(RecordAllocation, NothingIsAllocatedPerFrame) {
 TEST(RecordAllocation, NothingIsAllocatedForAKeptFrame) {
   const test::RecordingFolder site;
   test::RecordingClient client(test::ParamFor(1));
-  test::FrameSource source({});
+  test::FrameSource source;
   ASSERT_EQ(client.SetRecEventPreAlarm(0, 2, 1, 200'000), 1);
   client.TurnOnRecordingState(0, kRecordDeviceEvent);
   long kept = 0;
