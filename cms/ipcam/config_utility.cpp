@@ -56,14 +56,14 @@ void CIPCAM_Config_Utility::SetSiteInfo(const std::wstring& address, int port,
 
 bool CIPCAM_Config_Utility::Succeed() {
   error_.clear();
-  result_ = kHttpOk;
+  result_ = kHttpCommandOk;
   return true;
 }
 
 bool CIPCAM_Config_Utility::Fail(std::string_view what) {
   error_ = "camera " + cms::Utf8FromWide(address_) + ":" + std::to_string(port_) + ": ";
   error_ += what;
-  result_ = kHttpFailed;
+  result_ = kHttpCommandFailed;
   return false;
 }
 
@@ -115,7 +115,7 @@ bool CIPCAM_Config_Utility::Exchange(_SEND_HTTP_COMMAND_PARAM& param, std::strin
   if (error.empty()) {
     return Succeed();
   }
-  bool unauthorized = param.result == kHttpUnauthorized;
+  bool unauthorized = param.result == kHttpCommandUnauthorized;
   if (!report.body.empty()) {
     const std::wstring fault = cms::Normalized(cms::WideFromUtf8(report.body));
     if (const std::string reason = cms::FaultReason(fault); !reason.empty()) {
@@ -125,7 +125,7 @@ bool CIPCAM_Config_Utility::Exchange(_SEND_HTTP_COMMAND_PARAM& param, std::strin
   }
   Fail(operation.empty() ? error : std::string(operation) + ": " + error);
   if (unauthorized) {
-    result_ = kHttpUnauthorized;
+    result_ = kHttpCommandUnauthorized;
   }
   return false;
 }
@@ -239,7 +239,7 @@ bool CIPCAM_Config_Utility::Post(const cms::SoapOperation& operation, std::wstri
   if (const std::string reason = cms::FaultReason(answer); !reason.empty()) {
     Fail(name + ": " + reason);
     if (cms::IsNotAuthorizedFault(answer)) {
-      result_ = kHttpUnauthorized;
+      result_ = kHttpCommandUnauthorized;
     }
     return false;
   }

@@ -43,7 +43,9 @@ class CMS_API CIPCAM_Config_Utility {
 
   // One line of UTF-8 about the last operation that failed; empty when the last one succeeded.
   const std::string& LastError() const { return error_; }
-  int LastResult() const { return result_; }  // kHttpOk, kHttpUnauthorized or kHttpFailed
+  int LastResult() const {
+    return result_;
+  }  // kHttpCommandOk, kHttpCommandUnauthorized or kHttpCommandFailed
 
   // Ends the wait of the operation in progress and fails it, and every later one, until
   // ResumeAfterInterrupt. Any thread may call it, and a signal handler.
@@ -205,6 +207,6 @@ class CMS_API CIPCAM_Config_Utility {
   std::string messageIdEnd_;
   std::string error_;
   bool answered_ = false;  // the camera, to the last exchange
-  int result_ = kHttpOk;
+  int result_ = kHttpCommandOk;
   cms::WakeUp interrupt_;
 };

@@ -53,7 +53,7 @@ void CIPCAM_Config_Utility::OnDeviceFound(const stDiscoveredDevice& /*device*/) 
 bool CIPCAM_Config_Utility::DoONVIFDeviceDiscovery(const std::string& target) {
   const auto fail = [this](std::string what) {
     error_ = std::move(what);
-    result_ = kHttpFailed;
+    result_ = kHttpCommandFailed;
     return false;
   };
   sockaddr_in to{};

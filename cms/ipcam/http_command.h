@@ -8,9 +8,9 @@ inline constexpr int kHttpVerbPost = 0;
 inline constexpr int kHttpVerbGet = 1;
 
 // The numbers of _SEND_HTTP_COMMAND_PARAM::result.
-inline constexpr int kHttpOk = 0;            // the status said "200 OK"
-inline constexpr int kHttpUnauthorized = 1;  // the status said "401 Unauthorized"
-inline constexpr int kHttpFailed = 2;        // another status, or no usable answer
+inline constexpr int kHttpCommandOk = 0;            // the status said "200 OK"
+inline constexpr int kHttpCommandUnauthorized = 1;  // the status said "401 Unauthorized"
+inline constexpr int kHttpCommandFailed = 2;        // another status, or no usable answer
 
 // Times in milliseconds. Each bounds its whole step, so that no camera can hold the caller longer
 // than their sum (with the connect time taken once more for each retry).
@@ -32,5 +32,5 @@ struct _SEND_HTTP_COMMAND_PARAM {
   char* answer = nullptr;       // the caller's; gets the body of a "200 OK" and a zero behind it
   unsigned answerCapacity = 0;  // bytes; a longer body is cut to one byte less
   unsigned answerLength = 0;    // out: bytes without the zero
-  int result = kHttpFailed;     // out
+  int result = kHttpCommandFailed;  // out
 };

@@ -43,25 +43,26 @@ TEST(HttpCommand, TheStatusDecidesAndTheRequestIsTheCallers) {
     const char* body;
   };
   for (const Case& c : {
-           Case{"HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello", kHttpOk, "hello"},
-           Case{"HTTP/1.0 200 OK\r\n\r\nuntil the end", kHttpOk, "until the end"},
+           Case{"HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello", kHttpCommandOk, "hello"},
+           Case{"HTTP/1.0 200 OK\r\n\r\nuntil the end", kHttpCommandOk, "until the end"},
            Case{"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n0\r\n\r\n",
-                kHttpOk, "abc"},
-           Case{"HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 200 OK\r\n\r\nx", kHttpOk, "x"},
-           Case{"HTTP/1.1 401 Unauthorized\r\nContent-Length: 3\r\n\r\nno!", kHttpUnauthorized, ""},
-           Case{"HTTP/1.1 302 Found\r\nLocation: /200%20OK\r\n\r\n", kHttpFailed, ""},
-           Case{"HTTP/1.1 500 Oh\r\n\r\nno", kHttpFailed, ""},
-           Case{"HTTP/1.1 200 OK\r\nContent-Length: 50\r\n\r\nbroken off", kHttpFailed, ""},
-           Case{"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\nzz", kHttpFailed, ""},
-           Case{"\x16\x03\x01 what?", kHttpFailed, ""},
-           Case{"", kHttpFailed, ""},
+                kHttpCommandOk, "abc"},
+           Case{"HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 200 OK\r\n\r\nx", kHttpCommandOk, "x"},
+           Case{"HTTP/1.1 401 Unauthorized\r\nContent-Length: 3\r\n\r\nno!",
+                kHttpCommandUnauthorized, ""},
+           Case{"HTTP/1.1 302 Found\r\nLocation: /200%20OK\r\n\r\n", kHttpCommandFailed, ""},
+           Case{"HTTP/1.1 500 Oh\r\n\r\nno", kHttpCommandFailed, ""},
+           Case{"HTTP/1.1 200 OK\r\nContent-Length: 50\r\n\r\nbroken off", kHttpCommandFailed, ""},
+           Case{"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\nzz", kHttpCommandFailed, ""},
+           Case{"\x16\x03\x01 what?", kHttpCommandFailed, ""},
+           Case{"", kHttpCommandFailed, ""},
        }) {
     SCOPED_TRACE(c.answer);
     ScriptedHttpServer server([&c](const HttpRequestText&) { return c.answer; });
     Exchange exchange(server.Port());
     EXPECT_EQ(exchange.Run(), c.result) << exchange.utility.LastError();
     EXPECT_EQ(exchange.Answer(), c.body);
-    EXPECT_EQ(exchange.utility.LastError().empty(), c.result == kHttpOk);
+    EXPECT_EQ(exchange.utility.LastError().empty(), c.result == kHttpCommandOk);
     EXPECT_EQ(exchange.utility.LastResult(), c.result);
     ASSERT_GE(server.Requests().size(), 1U);
     EXPECT_THAT(server.Requests()[0].head, testing::StartsWith("GET /x?a=1,2&b=%20 HTTP/1.1\r\n"));
@@ -74,7 +75,7 @@ TEST(HttpCommand, HeadersAreAddedOnceAndAProxyOfTheEnvironmentIsNotUsed) {
   ScriptedHttpServer server([](const HttpRequestText&) { return ScriptedHttpServer::Ok("ok"); });
   Exchange exchange(server.Port());
   exchange.param.headers = L"X-One: 1\r\nx-one: 2\r\nAuthorization: Own\r\n";
-  EXPECT_EQ(exchange.Run(), kHttpOk) << exchange.utility.LastError();
+  EXPECT_EQ(exchange.Run(), kHttpCommandOk) << exchange.utility.LastError();
   unsetenv("http_proxy");
   const std::string head = server.Requests()[0].head;
   EXPECT_THAT(head, HasSubstr("X-One: 1\r\n"));
@@ -86,7 +87,7 @@ TEST(HttpCommand, EndlessAnswersAreCutOrGivenUp) {
   ScriptedHttpServer body([](const HttpRequestText&) { return "HTTP/1.1 200 OK\r\n\r\n"; });
   body.KeepOpen(std::string(1000, 'x'));
   Exchange exchange(body.Port());
-  EXPECT_EQ(exchange.Run(), kHttpOk);
+  EXPECT_EQ(exchange.Run(), kHttpCommandOk);
   EXPECT_EQ(exchange.Answer(), std::string(99, 'x'));
   EXPECT_EQ(exchange.answer[99], '\0');
   EXPECT_THAT(exchange.utility.LastError(), HasSubstr("longer than 99 bytes"));
@@ -94,7 +95,7 @@ TEST(HttpCommand, EndlessAnswersAreCutOrGivenUp) {
   ScriptedHttpServer header([](const HttpRequestText&) { return "HTTP/1.1 200 OK\r\n"; });
   header.KeepOpen("X-More: and more\r\n");
   Exchange second(header.Port());
-  EXPECT_EQ(second.Run(), kHttpFailed);
+  EXPECT_EQ(second.Run(), kHttpCommandFailed);
   EXPECT_THAT(second.utility.LastError(), HasSubstr("header does not end"));
 }
 
@@ -115,27 +116,27 @@ TEST(HttpCommand, EveryStepHasItsTime) {
   }
   Exchange connecting(ntohs(address.sin_port));
   connecting.param.connectTimeout = 100;
-  EXPECT_EQ(connecting.Run(), kHttpFailed);
+  EXPECT_EQ(connecting.Run(), kHttpCommandFailed);
   EXPECT_THAT(connecting.utility.LastError(), HasSubstr("no connection within 100 ms"));
   for (const int one : waiting) {
     close(one);
   }
   close(full);
-  EXPECT_EQ(connecting.Run(), kHttpFailed);  // refused
+  EXPECT_EQ(connecting.Run(), kHttpCommandFailed);  // refused
   EXPECT_FALSE(connecting.utility.LastError().empty());
 
   ScriptedHttpServer silent([](const HttpRequestText&) { return ""; });
   silent.KeepOpen("");
   Exchange awaiting(silent.Port());
   awaiting.param.controlReceiveTimeout = 100;
-  EXPECT_EQ(awaiting.Run(), kHttpFailed);
+  EXPECT_EQ(awaiting.Run(), kHttpCommandFailed);
   EXPECT_THAT(awaiting.utility.LastError(), HasSubstr("no answer within 100 ms"));
 
   ScriptedHttpServer slow([](const HttpRequestText&) { return "HTTP/1.1 200 OK\r\n\r\nsome"; });
   slow.KeepOpen("");
   Exchange receiving(slow.Port());
   receiving.param.dataReceiveTimeout = 100;
-  EXPECT_EQ(receiving.Run(), kHttpFailed);
+  EXPECT_EQ(receiving.Run(), kHttpCommandFailed);
   EXPECT_EQ(receiving.Answer(), "");
   EXPECT_THAT(receiving.utility.LastError(), HasSubstr("did not end within 100 ms"));
 }
@@ -145,12 +146,12 @@ TEST(HttpCommand, AddressesAndPathsCannotChangeTheRequest) {
   for (const wchar_t* path : {L"", L"x", L"/a b", L"/a\r\nX: 1"}) {
     Exchange exchange(server.Port());
     exchange.param.objectPath = path;
-    EXPECT_EQ(exchange.Run(), kHttpFailed);
+    EXPECT_EQ(exchange.Run(), kHttpCommandFailed);
   }
   for (const wchar_t* address : {L"", L"a b", L"u@127.0.0.1", L"127.0.0.1/x", L"127.0.0.1:80"}) {
     Exchange exchange(server.Port());
     exchange.param.serverAddress = address;
-    EXPECT_EQ(exchange.Run(), kHttpFailed);
+    EXPECT_EQ(exchange.Run(), kHttpCommandFailed);
   }
   EXPECT_TRUE(server.Requests().empty());
 }

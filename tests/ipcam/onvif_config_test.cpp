@@ -124,7 +124,7 @@ TEST(OnvifConfig, FaultsNameTheCameraAndTheReasonAndNeverThePassword) {
   EXPECT_EQ(utility.LastError(), "camera 127.0.0.1:" + std::to_string(camera.Port()) +
                                      ": GetDeviceInformation: answered HTTP/1.1 400 Bad Request "
                                      "(Sender not authorized)");
-  EXPECT_EQ(utility.LastResult(), kHttpUnauthorized);
+  EXPECT_EQ(utility.LastResult(), kHttpCommandUnauthorized);
   EXPECT_EQ(camera.Requests().size(), 2U);  // nothing more is asked of a camera that refuses us
 
   FastUtility incomplete(camera.Port(), L"");

@@ -152,13 +152,13 @@ TEST(ParamCgi, FailuresAreTold) {
   ScriptedHttpServer server([&answer](const HttpRequestText&) { return answer; });
   FastUtility utility(server.Port(), L"admin", L"hush-hush");
   EXPECT_FALSE(utility.SetVideoResolutionAPIConfig(L"720p,vga,vga"));
-  EXPECT_EQ(utility.LastResult(), kHttpUnauthorized);
+  EXPECT_EQ(utility.LastResult(), kHttpCommandUnauthorized);
   EXPECT_THAT(utility.LastError(), testing::Not(HasSubstr("hush")));
   answer = ScriptedHttpServer::Ok("root.Brand.Brand=Acme\n");
   std::wstring name = L"before";
   EXPECT_FALSE(utility.GetProdShortName(name));
   EXPECT_EQ(name, L"before");
-  EXPECT_EQ(utility.LastResult(), kHttpFailed);
+  EXPECT_EQ(utility.LastResult(), kHttpCommandFailed);
   EXPECT_FALSE(utility.GetVideoResolutionAPIConfig());
   answer = ScriptedHttpServer::Ok(std::string(70'000, 'x'));
   EXPECT_FALSE(utility.GetVideoResolutionAPIConfig());

@@ -254,9 +254,9 @@ void Attempt::Finish(CURLcode code) {
                     : code == CURLE_PARTIAL_FILE      ? "the answer broke off"
                                                       : curl_easy_strerror(code);
   } else if (ok) {
-    param_.result = kHttpOk;
+    param_.result = kHttpCommandOk;
   } else if (header_.find("401 Unauthorized") != std::string::npos) {
-    param_.result = kHttpUnauthorized;
+    param_.result = kHttpCommandUnauthorized;
     report_.error = "the user name or the password is wrong (401 Unauthorized)";
   } else {
     report_.error = "answered " + header_.substr(0, std::min<std::size_t>(header_.find('\r'), 100));
@@ -297,7 +297,7 @@ void Attempt::Run(int interrupt) {
 HttpExchangeReport ExchangeHttp(_SEND_HTTP_COMMAND_PARAM& param, int interrupt) {
   static const CURLcode initialized = curl_global_init(CURL_GLOBAL_ALL);
   HttpExchangeReport report;
-  param.result = kHttpFailed;
+  param.result = kHttpCommandFailed;
   const auto clear = [&param] {
     param.answerLength = 0;
     if (param.answer != nullptr && param.answerCapacity > 0) {
@@ -327,7 +327,7 @@ HttpExchangeReport ExchangeHttp(_SEND_HTTP_COMMAND_PARAM& param, int interrupt) 
       break;
     }
   }
-  if (param.result != kHttpOk) {
+  if (param.result != kHttpCommandOk) {
     clear();
   } else if (param.answer != nullptr && param.answerCapacity > 0) {
     param.answer[param.answerLength] = '\0';

@@ -10,7 +10,7 @@ namespace cms {
 struct HttpExchangeReport {
   bool answered = false;  // a status line came
   bool cut = false;       // the body was longer than the answer buffer
-  std::string error;      // UTF-8; empty when the result is kHttpOk
+  std::string error;      // UTF-8; empty when the result is kHttpCommandOk
   std::string body;       // of an answer that is not "200 OK", its beginning
 };
 
