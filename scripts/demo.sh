@@ -1,7 +1,8 @@
 #!/bin/bash
 # The demo: three test cameras on free ports, watched by one `orvanta live`: a line a second for each,
-# then a summary, and a picture of what each camera saw.
-# Usage: demo.sh [SECONDS]      ORVANTA: the program, OUT: where the pictures go
+# then a summary, and a picture of what each camera saw. Meanwhile `orvanta record` records them; the
+# files, an index and the databases that it made are shown at the end.
+# Usage: demo.sh [SECONDS]      ORVANTA: the program, OUT: where the pictures and recordings go
 set -euo pipefail
 
 # shellcheck source=scripts/setup.sh
@@ -49,14 +50,30 @@ Three test cameras are running:
   ${urls[1]}    H.264 baseline 640x360, PCMA, over interleaved TCP with a Digest password
   ${urls[2]}                 MJPEG 320x240, L16, over UDP
 
+\$ orvanta record URL... --transport tcp --data out/data --seconds $seconds &
 \$ orvanta live URL... --transport udp,tcp,udp --seconds $seconds --snapshot out/camera.png
 TEXT
 
 mkdir -p "$out"
-rm -f "$out"/camera-[123].png
+rm -rf "$out"/camera-[123].png "$out/data"
 status=0
+"$orvanta" record "${urls[@]}" --transport tcp --data "$out/data" --seconds "$seconds" \
+  >"$work/recorded" 2>&1 &
+recording=$!
+cameras+=("$recording")
 "$orvanta" live "${urls[@]}" --transport udp,tcp,udp --seconds "$seconds" \
   --snapshot "$out/camera.png" || status=$?
 printf '\nWhat the cameras saw:\n'
 printf '%s\n' "${out#"$PWD"/}"/camera-*.png
+wait "$recording" || status=$?
+unset 'cameras[-1]'
+printf '\nWhat was recorded:\n'
+grep -v '^#' "$work/recorded" || true
+for file in "$out"/data/recordings/*/*.drv; do
+  [[ -e $file ]] || continue
+  printf '\n$ orvanta inspect %s\n' "${file#"$PWD"/}"
+  "$orvanta" inspect "$file" || status=$?
+done
+printf '\n$ orvanta db --data %s\n' "${out#"$PWD"/}/data"
+"$orvanta" db --data "$out/data" || status=$?
 exit "$status"

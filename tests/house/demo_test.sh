@@ -28,6 +28,10 @@ for camera in 1 2 3; do
   grep -q "^#$camera rtsp://.* fps .* kbit/s  lost [0-9]* .*decoded" "$work/shown"
   [[ $(head -c 4 "$OUT/camera-$camera.png") == $'\x89PNG' ]]
 done
+# Three whole recordings with their indexes, in the databases too.
+[[ $(grep -c '^  end  *whole' "$work/shown") == 3 ]]
+[[ $(grep -c '^  index .* 0 mismatches' "$work/shown") == 3 ]]
+grep -q '^Records: 3' "$work/shown"
 # The name comes in a file, so that grep does not find itself.
 if cat /proc/[0-9]*/cmdline 2>/dev/null | tr '\0' '\n' | grep -xF -f <(echo "$ORVANTA"); then
   echo "the demo left cameras running"

@@ -165,17 +165,18 @@ TEST_F(Record, ACameraThatVanishesLeavesAGapAndComesBack) {
            fs::file_size(fs::directory_iterator(Day())->path()) > 0;
   }));
   camera.Kill();
-  EXPECT_TRUE(test::WaitFor([&] { return causes() == "camera gone open;"; })) << causes();
+  EXPECT_TRUE(test::WaitFor([&] { return causes().ends_with("camera gone open;"); })) << causes();
   camera.Start();
-  EXPECT_TRUE(test::WaitFor([&] { return causes() == "camera gone;"; })) << causes();
+  EXPECT_TRUE(test::WaitFor([&] { return causes().ends_with("camera gone;"); })) << causes();
   test::RunShell("kill -TERM $(cat " + pid + ")");
   recording.join();
   EXPECT_EQ(result.status, 0) << result.errors;
   const json sites = json::parse(result.output)["sites"];
   SCOPED_TRACE(sites.dump());
-  ASSERT_EQ(sites[0]["gaps"].size(), 1u);
-  EXPECT_EQ(sites[0]["gaps"][0]["cause"], "camera gone");
-  EXPECT_GE(sites[0]["gaps"][0]["to"], sites[0]["gaps"][0]["from"]);
+  ASSERT_FALSE(sites[0]["gaps"].empty());  // a slow camera may also have made it wait at first
+  const json& gap = sites[0]["gaps"].back();
+  EXPECT_EQ(gap["cause"], "camera gone");
+  EXPECT_GT(gap["to"], gap["from"]);
   const auto files = Files(Day());
   CheckFiles(sites[0], files);
 }
