@@ -43,6 +43,9 @@ int main(int argc, char** argv) {
   tools::AddServeCommand(app, result);
   tools::AddAudioCommand(app, result);
   tools::AddBroadcastCommand(app, result);
+  tools::AddDiscoverCommand(app, result);
+  tools::AddOnvifCommand(app, result);
+  tools::AddParamCommand(app, result);
   tools::AddInspectCommand(app, result);
   tools::AddDbCommand(app, result);
   tools::AddRepairCommand(app, result);

@@ -2,12 +2,15 @@
 
 #include <algorithm>
 
+#include "tools/camera_site.h"
+
 namespace tools {
 
 void AddStreamOptions(CLI::App* command, StreamArguments& arguments) {
   command
       ->add_option("urls", arguments.urls,
-                   "rtsp://[user:password@]host[:port]/path or http://... of MJPEG cameras")
+                   "rtsp://[user:password@]host[:port]/path, http://... of MJPEG cameras, or "
+                   "onvif://[user:password@]host[:port], which asks the camera for its stream")
       ->required()
       ->type_name("URL");
   command
@@ -27,6 +30,9 @@ LiveOptions OptionsOf(const StreamArguments& arguments, std::size_t site) {
   options.url = arguments.urls[site];
   options.user = arguments.user;
   options.password = arguments.password;
+  if (options.url.starts_with("onvif://")) {
+    options.url = FindStream(options.url, &options.user, &options.password);
+  }
   options.interleaved =
       arguments.transports[std::min(site, arguments.transports.size() - 1)] == "tcp";
   options.number = static_cast<int>(site);

@@ -20,7 +20,8 @@ struct StreamArguments {
 // URL..., --transport, --user and --password.
 void AddStreamOptions(CLI::App* command, StreamArguments& arguments);
 
-// What they say of the site with that number, from 0.
+// What they say of the site with that number, from 0. Waits for the camera where its URL says
+// onvif://; throws std::runtime_error when that fails.
 LiveOptions OptionsOf(const StreamArguments& arguments, std::size_t site);
 
 }  // namespace tools

@@ -1,0 +1,29 @@
+// What was read over ONVIF as JSON, named as in the ONVIF schema.
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "cms/ipcam/onvif_types.h"
+
+namespace tools {
+
+nlohmann::ordered_json ToJson(const stONVIFDeviceInformation& device);
+nlohmann::ordered_json ToJson(const stVideoEncoderConfiguration& encoder);
+nlohmann::ordered_json ToJson(const stVideoEncoderOptions& options);
+nlohmann::ordered_json ToJson(const stVideoProfile& profile);
+nlohmann::ordered_json ToJson(const stImagingSettings& imaging);
+nlohmann::ordered_json ToJson(const stImagingOptions& options);
+nlohmann::ordered_json ToJson(const stNetworkConfiguration& network);
+
+// An array of what each becomes.
+template <typename List>
+nlohmann::ordered_json ListJson(const List& list) {
+  nlohmann::ordered_json array = nlohmann::ordered_json::array();
+  for (const auto& each : list) {
+    array.push_back(ToJson(each));
+  }
+  return array;
+}
+
+}  // namespace tools
