@@ -1,6 +1,7 @@
 #include "cms/playback/internal/multi_site_playback_impl.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 int CCMSMultiSitePlaybackCtrl::Impl::SetConfig(const _MULTI_SITE_PLAYBACK_CONFIG& config) {
@@ -67,12 +68,14 @@ CCMSMultiSitePlaybackCtrl::Impl::Session CCMSMultiSitePlaybackCtrl::Impl::Runnin
 
 // --- Pictures -----------------------------------------------------------------------------------
 
+// The last one of the calling thread: locks nest.
 std::vector<CCMSMultiSitePlaybackCtrl::Impl::Pin>::iterator
 CCMSMultiSitePlaybackCtrl::Impl::FindPin(unsigned site, unsigned channel) {
   const auto self = std::this_thread::get_id();
-  return std::find_if(pins_.begin(), pins_.end(), [&](const Pin& pin) {
-    return pin.thread == self && pin.site == site && pin.channel == channel;
+  const auto pin = std::find_if(pins_.rbegin(), pins_.rend(), [&](const Pin& each) {
+    return each.thread == self && each.site == site && each.channel == channel;
   });
+  return pin == pins_.rend() ? pins_.end() : std::prev(pin.base());
 }
 
 unsigned char* CCMSMultiSitePlaybackCtrl::Impl::Lock(unsigned site, unsigned channel,

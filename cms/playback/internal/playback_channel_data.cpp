@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <ctime>
 #include <system_error>
 #include <utility>
 
@@ -19,6 +20,17 @@ constexpr int kLongestWait = 500;  // milliseconds, while the clock runs
 constexpr std::uint64_t kLookForMore = 500;
 constexpr int kMostLateInRow = 3;  // pictures that came too late, before one is shown anyway
 constexpr double kSmoothing = 0.2;
+constexpr double kMorePressure = 1.5;  // by which work is taken to last longer when it came late
+constexpr double kMostPressure = 16;
+constexpr double kRelief = 0.97;
+
+// Processor time of this thread: how much longer work takes on a busy machine shows in what comes
+// too late.
+double ThreadMilliseconds() {
+  timespec now{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+  return static_cast<double>(now.tv_sec) * 1e3 + static_cast<double>(now.tv_nsec) * 1e-6;
+}
 
 }  // namespace
 
@@ -86,6 +98,8 @@ int CCMSPlaybackChannelData::Turn(const View& view) {
     window_.Clear();
     ahead_.Clear();
     staged_ = target_ = shown_ = {};
+    pictures_->Unstage();
+    pictures_->Blank();
     return kForever;
   }
   if (view.epoch != epoch_) {
@@ -193,7 +207,7 @@ CCMSPlaybackChannelData::Place CCMSPlaybackChannelData::Locate(const View& view)
   if (place.covered && !view.forward && view.running && !view.keysOnly) {
     // Backward, a whole group has to be decoded in the time that it plays.
     const auto& video = place.current.gop->video;
-    const double work = decodeMs_ * static_cast<double>(video.size()) * view.rate;
+    const double work = decodeMs_ * pressure_ * static_cast<double>(video.size()) * view.rate;
     place.keysOnly =
         video.size() > 1 && work > static_cast<double>(video.back().time - video.front().time);
   }
@@ -317,6 +331,8 @@ bool CCMSPlaybackChannelData::ShowStaged(const View& view, const Place& place) {
     return false;
   }
   const bool late = view.forward ? view.position >= end : view.position < staged_.Time();
+  pressure_ = late ? std::min(pressure_ * kMorePressure, kMostPressure)
+                   : std::max(pressure_ * kRelief, 1.0);
   if (late && ++lateInRow_ < kMostLateInRow) {
     staged_ = {};
     pictures_->Unstage();
@@ -361,17 +377,18 @@ FrameRef CCMSPlaybackChannelData::Aim(const View& view, const Place& place) {
 // Behind the clock: the first frame that can still be decoded while it is the one to show, else the
 // next key frame, which costs nothing before it.
 FrameRef CCMSPlaybackChannelData::AimInTime(const View& view, const Place& place) {
-  const double cost = decodeMs_ * view.rate;  // media time that passes while a frame is decoded
+  const double cost =
+      decodeMs_ * pressure_ * view.rate;  // media time that passes while a frame is decoded
   FrameRef target = place.current;
   for (; target.index < target.gop->video.size(); ++target.index) {
     const double ready =
         static_cast<double>(view.position) + cost * static_cast<double>(decoder_.StepsTo(target));
-    if (ready < static_cast<double>(track_.ValidUntil(target))) {
+    if (ready < static_cast<double>(track_.ValidUntil(target)) && !IsLost(target)) {
       return target;
     }
   }
   FrameRef key = track_.KeyAfter(place.current);
-  return key ? key : place.current;
+  return key && !IsLost(key) ? key : place.current;
 }
 
 int CCMSPlaybackChannelData::UntilDue(const View& view, const Place& place) {
@@ -459,7 +476,7 @@ bool CCMSPlaybackChannelData::PrefetchOne(const View& view) {
 // False when the way has become another one.
 bool CCMSPlaybackChannelData::DecodeOne(const View& view, const FrameRef& frame,
                                         const FrameRef& target) {
-  const std::uint64_t start = cms::TickMilliseconds();
+  const double start = ThreadMilliseconds();
   const auto bytes = decoder_.Read(frame);
   _MULTI_PB_GET_FRAME_CALL_BACK_PARAM parameter;
   parameter.site = site_;
@@ -471,7 +488,7 @@ bool CCMSPlaybackChannelData::DecodeOne(const View& view, const FrameRef& frame,
   if (sink_->GetFrameCallBack(bytes.data(), static_cast<long>(bytes.size()), &parameter) == 0) {
     return false;
   }
-  if (bytes.size() >= sizeof(DRVFrameHeader)) {
+  if (frame.Frame().area >= sizeof(DRVFrameHeader) && !bytes.empty()) {
     DRVFrameHeader header;
     std::memcpy(&header, bytes.data(), sizeof(header));
     otherRate_.store(static_cast<int>(header.flags[0] & cms::kFlagOtherFrameRate),
@@ -486,8 +503,7 @@ bool CCMSPlaybackChannelData::DecodeOne(const View& view, const FrameRef& frame,
     lostCount_.fetch_add(1, std::memory_order_relaxed);
   }
   videoType_.store(decoder_.VideoType(), std::memory_order_relaxed);
-  const auto taken = static_cast<double>(cms::TickMilliseconds() - start);
-  decodeMs_ += kSmoothing * (taken - decodeMs_);
+  decodeMs_ += kSmoothing * (ThreadMilliseconds() - start - decodeMs_);
   return true;
 }
 

@@ -144,8 +144,9 @@ class CCMSPlaybackChannelData {
   std::uint64_t lookedForMore_ = 0;  // tick
   int lateInRow_ = 0;
   unsigned imageId_ = 0;
-  double decodeMs_ = 0;  // a frame, smoothed
-  std::size_t pictureBytes_ = 0;
+  double decodeMs_ = 0;                             // processor time of a frame, smoothed
+  double pressure_ = 1;                             // how much longer it is taken to last
+  std::size_t pictureBytes_ = 1920 * 1080 * 3 / 2;  // of one decoded picture, roughly
   std::vector<std::uint8_t> audio_;
 
   std::atomic<void (*)(struct IDirect3DSurface9*)> render_{nullptr};

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "cms/playback/internal/drv_data_reader.h"
+#include "cms/playback/internal/raw_data_reader.h"
 #include "cms/playback/internal/single_drv_data_reader.h"
 #include "cms/recording/idx_file.h"
 #include "cms/recording/recording_names.h"
@@ -40,6 +41,9 @@ std::unique_ptr<cms::PlaybackDataReader> MakePlaybackReader(const _MULTI_PB_SITE
   switch (config.source) {
     case PLAYBACK_SOURCE_SINGLE_DRV:
       return std::make_unique<CPlaybackSingleDRVDataReader>(io, config.files.front(), channel);
+    case PLAYBACK_SOURCE_RAW:
+      return std::make_unique<CPlaybackRAWDataReader>(io, config.files.front(), config.rawFrameRate,
+                                                      config.rawStartTime);
     default:
       return std::make_unique<CPlaybackDRVDataReader>(io, config.files, channel,
                                                       config.followNewFiles);

@@ -122,7 +122,7 @@ void CPlaybackSingleDRVDataReader::TakeEnds() {
 }
 
 void CPlaybackSingleDRVDataReader::Rest() {
-  skipped_ = Status().skippedBytes;
+  skipped_ = index_ ? index_->SkippedBytes() : skipped_;
   index_.reset();
   walker_.reset();
   file_.reset();
@@ -175,6 +175,7 @@ bool CPlaybackSingleDRVDataReader::Load(const GopPlace& place, PlaybackGop& gop)
   const std::uint64_t limit = behind < frames.size() ? frames[behind].offset : UINT64_MAX;
   const bool timed = !index_->KeyFramesOnly();
   walker_->Refresh();
+  const std::uint64_t skippedBefore = SkippedByWalker();
   walker_->Seek(frames[first].offset);
   while (const auto found = walker_->Next()) {
     if (found->offset >= limit) {
@@ -203,6 +204,9 @@ bool CPlaybackSingleDRVDataReader::Load(const GopPlace& place, PlaybackGop& gop)
     }
     gop.video.push_back(frame);
   }
+  if (const std::uint64_t skipped = SkippedByWalker() - skippedBefore; skipped != 0) {
+    damaged_[place.key] = skipped;
+  }
   if (gop.video.empty()) {
     return false;
   }
@@ -222,6 +226,10 @@ bool CPlaybackSingleDRVDataReader::Load(const GopPlace& place, PlaybackGop& gop)
     }
   }
   return true;
+}
+
+std::uint64_t CPlaybackSingleDRVDataReader::SkippedByWalker() const {
+  return walker_->Report().skipped_bytes - walker_->Report().tail_length;
 }
 
 std::size_t CPlaybackSingleDRVDataReader::Read(const GopPlace&, const PlaybackFrame& frame,
@@ -248,9 +256,10 @@ bool CPlaybackSingleDRVDataReader::MayGrow() {
 
 cms::PlaybackReaderStatus CPlaybackSingleDRVDataReader::Status() const {
   cms::PlaybackReaderStatus status;
-  status.skippedBytes = skipped_;
-  if (index_) {
-    status.skippedBytes += index_->SkippedBytes();
+  status.skippedBytes = index_ ? index_->SkippedBytes() : skipped_;
+  // An index that was made by walking knows of all damage already.
+  for (const auto& [key, bytes] : damaged_) {
+    status.skippedBytes += rebuilt_ ? 0 : bytes;
   }
   status.rebuiltIndexes = rebuilt_ ? 1 : 0;
   return status;

@@ -1,6 +1,7 @@
 // CPlaybackSingleDRVDataReader, one recording file as a timeline.
 #pragma once
 
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -38,6 +39,7 @@ class CPlaybackSingleDRVDataReader final : public cms::PlaybackDataReader {
   bool ReadEnds();
   void TakeEnds();
   bool OpenFile();
+  std::uint64_t SkippedByWalker() const;
 
   cms::FileIo& io_;
   const std::wstring path_;
@@ -50,6 +52,7 @@ class CPlaybackSingleDRVDataReader final : public cms::PlaybackDataReader {
   bool failed_ = false;                     // it was ready once and is not any more
   std::int64_t start_ = 0;
   std::int64_t end_ = 0;
-  std::uint64_t skipped_ = 0;
+  std::uint64_t skipped_ = 0;                     // found when the index was made
+  std::map<std::size_t, std::uint64_t> damaged_;  // bytes skipped in the group of a key frame
   bool rebuilt_ = false;
 };
