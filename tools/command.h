@@ -26,6 +26,7 @@ void AddLiveCommand(CLI::App& app, CommandResult& result);
 void AddManualCommand(CLI::App& app, CommandResult& result);
 void AddOnvifCommand(CLI::App& app, CommandResult& result);
 void AddParamCommand(CLI::App& app, CommandResult& result);
+void AddPlayCommand(CLI::App& app, CommandResult& result);
 void AddRecordCommand(CLI::App& app, CommandResult& result);
 void AddRepairCommand(CLI::App& app, CommandResult& result);
 void AddSearchCommand(CLI::App& app, CommandResult& result);

@@ -52,6 +52,7 @@ int main(int argc, char** argv) {
   tools::AddSearchCommand(app, result);
   tools::AddExportCommand(app, result);
   tools::AddManualCommand(app, result);
+  tools::AddPlayCommand(app, result);
   tools::CatchStopSignals();
   try {
     app.parse(argc, argv);
