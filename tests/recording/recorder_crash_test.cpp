@@ -1,79 +1,40 @@
 // A recording process is killed at random moments: what it had handed to the disk is there, whole,
-// and its index can be made to fit.
+// and one repair makes everything around it fit.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
-#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <nlohmann/json.hpp>
 #include <random>
+#include <set>
 #include <thread>
 
-#include "cms/recording/idx_file.h"
-#include "cms/recording/recording_names.h"
-#include "cms/runtime/native_path.h"
-#include "tests/recording/recorder_site.h"
+#include "tests/recording/database_bytes.h"
+#include "tests/recording/recorder_child.h"
+#include "tests/support/recording_reader.h"
+#include "tests/support/shell.h"
 
 namespace {
 
-constexpr char kFolder[] = "RECORDER_CRASH_FOLDER";
-constexpr char kPipe[] = "RECORDER_CRASH_PIPE";
+namespace fs = std::filesystem;
+using nlohmann::json;
 
-// The child: records two sites as fast as it can until it is killed, and tells the parent behind
-// each flush up to which frame of the first all has been written.
-TEST(RecorderCrash, DISABLED_Child) {
-  const char* const folder = std::getenv(kFolder);
-  ASSERT_NE(folder, nullptr);
-  const int pipe = std::atoi(std::getenv(kPipe));
-  std::filesystem::current_path(folder);
-  FX::FX_DRVRecorder recorders[2];
-  std::atomic<std::uint32_t> recorded{0};
-  for (int i = 0; i < 2; ++i) {
-    test::Prepare(recorders[i], test::ParamFor(i + 1, 1, i == 0 ? L"..\\rec" : L"..\\rec2"));
-    ASSERT_TRUE(recorders[i].StartScheNormalRecord(0));
-  }
-  std::thread clock([&] {
-    for (;;) {
-      const std::uint32_t safe = recorded;
-      recorders[0].Flush(0);
-      recorders[1].Flush(0);
-      test::WaitForDisk();
-      if (write(pipe, &safe, sizeof safe) < 0) {
-        return;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-  });
-  test::ClipSpec spec;
-  spec.noise = true;
-  test::FrameSource sources[2]{test::FrameSource(spec), test::FrameSource(spec)};
-  for (;;) {
-    for (int i = 0; i < 2; ++i) {
-      ASSERT_TRUE(sources[i].Record(recorders[i]));
-    }
-    recorded = sources[0].NextSequence() - 1;
-    std::this_thread::sleep_for(std::chrono::microseconds(300));
-  }
-}
+constexpr const char* kFolders[] = {"recordings/day1", "recordings/day2"};
 
-// What the child told last before it was killed.
-std::uint32_t RunAndKill(const std::string& folder, std::chrono::milliseconds life) {
+// How many frames of each site the child had written when it was killed.
+std::uint32_t RecordAndKill(const std::string& data, std::chrono::milliseconds life) {
   int ends[2];
   EXPECT_EQ(pipe(ends), 0);
-  const pid_t child = fork();
-  if (child == 0) {
-    close(ends[0]);
-    setenv(kFolder, folder.c_str(), 1);
-    setenv(kPipe, std::to_string(ends[1]).c_str(), 1);
-    execl("/proc/self/exe", "child", "--gtest_also_run_disabled_tests",
-          "--gtest_filter=RecorderCrash.DISABLED_Child", "--gtest_brief=1", nullptr);
-    _exit(1);
-  }
+  const pid_t child = test::StartRecorder({.data = data, .sites = {1, 2, 3}, .pipe = ends[1]});
   close(ends[1]);
   std::uint32_t safe = 0;
-  EXPECT_EQ(read(ends[0], &safe, sizeof safe), ssize_t{sizeof safe});  // it records
+  while (safe == 0 && read(ends[0], &safe, sizeof safe) == ssize_t{sizeof safe}) {
+  }
+  EXPECT_GT(safe, 0u);  // it records
   std::this_thread::sleep_for(life);
   kill(child, SIGKILL);
   int status = 0;
@@ -85,41 +46,105 @@ std::uint32_t RunAndKill(const std::string& folder, std::chrono::milliseconds li
   return safe;
 }
 
-TEST(RecorderCrash, KilledAtAnyMomentWhatWasWrittenIsThere) {
-  std::mt19937 random(7);
-  std::size_t torn = 0;
-  std::size_t files = 0;
-  for (int round = 0; round < 12; ++round) {
-    const test::WorkFolder folder;
-    std::filesystem::create_directories(folder.Beside("rec2"));
-    const std::uint32_t safe =
-        RunAndKill(std::filesystem::current_path().string(),
-                   std::chrono::milliseconds(random() % (round % 4 == 0 ? 2500 : 300)));
-    for (const char* name : {"rec", "rec2"}) {
-      for (const auto& entry : std::filesystem::directory_iterator(folder.Beside(name))) {
-        if (entry.path().extension() != ".drv") {
-          continue;
-        }
-        const std::string drv = entry.path().string();
-        const std::string idx = cms::NativePath(cms::IdxPathOf(cms::SystemPath(drv)));
-        const auto cut = cms::CutTornTail(cms::SystemFileIo(), drv);
-        ASSERT_TRUE(cut.done);
-        torn += cut.bytes > 0 ? 1 : 0;
-        const auto rebuild = cms::RebuildIdx(cms::SystemFileIo(), drv, idx);
-        ASSERT_TRUE(rebuild.done);
-        // No record stood on disk before its frame, but for one that the kill tore in two.
-        EXPECT_LE(rebuild.dropped, cut.bytes > 0 ? 1u : 0u);
-        ++files;
-      }
-      const auto read = test::ReadRecordings(folder.Beside(name));
-      const std::uint32_t next = test::CheckSeams(read);
-      if (name == std::string("rec")) {
-        EXPECT_GT(next, safe);
-      }
+json Orvanta(const std::string& arguments) {
+  const auto result = test::RunOrvanta(arguments + " --json");
+  EXPECT_EQ(result.status, 0) << result.errors;
+  return json::parse(result.output, nullptr, false);
+}
+
+std::map<std::string, std::string> Snapshot(const std::string& folder) {
+  std::map<std::string, std::string> files;
+  for (const auto& entry : fs::recursive_directory_iterator(folder)) {
+    if (entry.is_regular_file()) {
+      files[entry.path().string()] = test::ReadWholeFile(entry.path().string());
     }
   }
-  RecordProperty("torn files", static_cast<int>(torn));
-  EXPECT_GT(files, 24u);  // some rolled over
+  return files;
+}
+
+// So that the repair has nobody to wait for.
+void LetTimePass(const std::string& folder) {
+  for (const auto& entry : fs::recursive_directory_iterator(folder)) {
+    fs::last_write_time(entry.path(), fs::file_time_type::clock::now() - std::chrono::minutes(1));
+  }
+}
+
+// Every recording of the folder has one record, which tells its times, and the span is theirs.
+void ExpectRecords(const std::string& folder, const std::vector<test::RecordedFile>& files) {
+  const std::string list = test::ReadWholeFile(folder + "/RecordDB");
+  ASSERT_EQ(list.size(), files.size() * test::kRecordBytes);
+  std::map<std::u16string, std::size_t> records;
+  for (std::size_t at = 0; at < list.size(); at += test::kRecordBytes) {
+    const std::u16string path = test::TextAt(list, at, 260);
+    EXPECT_TRUE(records.emplace(path.substr(path.rfind(u'\\') + 1), at).second);
+  }
+  std::int64_t start = INT64_MAX;
+  std::int64_t end = 0;
+  for (const auto& file : files) {
+    const auto record = records.find(std::u16string(file.name.begin(), file.name.end()));
+    ASSERT_NE(record, records.end()) << file.name;
+    EXPECT_EQ(test::TimeAt(list, record->second + 720), file.frames.front().seconds);
+    EXPECT_EQ(test::TimeAt(list, record->second + 728), file.frames.back().seconds);
+    start = std::min<std::int64_t>(start, file.frames.front().seconds);
+    end = std::max<std::int64_t>(end, file.frames.back().seconds);
+  }
+  EXPECT_EQ(test::ReadWholeFile(folder + ".DB"), test::SpanBytes(start, end));
+}
+
+class RecorderCrash : public testing::TestWithParam<unsigned> {};
+INSTANTIATE_TEST_SUITE_P(, RecorderCrash, testing::Range(0u, 4u));
+
+TEST_P(RecorderCrash, KilledAtAnyMomentOneRepairLeavesNothingToMend) {
+  std::mt19937 random(GetParam());
+  int torn = 0;
+  for (int round = 0; round < 2; ++round) {
+    const test::TemporaryFolder folder("/dev/shm");  // nothing is said about power cuts here
+    const std::string data = folder.File("data");
+    const std::uint32_t safe =
+        RecordAndKill(data, std::chrono::milliseconds(random() % (round == 0 ? 1500 : 200)));
+    if (round != 1 || GetParam() != 0) {
+      LetTimePass(data);
+    }
+    std::set<std::string> files;
+    for (const auto& [path, content] : Snapshot(data)) {
+      files.insert(fs::path(path).extension() == ".drv" ? path : "");
+    }
+    files.erase("");
+    const json repair = Orvanta("repair --data " + data);
+    EXPECT_EQ(repair["files"], files.size());
+    EXPECT_EQ(repair["failed"], 0);
+    EXPECT_GE(repair["records_added"], 1);  // of what was open
+    for (const auto& change : repair["changes"]) {
+      torn += change["what"].get<std::string>().find("torn") != std::string::npos ? 1 : 0;
+    }
+    const auto repaired = Snapshot(data);
+    EXPECT_EQ(Orvanta("repair --data " + data)["repaired"], 0);
+    EXPECT_EQ(Snapshot(data), repaired);
+
+    std::map<std::string, std::vector<test::RecordedFile>> sites;
+    for (const char* name : kFolders) {
+      const auto read = test::ReadRecordings(data + "/" + name);
+      ExpectRecords(data + "/" + name, read);
+      for (const auto& file : read) {
+        sites[file.name.substr(0, 9)].push_back(file);
+        if (&file != &read.back() && &file != &read.front()) {
+          continue;
+        }
+        const json inspect = Orvanta("inspect " + data + "/" + name + "/" + file.name);
+        EXPECT_EQ(inspect["frames"], file.frames.size());
+        EXPECT_EQ(inspect["idx_records"], file.index.size());
+        EXPECT_EQ(inspect["codec"], "H264");
+        for (const char* fault : {"idx_mismatches", "skipped_bytes", "bad_checks"}) {
+          EXPECT_EQ(inspect[fault], 0) << fault << file.name;
+        }
+      }
+    }
+    EXPECT_EQ(sites.size(), 3u);
+    for (const auto& [site, read] : sites) {
+      EXPECT_GT(test::CheckSeams(read), safe) << site;
+    }
+  }
+  RecordProperty("torn files", torn);
 }
 
 }  // namespace

@@ -78,17 +78,22 @@ int OpenRecordingPair(FileIo& io, const std::wstring& drvPath, const std::wstrin
   if (!*drv) {
     return ErrorOf(errno);
   }
-  if (!SeekToEnd(io, drv->Handle(), pair.drvSize)) {
-    const int error = ErrorOf(errno);
+  const auto giveUp = [&](int error) {
     drv->Close();
     if (fresh) {
       io.Remove(path);
     }
     return error;
+  };
+  if (!SeekToEnd(io, drv->Handle(), pair.drvSize)) {
+    return giveUp(ErrorOf(errno));
   }
   io.Status(path, pair.drvFile);
   if (!OpenIdx(io, NativePath(idxPath), pair)) {
     pair.idxError = ErrorOf(errno);
+    if (pair.idxError == EWOULDBLOCK) {
+      return giveUp(EWOULDBLOCK);  // another process is about to close both: its name
+    }
   }
   pair.drv = drv->Release();
   return 0;
