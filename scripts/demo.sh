@@ -76,4 +76,15 @@ for file in "$out"/data/recordings/*/*.drv; do
 done
 printf '\n$ orvanta db --data %s\n' "${out#"$PWD"/}/data"
 "$orvanta" db --data "$out/data" || status=$?
+
+# Each site is a column, each second a row; backward each picture is one.
+play() { # SHEET ARGUMENTS...
+  local sheet=$out/$1
+  shift
+  printf '\n$ orvanta play --data %s %s --contact-sheet %s\n' "${out#"$PWD"/}/data" "$*" "${sheet#"$PWD"/}"
+  rm -f "$sheet"
+  "$orvanta" play --data "$out/data" "$@" --contact-sheet "$sheet" || status=$?
+}
+play in-step.png --seconds 4
+play backward.png --step -5
 exit "$status"

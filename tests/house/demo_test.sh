@@ -32,6 +32,11 @@ done
 [[ $(grep -c '^  end  *whole' "$work/shown") == 3 ]]
 [[ $(grep -c '^  index .* 0 mismatches' "$work/shown") == 3 ]]
 grep -q '^Records: 3' "$work/shown"
+# The three sites in step, and five steps back from their end.
+for sheet in in-step backward; do
+  [[ $(head -c 4 "$OUT/$sheet.png") == $'\x89PNG' ]]
+done
+[[ $(grep -Ec '^ +[0-9]+ +0 +[1-9][0-9]* +0 +20' "$work/shown") == 6 ]]
 # The name comes in a file, so that grep does not find itself.
 if cat /proc/[0-9]*/cmdline 2>/dev/null | tr '\0' '\n' | grep -xF -f <(echo "$ORVANTA"); then
   echo "the demo left cameras running"
