@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <iterator>
 #include <optional>
@@ -324,6 +326,38 @@ TEST_F(SiteRecording, ChangedPathsAndSteppingClocksLoseNothing) {
   files.push_back(later[0]);  // its name is an hour older
   files.push_back(later[2]);
   EXPECT_EQ(test::CheckSeams(files), 161u);
+}
+
+// The hour that a day of 25 hours has twice gives its names twice; one of 23 hours leaves some out.
+TEST_F(SiteRecording, DaysOf23And25HoursOverwriteNothing) {
+  const char* const before = std::getenv("TZ");
+  setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
+  tzset();
+  for (const std::int64_t begin : {1'792'888'200, 1'774'744'200}) {  // half an hour before each
+    const std::uint32_t first = source_.NextSequence();
+    for (const auto& entry : std::filesystem::directory_iterator(site_.Rec())) {
+      std::filesystem::remove(entry.path());
+    }
+    site_.clock.SetWall(begin);
+    ASSERT_EQ(client_->StartRecord(0, kRecordInstant), 1);
+    for (int i = 0; i < 6; ++i) {
+      Seconds(2);
+      site_.clock.SetWall(begin + 1'800 * (i + 1));
+      client_->ChangeRecordFile();
+    }
+    Seconds(2);
+    client_->StopRecordAll();
+    ASSERT_EQ(client_->WaitRecorded(30'000), 1);
+    auto frames = Video(site_.Files());
+    std::sort(frames.begin(), frames.end(),
+              [](const auto& a, const auto& b) { return a.sequence < b.sequence; });
+    ASSERT_EQ(frames.size(), 140u);
+    for (std::size_t i = 0; i < frames.size(); ++i) {
+      EXPECT_EQ(frames[i].sequence, first + i);
+    }
+  }
+  before != nullptr ? setenv("TZ", before, 1) : unsetenv("TZ");
+  tzset();
 }
 
 }  // namespace
