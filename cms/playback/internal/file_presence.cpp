@@ -1,6 +1,7 @@
 #include "cms/playback/internal/file_presence.h"
 
 #include <algorithm>
+#include <cerrno>
 
 #include "cms/runtime/native_path.h"
 #include "cms/runtime/wide_text.h"
@@ -33,8 +34,15 @@ std::size_t PrefixLength(std::span<const std::uint8_t> text) {
 
 }  // namespace
 
+bool FilePresence::Exists(const std::string& path) {
+  const bool exists = io_.Exists(path);
+  sure_ = sure_ && (exists || IsMissing(errno));
+  return exists;
+}
+
 void FilePresence::BeginQuery() {
   ++query_;
+  sure_ = true;
   for (const std::uint32_t index : listed_) {
     folders_[index].names.clear();
     folders_[index].listed = false;
@@ -56,6 +64,7 @@ FilePresence::Folder& FilePresence::Checked(std::uint32_t index) {
   // Through the folder's own ".": that takes the right to look for files in it, as asking for one
   // of them does.
   folder.present = io_.Status(folder.path + ".", status);
+  sure_ = sure_ && (folder.present || IsMissing(errno));
   const FileStamp stamp(status);
   if (!folder.present || !folder.reliable || folder.stamp != stamp) {
     ++folder.version;
@@ -121,8 +130,7 @@ FilePresence::Answer FilePresence::Ask(std::span<const std::uint8_t> path) {
   const bool listed = found != folder.names.end();
   // A link's target may come and go elsewhere, and a name may be found that is not listed letter
   // for letter (file systems that ignore the case): those are asked for each time.
-  const bool exists =
-      (listed && found->second != EntryKind::kAsk) || io_.Exists(folder.path + name);
+  const bool exists = (listed && found->second != EntryKind::kAsk) || Exists(folder.path + name);
   const bool keep = listed ? found->second != EntryKind::kAsk : !exists;
   return {keep && folder.reliable ? index : 0, folder.version << 1 | (exists ? 1u : 0u)};
 }

@@ -30,6 +30,10 @@ class FilePresence {
 
   bool StillHolds(const Answer& answer);
 
+  // False when in this query it could not be found out whether a file is there: it counts as
+  // missing.
+  bool IsSure() const { return sure_; }
+
   // `path` is the field of a record: UTF-16LE, ended by a zero or by the end of the field.
   Answer Ask(std::span<const std::uint8_t> path);
 
@@ -46,12 +50,14 @@ class FilePresence {
   };
 
   Folder& Checked(std::uint32_t index);
+  bool Exists(const std::string& path);
   void List(Folder& folder);
   std::uint32_t IndexOf(const std::string& path);
   void Split(std::span<const std::uint8_t> path, std::uint32_t& folder, std::string& name);
 
   FileIo& io_;
   std::uint32_t query_ = 0;
+  bool sure_ = true;
   std::vector<Folder> folders_;  // [0] stands for none
   std::unordered_map<std::string, std::uint32_t> indexes_;
   std::vector<std::uint32_t> listed_;

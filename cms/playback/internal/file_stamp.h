@@ -1,12 +1,18 @@
 // FileStamp: whether a file or a folder is still as it was when it was read.
 #pragma once
 
+#include <cerrno>
 #include <cstdint>
 
 #include "cms/runtime/clock.h"
 #include "cms/runtime/file_io.h"
 
 namespace cms {
+
+// Whether an operation failed because there is nothing of that name.
+inline bool IsMissing(int error) {
+  return error == ENOENT || error == ENOTDIR || error == ENAMETOOLONG || error == ELOOP;
+}
 
 // Taken before the reading. Whatever is written into a file, or created, removed and renamed in a
 // folder, changes its stamp.

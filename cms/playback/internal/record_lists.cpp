@@ -19,10 +19,6 @@ constexpr std::size_t kNameSize = 520;     // the file name's field, at the reco
 constexpr std::size_t kStartOffset = 720;  // the start time
 constexpr std::size_t kEndOffset = 728;    // and the end time
 
-bool IsMissing(int error) {
-  return error == ENOENT || error == ENOTDIR;
-}
-
 template <typename Entry>
 bool CanFit(const Entry& entry) {
   return entry.start != 0 && entry.end != 0 && entry.start < entry.end;
@@ -81,7 +77,7 @@ bool RecordLists::AskEach(const std::string& folder, const RecordQuery& query) {
       complete = AskOne(path, query) && complete;
     }
   }
-  return complete;
+  return complete && presence_.IsSure();
 }
 
 bool RecordLists::AskOne(const std::string& path, const RecordQuery& query) {
