@@ -1,17 +1,13 @@
 #include "tools/record_site.h"
 
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <stdexcept>
 
 #include "cms/recording/gap_log.h"
-#include "cms/recording/recording_names.h"
 #include "cms/runtime/clock.h"
 #include "cms/runtime/native_path.h"
-#include "cms/runtime/wide_text.h"
 #include "tools/data_folder.h"
-#include "tools/recording_folders.h"
 #include "tools/time_text.h"
 
 namespace tools {
@@ -19,11 +15,6 @@ namespace {
 
 constexpr unsigned kChannel = 0;
 constexpr int kWriteOutMs = 30'000;  // for a slow disk
-constexpr std::size_t kDayLength = 8;
-
-std::wstring Today() {
-  return cms::RecordingStamp(cms::WallSeconds()).substr(0, kDayLength);
-}
 
 std::string Megabytes(std::uint64_t bytes) {
   char text[32];
@@ -37,21 +28,8 @@ RecordSite::RecordSite(const LiveOptions& live, const RecordOptions& options)
     : options_(options),
       number_(static_cast<unsigned>(live.number) + 1),
       live_(std::make_unique<LiveSite>(live)),
-      day_(Today()) {
+      day_(std::make_unique<DayFolder>(*live_, live, options.fileSizeMiB)) {
   url_ = live_->Url();
-  CMSClientBase& client = live_->Client();
-  stRecordParam param;
-  PathOfToday().copy(param.path, std::size(param.path) - 1);
-  param.fileSizeMiB = options_.fileSizeMiB;
-  client.SetRecordParam(param);
-  if (const auto url = cms::ParseCameraUrl(live.url)) {
-    client.SetRecordDevice(cms::WideFromUtf8(url->host).c_str(),
-                           (L"Site " + std::to_wstring(number_)).c_str(), url->port);
-  }
-}
-
-std::wstring RecordSite::PathOfToday() const {
-  return std::wstring(kRecordings) + L"\\" + day_ + L"\\Rec_Site" + std::to_wstring(number_) + L"_";
 }
 
 void RecordSite::Start() {
@@ -70,17 +48,13 @@ void RecordSite::Start() {
   } else if (options_.schedule) {
     client.TurnOnRecordingState(kChannel, kRecordSchedule);
   } else if (client.StartRecord(kChannel, kRecordInstant) == 0) {
-    throw std::runtime_error("cannot record into " + cms::NativePath(PathOfToday()) +
-                             "*: " + std::strerror(client.GetRecordingStatus().lastError));
+    day_->Refuse();
   }
   live_->Open();
 }
 
 void RecordSite::Look() {
-  if (const std::wstring day = Today(); day != day_) {
-    day_ = day;
-    live_->Client().ChangeRecordPath(PathOfToday().c_str());
-  }
+  day_->Follow();
   LookForEvent();
   lastStatus_ = live_->Status();
   const auto files = live_->Client().TakeRecordedFiles();

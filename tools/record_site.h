@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/day_folder.h"
 #include "tools/live_site.h"
 
 namespace tools {
@@ -42,7 +43,6 @@ class RecordSite {
  private:
   using Clock = std::chrono::steady_clock;
 
-  std::wstring PathOfToday() const;
   void LookForEvent();
   std::string WhereIsNow(const std::wstring& drvPath) const;
 
@@ -50,7 +50,7 @@ class RecordSite {
   const unsigned number_;  // from 1
   std::string url_;
   std::unique_ptr<LiveSite> live_;
-  std::wstring day_;
+  std::unique_ptr<DayFolder> day_;  // of the live site
   Clock::time_point started_;
   std::int64_t startedSeconds_ = 0;
   std::int64_t stoppedSeconds_ = 0;

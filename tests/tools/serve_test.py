@@ -6,6 +6,7 @@ Usage: serve_test.py ORVANTA
 
 import json
 import socket
+import struct
 import subprocess
 import sys
 import tempfile
@@ -161,6 +162,15 @@ def what_is_recorded_is_found_and_played(data):
         spans = found["spans"]
         assert len(spans) == 1 and spans[0]["site"] == 1 and spans[0]["name"] == "Site 1", found
         assert before <= spans[0]["start"] < spans[0]["end"] <= now, spans
+
+        # An alarm of channel 2 that begins before the recording is shown from its start on.
+        start, end = spans[0]["start"], spans[0]["end"]
+        with open(data + "/EventList0", "ab") as events:
+            events.write(struct.pack("<64s128sHBxHBxHB5xI4xqq", "Site 1".encode("utf-16le"), b"", 554,
+                                     0, 1, 3, 0, 0, 1, start - 5, end))
+        events = ask(server, "/auth/recordings?" + interval)["events"]
+        assert events == [{"site": 1, "kind": "alarm", "channel": 2, "start": start, "end": end,
+                           "name": "Site 1"}], events
 
         # The picture's time moves as the transport says.
         viewer = Watcher(server, f"/auth/play?{interval}&at={spans[0]['start']}")

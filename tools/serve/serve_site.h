@@ -17,7 +17,7 @@ class ServeSite {
       : number_(options.number + 1),
         live_(options),
         pictures_(live_, number_),
-        recorder_(live_, options, number_) {}
+        recorder_(live_, options) {}
 
   void Open() { live_.Open(); }
   ConnectionStatus Status() const { return live_.Status(); }

@@ -36,7 +36,8 @@ SiteRecording::~SiteRecording() {
 void SiteRecording::SetParam(const stRecordParam& param) {
   recorder_.SetRecParam(param);
   ScopeLock hold(deviceLock_);
-  const auto name = SplitAtLastSeparator(recorder_.GetRecParam().path).name;
+  const stRecordParam kept = recorder_.GetRecParam();
+  const auto name = SplitAtLastSeparator(kept.path).name;
   site_.number = static_cast<std::uint32_t>(SiteNumberOf(name).value_or(0));
 }
 
