@@ -24,10 +24,14 @@ class GStreamerReceiver final : public Receiver {
     gst_init(nullptr, nullptr);
     std::string text;
     for (int i = 0; i < job_.streams; ++i) {
+      const std::string number = std::to_string(i);
+      const std::string rest = job_.recordTo.empty()
+                                   ? "fakesink sync=false async=false name=sink" + number
+                                   : "h264parse name=sink" + number +
+                                         " ! matroskamux ! filesink location=" + job_.recordTo +
+                                         "/" + number + ".mkv";
       text += "rtspsrc location=rtsp://127.0.0.1:" + std::to_string(job_.port) +
-              "/clip protocols=" + (job_.tcp ? "tcp" : "udp") +
-              " ! rtph264depay ! fakesink sync=false async=false name=sink" + std::to_string(i) +
-              " ";
+              "/clip protocols=" + (job_.tcp ? "tcp" : "udp") + " ! rtph264depay ! " + rest + " ";
     }
     GError* error = nullptr;
     pipeline_ = gst_parse_launch(text.c_str(), &error);

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -30,6 +31,10 @@ class OwnReceiver final : public Receiver {
   }
 
   bool Open() override {
+    if (!job_.recordTo.empty()) {
+      std::filesystem::create_directories(job_.recordTo + "/work");
+      std::filesystem::current_path(job_.recordTo + "/work");  // the databases lie beside it
+    }
     for (int i = 0; i < job_.streams; ++i) {
       stRTSPClientConfig config;
       config.path = "rtsp://127.0.0.1:" + std::to_string(job_.port) + "/clip";
@@ -40,6 +45,10 @@ class OwnReceiver final : public Receiver {
       client->SetConfig(&config);
       client->AllocChannelData(1);
       client->SetMustDecode(0);
+      if (!job_.recordTo.empty() && !Record(*client, i)) {
+        std::fprintf(stderr, "nothing can be recorded into %s\n", job_.recordTo.c_str());
+        return false;
+      }
       if (client->OpenStream() == 0 || client->Play() == 0) {
         std::fprintf(stderr, "%s\n", client->GetConnectionStatus().detail.c_str());
         return false;
@@ -55,8 +64,10 @@ class OwnReceiver final : public Receiver {
     for (const auto& client : clients_) {
       CMSFrameData data;
       client->GetFrameData(&data, sizeof data);
-      totals.frames += data.videoFrames;
-      totals.fewest_frames = std::min(totals.fewest_frames, data.videoFrames);
+      const std::uint64_t frames =
+          job_.recordTo.empty() ? data.videoFrames : client->GetRecordingStatus().frames;
+      totals.frames += frames;
+      totals.fewest_frames = std::min(totals.fewest_frames, frames);
       totals.bytes += data.bytes;
       totals.lost_packets += data.lostPackets;
       totals.delivering += data.videoFrames > 0 ? 1 : 0;
@@ -65,6 +76,14 @@ class OwnReceiver final : public Receiver {
   }
 
  private:
+  static bool Record(CMSRTSPClient& client, int number) {
+    stRecordParam param;
+    const std::wstring path = L"..\\recordings\\Rec_Site" + std::to_wstring(number) + L"_";
+    path.copy(param.path, std::size(param.path) - 1);
+    client.SetRecordParam(param);
+    return client.StartRecord(0, kRecordInstant) != 0;
+  }
+
   ReceiveJob job_;
   std::vector<std::unique_ptr<CMSRTSPClient>> clients_;
 };

@@ -13,11 +13,14 @@ struct ReceiveJob {
   bool tcp = false;
   int port = 0;
   int seconds = 10;
+  std::string
+      recordTo;  // an existing folder for what "ours" and "gstreamer" record; empty: nothing
 };
 
 // Since the opening, of all streams together.
 struct ReceiveTotals {
-  std::uint64_t frames = 0;         // 0 for the bare loop over TCP, which does not look for them
+  std::uint64_t frames = 0;  // recorded ones of ours, if it records; 0 for the bare loop over TCP,
+                             // which does not look for them
   std::uint64_t fewest_frames = 0;  // of the stream that got fewest
   std::uint64_t bytes = 0;
   std::uint64_t lost_packets = 0;
