@@ -43,8 +43,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::ofstream(idx_path, std::ios::binary) << bytes.substr(0, idx_size);
 
   cms::FileIo& io = cms::SystemFileIo();
+  const auto foretold = cms::CompareIdx(io, drv_path, idx_path);
   const auto result = cms::RebuildIdx(io, drv_path, idx_path);
-  CHECK(result.done);
+  CHECK(result.done && foretold.done);
+  CHECK(foretold.changed == result.changed && foretold.added == result.added &&
+        foretold.dropped == result.dropped && foretold.records == result.records);
   const cms::ScopedFile drv(io, drv_path, cms::kFileRead);
   const cms::ScopedFile idx(io, idx_path, cms::kFileRead);
   cms::IdxReader reader(io, idx.Handle());
