@@ -270,6 +270,35 @@ TEST(PlaybackFiles, WhatCannotBePlayedIsNamed) {
   EXPECT_EQ(end, recording.TimeOf(99));
 }
 
+// A recorder counts a second's milliseconds from its first frame: a recording that began in the
+// middle of one has no pause behind that second for it.
+TEST(PlaybackFiles, ASecondThatWasBegunLateEndsInTime) {
+  ClipRecording recording;
+  recording.start = kStart + 720;  // 7 pictures of the first second
+  recording.count = 50;
+  recording.Make();
+  for (const bool withIndex : {true, false}) {
+    SCOPED_TRACE(withIndex);
+    Player player;
+    ClipRecording::Put(player.Path("a.drv"), recording.drv.bytes);
+    std::string idx = recording.idx;
+    for (std::size_t i = 0; i < 7; ++i) {
+      idx.replace(i * 32 + 16, 8,
+                  test::LittleEndian(static_cast<std::uint64_t>(kStart) + i * 40, 8));
+    }
+    if (withIndex) {
+      ClipRecording::Put(player.Path("a.idx"), idx);
+    }
+    player.AddSite({"a.drv"});
+    ASSERT_TRUE(player.Start());
+    for (const int number : Range(0, 50)) {
+      EXPECT_EQ(player.Settled(), number);
+      EXPECT_EQ(player.control.CurTimeGet(0, 0), recording.TimeOf(number));
+      player.control.PlaybackStepForward();
+    }
+  }
+}
+
 // A clock that was set back while recording: time goes on, and every picture is played.
 TEST(PlaybackFiles, TimesNeverGoBack) {
   ClipRecording before;

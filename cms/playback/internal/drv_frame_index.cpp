@@ -10,10 +10,10 @@
 namespace cms {
 namespace {
 
-constexpr std::size_t kSample = 16;               // records that are compared with their frames
-constexpr std::uint64_t kNumbered = 2;            // ms a frame: nearer together is no time
-constexpr std::int64_t kClockStep = 1000;         // ms back: the clock was set
-constexpr std::int64_t kIntervalBehindStep = 40;  // ms, where times cannot tell
+constexpr std::size_t kSample = 16;          // records that are compared with their frames
+constexpr std::uint64_t kNumbered = 2;       // ms a frame: nearer together is no time
+constexpr std::int64_t kClockStep = 1000;    // ms back: the clock was set
+constexpr std::int64_t kUsualInterval = 40;  // ms, where times cannot tell
 
 }  // namespace
 
@@ -194,6 +194,36 @@ void DrvFrameIndex::Walk() {
   raw_.resize(kept);
 }
 
+// A recording that begins within a second has only the rest of it, but its recorder counts the
+// milliseconds of a second from the first frame. How much later these frames are, so that the next
+// second follows them without a break. Of frames that are spread `interval` becomes that of the
+// next second.
+std::uint64_t DrvFrameIndex::LeadOf(std::size_t begin, std::size_t end, bool spread,
+                                    std::uint64_t& interval) const {
+  const std::uint64_t next = raw_[begin].milliseconds / 1000 + 1;
+  const std::uint64_t count = end - begin;
+  if (raw_[begin].milliseconds % 1000 != 0 || end == raw_.size() ||
+      raw_[end].milliseconds / 1000 != next) {
+    return 0;
+  }
+  if (spread) {
+    std::uint64_t following = 0;
+    for (std::size_t i = end; i < raw_.size() && raw_[i].milliseconds / 1000 == next; ++i) {
+      ++following;
+    }
+    if (following <= count) {
+      return 0;
+    }
+    interval = 1000 / following;
+    return 1000 - count * interval;
+  }
+  const std::uint64_t last = raw_[end - 1].milliseconds;
+  const std::uint64_t usual =
+      count > 1 ? (last - raw_[begin].milliseconds) / (count - 1) : kUsualInterval;
+  const std::uint64_t pause = raw_[end].milliseconds - last;
+  return pause > 2 * usual ? pause - usual : 0;
+}
+
 void DrvFrameIndex::MakeTimes() {
   frames_.clear();
   frames_.reserve(raw_.size());
@@ -216,15 +246,19 @@ void DrvFrameIndex::MakeTimes() {
       // The last second may be going on.
       interval = end == raw_.size() ? std::min(interval, 1000 / count) : 1000 / count;
     }
+    std::uint64_t lead = 0;
+    if (begin == 0 || raw_[begin - 1].milliseconds / 1000 + 1 != second) {
+      lead = LeadOf(begin, end, spread, interval);
+    }
     for (std::size_t i = begin; i < end; ++i) {
       const std::uint64_t milliseconds =
-          spread ? second * 1000 + (i - begin) * interval : raw_[i].milliseconds;
+          lead + (spread ? second * 1000 + (i - begin) * interval : raw_[i].milliseconds);
       auto time = static_cast<std::int64_t>(milliseconds);
       if (!frames_.empty()) {
         if (time > previous) {
           shift = 0;
         } else if (previous - time > kClockStep && shift == 0) {
-          shift = previous + kIntervalBehindStep - time;
+          shift = previous + kUsualInterval - time;
         }
         time = std::max(time + shift, previous + 1);
       }

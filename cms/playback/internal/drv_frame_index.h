@@ -20,7 +20,8 @@ namespace cms {
 //  3. A frame's time is that of its record. Frames found by walking know their second only, and an
 //     index that was made anew after a crash numbers the frames of a second instead of timing them:
 //     the frames of such a second are spread evenly over it.
-//  4. Times never go back: behind a clock that was set back, frames are moved on by as much.
+//  4. The frames of a first second that is not a whole one lie at its end.
+//  5. Times never go back: behind a clock that was set back, frames are moved on by as much.
 // Only an index tells the channel of a frame. Without one it is the header's stream number when the
 // recording has frames of several, and 0 otherwise.
 class DrvFrameIndex {
@@ -64,6 +65,8 @@ class DrvFrameIndex {
   void LearnStream(bool otherChannels);
   bool HasOtherFramesBetweenKeys();
   void Walk();
+  std::uint64_t LeadOf(std::size_t begin, std::size_t end, bool spread,
+                       std::uint64_t& interval) const;
   void MakeTimes();
 
   FileIo& io_;

@@ -21,8 +21,8 @@ constexpr std::uint64_t kLookForMore = 500;
 constexpr int kMostLateInRow = 3;  // pictures that came too late, before one is shown anyway
 constexpr double kSmoothing = 0.2;
 constexpr double kMorePressure = 1.5;  // by which work is taken to last longer when it came late
-constexpr double kMostPressure = 16;
-constexpr double kRelief = 0.97;
+constexpr double kMostPressure = 8;
+constexpr double kRelief = 0.9;
 
 // Processor time of this thread: how much longer work takes on a busy machine shows in what comes
 // too late.
@@ -328,9 +328,15 @@ bool CCMSPlaybackChannelData::ShowStaged(const View& view, const Place& place) {
   const std::int64_t end = EndOf(staged_, place.keysOnly);
   const bool due = view.forward ? view.position >= staged_.Time() : view.position < end;
   if (!due) {
+    waited_ = true;
     return false;
   }
   const bool late = view.forward ? view.position >= end : view.position < staged_.Time();
+  if (late && waited_) {  // it was ready, but the clock leapt or this thread overslept
+    staged_ = {};
+    pictures_->Unstage();
+    return true;
+  }
   pressure_ = late ? std::min(pressure_ * kMorePressure, kMostPressure)
                    : std::max(pressure_ * kRelief, 1.0);
   if (late && ++lateInRow_ < kMostLateInRow) {
@@ -371,7 +377,8 @@ FrameRef CCMSPlaybackChannelData::Aim(const View& view, const Place& place) {
   if (IsDone(place.wanted)) {
     return Following(view, place.wanted, place.keysOnly);
   }
-  return view.forward && !place.keysOnly ? AimInTime(view, place) : place.wanted;
+  // Only work that came too late tells that the decoder is behind.
+  return view.forward && !place.keysOnly && pressure_ > 1 ? AimInTime(view, place) : place.wanted;
 }
 
 // Behind the clock: the first frame that can still be decoded while it is the one to show, else the
@@ -508,6 +515,7 @@ bool CCMSPlaybackChannelData::DecodeOne(const View& view, const FrameRef& frame,
 }
 
 void CCMSPlaybackChannelData::Stage(const FrameRef& target, const AVFrame* picture) {
+  waited_ = false;
   if (picture != nullptr && pictures_->Stage(*picture, target.Time())) {
     staged_ = target;
   } else {

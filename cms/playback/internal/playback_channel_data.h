@@ -143,6 +143,7 @@ class CCMSPlaybackChannelData {
   Standing reported_;
   std::uint64_t lookedForMore_ = 0;  // tick
   int lateInRow_ = 0;
+  bool waited_ = false;  // what is staged was ready before its time
   unsigned imageId_ = 0;
   double decodeMs_ = 0;                             // processor time of a frame, smoothed
   double pressure_ = 1;                             // how much longer it is taken to last
