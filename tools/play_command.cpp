@@ -21,6 +21,7 @@
 #include "tools/command.h"
 #include "tools/contact_sheet.h"
 #include "tools/data_folder.h"
+#include "tools/playback_speaker.h"
 #include "tools/recording_folders.h"
 #include "tools/stop_signal.h"
 #include "tools/time_text.h"
@@ -46,6 +47,8 @@ struct Arguments {
   std::optional<int> step;
   double seconds = 0;
   std::string sheet;
+  bool listen = false;
+  std::string device;
   bool json = false;
 };
 
@@ -121,8 +124,15 @@ class Play {
  public:
   Play(const Arguments& arguments, std::int64_t from)
       : arguments_(arguments), config_(MakeConfig(arguments, from)) {
+    if (arguments.listen) {
+      speaker_ = std::make_unique<PlaybackSpeaker>(arguments.device);
+      speaker_->Join(config_);
+    }
     if (control_.SetConfig(config_) == 0 || control_.StartPlayback() == 0) {
       throw std::runtime_error(control_.GetLastErrorText());
+    }
+    if (arguments.listen) {
+      control_.SetChAudioState(0, 0, 1);
     }
     const bool backward = arguments.step ? *arguments.step < 0 : arguments.speed < 0;
     if (backward && from == kPlaybackNoTargetTime) {
@@ -294,6 +304,7 @@ class Play {
 
   const Arguments& arguments_;
   _MULTI_SITE_PLAYBACK_CONFIG config_;
+  std::unique_ptr<PlaybackSpeaker> speaker_;  // outlives the controller, which calls it
   CCMSMultiSitePlaybackCtrl control_;
   std::vector<Place> places_;
   std::unique_ptr<ContactSheet> sheet_;
@@ -350,6 +361,10 @@ void AddPlayCommand(CLI::App& app, CommandResult& result) {
   play->add_option("--contact-sheet", arguments->sheet,
                    "pictures of all sites: a row at the start and for each second or step")
       ->type_name("FILE.png");
+  CLI::Option* const listen =
+      play->add_flag("--listen", arguments->listen, "play the sound of the first site, at speed 1");
+  play->add_option("--device", arguments->device, "sound device, see orvanta audio devices")
+      ->needs(listen);
   play->add_flag("--json", arguments->json, "print one JSON object at the end");
   play->callback([arguments, &result] {
     if (arguments->speed == 0) {
