@@ -7,6 +7,7 @@
 #include "cms/recording/rec_folder_db_writer.h"
 #include "cms/recording/record_db_list_writer.h"
 #include "cms/recording/recording_names.h"
+#include "cms/runtime/clock.h"
 #include "cms/runtime/file_io.h"
 #include "cms/runtime/native_path.h"
 #include "cms/runtime/wide_text.h"
@@ -32,28 +33,34 @@ bool IsThere(const std::wstring& path) {
 }  // namespace
 
 void MovedRecordings::Add(const FinishedRecording& file) {
-  held_.push_back(file);
+  {
+    ScopeLock hold(lock_);
+    held_.push_back(file);
+  }
+  SiteSupervisor::Moves().Add(this, TickMilliseconds());
+}
+
+std::uint64_t MovedRecordings::Turn(std::uint64_t now) {
+  constexpr std::uint64_t kLookMs = 1'000;
+  Look();
+  ScopeLock hold(lock_);
+  return held_.empty() && moving_.empty() ? SiteSupervisor::kNever : now + kLookMs;
 }
 
 void MovedRecordings::Look() {
-  while (!held_.empty()) {
-    const FinishedRecording& file = held_.front();
-    const std::wstring folder = target_ + L"\\" + NameOf(FolderOf(file.drvPath));
-    if (!IsThere(target_) ||
-        (!IsThere(folder) && CurrentFileIo().MakeDirectory(NativePath(folder)) != 0)) {
-      break;  // it is away
+  while (true) {
+    FinishedRecording file;
+    {
+      ScopeLock hold(lock_);
+      if (held_.empty()) {
+        break;
+      }
+      file = held_.front();
     }
-    // A clock that was set back gives a name again, to another recording.
-    std::wstring name = NameOf(file.drvPath);
-    while (IsThere(folder + L"\\" + name)) {
-      name = NextDrvFilename(name).value_or(L"_" + name);
+    if (!Hand(file)) {
+      break;
     }
-    const std::wstring to = folder + L"\\" + name;
-    if (IsThere(file.idxPath)) {
-      mover_.AddMove(file.idxPath, IdxPathOf(to));
-    }
-    mover_.AddMove(file.drvPath, to);
-    moving_.push_back({file.drvPath, to});
+    ScopeLock hold(lock_);
     held_.pop_front();
   }
   while (!moving_.empty() && IsThere(moving_.front().to) && !IsThere(moving_.front().from) &&
@@ -64,6 +71,27 @@ void MovedRecordings::Look() {
     }
     moving_.pop_front();
   }
+}
+
+// To the mover; false when the target is away.
+bool MovedRecordings::Hand(const FinishedRecording& file) {
+  const std::wstring folder = target_ + L"\\" + NameOf(FolderOf(file.drvPath));
+  if (!IsThere(target_) ||
+      (!IsThere(folder) && CurrentFileIo().MakeDirectory(NativePath(folder)) != 0)) {
+    return false;
+  }
+  // A clock that was set back gives a name again, to another recording.
+  std::wstring name = NameOf(file.drvPath);
+  while (IsThere(folder + L"\\" + name)) {
+    name = NextDrvFilename(name).value_or(L"_" + name);
+  }
+  const std::wstring to = folder + L"\\" + name;
+  if (IsThere(file.idxPath)) {
+    mover_.AddMove(file.idxPath, IdxPathOf(to));
+  }
+  mover_.AddMove(file.drvPath, to);
+  moving_.push_back({file.drvPath, to});
+  return true;
 }
 
 // False when it has to be tried again.
@@ -91,6 +119,7 @@ bool MovedRecordings::TakeOver(const Move& move) const {
 }
 
 void MovedRecordings::Stop() {
+  SiteSupervisor::Moves().Remove(this);
   Look();
   mover_.StopMove();
   mover_.Supervision(kEndMs);

@@ -1,12 +1,15 @@
 // A site's finished recordings on their way to network storage, with their places in the databases.
 #pragma once
 
+#include <cstdint>
 #include <deque>
 #include <string>
 #include <utility>
 
+#include "cms/live/internal/site_supervisor.h"
 #include "cms/recording/drv_writer.h"
 #include "cms/recording/move_file_client.h"
+#include "cms/runtime/critical.h"
 
 namespace cms {
 
@@ -14,27 +17,37 @@ namespace cms {
 // then the recording, each pair behind the one before it. Once it has arrived its record goes over
 // from the record list of the old folder to that of the new one, and the target is in the folder
 // list, so that a search finds it there. The target itself is never made: a target that is away
-// keeps the files waiting where they are. Not for concurrent use.
-class MovedRecordings {
+// keeps the files waiting where they are. Only the threads of SiteSupervisor::Moves and of the
+// mover wait for it, and who calls Stop.
+class MovedRecordings final : public SiteSupervisor::Site {
  public:
   explicit MovedRecordings(std::wstring target) : target_(std::move(target)) {}
+  ~MovedRecordings() { SiteSupervisor::Moves().Remove(this); }
+  MovedRecordings(const MovedRecordings&) = delete;
+  MovedRecordings& operator=(const MovedRecordings&) = delete;
 
   bool Start() { return mover_.StartMove(); }
-  void Add(const FinishedRecording& file);
-  void Look();  // about once a second: makes folders, and moves the records of what has arrived
-  // Each file that waits is tried once more; the others stay where they are.
+  void Add(const FinishedRecording& file);  // any thread
+  // Each file that waits is tried once more; those that fail stay where they are.
   void Stop();
+
+  std::uint64_t Turn(std::uint64_t now) override;
 
  private:
   struct Move {
     std::wstring from;
     std::wstring to;
   };
+  void Look();  // makes folders, and moves the records of what has arrived
+  bool Hand(const FinishedRecording& file);
   bool TakeOver(const Move& move) const;
 
   const std::wstring target_;
   CLFX_MOVEFILE_Client mover_;
-  std::deque<FinishedRecording> held_;  // until their folder can be made
+  CMSCritical lock_;
+  std::deque<FinishedRecording> held_ CMS_GUARDED_BY(lock_);  // until their folder can be made
+
+  // The turn's, and behind it Stop's.
   std::deque<Move> moving_;
   bool listed_ = false;  // the target is in the folder list
 };

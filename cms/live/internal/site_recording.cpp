@@ -142,8 +142,7 @@ std::uint64_t SiteRecording::Turn(std::uint64_t now) {
   CollectFinished();
   LookForGaps();
   const bool done = !IsWanted() && recorder_.IsSettled() &&
-                    recorder_.GetRecordingStatus().lateEvents == 0 && !gaps_.HasWaiting() &&
-                    !IsMoving();
+                    recorder_.GetRecordingStatus().lateEvents == 0 && !gaps_.HasWaiting();
   // All sites at the same moment: one waking of the processor for all of them.
   return done ? SiteSupervisor::kNever : (now / kTurnMs + 1) * kTurnMs;
 }
@@ -193,9 +192,6 @@ void SiteRecording::CollectFinished() {
       files_.pop_front();
     }
     files_.push_back(std::move(file.drvPath));
-  }
-  if (mover_) {
-    mover_->Look();
   }
 }
 

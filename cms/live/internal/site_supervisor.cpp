@@ -26,6 +26,11 @@ SiteSupervisor& SiteSupervisor::Recordings() {
   return *supervisor;
 }
 
+SiteSupervisor& SiteSupervisor::Moves() {
+  static auto* const supervisor = new SiteSupervisor("cms-moves");
+  return *supervisor;
+}
+
 void SiteSupervisor::Add(Site* site, std::uint64_t due) {
   std::lock_guard lock(mutex_);
   sites_[site].due = due;

@@ -35,6 +35,8 @@ class SiteSupervisor {
   // For recordings, which wait for no camera: however many sites are being opened, what was
   // received reaches the disk in time.
   static SiteSupervisor& Recordings();
+  // For looking at network storage, which may hang for as long as it likes.
+  static SiteSupervisor& Moves();
 
   explicit SiteSupervisor(const char* threadName) : threadName_(threadName) {}
 
