@@ -1,7 +1,7 @@
 #!/bin/bash
-# The demo: three test cameras on free ports, watched by one `orvanta live`: a line a second for each,
+# The demo: four test cameras on free ports, watched by one `orvanta live`: a line a second for each,
 # then a summary, and a picture of what each camera saw. Meanwhile `orvanta record` records them; the
-# files, an index and the databases that it made are shown at the end.
+# files, an index and the databases that it made are shown, played in step and exported at the end.
 # Usage: demo.sh [SECONDS]      ORVANTA: the program, OUT: where the pictures and recordings go
 set -euo pipefail
 
@@ -41,27 +41,29 @@ start_camera() { # OPTIONS...
 start_camera --path /door --pattern smpte --size 1280x720 --profile high --delimiters on --audio pcmu
 start_camera --path /yard --pattern ball --auth digest --user admin --password secret --audio pcma
 start_camera --path /hall --pattern snow --codec mjpeg --size 320x240 --fps 10 --audio l16
+start_camera --path /gate --pattern circular --size 640x360 --fps 15
 # Where the camera asks for a password, the URL carries it.
 urls[1]=${urls[1]/:\/\//:\/\/admin:secret@}
 
 cat <<TEXT
-Three test cameras are running:
+Four test cameras are running:
   ${urls[0]}                 H.264 high 1280x720, PCMU, to be received over UDP
   ${urls[1]}    H.264 baseline 640x360, PCMA, over interleaved TCP with a Digest password
   ${urls[2]}                 MJPEG 320x240, L16, over UDP
+  ${urls[3]}                 H.264 baseline 640x360, 15 pictures a second, over UDP
 
 \$ orvanta record URL... --transport tcp --data out/data --seconds $seconds &
-\$ orvanta live URL... --transport udp,tcp,udp --seconds $seconds --snapshot out/camera.png
+\$ orvanta live URL... --transport udp,tcp,udp,udp --seconds $seconds --snapshot out/camera.png
 TEXT
 
 mkdir -p "$out"
-rm -rf "$out"/camera-[123].png "$out/data"
+rm -rf "$out"/camera-[1234].png "$out/data"
 status=0
 "$orvanta" record "${urls[@]}" --transport tcp --data "$out/data" --seconds "$seconds" \
   >"$work/recorded" 2>&1 &
 recording=$!
 cameras+=("$recording")
-"$orvanta" live "${urls[@]}" --transport udp,tcp,udp --seconds "$seconds" \
+"$orvanta" live "${urls[@]}" --transport udp,tcp,udp,udp --seconds "$seconds" \
   --snapshot "$out/camera.png" || status=$?
 printf '\nWhat the cameras saw:\n'
 printf '%s\n' "${out#"$PWD"/}"/camera-*.png
@@ -87,4 +89,11 @@ play() { # SHEET ARGUMENTS...
 }
 play in-step.png --seconds 4
 play backward.png --step -5
+
+for file in "$out"/data/recordings/*/Rec_Site1_*.drv; do
+  [[ -e $file ]] || continue
+  printf '\n$ orvanta export %s %s\n' "${file#"$PWD"/}" "${out#"$PWD"/}/door.mp4"
+  "$orvanta" export "$file" "$out/door.mp4" || status=$?
+  break
+done
 exit "$status"
