@@ -25,6 +25,8 @@ struct ClipFormat {
   ClipVideo video = ClipVideo::kH264;
   int width = 0;
   int height = 0;
+  int chromaFormat = 1;  // 4:2:0
+  int bitDepth = 8;
   std::span<const std::uint8_t> keyFrame;  // the first, which carries the parameter sets
   std::optional<ClipAudio> audio;
   std::int64_t begin = 0;  // seconds since 1970-01-01 UTC, for the file's creation time
@@ -47,7 +49,8 @@ class ClipWriter {
 
   // Times and intervals in microseconds; the first picture's time is the beginning of the file.
   // Times of pictures grow; so do those of audio blocks.
-  void WriteVideo(std::span<const std::uint8_t> frame, std::int64_t time, std::int64_t interval,
+  // A picture's bytes are changed.
+  void WriteVideo(std::span<std::uint8_t> frame, std::int64_t time, std::int64_t interval,
                   bool key);
   void WriteAudio(std::span<const std::uint8_t> block, std::int64_t time);
 

@@ -2,6 +2,7 @@
 
 extern "C" {
 #include <libavcodec/avcodec.h>
+#include <libavutil/pixdesc.h>
 #include <libswscale/swscale.h>
 }
 
@@ -84,6 +85,20 @@ int PictureDecoder::Width() const {
 
 int PictureDecoder::Height() const {
   return state_->picture->height;
+}
+
+int PictureDecoder::ChromaFormat() const {
+  const AVPixFmtDescriptor* format =
+      av_pix_fmt_desc_get(static_cast<AVPixelFormat>(state_->picture->format));
+  return format == nullptr           ? 1
+         : format->nb_components < 3 ? 0
+                                     : 3 - format->log2_chroma_w - format->log2_chroma_h;
+}
+
+int PictureDecoder::BitDepth() const {
+  const AVPixFmtDescriptor* format =
+      av_pix_fmt_desc_get(static_cast<AVPixelFormat>(state_->picture->format));
+  return format == nullptr ? 8 : format->comp[0].depth;
 }
 
 std::string PictureDecoder::Jpeg() const {

@@ -25,6 +25,8 @@ class PictureDecoder {
   bool HasPicture() const;  // of the last frame that gave one
   int Width() const;
   int Height() const;
+  int ChromaFormat() const;  // H.264's number: 1 is 4:2:0
+  int BitDepth() const;
 
   std::string Jpeg() const;  // of that picture; throws std::runtime_error
 

@@ -59,6 +59,8 @@ struct Beginning {
   std::vector<std::uint8_t> keyFrame;
   int width = 0;
   int height = 0;
+  int chromaFormat = 1;
+  int bitDepth = 8;
   std::optional<ClipAudio> audio;
   std::int64_t first = 0;
 };
@@ -86,6 +88,8 @@ Beginning LookAhead(const ExportOptions& options) {
         decoder.End();
         beginning.width = decoder.HasPicture() ? decoder.Width() : 0;
         beginning.height = decoder.HasPicture() ? decoder.Height() : 0;
+        beginning.chromaFormat = decoder.HasPicture() ? decoder.ChromaFormat() : 1;
+        beginning.bitDepth = decoder.HasPicture() ? decoder.BitDepth() : 8;
       }
       refused += beginning.width == 0 ? 1 : 0;
       beginning.keyFrame.assign(payload.begin(), payload.end());
@@ -138,8 +142,17 @@ class ClipExport {
                                     : "Matroska has no place for it"));
     }
     summary_.audio = audio_.has_value();
-    return {options.container,  video_, beginning.width, beginning.height,
-            beginning.keyFrame, audio_, beginning.first};
+    ClipFormat format;
+    format.container = options.container;
+    format.video = video_;
+    format.width = beginning.width;
+    format.height = beginning.height;
+    format.chromaFormat = beginning.chromaFormat;
+    format.bitDepth = beginning.bitDepth;
+    format.keyFrame = beginning.keyFrame;
+    format.audio = audio_;
+    format.begin = beginning.first;
+    return format;
   }
 
   void WriteReady() {

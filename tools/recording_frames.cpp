@@ -188,8 +188,7 @@ std::optional<RecordedFrame> RecordingFrames::Next() {
   return frame;
 }
 
-std::span<const std::uint8_t> RecordingFrames::Payload(const RecordedFrame& frame,
-                                                       std::size_t padding) {
+std::span<std::uint8_t> RecordingFrames::Payload(const RecordedFrame& frame, std::size_t padding) {
   const std::size_t size = frame.frame.payload_length;
   payload_.resize(std::max(payload_.size(), size + padding));
   if (cms::SystemFileIo().ReadAllAt(frame.file->Handle(), payload_.data(), size,

@@ -47,7 +47,7 @@ class RecordingFrames {
   std::optional<RecordedFrame> Next();
 
   // The payload with `padding` zeros behind it, until the next call.
-  std::span<const std::uint8_t> Payload(const RecordedFrame& frame, std::size_t padding);
+  std::span<std::uint8_t> Payload(const RecordedFrame& frame, std::size_t padding);
 
   std::uint64_t SkippedBytes() const { return skippedBytes_; }    // damage, from the start on
   std::uint64_t SkippedFrames() const { return skippedFrames_; }  // that needed what was damaged

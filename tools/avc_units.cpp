@@ -1,0 +1,118 @@
+#include "tools/avc_units.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+
+namespace tools {
+namespace {
+
+struct Unit {
+  std::size_t code = 0;   // where its start code begins
+  std::size_t begin = 0;  // behind the code
+};
+
+// The next start code that begins at `from` or behind it. Ones are rare in compressed data, so that
+// looking for them is as fast as reading.
+bool FindUnit(std::span<const std::uint8_t> bytes, std::size_t from, Unit& unit) {
+  for (std::size_t at = from + 2; at < bytes.size(); ++at) {
+    const void* one = std::memchr(&bytes[at], 1, bytes.size() - at);
+    if (one == nullptr) {
+      return false;
+    }
+    at = static_cast<std::size_t>(static_cast<const std::uint8_t*>(one) - bytes.data());
+    if (bytes[at - 1] == 0 && bytes[at - 2] == 0) {
+      unit.code = at >= from + 3 && bytes[at - 3] == 0 ? at - 3 : at - 2;
+      unit.begin = at + 1;
+      return true;
+    }
+  }
+  return false;
+}
+
+void PutLength(std::uint8_t* to, std::size_t length) {
+  for (int i = 0; i < 4; ++i) {
+    to[i] = static_cast<std::uint8_t>(length >> (24 - 8 * i));
+  }
+}
+
+// Calls `each` with the units of a frame, from their codes up to the next.
+template <typename Each>
+void ForEachUnit(std::span<const std::uint8_t> bytes, Each each) {
+  Unit unit;
+  bool found = FindUnit(bytes, 0, unit);
+  while (found) {
+    Unit next;
+    const bool more = FindUnit(bytes, unit.begin, next);
+    each(unit, (more ? next.code : bytes.size()) - unit.begin);
+    unit = next;
+    found = more;
+  }
+}
+
+bool IsHighProfile(std::uint8_t profile) {
+  constexpr std::uint8_t kOthers[] = {66, 77, 88};
+  return std::find(std::begin(kOthers), std::end(kOthers), profile) == std::end(kOthers);
+}
+
+void AppendSets(std::vector<std::uint8_t>& record, std::span<const std::uint8_t> bytes,
+                std::uint8_t type, std::uint8_t countBits) {
+  const std::size_t count = record.size();
+  record.push_back(countBits);
+  ForEachUnit(bytes, [&](const Unit& unit, std::size_t length) {
+    if (length >= 4 && length <= 0xFFFF && (bytes[unit.begin] & 0x1F) == type) {
+      ++record[count];
+      record.push_back(static_cast<std::uint8_t>(length >> 8));
+      record.push_back(static_cast<std::uint8_t>(length));
+      const auto set = bytes.subspan(unit.begin, length);
+      record.insert(record.end(), set.begin(), set.end());
+    }
+  });
+}
+
+}  // namespace
+
+std::vector<std::uint8_t> AvcConfiguration(std::span<const std::uint8_t> parameterSets,
+                                           int chromaFormat, int bitDepth) {
+  constexpr std::uint8_t kSps = 7;
+  constexpr std::uint8_t kPps = 8;
+  std::vector<std::uint8_t> record = {1, 0, 0, 0, 0xFF};  // lengths of four bytes
+  AppendSets(record, parameterSets, kSps, 0xE0);
+  const std::size_t pictureSets = record.size();
+  AppendSets(record, parameterSets, kPps, 0);
+  if (record[5] == 0xE0 || record[pictureSets] == 0) {
+    return {};
+  }
+  std::copy_n(record.begin() + 9, 3, record.begin() + 1);  // profile, compatibility, level
+  if (IsHighProfile(record[1])) {
+    const auto depth = static_cast<std::uint8_t>(0xF8 | (bitDepth - 8));
+    record.insert(record.end(), {static_cast<std::uint8_t>(0xFC | chromaFormat), depth, depth, 0});
+  }
+  return record;
+}
+
+std::span<const std::uint8_t> LengthsForStartCodes(std::span<std::uint8_t> frame,
+                                                   std::vector<std::uint8_t>& scratch) {
+  bool inPlace = true;
+  std::size_t first = frame.size();
+  ForEachUnit(frame, [&](const Unit& unit, std::size_t) {
+    inPlace = inPlace && unit.begin - unit.code == 4;
+    first = std::min(first, unit.code);
+  });
+  if (inPlace) {
+    // A length never looks like a code in front of the place that the search has come to.
+    ForEachUnit(
+        frame, [&](const Unit& unit, std::size_t length) { PutLength(&frame[unit.code], length); });
+    return frame.subspan(first);
+  }
+  scratch.clear();
+  ForEachUnit(frame, [&](const Unit& unit, std::size_t length) {
+    scratch.resize(scratch.size() + 4);
+    PutLength(&scratch[scratch.size() - 4], length);
+    const auto payload = frame.subspan(unit.begin, length);
+    scratch.insert(scratch.end(), payload.begin(), payload.end());
+  });
+  return scratch;
+}
+
+}  // namespace tools
