@@ -61,8 +61,12 @@ bool CIPCAM_Config_Utility::Succeed() {
 }
 
 bool CIPCAM_Config_Utility::Fail(std::string_view what) {
-  error_ = "camera " + cms::Utf8FromWide(address_) + ":" + std::to_string(port_) + ": ";
-  error_ += what;
+  // Some of it comes from the network: one line of UTF-8 whatever was sent.
+  std::wstring text =
+      L"camera " + address_ + L":" + std::to_wstring(port_) + L": " + cms::WideFromUtf8(what);
+  std::ranges::replace_if(
+      text, [](wchar_t c) { return c < L' ' || c == 0x7F; }, L' ');
+  error_ = cms::Utf8FromWide(text);
   result_ = kHttpCommandFailed;
   return false;
 }

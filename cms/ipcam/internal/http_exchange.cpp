@@ -1,6 +1,7 @@
 #include "cms/ipcam/internal/http_exchange.h"
 
 #include <curl/curl.h>
+#include <poll.h>
 
 #include <algorithm>
 #include <cstddef>
@@ -18,6 +19,7 @@ namespace {
 
 constexpr std::size_t kMaxAnswerHeader = 65536;
 constexpr std::size_t kMaxErrorBody = 8192;  // enough for any SOAP fault
+constexpr std::size_t kMaxStatus = 100;      // of a status line in an error
 
 struct FreeEasy {
   void operator()(CURL* easy) const { curl_easy_cleanup(easy); }
@@ -40,8 +42,9 @@ void Append(Headers& list, const std::string& line) {
   }
 }
 
-// The lines of `text`, then the credentials. A line whose name is in the list already is left out.
-Headers RequestHeaders(const _SEND_HTTP_COMMAND_PARAM& param) {
+// The caller's lines, then the Basic credentials. A line whose name is in the list already is left
+// out.
+Headers RequestHeaders(const _SEND_HTTP_COMMAND_PARAM& param, bool basic) {
   Headers list;
   const auto add = [&list](std::string_view line) {
     const std::string_view name = line.substr(0, line.find(':') + 1);
@@ -60,46 +63,55 @@ Headers RequestHeaders(const _SEND_HTTP_COMMAND_PARAM& param) {
     }
     rest.remove_prefix(std::min(end + 2, rest.size()));
   }
-  add("Authorization: Basic " +
-      Base64(Utf8FromWide(param.userName) + ":" + Utf8FromWide(param.password)));
+  if (basic) {
+    add("Authorization: Basic " +
+        Base64(Utf8FromWide(param.userName) + ":" + Utf8FromWide(param.password)));
+  }
   return list;
 }
 
-// Nothing for an address or a path that would not stay what it is within a request.
-std::unique_ptr<CURLU, FreeUrl> RequestUrl(const _SEND_HTTP_COMMAND_PARAM& param) {
-  std::unique_ptr<CURLU, FreeUrl> url(curl_url());
+bool IsRequestTarget(std::string_view path) {
+  return path.starts_with('/') && std::ranges::none_of(path, [](char c) {
+           return static_cast<unsigned char>(c) <= ' ' || c == '#';
+         });
+}
+
+// "http://host:port", empty for an address or a port that is none.
+std::string Origin(const _SEND_HTTP_COMMAND_PARAM& param) {
+  const std::unique_ptr<CURLU, FreeUrl> url(curl_url());
   std::string host = Utf8FromWide(param.serverAddress);
   if (host.find(':') != std::string::npos && !host.starts_with('[')) {
     host = "[" + host + "]";
   }
+  char* text = nullptr;
   if (url == nullptr || param.port <= 0 || param.port > 65535 ||
       curl_url_set(url.get(), CURLUPART_SCHEME, "http", 0) != CURLUE_OK ||
       curl_url_set(url.get(), CURLUPART_HOST, host.c_str(), 0) != CURLUE_OK ||
       curl_url_set(url.get(), CURLUPART_PORT, std::to_string(param.port).c_str(), 0) != CURLUE_OK ||
-      curl_url_set(url.get(), CURLUPART_PATH, "/", 0) != CURLUE_OK) {
-    return nullptr;
+      curl_url_get(url.get(), CURLUPART_URL, &text, 0) != CURLUE_OK) {
+    return {};
   }
-  return url;
-}
-
-bool IsRequestTarget(std::string_view path) {
-  return path.starts_with('/') &&
-         std::ranges::none_of(path, [](char c) { return static_cast<unsigned char>(c) <= ' '; });
+  std::string origin = text;
+  curl_free(text);
+  if (origin.ends_with('/')) {
+    origin.pop_back();
+  }
+  return origin;
 }
 
 // The state of one attempt; libcurl calls Header and Body.
 class Attempt {
  public:
-  Attempt(_SEND_HTTP_COMMAND_PARAM& param, CURLU* url, curl_slist* headers,
-          const std::string& target, const std::string& body, HttpExchangeReport& report)
+  Attempt(_SEND_HTTP_COMMAND_PARAM& param, const std::string& url, curl_slist* headers,
+          const std::string& body, bool digest, HttpExchangeReport& report)
       : param_(param), report_(report), bodySize_(static_cast<curl_off_t>(body.size())) {
     easy_.reset(curl_easy_init());
     multi_.reset(curl_multi_init());
     if (easy_ == nullptr || multi_ == nullptr) {
       return;
     }
-    Set(CURLOPT_CURLU, url);
-    Set(CURLOPT_REQUEST_TARGET, target.c_str());
+    Set(CURLOPT_URL, url.c_str());
+    Set(CURLOPT_PATH_AS_IS, 1L);
     Set(CURLOPT_HTTPHEADER, headers);
     Set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
     Set(CURLOPT_PROTOCOLS_STR, "http");
@@ -114,6 +126,11 @@ class Attempt {
       Set(CURLOPT_POSTFIELDSIZE_LARGE, bodySize_);
       Set(CURLOPT_POSTFIELDS, body.c_str());
     }
+    if (digest) {
+      Set(CURLOPT_HTTPAUTH, static_cast<long>(CURLAUTH_DIGEST));
+      Set(CURLOPT_USERNAME, Utf8FromWide(param.userName).c_str());
+      Set(CURLOPT_PASSWORD, Utf8FromWide(param.password).c_str());
+    }
     added_ = curl_multi_add_handle(multi_.get(), easy_.get()) == CURLM_OK;
   }
   ~Attempt() {
@@ -127,6 +144,7 @@ class Attempt {
   void Run(int interrupt);
   bool IsConnected() const { return Info(CURLINFO_PRETRANSFER_TIME_T) > 0; }
   bool WasInterrupted() const { return interrupted_; }
+  bool IsDigestWanted() const { return digestWanted_; }
 
  private:
   enum class Step { kConnecting, kSending, kAwaiting, kReceiving };
@@ -146,6 +164,10 @@ class Attempt {
   static std::size_t Body(char* data, std::size_t size, std::size_t count, void* self) {
     return static_cast<Attempt*>(self)->OnBody({data, size * count}) ? size * count : 0;
   }
+  std::string_view Status() const {
+    return std::string_view(header_).substr(0, header_.find('\r'));
+  }
+  bool IsOk() const { return Status().find("200 OK") != std::string_view::npos; }
   bool OnHeader(std::string_view line);
   bool OnBody(std::string_view data);
   Step CurrentStep() const;
@@ -161,6 +183,7 @@ class Attempt {
   std::unique_ptr<CURLM, FreeMulti> multi_;
   bool added_ = false;
   bool interrupted_ = false;
+  bool digestWanted_ = false;  // the server challenges so
   std::string header_;
   bool headerEnded_ = false;
   Step step_ = Step::kConnecting;
@@ -172,13 +195,15 @@ bool Attempt::OnHeader(std::string_view line) {
     header_.clear();
     headerEnded_ = false;
   }
+  constexpr std::string_view kChallenge = "WWW-Authenticate: Digest";
+  digestWanted_ = digestWanted_ || EqualAnyCase(line.substr(0, kChallenge.size()), kChallenge);
   header_ += line;
   headerEnded_ = headerEnded_ || line == "\r\n" || line == "\n";
   return header_.size() <= kMaxAnswerHeader;
 }
 
 bool Attempt::OnBody(std::string_view data) {
-  if (header_.find("200 OK") == std::string::npos) {
+  if (!IsOk()) {
     report_.body.append(data.substr(0, kMaxErrorBody - report_.body.size()));
     return report_.body.size() < kMaxErrorBody;
   }
@@ -245,7 +270,6 @@ bool Attempt::PassesDeadline(std::uint64_t now) {
 }
 
 void Attempt::Finish(CURLcode code) {
-  const bool ok = header_.find("200 OK") != std::string::npos;
   // A body that OnBody had enough of is whole for the caller.
   const bool enough = code == CURLE_WRITE_ERROR && headerEnded_;
   report_.answered = !header_.empty();
@@ -253,13 +277,13 @@ void Attempt::Finish(CURLcode code) {
     report_.error = header_.size() > kMaxAnswerHeader ? "the answer's header does not end"
                     : code == CURLE_PARTIAL_FILE      ? "the answer broke off"
                                                       : curl_easy_strerror(code);
-  } else if (ok) {
+  } else if (IsOk()) {
     param_.result = kHttpCommandOk;
-  } else if (header_.find("401 Unauthorized") != std::string::npos) {
+  } else if (Status().find("401 Unauthorized") != std::string_view::npos) {
     param_.result = kHttpCommandUnauthorized;
     report_.error = "the user name or the password is wrong (401 Unauthorized)";
   } else {
-    report_.error = "answered " + header_.substr(0, std::min<std::size_t>(header_.find('\r'), 100));
+    report_.error = "answered " + std::string(Status().substr(0, kMaxStatus));
   }
 }
 
@@ -307,23 +331,37 @@ HttpExchangeReport ExchangeHttp(_SEND_HTTP_COMMAND_PARAM& param, int interrupt) 
   clear();
   const std::string target = Utf8FromWide(param.objectPath);
   const std::string body = Utf8FromWide(param.body);
-  const auto url = RequestUrl(param);
+  const std::string origin = Origin(param);
   if (initialized != CURLE_OK) {
     report.error = "the HTTP client cannot be started";
-  } else if (url == nullptr) {
+  } else if (origin.empty()) {
     report.error = "not an address and a port";
   } else if (!IsRequestTarget(target)) {
     report.error = "not a path of a request";
+  } else if (pollfd woken{.fd = interrupt, .events = POLLIN, .revents = 0};
+             poll(&woken, 1, 0) > 0) {
+    report.error = "interrupted";
   }
   if (!report.error.empty()) {
     return report;
   }
-  const Headers headers = RequestHeaders(param);
-  for (unsigned attempts = 0;; ++attempts) {
+  bool digest = false;
+  for (unsigned retries = 0; retries <= param.connectRetries;) {
     report = {};
-    Attempt attempt(param, url.get(), headers.get(), target, body, report);
+    clear();
+    const Headers headers = RequestHeaders(param, !digest);
+    Attempt attempt(param, origin + target, headers.get(), body, digest, report);
     attempt.Run(interrupt);
-    if (attempt.IsConnected() || attempt.WasInterrupted() || attempts >= param.connectRetries) {
+    if (attempt.WasInterrupted()) {
+      break;
+    }
+    if (!attempt.IsConnected()) {
+      ++retries;
+    } else if (param.result == kHttpCommandUnauthorized && attempt.IsDigestWanted() && !digest) {
+      // A server that takes no Basic credentials has not looked at the request: once more.
+      digest = true;
+      param.result = kHttpCommandFailed;
+    } else {
       break;
     }
   }

@@ -15,7 +15,8 @@ struct HttpExchangeReport {
 };
 
 // Sends the request and fills answerLength and result. `interrupt` is a descriptor that ends the
-// exchange when it becomes readable. Reads no environment variable, follows no redirection.
+// exchange when it becomes readable. A server that refuses the Basic credentials and asks for
+// Digest ones is given these once. Reads no environment variable, follows no redirection.
 HttpExchangeReport ExchangeHttp(_SEND_HTTP_COMMAND_PARAM& param, int interrupt);
 
 }  // namespace cms

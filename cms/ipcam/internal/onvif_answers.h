@@ -15,7 +15,7 @@ namespace cms {
 // The camera's clock in seconds since 1970-01-01 UTC.
 std::optional<std::int64_t> ParseSystemDateAndTime(std::wstring_view answer);
 
-// The reason that a SOAP fault gives as one short line of UTF-8; empty when the answer is no fault.
+// The reason that a SOAP fault gives as short UTF-8; empty when the answer is no fault.
 std::string FaultReason(std::wstring_view answer);
 bool IsNotAuthorizedFault(std::wstring_view answer);
 
