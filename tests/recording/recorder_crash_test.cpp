@@ -97,7 +97,7 @@ INSTANTIATE_TEST_SUITE_P(, RecorderCrash, testing::Range(0u, 4u));
 TEST_P(RecorderCrash, KilledAtAnyMomentOneRepairLeavesNothingToMend) {
   std::mt19937 random(GetParam());
   int torn = 0;
-  for (int round = 0; round < 2; ++round) {
+  for (int round = 0; round < 3; ++round) {
     const test::TemporaryFolder folder("/dev/shm");  // nothing is said about power cuts here
     const std::string data = folder.File("data");
     const std::uint32_t safe =

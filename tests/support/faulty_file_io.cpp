@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 
 #include "cms/runtime/native_path.h"
 
@@ -273,7 +273,9 @@ std::vector<std::string> TemporaryFolder::Names() const {
 
 std::string ReadWholeFile(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  std::ostringstream content;  // in blocks: recordings are many megabytes
+  content << file.rdbuf();
+  return content.str();
 }
 
 void WriteWholeFile(const std::string& path, const std::string& content) {
