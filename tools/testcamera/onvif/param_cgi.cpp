@@ -112,17 +112,22 @@ Encoder* NthEncoder(CameraSettings& settings, const std::string& encoding, int n
   return nullptr;
 }
 
+// The keyword of a stream's size, or "640x360" and the like where there is none.
+std::string Keyword(const Encoder& encoder, const std::vector<FrameSize>& sizes) {
+  const auto size = std::find_if(sizes.begin(), sizes.end(), [&](const FrameSize& each) {
+    return each.width == encoder.width && each.height == encoder.height;
+  });
+  return size != sizes.end()
+             ? size->keyword
+             : std::to_string(encoder.width) + "x" + std::to_string(encoder.height);
+}
+
 std::string Resolutions(const CameraSettings& settings) {
   const std::vector<FrameSize> sizes = FrameSizes(settings.Is50Hz());
   std::string list;
   for (const Encoder& each : settings.encoders) {
-    const auto size = std::find_if(sizes.begin(), sizes.end(), [&](const FrameSize& candidate) {
-      return candidate.width == each.width && candidate.height == each.height;
-    });
     list += list.empty() ? "" : ",";
-    list += !each.enabled         ? kDisable
-            : size != sizes.end() ? size->keyword
-                                  : std::to_string(each.width) + "x" + std::to_string(each.height);
+    list += each.enabled ? Keyword(each, sizes) : kDisable;
   }
   return list;
 }
@@ -142,7 +147,7 @@ bool SetResolutions(CameraSettings& settings, const std::string& list) {
     if (size != sizes.end()) {
       encoder.width = size->width;
       encoder.height = size->height;
-    } else if (encoder.enabled) {
+    } else if (encoder.enabled && keywords[i] != Keyword(encoder, sizes)) {
       return false;
     }
   }
