@@ -117,9 +117,8 @@ std::string Keyword(const Encoder& encoder, const std::vector<FrameSize>& sizes)
   const auto size = std::find_if(sizes.begin(), sizes.end(), [&](const FrameSize& each) {
     return each.width == encoder.width && each.height == encoder.height;
   });
-  return size != sizes.end()
-             ? size->keyword
-             : std::to_string(encoder.width) + "x" + std::to_string(encoder.height);
+  return size != sizes.end() ? size->keyword
+                             : std::to_string(encoder.width) + "x" + std::to_string(encoder.height);
 }
 
 std::string Resolutions(const CameraSettings& settings) {
