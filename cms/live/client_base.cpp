@@ -81,7 +81,6 @@ void CMSClientBase::OnGetAudioFrame(void* header, int headerSize, void* data, in
   OnDecodeAudioFrame(data, size, channel);
 }
 
-
 void CMSClientBase::OnDecodeVideoFrame(void* data, int size, unsigned channel, int frameType) {
   CMSChannelDataBase* const state = Channel(channel);
   if (state == nullptr) {
