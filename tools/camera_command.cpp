@@ -290,8 +290,8 @@ void AddCameraCommand(CLI::App& app, CommandResult& result) {
       command, "--auth", camera.auth,
       {{"none", AuthScheme::kNone}, {"basic", AuthScheme::kBasic}, {"digest", AuthScheme::kDigest}},
       "Ask for a password [none]");
-  command->add_option("--user", camera.user)->capture_default_str();
-  command->add_option("--password", camera.password)->capture_default_str();
+  command->add_option("--user", camera.user, "Who may log in")->capture_default_str();
+  command->add_option("--password", camera.password, "Its password")->capture_default_str();
 
   command->add_option("--transports", arguments->transports, "Those offered: udp,tcp")
       ->delimiter(',')

@@ -46,8 +46,8 @@ void AddSiteOptions(CLI::App* app, SiteArguments& arguments) {
   app->add_option("host", arguments.host, "The camera's address or name, and its HTTP port [80]")
       ->required()
       ->type_name("HOST[:PORT]");
-  app->add_option("--user", arguments.user)->required();
-  app->add_option("--password", arguments.password)->required();
+  app->add_option("--user", arguments.user, "Who logs in to the camera")->required();
+  app->add_option("--password", arguments.password, "Its password")->required();
   app->add_flag("--json", arguments.json, "Print one JSON object");
 }
 

@@ -51,7 +51,7 @@ done
 grep -E '/internal/|\.cpp$' "$work/liborvanta-cms-dev.files" | grep -v /examples/ && fail "the files above are for nobody"
 for binary in "$work"/liborvanta-cms0/usr/lib/**/liborvanta-cms.so.0.*.* "$work/orvanta-cms-tools/usr/bin/orvanta"; do
   [[ -f $binary ]] || continue
-  readelf -S "$binary" | grep -q '\.debug_info' && fail "$binary carries debug information"
+  readelf -S "$binary" | grep '\.debug_info' >/dev/null && fail "$binary carries debug information"
 done
 
 echo "== man pages and completion"
@@ -69,11 +69,11 @@ completed() { # WORD...
 mapfile -t commands < <("$orvanta" --help | sed -n '/^Subcommands:/,$ s/^  \([a-z]\+\) .*/\1/p')
 ((${#commands[@]} > 3)) || fail "the help shows the commands ${commands[*]}"
 for command in "${commands[@]}"; do
-  page orvanta | grep -qF "orvanta-$command" || fail "orvanta(1) does not name $command"
-  completed "" | grep -qx -- "$command" || fail "$command is not completed"
+  page orvanta | grep -F "orvanta-$command" >/dev/null || fail "orvanta(1) does not name $command"
+  completed "" | grep -x -- "$command" >/dev/null || fail "$command is not completed"
   for option in $("$orvanta" "$command" --help | options); do
-    page "orvanta-$command" | grep -qF -- "$option" || fail "orvanta-$command(1) does not have $option"
-    completed "$command" "$option" | grep -qx -- "$option" || fail "$command $option is not completed"
+    page "orvanta-$command" | grep -F -- "$option" >/dev/null || fail "orvanta-$command(1) does not have $option"
+    completed "$command" "$option" | grep -x -- "$option" >/dev/null || fail "$command $option is not completed"
   done
 done
 [[ $(completed live --transport t) == tcp ]] || fail "the words of an option are not completed"
