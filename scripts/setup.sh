@@ -24,6 +24,9 @@ ci_packages=(
   libmicrohttpd-dev libcivetweb-dev libsqlite3-dev apache2-utils lintian
 )
 
+# Trees of one clone compile much alike: what one has compiled the other takes from the compiler cache.
+export CCACHE_BASEDIR=$root CCACHE_NOHASHDIR=1
+
 say() { printf 'orvanta: %s\n' "$*" >&2; }
 die() {
   say "$*"
