@@ -60,7 +60,7 @@ Context OpenEncoder(const ClipSpec& spec) {
   context->time_base = {1, spec.fps};
   context->framerate = {spec.fps, 1};
   context->gop_size = spec.gop;
-  context->max_b_frames = 0;
+  context->max_b_frames = spec.bframes;
   context->thread_count = 1;
   context->pix_fmt = AV_PIX_FMT_YUV420P;
   context->flags |= AV_CODEC_FLAG_BITEXACT;
@@ -74,10 +74,12 @@ Context OpenEncoder(const ClipSpec& spec) {
   if (spec.codec == ClipCodec::kH264) {
     context->keyint_min = spec.gop;
     av_dict_set(&options, "preset", "superfast", 0);
-    av_dict_set(&options, "tune", "zerolatency", 0);
+    if (spec.bframes == 0) {
+      av_dict_set(&options, "tune", "zerolatency", 0);
+    }
     av_dict_set(&options, "profile", spec.profile == ClipProfile::kHigh ? "high" : "baseline", 0);
     const std::string extra =
-        std::string("scenecut=0:sliced-threads=0:aud=") + (spec.delimiters ? "1" : "0");
+        std::string("scenecut=0:b-adapt=0:sliced-threads=0:aud=") + (spec.delimiters ? "1" : "0");
     av_dict_set(&options, "x264-params", extra.c_str(), 0);
   } else if (spec.codec == ClipCodec::kMjpeg) {
     context->pix_fmt = AV_PIX_FMT_YUVJ420P;

@@ -20,16 +20,17 @@ struct ClipSpec {
   int bitrate = 0;          // bits per second; 0: constant quality
   bool delimiters = false;  // an access-unit delimiter (NAL type 9) before each H.264 picture
   bool noise = false;       // pictures that are hard to compress
+  int bframes = 0;          // in a row, H.264 of the high profile and MPEG-4
 };
 
 struct EncodedFrame {
   std::vector<std::uint8_t>
       data;  // one picture: H.264 Annex B, a whole JPEG, MPEG-4 with in-band VOL
   bool key = false;
-  std::int64_t pts = 0;  // in frames, from 0
+  std::int64_t pts = 0;  // in frames, from 0; the frame's number
 };
 
-// No B-frames, one slice a picture, parameter sets in front of each key frame. JPEGs use the
+// In decoding order, one slice a picture, parameter sets in front of each key frame. JPEGs use the
 // standard Huffman tables and 4:2:0, as RTP carries them. Throws std::runtime_error when an encoder
 // fails.
 std::vector<EncodedFrame> EncodeClip(const ClipSpec& spec);
