@@ -61,7 +61,11 @@ int CCMSMultiSitePlaybackCtrl::GetCMSSiteType(unsigned site) const {
 unsigned CCMSMultiSitePlaybackCtrl::GetImageID(unsigned site, unsigned channel) const {
   const auto session = impl_->Running();
   const auto* const data = session ? session->Channel(site, channel) : nullptr;
-  return data != nullptr ? data->Pictures()->ImageId() : 0;
+  if (data == nullptr) {
+    return 0;
+  }
+  session->Transport().ShowDue();
+  return data->Pictures()->ImageId();
 }
 
 char CCMSMultiSitePlaybackCtrl::GetChFrameState(unsigned site, unsigned channel) const {
@@ -123,7 +127,11 @@ tagSIZE CCMSMultiSitePlaybackCtrl::GetWidHei(unsigned site, unsigned channel) co
 std::int64_t CCMSMultiSitePlaybackCtrl::CurTimeGet(unsigned site, unsigned channel) const {
   const auto session = impl_->Running();
   const auto* const data = session ? session->Channel(site, channel) : nullptr;
-  return data != nullptr ? data->Pictures()->ShownTime() : 0;
+  if (data == nullptr) {
+    return 0;
+  }
+  session->Transport().ShowDue();
+  return data->Pictures()->ShownTime();
 }
 
 int CCMSMultiSitePlaybackCtrl::GetCAMERA_TITLE(unsigned site, unsigned channel,

@@ -85,6 +85,7 @@ unsigned char* CCMSMultiSitePlaybackCtrl::Impl::Lock(unsigned site, unsigned cha
   if (data == nullptr) {
     return nullptr;
   }
+  session->Transport().ShowDue();
   Pin pin{std::this_thread::get_id(), site, channel, data->Pictures(), data->Pictures()->Pin()};
   if (pin.picture == nullptr) {
     return nullptr;

@@ -1,12 +1,20 @@
 #include "cms/playback/internal/picture_store.h"
 
+#include <algorithm>
+#include <span>
 #include <utility>
 
 namespace cms {
 
+tagSIZE PictureStore::SizeOf(const tagSIZE& recorded) const {
+  return display_.cx > 0 && display_.cy > 0 ? display_ : recorded;
+}
+
 PictureStore::Picture* PictureStore::FreePicture() {
+  const auto staged = std::span(staged_).first(stagedCount_);
   for (const auto& picture : pictures_) {
-    if (picture.get() != shown_ && picture.get() != staged_ && picture->pins == 0) {
+    if (picture.get() != shown_ && picture->pins == 0 &&
+        std::ranges::find(staged, picture.get()) == staged.end()) {
       return picture.get();
     }
   }
@@ -17,56 +25,100 @@ PictureStore::Picture* PictureStore::FreePicture() {
   return pictures_.back().get();
 }
 
-bool PictureStore::Stage(const AVFrame& frame, std::int64_t time) {
+PictureStore::Picture* PictureStore::Convert(const AVFrame& frame) {
   Picture* picture = nullptr;
   tagSIZE size;
   {
     const ScopeLock guard(lock_);
-    staged_ = nullptr;
-    stagedNothing_ = false;
     picture = FreePicture();
     recorded_ = {frame.width, frame.height};
-    size = display_.cx > 0 && display_.cy > 0 ? display_ : recorded_;
+    size = SizeOf(recorded_);
   }
   // Neither shown, nor staged, nor pinned: it belongs to this thread alone.
-  if (picture == nullptr ||
-      !picture->converter.Convert(frame, static_cast<int>(size.cx), static_cast<int>(size.cy))) {
-    return false;
-  }
-  picture->time = time;
+  const bool converted =
+      picture != nullptr &&
+      picture->converter.Convert(frame, static_cast<int>(size.cx), static_cast<int>(size.cy));
+  return converted ? picture : nullptr;
+}
+
+void PictureStore::Stage(Picture* picture, FrameRef frame, std::int64_t end, bool forced) {
+  picture->frame = std::move(frame);
+  picture->end = end;
+  picture->forced = forced;
   const ScopeLock guard(lock_);
-  staged_ = picture;
-  return true;
+  stagedNothing_ = false;
+  if (stagedCount_ < staged_.size()) {
+    staged_[stagedCount_++] = picture;
+  }
+}
+
+bool PictureStore::IsFull() {
+  const ScopeLock guard(lock_);
+  const tagSIZE size = SizeOf(recorded_);
+  const auto count = static_cast<std::int64_t>(stagedCount_);
+  return stagedCount_ == kMostStaged ||
+         (count > 0 && (count + 1) * size.cx * size.cy * 4 > kMostStagedBytes);
 }
 
 void PictureStore::StageNothing() {
   const ScopeLock guard(lock_);
-  staged_ = nullptr;
+  stagedCount_ = 0;
   stagedNothing_ = true;
 }
 
 void PictureStore::Unstage() {
   const ScopeLock guard(lock_);
-  staged_ = nullptr;
+  stagedCount_ = 0;
   stagedNothing_ = false;
 }
 
-bool PictureStore::Show() {
+std::int64_t PictureStore::ShowDue(std::int64_t position, bool forward, bool audible) {
   const ScopeLock guard(lock_);
   if (std::exchange(stagedNothing_, false)) {
     shown_ = nullptr;
-    return false;
   }
-  if (staged_ == nullptr) {
-    return false;
+  Picture* due = nullptr;
+  std::size_t passed = 0;
+  for (; passed < stagedCount_; ++passed) {
+    Picture* const picture = staged_[passed];
+    const bool begun = forward ? position >= picture->frame.Time() : position < picture->end;
+    const bool over = forward ? position >= picture->end : position < picture->frame.Time();
+    if (!begun) {
+      break;
+    }
+    due = !over || picture->forced ? picture : due;
   }
-  shown_ = std::exchange(staged_, nullptr);
-  imageId_.fetch_add(1, std::memory_order_relaxed);
-  if (count_.fetch_add(1, std::memory_order_relaxed) == 0) {
-    first_.store(shown_->time, std::memory_order_relaxed);
+  std::copy(staged_.begin() + static_cast<std::ptrdiff_t>(passed),
+            staged_.begin() + static_cast<std::ptrdiff_t>(stagedCount_), staged_.begin());
+  stagedCount_ -= passed;
+  if (due != nullptr) {
+    shown_ = due;
+    audible_ = audible ? due->frame : audible_;
+    const std::int64_t time = due->frame.Time();
+    imageId_.fetch_add(1, std::memory_order_relaxed);
+    if (count_.fetch_add(1, std::memory_order_relaxed) == 0) {
+      first_.store(time, std::memory_order_relaxed);
+    }
+    last_.store(time, std::memory_order_relaxed);
   }
-  last_.store(shown_->time, std::memory_order_relaxed);
-  return true;
+  return shown_ != nullptr ? shown_->frame.Time() : 0;
+}
+
+PictureStore::Standing PictureStore::Stand() {
+  const ScopeLock guard(lock_);
+  Standing standing;
+  standing.imageId = imageId_.load(std::memory_order_relaxed);
+  if (shown_ != nullptr) {
+    standing.shown = shown_->frame;
+  }
+  standing.audible = audible_;
+  standing.staged = stagedCount_;
+  if (stagedCount_ > 0) {
+    standing.first = staged_[0]->frame;
+    standing.firstEnd = staged_[0]->end;
+    standing.last = staged_[stagedCount_ - 1]->frame;
+  }
+  return standing;
 }
 
 void PictureStore::Blank() {
@@ -94,7 +146,7 @@ void PictureStore::SetDisplaySize(const tagSIZE& size) {
 
 std::int64_t PictureStore::ShownTime() {
   const ScopeLock guard(lock_);
-  return shown_ != nullptr ? shown_->time : 0;
+  return shown_ != nullptr ? shown_->frame.Time() : 0;
 }
 
 tagSIZE PictureStore::RecordedSize() {

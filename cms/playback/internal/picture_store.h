@@ -1,41 +1,63 @@
 // PictureStore, the pictures of a channel between its reader thread and those who look at them.
 #pragma once
 
+#include <array>
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <vector>
 
 #include "cms/live/internal/picture_converter.h"
 #include "cms/live/size.h"
+#include "cms/playback/internal/playback_track.h"
 #include "cms/runtime/critical.h"
 #include "cms/runtime/thread_annotations.h"
 
 namespace cms {
 
-// A picture is staged (converted, not seen yet), then shown, and free again once another one is
-// shown and nobody has it pinned. The reader thread stages; whoever moves the clock shows; viewers
-// pin. Only the conversion itself takes time, and that happens without the lock.
+// A picture is staged (converted, not seen yet), shown when the clock comes to its time, and free
+// again once another one is shown and nobody has it pinned. The reader thread converts and stages;
+// whoever moves or reads the clock shows; viewers pin. Only the conversion itself takes time, and
+// that happens without the lock.
 class PictureStore {
  public:
   struct Picture {
     PictureConverter converter;
-    std::int64_t time = 0;
+    FrameRef frame;
+    std::int64_t end = 0;  // up to when it is the one to show
+    bool forced = false;   // also when it is late
     unsigned pins = 0;
+  };
+
+  struct Standing {
+    unsigned imageId = 0;
+    FrameRef shown;
+    FrameRef audible;  // the last one that was shown with its sound
+    std::size_t staged = 0;
+    FrameRef first;  // of what is staged: the next to be shown, and until when it can be
+    std::int64_t firstEnd = 0;
+    FrameRef last;
   };
 
   PictureStore() = default;
   PictureStore(const PictureStore&) = delete;
   PictureStore& operator=(const PictureStore&) = delete;
 
-  // Converts a picture to the display size (0x0: as it is). False when that failed or viewers have
-  // every picture pinned. What was staged before is given up.
-  bool Stage(const AVFrame& frame, std::int64_t time);
+  // Converts a picture to the display size (0x0: as it is). Null when that failed or viewers have
+  // every picture pinned. Without Stage it is free again.
+  Picture* Convert(const AVFrame& frame);
+  // Behind what is staged already; its turn is from the frame's time up to `end`, or backward the
+  // other way round. `forced`: it is shown even when that is over.
+  void Stage(Picture* picture, FrameRef frame, std::int64_t end, bool forced);
+  bool IsFull();        // as much is staged as memory allows
   void StageNothing();  // the channel has no picture at the new time
   void Unstage();       // what was staged is not wanted any more
 
-  // Shows what is staged; true when that was a picture.
-  bool Show();
+  // Shows the last of the staged pictures whose turn it is; what is behind its turn is given up.
+  // `audible`: the sound that belongs to it is wanted.
+  // The time of the picture shown, 0 when there is none.
+  std::int64_t ShowDue(std::int64_t position, bool forward, bool audible);
   void Blank();
 
   // The picture shown, null when there is none. It stays as it is until Unpin.
@@ -44,22 +66,28 @@ class PictureStore {
 
   void SetDisplaySize(const tagSIZE& size);
 
+  Standing Stand();
   std::int64_t ShownTime();  // 0: none
-  tagSIZE RecordedSize();    // of the last picture staged
+  tagSIZE RecordedSize();    // of the last picture converted
   unsigned ImageId() const { return imageId_.load(std::memory_order_relaxed); }
   std::uint64_t ShownCount() const { return count_.load(std::memory_order_relaxed); }
   std::int64_t FirstTime() const { return first_.load(std::memory_order_relaxed); }
   std::int64_t LastTime() const { return last_.load(std::memory_order_relaxed); }
 
  private:
-  static constexpr std::size_t kMostPictures = 10;
+  static constexpr std::size_t kMostPictures = 14;
+  static constexpr std::size_t kMostStaged = 4;
+  static constexpr std::int64_t kMostStagedBytes = 32 << 20;  // beyond the first
 
+  tagSIZE SizeOf(const tagSIZE& recorded) const CMS_REQUIRES(lock_);
   Picture* FreePicture() CMS_REQUIRES(lock_);
 
   CMSCritical lock_;
   std::vector<std::unique_ptr<Picture>> pictures_ CMS_GUARDED_BY(lock_);
   Picture* shown_ CMS_GUARDED_BY(lock_) = nullptr;
-  Picture* staged_ CMS_GUARDED_BY(lock_) = nullptr;
+  FrameRef audible_ CMS_GUARDED_BY(lock_);
+  std::array<Picture*, kMostStaged> staged_ CMS_GUARDED_BY(lock_){};  // in the order of play
+  std::size_t stagedCount_ CMS_GUARDED_BY(lock_) = 0;
   bool stagedNothing_ CMS_GUARDED_BY(lock_) = false;
   tagSIZE display_ CMS_GUARDED_BY(lock_);
   tagSIZE recorded_ CMS_GUARDED_BY(lock_);

@@ -18,6 +18,7 @@ namespace {
 
 constexpr int kLongestWait = 500;  // milliseconds, while the clock runs
 constexpr std::uint64_t kLookForMore = 500;
+constexpr std::size_t kFewStaged = 2;
 constexpr int kMostLateInRow = 3;  // pictures that came too late, before one is shown anyway
 constexpr double kSmoothing = 0.2;
 constexpr double kMorePressure = 1.5;  // by which work is taken to last longer when it came late
@@ -70,7 +71,7 @@ void CCMSPlaybackChannelData::Join() {
 
 void CCMSPlaybackChannelData::PlayForward(int normalSpeed) {
   if (normalSpeed == 0) {
-    drop_.store(true, std::memory_order_relaxed);
+    otherWay_.store(true, std::memory_order_relaxed);
   }
 }
 
@@ -87,18 +88,18 @@ void CCMSPlaybackChannelData::Run() {
     }
     const int wait = Turn(view);
     if (wait != kAtOnce) {
-      transport_->Wait(view.version, wait);
+      transport_->Wait(index_, view.version, imageId_, wait);
     }
   }
 }
 
 int CCMSPlaybackChannelData::Turn(const View& view) {
-  TakeOverShown(view.audio && view.forward);
+  TakeOverShown(view);
   if (!view.displayed) {
     window_.Clear();
     ahead_.Clear();
-    staged_ = target_ = shown_ = {};
-    pictures_->Unstage();
+    target_ = shown_ = {};
+    Unstage();
     pictures_->Blank();
     return kForever;
   }
@@ -126,7 +127,6 @@ int CCMSPlaybackChannelData::Turn(const View& view) {
   if (!place.covered && shown_) {
     pictures_->Blank();
     shown_ = {};
-    transport_->Presented(index_, 0);
   }
   return view.running ? Play(view, place) : Rest(view, place);
 }
@@ -135,16 +135,16 @@ void CCMSPlaybackChannelData::BeginEpoch(const View& view) {
   epoch_ = view.epoch;
   reported_ = {};
   target_ = {};
+  leapt_ = true;
   lost_.clear();
   lateInRow_ = 0;
   lookedForMore_ = 0;
-  if (drop_.exchange(false, std::memory_order_relaxed)) {
-    staged_ = {};
-    pictures_->Unstage();
+  if (otherWay_.exchange(false, std::memory_order_relaxed)) {
+    pressure_ = 1;
   }
   if (anew_.exchange(false, std::memory_order_relaxed)) {
-    staged_ = shown_ = {};
-    pictures_->Unstage();
+    shown_ = {};
+    Unstage();
   }
   if (view.forward) {
     window_.Clear();
@@ -167,22 +167,28 @@ void CCMSPlaybackChannelData::ResolveStep(const View& view) {
   transport_->ResolveStep(index_, view.epoch, moved ? std::optional(frame.Time()) : std::nullopt);
 }
 
-// What the transport, or this thread, has shown since the last turn.
-void CCMSPlaybackChannelData::TakeOverShown(bool audio) {
-  const unsigned id = pictures_->ImageId();
-  if (id == imageId_) {
-    if (shown_ && pictures_->ShownTime() == 0) {
+void CCMSPlaybackChannelData::Unstage() {
+  pictures_->Unstage();
+  stage_ = pictures_->Stand();
+}
+
+// What was shown since the last turn.
+void CCMSPlaybackChannelData::TakeOverShown(const View& view) {
+  stage_ = pictures_->Stand();
+  if (stage_.imageId == imageId_) {
+    if (!stage_.shown) {
       shown_ = {};
     }
     return;
   }
-  imageId_ = id;
-  shown_ = std::exchange(staged_, {});
-  lost_.clear();
+  imageId_ = stage_.imageId;
+  shown_ = stage_.shown;
   if (!shown_) {
     return;
   }
-  transport_->Presented(index_, shown_.Time());
+  std::erase_if(lost_, [&](const FrameRef& lost) {
+    return view.forward ? lost.Time() <= shown_.Time() : lost.Time() >= shown_.Time();
+  });
   const cms::PlaybackReaderStatus status = reader_->Status();
   skippedBytes_.store(status.skippedBytes, std::memory_order_relaxed);
   rebuilt_.store(status.rebuiltIndexes, std::memory_order_relaxed);
@@ -190,11 +196,10 @@ void CCMSPlaybackChannelData::TakeOverShown(bool audio) {
   if (const auto render = render_.load(std::memory_order_relaxed)) {
     render(nullptr);
   }
-  if (audio) {
-    HandOutAudio();
-  } else {
-    heard_ = {};
+  if (stage_.audible && !stage_.audible.Is(heard_)) {
+    HandOutAudioUpTo(stage_.audible);
   }
+  leapt_ = leapt_ || !stage_.audible.Is(shown_);
 }
 
 // --- Where the channel stands -------------------------------------------------------------------
@@ -270,14 +275,13 @@ int CCMSPlaybackChannelData::Hold(const View& view, const Place& place, const St
     return kForever;
   }
   if (!place.wanted || IsLost(place.wanted)) {
-    staged_ = {};
     pictures_->StageNothing();
-  } else if (shown_.Is(place.wanted)) {
-    staged_ = {};
-    pictures_->Unstage();
-  } else if (!staged_.Is(place.wanted)) {
-    Work(view, place.wanted, place.keysOnly);
-    return kAtOnce;
+  } else if (!shown_.Is(place.wanted)) {
+    if (!Prepare(view, place)) {
+      return kAtOnce;
+    }
+  } else if (!stage_.first.Is(Following(view, place.wanted, place.keysOnly))) {
+    Unstage();
   }
   prepared_ = view.epoch;
   reported_ = standing;
@@ -285,24 +289,31 @@ int CCMSPlaybackChannelData::Hold(const View& view, const Place& place, const St
   return kAtOnce;
 }
 
+// One piece of the way to the wanted picture; true when it is the next to be shown.
+bool CCMSPlaybackChannelData::Prepare(const View& view, const Place& place) {
+  if (stage_.first.Is(place.wanted)) {
+    return true;
+  }
+  if (stage_.first) {
+    Unstage();
+  }
+  Work(view, place.wanted, place.keysOnly);
+  return false;
+}
+
 // The clock stands: the picture may still be missing when it came too late for the others.
 int CCMSPlaybackChannelData::Rest(const View& view, const Place& place) {
   if (place.wanted && !IsDone(place.wanted)) {
-    if (staged_.Is(place.wanted)) {
-      pictures_->Show();
-    } else {
-      Work(view, place.wanted, place.keysOnly);
-    }
+    Prepare(view, place);
     return kAtOnce;
   }
   return view.atEnd && view.forward && reader_->MayGrow() ? kLongestWait : kForever;
 }
 
+// Some pictures are made ready in a row, and then none until they are nearly used up.
 int CCMSPlaybackChannelData::Play(const View& view, const Place& place) {
-  if (staged_ && ShowStaged(view, place)) {
-    return kAtOnce;
-  }
-  if (!staged_) {
+  filling_ = (filling_ || stage_.staged <= kFewStaged) && !pictures_->IsFull();
+  if (filling_) {
     const bool overtaken = target_ && place.current &&
                            !(target_.Place() == place.current.Place()) &&
                            (target_.Time() < place.current.Time()) == view.forward;
@@ -320,33 +331,6 @@ int CCMSPlaybackChannelData::Play(const View& view, const Place& place) {
     return kAtOnce;
   }
   return UntilDue(view, place);
-}
-
-// When it is time for what is staged: shows it, or gives it up when it came too late. False when
-// its time is still to come.
-bool CCMSPlaybackChannelData::ShowStaged(const View& view, const Place& place) {
-  const std::int64_t end = EndOf(staged_, place.keysOnly);
-  const bool due = view.forward ? view.position >= staged_.Time() : view.position < end;
-  if (!due) {
-    waited_ = true;
-    return false;
-  }
-  const bool late = view.forward ? view.position >= end : view.position < staged_.Time();
-  if (late && waited_) {  // it was ready, but the clock leapt or this thread overslept
-    staged_ = {};
-    pictures_->Unstage();
-    return true;
-  }
-  pressure_ = late ? std::min(pressure_ * kMorePressure, kMostPressure)
-                   : std::max(pressure_ * kRelief, 1.0);
-  if (late && ++lateInRow_ < kMostLateInRow) {
-    staged_ = {};
-    pictures_->Unstage();
-    return true;
-  }
-  lateInRow_ = 0;
-  pictures_->Show();
-  return true;
 }
 
 // Up to when a frame is shown among those that are shown at all.
@@ -367,6 +351,9 @@ FrameRef CCMSPlaybackChannelData::Following(const View& view, FrameRef frame, bo
 
 // The picture to make ready: the wanted one if it is missing, else the one that follows.
 FrameRef CCMSPlaybackChannelData::Aim(const View& view, const Place& place) {
+  if (stage_.last) {
+    return Following(view, stage_.last, place.keysOnly);
+  }
   if (!place.wanted) {  // in a gap: the first picture behind it
     FrameRef next = place.current;
     if (view.forward) {
@@ -404,9 +391,9 @@ int CCMSPlaybackChannelData::UntilDue(const View& view, const Place& place) {
     media = view.forward ? track_.ValidUntil(place.current) - view.position
                          : view.position - place.current.Time() + 1;
   }
-  if (staged_) {
-    media = std::min(media, view.forward ? staged_.Time() - view.position
-                                         : view.position - EndOf(staged_, place.keysOnly) + 1);
+  if (stage_.first) {
+    media = std::min(media, view.forward ? stage_.first.Time() - view.position
+                                         : view.position - stage_.firstEnd + 1);
   }
   const double wait = std::ceil(static_cast<double>(media) / view.rate);
   return std::clamp(static_cast<int>(std::min(wait, 1e6)), 1, kLongestWait);
@@ -428,7 +415,7 @@ bool CCMSPlaybackChannelData::Work(const View& view, const FrameRef& target, boo
       return false;
     }
   }
-  Stage(target, decoder_.HasPicture(target) ? &decoder_.Picture() : nullptr);
+  Stage(view, target, keysOnly, decoder_.HasPicture(target) ? &decoder_.Picture() : nullptr);
   return true;
 }
 
@@ -445,7 +432,7 @@ bool CCMSPlaybackChannelData::WorkBackward(const View& view, const FrameRef& tar
     DecodeInto(window_, view, target);
     return false;
   }
-  Stage(target, window_.Picture(target));
+  Stage(view, target, false, window_.Picture(target));
   return true;
 }
 
@@ -514,32 +501,49 @@ bool CCMSPlaybackChannelData::DecodeOne(const View& view, const FrameRef& frame,
   return true;
 }
 
-void CCMSPlaybackChannelData::Stage(const FrameRef& target, const AVFrame* picture) {
-  waited_ = false;
-  if (picture != nullptr && pictures_->Stage(*picture, target.Time())) {
-    staged_ = target;
-  } else {
-    staged_ = {};
+// A picture that comes when its turn is over is given up, except one now and then.
+void CCMSPlaybackChannelData::Stage(const View& view, const FrameRef& target, bool keysOnly,
+                                    const AVFrame* picture) {
+  cms::PictureStore::Picture* const converted =
+      picture != nullptr ? pictures_->Convert(*picture) : nullptr;
+  if (converted == nullptr) {
     lost_.push_back(target);
+    return;
   }
+  const std::int64_t end = EndOf(target, keysOnly);
+  bool late = false;
+  if (view.running && !view.held) {
+    const std::int64_t now = transport_->Position();
+    late = view.forward ? now >= end : now < target.Time();
+    pressure_ = late ? std::min(pressure_ * kMorePressure, kMostPressure)
+                     : std::max(pressure_ * kRelief, 1.0);
+  }
+  if (late && ++lateInRow_ < kMostLateInRow) {
+    return;
+  }
+  lateInRow_ = 0;
+  pictures_->Stage(converted, target, end, late);
 }
 
 // --- Audio --------------------------------------------------------------------------------------
 
 // What lies between the pictures: with each picture the blocks that follow it in the recording.
-void CCMSPlaybackChannelData::HandOutAudio() {
-  const FrameRef from = std::exchange(heard_, shown_);
+void CCMSPlaybackChannelData::HandOutAudioUpTo(const FrameRef& shown) {
+  FrameRef from = std::exchange(heard_, shown);
+  if (std::exchange(leapt_, false)) {
+    from = {};
+  }
   if (!sink_->WantsAudio(site_, channel_)) {
     return;
   }
-  std::size_t first = shown_.index;
-  if (from && from.Place() == shown_.Place()) {
-    first = std::min(from.index + 1, shown_.index);
-  } else if (from && track_.KeyAfter(from).Is(cms::PlaybackTrack::KeyOf(shown_))) {
+  std::size_t first = shown.index;
+  if (from && from.Place() == shown.Place()) {
+    first = std::min(from.index + 1, shown.index);
+  } else if (from && track_.KeyAfter(from).Is(cms::PlaybackTrack::KeyOf(shown))) {
     HandOutAudio(*from.gop, from.index + 1, from.gop->video.size());
     first = 0;
   }
-  HandOutAudio(*shown_.gop, first, shown_.index + 1);
+  HandOutAudio(*shown.gop, first, shown.index + 1);
 }
 
 void CCMSPlaybackChannelData::HandOutAudio(const cms::PlaybackGop& gop, std::size_t from,

@@ -35,9 +35,9 @@ class PlaybackSink {
 // The variants (DRV, RAW, single DRV) differ in their reader alone.
 //
 // The reader thread goes round: it asks the transport where the clock is, reports where the channel
-// stands, and does one piece of work: decodes one frame, or converts or shows one picture. The
-// picture that belongs to the clock comes first; then the one that follows in the direction of play
-// is prepared ahead, and shown when the clock arrives. A decoder that is behind aims at the first
+// stands, and does one piece of work: decodes one frame, or converts one picture. The picture that
+// belongs to the clock comes first; then those that follow in the direction of play are prepared
+// ahead, and shown when the clock arrives. A decoder that is behind aims at the first
 // frame that it can still have in time, or at the next key frame. Backward a whole group is decoded
 // and kept (see ReverseWindow), and the one before it while the pictures of the first are shown.
 class CCMSPlaybackChannelData {
@@ -58,7 +58,8 @@ class CCMSPlaybackChannelData {
   void Join();  // after the transport was stopped
 
   // What a change of the transport asks for, in front of the synchronisation that follows it.
-  // normalSpeed: 1 keeps what was prepared ahead, as the direction stays the same.
+  // normalSpeed: 1 when play goes on as it was, only faster or slower; else what was learnt about
+  // how long work takes counts no more. What was prepared ahead stays for as long as it fits.
   void PlayForward(int normalSpeed);
   void PlayBackward() { PlayForward(0); }
 
@@ -83,7 +84,8 @@ class CCMSPlaybackChannelData {
   int Turn(const View& view);  // milliseconds until the next one
   void BeginEpoch(const View& view);
   void ResolveStep(const View& view);
-  void TakeOverShown(bool audio);
+  void Unstage();
+  void TakeOverShown(const View& view);
   // Where the clock is in the recording.
   struct Place {
     cms::FrameRef current;  // the last frame that is not later than the clock
@@ -96,25 +98,26 @@ class CCMSPlaybackChannelData {
   bool LookForMore(const View& view);
 
   int Hold(const View& view, const Place& place, const Standing& standing);
+  bool Prepare(const View& view, const Place& place);
   int Rest(const View& view, const Place& place);
   int Play(const View& view, const Place& place);
-  bool ShowStaged(const View& view, const Place& place);
   cms::FrameRef Aim(const View& view, const Place& place);
   cms::FrameRef AimInTime(const View& view, const Place& place);
   cms::FrameRef Following(const View& view, cms::FrameRef frame, bool keysOnly);
   std::int64_t EndOf(const cms::FrameRef& frame, bool keysOnly);
   int UntilDue(const View& view, const Place& place);
 
-  // One piece of the way to a picture; true when it is staged or turned out to be lost.
+  // One piece of the way to a picture; true when it is staged, or came too late, or turned out to
+  // be lost.
   bool Work(const View& view, const cms::FrameRef& target, bool keysOnly);
   bool WorkBackward(const View& view, const cms::FrameRef& target);
   bool DecodeOne(const View& view, const cms::FrameRef& frame, const cms::FrameRef& target);
   bool DecodeInto(cms::ReverseWindow& window, const View& view, const cms::FrameRef& target);
   bool PrefetchOne(const View& view);
-  void Stage(const cms::FrameRef& target, const AVFrame* picture);
+  void Stage(const View& view, const cms::FrameRef& target, bool keysOnly, const AVFrame* picture);
   bool IsLost(const cms::FrameRef& frame) const;
   bool IsDone(const cms::FrameRef& frame) const { return shown_.Is(frame) || IsLost(frame); }
-  void HandOutAudio();
+  void HandOutAudioUpTo(const cms::FrameRef& shown);
   void HandOutAudio(const cms::PlaybackGop& gop, std::size_t from, std::size_t to);
 
   const unsigned site_;
@@ -132,18 +135,19 @@ class CCMSPlaybackChannelData {
   cms::PlaybackTrack track_;
   cms::FrameDecoder decoder_;
   cms::ReverseWindow window_;
-  cms::ReverseWindow ahead_;  // the part before window_
-  cms::FrameRef target_;      // on its way to be staged
-  cms::FrameRef staged_;
+  cms::ReverseWindow ahead_;           // the part before window_
+  cms::FrameRef target_;               // on its way to be staged
+  cms::PictureStore::Standing stage_;  // as it was at the beginning of this turn
   cms::FrameRef shown_;
-  std::vector<cms::FrameRef> lost_;  // gave no picture, since the last one that was shown
+  std::vector<cms::FrameRef> lost_;  // gave no picture, behind the last one that was shown
   cms::FrameRef heard_;              // up to which audio was handed out
+  bool leapt_ = true;                // what lies between it and the next picture is not heard
   std::uint64_t epoch_ = 0;
   std::uint64_t prepared_ = 0;  // epoch
   Standing reported_;
   std::uint64_t lookedForMore_ = 0;  // tick
   int lateInRow_ = 0;
-  bool waited_ = false;  // what is staged was ready before its time
+  bool filling_ = false;
   unsigned imageId_ = 0;
   double decodeMs_ = 0;                             // processor time of a frame, smoothed
   double pressure_ = 1;                             // how much longer it is taken to last
@@ -152,7 +156,7 @@ class CCMSPlaybackChannelData {
 
   std::atomic<void (*)(struct IDirect3DSurface9*)> render_{nullptr};
   std::atomic<bool> anew_{false};
-  std::atomic<bool> drop_{false};  // what was prepared ahead
+  std::atomic<bool> otherWay_{false};
   std::atomic<int> videoType_{0};
   std::atomic<int> otherRate_{0};
   std::atomic<std::uint64_t> lostCount_{0};

@@ -40,6 +40,9 @@ void PlaybackTransport::Anchor(std::int64_t position) {
 void PlaybackTransport::Changed() {
   ++version_;
   changed_.notify_all();
+  for (const Channel& channel : channels_) {
+    channel.changed->notify_one();
+  }
 }
 
 void PlaybackTransport::BeginEpoch(std::int64_t position) {
@@ -167,7 +170,6 @@ void PlaybackTransport::SetDisplayed(std::vector<bool> displayed, std::size_t cu
     any = any || channels_[i].displayed != displayed[i];
     channels_[i].displayed = displayed[i];
     if (!displayed[i]) {
-      channels_[i].shown = 0;
       channels_[i].pictures->Blank();
     }
   }
@@ -256,7 +258,8 @@ PLAYBACK_CHANNEL_STATE PlaybackTransport::StateOf(std::size_t index) {
     case Coverage::kEnd:
       return PLAYBACK_CHANNEL_END;
     case Coverage::kCovered:
-      return channels_[index].shown != 0 ? PLAYBACK_CHANNEL_SHOWN : PLAYBACK_CHANNEL_SEEKING;
+      return channels_[index].pictures->ShownTime() != 0 ? PLAYBACK_CHANNEL_SHOWN
+                                                         : PLAYBACK_CHANNEL_SEEKING;
     default:
       return PLAYBACK_CHANNEL_SEEKING;
   }
@@ -292,25 +295,28 @@ PlaybackTransport::View PlaybackTransport::Look(std::size_t index) {
   view.atEnd = atEnd_;
   view.forward = forward_;
   view.keysOnly = channel.quick || KeysOnly();
-  view.audio = speed_ == 1 && !slow_;
   view.steps = stepper_ == index ? steps_ : 0;
   view.rate = RateOfSpeed();
-  view.position = Now();
+  view.position = held_ ? anchorPosition_ : ShowDueAt();
   view.epoch = epoch_;
   view.version = version_;
   return view;
 }
 
-void PlaybackTransport::Wait(std::uint64_t version, int milliseconds) {
+void PlaybackTransport::Wait(std::size_t index, std::uint64_t version, unsigned imageId,
+                             int milliseconds) {
   ScopeLock guard(lock_);
-  const auto changed = [&]() CMS_NO_THREAD_SAFETY_ANALYSIS { return quit_ || version_ != version; };
+  const Channel& channel = channels_[index];
+  const auto changed = [&]() CMS_NO_THREAD_SAFETY_ANALYSIS {
+    return quit_ || version_ != version || channel.pictures->ImageId() != imageId;
+  };
   if (held_ && (milliseconds < 0 || milliseconds > static_cast<int>(kLongestHold))) {
     milliseconds = static_cast<int>(kLongestHold);
   }
   if (milliseconds < 0) {
-    changed_.wait(lock_, changed);
+    channel.changed->wait(lock_, changed);
   } else {
-    changed_.wait_for(lock_, std::chrono::milliseconds(milliseconds), changed);
+    channel.changed->wait_for(lock_, std::chrono::milliseconds(milliseconds), changed);
   }
 }
 
@@ -342,22 +348,16 @@ void PlaybackTransport::ReleaseIfReady(bool late) {
     return;
   }
   for (Channel& channel : channels_) {
-    if (!channel.displayed) {
-      continue;
-    }
-    if (channel.prepared == epoch_) {
-      channel.pictures->Show();
-    } else {
+    if (channel.displayed && channel.prepared != epoch_) {
       channel.pictures->Blank();
     }
-    channel.shown = channel.pictures->ShownTime();
   }
   held_ = false;
   Anchor(anchorPosition_);
   if (std::exchange(seeking_, false)) {
     target_ = kPlaybackNoTargetTime;
   }
-  MeasureSkew();
+  ShowDueAt();
   Changed();
 }
 
@@ -457,25 +457,33 @@ void PlaybackTransport::ResolveStep(std::size_t index, std::uint64_t epoch,
   BeginEpoch(time.value_or(anchorPosition_));
 }
 
-void PlaybackTransport::Presented(std::size_t index, std::int64_t time) {
+void PlaybackTransport::ShowDue() {
   const ScopeLock guard(lock_);
-  if (index < channels_.size()) {
-    channels_[index].shown = time;
-    MeasureSkew();
+  if (!held_) {
+    ShowDueAt();
   }
 }
 
-void PlaybackTransport::MeasureSkew() {
-  if (held_ || KeysOnly()) {
-    return;
-  }
+// The time on the clock, at which it was.
+std::int64_t PlaybackTransport::ShowDueAt() {
   const std::int64_t now = Now();
-  for (const Channel& channel : channels_) {
-    if (channel.displayed && channel.shown != 0 && !channel.quick &&
+  const bool measures = !KeysOnly();
+  const bool audible = speed_ == 1 && !slow_;
+  for (Channel& channel : channels_) {
+    if (!channel.displayed) {
+      continue;
+    }
+    const unsigned before = channel.pictures->ImageId();
+    const std::int64_t shown = channel.pictures->ShowDue(now, forward_, audible);
+    if (channel.pictures->ImageId() != before) {
+      channel.changed->notify_one();
+    }
+    if (measures && shown != 0 && !channel.quick &&
         channel.standing.coverage == Coverage::kCovered) {
-      skew_ = std::max(skew_, std::abs(now - channel.shown));
+      skew_ = std::max(skew_, std::abs(now - shown));
     }
   }
+  return now;
 }
 
 }  // namespace cms

@@ -18,8 +18,9 @@ namespace cms {
 // One clock for all channels. Whoever moves it other than by the passing of time begins an epoch:
 // the clock is held until every displayed channel has prepared what it shows at the new position
 // (staged in its PictureStore) or the hold has lasted too long; then all of it is shown at once and
-// the clock goes on. Channels tell where they have no recording, and the clock passes over what is
-// common to all.
+// the clock goes on. While it runs, whoever reads it, a reader thread or a viewer, shows what is
+// due in all channels. Channels tell where they have no recording, and the clock passes over what
+// is common to all.
 //
 // The lock is the transport lock: taken behind the controller's, and before those of the pictures.
 // Reader threads call Look, Wait and the reports; the controller everything else.
@@ -45,9 +46,8 @@ class PlaybackTransport {
     bool atEnd = false;    // it stands at the last frame of all channels
     bool forward = true;
     bool keysOnly = false;
-    bool audio = false;  // blocks are to be handed out
-    int steps = 0;       // pictures to move by, for this channel to find (ResolveStep)
-    double rate = 1;     // media time for a unit of time, always positive
+    int steps = 0;    // pictures to move by, for this channel to find (ResolveStep)
+    double rate = 1;  // media time for a unit of time, always positive
     std::int64_t position = 0;
     std::uint64_t epoch = 0;
     std::uint64_t version = 0;  // changes with anything but the passing of time
@@ -86,28 +86,30 @@ class PlaybackTransport {
   std::int64_t MaximumSkew();
   PLAYBACK_CHANNEL_STATE StateOf(std::size_t channel);
   bool WaitShown(int milliseconds);
+  void ShowDue();  // for those who look at pictures: what the clock has come to since
 
   // --- For a channel's reader thread ------------------------------------------------------------
   View Look(std::size_t channel);
-  // Until something changes, at most so many milliseconds (negative: without limit).
-  void Wait(std::uint64_t version, int milliseconds);
+  // Until something changes or the channel shows another picture than this one, at most so many
+  // milliseconds (negative: without limit).
+  void Wait(std::size_t channel, std::uint64_t version, unsigned imageId, int milliseconds);
   // These are ignored when the epoch is over.
   void Prepared(std::size_t channel, std::uint64_t epoch, const Standing& standing);
   // True when the clock was moved for it.
   bool Report(std::size_t channel, std::uint64_t epoch, const Standing& standing);
   // The time of the picture that is the wanted number of steps away; nothing when there is none.
   void ResolveStep(std::size_t channel, std::uint64_t epoch, std::optional<std::int64_t> time);
-  void Presented(std::size_t channel, std::int64_t time);  // 0: nothing is shown any more
 
  private:
   struct Channel {
     std::shared_ptr<PictureStore> pictures;
+    std::unique_ptr<std::condition_variable_any> changed =
+        std::make_unique<std::condition_variable_any>();  // for its reader thread
     bool displayed = true;
     bool quick = false;
     bool stepTried = false;
     std::uint64_t prepared = 0;  // epoch
     Standing standing;
-    std::int64_t shown = 0;  // time of its picture
   };
 
   double RateOfSpeed() const CMS_REQUIRES(lock_);
@@ -120,11 +122,11 @@ class PlaybackTransport {
   std::optional<std::int64_t> CommonEdge() const CMS_REQUIRES(lock_);
   bool AllEnded() const CMS_REQUIRES(lock_);
   bool Ended(const Channel& channel) const CMS_REQUIRES(lock_);
-  void MeasureSkew() CMS_REQUIRES(lock_);
+  std::int64_t ShowDueAt() CMS_REQUIRES(lock_);
   bool KeysOnly() const CMS_REQUIRES(lock_);
 
   CMSCritical lock_;
-  std::condition_variable_any changed_;
+  std::condition_variable_any changed_;  // for the controller
   std::vector<Channel> channels_ CMS_GUARDED_BY(lock_);
   std::size_t current_ CMS_GUARDED_BY(lock_) = 0;  // the channel that steps
   bool quit_ CMS_GUARDED_BY(lock_) = true;
