@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <cstring>
 
 namespace tools {
 namespace {
@@ -12,26 +11,44 @@ struct Unit {
   std::size_t begin = 0;  // behind the code
 };
 
-// The next start code that begins at `from` or behind it. Ones are rare in compressed data, so that
-// looking for them is as fast as reading.
-bool FindUnit(std::span<const std::uint8_t> bytes, std::size_t from, Unit& unit) {
-  for (std::size_t at = from + 2; at < bytes.size(); ++at) {
-    const void* one = std::memchr(&bytes[at], 1, bytes.size() - at);
-    if (one == nullptr) {
-      return false;
-    }
-    at = static_cast<std::size_t>(static_cast<const std::uint8_t*>(one) - bytes.data());
-    if (bytes[at - 1] == 0 && bytes[at - 2] == 0) {
-      unit.code = at >= from + 3 && bytes[at - 3] == 0 ? at - 3 : at - 2;
-      unit.begin = at + 1;
-      return true;
-    }
-  }
-  return false;
+constexpr std::size_t kCode = 3;  // the shorter one's size
+
+bool IsCode(const std::uint8_t* bytes) {
+  return (bytes[0] | bytes[1] | (bytes[2] ^ 1)) == 0;
 }
 
+// Whether a code of three bytes begins at one of the kBlock bytes. Looks at all of them without
+// branching, which the compiler makes a few vector instructions.
+constexpr std::size_t kBlock = 64;
+bool HasCode(const std::uint8_t* bytes) {
+  std::uint8_t found = 0;
+  for (std::size_t i = 0; i < kBlock; ++i) {
+    found = static_cast<std::uint8_t>(found | (IsCode(bytes + i) ? 1 : 0));
+  }
+  return found != 0;
+}
+
+// The next start code that begins at `from` or behind it.
+bool FindUnit(std::span<const std::uint8_t> bytes, std::size_t from, Unit& unit) {
+  std::size_t at = from;
+  while (at + kBlock + kCode - 1 <= bytes.size() && !HasCode(&bytes[at])) {
+    at += kBlock;
+  }
+  while (at + kCode <= bytes.size() && !IsCode(&bytes[at])) {
+    ++at;
+  }
+  if (at + kCode > bytes.size()) {
+    return false;
+  }
+  unit.code = at > from && bytes[at - 1] == 0 ? at - 1 : at;
+  unit.begin = at + kCode;
+  return true;
+}
+
+constexpr std::size_t kLength = 4;
+
 void PutLength(std::uint8_t* to, std::size_t length) {
-  for (int i = 0; i < 4; ++i) {
+  for (std::size_t i = 0; i < kLength; ++i) {
     to[i] = static_cast<std::uint8_t>(length >> (24 - 8 * i));
   }
 }
@@ -95,23 +112,26 @@ std::span<const std::uint8_t> LengthsForStartCodes(std::span<std::uint8_t> frame
                                                    std::vector<std::uint8_t>& scratch) {
   bool inPlace = true;
   std::size_t first = frame.size();
-  ForEachUnit(frame, [&](const Unit& unit, std::size_t) {
-    inPlace = inPlace && unit.begin - unit.code == 4;
-    first = std::min(first, unit.code);
-  });
-  if (inPlace) {
-    // A length never looks like a code in front of the place that the search has come to.
-    ForEachUnit(
-        frame, [&](const Unit& unit, std::size_t length) { PutLength(&frame[unit.code], length); });
-    return frame.subspan(first);
-  }
-  scratch.clear();
+  // A length never looks like a code: the search has gone past it.
   ForEachUnit(frame, [&](const Unit& unit, std::size_t length) {
-    scratch.resize(scratch.size() + 4);
-    PutLength(&scratch[scratch.size() - 4], length);
+    first = std::min(first, unit.code);
+    if (inPlace && unit.begin - unit.code == kLength) {
+      PutLength(&frame[unit.code], length);
+      return;
+    }
+    if (inPlace) {
+      const auto before = frame.first(unit.code).subspan(first);
+      scratch.assign(before.begin(), before.end());
+      inPlace = false;
+    }
+    scratch.resize(scratch.size() + kLength);
+    PutLength(&scratch[scratch.size() - kLength], length);
     const auto payload = frame.subspan(unit.begin, length);
     scratch.insert(scratch.end(), payload.begin(), payload.end());
   });
+  if (inPlace) {
+    return frame.subspan(first);
+  }
   return scratch;
 }
 

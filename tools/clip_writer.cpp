@@ -7,13 +7,12 @@ extern "C" {
 }
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
-#include <stdexcept>
 #include <vector>
 
 #include "cms/live/codec_id.h"
 #include "tools/avc_units.h"
+#include "tools/clip_file.h"
 #include "tools/time_text.h"
 
 namespace tools {
@@ -110,8 +109,10 @@ bool TakesAudio(ClipContainer container, const ClipAudio& audio) {
 }
 
 struct ClipWriter::State {
-  std::string path;
-  std::string part;
+  explicit State(const std::string& path) : file(path) {}
+  ~State() { avformat_free_context(context); }
+
+  ClipFile file;
   AVFormatContext* context = nullptr;
   AVStream* video = nullptr;
   AVStream* audio = nullptr;
@@ -123,32 +124,8 @@ struct ClipWriter::State {
   int sampleBytes = 1;          // of all channels
   bool lengths = false;         // units of video carry theirs instead of start codes
   std::vector<std::uint8_t> scratch;
-  bool finished = false;
 
-  void Check(int result) const {
-    if (result < 0) {
-      char why[AV_ERROR_MAX_STRING_SIZE] = {};
-      av_strerror(result, why, sizeof(why));
-      throw std::runtime_error(path + ": " + why);
-    }
-  }
-
-  void Close() {
-    if (context != nullptr) {
-      avio_closep(&context->pb);
-      avformat_free_context(context);
-      context = nullptr;
-    }
-  }
-
-  ~State() {
-    const bool made = context != nullptr && context->pb != nullptr;
-    Close();
-    if (made && !finished) {
-      std::remove(part.c_str());
-    }
-  }
-
+  void Check(int result) const { file.Check(result); }
   void AddVideo(const ClipFormat& format);
   void AddAudio(const ClipAudio& audio);
   void Write(AVStream& stream, std::span<const std::uint8_t> data, std::int64_t time,
@@ -207,18 +184,16 @@ void ClipWriter::State::Write(AVStream& stream, std::span<const std::uint8_t> da
 }
 
 ClipWriter::ClipWriter(const std::string& path, const ClipFormat& format)
-    : state_(std::make_unique<State>()) {
+    : state_(std::make_unique<State>(path)) {
   State& state = *state_;
-  state.path = path;
-  state.part = path + ".part";
   state.Check(avformat_alloc_output_context2(&state.context, nullptr, NameOf(format.container),
-                                             state.part.c_str()));
+                                             path.c_str()));
+  state.context->pb = state.file.Context();
   state.AddVideo(format);
   if (format.audio) {
     state.AddAudio(*format.audio);
   }
   av_dict_set(&state.context->metadata, "creation_time", UtcTime(format.begin).c_str(), 0);
-  state.Check(avio_open(&state.context->pb, state.part.c_str(), AVIO_FLAG_WRITE));
   AVDictionary* muxing = nullptr;
   av_dict_set(&muxing, "write_crc32", "0", 0);  // Matroska's, which would take half of the time
   const int written = avformat_write_header(state.context, &muxing);
@@ -267,15 +242,7 @@ void ClipWriter::WriteAudio(std::span<const std::uint8_t> block, std::int64_t ti
 void ClipWriter::Finish() {
   State& state = *state_;
   state.Check(av_write_trailer(state.context));
-  avio_flush(state.context->pb);
-  state.Check(state.context->pb->error);
-  state.Check(avio_closep(&state.context->pb));
-  if (std::rename(state.part.c_str(), state.path.c_str()) != 0) {
-    const int error = errno;
-    std::remove(state.part.c_str());
-    state.Check(AVERROR(error));
-  }
-  state.finished = true;
+  state.file.Keep();
 }
 
 double ClipWriter::Duration() const {
