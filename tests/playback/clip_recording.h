@@ -33,7 +33,7 @@ inline const std::vector<EncodedFrame>& NumberedClip() {
   return clip;
 }
 
-// A recording of the clip's pictures [first, first + count), 40 ms apart from `start` on.
+// A recording of a clip's frames [first, first + count), 40 ms apart from `start` on.
 struct ClipRecording {
   int first = 0;
   int count = 100;
@@ -41,6 +41,7 @@ struct ClipRecording {
   std::int64_t interval = 40;
   bool audio = false;  // a block behind each picture
   unsigned channel = 0;
+  const std::vector<EncodedFrame>* clip = &NumberedClip();
 
   DrvRecording drv;
   std::string idx;
@@ -48,9 +49,8 @@ struct ClipRecording {
   std::int64_t TimeOf(int number) const { return start + (number - first) * interval; }
 
   ClipRecording& Make(bool keyFramesOnly = false) {
-    const auto& clip = NumberedClip();
     for (int i = 0; i < count; ++i) {
-      const EncodedFrame& frame = clip[static_cast<std::size_t>(first + i) % clip.size()];
+      const EncodedFrame& frame = (*clip)[static_cast<std::size_t>(first + i) % clip->size()];
       const std::int64_t time = start + i * interval;
       DrvFrameSpec spec;
       spec.frame_type = frame.key ? 1 : 2;

@@ -70,7 +70,13 @@ Context OpenEncoder(const ClipSpec& spec) {
     context->flags |= AV_CODEC_FLAG_QSCALE;
     context->global_quality = 4 * FF_QP2LAMBDA;
   }
+  if (spec.bframes > 0 && !spec.openGroups) {
+    context->flags |= AV_CODEC_FLAG_CLOSED_GOP;
+  }
   AVDictionary* options = nullptr;
+  if (spec.codec == ClipCodec::kMpeg4) {
+    av_dict_set(&options, "sc_threshold", "1000000000", 0);  // closed groups ask for it
+  }
   if (spec.codec == ClipCodec::kH264) {
     context->keyint_min = spec.gop;
     av_dict_set(&options, "preset", "superfast", 0);
@@ -78,8 +84,9 @@ Context OpenEncoder(const ClipSpec& spec) {
       av_dict_set(&options, "tune", "zerolatency", 0);
     }
     av_dict_set(&options, "profile", spec.profile == ClipProfile::kHigh ? "high" : "baseline", 0);
-    const std::string extra =
-        std::string("scenecut=0:b-adapt=0:sliced-threads=0:aud=") + (spec.delimiters ? "1" : "0");
+    const std::string extra = std::string("scenecut=0:b-adapt=0:sliced-threads=0:aud=") +
+                              (spec.delimiters ? "1" : "0") +
+                              (spec.openGroups ? ":open-gop=1" : "");
     av_dict_set(&options, "x264-params", extra.c_str(), 0);
   } else if (spec.codec == ClipCodec::kMjpeg) {
     context->pix_fmt = AV_PIX_FMT_YUVJ420P;

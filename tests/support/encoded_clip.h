@@ -21,6 +21,7 @@ struct ClipSpec {
   bool delimiters = false;  // an access-unit delimiter (NAL type 9) before each H.264 picture
   bool noise = false;       // pictures that are hard to compress
   int bframes = 0;          // in a row, H.264 of the high profile and MPEG-4
+  bool openGroups = false;  // those in front of a key frame refer to the group before it
 };
 
 struct EncodedFrame {

@@ -25,9 +25,9 @@ VideoCodec::~VideoCodec() {
   Close();
 }
 
-bool VideoCodec::Open(CMSCodecID codec) {
+bool VideoCodec::Open(CMSCodecID codec, bool unrecovered) {
   Close();
-  if (!Allocate(codec)) {
+  if (!Allocate(codec, unrecovered)) {
     Close();
     return false;
   }
@@ -35,7 +35,7 @@ bool VideoCodec::Open(CMSCodecID codec) {
   return true;
 }
 
-bool VideoCodec::Allocate(CMSCodecID codec) {
+bool VideoCodec::Allocate(CMSCodecID codec, bool unrecovered) {
   const AVCodecID id = ToLibraryCodec(codec);
   const AVCodec* decoder = id != AV_CODEC_ID_NONE ? avcodec_find_decoder(id) : nullptr;
   if (decoder == nullptr) {
@@ -55,6 +55,9 @@ bool VideoCodec::Allocate(CMSCodecID codec) {
   context_->thread_count = 1;  // a site's channels are the parallelism
   context_->max_pixels = kMaxPixels;
   context_->log_level_offset = kSilent;
+  if (unrecovered) {
+    context_->flags |= AV_CODEC_FLAG_OUTPUT_CORRUPT;
+  }
   const ScopeLock opening(OpenLock());
   return avcodec_open2(context_, decoder, nullptr) == 0;
 }
@@ -74,7 +77,7 @@ void VideoCodec::Flush() {
   }
 }
 
-VideoCodec::Result VideoCodec::Decode(const std::uint8_t* data, int length) {
+VideoCodec::Result VideoCodec::Decode(const std::uint8_t* data, int length, std::int64_t pts) {
   if (context_ == nullptr || data == nullptr || length <= 0) {
     return Result::kError;
   }
@@ -84,12 +87,21 @@ VideoCodec::Result VideoCodec::Decode(const std::uint8_t* data, int length) {
   packet_->buf = borrowed_;
   packet_->data = const_cast<std::uint8_t*>(data);
   packet_->size = length;
+  packet_->pts = pts;
   const int sent = avcodec_send_packet(context_, packet_);
   packet_->buf = nullptr;
   packet_->data = nullptr;
   packet_->size = 0;
   const Result received = Receive();
   return received == Result::kNoPicture && sent < 0 ? Result::kError : received;
+}
+
+VideoCodec::Result VideoCodec::Drain() {
+  if (context_ == nullptr) {
+    return Result::kNoPicture;
+  }
+  avcodec_send_packet(context_, nullptr);
+  return avcodec_receive_frame(context_, picture_) == 0 ? Result::kPicture : Result::kNoPicture;
 }
 
 // Takes pictures until the codec asks for data. What follows the first picture in the same data

@@ -1,5 +1,7 @@
 #include "cms/playback/internal/frame_decoder.h"
 
+#include <algorithm>
+
 #include "cms/live/codec_id.h"
 #include "cms/live/decoder.h"
 #include "cms/live/frame_header.h"
@@ -24,15 +26,21 @@ CMSCodecID CodecOf(int videoType) {
 }  // namespace
 
 FrameRef FrameDecoder::NextTowards(const FrameRef& target) const {
-  if (last_ && last_.Place() == target.Place() && last_.index <= target.index) {
-    return last_.index == target.index ? FrameRef{} : FrameRef{target.gop, last_.index + 1};
+  const bool cut = drained_ && !Ended(target);  // nothing can follow, though there is more
+  if (IsIn(target) && target.index >= before_ && !cut) {
+    const bool there = target.index < passed_ || Ended(target);
+    return there ? FrameRef{} : FrameRef{target.gop, fed_.index + 1};
   }
   return {target.gop, 0};
 }
 
 std::size_t FrameDecoder::StepsTo(const FrameRef& target) const {
   const FrameRef next = NextTowards(target);
-  return next ? target.index - next.index + 1 : 0;
+  if (!next) {
+    return 0;
+  }
+  const std::size_t last = std::min(target.index + codec_.Delay(), target.gop->video.size() - 1);
+  return last > next.index ? last - next.index + 1 : 1;
 }
 
 std::span<const std::uint8_t> FrameDecoder::Read(const FrameRef& frame) {
@@ -47,28 +55,99 @@ std::span<const std::uint8_t> FrameDecoder::Read(const FrameRef& frame) {
   return std::span(bytes_).first(length_);
 }
 
-bool FrameDecoder::Decode(const FrameRef& frame) {
-  const bool follows = last_ && last_.Place() == frame.Place() && last_.index + 1 == frame.index;
-  last_ = frame;
-  picture_ = false;
-  if (length_ <= frame.Frame().area) {
-    return false;
+void FrameDecoder::Begin() {
+  codec_.Flush();
+  drained_ = false;
+  failed_ = before_ = passed_ = 0;
+}
+
+void FrameDecoder::Decode(const FrameRef& frame) {
+  if (!IsIn(frame) || fed_.index + 1 != frame.index || drained_) {
+    Begin();
   }
-  const auto bytes = std::span(bytes_).first(length_);
-  const auto payload = bytes.subspan(frame.Frame().area);
-  if (frame.index == 0) {
-    const int marked = VideoTypeOfHeader(bytes.first(frame.Frame().area));
-    const int type = marked != 0 ? marked : VideoTypeOf(payload);
-    if (type != 0 && type != videoType_) {
-      videoType_ = codec_.Open(CodecOf(type)) ? type : 0;
+  fed_ = frame;
+  before_ = passed_;
+  picture_ = false;
+  if (Feed(frame)) {
+    Pass(frame.index);
+  } else if (codec_.Delay() == 0) {
+    PassAll();
+  }
+  if (codec_.Delay() > deepest_) {
+    deepest_ = codec_.Delay();
+    if (passed_ > 0) {  // pictures may have come too early: once more, with what is known now
+      fed_ = {};
+      passed_ = 0;
     }
   }
-  if (!follows) {
-    codec_.Flush();
+}
+
+// True when it gave a picture.
+bool FrameDecoder::Feed(const FrameRef& frame) {
+  VideoCodec::Result result = VideoCodec::Result::kError;
+  if (length_ > frame.Frame().area) {
+    const auto bytes = std::span(bytes_).first(length_);
+    const auto payload = bytes.subspan(frame.Frame().area);
+    if (frame.index == 0) {
+      const int marked = VideoTypeOfHeader(bytes.first(frame.Frame().area));
+      const int type = marked != 0 ? marked : VideoTypeOf(payload);
+      if (type != 0 && type != videoType_) {
+        videoType_ = codec_.Open(CodecOf(type), true) ? type : 0;
+        deepest_ = 0;
+      }
+    }
+    result = codec_.Decode(payload.data(), static_cast<int>(payload.size()),
+                           static_cast<std::int64_t>(frame.index));
   }
-  picture_ = codec_.Decode(payload.data(), static_cast<int>(payload.size())) ==
-             VideoCodec::Result::kPicture;
-  return picture_;
+  failed_ += result == VideoCodec::Result::kError ? 1 : 0;
+  return result == VideoCodec::Result::kPicture;
+}
+
+// A picture came with frame `fed`, or where this one would be behind the group's end. It is the
+// next frame's, or a later one's where some are missing: none is shown more places before its own
+// frame than the delay.
+void FrameDecoder::Pass(std::size_t fed) {
+  const auto ahead = [](std::size_t index, std::size_t delay) {
+    return index > delay ? index - delay : 0;
+  };
+  const AVFrame& picture = codec_.Picture();
+  std::size_t index = passed_;
+  if (picture.pts != AV_NOPTS_VALUE) {
+    index = std::max(index, ahead(static_cast<std::size_t>(picture.pts), codec_.Delay()));
+  }
+  if (passed_ == 0) {  // those in front of it that the codec left out without a word
+    index = std::max(index, ahead(fed, codec_.Delay() + failed_));
+  }
+  picture_ = index <= fed_.index && (picture.flags & AV_FRAME_FLAG_CORRUPT) == 0;
+  passed_ = std::min(index, fed_.index) + 1;
+  lost_ += passed_ - before_ - (picture_ ? 1 : 0);
+}
+
+void FrameDecoder::PassAll() {
+  passed_ = fed_.index + 1;
+  lost_ += passed_ - before_;
+}
+
+void FrameDecoder::Drain() {
+  drained_ = true;
+  before_ = passed_;
+  picture_ = false;
+  if (codec_.Drain() == VideoCodec::Result::kPicture) {
+    Pass(fed_.index + 1);
+  } else {
+    PassAll();
+  }
+}
+
+bool FrameDecoder::Reach(const FrameRef& target, bool keyOnly) {
+  if (!IsIn(target)) {
+    return false;
+  }
+  const bool last = Ended(target) || (keyOnly && target.index == 0);
+  while (last && target.index >= passed_) {
+    Drain();
+  }
+  return target.index >= before_ && target.index < passed_;
 }
 
 }  // namespace cms

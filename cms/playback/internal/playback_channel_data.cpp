@@ -411,9 +411,14 @@ bool CCMSPlaybackChannelData::Work(const View& view, const FrameRef& target, boo
     return WorkBackward(view, target);
   }
   if (const FrameRef next = decoder_.NextTowards(target)) {
-    if (!DecodeOne(view, next, target) || !next.Is(target)) {
+    if (!DecodeOne(view, next, target)) {
       return false;
     }
+  }
+  const bool reached = decoder_.Reach(target, keysOnly);
+  lostCount_.store(decoder_.Lost(), std::memory_order_relaxed);
+  if (!reached) {
+    return false;
   }
   Stage(view, target, keysOnly, decoder_.HasPicture(target) ? &decoder_.Picture() : nullptr);
   return true;
@@ -439,17 +444,20 @@ bool CCMSPlaybackChannelData::WorkBackward(const View& view, const FrameRef& tar
 // One frame of a window; true when there was one to decode.
 bool CCMSPlaybackChannelData::DecodeInto(cms::ReverseWindow& window, const View& view,
                                          const FrameRef& target) {
-  FrameRef next = window.Next();
-  if (!next) {
+  const FrameRef wanted = window.Next();
+  if (!wanted) {
     return false;
   }
-  if (!decoder_.NextTowards(next).Is(next)) {  // the decoder was elsewhere meanwhile
-    window.Restart();
-    next = window.Next();
+  if (const FrameRef next = decoder_.NextTowards(wanted)) {
+    if (!DecodeOne(view, next, target)) {
+      return true;
+    }
   }
-  if (DecodeOne(view, next, target)) {
+  window.Take(decoder_);
+  while (window.Next() && decoder_.Reach(window.Next())) {
     window.Take(decoder_);
   }
+  lostCount_.store(decoder_.Lost(), std::memory_order_relaxed);
   return true;
 }
 
@@ -488,13 +496,9 @@ bool CCMSPlaybackChannelData::DecodeOne(const View& view, const FrameRef& frame,
     otherRate_.store(static_cast<int>(header.flags[0] & cms::kFlagOtherFrameRate),
                      std::memory_order_relaxed);
   }
-  if (decoder_.Decode(frame)) {
-    const AVFrame& picture = decoder_.Picture();
-    // 4:2:0 as a rule; the window's memory is meant roughly.
-    pictureBytes_ =
-        static_cast<std::size_t>(picture.width) * static_cast<std::size_t>(picture.height) * 3 / 2;
-  } else {
-    lostCount_.fetch_add(1, std::memory_order_relaxed);
+  decoder_.Decode(frame);
+  if (const auto pixels = decoder_.Pixels()) {
+    pictureBytes_ = pixels * 3 / 2;  // 4:2:0 as a rule; the window's memory is meant roughly
   }
   videoType_.store(decoder_.VideoType(), std::memory_order_relaxed);
   decodeMs_ += kSmoothing * (ThreadMilliseconds() - start - decodeMs_);

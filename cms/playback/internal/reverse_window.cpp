@@ -21,11 +21,11 @@ void ReverseWindow::Clear() {
 }
 
 void ReverseWindow::Take(const FrameDecoder& decoder) {
-  const FrameRef frame = Next();
-  if (next_ >= low_ && decoder.HasPicture(frame)) {
-    pictures_[next_ - low_].reset(av_frame_clone(&decoder.Picture()));
+  const std::size_t passed = decoder.Passed();
+  if (passed > low_ && passed <= high_ + 1 && decoder.HasPicture({gop_, passed - 1})) {
+    pictures_[passed - 1 - low_].reset(av_frame_clone(&decoder.Picture()));
   }
-  ++next_;
+  next_ = std::min(passed, high_ + 1);
 }
 
 }  // namespace cms

@@ -15,8 +15,9 @@ extern "C" {
 
 namespace cms {
 
-// Decoding a group's frames up to `high` keeps the pictures from `low` on: as many as the memory
-// allows. A group that is larger is decoded once for each part of it. Not for two threads at once.
+// Decoding a group's frames up to the picture of `high` keeps those from `low` on: as many as the
+// memory allows. A group that is larger is decoded once for each part of it. Not for two threads at
+// once.
 class ReverseWindow {
  public:
   // Most bytes of decoded pictures in one window; at least two pictures in any case.
@@ -24,7 +25,6 @@ class ReverseWindow {
 
   // The part of the frame's group that ends with it.
   void Begin(const FrameRef& high, std::size_t pictureBytes);
-  void Restart() { next_ = 0; }  // decodes anew what is missing
   void Clear();
 
   bool Ends(const FrameRef& high) const { return gop_ && FrameRef{gop_, high_}.Is(high); }
@@ -32,11 +32,10 @@ class ReverseWindow {
     return gop_ && frame.Place() == gop_->place && frame.index >= low_ && frame.index <= high_;
   }
   FrameRef Low() const { return {gop_, low_}; }
-  std::size_t Frames() const { return gop_ ? high_ + 1 : 0; }  // to decode
 
-  // The next frame to decode; empty when all are.
+  // The next frame whose picture is missing; empty when all are there or lost.
   FrameRef Next() const { return gop_ && next_ <= high_ ? FrameRef{gop_, next_} : FrameRef{}; }
-  // After the decoder has decoded Next().
+  // What the decoder, at work in this group, brought on the way to Next().
   void Take(const FrameDecoder& decoder);
 
   // Null when the frame gave no picture.
