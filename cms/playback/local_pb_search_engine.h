@@ -16,8 +16,10 @@
 // Databases that are missing or cannot be read are empty ones.
 //
 // An engine remembers what the record lists said: asking again costs little while the lists do not
-// change (32 bytes of memory for each record), and files that come and go are noticed. Keep it for
-// as long as there is something to ask. One thread at a time; different engines are independent.
+// change (24 bytes of memory for each record, and from the second search on one descriptor and an
+// inotify watch for each list, where they are to be had), and files that come and go are noticed.
+// Keep it for as long as there is something to ask. One thread at a time; different engines are
+// independent.
 // Times are seconds since 1970-01-01 UTC, both ends of an interval belong to it.
 class CMS_API LocalPBSearchEngine {
  public:

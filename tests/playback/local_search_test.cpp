@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -8,6 +9,7 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <random>
 #include <string>
 #include <thread>
@@ -89,6 +91,13 @@ std::vector<int> MarkedDays(const LocalPBSearchEngine& engine) {
   return days;
 }
 
+void Exchange(const std::string& one, const std::string& other) {
+  std::error_code ignored;  // what is not there changes no places
+  fs::rename(one, "exchanged", ignored);
+  fs::rename(other, one, ignored);
+  fs::rename("exchanged", other, ignored);
+}
+
 // Folders a/ and b/ with recordings in folders of theirs, listed for the CMS numbers 0 and 3.
 class RandomDatabases {
  public:
@@ -101,7 +110,7 @@ class RandomDatabases {
     const auto entry = [](const char16_t* folder) { return test::FolderBytes(folder); };
     WriteWholeFile("../RecFolderDB0", entry(u"a") + entry(u"missing") + entry(u"b") + "torn");
     WriteWholeFile("../RecFolderDB3", entry(u"b"));
-    for (int i = 0; i < 200; ++i) {
+    for (int i = 0; i < 60; ++i) {
       Change();
     }
   }
@@ -110,9 +119,9 @@ class RandomDatabases {
   void Change() {
     const std::string folder = Folder();
     const std::string list = folder + "/RecordDB";
-    switch (Below(16)) {
+    switch (Below(22)) {
       case 0:
-        fs::remove(folder + "/" + Name());
+        fs::remove(folder + "/" + Name(), ignored_);
         break;
       case 1:
         WriteWholeFile(folder + "/" + Name(), "");
@@ -122,7 +131,7 @@ class RandomDatabases {
         break;
       case 3:
         if (Below(10) == 0) {
-          fs::remove(list);
+          fs::remove(list, ignored_);
         }
         break;
       case 4:
@@ -130,10 +139,19 @@ class RandomDatabases {
         fs::create_directories("a/3");
         break;
       case 5:
+        fs::rename(Below(4) == 0 ? "a/moved" : folder, "a/3/moved", ignored_);
+        fs::rename("a/moved", folder, ignored_);
+        fs::rename("a/3/moved", "a/moved", ignored_);
+        break;
       case 6:
+        Exchange(Below(3) == 0 ? "a" : folder, Below(3) == 0 ? "b" : Folder());
+        break;
       case 7:
+        ChangeList(list);
+        break;
       case 8:
       case 9:
+      case 10:
         AddEvent();
         break;
       default:
@@ -143,7 +161,7 @@ class RandomDatabases {
 
   OracleQuestion Question() {
     const std::int64_t from = Moment();
-    return {Below(5) == 0 ? 3u : 0u, from, from + Below(60)};
+    return {Below(5) == 0 ? 3u : 0u, from, from + Below(Below(3) == 0 ? 60 : 3)};
   }
 
  private:
@@ -156,6 +174,40 @@ class RandomDatabases {
   std::string Folder() {
     static constexpr const char* kFolders[] = {"a/1", "a/2", "b/1", "c/1"};
     return kFolders[Below(4)];
+  }
+
+  // What happens to a list besides growing.
+  void ChangeList(const std::string& list) {
+    const std::string content = ReadWholeFile(list);
+    switch (Below(6)) {
+      case 0:  // repaired in place
+        if (content.size() >= test::kRecordBytes) {
+          std::fstream(list, std::ios::binary | std::ios::in | std::ios::out)
+              .seekp(728)
+              .put(static_cast<char>(Below(256)));
+        }
+        break;
+      case 1:  // records removed
+        WriteWholeFile("list.tmp", content.substr(0, content.size() / 2));
+        fs::rename("list.tmp", list, ignored_);
+        break;
+      case 2:
+        fs::resize_file(list, content.size() / 4 * 3, ignored_);
+        break;
+      case 3:  // removed and made again
+        fs::remove(list, ignored_);
+        WriteWholeFile(list, content + content.substr(0, content.size() / 736 * 736 / 2));
+        break;
+      case 4:  // another name for a list
+        fs::remove(list, ignored_);
+        fs::create_hard_link(Folder() + "/RecordDB", list, ignored_);
+        break;
+      default:
+        if (list != "c/1/RecordDB") {
+          fs::remove(list, ignored_);
+          fs::create_symlink("../../c/1/RecordDB", list, ignored_);
+        }
+    }
   }
 
   void AddRecord(const std::string& folder) {
@@ -180,6 +232,7 @@ class RandomDatabases {
   }
 
   std::mt19937 random_;
+  std::error_code ignored_;  // what is not there is not changed
 };
 
 // The clock is ahead of the files, so that everything that the engine may remember is remembered;
@@ -193,45 +246,144 @@ class RememberingClock {
   test::TestClock clock_;
 };
 
-TEST(LocalSearch, AgreesWithASlowOracleWhileTheDatabasesChange) {
+// Two kinds of file systems: the disk's, whichever it is, and one in memory.
+const char* const kVolumes[] = {"", "/dev/shm"};
+
+void CompareWithOracle(unsigned seed) {
+  SCOPED_TRACE(seed);
   const RememberingClock clock;
-  for (unsigned seed = 0; seed < 4; ++seed) {
-    SCOPED_TRACE(seed);
-    const test::WorkFolder work;
-    RandomDatabases databases(seed);
-    LocalPBSearchEngine engine;
-    for (int round = 0; round < 25 && !HasFailure(); ++round) {
-      SCOPED_TRACE(round);
-      for (int question = 0; question < 4; ++question) {
-        const OracleQuestion asked = databases.Question();
-        const OracleAnswer answer = test::AskOracle(asked);
-        engine.setCMSInfo(asked.cms, 0);
-        engine.searchByInterval(asked.from, asked.to);
-        EXPECT_TRUE(engine.getEventTimes().empty());
-        engine.loadEventList();
-        ExpectSame(engine, answer);
-      }
-      const OracleQuestion month{0, kFebruary, kFebruary + 29 * kDay - 1, true};
-      OracleAnswer answer = test::AskOracle(month);
-      engine.setCMSInfo(0, 0);
-      engine.setSearchYearAndMonth(2024, 2);
-      engine.searchPlaybackInfoForMonth(true);
+  const test::WorkFolder work(kVolumes[seed % 2]);
+  RandomDatabases databases(seed);
+  LocalPBSearchEngine engine;
+  for (int round = 0; round < 25 && !testing::Test::HasFailure(); ++round) {
+    SCOPED_TRACE(round);
+    for (int question = 0; question < 4; ++question) {
+      const OracleQuestion asked = databases.Question();
+      const OracleAnswer answer = test::AskOracle(asked);
+      engine.setCMSInfo(asked.cms, 0);
+      engine.searchByInterval(asked.from, asked.to);
+      EXPECT_TRUE(engine.getEventTimes().empty());
+      engine.loadEventList();
       ExpectSame(engine, answer);
-      EXPECT_EQ(MarkedDays(engine), answer.days);
-      engine.searchPlaybackInfoForMonth(false);
-      EXPECT_EQ(MarkedDays(engine), answer.days);
-      if (round % 5 == 4) {
-        answer = test::AskOracle(kAllTime);
-        engine.searchByInterval(kAllTime.from, kAllTime.to);
-        engine.loadEventList();
-        ExpectSame(engine, answer);
-        EXPECT_EQ(ReadWholeFile("../EventList0"), answer.keptEvents);
-      }
-      clock.Step();
-      for (int change = 0; change < 6; ++change) {
-        databases.Change();
+    }
+    const OracleQuestion month{0, kFebruary, kFebruary + 29 * kDay - 1, true};
+    OracleAnswer answer = test::AskOracle(month);
+    engine.setCMSInfo(0, 0);
+    engine.setSearchYearAndMonth(2024, 2);
+    engine.searchPlaybackInfoForMonth(true);
+    ExpectSame(engine, answer);
+    EXPECT_EQ(MarkedDays(engine), answer.days);
+    engine.searchPlaybackInfoForMonth(false);
+    EXPECT_EQ(MarkedDays(engine), answer.days);
+    if (round % 5 == 4) {
+      answer = test::AskOracle(kAllTime);
+      engine.searchByInterval(kAllTime.from, kAllTime.to);
+      engine.loadEventList();
+      ExpectSame(engine, answer);
+      EXPECT_EQ(ReadWholeFile("../EventList0"), answer.keptEvents);
+    }
+    clock.Step();
+    for (int change = 0; change < 6; ++change) {
+      databases.Change();
+    }
+  }
+}
+
+TEST(LocalSearch, AgreesWithASlowOracleWhileTheDatabasesChange) {
+  for (unsigned seed = 0; seed < 4; ++seed) {
+    CompareWithOracle(seed);
+  }
+}
+
+// Lists grow and change places. Each record is of another day, and the last is asked for first: its
+// list is not opened for that unless the change has been noticed.
+void CompareAfterEachChange() {
+  const RememberingClock clock;
+  const test::WorkFolder work("/dev/shm");
+  int day = 0;
+  const auto grow = [&](const std::string& folder) {
+    const std::int64_t start = kFebruary + day++ * kDay;
+    Append(folder + "/RecordDB", test::RecordBytes({u"here.drv", start, start + 60}));
+  };
+  WriteWholeFile("here.drv", "");
+  WriteWholeFile("../RecFolderDB0", test::FolderBytes(u"a") + test::FolderBytes(u"b"));
+  fs::create_directories("outside/1");
+  for (const char* folder : {"a/1", "a/2", "b/1", "b/2"}) {
+    fs::create_directories(folder);
+    grow(folder);
+  }
+  const std::function<void()> changes[] = {
+      [&] { grow("a/1"); },
+      [&] { fs::resize_file("a/1/RecordDB", 736); },
+      [&] { grow("outside/1"), Exchange("a/1", "outside/1"); },
+      [&] { grow("outside/1"), Exchange("a", "outside"); },
+      [&] { grow("outside/2"), Exchange("a", "outside"); },
+      [&] { grow("outside/1"), Exchange("a/1/RecordDB", "outside/1/RecordDB"); },
+      [&] { fs::remove_all("a/2"); },
+      [&] { fs::create_directory("a/2"); },
+      [&] { grow("a/2"); },
+      [&] { fs::rename("b/1", "outside/3"), fs::create_directory_symlink("../outside/3", "b/1"); },
+      [&] { grow("outside/3"); },
+      [&] { grow("outside/1"), Exchange("outside/1", "outside/3"); },
+      [&] {
+        fs::remove("b/2/RecordDB");
+        fs::create_symlink("../../outside/1/RecordDB", "b/2/RecordDB");
+      },
+      [&] { grow("outside/1"); },
+      [&] { fs::remove("b/2/RecordDB"), grow("b/2"); },
+      [&] { fs::remove("a/2/RecordDB"), fs::create_hard_link("a/1/RecordDB", "a/2/RecordDB"); },
+      [&] { grow("a/2"), fs::remove("a/1/RecordDB"), grow("a/1"); },
+      [&] { grow("a/2"); },
+  };
+  LocalPBSearchEngine engine;
+  int number = 0;
+  for (const auto& change : changes) {
+    SCOPED_TRACE(number++);
+    clock.Step();
+    change();
+    for (int round = 0; round < 3; ++round) {
+      for (int asked = day; asked >= 0; --asked) {
+        const std::int64_t from = kFebruary + asked * kDay;
+        engine.searchByInterval(from, from + 60);
+        ExpectSame(engine, test::AskOracle({0, from, from + 60}));
       }
     }
+  }
+}
+
+TEST(LocalSearch, AgreesWithASlowOracleAfterEachChange) {
+  CompareAfterEachChange();
+}
+
+constexpr int kNotPossible = 77;
+
+// The status for the parent: 0 when all was well. What is thrown ends the process.
+int CompareWithLimit(const std::string& name, const std::string& limit) noexcept {
+  if (unshare(CLONE_NEWUSER) != 0) {
+    return kNotPossible;
+  }
+  WriteWholeFile("/proc/sys/user/" + name, limit);
+  EXPECT_EQ(ReadWholeFile("/proc/sys/user/" + name), limit);
+  CompareAfterEachChange();
+  CompareWithOracle(4);
+  return testing::Test::HasFailure() ? 1 : 0;
+}
+
+// In a process of its own, whose kernel grants next to no watches, or none.
+TEST(LocalSearch, AgreesWhenFilesCannotBeWatched) {
+  for (const bool some : {true, false}) {
+    SCOPED_TRACE(some);
+    const pid_t child = fork();
+    if (child == 0) {
+      _exit(some ? CompareWithLimit("max_inotify_watches", "2\n")
+                 : CompareWithLimit("max_inotify_instances", "0\n"));
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    if (WIFEXITED(status) && WEXITSTATUS(status) == kNotPossible) {
+      GTEST_SKIP() << "no user namespace";
+    }
+    EXPECT_EQ(status, 0);
   }
 }
 
@@ -252,6 +404,42 @@ class OneFolder {
   const test::WorkFolder work_;
   int count_ = 0;
 };
+
+// Neither asked for nor opened, however many there are, and seen when they change after all.
+TEST(LocalSearch, ListsThatDoNotChangeAreLeftAlone) {
+  constexpr int kLists = 100;
+  constexpr std::uint64_t kFew = 15;  // for the folder list and what holds the folders
+  const RememberingClock clock;
+  const test::WorkFolder work("/dev/shm");
+  WriteWholeFile("../RecFolderDB0", test::FolderBytes(u"rec"));
+  WriteWholeFile("rec/0.drv", "");
+  const std::string record = test::RecordBytes({u"rec\\0.drv", kFebruary, kFebruary + 60});
+  for (int i = 0; i < kLists; ++i) {
+    fs::create_directories("rec/" + std::to_string(i));
+    WriteWholeFile("rec/" + std::to_string(i) + "/RecordDB", record);
+  }
+  test::FaultScope faults;
+  LocalPBSearchEngine engine;
+  const auto operations = [&](std::int64_t from) {
+    const std::uint64_t before = faults.io.Operations();
+    engine.searchByInterval(from, from + kDay);
+    return faults.io.Operations() - before;
+  };
+  operations(kFebruary + kDay);
+  EXPECT_GT(operations(kFebruary + kDay), kLists);
+  EXPECT_LT(operations(kFebruary + kDay), kFew);
+  Append("rec/7/RecordDB",
+         test::RecordBytes({u"rec\\0.drv", kFebruary + kDay, kFebruary + 2 * kDay}));
+  const pid_t child = fork();
+  if (child == 0) {
+    operations(kFebruary + kDay);  // what it learns is not taken from the parent
+    _exit(0);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_LT(operations(kFebruary + kDay), 2 * kFew);
+  EXPECT_EQ(engine.getNormalPBInfo().size(), 1u);
+}
 
 void SearchAllTime(LocalPBSearchEngine& engine) {
   engine.searchByInterval(kAllTime.from, kAllTime.to);

@@ -98,7 +98,9 @@ inline std::string FolderBytes(std::u16string_view folder) {
 // folder "rec" is there.
 class WorkFolder {
  public:
-  WorkFolder() : before_(std::filesystem::current_path()) {
+  // `where` as for TemporaryFolder.
+  explicit WorkFolder(const std::string& where = {})
+      : before_(std::filesystem::current_path()), folder_(where) {
     std::filesystem::create_directories(folder_.File("data/work/rec"));
     std::filesystem::current_path(folder_.File("data/work"));
   }

@@ -38,8 +38,10 @@ void ReadList(const std::string& path, const OracleQuestion& question, OracleAns
               Groups& groups) {
   for (const std::string& bytes : RecordsOf(path, kRecordBytes)) {
     const OracleRecord record{NativeText(bytes, 0, 260), TimeAt(bytes, 720), TimeAt(bytes, 728)};
+    std::error_code noName;
     if (record.start == 0 || record.end == 0 || record.start >= record.end ||
-        !fs::exists(record.file) || record.start > question.to || record.end < question.from) {
+        !fs::exists(record.file, noName) || record.start > question.to ||
+        record.end < question.from) {
       continue;
     }
     if (question.month && record.start >= question.from) {
@@ -99,7 +101,7 @@ OracleAnswer AskOracle(const OracleQuestion& question) {
     std::set<std::string> folders;
     std::error_code missing;
     for (const auto& inside : fs::directory_iterator(NativeText(entry, 0, 260), missing)) {
-      if (inside.is_directory()) {
+      if (inside.is_directory(missing)) {
         folders.insert(inside.path().string());
       }
     }

@@ -43,11 +43,25 @@ bool FilePresence::Exists(const std::string& path) {
 void FilePresence::BeginQuery() {
   ++query_;
   sure_ = true;
+  DropNames();
   for (const std::uint32_t index : listed_) {
-    folders_[index].names.clear();
     folders_[index].listed = false;
   }
   listed_.clear();
+}
+
+void FilePresence::DropNames() {
+  for (const std::uint32_t index : listed_) {
+    folders_[index].names = {};
+  }
+  names_ = 0;
+}
+
+void FilePresence::BeginList() {
+  constexpr std::size_t kMany = 50'000;  // some megabytes
+  if (names_ > kMany) {
+    DropNames();
+  }
 }
 
 bool FilePresence::StillHolds(const Answer& answer) {
@@ -107,6 +121,7 @@ void FilePresence::List(Folder& folder) {
   listed_.push_back(static_cast<std::uint32_t>(&folder - folders_.data()));
   const bool complete = io_.List(folder.path, [&](std::string_view name, EntryKind kind) {
     folder.names.emplace(name, kind);
+    ++names_;
   });
   folder.reliable = folder.reliable && complete;
 }

@@ -1,6 +1,7 @@
 // FilePresence: whether the files that records name are there, asked for folder by folder.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -28,6 +29,10 @@ class FilePresence {
   // What was listed is forgotten, and every folder has to show that it did not change.
   void BeginQuery();
 
+  // Names that were listed are dropped once they are many, between two lists of records that mostly
+  // have a folder each; a file whose folder's names are gone is asked for by itself.
+  void BeginList();
+
   bool StillHolds(const Answer& answer);
 
   // False when in this query it could not be found out whether a file is there: it counts as
@@ -52,6 +57,7 @@ class FilePresence {
   Folder& Checked(std::uint32_t index);
   bool Exists(const std::string& path);
   void List(Folder& folder);
+  void DropNames();
   std::uint32_t IndexOf(const std::string& path);
   void Split(std::span<const std::uint8_t> path, std::uint32_t& folder, std::string& name);
 
@@ -61,6 +67,7 @@ class FilePresence {
   std::vector<Folder> folders_;  // [0] stands for none
   std::unordered_map<std::string, std::uint32_t> indexes_;
   std::vector<std::uint32_t> listed_;
+  std::size_t names_ = 0;  // that the folders hold
   // The last folder asked for, as records write it: neighbours in a list are neighbours on disk.
   std::vector<std::uint8_t> lastPrefix_;
   std::uint32_t lastFolder_ = 0;

@@ -31,79 +31,146 @@ bool Fits(const Entry& entry, const RecordQuery& query) {
 
 }  // namespace
 
-const std::vector<std::string>* RecordLists::ListsIn(const std::string& folder, bool& complete) {
-  FileStatus status;
-  if (!io_.Status(folder + "/.", status)) {
-    complete = IsMissing(errno);
-    folders_.erase(folder);
-    return nullptr;
-  }
-  const FileStamp stamp(status);
-  Folder& known = folders_[folder];
-  if (known.known && known.stamp == stamp) {
-    return &known.lists;
-  }
-  known.stamp = stamp;
-  known.known = stamp.IsReliable();
-  std::vector<std::string> lists;
-  complete = io_.List(folder + "/", [&](std::string_view name, EntryKind kind) {
-    std::string path = folder + "/";
-    path += name;
-    if (kind == EntryKind::kAsk) {
-      known.known = false;  // what a link leads to may change without the folder
-      kind =
-          io_.Status(path, status) && status.is_directory ? EntryKind::kFolder : EntryKind::kFile;
-    }
-    if (kind == EntryKind::kFolder) {
-      lists.push_back(path + "/RecordDB");
-    }
-  });
-  known.known = known.known && complete;
-  std::sort(lists.begin(), lists.end());
-  for (const std::string& old : known.lists) {
-    if (!std::binary_search(lists.begin(), lists.end(), old)) {
-      lists_.erase(old);
+void RecordLists::BeginQuery() {
+  presence_.BeginQuery();
+  const bool sure = watch_.Collect(ended_);
+  for (const int watch : ended_) {
+    const auto found = watched_.find(watch);
+    if (found != watched_.end()) {
+      found->second->watch = FileWatch::kNone;
+      found->second->known = false;
+      watched_.erase(found);
     }
   }
-  known.lists = std::move(lists);
-  return &known.lists;
+  if (!sure) {
+    for (const auto& [watch, list] : watched_) {
+      list->watch = FileWatch::kNone;
+    }
+    watched_.clear();
+  }
 }
 
-bool RecordLists::AskEach(const std::string& folder, const RecordQuery& query) {
+RecordLists::Folder* RecordLists::Listed(const std::string& path, bool& complete) {
+  FileStatus status;
+  Folder& folder = folders_[path];
+  const bool present = io_.Status(path + "/.", status);
+  const FileStamp stamp(status);
+  if (present && folder.known && folder.stamp == stamp) {
+    return &folder;
+  }
+  complete = present || IsMissing(errno);
+  for (List& list : folder.lists) {
+    Unwatch(list);
+  }
+  if (!present) {
+    folders_.erase(path);
+    return nullptr;
+  }
+  folder.stamp = stamp;
+  complete = ListAnew(path, folder);
+  folder.known = complete && stamp.IsReliable();
+  folder.watchable = folder.known && FileWatch::SeesAll(path);
+  return &folder;
+}
+
+bool RecordLists::ListAnew(const std::string& path, Folder& folder) {
+  std::vector<List> lists;
+  const bool complete = io_.List(path + "/", [&](std::string_view name, EntryKind kind) {
+    if (kind != EntryKind::kFile) {
+      List& list = lists.emplace_back();
+      list.path = path + "/";
+      list.path += name;
+      list.path += "/RecordDB";
+      list.stays = kind == EntryKind::kFolder;
+    }
+  });
+  std::ranges::sort(lists, {}, &List::path);
+  auto old = folder.lists.begin();
+  for (List& list : lists) {
+    while (old != folder.lists.end() && old->path < list.path) {
+      ++old;
+    }
+    if (old != folder.lists.end() && old->path == list.path) {
+      const bool stays = list.stays;
+      list = std::move(*old);
+      list.stays = stays;
+    }
+  }
+  folder.lists = std::move(lists);
+  return complete;
+}
+
+bool RecordLists::AskEach(const std::string& path, const RecordQuery& query) {
   bool complete = true;
-  const std::vector<std::string>* const lists = ListsIn(folder, complete);
-  if (lists != nullptr) {
-    for (const std::string& path : *lists) {
-      complete = AskOne(path, query) && complete;
+  Folder* const folder = Listed(path, complete);
+  if (folder != nullptr) {
+    for (List& list : folder->lists) {
+      complete = AskOne(*folder, list, query) && complete;
     }
   }
   return complete && presence_.IsSure();
 }
 
-bool RecordLists::AskOne(const std::string& path, const RecordQuery& query) {
+bool RecordLists::AskOne(const Folder& folder, List& list, const RecordQuery& query) {
+  if (list.watch == FileWatch::kNone) {
+    FileStatus status;
+    if (!io_.Status(list.path, status)) {
+      const bool missing = IsMissing(errno);
+      Forget(list);
+      return missing;
+    }
+    list.known = list.known && list.stamp == FileStamp(status);
+    Watch(folder, list);
+  }
+  return (list.known && !NeedsFile(list, query)) || Read(list, query);
+}
+
+void RecordLists::Watch(const Folder& folder, List& list) {
+  // What lies on another device is another file system's, which may be taken away from here.
+  if (!list.known || !list.stays || !folder.watchable || list.stamp.device != folder.stamp.device) {
+    return;
+  }
+  list.watch = watch_.Add(list.path);
+  if (list.watch == FileWatch::kNone) {
+    return;
+  }
+  watched_[list.watch] = &list;
   FileStatus status;
-  if (!io_.Status(path, status)) {
-    const bool missing = IsMissing(errno);
-    lists_.erase(path);
-    return missing;
+  if (!io_.Status(list.path, status) || list.stamp != FileStamp(status)) {
+    Unwatch(list);
   }
-  FileStamp stamp(status);
-  List& list = lists_[path];
-  if (list.known && list.stamp == stamp && !NeedsFile(list, query)) {
-    return true;
+}
+
+void RecordLists::Unwatch(List& list) {
+  if (list.watch != FileWatch::kNone) {
+    watch_.Remove(list.watch);
+    watched_.erase(list.watch);
+    list.watch = FileWatch::kNone;
   }
+}
+
+void RecordLists::Forget(List& list) {
+  Unwatch(list);
+  list.known = false;
+  list.entries = {};
+}
+
+bool RecordLists::Read(List& list, const RecordQuery& query) {
+  presence_.BeginList();
   ScopeLock databases(RecordDatabaseLock());
-  DatabaseFile file(SystemPath(path), kRecordSize, DatabaseAccess::kRead);
-  if (!file || !io_.Status(path, status)) {
+  DatabaseFile file(SystemPath(list.path), kRecordSize, DatabaseAccess::kRead);
+  FileStatus status;
+  if (!file || !io_.Status(list.path, status)) {
     const bool missing = file ? IsMissing(errno) : file.Missing();
-    lists_.erase(path);
+    Forget(list);
     return missing;
   }
-  // Once more, now that the file is open: it is the one that is remembered, or it is read anew.
-  stamp = FileStamp(status);
+  // Asked now that the file is open: it is the one that is remembered, or it is read anew.
+  const FileStamp stamp(status);
   if (list.known && list.stamp == stamp) {
     return ReadSome(list, file, query);
   }
+  Unwatch(list);
   list.stamp = stamp;
   const bool read = ReadAll(list, file, query);
   list.known = read && stamp.IsReliable();

@@ -13,6 +13,7 @@
 
 #include "cms/playback/internal/file_presence.h"
 #include "cms/playback/internal/file_stamp.h"
+#include "cms/playback/internal/file_watch.h"
 #include "cms/runtime/file_io.h"
 
 namespace cms {
@@ -33,11 +34,19 @@ struct RecordQuery {
 // What a list says is read whole once: of each record its times and whether its file is there stay
 // in memory. Later queries read those records that they want the bytes of. Every answer is one that
 // reading everything anew would give. One thread at a time.
+//
+// Whether a list is still the one that was read:
+// 1. A list that was asked for twice and did not change is watched, where the kernel sees all that
+//    could change it. Until it tells of a change, nobody asks.
+// 2. A watch is on a file, whatever leads to it. So the folder of a list must be the one that it
+// was
+//    when the watch was added: once what holds the folders has changed, their watches are removed.
+// 3. Any other list is asked for its stamp.
 class RecordLists {
  public:
   explicit RecordLists(FileIo& io) : io_(io), presence_(io) {}
 
-  void BeginQuery() { presence_.BeginQuery(); }
+  void BeginQuery();
 
   // Asks the list of each folder inside a native one, in the order of their names. False when
   // something that is there could not be read.
@@ -50,8 +59,11 @@ class RecordLists {
     FilePresence::Answer answer;
   };
   struct List {
-    FileStamp stamp;
+    std::string path;    // native
+    bool stays = false;  // no link leads to it
     bool known = false;  // the entries are what a file with this stamp says
+    int watch = FileWatch::kNone;
+    FileStamp stamp;
     std::vector<Entry> entries;
     std::size_t first = 0;  // what NeedsFile found
     std::size_t last = 0;
@@ -61,20 +73,28 @@ class RecordLists {
   struct Folder {
     FileStamp stamp;
     bool known = false;
-    std::vector<std::string> lists;  // native paths of the record lists that may be there
+    bool watchable = false;
+    std::vector<List> lists;  // that may be there, by their paths
   };
 
-  bool AskOne(const std::string& path, const RecordQuery& query);
+  Folder* Listed(const std::string& path, bool& complete);
+  bool ListAnew(const std::string& path, Folder& folder);
+  bool AskOne(const Folder& folder, List& list, const RecordQuery& query);
+  void Watch(const Folder& folder, List& list);
+  void Unwatch(List& list);
+  void Forget(List& list);
   bool NeedsFile(List& list, const RecordQuery& query);
+  bool Read(List& list, const RecordQuery& query);
   bool ReadAll(List& list, DatabaseFile& file, const RecordQuery& query);
   bool ReadSome(List& list, DatabaseFile& file, const RecordQuery& query);
-  const std::vector<std::string>* ListsIn(const std::string& folder, bool& complete);
   void Consider(Entry& entry, std::span<const std::uint8_t> record, const RecordQuery& query);
 
   FileIo& io_;
   FilePresence presence_;
   std::unordered_map<std::string, Folder> folders_;
-  std::unordered_map<std::string, List> lists_;
+  FileWatch watch_;
+  std::unordered_map<int, List*> watched_;
+  std::vector<int> ended_;
 };
 
 }  // namespace cms
