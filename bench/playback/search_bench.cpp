@@ -1,5 +1,6 @@
 // A month's calendar and a day's recordings of all sites out of 1,000,000 recordings: 32 sites, a
 // folder for each of 1,000 days. The files are there, empty, and ours looks for each that counts.
+// And all of them at once, with 100,000 events: time, and memory at its highest.
 //
 // Cat is the floor of a first search: the record lists once through the page cache. SQLite answers
 // the same questions from a table with an index on (site, start), without looking for any file.
@@ -23,6 +24,7 @@
 #include <vector>
 
 #include "cms/playback/local_pb_search_engine.h"
+#include "cms/recording/event_db_info.h"
 #include "cms/recording/rec_folder_db_writer.h"
 #include "cms/runtime/native_path.h"
 
@@ -38,6 +40,7 @@ constexpr std::int64_t kDay = 86'400;
 constexpr std::int64_t kMonth = kBegin + 699 * kDay;             // 2022-12-01
 constexpr std::int64_t kOneDay = kMonth + 28 * kDay;             // 2022-12-29
 constexpr std::int64_t kLength = kDay * kSites / kRecordsOfDay;  // of a recording
+constexpr std::int64_t kRecordsOfEvent = 10;                     // one of so many has an event
 
 void Check(bool ok, const char* what) {
   if (!ok) {
@@ -92,6 +95,7 @@ class Archive {
   }
 
   void Make() {
+    events_.open(path_ + "/EventList0", std::ios::binary);
     CRecFolderDBWriter().WriterRecFolderDB(0, cms::SystemPath(path_ + "/recordings").c_str());
     Run("PRAGMA journal_mode=OFF; BEGIN;"
         "CREATE TABLE records (site INTEGER, start INTEGER, end INTEGER, file TEXT)");
@@ -100,6 +104,7 @@ class Archive {
     for (std::int64_t day = 0; day < kDays; ++day) {
       MakeDay(day, insert);
     }
+    events_.close();
     sqlite3_finalize(insert);
     Run("CREATE INDEX bySite ON records (site, start); COMMIT; ANALYZE");
   }
@@ -119,6 +124,12 @@ class Archive {
       record.SetEndTime(start + kLength - 1);
       list.write(reinterpret_cast<const char*>(&record), sizeof(record));
       close(open(file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666));
+      if (i % kRecordsOfEvent == 0) {
+        FX_EventDBInfo event(0, 0, site, 0, 3, 5, 554, L"Lobby", L"192.168.0.20");
+        event.SetStartTime(start + 10);
+        event.SetEndTime(start + 20);
+        events_.write(reinterpret_cast<const char*>(&event), sizeof(event));
+      }
       sqlite3_bind_int64(insert, 1, site);
       sqlite3_bind_int64(insert, 2, start);
       sqlite3_bind_int64(insert, 3, start + kLength - 1);
@@ -130,6 +141,7 @@ class Archive {
 
   const std::string path_ = Place();
   sqlite3* database_ = nullptr;
+  std::ofstream events_;
   std::vector<std::string> lists_;
 };
 
@@ -171,14 +183,18 @@ int Calendar(LocalPBSearchEngine& engine) {
   return sum;
 }
 
-// The files of 2022-12-29.
-std::size_t Day(LocalPBSearchEngine& engine) {
-  engine.searchByInterval(kOneDay, kOneDay + kDay - 1);
+std::size_t FilesOf(const LocalPBSearchEngine& engine) {
   std::size_t files = 0;
   for (const auto& span : engine.getNormalPBInfo()) {
     files += span.records.size();
   }
   return files;
+}
+
+// The files of 2022-12-29.
+std::size_t Day(LocalPBSearchEngine& engine) {
+  engine.searchByInterval(kOneDay, kOneDay + kDay - 1);
+  return FilesOf(engine);
 }
 
 constexpr int kAllDays = 31 * 32 / 2;
@@ -194,6 +210,38 @@ void First(benchmark::State& state, Ask ask, Answer answer) {
 }
 BENCHMARK_CAPTURE(First, month, Calendar, kAllDays)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK_CAPTURE(First, day, Day, kFilesOfDay)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// MB of memory, from /proc/self/status.
+double Memory(const std::string& field) {
+  std::ifstream status("/proc/self/status");
+  std::string word;
+  while (status >> word && word != field) {
+  }
+  double kibibytes = 0;
+  status >> kibibytes;
+  return kibibytes * 1024 / 1e6;
+}
+
+void Everything(benchmark::State& state) {
+  TheArchive();
+  double peak = 0;
+  double kept = 0;
+  for (auto _ : state) {
+    const double before = Memory("VmRSS:");
+    std::ofstream("/proc/self/clear_refs") << "5";  // the peak begins anew
+    LocalPBSearchEngine engine;
+    engine.searchByInterval(LocalPBSearchEngine::kFullRangeStart,
+                            LocalPBSearchEngine::kFullRangeEnd);
+    engine.loadEventList();
+    peak = Memory("VmHWM:") - before;
+    kept = Memory("VmRSS:") - before;
+    Check(FilesOf(engine) == kDays * kRecordsOfDay, "wrong answer");
+    Check(engine.getEventTimes().size() == kDays * kRecordsOfDay / kRecordsOfEvent, "wrong answer");
+  }
+  state.counters["peak_MB"] = peak;
+  state.counters["kept_MB"] = kept;
+}
+BENCHMARK(Everything)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 template <typename Ask, typename Answer>
 void Again(benchmark::State& state, Ask ask, Answer answer) {

@@ -12,6 +12,8 @@
 
 namespace cms {
 
+// Records are kept in the stretches that they will be part of, as long as they come in the order of
+// time, which they nearly always do: all records of years are much memory, and exist once.
 class PlaybackSpans {
  public:
   void Clear();
@@ -19,8 +21,8 @@ class PlaybackSpans {
   // Sites are kept in the order of their first records.
   void Add(const FX_RecordDBInfo& record);
 
-  // Sorts each site's records by their start (records of one start stay in the order of Add) and
-  // makes the stretches of them. The records are used up.
+  // Makes the stretches of what was added. Records count by their start (those of one start in the
+  // order of Add).
   void Join();
 
   bool Joined() const { return joined_; }  // since the last Clear
@@ -31,17 +33,21 @@ class PlaybackSpans {
   const stPBTimeInfo* Overlapping(std::uint32_t site, std::int64_t start, std::int64_t end) const;
 
  private:
-  struct Range {
-    std::size_t first = 0;
-    std::size_t last = 0;  // behind
+  struct Site {
+    std::uint32_t number = 0;
+    bool inOrder = true;
+    // Records in the order of Add; each list ends where the next record is apart from it.
+    std::vector<std::vector<FX_RecordDBInfo>> stretches;
+    std::size_t first = 0;  // of `spans_`, once joined
+    std::size_t behind = 0;
   };
 
-  void JoinSite(std::span<const FX_RecordDBInfo> records);
+  static void Append(Site& site, const FX_RecordDBInfo& record);
+  static void Sort(Site& site);
 
-  std::unordered_map<std::uint32_t, std::size_t> groupOfSite_;
-  std::vector<std::vector<FX_RecordDBInfo>> groups_;
+  std::unordered_map<std::uint32_t, std::size_t> siteOf_;  // number -> index
+  std::vector<Site> sites_;
   std::vector<stPBTimeInfo> spans_;
-  std::unordered_map<std::uint32_t, Range> spansOfSite_;
   bool joined_ = false;
 };
 
