@@ -12,6 +12,7 @@ extern "C" {
 
 #include "cms/live/codec_id.h"
 #include "tools/avc_units.h"
+#include "tools/clip_codec.h"
 #include "tools/clip_file.h"
 #include "tools/time_text.h"
 
@@ -20,17 +21,6 @@ namespace {
 
 constexpr AVRational kMicroseconds{1, 1'000'000};
 constexpr AVRational kVideoClock{1, 90'000};
-
-AVCodecID VideoCodec(ClipVideo video) {
-  switch (video) {
-    case ClipVideo::kMjpeg:
-      return AV_CODEC_ID_MJPEG;
-    case ClipVideo::kMpeg4:
-      return AV_CODEC_ID_MPEG4;
-    default:
-      return AV_CODEC_ID_H264;
-  }
-}
 
 AVCodecID AudioCodec(std::uint32_t codecId) {
   switch (codecId) {
@@ -117,19 +107,23 @@ struct ClipWriter::State {
   AVStream* video = nullptr;
   AVStream* audio = nullptr;
   Packet packet{av_packet_alloc()};
-  std::int64_t begin = -1;      // microseconds
-  std::int64_t end = 0;         // of the last picture, from `begin` on
-  std::int64_t lastVideo = -1;  // in the stream's units
-  std::int64_t samples = -1;    // of audio, up to which it was written; -1 before the first block
-  int sampleBytes = 1;          // of all channels
-  bool lengths = false;         // units of video carry theirs instead of start codes
+  std::int64_t begin = -1;                // microseconds
+  std::int64_t end = 0;                   // of the last picture, from `begin` on
+  std::optional<std::int64_t> lastVideo;  // decoding, in the stream's units
+  std::int64_t samples = -1;  // of audio, up to which it was written; -1 before the first block
+  int sampleBytes = 1;        // of all channels
+  bool lengths = false;       // units of video carry theirs instead of start codes
   std::vector<std::uint8_t> scratch;
 
   void Check(int result) const { file.Check(result); }
   void AddVideo(const ClipFormat& format);
   void AddAudio(const ClipAudio& audio);
-  void Write(AVStream& stream, std::span<const std::uint8_t> data, std::int64_t time,
-             std::int64_t duration, bool key);
+  struct Times {  // in the stream's units
+    std::int64_t decoding = 0;
+    std::int64_t presentation = 0;
+    std::int64_t duration = 0;
+  };
+  void Write(AVStream& stream, std::span<const std::uint8_t> data, const Times& times, bool key);
 };
 
 void ClipWriter::State::AddVideo(const ClipFormat& format) {
@@ -138,7 +132,7 @@ void ClipWriter::State::AddVideo(const ClipFormat& format) {
   video->time_base = kVideoClock;
   AVCodecParameters& parameters = *video->codecpar;
   parameters.codec_type = AVMEDIA_TYPE_VIDEO;
-  parameters.codec_id = VideoCodec(format.video);
+  parameters.codec_id = CodecOf(format.video);
   parameters.width = format.width;
   parameters.height = format.height;
   if (format.video != ClipVideo::kMjpeg) {
@@ -171,13 +165,14 @@ void ClipWriter::State::AddAudio(const ClipAudio& wanted) {
 }
 
 void ClipWriter::State::Write(AVStream& stream, std::span<const std::uint8_t> data,
-                              std::int64_t time, std::int64_t duration, bool key) {
+                              const Times& times, bool key) {
   // Not reference-counted: the muxer writes what it needs before it returns.
   packet->data = const_cast<std::uint8_t*>(data.data());
   packet->size = static_cast<int>(data.size());
   packet->stream_index = stream.index;
-  packet->pts = packet->dts = time;
-  packet->duration = duration;
+  packet->pts = times.presentation;
+  packet->dts = times.decoding;
+  packet->duration = times.duration;
   packet->flags = key ? AV_PKT_FLAG_KEY : 0;
   Check(av_write_frame(context, packet.get()));
   Check(context->pb->error);
@@ -189,6 +184,8 @@ ClipWriter::ClipWriter(const std::string& path, const ClipFormat& format)
   state.Check(avformat_alloc_output_context2(&state.context, nullptr, NameOf(format.container),
                                              path.c_str()));
   state.context->pb = state.file.Context();
+  // Times of decoding may lie in front of the beginning: those of presentation do not.
+  state.context->avoid_negative_ts = AVFMT_AVOID_NEG_TS_DISABLED;
   state.AddVideo(format);
   if (format.audio) {
     state.AddAudio(*format.audio);
@@ -203,23 +200,28 @@ ClipWriter::ClipWriter(const std::string& path, const ClipFormat& format)
 
 ClipWriter::~ClipWriter() = default;
 
-void ClipWriter::WriteVideo(std::span<std::uint8_t> frame, std::int64_t time, std::int64_t interval,
-                            bool key) {
+void ClipWriter::WriteVideo(std::span<std::uint8_t> frame, const PictureTimes& times, bool key) {
   State& state = *state_;
   const std::span<const std::uint8_t> written =
       state.lengths ? LengthsForStartCodes(frame, state.scratch) : frame;
   if (written.empty()) {
     return;  // nothing of it is H.264
   }
-  state.begin = state.begin < 0 ? time : state.begin;
+  state.begin = state.begin < 0 ? times.presentation : state.begin;
   AVStream& stream = *state.video;
+  const auto units = [&](std::int64_t time) {
+    return av_rescale_q(time, kMicroseconds, stream.time_base);
+  };
   // Matroska counts milliseconds: pictures closer than that must still follow each other.
-  const std::int64_t at = std::max(
-      av_rescale_q(time - state.begin, kMicroseconds, stream.time_base), state.lastVideo + 1);
-  state.lastVideo = at;
-  state.end = time - state.begin + interval;
-  state.Write(stream, written, at, av_rescale_q(interval, kMicroseconds, stream.time_base),
-              key || stream.codecpar->codec_id == AV_CODEC_ID_MJPEG);
+  State::Times at;
+  at.decoding = state.lastVideo
+                    ? std::max(units(times.decoding - state.begin), *state.lastVideo + 1)
+                    : units(times.decoding - state.begin);
+  at.presentation = std::max(units(times.presentation - state.begin), at.decoding);
+  at.duration = units(times.interval);
+  state.lastVideo = at.decoding;
+  state.end = std::max(state.end, times.presentation - state.begin + times.interval);
+  state.Write(stream, written, at, key || stream.codecpar->codec_id == AV_CODEC_ID_MJPEG);
 }
 
 void ClipWriter::WriteAudio(std::span<const std::uint8_t> block, std::int64_t time) {
@@ -234,8 +236,8 @@ void ClipWriter::WriteAudio(std::span<const std::uint8_t> block, std::int64_t ti
   AVStream& stream = *state.audio;
   const std::int64_t count = static_cast<std::int64_t>(block.size()) / state.sampleBytes;
   const AVRational clock{1, rate};
-  state.Write(stream, block, av_rescale_q(state.samples, clock, stream.time_base),
-              av_rescale_q(count, clock, stream.time_base), true);
+  const std::int64_t at = av_rescale_q(state.samples, clock, stream.time_base);
+  state.Write(stream, block, {at, at, av_rescale_q(count, clock, stream.time_base)}, true);
   state.samples += count;
 }
 

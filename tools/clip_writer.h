@@ -19,6 +19,13 @@ struct ClipAudio {
   bool operator==(const ClipAudio&) const = default;
 };
 
+// Microseconds. Times of decoding grow, and none lies behind that of presentation.
+struct PictureTimes {
+  std::int64_t decoding = 0;
+  std::int64_t presentation = 0;
+  std::int64_t interval = 0;  // up to the next one shown
+};
+
 // What a file has to know before its first frame.
 struct ClipFormat {
   ClipContainer container = ClipContainer::kMp4;
@@ -47,11 +54,9 @@ class ClipWriter {
   ClipWriter(const ClipWriter&) = delete;
   ClipWriter& operator=(const ClipWriter&) = delete;
 
-  // Times and intervals in microseconds; the first picture's time is the beginning of the file.
-  // Times of pictures grow; so do those of audio blocks.
-  // A picture's bytes are changed.
-  void WriteVideo(std::span<std::uint8_t> frame, std::int64_t time, std::int64_t interval,
-                  bool key);
+  // The first picture's presentation is the beginning of the file. Its bytes are changed.
+  void WriteVideo(std::span<std::uint8_t> frame, const PictureTimes& times, bool key);
+  // Times in microseconds; they grow.
   void WriteAudio(std::span<const std::uint8_t> block, std::int64_t time);
 
   void Finish();

@@ -13,6 +13,7 @@ extern "C" {
 #include <vector>
 
 #include "cms/runtime/file_io.h"
+#include "tools/clip_codec.h"
 #include "tools/serve/jpeg_encoder.h"
 
 namespace tools {
@@ -27,12 +28,6 @@ struct Free {
 using Context = std::unique_ptr<AVCodecContext, Free>;
 using Packet = std::unique_ptr<AVPacket, Free>;
 using Frame = std::unique_ptr<AVFrame, Free>;
-
-AVCodecID CodecOf(ClipVideo video) {
-  return video == ClipVideo::kMjpeg   ? AV_CODEC_ID_MJPEG
-         : video == ClipVideo::kMpeg4 ? AV_CODEC_ID_MPEG4
-                                      : AV_CODEC_ID_H264;
-}
 
 }  // namespace
 
@@ -99,6 +94,10 @@ int PictureDecoder::BitDepth() const {
   const AVPixFmtDescriptor* format =
       av_pix_fmt_desc_get(static_cast<AVPixelFormat>(state_->picture->format));
   return format == nullptr ? 8 : format->comp[0].depth;
+}
+
+int PictureDecoder::Reordering() const {
+  return state_->context->has_b_frames;
 }
 
 std::string PictureDecoder::Jpeg() const {

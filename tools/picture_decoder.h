@@ -27,6 +27,7 @@ class PictureDecoder {
   int Height() const;
   int ChromaFormat() const;  // H.264's number: 1 is 4:2:0
   int BitDepth() const;
+  int Reordering() const;  // how many pictures the stream says come before one shown earlier
 
   std::string Jpeg() const;  // of that picture; throws std::runtime_error
 

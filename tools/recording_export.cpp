@@ -13,6 +13,8 @@ extern "C" {
 #include "cms/streaming/stream_probes.h"
 #include "tools/frame_times.h"
 #include "tools/picture_decoder.h"
+#include "tools/picture_order.h"
+#include "tools/presentation_order.h"
 #include "tools/progress.h"
 #include "tools/stop_signal.h"
 
@@ -63,39 +65,58 @@ struct Beginning {
   int bitDepth = 8;
   std::optional<ClipAudio> audio;
   std::int64_t first = 0;
+  int reordering = 0;  // of pictures, as PresentationOrder takes it
 };
 
-// Looks for a key frame that can be decoded, and some way on for sound.
+void TryKeyFrame(std::span<const std::uint8_t> payload, Beginning& beginning) {
+  beginning.video = VideoOf(payload);
+  beginning.keyFrame.assign(payload.begin(), payload.end());
+  if (!beginning.video) {
+    return;
+  }
+  PictureDecoder decoder(*beginning.video);
+  decoder.Decode(payload);
+  decoder.End();
+  if (decoder.HasPicture()) {
+    beginning.width = decoder.Width();
+    beginning.height = decoder.Height();
+    beginning.chromaFormat = decoder.ChromaFormat();
+    beginning.bitDepth = decoder.BitDepth();
+    beginning.reordering = decoder.Reordering();
+  }
+}
+
+// Looks for a key frame that can be decoded, and some way on for sound and for the order in which
+// the pictures are shown, of which not every stream tells.
 Beginning LookAhead(const ExportOptions& options) {
   constexpr int kFrames = 1000;
   constexpr int kUndecodable = 20;
+  constexpr std::size_t kPictures = 100;
   Beginning beginning;
   RecordingFrames frames(options.parts, options.stream);
   int refused = 0;
-  for (int i = 0; i < kFrames && !(beginning.width != 0 && beginning.audio); ++i) {
+  std::unique_ptr<PictureOrder> order;
+  std::vector<std::int64_t> numbers;
+  for (int i = 0; i < kFrames && !(numbers.size() == kPictures && beginning.audio); ++i) {
     const auto frame = frames.Next();
     if (!frame || StopRequested()) {
       break;
     }
     if (frame->audio) {
       beginning.audio = beginning.audio ? beginning.audio : AudioOf(*frame);
-    } else if (frame->key && beginning.width == 0 && refused < kUndecodable) {
-      const auto payload = frames.Payload(*frame, ClipPadding());
-      beginning.video = VideoOf(payload);
-      if (beginning.video) {
-        PictureDecoder decoder(*beginning.video);
-        decoder.Decode(payload);
-        decoder.End();
-        beginning.width = decoder.HasPicture() ? decoder.Width() : 0;
-        beginning.height = decoder.HasPicture() ? decoder.Height() : 0;
-        beginning.chromaFormat = decoder.HasPicture() ? decoder.ChromaFormat() : 1;
-        beginning.bitDepth = decoder.HasPicture() ? decoder.BitDepth() : 8;
-      }
+      continue;
+    }
+    if (frame->key && beginning.width == 0 && refused < kUndecodable) {
+      TryKeyFrame(frames.Payload(*frame, ClipPadding()), beginning);
       refused += beginning.width == 0 ? 1 : 0;
-      beginning.keyFrame.assign(payload.begin(), payload.end());
       beginning.first = frame->Seconds();
+      order = beginning.width == 0 ? nullptr : std::make_unique<PictureOrder>(*beginning.video);
+    }
+    if (order && numbers.size() < kPictures) {
+      numbers.push_back(order->Of(frames.Payload(*frame, ClipPadding()), frame->key));
     }
   }
+  beginning.reordering = std::max(beginning.reordering, ReorderingOf(numbers));
   if (beginning.keyFrame.empty()) {
     throw std::runtime_error("there is no picture in it" +
                              std::string(frames.OtherFrames() != 0 ? " of that stream" : ""));
@@ -112,7 +133,12 @@ class ClipExport {
       : video_(*beginning.video),
         frames_(options.parts, options.stream),
         progress_(frames_.Total()),
-        writer_(options.path, FormatOf(options, beginning)) {}
+        writer_(options.path, FormatOf(options, beginning)),
+        order_(beginning.reordering) {
+    if (beginning.reordering != 0) {
+      numbers_.emplace(video_);
+    }
+  }
 
   ExportSummary Run() {
     while (auto frame = frames_.Next()) {
@@ -122,6 +148,8 @@ class ClipExport {
     }
     times_.End();
     WriteReady();
+    order_.End();
+    WriteOrdered();
     progress_.Wipe();
     writer_.Finish();
     summary_.duration = writer_.Duration();
@@ -156,28 +184,44 @@ class ClipExport {
   }
 
   void WriteReady() {
-    while (const auto next = times_.Next()) {
+    while (auto next = times_.Next()) {
       if (StopRequested()) {
         throw std::runtime_error("stopped; nothing was written");
       }
-      if (next->frame.audio) {
-        WriteAudio(*next);
+      const std::int64_t number = NumberOf(next->frame);
+      order_.Add(std::move(*next), number);
+      WriteOrdered();
+    }
+  }
+
+  // Only where pictures are shown in another order, for their payloads are read twice then.
+  std::int64_t NumberOf(const RecordedFrame& frame) {
+    return numbers_ && !frame.audio ? numbers_->Of(frames_.Payload(frame, ClipPadding()), frame.key)
+                                    : 0;
+  }
+
+  void WriteOrdered() {
+    while (const auto next = order_.Next()) {
+      if (next->timed.frame.audio) {
+        WriteAudio(next->timed);
       } else {
-        WriteVideo(*next);
+        WriteVideo(next->timed, next->decodingTime);
       }
     }
   }
 
-  void WriteVideo(const TimedFrame& next) {
+  void WriteVideo(const TimedFrame& next, std::int64_t decodingTime) {
     const auto payload = frames_.Payload(next.frame, ClipPadding());
     if (next.frame.key) {
       foreign_ = VideoOf(payload) != video_;
     }
-    if (foreign_) {
-      ++foreignFrames_;
+    begin_ = summary_.frames == 0 ? next.time : begin_;
+    if (foreign_ || next.time < begin_) {
+      foreignFrames_ += foreign_ ? 1 : 0;
+      summary_.skippedFrames += foreign_ ? 0 : 1;  // needs what came in front of the first
       return;
     }
-    writer_.WriteVideo(payload, next.time, next.interval, next.frame.key);
+    writer_.WriteVideo(payload, {decodingTime, next.time, next.interval}, next.frame.key);
     summary_.first = summary_.frames == 0 ? next.frame.Seconds() : summary_.first;
     summary_.last = next.frame.Seconds();
     ++summary_.frames;
@@ -207,6 +251,9 @@ class ClipExport {
   Progress progress_;
   ClipWriter writer_;
   FrameTimes times_;
+  std::optional<PictureOrder> numbers_;  // where pictures are shown in another order
+  PresentationOrder order_;
+  std::int64_t begin_ = 0;  // of the first picture written
   bool foreign_ = false;
   std::uint64_t foreignFrames_ = 0;
 };

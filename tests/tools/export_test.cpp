@@ -4,7 +4,9 @@
 
 #include <filesystem>
 #include <nlohmann/json.hpp>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include "tests/support/faulty_file_io.h"
 #include "tests/support/recorded_clip.h"
@@ -45,16 +47,36 @@ double Duration(const json& probe) {
   return std::stod(probe["format"]["duration"].get<std::string>());
 }
 
-// The frame number that a picture shows; `input` is a file, or a file and what ffmpeg is told of
-// it.
-int NumberShown(const std::string& input) {
-  const ShellResult raw = RunShell("ffmpeg -v error -i '" + input +
-                                   "' -frames:v 1 -f rawvideo -pix_fmt bgra -s 320x240 -");
-  EXPECT_EQ(raw.output.size(), 320u * 240 * 4);
-  return raw.output.size() != 320u * 240 * 4
-             ? -1
-             : test::ReadFrameNumber(reinterpret_cast<const std::uint8_t*>(raw.output.data()), 320,
-                                     240, 320 * 4, 320);
+// The frame numbers that a file's pictures show, in the order of presentation.
+std::vector<int> NumbersShown(const std::string& path) {
+  constexpr std::size_t kPicture = 320u * 240 * 4;
+  const ShellResult raw = RunShell("ffmpeg -v error -i '" + path +
+                                   "' -vsync passthrough -f rawvideo -pix_fmt bgra -s 320x240 -");
+  EXPECT_EQ(raw.errors, "");
+  std::vector<int> numbers;
+  for (std::size_t at = 0; at + kPicture <= raw.output.size(); at += kPicture) {
+    numbers.push_back(test::ReadFrameNumber(reinterpret_cast<const std::uint8_t*>(&raw.output[at]),
+                                            320, 240, 320 * 4, 320));
+  }
+  return numbers;
+}
+
+int NumberShown(const std::string& path) {
+  const auto numbers = NumbersShown(path);
+  return numbers.empty() ? -1 : numbers.front();
+}
+
+// Seconds, in the order of presentation.
+std::vector<double> TimesShown(const std::string& path) {
+  const ShellResult probed = RunShell(
+      "ffprobe -v error -select_streams v -show_entries frame=pts_time -of csv=p=0 '" + path + "'");
+  std::istringstream lines(probed.output);
+  std::vector<double> times;
+  for (double time = 0; lines >> time;) {
+    times.push_back(time);
+    lines.ignore(8, '\n');
+  }
+  return times;
 }
 
 class Export : public testing::Test {
@@ -93,6 +115,41 @@ TEST_F(Export, EveryCodecIntoBothContainers) {
       EXPECT_EQ(probe["streams"][0]["width"], 320);
       EXPECT_NEAR(Duration(probe), 80 / 25.0, 0.05);
       EXPECT_FALSE(std::filesystem::exists(out + ".part"));
+    }
+  }
+}
+
+// The recording has them in the order of decoding, with times of arrival.
+TEST_F(Export, PicturesOfCamerasWithBFramesAreShownInTheirOrder) {
+  for (const ClipCodec codec : {ClipCodec::kH264, ClipCodec::kMpeg4}) {
+    test::RecordedClipSpec spec;
+    spec.clip.codec = codec;
+    spec.clip.profile = test::ClipProfile::kHigh;
+    spec.clip.bframes = codec == ClipCodec::kH264 ? 5 : 2;  // of H.264, some refer to others
+    spec.clip.frames = 80;
+    spec.phase = 15;
+    spec.audioCodec = kMuLaw;
+    const std::string drv = Drv(RecordClip(spec));
+    for (const std::string& out : {Out("clip.mp4"), Out("clip.mkv")}) {
+      SCOPED_TRACE(out);
+      EXPECT_EQ(Parsed(RunOrvanta("export --json " + drv + " " + out))["frames"], 80);
+      const auto numbers = NumbersShown(out);
+      const auto times = TimesShown(out);
+      ASSERT_EQ(numbers.size(), 80u);
+      ASSERT_EQ(times.size(), 80u);
+      for (int i = 0; i < 80; ++i) {
+        EXPECT_EQ(numbers[static_cast<std::size_t>(i)], i);
+        EXPECT_NEAR(times[static_cast<std::size_t>(i)], i / 25.0, 0.001);
+      }
+      EXPECT_NEAR(Duration(Probe(out)), 80 / 25.0, 0.05);
+    }
+    if (codec == ClipCodec::kMpeg4) {  // key frame 12 comes first, then 10 and 11 that need more
+      const json report = Parsed(
+          RunOrvanta("export --json --from 2023-11-14T22:13:21Z " + drv + " " + Out("some.mkv")));
+      EXPECT_EQ(report["frames"], 68);
+      EXPECT_EQ(report["skipped_frames"], 2);
+      EXPECT_EQ(NumberShown(Out("some.mkv")), 12);
+      EXPECT_EQ(TimesShown(Out("some.mkv")).front(), 0);
     }
   }
 }
