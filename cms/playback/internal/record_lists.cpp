@@ -113,14 +113,17 @@ bool RecordLists::AskEach(const std::string& path, const RecordQuery& query) {
 
 bool RecordLists::AskOne(const Folder& folder, List& list, const RecordQuery& query) {
   if (list.watch == FileWatch::kNone) {
+    Watch(folder, list);  // before its stamp is asked for: whatever happens from now on is told
     FileStatus status;
     if (!io_.Status(list.path, status)) {
       const bool missing = IsMissing(errno);
       Forget(list);
       return missing;
     }
-    list.known = list.known && list.stamp == FileStamp(status);
-    Watch(folder, list);
+    if (list.stamp != FileStamp(status)) {
+      list.known = false;
+      Unwatch(list);
+    }
   }
   return (list.known && !NeedsFile(list, query)) || Read(list, query);
 }
@@ -131,13 +134,8 @@ void RecordLists::Watch(const Folder& folder, List& list) {
     return;
   }
   list.watch = watch_.Add(list.path);
-  if (list.watch == FileWatch::kNone) {
-    return;
-  }
-  watched_[list.watch] = &list;
-  FileStatus status;
-  if (!io_.Status(list.path, status) || list.stamp != FileStamp(status)) {
-    Unwatch(list);
+  if (list.watch != FileWatch::kNone) {
+    watched_[list.watch] = &list;
   }
 }
 

@@ -11,7 +11,7 @@ namespace cms {
 
 namespace {
 
-constexpr std::size_t kBlockBytes = 64 * 1024;  // stays in the processor's cache, and in the heap
+constexpr std::size_t kBlockBytes = 256 * 1024;  // stays in the processor's cache
 constexpr int kLockAttempts = 250;
 constexpr std::chrono::milliseconds kShortPause{1};  // another recorder is done in no time
 constexpr std::chrono::milliseconds kLongPause{10};
