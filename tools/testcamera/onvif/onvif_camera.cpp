@@ -108,7 +108,7 @@ void OnvifCamera::OnSoap(SoupServer*, SoupServerMessage* message, const char*, G
   camera->Send(message, status, kSoapType, answer, !clock);
 }
 
-// The HTTP status for the answer. SOAP 1.2 part 2, section 7.5.2.2: 400 for a sender's fault, 500
+// The HTTP status for the answer. SOAP 1.2 Adjuncts, section 7.5.2.2: 400 for a sender's fault, 500
 // for a receiver's. A refused token is 401 in most firmwares, and 400 in those that print nicely.
 unsigned OnvifCamera::AnswerSoap(SoupServerMessage* message, std::string* answer, bool* clock) {
   SoapAnswer soap(Style());

@@ -119,7 +119,7 @@ SoapRequest::SoapRequest(std::string_view bytes)
   if (document_ == nullptr) {
     Refuse("The request is not well-formed XML");
   }
-  // SOAP 1.2 part 1, section 5: no document type declaration, so no entities either.
+  // SOAP 1.2 Messaging Framework, section 5: no document type declaration, so no entities either.
   if (document_->intSubset != nullptr) {
     Refuse("A SOAP message has no document type declaration");
   }
@@ -200,7 +200,7 @@ Element SoapAnswer::Header() {
   return Element(header);
 }
 
-// SOAP 1.2 part 1, section 5.4, with the subcodes that ONVIF's core names.
+// SOAP 1.2 Messaging Framework, section 5.4, with the subcodes that ONVIF's core names.
 void SoapAnswer::SetFault(const SoapFault& fault) {
   while (body_->children != nullptr) {
     xmlNode* child = body_->children;
