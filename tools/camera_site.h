@@ -1,6 +1,7 @@
 // One camera that is configured or looked for: how the command line names it and waits for it.
 #pragma once
 
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
@@ -54,6 +55,29 @@ class CameraSite {
 
 // One JSON object, or the same as indented lines for people.
 void PrintAnswer(const nlohmann::ordered_json& answer, bool json);
+
+// Adds a command with the site options, which Arguments has as `site`. The result adds a subcommand
+// that prints what `run` answers: add(name, what it does, run).
+template <typename Arguments>
+auto AddSiteCommand(CLI::App& app, const char* name, const char* help,
+                    std::shared_ptr<Arguments> arguments, CommandResult& result) {
+  CLI::App* const command = app.add_subcommand(name, help);
+  AddSiteOptions(command, arguments->site);
+  command->require_subcommand(1);
+  return
+      [command, arguments, &result](const char* subcommand, const char* does,
+                                    nlohmann::ordered_json (*run)(CameraSite&, const Arguments&)) {
+        CLI::App* const added = command->add_subcommand(subcommand, does);
+        added->fallthrough();
+        // The parent's callback runs when all options are read, those behind the subcommand too.
+        added->final_callback([arguments, run, &result] {
+          CameraSite site(arguments->site);
+          PrintAnswer(run(site, *arguments), arguments->site.json);
+          result.status = 0;
+        });
+        return added;
+      };
+}
 
 // The address of the first profile's stream, asked for over ONVIF, with the user and the password
 // of the onvif:// URL or else of the arguments left out of it: they are given back there. Throws

@@ -240,21 +240,8 @@ Json FactoryDefault(CameraSite& site, const Arguments& arguments) {
 
 void AddOnvifCommand(CLI::App& app, CommandResult& result) {
   auto arguments = std::make_shared<Arguments>();
-  CLI::App* command = app.add_subcommand("onvif", "Read and change a camera's settings over ONVIF");
-  AddSiteOptions(command, arguments->site);
-  command->require_subcommand(1);
-  const auto add = [&, arguments](const char* name, const char* help,
-                                  Json (*run)(CameraSite&, const Arguments&)) {
-    CLI::App* added = command->add_subcommand(name, help);
-    added->fallthrough();
-    added->final_callback([arguments, run, &result] {
-      CameraSite site(arguments->site);
-      PrintAnswer(run(site, *arguments), arguments->site.json);
-      result.status = 0;
-    });
-    return added;
-  };
-
+  const auto add = AddSiteCommand(app, "onvif", "Read and change a camera's settings over ONVIF",
+                                  arguments, result);
   add("info", "Maker, model, firmware, serial number", Info);
   add("profiles", "The media profiles", Profiles);
   add("uri", "Where a profile is streamed", Uri)

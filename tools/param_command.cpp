@@ -97,22 +97,9 @@ Json TvSystem(CameraSite& site, const Arguments& arguments) {
 
 void AddParamCommand(CLI::App& app, CommandResult& result) {
   auto arguments = std::make_shared<Arguments>();
-  CLI::App* command =
-      app.add_subcommand("param", "Read and change a camera's settings over its parameter CGI");
-  AddSiteOptions(command, arguments->site);
-  command->require_subcommand(1);
-  const auto add = [&, arguments](const char* name, const char* help,
-                                  Json (*run)(CameraSite&, const Arguments&)) {
-    CLI::App* added = command->add_subcommand(name, help);
-    added->fallthrough();
-    // The parent's callback runs when all options are read, those behind the subcommand too.
-    added->final_callback([arguments, run, &result] {
-      CameraSite site(arguments->site);
-      PrintAnswer(run(site, *arguments), arguments->site.json);
-      result.status = 0;
-    });
-    return added;
-  };
+  const auto add =
+      AddSiteCommand(app, "param", "Read and change a camera's settings over its parameter CGI",
+                     arguments, result);
   add("name", "The product's name", Name);
   add("list", "All parameters, or those of one group", List)
       ->add_option("group", arguments->group)
