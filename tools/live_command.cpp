@@ -129,12 +129,7 @@ class Live {
     for (std::size_t i = 0; i < sites_.size(); ++i) {
       LiveSite& site = *sites_[i];
       if (!site.EverDelivered()) {
-        const ConnectionStatus last = site.Status();
-        failures.push_back(
-            site.Url() + ": " +
-            (last.fault == ConnectionFault::kNone
-                 ? "no frame arrived"
-                 : std::string(ConnectionFaultName(last.fault)) + ": " + last.detail));
+        failures.push_back(site.Url() + ": " + WhyNothingArrived(site.Status()));
         continue;
       }
       if (!arguments_.snapshot.empty()) {

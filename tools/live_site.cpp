@@ -72,6 +72,12 @@ std::string WithoutPassword(const cms::CameraUrl& url, const std::string& user) 
 
 }  // namespace
 
+std::string WhyNothingArrived(const ConnectionStatus& status) {
+  return status.fault == ConnectionFault::kNone
+             ? "no frame arrived"
+             : std::string(ConnectionFaultName(status.fault)) + ": " + status.detail;
+}
+
 LiveSite::LiveSite(const LiveOptions& options) : options_(options) {
   const auto url = cms::ParseCameraUrl(options.url);
   if (!url || (url->scheme != "rtsp" && url->scheme != "http")) {

@@ -27,6 +27,9 @@ struct LiveOptions {
   std::string listenDevice;
 };
 
+// For people, of a site that never delivered a frame.
+std::string WhyNothingArrived(const ConnectionStatus& status);
+
 class LiveSite {
  public:
   // Throws std::runtime_error for a URL that cannot be read.

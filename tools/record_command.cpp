@@ -124,12 +124,8 @@ class Record {
     int status = 0;
     for (const auto& site : sites_) {
       if (!site->EverDelivered()) {
-        const ConnectionStatus last = site->Status();
-        std::fprintf(
-            stderr, "orvanta record: %s: %s\n", site->Url().c_str(),
-            last.fault == ConnectionFault::kNone
-                ? "no frame arrived"
-                : (std::string(ConnectionFaultName(last.fault)) + ": " + last.detail).c_str());
+        std::fprintf(stderr, "orvanta record: %s: %s\n", site->Url().c_str(),
+                     WhyNothingArrived(site->Status()).c_str());
         status = 1;
       }
     }
