@@ -23,8 +23,9 @@ constexpr std::uint32_t kBlockMs = 20;
 constexpr std::uint32_t kBufferMs = 200;
 constexpr int kReopenMs = 2000;
 
-std::vector<unsigned char> Encode(std::int32_t codecId, std::span<const std::int16_t> samples) {
-  std::vector<unsigned char> bytes(samples.size());
+// `bytes`: as long as CCMSAudioCapture::BlockBytes says.
+void Encode(std::int32_t codecId, std::span<const std::int16_t> samples,
+            std::span<unsigned char> bytes) {
   switch (codecId) {
     case CMS_CODEC_PCM_MULAW:
       cms::EncodeMuLaw(samples.data(), samples.size(), bytes.data());
@@ -33,13 +34,15 @@ std::vector<unsigned char> Encode(std::int32_t codecId, std::span<const std::int
       cms::EncodeALaw(samples.data(), samples.size(), bytes.data());
       break;
     default:
-      bytes.resize(samples.size_bytes());
       std::memcpy(bytes.data(), samples.data(), bytes.size());
       for (std::size_t i = 0; codecId == CMS_CODEC_PCM_S16BE && i < bytes.size(); i += 2) {
         std::swap(bytes[i], bytes[i + 1]);
       }
   }
-  return bytes;
+}
+
+std::size_t BlockSamples(const tCMSAudioPlayerConfig& config) {
+  return std::size_t{config.sampleRate} * kBlockMs / 1000 * config.channels;
 }
 
 }  // namespace
@@ -50,7 +53,8 @@ class CCMSAudioCapture::Impl {
       : config_(config),
         onBlock_(std::move(onBlock)),
         device_(device.empty() ? cms::AlsaDeviceOf(config.device, kCapture) : std::move(device)),
-        block_(std::size_t{config.sampleRate} * kBlockMs / 1000 * config.channels) {
+        block_(BlockSamples(config)),
+        encoded_(BlockBytes(config)) {
     if (!IsUsable(config)) {
       throw std::runtime_error("the audio format cannot be captured");
     }
@@ -101,8 +105,8 @@ class CCMSAudioCapture::Impl {
         filled_ += static_cast<std::size_t>(frames) * config_.channels;
         if (filled_ == block_.size()) {
           filled_ = 0;
-          const auto bytes = Encode(config_.codecId, block_);
-          onBlock_(bytes.data(), static_cast<int>(bytes.size()));
+          Encode(config_.codecId, block_, encoded_);
+          onBlock_(encoded_.data(), static_cast<int>(encoded_.size()));
         }
       }
     }
@@ -113,6 +117,7 @@ class CCMSAudioCapture::Impl {
   const std::string device_;
   std::vector<std::int16_t> block_;
   std::size_t filled_ = 0;  // samples
+  std::vector<unsigned char> encoded_;
   cms::AlsaDevice pcm_;
   cms::WakeUp wake_;
   std::vector<pollfd> waits_;
@@ -130,6 +135,12 @@ bool CCMSAudioCapture::IsUsable(const tCMSAudioPlayerConfig& config) {
     default:
       return false;
   }
+}
+
+std::size_t CCMSAudioCapture::BlockBytes(const tCMSAudioPlayerConfig& config) {
+  const bool companded =
+      config.codecId == CMS_CODEC_PCM_MULAW || config.codecId == CMS_CODEC_PCM_ALAW;
+  return BlockSamples(config) * (companded ? 1 : sizeof(std::int16_t));
 }
 
 CCMSAudioCapture::CCMSAudioCapture(const tCMSAudioPlayerConfig& config, OnBlock onBlock,

@@ -1,6 +1,7 @@
 // CCMSAudioCapture: a microphone, as encoded blocks.
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <string>
 
@@ -19,6 +20,9 @@ class CMS_API CCMSAudioCapture final : public cms::AudioCapture {
 
   // mu-law, A-law, 16-bit PCM; 2,000 to 384,000 samples a second, 1 or 2 channels.
   static bool IsUsable(const tCMSAudioPlayerConfig& config);
+
+  // The length of each block, of a usable format.
+  static std::size_t BlockBytes(const tCMSAudioPlayerConfig& config);
 
  private:
   class Impl;

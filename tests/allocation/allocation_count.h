@@ -1,9 +1,10 @@
-// Counts what receiving threads allocate.
+// Counts what threads that receive or capture allocate.
 #pragma once
 
 namespace test {
 
-// By threads whose name began with "cms-recv" when they first allocated, since the program began.
+// By threads whose name began with "cms-recv" or "audio capture" when they first allocated, since
+// the program began.
 long Allocations();
 
 }  // namespace test

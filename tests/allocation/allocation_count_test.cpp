@@ -12,15 +12,15 @@ namespace {
 
 std::atomic<long> allocations{0};
 
-// Whether the calling thread is one of the library's receiving threads.
-bool OnReceiveThread() {
+// Whether the calling thread is one of the library's that receive or capture.
+bool OnMediaThread() {
   char name[16] = "";
   pthread_getname_np(pthread_self(), name, sizeof name);
-  return std::strncmp(name, "cms-recv", 8) == 0;
+  return std::strncmp(name, "cms-recv", 8) == 0 || std::strcmp(name, "audio capture") == 0;
 }
 
 void* Counted(std::size_t size) {
-  static thread_local const bool counted = OnReceiveThread();
+  static thread_local const bool counted = OnMediaThread();
   if (counted) {
     allocations.fetch_add(1, std::memory_order_relaxed);
   }

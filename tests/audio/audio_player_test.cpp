@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -207,6 +208,32 @@ TEST_F(AudioDevices, HandlesPlayCaptureAndList) {
               0);
     DestroyAudioPlayer(invalid);
   }
+}
+
+// Its owner's threads may disagree: ThreadSanitizer looks.
+TEST_F(AudioDevices, AMicrophoneStartsAndStopsFromTwoThreadsWhileAThirdFetches) {
+  const tCMSAudioPlayerConfig config;
+  const CMSAudioPlayerHandle microphone = CreateCMSAudioPlayer(&config, kCMSAudioInput, "mouth");
+  std::atomic<bool> done{false};
+  std::thread fetching([&] {
+    unsigned char block[160];
+    while (!done) {
+      const int length = GetEncodeAudioData(microphone, block, sizeof block, 1);
+      EXPECT_TRUE(length == 0 || length == 160);
+    }
+  });
+  const auto switching = [&] {
+    for (int i = 0; i < 30; ++i) {
+      EXPECT_EQ(StartAudioPlayer(microphone), 1);
+      StopAudioPlayer(microphone);
+    }
+  };
+  std::thread other(switching);
+  switching();
+  other.join();
+  done = true;
+  fetching.join();
+  DestroyAudioPlayer(microphone);
 }
 
 TEST_F(AudioDevices, AnIdlePlayerCostsNothing) {
