@@ -125,11 +125,12 @@ nlohmann::ordered_json RecordSite::Json() const {
   }
   return {{"site", number_},
           {"url", url_},
-          {"frames", recorded_.frames},
-          {"key_frames", recorded_.keyFrames},
-          {"bytes", recorded_.bytes},
+          {"frames", recorded_.frames - recorded_.lost.frames},
+          {"key_frames", recorded_.keyFrames - recorded_.lost.keyFrames},
+          {"bytes", recorded_.bytes - recorded_.lost.bytes},
           {"files", files},
-          {"dropped", recorded_.waitingFrames + recorded_.failedFrames + recorded_.refusedFrames},
+          {"dropped", recorded_.waitingFrames + recorded_.failedFrames + recorded_.refusedFrames +
+                          recorded_.lost.frames},
           {"gaps", gaps}};
 }
 

@@ -158,13 +158,15 @@ bool CLFXDRVWriter::RecordBlocks(std::span<const std::span<const std::uint8_t>> 
   }
   record_.offset = static_cast<std::uint32_t>(handedOver_ + buffered_);
   AddData(blocks, length);
-  accepted_ += length;
   hasFrame_ = true;
   lastFrameTick_ = cms::TickMilliseconds();
   status_.lastFrameTick = lastFrameTick_;
   ++status_.frames;
   status_.keyFrames += begins ? 1 : 0;
   status_.bytes += length;
+  ++fileCounts_.frames;
+  fileCounts_.keyFrames += begins ? 1 : 0;
+  fileCounts_.bytes += length;
   return true;
 }
 
@@ -184,7 +186,7 @@ bool CLFXDRVWriter::Fits(std::uint64_t length) const {
 
 bool CLFXDRVWriter::MustChange() const {
   const std::uint64_t limit = static_cast<std::uint64_t>(std::max(sizeMiB_, 0)) << 20;
-  return forceChange_ || hasNewPath_ || accepted_ >= limit + sizeStagger_;
+  return forceChange_ || hasNewPath_ || fileBegin_ + fileCounts_.bytes >= limit + sizeStagger_;
 }
 
 bool CLFXDRVWriter::IsSilent() const {

@@ -181,7 +181,8 @@ class CMS_API CLFXDRVWriter {
   std::wstring idxPath_ CMS_GUARDED_BY(lock_);
   cms::FileStatus drvFile_ CMS_GUARDED_BY(lock_);
   std::uint64_t handedOver_ CMS_GUARDED_BY(lock_) = 0;  // in the file or on its way there
-  std::uint64_t accepted_ CMS_GUARDED_BY(lock_) = 0;    // for the size limit
+  std::uint64_t fileBegin_ CMS_GUARDED_BY(lock_) = 0;   // what was in it when it was opened
+  cms::FrameCounts fileCounts_ CMS_GUARDED_BY(lock_);   // accepted since
   bool hasFrame_ CMS_GUARDED_BY(lock_) = false;         // since it was opened
   bool idxIncomplete_ CMS_GUARDED_BY(lock_) = false;
   std::uint64_t lastFrameTick_ CMS_GUARDED_BY(lock_) = 0;

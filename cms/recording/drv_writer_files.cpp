@@ -110,7 +110,8 @@ int CLFXDRVWriter::OpenNamed(std::int64_t startTime) {
   drvPath_ = std::move(drvPath);
   idxPath_ = std::move(idxPath);
   handedOver_ = pair.drvSize;
-  accepted_ = pair.drvSize;
+  fileBegin_ = pair.drvSize;
+  fileCounts_ = {};
   hasFrame_ = false;
   lastFrameTick_ = cms::TickMilliseconds();
   startTime_ = 0;
@@ -155,6 +156,8 @@ void CLFXDRVWriter::CloseFiles(bool failed) {
   late.idxPath = idxPath_;
   late.drvStatus = drvStatus_;
   late.idxStatus = idxStatus_;
+  late.begin = fileBegin_;
+  late.accepted = fileCounts_;
   late.damaged = failed || idxIncomplete_;
   late.counted = failed;
   late.stored = !failed && late.Error() == 0 && recordList_->WriteDBInfoIntoList();
@@ -259,9 +262,13 @@ void CLFXDRVWriter::SettleLateRecords() {
   for (cms::LateRecord& late : work) {
     const int failure = late.IsClosed() ? late.Error() : 0;
     const std::uint64_t lost = late.IsClosed() ? late.drvStatus->lost_bytes.exchange(0) : 0;
+    const cms::FrameCounts accepted = late.accepted;
     const int error = cms::SettleLateRecord(io, late);
     ScopeLock hold(lock_);
     status_.lostBytes += lost;
+    status_.lost.frames += accepted.frames - late.accepted.frames;
+    status_.lost.keyFrames += accepted.keyFrames - late.accepted.keyFrames;
+    status_.lost.bytes += accepted.bytes - late.accepted.bytes;
     if (failure != 0 && !late.counted) {
       late.counted = true;
       ++status_.failures;

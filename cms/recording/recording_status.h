@@ -12,6 +12,12 @@ enum class RecordingState {
   kFailed,  // a file could not be opened or written: see `error`; it resumes by itself
 };
 
+struct FrameCounts {
+  std::uint64_t frames = 0;  // key frames among them
+  std::uint64_t keyFrames = 0;
+  std::uint64_t bytes = 0;  // headers included
+};
+
 // Counters run from the recorder's construction.
 struct RecordingStatus {
   RecordingState state = RecordingState::kIdle;
@@ -26,6 +32,7 @@ struct RecordingStatus {
   std::uint64_t failedFrames = 0;   // dropped while failed
   std::uint64_t refusedFrames = 0;  // dropped because their header contradicts their size
   std::uint64_t lostBytes = 0;      // accepted, then not written because of a failure
+  FrameCounts lost;                 // of the accepted frames those that mended files do not have
   std::uint64_t failures = 0;
   std::uint64_t resumptions = 0;
   std::uint64_t lateRecords = 0;  // of files, waiting to be mended or stored

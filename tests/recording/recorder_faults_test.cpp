@@ -159,6 +159,7 @@ TEST_P(RecorderFaultsAt, EveryOperation) {
       found += static_cast<std::uint32_t>(file.frames.size());
     }
     EXPECT_GE(found + (forAWhile ? 60 : 30), frames) << failing;
+    EXPECT_EQ(Status().frames - Status().lost.frames, found) << failing;
     EXPECT_EQ(site_.Records().size(), files.size() * test::kRecordBytes) << failing;
     EXPECT_EQ(site_.Events().size(), test::kEventBytes) << failing;
     EXPECT_EQ(Status().lateRecords + Status().lateEvents, 0u) << failing;

@@ -53,7 +53,7 @@ int SettleLateRecord(FileIo& io, LateRecord& late) {
   }
   if (late.damaged || late.Error() != 0) {
     const MendedPair mended =
-        MendRecordingPair(io, NativePath(late.drvPath), NativePath(late.idxPath));
+        MendRecordingPair(io, NativePath(late.drvPath), NativePath(late.idxPath), late.begin);
     if (!mended.done) {
       return mended.error != 0 ? mended.error : EIO;
     }
@@ -65,6 +65,7 @@ int SettleLateRecord(FileIo& io, LateRecord& late) {
       late.stored = true;
     }
     late.end = mended.lastSeconds != 0 ? mended.lastSeconds : late.end;
+    late.accepted = mended.kept;
     late.damaged = false;
     late.drvStatus->error = 0;
     if (late.idxStatus) {

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "cms/recording/control_write_file.h"
+#include "cms/recording/recording_status.h"
 #include "cms/runtime/file_io.h"
 
 namespace cms {
@@ -25,6 +26,8 @@ struct LateRecord {
   std::wstring idxPath;
   std::shared_ptr<WriteStatus> drvStatus;
   std::shared_ptr<WriteStatus> idxStatus;  // null: there is no index
+  std::uint64_t begin = 0;                 // where the recording began in the .drv file
+  FrameCounts accepted;                    // from there on; in the file, once it has been mended
   bool damaged = false;  // the end of the file has to be cut, or its index made to fit
   bool removed = false;  // nothing was in it
   bool counted = false;  // its failure and its lost bytes are in the recorder's status

@@ -59,6 +59,21 @@ std::int64_t LastSeconds(FileIo& io, const std::string& drvPath, const std::stri
   return seconds;
 }
 
+// 0, or the errno of what failed.
+int CountFrames(FileIo& io, const std::string& drvPath, std::uint64_t from, FrameCounts& counts) {
+  const ScopedFile drv(io, drvPath, kFileRead);
+  if (!drv) {
+    return ErrorOf(errno);
+  }
+  DrvWalker walker(io, drv.Handle());
+  walker.Seek(from);
+  while (walker.Next()) {
+  }
+  const DrvWalkReport& report = walker.Report();
+  counts = {report.frames, report.key_frames, report.frame_bytes};
+  return report.error;
+}
+
 }  // namespace
 
 int OpenRecordingPair(FileIo& io, const std::wstring& drvPath, const std::wstring& idxPath,
@@ -99,7 +114,8 @@ int OpenRecordingPair(FileIo& io, const std::wstring& drvPath, const std::wstrin
   return 0;
 }
 
-MendedPair MendRecordingPair(FileIo& io, const std::string& drvPath, const std::string& idxPath) {
+MendedPair MendRecordingPair(FileIo& io, const std::string& drvPath, const std::string& idxPath,
+                             std::uint64_t counted) {
   MendedPair mended;
   FileStatus status;
   if (!io.Status(drvPath, status)) {
@@ -127,9 +143,9 @@ MendedPair MendRecordingPair(FileIo& io, const std::string& drvPath, const std::
     return mended;
   }
   const IdxRebuild rebuild = RebuildIdx(io, drvPath, idxPath);
-  mended.done = rebuild.done;
-  mended.error = rebuild.error;
-  mended.lastSeconds = rebuild.done ? LastSeconds(io, drvPath, idxPath) : 0;
+  mended.error = rebuild.done ? CountFrames(io, drvPath, counted, mended.kept) : rebuild.error;
+  mended.done = rebuild.done && mended.error == 0;
+  mended.lastSeconds = mended.done ? LastSeconds(io, drvPath, idxPath) : 0;
   return mended;
 }
 

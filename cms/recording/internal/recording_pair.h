@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <string>
 
+#include "cms/recording/recording_status.h"
 #include "cms/runtime/file_io.h"
 
 namespace cms {
@@ -29,9 +30,12 @@ struct MendedPair {
   int error = 0;
   bool empty = false;            // no frame had reached the disk: both files are removed
   std::int64_t lastSeconds = 0;  // the header time of the last video frame; 0 when unknown
+  FrameCounts kept;              // the frames from `counted` on
 };
 
 // Cuts a torn frame off the end and makes the index fit. Native paths; nobody has the files open.
-MendedPair MendRecordingPair(FileIo& io, const std::string& drvPath, const std::string& idxPath);
+// `counted`: an offset.
+MendedPair MendRecordingPair(FileIo& io, const std::string& drvPath, const std::string& idxPath,
+                             std::uint64_t counted);
 
 }  // namespace cms
