@@ -115,7 +115,8 @@ class Player {
       return -2;
     }
     const int number = ReadFrameNumber(pixels, static_cast<int>(size.cx), static_cast<int>(size.cy),
-                                       static_cast<int>(size.cx) * 4, kClipWidth);
+                                       static_cast<int>(size.cx) * 4,
+                                       static_cast<int>(control.GetWidHei(site, channel).cx));
     control.UnlockDecodedImage(site, channel);
     return number;
   }

@@ -1,4 +1,4 @@
-// `orvanta play` on recordings, and the whole way: camera, `orvanta record`, `orvanta play`.
+// `orvanta play` on recordings; whole_way_test.cpp plays those of cameras.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -7,7 +7,6 @@
 #include <string>
 
 #include "tests/playback/clip_recording.h"
-#include "tests/support/rtsp_camera.h"
 #include "tests/support/shell.h"
 
 namespace {
@@ -101,63 +100,6 @@ TEST(PlayCommand, StopsCleanlyOnSigterm) {
                      " play --json --slow " + folder.File("a.drv"));
   EXPECT_EQ(result.status, 0);
   EXPECT_GE(json::parse(result.output, nullptr, false)["sites"][0]["shown"], 5);
-}
-
-// What two cameras showed is there again, with their numbers in order, both ways.
-TEST(PlayCommand, PlaysWhatWasRecordedFromCameras) {
-  test::RtspCamera a({"--gop", "10", "--audio", "pcmu"});
-  test::RtspCamera b({"--codec", "mjpeg", "--fps", "10"});
-  test::TemporaryFolder folder;
-  const std::string data = "--data " + folder.File("data");
-  const test::ShellResult recorded =
-      RunOrvanta("record " + data + " --seconds 6 --json " + a.Url() + " " + b.Url());
-  ASSERT_EQ(recorded.status, 0) << recorded.errors;
-  const json played = Played(data + " --contact-sheet " + folder.File("seen.png"));
-  ASSERT_EQ(played["sites"].size(), 2u) << played;
-  for (const json& site : played["sites"]) {
-    EXPECT_GE(site["shown"], 20) << played;
-    EXPECT_EQ(site["lost"], 0);
-    EXPECT_TRUE(site["end_of_file"]);
-  }
-
-  test::Player player;
-  for (const auto& file : std::filesystem::recursive_directory_iterator(folder.File("data"))) {
-    if (file.path().extension() == ".drv") {
-      _MULTI_PB_SITE_CONFIG site;
-      site.files = {cms::SystemPath(file.path().string())};
-      player.config.sites.push_back(site);
-    }
-  }
-  ASSERT_EQ(player.config.sites.size(), 2u);
-  ASSERT_TRUE(player.Start());
-  const auto number = [&player](unsigned site) {
-    tagSIZE size;
-    const unsigned char* const pixels = player.control.LockDecodedImage(site, 0, &size);
-    const int result =
-        pixels == nullptr
-            ? -2
-            : test::ReadFrameNumber(pixels, static_cast<int>(size.cx), static_cast<int>(size.cy),
-                                    static_cast<int>(size.cx) * 4, static_cast<int>(size.cx));
-    player.control.UnlockDecodedImage(site, 0);
-    return result;
-  };
-  for (unsigned site = 0; site < 2; ++site) {
-    player.control.setCurrentSiteIdx(static_cast<int>(site));
-    player.control.SetPlaybackTargetTime(player.control.GetPlaybackDataStartTime() + 2500);
-    player.Settled();
-    const int first = number(site);
-    ASSERT_GE(first, 0);
-    for (int step = 1; step <= 25; ++step) {
-      player.control.PlaybackStepForward();
-      player.Settled();
-      ASSERT_EQ(number(site), (first + step) % 4096);
-    }
-    for (int step = 24; step >= 0; --step) {
-      player.control.PlaybackStepBackward();
-      player.Settled();
-      ASSERT_EQ(number(site), (first + step) % 4096);
-    }
-  }
 }
 
 }  // namespace
