@@ -134,6 +134,18 @@ bool CIPCAM_Config_Utility::Exchange(_SEND_HTTP_COMMAND_PARAM& param, std::strin
   return false;
 }
 
+bool CIPCAM_Config_Utility::Ask(_SEND_HTTP_COMMAND_PARAM& param, std::string_view operation,
+                                std::wstring& answer) {
+  std::vector<char> buffer(kAnswerCapacity);
+  param.answer = buffer.data();
+  param.answerCapacity = kAnswerCapacity;
+  if (!Exchange(param, operation)) {
+    return false;
+  }
+  answer = cms::WideFromUtf8({param.answer, param.answerLength});
+  return true;
+}
+
 int CIPCAM_Config_Utility::GeneratePasswordDigest(const std::wstring& password,
                                                   const std::wstring& created, std::wstring& digest,
                                                   std::wstring& nonce) const {
@@ -222,7 +234,6 @@ bool CIPCAM_Config_Utility::Post(const cms::SoapOperation& operation, std::wstri
   if (!IsSiteComplete()) {
     return false;
   }
-  std::vector<char> buffer(kAnswerCapacity);
   _SEND_HTTP_COMMAND_PARAM param;
   InitialHTTPCommandParam(param);
   param.verb = kHttpVerbPost;
@@ -233,13 +244,11 @@ bool CIPCAM_Config_Utility::Post(const cms::SoapOperation& operation, std::wstri
       operation.Action() + L"\r\nContent-Length: " +
       std::to_wstring(cms::Utf8FromWide(envelope).size()) + L"\r\nConnection: close\r\n";
   param.body = std::move(envelope);
-  param.answer = buffer.data();
-  param.answerCapacity = kAnswerCapacity;
   const std::string name = cms::Utf8FromWide(operation.name);
-  if (!Exchange(param, name)) {
+  if (!Ask(param, name, answer)) {
     return false;
   }
-  answer = cms::Normalized(cms::WideFromUtf8({param.answer, param.answerLength}));
+  answer = cms::Normalized(answer);
   if (const std::string reason = cms::FaultReason(answer); !reason.empty()) {
     Fail(name + ": " + reason);
     if (cms::IsNotAuthorizedFault(answer)) {

@@ -181,6 +181,8 @@ class CMS_API CIPCAM_Config_Utility {
   bool IsSiteComplete();
   bool Wait(int milliseconds);
   bool Exchange(_SEND_HTTP_COMMAND_PARAM& param, std::string_view operation);
+  // The same with room for the answer, and the answer's text.
+  bool Ask(_SEND_HTTP_COMMAND_PARAM& param, std::string_view operation, std::wstring& answer);
   bool Synchronize(std::int64_t& created);
   // A signed request; the answer is in the spelling that tag searches expect.
   bool Call(const cms::SoapOperation& operation, std::wstring_view body, std::wstring& answer);

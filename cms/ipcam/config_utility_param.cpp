@@ -11,18 +11,12 @@ bool CIPCAM_Config_Utility::GetByCgi(std::wstring_view operation, std::wstring p
   if (!IsSiteComplete()) {
     return false;
   }
-  std::vector<char> buffer(kAnswerCapacity);
   _SEND_HTTP_COMMAND_PARAM param;
   InitialHTTPCommandParam(param);
   param.objectPath = std::move(path);
-  param.answer = buffer.data();
-  param.answerCapacity = kAnswerCapacity;
   const std::string name = cms::Utf8FromWide(operation);
-  if (!Exchange(param, name)) {
-    return false;
-  }
-  answer = cms::WideFromUtf8({param.answer, param.answerLength});
-  return !cms::IsInvalidValueAnswer(answer) || Fail(name + ": the camera refused a value");
+  return Ask(param, name, answer) &&
+         (!cms::IsInvalidValueAnswer(answer) || Fail(name + ": the camera refused a value"));
 }
 
 bool CIPCAM_Config_Utility::GetProdShortName(std::wstring& name) {
