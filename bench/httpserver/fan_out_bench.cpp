@@ -87,12 +87,7 @@ MHD_Result AnswerStream(void*, MHD_Connection* connection, const char*, const ch
 }
 
 void RunMicrohttpd() {
-  MHD_Daemon* const server = MHD_start_daemon(
-      MHD_USE_THREAD_PER_CONNECTION | MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_POLL, 0, nullptr,
-      nullptr, &AnswerStream, nullptr, MHD_OPTION_END);
-  bench::ServeUntilInputEnds(MHD_get_daemon_info(server, MHD_DAEMON_INFO_BIND_PORT)->port);
-  ending = true;
-  MHD_stop_daemon(server);
+  bench::ServeMicrohttpd(&AnswerStream, [] { ending = true; });
 }
 
 void RunBroadcast() {

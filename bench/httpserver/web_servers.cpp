@@ -1,7 +1,6 @@
 #include "bench/httpserver/web_servers.h"
 
 #include <civetweb.h>
-#include <microhttpd.h>
 
 #include <cstdio>
 
@@ -36,15 +35,6 @@ MHD_Result AnswerPage(void*, MHD_Connection* connection, const char*, const char
   return result;
 }
 
-void RunMicrohttpd() {
-  MHD_Daemon* const server = MHD_start_daemon(
-      MHD_USE_THREAD_PER_CONNECTION | MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_POLL, 0, nullptr,
-      nullptr, &AnswerPage, nullptr, MHD_OPTION_END);
-  const MHD_DaemonInfo* const info = MHD_get_daemon_info(server, MHD_DAEMON_INFO_BIND_PORT);
-  ServeUntilInputEnds(info->port);
-  MHD_stop_daemon(server);
-}
-
 void RunCivetweb() {
   mg_init_library(0);
   const char* options[] = {"listening_ports", "0", "enable_keep_alive", "no", nullptr};
@@ -74,11 +64,22 @@ void ServeUntilInputEnds(int port) {
   }
 }
 
+void ServeMicrohttpd(MHD_AccessHandlerCallback answer, const std::function<void()>& ending) {
+  MHD_Daemon* const server = MHD_start_daemon(
+      MHD_USE_THREAD_PER_CONNECTION | MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_POLL, 0, nullptr,
+      nullptr, answer, nullptr, MHD_OPTION_END);
+  ServeUntilInputEnds(MHD_get_daemon_info(server, MHD_DAEMON_INFO_BIND_PORT)->port);
+  if (ending) {
+    ending();
+  }
+  MHD_stop_daemon(server);
+}
+
 bool RunWebServer(const std::string& name) {
   if (name == "ours") {
     RunOurs();
   } else if (name == "microhttpd") {
-    RunMicrohttpd();
+    ServeMicrohttpd(&AnswerPage);
   } else if (name == "civetweb") {
     RunCivetweb();
   } else {
