@@ -12,17 +12,7 @@ namespace {
 using test::CheckSeams;
 using test::FrameSource;
 
-class DrvNames : public testing::Test {
- protected:
-  void Begin(const stRecordParam& param = test::ParamFor(1)) {
-    test::Prepare(recorder_, param);
-    ASSERT_TRUE(recorder_.StartScheNormalRecord(0));
-  }
-
-  test::RecordingFolder site_;
-  FrameSource source_;
-  FX::FX_DRVRecorder recorder_;
-};
+using DrvNames = test::RecorderTest;
 
 TEST_F(DrvNames, NamesThatSomebodyHoldsArePassedOver) {
   // Two recorders of one path begin in the same second, and change in the same second.

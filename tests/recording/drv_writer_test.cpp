@@ -15,12 +15,8 @@ namespace {
 using test::CheckSeams;
 using test::FrameSource;
 
-class DrvWriter : public testing::Test {
+class DrvWriter : public test::RecorderTest {
  protected:
-  void Begin(const stRecordParam& param = test::ParamFor(1)) {
-    test::Prepare(recorder_, param);
-    ASSERT_TRUE(recorder_.StartScheNormalRecord(0));
-  }
   // Each of them is whole, and nothing is missing or doubled; the number of files.
   std::size_t SoundFiles() {
     recorder_.StopRecordAll();
@@ -28,10 +24,6 @@ class DrvWriter : public testing::Test {
     EXPECT_EQ(CheckSeams(files), source_.NextSequence());
     return files.size();
   }
-
-  test::RecordingFolder site_;
-  FrameSource source_;
-  FX::FX_DRVRecorder recorder_;
 };
 
 TEST_F(DrvWriter, FramesComeBackByteForByteWithTheirIndex) {

@@ -1,6 +1,8 @@
 // A site that records into a folder of its own, for tests.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <string>
 
 #include "cms/recording/control_write_file.h"
@@ -47,6 +49,19 @@ struct RecordingFolder {
 
   WorkFolder folder;
   TestClock clock;
+};
+
+// A recorder of everything that comes, in a folder of its own.
+class RecorderTest : public testing::Test {
+ protected:
+  void Begin(const stRecordParam& param = ParamFor(1)) {
+    Prepare(recorder_, param);
+    ASSERT_TRUE(recorder_.StartScheNormalRecord(0));
+  }
+
+  RecordingFolder site_;
+  FrameSource source_;
+  FX::FX_DRVRecorder recorder_;
 };
 
 }  // namespace test
