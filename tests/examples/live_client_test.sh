@@ -4,25 +4,9 @@
 set -euo pipefail
 
 build=$1
-work=$(mktemp -d)
-camera=
-# shellcheck disable=SC2317  # called by the trap
-finish() {
-  kill "$camera" 2>/dev/null && wait "$camera" 2>/dev/null || true
-  rm -rf "$work"
-}
-trap finish EXIT
-
-: >"$work/camera"
-# What GStreamer keeps until its process ends is no leak of ours.
-ASAN_OPTIONS=detect_leaks=0 "$build/tools/orvanta" camera --port 0 --delimiters on \
-  --auth digest --user admin --password secret >"$work/camera" &
-camera=$!
-url=
-until read -r url _ <"$work/camera"; do
-  kill -0 "$camera"
-  sleep 0.1
-done
+# shellcheck source=tests/examples/camera.sh
+. "$(dirname "$0")/camera.sh"
+start_camera "$build/tools/orvanta" --delimiters on --auth digest --user admin --password secret
 
 # A busy machine is given more time.
 for seconds in 4 15 60; do

@@ -4,38 +4,20 @@
 set -euo pipefail
 
 build=$1
-work=$(mktemp -d)
-camera=
-recorder=
-# shellcheck disable=SC2317  # called by the trap
-finish() {
-  local process
-  for process in $camera $recorder; do
-    kill "$process" 2>/dev/null && wait "$process" 2>/dev/null || true
-  done
-  rm -rf "$work"
-}
-trap finish EXIT
-
-: >"$work/camera"
-# What GStreamer keeps until its process ends is no leak of ours.
-ASAN_OPTIONS=detect_leaks=0 "$build/tools/orvanta" camera --port 0 --delimiters off >"$work/camera" &
-camera=$!
-url=
-until read -r url _ <"$work/camera"; do
-  kill -0 "$camera"
-  sleep 0.1
-done
+# shellcheck source=tests/examples/camera.sh
+. "$(dirname "$0")/camera.sh"
+start_camera "$build/tools/orvanta" --delimiters off
 
 "$build/examples/recorder" "$work/data" "$url" >"$work/lines" &
 recorder=$!
+processes+=("$recorder")
 until grep -q 'camera 1: [1-9][0-9]* frames' "$work/lines"; do
   kill -0 "$recorder"
   sleep 0.2
 done
 kill -TERM "$recorder"
 wait "$recorder"
-recorder=
+unset "processes[-1]"
 cat "$work/lines"
 "$build/tools/orvanta" inspect "$work"/data/recordings/*/*.drv | tee "$work/inspect"
 grep -q '^  end  *whole' "$work/inspect"
