@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Compiles and runs the programs of a page of docs/.
 
-Usage: snippets_test.py PAGE PROJECT_DIR BUILD_DIR CXX SANITIZERS
+Usage: snippets_test.py PAGE PROJECT_DIR BUILD_DIR CXX [SANITIZERS]
 
 A program is a ```cpp block that contains "int main"; other blocks are not looked at. It is compiled with
 warnings as errors against the built library, run in an empty folder, and has to end with status 0. Where
@@ -54,7 +54,7 @@ class Camera:
 
 def main():
     page, project, build = (Path(each).resolve() for each in sys.argv[1:4])
-    compiler, sanitizers = sys.argv[4:6]
+    compiler, *sanitizers = sys.argv[4:]
     camera = Camera(build)
     tried = failed = 0
     with tempfile.TemporaryDirectory() as work:
@@ -66,7 +66,7 @@ def main():
             command = [compiler, "-std=c++20", "-Wall", "-Wextra", "-Werror", f"-I{project}", f"{program}.cpp", "-o",
                        program, f"-L{build}/cms", f"-Wl,-rpath,{build}/cms", "-lorvanta-cms"]
             if sanitizers:
-                command += ["-g1", f"-fsanitize={sanitizers}"]
+                command += ["-g1", f"-fsanitize={sanitizers[0]}"]
             asked = re.match(r"// run with: (.*)\n", source)
             empty = Path(work) / f"in{line}"
             empty.mkdir()
