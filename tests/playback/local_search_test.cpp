@@ -127,7 +127,7 @@ class RandomDatabases {
         WriteWholeFile(folder + "/" + Name(), "");
         break;
       case 2:
-        Append(list, std::string(Below(736), 'x'));
+        Append(list, std::string(static_cast<std::size_t>(Below(736)), 'x'));
         break;
       case 3:
         if (Below(10) == 0) {
