@@ -16,7 +16,7 @@ extern "C" {
 namespace tools {
 namespace {
 
-constexpr int kBufferSize = 1 << 20;
+constexpr int kBufferSize = 256 << 10;  // stays in the cache of a processor
 constexpr std::uint64_t kReserveStep = 64 << 20;
 
 }  // namespace
