@@ -214,9 +214,9 @@ class WholeWay : public testing::Test {
     constexpr int kWidth = 160;
     constexpr int kHeight = 90;
     constexpr std::size_t kPicture = std::size_t{kWidth} * kHeight * 4;
-    const test::ShellResult raw =
-        test::RunShell("ffmpeg -v error -i " + clip +
-                       " -fps_mode passthrough -f rawvideo -pix_fmt bgra -s 160x90 -");
+    const test::ShellResult raw = test::RunShell(
+        "ffmpeg -v error -i " + clip +
+        " -fps_mode passthrough -enc_time_base 1:90000 -f rawvideo -pix_fmt bgra -s 160x90 -");
     EXPECT_EQ(raw.errors, "");
     ASSERT_GE(raw.output.size(), kPicture);
     std::vector<int> numbers;
