@@ -4,10 +4,10 @@
 // picture is shown, beside what decoding such a group of pictures takes. The recording is in the
 // page cache as far as memory goes, and its index is read before.
 //
-// FourSites: four recordings for some seconds at speed 1; processor time of the whole process, and
-// of bare decoding and converting of as many pictures: by four decoders in turn, and by one in a
-// row, which stays in the processor's caches as no player of four sites can. core_above_bare is
-// the share of one core that reading, the clock and showing cost.
+// Sites: four or sixteen recordings for some seconds at speed 1; processor time of the whole
+// process, and of bare decoding and converting of as many pictures: by as many decoders in turn,
+// and by one in a row, which stays in the processor's caches as no player of several sites can.
+// core_above_bare is the share of one core that reading, the clock and showing cost.
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
@@ -209,15 +209,16 @@ void BM_Seek(benchmark::State& state) {
   state.counters["longest_ms"] = longest;
 }
 
-void BM_FourSites(benchmark::State& state) {
+void BM_Sites(benchmark::State& state) {
+  const auto sites = static_cast<unsigned>(state.range(0));
   constexpr int kSeconds = 10;
   const Folder folder;
   std::vector<std::filesystem::path> files;
-  for (int site = 0; site < 4; ++site) {
+  for (unsigned site = 0; site < sites; ++site) {
     files.push_back(folder.path / (std::to_string(site) + ".drv"));
     Record(files.back(), UINT32_MAX, kSeconds + 5);
   }
-  std::array<CMSDecoder, 4> decoders;
+  std::vector<CMSDecoder> decoders(sites);
   for (CMSDecoder& decoder : decoders) {
     decoder.Create(DECODE_CODEC_H264, {});
     decoder.SetDisplaySize(kDisplay, nullptr);
@@ -232,9 +233,9 @@ void BM_FourSites(benchmark::State& state) {
       return;
     }
     Shrink(player);
-    const auto shown = [&player] {
+    const auto shown = [&player, sites] {
       std::uint64_t sum = 0;
-      for (unsigned site = 0; site < 4; ++site) {
+      for (unsigned site = 0; site < sites; ++site) {
         stPlaybackChannelStatus status;
         player.GetChannelStatus(site, 0, &status);
         sum += status.shown;
@@ -268,7 +269,7 @@ void BM_FourSites(benchmark::State& state) {
 }
 
 BENCHMARK(BM_Seek)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(50);
-BENCHMARK(BM_FourSites)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(1);
+BENCHMARK(BM_Sites)->Arg(4)->Arg(16)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(1);
 
 }  // namespace
 

@@ -19,14 +19,10 @@ namespace {
 constexpr int kLongestWait = 500;  // milliseconds, while the clock runs
 constexpr std::uint64_t kLookForMore = 500;
 constexpr std::size_t kFewStaged = 2;
-constexpr int kMostLateInRow = 3;  // pictures that came too late, before one is shown anyway
 constexpr double kSmoothing = 0.2;
-constexpr double kMorePressure = 1.5;  // by which work is taken to last longer when it came late
-constexpr double kMostPressure = 8;
-constexpr double kRelief = 0.9;
+constexpr int kMostMissed = 3;  // pictures in a row, before the next key frame is waited for
 
-// Processor time of this thread: how much longer work takes on a busy machine shows in what comes
-// too late.
+// Processor time of this thread.
 double ThreadMilliseconds() {
   timespec now{};
   clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
@@ -137,10 +133,9 @@ void CCMSPlaybackChannelData::BeginEpoch(const View& view) {
   target_ = {};
   leapt_ = true;
   lost_.clear();
-  lateInRow_ = 0;
   lookedForMore_ = 0;
   if (otherWay_.exchange(false, std::memory_order_relaxed)) {
-    pressure_ = 1;
+    missed_ = 0;
   }
   if (anew_.exchange(false, std::memory_order_relaxed)) {
     shown_ = {};
@@ -212,7 +207,7 @@ CCMSPlaybackChannelData::Place CCMSPlaybackChannelData::Locate(const View& view)
   if (place.covered && !view.forward && view.running && !view.keysOnly) {
     // Backward, a whole group has to be decoded in the time that it plays.
     const auto& video = place.current.gop->video;
-    const double work = decodeMs_ * pressure_ * static_cast<double>(video.size()) * view.rate;
+    const double work = MediaTimeOfFrame(view) * static_cast<double>(video.size());
     place.keysOnly =
         video.size() > 1 && work > static_cast<double>(video.back().time - video.front().time);
   }
@@ -314,10 +309,10 @@ int CCMSPlaybackChannelData::Rest(const View& view, const Place& place) {
 int CCMSPlaybackChannelData::Play(const View& view, const Place& place) {
   filling_ = (filling_ || stage_.staged <= kFewStaged) && !pictures_->IsFull();
   if (filling_) {
-    const bool overtaken = target_ && place.current &&
-                           !(target_.Place() == place.current.Place()) &&
-                           (target_.Time() < place.current.Time()) == view.forward;
-    if (!target_ || overtaken) {
+    if (target_ && IsOvertaken(view, place)) {
+      target_ = {};
+    }
+    if (!target_) {
       target_ = Aim(view, place);
     }
     if (target_) {
@@ -349,6 +344,12 @@ FrameRef CCMSPlaybackChannelData::Following(const View& view, FrameRef frame, bo
   return frame;
 }
 
+// How far the clock goes while a frame is decoded: the channels that work share the processors.
+double CCMSPlaybackChannelData::MediaTimeOfFrame(const View& view) const {
+  static const double processors = std::max(1U, std::thread::hardware_concurrency());
+  return decodeMs_ * std::max(1.0, view.working / processors) * view.rate;
+}
+
 // The picture to make ready: the wanted one if it is missing, else the one that follows.
 FrameRef CCMSPlaybackChannelData::Aim(const View& view, const Place& place) {
   if (stage_.last) {
@@ -365,16 +366,15 @@ FrameRef CCMSPlaybackChannelData::Aim(const View& view, const Place& place) {
     return Following(view, place.wanted, place.keysOnly);
   }
   // Only work that came too late tells that the decoder is behind.
-  return view.forward && !place.keysOnly && pressure_ > 1 ? AimInTime(view, place) : place.wanted;
+  return view.forward && !place.keysOnly && missed_ > 0 ? AimInTime(view, place) : place.wanted;
 }
 
 // Behind the clock: the first frame that can still be decoded while it is the one to show, else the
 // next key frame, which costs nothing before it.
 FrameRef CCMSPlaybackChannelData::AimInTime(const View& view, const Place& place) {
-  const double cost =
-      decodeMs_ * pressure_ * view.rate;  // media time that passes while a frame is decoded
+  const double cost = MediaTimeOfFrame(view);
   FrameRef target = place.current;
-  for (; target.index < target.gop->video.size(); ++target.index) {
+  for (; missed_ < kMostMissed && target.index < target.gop->video.size(); ++target.index) {
     const double ready =
         static_cast<double>(view.position) + cost * static_cast<double>(decoder_.StepsTo(target));
     if (ready < static_cast<double>(track_.ValidUntil(target)) && !IsLost(target)) {
@@ -382,7 +382,18 @@ FrameRef CCMSPlaybackChannelData::AimInTime(const View& view, const Place& place
     }
   }
   FrameRef key = track_.KeyAfter(place.current);
+  missed_ = 0;  // a new beginning
   return key && !IsLost(key) ? key : place.current;
+}
+
+// Whether the clock has passed the picture that is being prepared.
+bool CCMSPlaybackChannelData::IsOvertaken(const View& view, const Place& place) {
+  if (view.forward && !place.keysOnly && view.position >= EndOf(target_, false)) {
+    ++missed_;
+    return true;
+  }
+  return place.current && !(target_.Place() == place.current.Place()) &&
+         (target_.Time() < place.current.Time()) == view.forward;
 }
 
 int CCMSPlaybackChannelData::UntilDue(const View& view, const Place& place) {
@@ -519,13 +530,11 @@ void CCMSPlaybackChannelData::Stage(const View& view, const FrameRef& target, bo
   if (view.running && !view.held) {
     const std::int64_t now = transport_->Position();
     late = view.forward ? now >= end : now < target.Time();
-    pressure_ = late ? std::min(pressure_ * kMorePressure, kMostPressure)
-                     : std::max(pressure_ * kRelief, 1.0);
+    missed_ = late ? missed_ + 1 : 0;
   }
-  if (late && ++lateInRow_ < kMostLateInRow) {
+  if (late && missed_ < kMostMissed) {
     return;
   }
-  lateInRow_ = 0;
   pictures_->Stage(converted, target, end, late);
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <thread>
@@ -105,6 +106,8 @@ class CCMSPlaybackChannelData {
   cms::FrameRef AimInTime(const View& view, const Place& place);
   cms::FrameRef Following(const View& view, cms::FrameRef frame, bool keysOnly);
   std::int64_t EndOf(const cms::FrameRef& frame, bool keysOnly);
+  double MediaTimeOfFrame(const View& view) const;
+  bool IsOvertaken(const View& view, const Place& place);
   int UntilDue(const View& view, const Place& place);
 
   // One piece of the way to a picture; true when it is staged, or came too late, or turned out to
@@ -146,11 +149,10 @@ class CCMSPlaybackChannelData {
   std::uint64_t prepared_ = 0;  // epoch
   Standing reported_;
   std::uint64_t lookedForMore_ = 0;  // tick
-  int lateInRow_ = 0;
   bool filling_ = false;
   unsigned imageId_ = 0;
   double decodeMs_ = 0;                             // processor time of a frame, smoothed
-  double pressure_ = 1;                             // how much longer it is taken to last
+  int missed_ = 0;                                  // pictures in a row that came too late
   std::size_t pictureBytes_ = 1920 * 1080 * 3 / 2;  // of one decoded picture, roughly
   std::vector<std::uint8_t> audio_;
 

@@ -65,6 +65,7 @@ void PlaybackTransport::Start(std::vector<std::shared_ptr<PictureStore>> channel
     channels_.emplace_back();
     channels_.back().pictures = std::move(pictures);
   }
+  working_ = static_cast<int>(channels_.size());
   current_ = 0;
   quit_ = false;
   speed_ = paused ? 0 : 1;
@@ -295,6 +296,7 @@ PlaybackTransport::View PlaybackTransport::Look(std::size_t index) {
   view.atEnd = atEnd_;
   view.forward = forward_;
   view.keysOnly = channel.quick || KeysOnly();
+  view.working = working_;
   view.steps = stepper_ == index ? steps_ : 0;
   view.rate = RateOfSpeed();
   view.position = held_ ? anchorPosition_ : ShowDueAt();
@@ -313,11 +315,13 @@ void PlaybackTransport::Wait(std::size_t index, std::uint64_t version, unsigned 
   if (held_ && (milliseconds < 0 || milliseconds > static_cast<int>(kLongestHold))) {
     milliseconds = static_cast<int>(kLongestHold);
   }
+  --working_;
   if (milliseconds < 0) {
     channel.changed->wait(lock_, changed);
   } else {
     channel.changed->wait_for(lock_, std::chrono::milliseconds(milliseconds), changed);
   }
+  ++working_;
 }
 
 void PlaybackTransport::Prepared(std::size_t index, std::uint64_t epoch, const Standing& standing) {

@@ -46,6 +46,7 @@ class PlaybackTransport {
     bool atEnd = false;    // it stands at the last frame of all channels
     bool forward = true;
     bool keysOnly = false;
+    int working = 0;  // channels that do not wait
     int steps = 0;    // pictures to move by, for this channel to find (ResolveStep)
     double rate = 1;  // media time for a unit of time, always positive
     std::int64_t position = 0;
@@ -128,6 +129,7 @@ class PlaybackTransport {
   CMSCritical lock_;
   std::condition_variable_any changed_;  // for the controller
   std::vector<Channel> channels_ CMS_GUARDED_BY(lock_);
+  int working_ CMS_GUARDED_BY(lock_) = 0;
   std::size_t current_ CMS_GUARDED_BY(lock_) = 0;  // the channel that steps
   bool quit_ CMS_GUARDED_BY(lock_) = true;
 
