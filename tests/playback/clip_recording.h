@@ -116,7 +116,7 @@ class Player {
     }
     const int number = ReadFrameNumber(pixels, static_cast<int>(size.cx), static_cast<int>(size.cy),
                                        static_cast<int>(size.cx) * 4,
-                                       static_cast<int>(control.GetWidHei(site, channel).cx));
+                                       site < codedWidths.size() ? codedWidths[site] : kClipWidth);
     control.UnlockDecodedImage(site, channel);
     return number;
   }
@@ -133,6 +133,7 @@ class Player {
 
   TestClock clock;
   TemporaryFolder folder;
+  std::vector<int> codedWidths;  // of sites whose recordings are no clips
   _MULTI_SITE_PLAYBACK_CONFIG config;
   CCMSMultiSitePlaybackCtrl control;  // goes first: its threads read the clock
 };

@@ -144,6 +144,7 @@ class WholeWay : public testing::Test {
         config.files.push_back(cms::SystemPath(file.get<std::string>()));
       }
       player_.config.sites.push_back(config);
+      player_.codedWidths.push_back(kCameras[player_.codedWidths.size()].width);
     }
   }
 
