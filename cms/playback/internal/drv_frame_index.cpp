@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <array>
+#include <iterator>
+#include <limits>
 #include <utility>
 
 #include "cms/recording/drv_format.h"
@@ -28,7 +30,7 @@ bool DrvFrameIndex::Load() {
     walker_.Seek(0);
   }
   DropTorn();
-  indexed_ = raw_.size();
+  CountIndexed();
   if (!rebuilt_) {
     keyFramesOnly_ = HasOtherFramesBetweenKeys();
   }
@@ -40,21 +42,46 @@ bool DrvFrameIndex::Load() {
 bool DrvFrameIndex::Grow() {
   const std::uint64_t before = walker_.Report().file_size;
   walker_.Refresh();
-  const std::size_t frames = raw_.size();
-  if (!rebuilt_) {
-    raw_.resize(indexed_);
-    if (!ReadIdx()) {  // no index any more: go on with what is known
-      rebuilt_ = true;
-    }
-    DropTorn();
-    indexed_ = raw_.size();
-  }
-  if (walker_.Report().file_size == before && raw_.size() == frames) {
+  const bool moreRecords = !rebuilt_ && TakeNewRecords();
+  if (walker_.Report().file_size == before && !moreRecords) {
     return false;
   }
   Walk();
   MakeTimes();
   return true;
+}
+
+// Gives frames that were walked the records that came since, if these fit. False when there are no
+// new ones; else the walk goes on behind the last frame.
+bool DrvFrameIndex::TakeNewRecords() {
+  const auto begin = static_cast<std::ptrdiff_t>(indexed_);
+  const std::vector<Raw> walked(raw_.begin() + begin, raw_.end());
+  raw_.resize(indexed_);
+  rebuilt_ = !ReadIdx();  // no index any more: go on with what is known
+  std::vector<Raw> added(raw_.begin() + begin, raw_.end());
+  raw_.resize(indexed_);
+  const auto earlier = [](const Raw& a, const Raw& b) { return a.offset < b.offset; };
+  std::erase_if(added, [&](const Raw& record) {
+    const auto found = std::lower_bound(walked.begin(), walked.end(), record, earlier);
+    return rebuilt_ || (found != walked.end() && found->offset == record.offset &&
+                        (found->type != record.type ||
+                         found->milliseconds / 1000 != record.milliseconds / 1000));
+  });
+  std::set_union(added.begin(), added.end(), walked.begin(), walked.end(), std::back_inserter(raw_),
+                 earlier);
+  if (added.empty()) {
+    return false;
+  }
+  DropTorn();
+  CountIndexed();
+  return true;
+}
+
+void DrvFrameIndex::CountIndexed() {
+  indexed_ = raw_.size();
+  while (indexed_ > 0 && !raw_[indexed_ - 1].timed) {
+    --indexed_;
+  }
 }
 
 std::uint64_t DrvFrameIndex::SkippedBytes() const {
@@ -76,7 +103,8 @@ bool DrvFrameIndex::ReadIdx() {
   bool others = false;
   std::uint64_t last = 0;
   while (const auto record = reader.Next()) {
-    if (number != 0 && record->offset <= last) {
+    if ((number != 0 && record->offset <= last) ||
+        record->milliseconds / 1000 > std::numeric_limits<std::uint32_t>::max()) {
       return false;
     }
     last = record->offset;

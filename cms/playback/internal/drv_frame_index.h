@@ -13,8 +13,9 @@
 namespace cms {
 
 // How an index comes about:
-//  1. The .idx beside the recording is read. It counts when its offsets grow, lie within the
-//     recording, and most of a sample of its records point at frames of their type and second.
+//  1. The .idx beside the recording is read. It counts when its offsets grow, its times are such as
+//     a header can tell, and most of a sample of its records point at frames of their type and
+//     second.
 //  2. What the recording holds behind the last record (it grows, or a crash came between) is found
 //     by walking. So is everything when there is no index that counts.
 //  3. A frame's time is that of its record. Frames found by walking know their second only, and an
@@ -58,6 +59,8 @@ class DrvFrameIndex {
     bool timed = false;  // else its second alone is known
   };
 
+  bool TakeNewRecords();
+  void CountIndexed();
   bool ReadIdx();
   bool Fits(const Raw& frame) const;
   bool SampleFits() const;
@@ -77,7 +80,7 @@ class DrvFrameIndex {
   std::vector<Raw> raw_;
   std::vector<Frame> frames_;
   std::vector<std::size_t> keys_;
-  std::size_t indexed_ = 0;         // of raw_: those with a record of the .idx
+  std::size_t indexed_ = 0;         // of raw_: up to the last with a record of the .idx
   std::uint64_t records_ = 0;       // of the .idx, of all channels, that were read
   std::optional<unsigned> stream_;  // of the channel's frames, when there are others
   bool keyFramesOnly_ = false;
