@@ -4,7 +4,7 @@
 // picture is shown, beside what decoding such a group of pictures takes. The recording is in the
 // page cache as far as memory goes, and its index is read before.
 //
-// Sites: four or sixteen recordings for some seconds at speed 1; processor time of the whole
+// Sites: four or sixteen recordings for some seconds at speed 1, or -1; processor time of the whole
 // process, and of bare decoding and converting of as many pictures: by as many decoders in turn,
 // and by one in a row, which stays in the processor's caches as no player of several sites can.
 // core_above_bare is the share of one core that reading, the clock and showing cost.
@@ -211,6 +211,7 @@ void BM_Seek(benchmark::State& state) {
 
 void BM_Sites(benchmark::State& state) {
   const auto sites = static_cast<unsigned>(state.range(0));
+  const bool forward = state.range(1) > 0;
   constexpr int kSeconds = 10;
   const Folder folder;
   std::vector<std::filesystem::path> files;
@@ -233,6 +234,10 @@ void BM_Sites(benchmark::State& state) {
       return;
     }
     Shrink(player);
+    if (!forward) {
+      player.SetPlaybackTargetTime(player.GetPlaybackDataEndTime());
+      player.WaitUntilShown(30'000);
+    }
     const auto shown = [&player, sites] {
       std::uint64_t sum = 0;
       for (unsigned site = 0; site < sites; ++site) {
@@ -245,7 +250,11 @@ void BM_Sites(benchmark::State& state) {
     const std::uint64_t shownBefore = shown();
     const double before = ProcessSeconds();
     const auto start = Clock::now();
-    player.PlaybackResume();
+    if (forward) {
+      player.PlaybackResume();
+    } else {
+      player.PlaybackSetSlowDown();
+    }
     std::this_thread::sleep_for(std::chrono::seconds(kSeconds));
     const double wall = Milliseconds(Clock::now() - start) / 1000;
     const double played = ProcessSeconds() - before;
@@ -269,7 +278,11 @@ void BM_Sites(benchmark::State& state) {
 }
 
 BENCHMARK(BM_Seek)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(50);
-BENCHMARK(BM_Sites)->Arg(4)->Arg(16)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(1);
+BENCHMARK(BM_Sites)
+    ->ArgsProduct({{4, 16}, {1, -1}})
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(1);
 
 }  // namespace
 

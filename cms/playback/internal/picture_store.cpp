@@ -52,12 +52,11 @@ void PictureStore::Stage(Picture* picture, FrameRef frame, std::int64_t end, boo
   }
 }
 
-bool PictureStore::IsFull() {
+bool PictureStore::IsFull(std::size_t bytes) {
   const ScopeLock guard(lock_);
   const tagSIZE size = SizeOf(recorded_);
-  const auto count = static_cast<std::int64_t>(stagedCount_);
-  return stagedCount_ == kMostStaged ||
-         (count > 0 && (count + 1) * size.cx * size.cy * 4 > kMostStagedBytes);
+  const auto each = static_cast<std::size_t>(size.cx) * static_cast<std::size_t>(size.cy) * 4;
+  return stagedCount_ == kMostStaged || (stagedCount_ > 0 && (stagedCount_ + 1) * each > bytes);
 }
 
 void PictureStore::StageNothing() {

@@ -50,9 +50,9 @@ class PictureStore {
   // Behind what is staged already; its turn is from the frame's time up to `end`, or backward the
   // other way round. `forced`: it is shown even when that is over.
   void Stage(Picture* picture, FrameRef frame, std::int64_t end, bool forced);
-  bool IsFull();        // as much is staged as memory allows
-  void StageNothing();  // the channel has no picture at the new time
-  void Unstage();       // what was staged is not wanted any more
+  bool IsFull(std::size_t bytes);  // as much is staged as goes into so many bytes; one always does
+  void StageNothing();             // the channel has no picture at the new time
+  void Unstage();                  // what was staged is not wanted any more
 
   // Shows the last of the staged pictures whose turn it is; what is behind its turn is given up.
   // `audible`: the sound that belongs to it is wanted.
@@ -77,7 +77,6 @@ class PictureStore {
  private:
   static constexpr std::size_t kMostPictures = 14;
   static constexpr std::size_t kMostStaged = 4;
-  static constexpr std::int64_t kMostStagedBytes = 32 << 20;  // beyond the first
 
   tagSIZE SizeOf(const tagSIZE& recorded) const CMS_REQUIRES(lock_);
   Picture* FreePicture() CMS_REQUIRES(lock_);

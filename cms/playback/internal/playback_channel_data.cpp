@@ -20,6 +20,13 @@ constexpr int kLongestWait = 500;  // milliseconds, while the clock runs
 constexpr std::uint64_t kLookForMore = 500;
 constexpr std::size_t kFewStaged = 2;
 constexpr double kSmoothing = 0.2;
+
+// Memory that the displayed channels of a controller share.
+constexpr std::size_t kStagedBytes = std::size_t{256} << 20;   // pictures that wait for their time
+constexpr std::size_t kReverseBytes = std::size_t{512} << 20;  // decoded ones, for playing backward
+constexpr std::size_t kMostStagedBytes = std::size_t{32} << 20;   // of a channel
+constexpr std::size_t kMostReverseBytes = std::size_t{96} << 20;  // in its two windows
+
 constexpr int kMostMissed = 3;  // pictures in a row, before the next key frame is waited for
 
 // Processor time of this thread.
@@ -27,6 +34,10 @@ double ThreadMilliseconds() {
   timespec now{};
   clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
   return static_cast<double>(now.tv_sec) * 1e3 + static_cast<double>(now.tv_nsec) * 1e-6;
+}
+
+std::size_t Share(const cms::PlaybackTransport::View& view, std::size_t bytes, std::size_t most) {
+  return std::min(most, bytes / static_cast<std::size_t>(std::max(view.displayedCount, 1)));
 }
 
 }  // namespace
@@ -207,7 +218,10 @@ CCMSPlaybackChannelData::Place CCMSPlaybackChannelData::Locate(const View& view)
   if (place.covered && !view.forward && view.running && !view.keysOnly) {
     // Backward, a whole group has to be decoded in the time that it plays.
     const auto& video = place.current.gop->video;
-    const double work = MediaTimeOfFrame(view) * static_cast<double>(video.size());
+    const std::size_t parts = (video.size() - 1) / PicturesOfWindow(view) + 1;
+    const std::size_t frames =  // those of the first parts are decoded again for each later one
+        parts * video.size() - PicturesOfWindow(view) * (parts * (parts - 1) / 2);
+    const double work = MediaTimeOfFrame(view) * static_cast<double>(frames);
     place.keysOnly =
         video.size() > 1 && work > static_cast<double>(video.back().time - video.front().time);
   }
@@ -278,6 +292,11 @@ int CCMSPlaybackChannelData::Hold(const View& view, const Place& place, const St
   } else if (!stage_.first.Is(Following(view, place.wanted, place.keysOnly))) {
     Unstage();
   }
+  // Backward, the pictures that follow come all at once: the clock waits for them, too.
+  if (!view.forward && view.running && place.wanted && !place.keysOnly &&
+      !ReadyWindow(view, place.wanted)) {
+    return kAtOnce;
+  }
   prepared_ = view.epoch;
   reported_ = standing;
   transport_->Prepared(index_, view.epoch, standing);
@@ -307,7 +326,8 @@ int CCMSPlaybackChannelData::Rest(const View& view, const Place& place) {
 
 // Some pictures are made ready in a row, and then none until they are nearly used up.
 int CCMSPlaybackChannelData::Play(const View& view, const Place& place) {
-  filling_ = (filling_ || stage_.staged <= kFewStaged) && !pictures_->IsFull();
+  filling_ = (filling_ || stage_.staged <= kFewStaged) &&
+             !pictures_->IsFull(Share(view, kStagedBytes, kMostStagedBytes));
   if (filling_) {
     if (target_ && IsOvertaken(view, place)) {
       target_ = {};
@@ -342,6 +362,11 @@ FrameRef CCMSPlaybackChannelData::Following(const View& view, FrameRef frame, bo
     }
   } while (frame && IsLost(frame));
   return frame;
+}
+
+std::size_t CCMSPlaybackChannelData::PicturesOfWindow(const View& view) const {
+  const std::size_t bytes = Share(view, kReverseBytes, kMostReverseBytes) / 2;
+  return std::max<std::size_t>(2, bytes / std::max<std::size_t>(pictureBytes_, 1));
 }
 
 // How far the clock goes while a frame is decoded: the channels that work share the processors.
@@ -435,17 +460,26 @@ bool CCMSPlaybackChannelData::Work(const View& view, const FrameRef& target, boo
   return true;
 }
 
-bool CCMSPlaybackChannelData::WorkBackward(const View& view, const FrameRef& target) {
+// One piece of the way to all of the window that ends with or holds `target`; true when it is
+// there.
+bool CCMSPlaybackChannelData::ReadyWindow(const View& view, const FrameRef& target) {
   if (!window_.Holds(target)) {
     if (ahead_.Holds(target)) {
       std::swap(window_, ahead_);
     } else {
-      window_.Begin(target, pictureBytes_);
+      window_.Begin(target, PicturesOfWindow(view));
     }
     ahead_.Clear();
   }
   if (window_.Next()) {
     DecodeInto(window_, view, target);
+    return false;
+  }
+  return true;
+}
+
+bool CCMSPlaybackChannelData::WorkBackward(const View& view, const FrameRef& target) {
+  if (!ReadyWindow(view, target)) {
     return false;
   }
   Stage(view, target, false, window_.Picture(target));
@@ -481,7 +515,7 @@ bool CCMSPlaybackChannelData::PrefetchOne(const View& view) {
     return false;
   }
   if (!ahead_.Ends(high)) {
-    ahead_.Begin(high, pictureBytes_);
+    ahead_.Begin(high, PicturesOfWindow(view));
   }
   return DecodeInto(ahead_, view, high);
 }

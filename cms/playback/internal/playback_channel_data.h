@@ -106,6 +106,7 @@ class CCMSPlaybackChannelData {
   cms::FrameRef AimInTime(const View& view, const Place& place);
   cms::FrameRef Following(const View& view, cms::FrameRef frame, bool keysOnly);
   std::int64_t EndOf(const cms::FrameRef& frame, bool keysOnly);
+  std::size_t PicturesOfWindow(const View& view) const;
   double MediaTimeOfFrame(const View& view) const;
   bool IsOvertaken(const View& view, const Place& place);
   int UntilDue(const View& view, const Place& place);
@@ -113,6 +114,7 @@ class CCMSPlaybackChannelData {
   // One piece of the way to a picture; true when it is staged, or came too late, or turned out to
   // be lost.
   bool Work(const View& view, const cms::FrameRef& target, bool keysOnly);
+  bool ReadyWindow(const View& view, const cms::FrameRef& target);
   bool WorkBackward(const View& view, const cms::FrameRef& target);
   bool DecodeOne(const View& view, const cms::FrameRef& frame, const cms::FrameRef& target);
   bool DecodeInto(cms::ReverseWindow& window, const View& view, const cms::FrameRef& target);

@@ -297,6 +297,8 @@ PlaybackTransport::View PlaybackTransport::Look(std::size_t index) {
   view.forward = forward_;
   view.keysOnly = channel.quick || KeysOnly();
   view.working = working_;
+  view.displayedCount = static_cast<int>(
+      std::ranges::count_if(channels_, [](const Channel& each) { return each.displayed; }));
   view.steps = stepper_ == index ? steps_ : 0;
   view.rate = RateOfSpeed();
   view.position = held_ ? anchorPosition_ : ShowDueAt();

@@ -47,6 +47,7 @@ class PlaybackTransport {
     bool forward = true;
     bool keysOnly = false;
     int working = 0;  // channels that do not wait
+    int displayedCount = 0;
     int steps = 0;    // pictures to move by, for this channel to find (ResolveStep)
     double rate = 1;  // media time for a unit of time, always positive
     std::int64_t position = 0;

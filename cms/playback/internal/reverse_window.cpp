@@ -4,9 +4,8 @@
 
 namespace cms {
 
-void ReverseWindow::Begin(const FrameRef& high, std::size_t pictureBytes) {
-  const std::size_t most =
-      std::max<std::size_t>(2, kMostBytes / std::max<std::size_t>(pictureBytes, 1));
+void ReverseWindow::Begin(const FrameRef& high, std::size_t pictures) {
+  const std::size_t most = std::max<std::size_t>(1, pictures);
   gop_ = high.gop;
   high_ = high.index;
   low_ = high_ + 1 > most ? high_ + 1 - most : 0;

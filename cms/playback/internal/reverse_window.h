@@ -15,16 +15,13 @@ extern "C" {
 
 namespace cms {
 
-// Decoding a group's frames up to the picture of `high` keeps those from `low` on: as many as the
-// memory allows. A group that is larger is decoded once for each part of it. Not for two threads at
-// once.
+// Decoding a group's frames up to the picture of `high` keeps those from `low` on: as many as it is
+// given memory for. A group that is larger is decoded once for each part of it. Not for two threads
+// at once.
 class ReverseWindow {
  public:
-  // Most bytes of decoded pictures in one window; at least two pictures in any case.
-  static constexpr std::size_t kMostBytes = std::size_t{48} << 20;
-
-  // The part of the frame's group that ends with it.
-  void Begin(const FrameRef& high, std::size_t pictureBytes);
+  // The part of the frame's group that ends with it; at least one picture.
+  void Begin(const FrameRef& high, std::size_t pictures);
   void Clear();
 
   bool Ends(const FrameRef& high) const { return gop_ && FrameRef{gop_, high_}.Is(high); }
