@@ -18,7 +18,7 @@ namespace {
 
 constexpr int kLongestWait = 500;  // milliseconds, while the clock runs
 constexpr std::uint64_t kLookForMore = 500;
-constexpr std::size_t kFewStaged = 2;
+constexpr std::size_t kFewStaged = 1;
 constexpr double kSmoothing = 0.2;
 
 // Memory that the displayed channels of a controller share.
