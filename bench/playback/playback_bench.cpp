@@ -139,7 +139,9 @@ bool DecodeInTurn(std::span<CMSDecoder> decoders, std::size_t count) {
   return true;
 }
 
-_MULTI_SITE_PLAYBACK_CONFIG ConfigFor(const std::vector<std::filesystem::path>& files) {
+// Paused at the beginning, one channel for each file, its pictures small.
+bool Open(benchmark::State& state, CCMSMultiSitePlaybackCtrl& player,
+          const std::vector<std::filesystem::path>& files) {
   _MULTI_SITE_PLAYBACK_CONFIG config;
   config.startPaused = true;
   for (const auto& file : files) {
@@ -147,14 +149,16 @@ _MULTI_SITE_PLAYBACK_CONFIG ConfigFor(const std::vector<std::filesystem::path>& 
     site.files = {cms::SystemPath(file.string())};
     config.sites.push_back(site);
   }
-  return config;
-}
-
-void Shrink(CCMSMultiSitePlaybackCtrl& player) {
+  if (player.SetConfig(config) == 0 || player.StartPlayback() == 0 ||
+      player.WaitUntilShown(30'000) == 0) {
+    state.SkipWithError(player.GetLastErrorText().c_str());
+    return false;
+  }
   for (int site = 0; site < player.GetTotalPlaySite(); ++site) {
     player.SetDecoderRenderCallback(static_cast<unsigned>(site), 0, &kDisplay, nullptr);
   }
   player.WaitUntilShown(30'000);
+  return true;
 }
 
 void BM_Seek(benchmark::State& state) {
@@ -174,14 +178,10 @@ void BM_Seek(benchmark::State& state) {
     DecodeBare(decoder, kGop);
     gop = std::min(gop, Milliseconds(Clock::now() - start));
   }
-  auto config = ConfigFor({folder.path / "a.drv"});
   CCMSMultiSitePlaybackCtrl player;
-  if (player.SetConfig(config) == 0 || player.StartPlayback() == 0 ||
-      player.WaitUntilShown(30'000) == 0) {
-    state.SkipWithError(player.GetLastErrorText().c_str());
+  if (!Open(state, player, {folder.path / "a.drv"})) {
     return;
   }
-  Shrink(player);
   std::mt19937 random(1);
   double longest = 0;
   double total = 0;
@@ -226,14 +226,10 @@ void BM_Sites(benchmark::State& state) {
     DecodeBare(decoder, kGop);
   }
   for (auto _ : state) {
-    auto config = ConfigFor(files);
     CCMSMultiSitePlaybackCtrl player;
-    if (player.SetConfig(config) == 0 || player.StartPlayback() == 0 ||
-        player.WaitUntilShown(30'000) == 0) {
-      state.SkipWithError(player.GetLastErrorText().c_str());
+    if (!Open(state, player, files)) {
       return;
     }
-    Shrink(player);
     if (!forward) {
       player.SetPlaybackTargetTime(player.GetPlaybackDataEndTime());
       player.WaitUntilShown(30'000);
