@@ -191,17 +191,9 @@ CCMSPlaybackChannelData::Place CCMSPlaybackChannelData::Locate(const View& view)
   place.current = track_.At(view.position);
   place.covered = place.current && view.position < track_.ValidUntil(place.current);
   place.keysOnly = view.keysOnly;
-  if (place.covered && !view.forward && view.running && !view.keysOnly) {
-    // Backward, a whole group has to be decoded in the time that it plays.
-    const auto& video = place.current.gop->video;
-    const std::size_t parts = (video.size() - 1) / PicturesOfWindow(view) + 1;
-    const std::size_t frames =  // those of the first parts are decoded again for each later one
-        parts * video.size() - PicturesOfWindow(view) * (parts * (parts - 1) / 2);
-    const double work = MediaTimeOfFrame(view) * static_cast<double>(frames);
-    place.keysOnly =
-        video.size() > 1 && work > static_cast<double>(video.back().time - video.front().time);
-  }
   if (place.covered) {
+    place.keysOnly =
+        place.keysOnly || (!view.forward && view.running && IsTooSlow(view, *place.current.gop));
     place.wanted = place.keysOnly ? cms::PlaybackTrack::KeyOf(place.current) : place.current;
   }
   return place;

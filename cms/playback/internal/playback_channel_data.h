@@ -107,7 +107,8 @@ class CCMSPlaybackChannelData {
   cms::FrameRef Following(const View& view, cms::FrameRef frame, bool keysOnly);
   std::int64_t EndOf(const cms::FrameRef& frame, bool keysOnly);
   std::size_t PicturesOfWindow(const View& view) const;
-  double MediaTimeOfFrame(const View& view) const;
+  bool IsTooSlow(const View& view, const cms::PlaybackGop& gop) const;
+  double MediaTimeOfFrame(const View& view, int channels) const;
   bool IsOvertaken(const View& view, const Place& place);
   int UntilDue(const View& view, const Place& place);
 

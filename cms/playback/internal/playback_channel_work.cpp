@@ -128,10 +128,20 @@ std::size_t CCMSPlaybackChannelData::PicturesOfWindow(const View& view) const {
   return std::max<std::size_t>(2, bytes / std::max<std::size_t>(pictureBytes_, 1));
 }
 
-// How far the clock goes while a frame is decoded: the channels that work share the processors.
-double CCMSPlaybackChannelData::MediaTimeOfFrame(const View& view) const {
+// How far the clock goes while a frame is decoded and so many channels share the processors.
+double CCMSPlaybackChannelData::MediaTimeOfFrame(const View& view, int channels) const {
   static const double processors = std::max(1U, std::thread::hardware_concurrency());
-  return decodeMs_ * std::max(1.0, view.working / processors) * view.rate;
+  return decodeMs_ * std::max(1.0, channels / processors) * view.rate;
+}
+
+// Whether a group cannot be decoded backward in the time that it plays. Its first pictures are
+// decoded again for each later part of it.
+bool CCMSPlaybackChannelData::IsTooSlow(const View& view, const cms::PlaybackGop& gop) const {
+  const std::size_t count = gop.video.size();
+  const std::size_t parts = (count - 1) / PicturesOfWindow(view) + 1;
+  const std::size_t frames = parts * count - PicturesOfWindow(view) * (parts * (parts - 1) / 2);
+  const double work = MediaTimeOfFrame(view, view.displayedCount) * static_cast<double>(frames);
+  return count > 1 && work > static_cast<double>(gop.video.back().time - gop.video.front().time);
 }
 
 // The picture to make ready: the wanted one if it is missing, else the one that follows.
@@ -156,7 +166,7 @@ FrameRef CCMSPlaybackChannelData::Aim(const View& view, const Place& place) {
 // Behind the clock: the first frame that can still be decoded while it is the one to show, else the
 // next key frame, which costs nothing before it.
 FrameRef CCMSPlaybackChannelData::AimInTime(const View& view, const Place& place) {
-  const double cost = MediaTimeOfFrame(view);
+  const double cost = MediaTimeOfFrame(view, view.working);
   FrameRef target = place.current;
   for (; missed_ < kMostMissed && target.index < target.gop->video.size(); ++target.index) {
     const double ready =
