@@ -5,8 +5,8 @@
 
 namespace tools {
 
-// From now on SIGINT and SIGTERM ask the job to stop; a second one ends the process at once.
-// Called once, by main.
+// From now on SIGINT and SIGTERM ask the job to stop; another one half a second later ends the
+// process at once. Called once, by main.
 void CatchStopSignals();
 
 // Whether a stop was asked for. Any thread.

@@ -122,7 +122,7 @@ class CMS_API CCMSMultiSitePlaybackCtrl {
   char GetChFrameState(unsigned site, unsigned channel) const;
   int GetChannelStatus(unsigned site, unsigned channel, stPlaybackChannelStatus* status) const;
   // The largest distance, in milliseconds, of a shown picture from the clock, taken over all
-  // channels whenever one of them showed a picture.
+  // channels whenever the clock is read or a picture is looked at: what is due is shown before.
   std::int64_t GetMaximumSkew() const;
   int IsIPCamera(unsigned site, unsigned channel) const;  // a site of one channel is a camera
   int IsH264(unsigned site, unsigned channel) const;      // these three: of the picture shown

@@ -226,12 +226,14 @@ TEST(CommandLine, KeepsItsContract) {
   EXPECT_EQ(help.status, 0);
   EXPECT_THAT(help.output, HasSubstr("--max-sessions"));
 
-  // One JSON object, and a clean end at SIGTERM.
+  // One JSON object, and a clean end at SIGTERM, also when it comes several times at once.
   const std::string file = TempFile("json");
-  const test::ShellResult json = RunShell(
-      "sh -c '" + orvanta + " camera --port 0 --http 0 --count 2 --json >" + file +
-      " & while ! [ -s " + file + " ]; do sleep 0.02; done; kill $!; wait $!; status=$?; cat " +
-      file + "; rm " + file + "; exit $status'");
+  const test::ShellResult json =
+      RunShell("sh -c '" + orvanta + " camera --port 0 --http 0 --count 2 --json >" + file +
+               " & while ! [ -s " + file +
+               " ]; do sleep 0.02; done; kill $!; for i in 1 2 3; do kill $!; done; wait $!; "
+               "status=$?; cat " +
+               file + "; rm " + file + "; exit $status'");
   EXPECT_EQ(json.status, 0);
   const auto object = nlohmann::json::parse(json.output, nullptr, false);
   ASSERT_FALSE(object.is_discarded()) << json.output;
