@@ -16,7 +16,8 @@ extern "C" {
 namespace tools {
 namespace {
 
-constexpr int kBufferSize = 256 << 10;  // stays in the cache of a processor
+constexpr int kBufferSize = 4096;              // of the muxer's small writes
+constexpr std::size_t kPieceSize = 256 << 10;  // stays in the cache of a processor
 constexpr std::uint64_t kReserveStep = 64 << 20;
 
 }  // namespace
@@ -41,10 +42,22 @@ ClipFile::ClipFile(const std::string& path)
       [](void* self, std::int64_t offset, int whence) {
         return static_cast<ClipFile*>(self)->Seek(offset, whence);
       }));
-  context_->min_packet_size = kBufferSize;
+  context_->direct = 1;  // large writes go past its buffer
+  for (auto& piece : pieces_) {
+    piece.reserve(kPieceSize);
+  }
+  thread_ = std::thread(&ClipFile::Run, this);
 }
 
 ClipFile::~ClipFile() {
+  if (thread_.joinable()) {
+    {
+      const ScopeLock guard(lock_);
+      quit_ = true;
+      changed_.notify_all();
+    }
+    thread_.join();
+  }
   if (!kept_) {
     io_.Remove(part_);
   }
@@ -69,17 +82,76 @@ void ClipFile::Reserve(std::uint64_t end) {
   }
 }
 
-int ClipFile::Write(const std::uint8_t* bytes, std::size_t size) {
-  Reserve(position_ + size);
-  if (io_.WriteAll(file_.Handle(), bytes, size) != size) {
-    return AVERROR(errno);
+void ClipFile::Run() {
+  ScopeLock guard(lock_);
+  while (true) {
+    changed_.wait(
+        lock_, [this]() CMS_NO_THREAD_SAFETY_ANALYSIS { return quit_ || written_ != handedOver_; });
+    if (quit_) {
+      return;
+    }
+    const auto& piece = pieces_[written_ % kPieces];
+    if (error_ == 0) {
+      guard.UnLock();
+      const int error = WritePiece(piece);
+      guard.Lock();
+      error_ = error;
+    }
+    ++written_;
+    changed_.notify_all();
   }
-  position_ += size;
+}
+
+// 0, or the errno of what failed.
+int ClipFile::WritePiece(const std::vector<std::uint8_t>& piece) {
+  Reserve(position_ + piece.size());
+  if (io_.WriteAll(file_.Handle(), piece.data(), piece.size()) != piece.size()) {
+    return errno != 0 ? errno : EIO;
+  }
+  position_ += piece.size();
   end_ = std::max(end_, position_);
+  return 0;
+}
+
+// What was filled goes to the thread; another piece is free afterwards.
+int ClipFile::HandOver() {
+  ScopeLock guard(lock_);
+  ++handedOver_;
+  changed_.notify_all();
+  changed_.wait(
+      lock_, [this]() CMS_NO_THREAD_SAFETY_ANALYSIS { return handedOver_ - written_ < kPieces; });
+  filling_ = &pieces_[handedOver_ % kPieces];
+  filling_->clear();
+  return error_;
+}
+
+int ClipFile::WaitUntilWritten() {
+  if (!filling_->empty()) {
+    HandOver();
+  }
+  ScopeLock guard(lock_);
+  changed_.wait(lock_, [this]() CMS_NO_THREAD_SAFETY_ANALYSIS { return handedOver_ == written_; });
+  return error_;
+}
+
+int ClipFile::Write(const std::uint8_t* bytes, std::size_t size) {
+  for (std::size_t done = 0; done < size;) {
+    const std::size_t count = std::min(size - done, kPieceSize - filling_->size());
+    filling_->insert(filling_->end(), bytes + done, bytes + done + count);
+    done += count;
+    if (filling_->size() == kPieceSize) {
+      if (const int error = HandOver(); error != 0) {
+        return AVERROR(error);
+      }
+    }
+  }
   return static_cast<int>(size);
 }
 
 std::int64_t ClipFile::Seek(std::int64_t offset, int whence) {
+  if (const int error = WaitUntilWritten(); error != 0) {
+    return AVERROR(error);
+  }
   if (whence == AVSEEK_SIZE) {
     return static_cast<std::int64_t>(end_);
   }
@@ -94,6 +166,7 @@ std::int64_t ClipFile::Seek(std::int64_t offset, int whence) {
 void ClipFile::Keep() {
   avio_flush(context_.get());
   Check(context_->error);
+  Check(AVERROR(WaitUntilWritten()));
   const bool whole =
       io_.Truncate(file_.Handle(), end_) == 0 && file_.Close() && io_.Rename(part_, path_) == 0;
   Check(whole ? 0 : AVERROR(errno));
