@@ -1,6 +1,8 @@
 // Recordings of a clip whose pictures carry their numbers, and a controller that plays them.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
@@ -129,6 +131,19 @@ class Player {
   // While playing: the clock goes on, and this picture appears.
   bool Shows(int number, unsigned site = 0) {
     return WaitFor([&] { return Number(site) == number; });
+  }
+
+  // While the clock goes from one picture's time to the next, forward or backward, each appears.
+  testing::AssertionResult Plays(int from, int to) {
+    for (int number = from;; number += to < from ? -1 : 1) {
+      if (!Shows(number) || control.CurTimeGet(0, 0) != kStart + number * 40) {
+        return testing::AssertionFailure() << number << " is " << Number();
+      }
+      if (number == to) {
+        return testing::AssertionSuccess();
+      }
+      clock.AdvanceMilliseconds(40);
+    }
   }
 
   TestClock clock;

@@ -54,9 +54,8 @@ class PictureStore {
   void StageNothing();             // the channel has no picture at the new time
   void Unstage();                  // what was staged is not wanted any more
 
-  // Shows the last of the staged pictures whose turn it is; what is behind its turn is given up.
-  // `audible`: the sound that belongs to it is wanted.
-  // The time of the picture shown, 0 when there is none.
+  // Shows the last of the staged pictures whose turn it is, and gives up those whose turn is over.
+  // `audible`: its sound is wanted, too. Returns the time of the picture shown, 0 without one.
   std::int64_t ShowDue(std::int64_t position, bool forward, bool audible);
   void Blank();
 

@@ -319,7 +319,7 @@ bool CCMSPlaybackChannelData::DecodeOne(const View& view, const FrameRef& frame,
   return true;
 }
 
-// A picture that comes when its turn is over is given up, except one now and then.
+// A picture that comes when its turn is over is given up; of several in a row the last is shown.
 void CCMSPlaybackChannelData::Stage(const View& view, const FrameRef& target, bool keysOnly,
                                     const AVFrame* picture) {
   cms::PictureStore::Picture* const converted =
