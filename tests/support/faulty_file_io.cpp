@@ -30,7 +30,39 @@ void FaultyFileIo::OtherVolume(const std::string& prefix) {
   volume_ = prefix;
 }
 
+void FaultyFileIo::HangAt(const std::string& prefix) {
+  {
+    const std::lock_guard lock(mutex_);
+    hangs_ = prefix;
+    ++released_;
+  }
+  release_.notify_all();
+}
+
+void FaultyFileIo::Hang(const std::string& path) {
+  std::unique_lock lock(mutex_);
+  if (hangs_.empty() || !path.starts_with(hangs_)) {
+    return;
+  }
+  ++hanging_;
+  release_.wait(lock, [this, since = released_] { return released_ != since; });
+  --hanging_;
+}
+
+bool FaultyFileIo::Fails(int handle) {
+  std::string path;
+  {
+    const std::lock_guard lock(mutex_);
+    if (const auto entry = paths_.find(handle); !hangs_.empty() && entry != paths_.end()) {
+      path = entry->second;
+    }
+  }
+  Hang(path);
+  return Fails();
+}
+
 bool FaultyFileIo::Fails(const std::string& path) {
+  Hang(path);
   {
     const std::lock_guard lock(mutex_);
     if (!away_.empty() && path.starts_with(away_)) {
@@ -101,7 +133,7 @@ int FaultyFileIo::Open(const std::string& path, unsigned flags) {
 }
 
 int FaultyFileIo::Close(int handle) {
-  const bool fails = Fails();
+  const bool fails = Fails(handle);
   const int error = errno;
   {
     const std::lock_guard lock(mutex_);
@@ -117,15 +149,15 @@ int FaultyFileIo::Close(int handle) {
 }
 
 ssize_t FaultyFileIo::Read(int handle, void* data, std::size_t size) {
-  return Fails() ? -1 : real_.Read(handle, data, size);
+  return Fails(handle) ? -1 : real_.Read(handle, data, size);
 }
 
 ssize_t FaultyFileIo::ReadAt(int handle, void* data, std::size_t size, std::uint64_t offset) {
-  return Fails() ? -1 : real_.ReadAt(handle, data, size, offset);
+  return Fails(handle) ? -1 : real_.ReadAt(handle, data, size, offset);
 }
 
 ssize_t FaultyFileIo::Write(int handle, const void* data, std::size_t size) {
-  if (Fails()) {
+  if (Fails(handle)) {
     return -1;
   }
   if (failing_writes_ > 0) {
@@ -150,15 +182,15 @@ ssize_t FaultyFileIo::Write(int handle, const void* data, std::size_t size) {
 }
 
 std::int64_t FaultyFileIo::Seek(int handle, std::int64_t offset, int whence) {
-  return Fails() ? -1 : real_.Seek(handle, offset, whence);
+  return Fails(handle) ? -1 : real_.Seek(handle, offset, whence);
 }
 
 std::int64_t FaultyFileIo::Size(int handle) {
-  return Fails() ? -1 : real_.Size(handle);
+  return Fails(handle) ? -1 : real_.Size(handle);
 }
 
 int FaultyFileIo::Sync(int handle) {
-  if (Fails()) {
+  if (Fails(handle)) {
     return -1;
   }
   const std::lock_guard lock(mutex_);
@@ -169,7 +201,7 @@ int FaultyFileIo::Sync(int handle) {
 }
 
 int FaultyFileIo::Truncate(int handle, std::uint64_t size) {
-  return Fails() ? -1 : real_.Truncate(handle, size);
+  return Fails(handle) ? -1 : real_.Truncate(handle, size);
 }
 
 int FaultyFileIo::Rename(const std::string& from, const std::string& to) {

@@ -1,8 +1,9 @@
 // FaultyFileIo, the platform's files with faults: operation N fails, writes fall short, the disk is
-// full, the power is cut.
+// full or hangs, the power is cut.
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <limits>
 #include <map>
@@ -34,6 +35,10 @@ class FaultyFileIo final : public cms::FileIo {
     failing_writes_ = count;
   }
   void AwayFrom(const std::string& prefix);  // paths that begin so: EHOSTUNREACH; "" ends it
+  // Operations on paths that begin so, and on handles of theirs, do not come back until the next
+  // call of this; "" lets them all go on.
+  void HangAt(const std::string& prefix);
+  int Hanging() const { return hanging_; }  // operations that wait at this moment
   // Renames between paths of which only one begins so are refused with EXDEV.
   void OtherVolume(const std::string& prefix);
 
@@ -64,6 +69,8 @@ class FaultyFileIo final : public cms::FileIo {
 
  private:
   bool Fails(const std::string& path = {});
+  bool Fails(int handle);
+  void Hang(const std::string& path);
   void Remember(const std::string& path);  // before a name of a folder changes; locked
 
   cms::FileIo& real_ = cms::SystemFileIo();
@@ -76,9 +83,13 @@ class FaultyFileIo final : public cms::FileIo {
   std::atomic<int> failing_writes_{0};
   std::atomic<int> write_error_{0};
   std::atomic<int> open_handles_{0};
+  std::atomic<int> hanging_{0};
 
   std::mutex mutex_;
   std::string away_;
+  std::string hangs_;
+  std::uint64_t released_ = 0;
+  std::condition_variable release_;
   std::string volume_;
   std::map<int, std::string> paths_;               // of the open handles
   std::map<std::string, std::uint64_t> unsynced_;  // path -> the size that is safe
