@@ -31,4 +31,5 @@
 #include "cms/recording/rec_folder_db_writer.h"
 #include "cms/runtime/big_num.h"
 #include "cms/streaming/http_client.h"
+#include "cms/streaming/login.h"
 #include "cms/streaming/rtsp_client.h"

@@ -47,7 +47,7 @@ void MjpegHttpClient::Configure(const cms::CameraUrl& url, const std::string& us
   }
   url_ = url;
   haveCredentials_ = !user.empty();
-  authenticator_.SetUsernameAndPassword(user.c_str(), password.c_str());
+  login_.SetCredentials(user, password);
   const std::string request = Request();
   stHTTPClientConfig config;
   config.address = *address;
@@ -61,21 +61,18 @@ void MjpegHttpClient::Configure(const cms::CameraUrl& url, const std::string& us
 }
 
 // HTTP/1.0, so that no server answers in chunks.
-std::string MjpegHttpClient::Request() const {
+std::string MjpegHttpClient::Request() {
   return "GET " + url_.path + " HTTP/1.0\r\nHost: " + url_.host + ":" + std::to_string(url_.port) +
          "\r\nAccept: multipart/x-mixed-replace, image/jpeg\r\n" +
-         (challenged_ ? authenticator_.GetAuthString("GET", url_.path.c_str()) : std::string()) +
-         "\r\n";
+         login_.AuthorizationLine("GET", url_.path) + "\r\n";
 }
 
 int MjpegHttpClient::OpenForKeeping() {
-  challenged_ = false;
+  login_.ForgetChallenge();
   SetRequest(Request());
   int status = OpenOnce();
-  if (status == 401 && haveCredentials_ &&
-      authenticator_.ParserealmFromServerResponse(head_) != 0) {
+  if (status == 401 && haveCredentials_ && login_.ReadChallenges(head_)) {
     CloseForKeeping();
-    challenged_ = true;
     SetRequest(Request());
     status = OpenOnce();
   }
@@ -111,8 +108,9 @@ int MjpegHttpClient::FailStatus(int status) {
     case 401:
     case 403:
       SetFault(ConnectionFault::kPasswordRefused,
-               answered + (haveCredentials_ ? ": user name or password is wrong"
-                                            : ": the camera wants a user name and a password"));
+               answered + (!haveCredentials_ ? ": the camera wants a user name and a password"
+                           : login_.Problem().empty() ? ": user name or password is wrong"
+                                                      : ": " + login_.Problem()));
       break;
     case 404:
       SetFault(ConnectionFault::kNoSuchStream, answered);

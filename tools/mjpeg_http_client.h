@@ -8,8 +8,8 @@
 #include <string_view>
 
 #include "cms/live/frame_header.h"
-#include "cms/streaming/authenticator.h"
 #include "cms/streaming/http_client.h"
+#include "cms/streaming/login.h"
 #include "cms/streaming/rtsp_url.h"
 
 namespace tools {
@@ -37,16 +37,15 @@ class MjpegHttpClient final : public CMSHTTPClient {
   enum class Expect { kHead, kPartHead, kBody, kNothing };
 
   int OpenOnce();  // the status of the answer, 0 when there was none
-  std::string Request() const;
+  std::string Request();
   bool ReadHead(CRawBuffer* buffer);
   bool ReadPartHead(CRawBuffer* buffer);
   int FindFrame(CRawBuffer* buffer);
   int FailStatus(int status);
 
   cms::CameraUrl url_;
-  Authenticator authenticator_;
+  cms::Login login_;
   bool haveCredentials_ = false;
-  bool challenged_ = false;
 
   std::mutex mutex_;
   std::condition_variable answered_;

@@ -1,6 +1,7 @@
 #include "cms/streaming/authenticator.h"
 
 #include "cms/runtime/digest.h"
+#include "cms/streaming/internal/digest_line.h"
 #include "cms/streaming/internal/text_scanner.h"
 
 using cms::TextScanner;
@@ -9,24 +10,6 @@ namespace {
 
 std::string Text(const char* text) {
   return text ? text : "";
-}
-
-std::string WithoutLineEnds(std::string_view text) {
-  std::string result;
-  result.reserve(text.size());
-  for (const char c : text) {
-    if (c != '\r' && c != '\n') result += c;
-  }
-  return result;
-}
-
-std::string Quotable(std::string_view text) {
-  std::string result;
-  for (const char c : WithoutLineEnds(text)) {
-    if (c == '"') result += '\\';
-    result += c;
-  }
-  return result;
 }
 
 // One value in quotation marks, the opening mark taken already; the closing one need not be there.
@@ -85,13 +68,10 @@ std::string Authenticator::GetAuthString(const char* method, const char* uri) co
 }
 
 std::string Authenticator::GetDigestAuthString(const char* method, const char* uri) const {
-  const std::string target = WithoutLineEnds(Text(uri));
-  const std::string ha1 = cms::Md5Hex(username_ + ":" + realm_ + ":" + password_);
-  const std::string ha2 = cms::Md5Hex(Text(method) + ":" + target);
-  const std::string response = cms::Md5Hex(ha1 + ":" + nonce_ + ":" + ha2);
-  return "Authorization: Digest username=\"" + Quotable(username_) + "\", realm=\"" +
-         WithoutLineEnds(realm_) + "\", nonce=\"" + WithoutLineEnds(nonce_) + "\", uri=\"" +
-         target + "\", response=\"" + response + "\"\r\n";
+  const std::string target = cms::WithoutLineEnds(Text(uri));
+  const std::string response =
+      cms::DigestResponse({username_, password_, realm_, nonce_, Text(method), target});
+  return cms::DigestLine({cms::Escaped(username_, "\""), realm_, nonce_, target, response});
 }
 
 std::string Authenticator::GetBase64EncodeAuthString() const {

@@ -1,5 +1,5 @@
 // Authenticator answers one server's Basic and Digest challenges (RFC 2617), for RTSP and HTTP
-// alike.
+// alike, when they are spelled in one way; cms::Login (login.h) understands all that are legal.
 #pragma once
 
 #include <cstddef>

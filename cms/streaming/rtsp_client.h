@@ -10,8 +10,8 @@
 #include "cms/live/client_base.h"
 #include "cms/live/frame_header.h"
 #include "cms/runtime/api.h"
-#include "cms/streaming/authenticator.h"
 #include "cms/streaming/io_group.h"
+#include "cms/streaming/login.h"
 #include "cms/streaming/media_session.h"
 #include "cms/streaming/rtsp_sub_session.h"
 
@@ -165,9 +165,8 @@ class CMS_API CMSRTSPClient : public CMSClientBase {
   std::string host_;
   std::uint16_t port_ = 554;
   std::uint32_t address_ = 0;
-  Authenticator authenticator_;
+  cms::Login login_;
   bool haveCredentials_ = false;
-  bool challenged_ = false;
   int cseq_ = 1;
   std::string sessionId_;
   std::uint32_t sessionTimeout_ = 60;

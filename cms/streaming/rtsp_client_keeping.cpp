@@ -18,10 +18,8 @@ ConnectionFault CMSRTSPClient::KeepAliveLocked(std::uint64_t now, std::uint64_t*
   const std::uint64_t interval = std::uint64_t{sessionTimeout_} * 1000 / 2;
   if (const auto answer = connection.TakeKeepAliveAnswer()) {
     const unsigned status = CheckRTSPResponseCode(*answer);
-    if (status == 401 && !keepAliveRetried_ && haveCredentials_ &&
-        authenticator_.ParserealmFromServerResponse(*answer) != 0) {
-      challenged_ = true;  // the nonce has become stale: once more with the new one
-      keepAliveRetried_ = true;
+    if (status == 401 && !keepAliveRetried_ && haveCredentials_ && login_.ReadChallenges(*answer)) {
+      keepAliveRetried_ = true;  // the nonce has become stale: once more with the new one
       nextKeepAlive_ = now;
     } else if (status == 454) {
       Fail(ConnectionFault::kClosedByCamera, "the camera has forgotten the session");

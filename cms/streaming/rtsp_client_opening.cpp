@@ -28,12 +28,8 @@ int CMSRTSPClient::Negotiate() {
   keepAliveByOptions_ = false;
   keepAliveRetried_ = false;
   nextKeepAlive_ = 0;
-  challenged_ = false;
   talkRefused_ = false;
-  authenticator_.Reset();
-  if (haveCredentials_) {
-    authenticator_.SetUsernameAndPassword(config_.user.c_str(), config_.password.c_str());
-  }
+  login_.SetCredentials(config_.user, config_.password);
   if (config_.transport != kRtspTransportUdp && config_.transport != kRtspTransportInterleaved) {
     return Fail(ConnectionFault::kBadAddress,
                 "transport " + std::to_string(config_.transport) + " is neither 0 nor 1");

@@ -31,11 +31,9 @@ int CMSRTSPClient::FailStatus(const char* method, unsigned status) {
   switch (status) {
     case 401:
       return Fail(ConnectionFault::kPasswordRefused,
-                  haveCredentials_
-                      ? answered +
-                            ": user name or password is wrong, or the camera wants a login "
-                            "method other than Basic or Digest"
-                      : answered + ": the camera wants a user name and a password");
+                  answered + (!haveCredentials_ ? ": the camera wants a user name and a password"
+                              : login_.Problem().empty() ? ": user name or password is wrong"
+                                                         : ": " + login_.Problem()));
     case 403:
       return Fail(ConnectionFault::kPasswordRefused,
                   answered + ": this user may not see the stream");
@@ -60,10 +58,7 @@ int CMSRTSPClient::FailStatus(const char* method, unsigned status) {
 // --- Requests and answers -----------------------------------------------------------------------
 
 std::string CMSRTSPClient::CreateAuthStr(const char* method, const std::string& url) {
-  if (!challenged_) {
-    return {};
-  }
-  return authenticator_.GetAuthString(method, url.c_str());
+  return login_.AuthorizationLine(method, url);
 }
 
 int CMSRTSPClient::SendText(const std::string& request) {
@@ -173,11 +168,9 @@ int CMSRTSPClient::Exchange(const char* method, const std::function<int()>& send
       return 1;
     }
     // One login a request: a second refusal means that the password is wrong, and cameras count.
-    if (status != 401 || !mayLogIn || !haveCredentials_ ||
-        authenticator_.ParserealmFromServerResponse(*answer) == 0) {
+    if (status != 401 || !mayLogIn || !haveCredentials_ || !login_.ReadChallenges(*answer)) {
       return FailStatus(method, status);
     }
-    challenged_ = true;
   }
   return 0;
 }

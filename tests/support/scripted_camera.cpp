@@ -52,6 +52,23 @@ std::string Quoted(const std::string& line, const std::string& name) {
   return line.substr(start, line.find('"', start) - start);
 }
 
+// The same without quotation marks, up to the comma.
+std::string Bare(const std::string& line, const std::string& name) {
+  const std::size_t at = line.find(" " + name + "=");
+  if (at == std::string::npos) {
+    return {};
+  }
+  const std::size_t start = at + name.size() + 2;
+  return line.substr(start, line.find(',', start) - start);
+}
+
+// What the digest has between the two halves: the nonce, and what a qop adds to it.
+std::string DigestMiddle(const std::string& given, const std::string& nonce) {
+  const std::string qop = Bare(given, "qop");
+  return ":" + nonce + ":" +
+         (qop.empty() ? "" : Bare(given, "nc") + ":" + Quoted(given, "cnonce") + ":" + qop + ":");
+}
+
 }  // namespace
 
 bool BindLoopback(int socket, std::uint16_t port) {
@@ -98,11 +115,12 @@ bool HasCredentials(const ScriptedCamera& camera, const std::string& nonce,
       return given == "Basic " + Base64(camera.user + ":" + camera.password);
     case ScriptedCamera::Auth::kDigest: {
       const std::string ha1 = Md5(camera.user + ":" + camera.realm + ":" + camera.password);
-      const std::string ha2 = Md5(request.method + ":" + request.url);
+      const std::string body = Bare(given, "qop") == "auth-int" ? ":" + Md5("") : "";
+      const std::string ha2 = Md5(request.method + ":" + request.url + body);
       return given.compare(0, 7, "Digest ") == 0 && Quoted(given, "username") == camera.user &&
              Quoted(given, "realm") == camera.realm && Quoted(given, "nonce") == nonce &&
              Quoted(given, "uri") == request.url &&
-             Quoted(given, "response") == Md5(ha1 + ":" + nonce + ":" + ha2);
+             Quoted(given, "response") == Md5(ha1 + DigestMiddle(given, nonce) + ha2);
     }
   }
   return false;

@@ -30,7 +30,8 @@ struct ScriptedCamera {
 // H.264 640x360 with payload type 96 as trackID=0 and PCMU as trackID=1.
 std::string DefaultSdp();
 
-// Whether the request's Authorization is good for its method and URL (RFC 2617 without qop).
+// Whether the request's Authorization is good for its method and URL (RFC 2617, with the
+// qop that it names, if any).
 bool HasCredentials(const ScriptedCamera& camera, const std::string& nonce,
                     const RtspRequest& request);
 // The WWW-Authenticate value that asks for them.
