@@ -154,8 +154,8 @@ class CMS_API CMSClientBase {
   void SetEventState(unsigned channel, unsigned state);
   unsigned GetEventState(unsigned channel) const;
 
-  // Begins a recording by hand; it ends with StopRecord. 0 when no file could be opened: nothing is
-  // recorded then.
+  // Begins a recording by hand; it ends with StopRecord. One of an event has its pre-alarm. 0 when
+  // no file could be opened: nothing is recorded then.
   int StartRecord(unsigned channel, int kind);
   void StopRecord(unsigned channel, int kind);  // turns the state of a schedule off as well
   void StopRecordAll();                         // and turns all states off
@@ -171,13 +171,17 @@ class CMS_API CMSClientBase {
   void TurnOffRecordingState(unsigned channel, int kind);
   void TurnOffRecordingStateAll();
 
-  // From now on every finished recording goes to "<target>\<its folder's name>", in order; a target
-  // that is away makes them wait. 0 when they go somewhere already.
+  // From now on every finished recording goes to "<target>\<its folder's name>", in order, what
+  // earlier runs left of the site first (SetRecordParam before); a target that is away makes them
+  // wait. 0 when they go somewhere already.
   int StartMoveFileToNAS(const wchar_t* target);
-  void StopMoveFileToNAS();  // tries what waits once more
+  // Writes and moves what is finished, the last file too. Each may take ten seconds, a move across
+  // volumes that runs a minute more; what is left stays where it is.
+  void StopMoveFileToNAS();
   int IsMovingFileToNAS() const;
 
-  // Waits until everything recorded so far is in its files; 0 on time-out.
+  // Waits until everything recorded so far is in its files; 0 on time-out, and at once when what is
+  // left waits for a disk that is full or read-only.
   int WaitRecorded(int milliseconds);
   // The .drv files finished since the last call, in the order in which they were begun: the latest
   // 1000.

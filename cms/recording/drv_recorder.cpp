@@ -166,6 +166,11 @@ bool FX_DRVRecorder::GetDeviceEventStatus(unsigned channel) {
 }
 
 void FX_DRVRecorder::SetRecordTime(std::int64_t time, unsigned channel) {
+  SetEventTime(time, channel);
+  CLFXDRVWriter::SetRecordTime(time);
+}
+
+void FX_DRVRecorder::SetEventTime(std::int64_t time, unsigned channel) {
   cms::ChannelSet::Check(channel);
   constexpr std::int64_t kNoFramesTime = 100;  // as the event's record has it
   ScopeLock hold(lock_);
@@ -176,7 +181,6 @@ void FX_DRVRecorder::SetRecordTime(std::int64_t time, unsigned channel) {
       lists_[kind].SetRecordTime(time, channel);
     }
   }
-  CLFXDRVWriter::SetRecordTime(time);
 }
 
 void FX_DRVRecorder::SetPreAlarm(std::uint8_t seconds, bool enabled) {

@@ -88,6 +88,9 @@ class CMS_API FX_DRVRecorder : public CLFX::CLFXDRVWriter {
   // file by the frame's time. RecordVideoFrame does it.
   void SetRecordTime(std::int64_t time, unsigned channel);
 
+  // The same for the events alone: a frame of theirs that is in no file.
+  void SetEventTime(std::int64_t time, unsigned channel);
+
   // The seconds before an event that are recorded with it; events begun from now on note them while
   // enabled, else 0.
   void SetPreAlarm(std::uint8_t seconds, bool enabled);

@@ -3,18 +3,17 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
-#include <iterator>
-#include <optional>
 #include <string>
 #include <vector>
 
 #include "cms/recording/database_reader.h"
 #include "cms/recording/gap_log.h"
-#include "tests/recording/recorder_site.h"
-#include "tests/support/recording_client.h"
+#include "cms/runtime/native_path.h"
+#include "tests/live/recording_site.h"
 #include "tests/support/wait.h"
 
 namespace {
@@ -23,60 +22,8 @@ using cms::GapCause;
 
 constexpr cms::EventMarks kDeviceEvent{true, false, false};
 constexpr cms::EventMarks kAlarm{false, true, false};
-constexpr int kFps = 10;
 
-class SiteRecording : public testing::Test {
- protected:
-  SiteRecording() : source_(Clip()) { client_.emplace(test::ParamFor(12)); }
-
-  static test::ClipSpec Clip() {
-    test::ClipSpec spec;
-    spec.gop = 2 * kFps;  // a key frame every two seconds
-    spec.frames = 4 * kFps;
-    return spec;
-  }
-
-  void Seconds(int seconds, cms::EventMarks marks = {}) {
-    for (int i = 0; i < seconds; ++i) {
-      for (int frame = 0; frame < kFps; ++frame) {
-        client_->Give(source_, marks);
-        client_->GiveAudio();
-        site_.clock.AdvanceMilliseconds(1000 / kFps);
-      }
-      site_.clock.SetWall(site_.clock.WallSeconds() + 1);
-    }
-  }
-  void Silence(int seconds) { site_.clock.Advance(seconds); }
-
-  std::vector<cms::GapRow> Gaps() const { return cms::ReadGapLog(0).rows; }
-  // The clock's thread looks by itself; it needs two looks a second apart.
-  bool WaitForGap(GapCause cause) {
-    return test::WaitFor([&] {
-      site_.clock.Advance(1);
-      const auto gaps = Gaps();
-      return !gaps.empty() && gaps.back().cause == cause && gaps.back().to == 0;
-    });
-  }
-  bool WaitForEnd(std::size_t gap) {
-    return test::WaitFor([&] {
-      site_.clock.Advance(1);
-      client_->Give(source_);
-      return Gaps().at(gap).to != 0;
-    });
-  }
-  static std::vector<test::RecordedFrame> Video(const std::vector<test::RecordedFile>& files) {
-    std::vector<test::RecordedFrame> video;
-    for (const auto& file : files) {
-      std::copy_if(file.frames.begin(), file.frames.end(), std::back_inserter(video),
-                   [](const auto& frame) { return !frame.audio; });
-    }
-    return video;
-  }
-
-  test::RecordingFolder site_;
-  test::FrameSource source_;
-  std::optional<test::RecordingClient> client_;
-};
+using SiteRecording = test::SiteRecordingTest;
 
 TEST_F(SiteRecording, EventsBeginWithTheirMarksAndEndAfterTheDuration) {
   client_->SetRecDuration(3);
@@ -96,16 +43,18 @@ TEST_F(SiteRecording, EventsBeginWithTheirMarksAndEndAfterTheDuration) {
   client_->SetEventState(0, kEventStateAlarm);
   Seconds(1);
   client_->SetEventState(0, 0);
+  EXPECT_EQ(client_->IsMotionRecording(0), 1);  // up to the next key frame
+  Seconds(2);
   EXPECT_EQ(client_->IsMotionRecording(0), 0);
   EXPECT_EQ(client_->IsRecording(0), 1);  // the alarm's
-  Seconds(4);
+  Seconds(2);
   EXPECT_EQ(client_->IsRecording(), 0);
 
   const auto events = cms::ReadEventList(0).rows;
   ASSERT_EQ(events.size(), 2u);
   EXPECT_EQ(events[0].type, 1u);
   EXPECT_EQ(events[0].start, begin);
-  EXPECT_EQ(events[0].end, begin + 4);
+  EXPECT_EQ(events[0].end, begin + 5);
   EXPECT_EQ(events[0].siteNumber, 12u);
   EXPECT_EQ(events[0].preAlarm, 0u);
   EXPECT_EQ(events[1].type, 3u);
@@ -113,9 +62,7 @@ TEST_F(SiteRecording, EventsBeginWithTheirMarksAndEndAfterTheDuration) {
   EXPECT_EQ(events[1].end, begin + 7);
   // The time behind the marks is marked as well, as long as the device's event is recorded.
   for (const auto& frame : Video(site_.Files())) {
-    if (frame.seconds != begin + 4) {
-      EXPECT_EQ(frame.eventMask, frame.seconds < begin + 4 ? 1u : 0u) << frame.seconds - begin;
-    }
+    EXPECT_EQ(frame.eventMask, frame.seconds < begin + 6 ? 1u : 0u) << frame.seconds - begin;
   }
 }
 
@@ -302,6 +249,86 @@ TEST_F(SiteRecording, FinishedFilesMoveInOrderOnceTheTargetIsThere) {
   EXPECT_TRUE(cms::ReadRecordList(L"..\\rec").rows.empty());
   EXPECT_EQ(test::CheckSeams(test::ReadRecordings(target + "/rec")), 81u);
   EXPECT_EQ(cms::ReadFolderList(0).rows.at(0).folder, "..\\nas");
+}
+
+// Nobody waits in between: the file that the end closes goes there too, however it ends.
+TEST_F(SiteRecording, TheLastFileIsMovedToo) {
+  const std::string target = site_.folder.Beside("nas");
+  std::filesystem::create_directory(target);
+  for (int round = 0; round < 6; ++round) {
+    client_.emplace(test::ParamFor(12));
+    ASSERT_EQ(client_->StartMoveFileToNAS(L"..\\nas"), 1);
+    ASSERT_EQ(client_->StartRecord(0, kRecordInstant), 1);
+    Seconds(2);
+    if (round % 2 == 0) {
+      client_->StopRecordAll();
+      client_->StopMoveFileToNAS();
+    }
+    client_.reset();
+    EXPECT_TRUE(site_.Files().empty());
+    EXPECT_EQ(test::ReadRecordings(target + "/rec").size(), static_cast<std::size_t>(round + 1));
+    EXPECT_EQ(cms::ReadRecordList(L"..\\nas\\rec").rows.size(),
+              static_cast<std::size_t>(round + 1));
+  }
+}
+
+// What earlier runs left in the days' folders goes first; other sites' files, one that is being
+// written and what is no day's stay.
+TEST_F(SiteRecording, WhatEarlierRunsLeftIsMovedByTheNext) {
+  const std::string target = site_.folder.Beside("nas");
+  const auto record = [&](int site, const wchar_t* folder) {
+    std::filesystem::create_directory(cms::NativePath(folder));
+    client_.emplace(test::ParamFor(site, 64, folder));
+    EXPECT_EQ(client_->StartRecord(0, kRecordInstant), 1);
+    Seconds(2);
+  };
+  record(12, L"..\\20260101");
+  record(12, L"..\\20260102");
+  record(1, L"..\\20260102");
+  record(12, L"..\\other");
+  client_.reset();
+  test::RecordingClient writing(test::ParamFor(12, 64, L"..\\20260103"));
+  std::filesystem::create_directory(site_.folder.Beside("20260103"));
+  ASSERT_EQ(writing.StartRecord(0, kRecordInstant), 1);
+  writing.Give(source_);
+  source_.SkipToKeyFrame();
+
+  std::filesystem::create_directory(target);
+  record(12, L"..\\20260104");
+  ASSERT_EQ(client_->StartMoveFileToNAS(L"..\\nas"), 1);
+  EXPECT_TRUE(test::WaitFor([&] {
+    site_.clock.Advance(1);
+    return cms::ReadRecordList(L"..\\nas\\20260102").rows.size() == 1;
+  }));
+  client_.reset();
+  for (const std::string day : {"20260101", "20260102", "20260104"}) {
+    const auto files = test::ReadRecordings(target + "/" + day);
+    ASSERT_EQ(files.size(), 1u) << day;
+    EXPECT_TRUE(files[0].name.starts_with("Rec_Site12_"));
+    EXPECT_EQ(files[0].frames.size(), 40u);
+  }
+  EXPECT_EQ(test::ReadRecordings(site_.folder.Beside("20260102")).size(), 1u);
+  EXPECT_EQ(test::ReadRecordings(site_.folder.Beside("other")).size(), 1u);
+  EXPECT_FALSE(std::filesystem::exists(target + "/20260103"));
+}
+
+// Nothing waits for a disk that takes no more: who ends says so at once.
+TEST_F(SiteRecording, NobodyWaitsForAFullDisk) {
+  test::FaultScope fault;
+  ASSERT_EQ(client_->StartRecord(0, kRecordInstant), 1);
+  Seconds(4);
+  ASSERT_EQ(client_->WaitRecorded(30'000), 1);
+  Seconds(4);
+  fault.io.LimitSpace(0);
+  client_->StopRecordAll();
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_EQ(client_->WaitRecorded(600'000), 0);
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(300));
+  fault.io.LimitSpace(test::FaultyFileIo::kNever);
+  EXPECT_TRUE(test::WaitFor([&] {
+    site_.clock.Advance(1);
+    return client_->WaitRecorded(0) == 1 || cms::ReadRecordList(L"..\\rec").rows.size() == 1;
+  }));
 }
 
 // A day's folder changes, and the camera's clock steps back by an hour: nothing is overwritten.

@@ -1,6 +1,7 @@
 #include "cms/live/internal/event_recording.h"
 
 #include <algorithm>
+#include <new>
 
 #include "cms/recording/event_marks.h"
 #include "cms/runtime/clock.h"
@@ -98,19 +99,56 @@ bool IsKindOn(const FX_DRVRecorder& recorder, unsigned channel, int kind) {
   return operations != nullptr && (recorder.*operations->isOn)(channel);
 }
 
-void EventRecording::SetPreAlarm(unsigned seconds, bool enabled, std::size_t bytes) {
-  preAlarm_ = std::min(seconds, 255u);
-  preAlarmEnabled_ = enabled && preAlarm_ > 0;
-  kept_ = preAlarmEnabled_
-              ? std::make_unique<PreAlarmBuffer>(
-                    preAlarm_, bytes != 0 ? bytes : PreAlarmBuffer::DefaultBytes(preAlarm_))
-              : nullptr;
+bool IsEventKind(int kind) {
+  return std::find(std::begin(EventRecording::kKinds), std::end(EventRecording::kKinds), kind) !=
+         std::end(EventRecording::kKinds);
+}
+
+void EventRecording::SetPreAlarm(const FX_DRVRecorder& recorder, unsigned seconds, bool enabled,
+                                 std::size_t bytes) {
+  preAlarm_ = enabled ? std::min(seconds, 255u) : 0;
+  preAlarmEnabled_ = preAlarm_ > 0;
+  bytes_ = bytes;
+  kept_ = nullptr;
+  Keep(recorder);
+}
+
+void EventRecording::FollowStates(const FX_DRVRecorder& recorder) {
+  for (unsigned kind = 0; kind < running_.size(); ++kind) {
+    running_[kind].due = running_[kind].due && IsKindOn(recorder, channel_, kKinds[kind]);
+  }
+  try {
+    Keep(recorder);
+  } catch (const std::bad_alloc&) {
+    kept_ = nullptr;  // events begin with the key frame behind their mark
+  }
+}
+
+void EventRecording::Keep(const FX_DRVRecorder& recorder) {
+  const bool mayBegin = std::any_of(std::begin(kKinds), std::end(kKinds), [&](const int kind) {
+    return IsKindOn(recorder, channel_, kind);
+  });
+  if (!preAlarmEnabled_ && !mayBegin) {
+    kept_ = nullptr;
+  } else if (!kept_) {
+    kept_ = std::make_unique<PreAlarmBuffer>(
+        preAlarm_, bytes_ != 0 ? bytes_ : PreAlarmBuffer::DefaultBytes(preAlarm_));
+  }
+}
+
+bool EventRecording::IsPast(unsigned kind, std::uint64_t now, unsigned durationSeconds) const {
+  return now - running_[kind].lastMark >= std::uint64_t{durationSeconds} * 1000;
 }
 
 bool EventRecording::IsOver(const FX_DRVRecorder& recorder, unsigned kind, std::uint64_t now,
                             unsigned durationSeconds) const {
-  return running_[kind].own && IsKindRunning(recorder, channel_, kKinds[kind]) &&
-         now - running_[kind].lastMark >= std::uint64_t{durationSeconds} * 1000;
+  const Running& event = running_[kind];
+  if (!event.own || !IsPast(kind, now, durationSeconds) ||
+      !IsKindRunning(recorder, channel_, kKinds[kind])) {
+    return false;
+  }
+  return event.recorded || now - event.lastMark >= kLongestGroupMs ||
+         recorder.GetRecordingStatus().state == RecordingState::kFailed;
 }
 
 unsigned EventRecording::OnVideo(FX_DRVRecorder& recorder, const PreAlarmBuffer::Frame& frame,
@@ -124,14 +162,21 @@ unsigned EventRecording::OnVideo(FX_DRVRecorder& recorder, const PreAlarmBuffer:
   const std::uint64_t now = TickMilliseconds();
   lastFrame_ = now;
   for (unsigned kind = 0; kind < running_.size(); ++kind) {
-    running_[kind].own = running_[kind].own && IsKindRunning(recorder, channel_, kKinds[kind]);
-    if ((marks & 1u << kind) != 0) {
-      running_[kind].lastMark = now;
-      if (IsKindOn(recorder, channel_, kKinds[kind]) &&
-          !IsKindRunning(recorder, channel_, kKinds[kind])) {
-        Begin(recorder, kind, frame.seconds);
-      }
-    } else if ((frame.key || !kept_) && IsOver(recorder, kind, now, durationSeconds)) {
+    Running& event = running_[kind];
+    const bool runs = IsKindRunning(recorder, channel_, kKinds[kind]);
+    const bool marked = (marks & 1u << kind) != 0;
+    event.own = event.own && runs;
+    if (marked) {
+      event.lastMark = now;
+      event.due = !runs && IsKindOn(recorder, channel_, kKinds[kind]);
+    } else if (IsPast(kind, now, durationSeconds)) {
+      event.due = false;
+    }
+    if (event.due && now >= retryTick_) {
+      event.own = Begin(recorder, kind, frame.seconds);
+      retryTick_ = event.own ? 0 : now + kRetryMs;
+    } else if (!marked && (frame.key || !kept_ || now - event.lastMark >= kLongestGroupMs) &&
+               IsOver(recorder, kind, now, durationSeconds)) {
       StopKind(recorder, channel_, kKinds[kind]);
     }
   }
@@ -140,11 +185,15 @@ unsigned EventRecording::OnVideo(FX_DRVRecorder& recorder, const PreAlarmBuffer:
                       (inHeader & kEventStateDeviceEvent) == 0;
   if (Record(recorder, frame, channel_, markIt)) {
     recordedSince_ = recordedSince_ == 0 ? frame.seconds : recordedSince_;
+    for (Running& event : running_) {
+      event.recorded = true;
+    }
     if (kept_) {
       kept_->Clear();
     }
   } else {
     recordedSince_ = 0;
+    recorder.SetEventTime(frame.seconds, channel_);
     if (kept_) {
       kept_->Add(frame, now);
     }
@@ -164,31 +213,74 @@ void EventRecording::OnClock(FX_DRVRecorder& recorder, unsigned state, unsigned 
     return;
   }
   for (unsigned kind = 0; kind < running_.size(); ++kind) {
-    if ((state & 1u << kind) == 0 && IsOver(recorder, kind, now, durationSeconds)) {
+    if ((state & 1u << kind) != 0) {
+      continue;
+    }
+    if (IsPast(kind, now, durationSeconds)) {
+      running_[kind].due = false;
+    }
+    if (IsOver(recorder, kind, now, durationSeconds)) {
       StopKind(recorder, channel_, kKinds[kind]);
     }
   }
 }
 
+// What was kept is in front of the first frame to come; without it that frame begins the event.
+bool EventRecording::Start(FX_DRVRecorder& recorder, int kind) {
+  const auto number =
+      static_cast<unsigned>(std::find(std::begin(kKinds), std::end(kKinds), kind) - kKinds);
+  running_[number].own = false;
+  if (IsKindRunning(recorder, channel_, kind)) {
+    return StartKind(recorder, channel_, kind);  // opens a file when none is
+  }
+  const std::int64_t now = WallSeconds();
+  if (!Begin(recorder, number, static_cast<std::uint32_t>(now))) {
+    return false;
+  }
+  if (recordedSince_ != 0) {
+    recorder.SetEventTime(now, channel_);
+  }
+  return true;
+}
+
+void EventRecording::Forget(int kind) {
+  for (unsigned number = 0; number < running_.size(); ++number) {
+    if (kKinds[number] == kind) {
+      running_[number].own = false;
+      running_[number].due = false;
+    }
+  }
+}
+
+bool EventRecording::IsDue() const {
+  return std::any_of(running_.begin(), running_.end(), [](const auto& event) { return event.due; });
+}
+
 // What the event's record says is what is recorded: that of the kept frames, or, when the channel
 // is being recorded anyway, of as many seconds as were asked for and are there.
-void EventRecording::Begin(FX_DRVRecorder& recorder, unsigned kind, std::uint32_t seconds) {
+bool EventRecording::Begin(FX_DRVRecorder& recorder, unsigned kind, std::uint32_t seconds) {
+  if (!recorder.IsRecording(channel_, true)) {
+    recordedSince_ = 0;
+  }
   recorder.SetPreAlarm(
       recordedSince_ != 0 && preAlarmEnabled_
           ? std::min(SecondsBetween(recordedSince_, seconds), static_cast<std::uint8_t>(preAlarm_))
           : std::uint8_t{0},
       preAlarmEnabled_);
   if (!StartKind(recorder, channel_, kKinds[kind])) {
-    return;
+    return false;
   }
-  running_[kind].own = true;
+  running_[kind].due = false;
+  running_[kind].recorded = false;
   if (kept_ && !kept_->IsEmpty()) {
     const std::uint32_t since = RecordKept(recorder);
     if (since != 0) {
+      running_[kind].recorded = true;
       recordedSince_ = since;
       recorder.SetEventPreAlarm(channel_, SecondsBetween(since, seconds));
     }
   }
+  return true;
 }
 
 // The header time of the first frame that was taken, 0 when none was.

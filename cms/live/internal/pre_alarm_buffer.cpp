@@ -10,6 +10,7 @@ constexpr std::size_t kAlignment = 8;
 constexpr std::size_t kBytesPerSecond = 1'000'000;
 constexpr std::size_t kFewestBytes = 4'000'000;
 constexpr std::size_t kMostBytes = 64'000'000;
+constexpr std::size_t kGroupBytes = 16'000'000;
 
 std::size_t RoundUp(std::size_t bytes) {
   return (bytes + kAlignment - 1) / kAlignment * kAlignment;
@@ -23,7 +24,8 @@ PreAlarmBuffer::PreAlarmBuffer(unsigned seconds, std::size_t bytes)
       ring_(new std::uint8_t[size_]) {}
 
 std::size_t PreAlarmBuffer::DefaultBytes(unsigned seconds) {
-  return std::clamp((seconds + 2) * kBytesPerSecond, kFewestBytes, kMostBytes);
+  return seconds == 0 ? kGroupBytes
+                      : std::clamp((seconds + 2) * kBytesPerSecond, kFewestBytes, kMostBytes);
 }
 
 void PreAlarmBuffer::Clear() {
@@ -48,6 +50,9 @@ std::size_t PreAlarmBuffer::SkipGap(std::size_t at) const {
 }
 
 void PreAlarmBuffer::Add(const Frame& frame, std::uint64_t tick) {
+  if (frame.key && keepMs_ == 0) {
+    Clear();
+  }
   if (frames_ == 0 && !frame.key) {
     return;
   }

@@ -11,7 +11,8 @@ namespace cms {
 // Frames one behind the other in a ring of bytes that is allocated once. The first is always a key
 // frame: the newest one that is at least `seconds` old, or the oldest that there is. When the ring
 // is full the oldest frames go, up to the next key frame; a single group of pictures that does not
-// fit goes as a whole. Not for concurrent use.
+// fit goes as a whole. With 0 seconds it holds the running group of pictures, and of the ring only
+// as much is touched as the largest group has. Not for concurrent use.
 class PreAlarmBuffer {
  public:
   struct Frame {
@@ -20,11 +21,13 @@ class PreAlarmBuffer {
     bool key = false;
     bool audio = false;
     std::uint32_t seconds = 0;  // of the header
+    std::uint64_t tick = 0;     // of the arrival, milliseconds; what Add was told
   };
 
   PreAlarmBuffer(unsigned seconds, std::size_t bytes);
 
-  // The bytes that hold so many seconds of a stream at 8 Mbit/s, and at least two large frames.
+  // The bytes that hold so many seconds of a stream at 8 Mbit/s, and at least two large frames;
+  // with 0 seconds a group of pictures of 16 seconds.
   static std::size_t DefaultBytes(unsigned seconds);
 
   // Dropped while there is no key frame in front of it. `tick` is the arrival in milliseconds.
@@ -44,7 +47,8 @@ class PreAlarmBuffer {
                   {bytes + entry.header, entry.payload},
                   entry.key,
                   entry.audio,
-                  entry.seconds});
+                  entry.seconds,
+                  entry.tick});
       at += entry.length;
     }
   }

@@ -81,7 +81,8 @@ void SiteGaps::Arm(const RecordingSight& sight) {
 void SiteGaps::Look(const RecordingSight& sight) {
   if (!sight.armed) {
     if (std::exchange(armed_, false)) {
-      log_.Begin(GapCause::kStopped, sight.wall);
+      // Between events nothing is missed, and after the last one neither.
+      alwaysWanted_ ? log_.Begin(GapCause::kStopped, sight.wall) : log_.End(sight.wall);
     }
     log_.Update(sight.wall);
     frames_ = sight.recording.frames;
@@ -90,6 +91,7 @@ void SiteGaps::Look(const RecordingSight& sight) {
   if (!armed_) {
     Arm(sight);
   }
+  alwaysWanted_ = sight.alwaysWanted;
   constexpr std::uint64_t kLastingMs = 1'000;
   const std::optional<Cause> cause = CauseOf(sight);
   if (cause != seen_) {

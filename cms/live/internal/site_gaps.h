@@ -11,10 +11,11 @@
 namespace cms {
 
 struct RecordingSight {
-  std::int64_t wall = 0;   // seconds since 1970-01-01 UTC
-  std::uint64_t tick = 0;  // milliseconds
-  bool armed = false;      // a kind runs, or would by itself
-  bool wanted = false;     // frames are to be recorded now
+  std::int64_t wall = 0;      // seconds since 1970-01-01 UTC
+  std::uint64_t tick = 0;     // milliseconds
+  bool armed = false;         // a kind runs, or would by itself
+  bool wanted = false;        // frames are to be recorded now
+  bool alwaysWanted = false;  // and all the time, not only while an event lasts
   RecordingStatus recording;
   ConnectionState connection = ConnectionState::kClosed;
   ConnectionFault fault = ConnectionFault::kNone;
@@ -41,6 +42,7 @@ class SiteGaps {
 
   GapLogWriter log_;
   bool armed_ = false;
+  bool alwaysWanted_ = false;    // when last looked while armed
   std::uint64_t goodUntil_ = 0;  // tick: until then what was wanted was recorded
   std::uint64_t frames_ = 0;     // recorded when last looked
   std::optional<Cause> seen_;    // when last looked

@@ -1,5 +1,8 @@
 #include "cms/live/internal/site_recording.h"
 
+#include <cerrno>
+#include <chrono>
+#include <thread>
 #include <utility>
 
 #include "cms/recording/control_write_file.h"
@@ -13,6 +16,11 @@ namespace {
 
 constexpr int kAllKinds[] = {kRecordDeviceEvent, kRecordAlarm, kRecordVideoLoss, kRecordInstant,
                              kRecordSchedule};
+
+// A disk that will not take more for a while.
+bool IsLasting(int error) {
+  return error == ENOSPC || error == EDQUOT || error == EROFS;
+}
 
 }  // namespace
 
@@ -52,13 +60,16 @@ void SiteRecording::SetDevice(const wchar_t* address, const wchar_t* siteName, s
 void SiteRecording::SetPreAlarm(unsigned channel, unsigned seconds, bool enabled,
                                 std::size_t bytes) {
   ScopeLock hold(lock_);
-  events_[channel].SetPreAlarm(seconds, enabled, bytes);
+  events_[channel].SetPreAlarm(recorder_, seconds, enabled, bytes);
+}
+
+bool SiteRecording::IsAlwaysWanted() const {
+  return recorder_.IsInstNormalRecording() || recorder_.IsScheNormalRecording() || IsScheduled();
 }
 
 bool SiteRecording::IsWanted() const {
-  return recorder_.IsDeviceEventRecording() || recorder_.IsDeviceAlarmRecording() ||
-         recorder_.IsDeviceVideoLossRecording() || recorder_.IsInstNormalRecording() ||
-         recorder_.IsScheNormalRecording() || IsScheduled();
+  return IsAlwaysWanted() || recorder_.IsDeviceEventRecording() ||
+         recorder_.IsDeviceAlarmRecording() || recorder_.IsDeviceVideoLossRecording() || due_.Any();
 }
 
 bool SiteRecording::IsArmed() const {
@@ -71,7 +82,13 @@ void SiteRecording::Wake() {
 }
 
 bool SiteRecording::Start(unsigned channel, int kind) {
-  const bool started = StartKind(recorder_, channel, kind);
+  bool started = false;
+  if (IsEventKind(kind)) {
+    ScopeLock hold(lock_);  // its kept frames come before the next one
+    started = events_[channel].Start(recorder_, kind);
+  } else {
+    started = StartKind(recorder_, channel, kind);
+  }
   Wake();
   return started;
 }
@@ -81,21 +98,40 @@ void SiteRecording::Stop(unsigned channel, int kind) {
   if (kind == kRecordSchedule) {
     TurnKind(recorder_, channel, kind, false);
   }
-  StopKind(recorder_, channel, kind);
+  StopStarted(channel, kind);
   Wake();
 }
 
+void SiteRecording::StopStarted(unsigned channel, int kind) {
+  {
+    ScopeLock hold(lock_);
+    events_[channel].Forget(kind);
+    FollowDue(channel);
+  }
+  StopKind(recorder_, channel, kind);
+}
+
+// What is off when the lock is left begins with no frame any more.
 void SiteRecording::StopAll() {
-  ScopeLock hold(lock_);  // no frame begins an event in between
-  recorder_.TurnOffAllRecordState();
+  {
+    ScopeLock hold(lock_);
+    recorder_.TurnOffAllRecordState();
+    for (unsigned channel = 0; channel < kChannels; ++channel) {
+      FollowStates(channel);
+    }
+  }
   recorder_.StopRecordAll();
   Wake();
 }
 
 void SiteRecording::TurnState(unsigned channel, int kind, bool on) {
-  TurnKind(recorder_, channel, kind, on);
+  {
+    ScopeLock hold(lock_);
+    TurnKind(recorder_, channel, kind, on);
+    FollowStates(channel);
+  }
   if (!on) {
-    StopKind(recorder_, channel, kind);
+    StopStarted(channel, kind);
   } else if (kind == kRecordSchedule) {
     StartKind(recorder_, channel, kind);
   }
@@ -112,10 +148,22 @@ void SiteRecording::TurnOffAllStates() {
   }
 }
 
+void SiteRecording::FollowStates(unsigned channel) {
+  events_[channel].FollowStates(recorder_);
+  FollowDue(channel);
+}
+
+void SiteRecording::FollowDue(unsigned channel) {
+  if (const bool due = events_[channel].IsDue(); due != due_.Has(channel)) {
+    due ? due_.Set(channel) : due_.Clear(channel);
+  }
+}
+
 unsigned SiteRecording::OnVideo(const PreAlarmBuffer::Frame& frame, unsigned channel) {
   ScopeLock hold(lock_);
   const bool wasWanted = IsWanted();
   const unsigned marks = events_[channel].OnVideo(recorder_, frame, state_[channel], Duration());
+  FollowDue(channel);
   if (!wasWanted && IsWanted()) {
     Wake();
   }
@@ -136,6 +184,7 @@ std::uint64_t SiteRecording::Turn(std::uint64_t now) {
     ScopeLock hold(lock_);
     for (unsigned channel = 0; channel < kChannels; ++channel) {
       events_[channel].OnClock(recorder_, state_[channel], Duration());
+      FollowDue(channel);
     }
   }
   recorder_.Flush();
@@ -152,6 +201,9 @@ void SiteRecording::StartSchedule() {
   for (unsigned channel = 0; channel < kChannels && IsScheduled(); ++channel) {
     if (recorder_.IsScheNormalRecStateOn(channel) && !recorder_.IsScheNormalRecording(channel)) {
       recorder_.StartScheNormalRecord(channel);
+      if (!recorder_.IsScheNormalRecStateOn(channel)) {  // turned off meanwhile
+        recorder_.StopScheNormalRecord(channel);
+      }
     }
   }
 }
@@ -162,6 +214,7 @@ void SiteRecording::LookForGaps() {
   sight.tick = TickMilliseconds();
   sight.armed = IsArmed();
   sight.wanted = IsWanted();
+  sight.alwaysWanted = IsAlwaysWanted();
   sight.recording = recorder_.GetRecordingStatus();
   const ConnectionStatus connection = connection_();
   sight.connection = connection.state;
@@ -204,13 +257,14 @@ std::vector<std::wstring> SiteRecording::TakeFiles() {
 }
 
 bool SiteRecording::WaitRecorded(int milliseconds) {
-  const std::uint64_t end =
-      TickMilliseconds() + static_cast<std::uint64_t>(milliseconds > 0 ? milliseconds : 0);
+  using HostClock = std::chrono::steady_clock;
+  constexpr std::chrono::milliseconds kAgain{20};
+  const auto end = HostClock::now() + std::chrono::milliseconds(milliseconds);
   recorder_.Flush(0);
-  do {
-    const std::uint64_t now = TickMilliseconds();
-    if (!ControlWriteFile::GetInstance()->WaitWritten(
-            static_cast<int>(end > now ? end - now : 0))) {
+  while (true) {
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(end - HostClock::now()).count();
+    if (!ControlWriteFile::GetInstance()->WaitWritten(static_cast<int>(left > 0 ? left : 0))) {
       return false;
     }
     recorder_.Flush(0);
@@ -218,8 +272,12 @@ bool SiteRecording::WaitRecorded(int milliseconds) {
     if (recorder_.IsRecording() || recorder_.IsSettled()) {
       return true;
     }
-  } while (TickMilliseconds() < end);
-  return false;
+    // What the queue is through with and is not settled has failed.
+    if (IsLasting(recorder_.GetRecordingStatus().lastError) || HostClock::now() >= end) {
+      return false;
+    }
+    std::this_thread::sleep_for(kAgain);
+  }
 }
 
 bool SiteRecording::StartMoving(const wchar_t* target) {
@@ -230,7 +288,8 @@ bool SiteRecording::StartMoving(const wchar_t* target) {
   if (mover_) {
     return false;
   }
-  auto mover = std::make_unique<MovedRecordings>(std::wstring(TextOf(target)));
+  auto mover = std::make_unique<MovedRecordings>(std::wstring(TextOf(target)),
+                                                 std::wstring(recorder_.GetRecParam().path));
   if (!mover->Start()) {
     return false;
   }
@@ -240,13 +299,17 @@ bool SiteRecording::StartMoving(const wchar_t* target) {
 }
 
 void SiteRecording::StopMoving() {
+  if (!IsMoving()) {
+    return;
+  }
+  WaitRecorded(kLastFilesMs);  // the last file is to be moved too
   std::unique_ptr<MovedRecordings> mover;
   {
     ScopeLock hold(filesLock_);
     mover = std::move(mover_);
   }
   if (mover) {
-    mover->Stop();
+    mover->Stop(kLastFilesMs);
   }
 }
 

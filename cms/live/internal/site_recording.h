@@ -53,7 +53,8 @@ class SiteRecording final : public SiteSupervisor::Site {
   unsigned OnVideo(const PreAlarmBuffer::Frame& frame, unsigned channel);
   void OnAudio(const PreAlarmBuffer::Frame& frame, unsigned channel);
 
-  // Waits until what was recorded is in its files and the closed ones are finished.
+  // Waits until what was recorded is in its files and the closed ones are finished; false at once
+  // when all that is left waits for a disk that is full or read-only.
   bool WaitRecorded(int milliseconds);
   std::vector<std::wstring> TakeFiles();
 
@@ -68,11 +69,16 @@ class SiteRecording final : public SiteSupervisor::Site {
  private:
   static constexpr std::uint64_t kTurnMs = 1'000;
   static constexpr std::size_t kMostFiles = 1'000;
+  static constexpr int kLastFilesMs = 10'000;  // for writing them, and for moving them
 
   bool IsScheduled() const { return recorder_.IsScheNormalRecStateOn(); }
+  bool IsAlwaysWanted() const;  // every frame, not those of events alone
   bool IsWanted() const;
   bool IsArmed() const;
   void Wake();
+  void StopStarted(unsigned channel, int kind);
+  void FollowStates(unsigned channel) CMS_REQUIRES(lock_);
+  void FollowDue(unsigned channel) CMS_REQUIRES(lock_);
   void StartSchedule();
   void CollectFinished();
   void LookForGaps() CMS_REQUIRES(turning_);
@@ -84,6 +90,7 @@ class SiteRecording final : public SiteSupervisor::Site {
 
   mutable CMSCritical lock_;  // the recorder lock: what is decided for a frame
   std::vector<EventRecording> events_ CMS_GUARDED_BY(lock_);
+  ChannelSet due_;  // whose event recording could not begin yet
 
   CMSCritical deviceLock_;
   GapSite site_ CMS_GUARDED_BY(deviceLock_);
