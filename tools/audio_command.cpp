@@ -83,7 +83,7 @@ void ThrowIfStopped() {
 void RequireTwoFiles(const Arguments& arguments) {
   std::error_code ignored;
   if (std::filesystem::equivalent(arguments.in, arguments.out, ignored)) {
-    throw CLI::ValidationError("OUT", "is the input file");
+    throw UsageError("OUT", "is the input file");
   }
 }
 
@@ -177,20 +177,20 @@ void Report(const Arguments& arguments, const Totals& totals) {
   }
 }
 
-void AddCommon(CLI::App* app, Arguments& arguments, const std::vector<std::string>& codecs) {
+void AddCommon(Command app, Arguments& arguments, const std::vector<std::string>& codecs) {
   std::string names;
   for (const std::string& each : codecs) {
     names += (names.empty() ? "" : "|") + each;
   }
-  app->add_option("--codec", arguments.stream.codec, "codec of the raw file")
-      ->required()
-      ->option_text(names + " REQUIRED")
-      ->check(CLI::IsMember(codecs));
+  app.AddOption("--codec", arguments.stream.codec, "codec of the raw file")
+      .Required()
+      .Text(names + " REQUIRED")
+      .OneOf(codecs);
   constexpr std::size_t kMaximumBlock = 1u << 20;
-  app->add_option("--block", arguments.stream.blockSize,
-                  "bytes of a block of ima (data only, usually 504) or ms (usually 256)")
-      ->check(CLI::Range(std::size_t{1}, kMaximumBlock));
-  app->add_flag("--json", arguments.json, "print one JSON object at the end");
+  app.AddOption("--block", arguments.stream.blockSize,
+                "bytes of a block of ima (data only, usually 504) or ms (usually 256)")
+      .InRange(std::size_t{1}, kMaximumBlock);
+  app.AddFlag("--json", arguments.json, "print one JSON object at the end");
 }
 
 // What `--device` takes, outputs and inputs.
@@ -219,38 +219,38 @@ void ListDevices(bool json) {
 
 }  // namespace
 
-void AddAudioCommand(CLI::App& app, CommandResult& /*result*/) {
+void AddAudioCommand(Command app, CommandResult& /*result*/) {
   auto arguments = std::make_shared<Arguments>();
-  CLI::App* const audio = app.add_subcommand("audio", "Convert audio of cameras from and to WAV");
-  audio->require_subcommand(1);
+  const Command audio = app.Add("audio", "Convert audio of cameras from and to WAV");
+  audio.RequireCommand();
 
-  CLI::App* const decode = audio->add_subcommand("decode", "Raw file of a codec to a WAV file");
-  decode->add_option("IN", arguments->in, "raw file")->required();
-  decode->add_option("OUT", arguments->out, "WAV file, 16-bit PCM")->required();
+  const Command decode = audio.Add("decode", "Raw file of a codec to a WAV file");
+  decode.AddOption("IN", arguments->in, "raw file").Required();
+  decode.AddOption("OUT", arguments->out, "WAV file, 16-bit PCM").Required();
   AddCommon(decode, *arguments, DecodableAudioCodecs());
   constexpr int kMaximumRate = 384000;
   constexpr int kMaximumChannels = 8;
-  decode->add_option("--rate", arguments->rate, "samples a second")
-      ->check(CLI::Range(1, kMaximumRate))
-      ->capture_default_str();
-  decode->add_option("--channels", arguments->stream.channels, "interleaved channels")
-      ->check(CLI::Range(1, kMaximumChannels))
-      ->capture_default_str();
+  decode.AddOption("--rate", arguments->rate, "samples a second")
+      .InRange(1, kMaximumRate)
+      .ShowDefault();
+  decode.AddOption("--channels", arguments->stream.channels, "interleaved channels")
+      .InRange(1, kMaximumChannels)
+      .ShowDefault();
   decode
-      ->add_option("--channel-mode", arguments->stream.channelMode,
-                   "of ima: 0 both streams, 1 or 2 only one of them")
-      ->check(CLI::Range(0u, 2u));
-  decode->callback([arguments] { Report(*arguments, Decode(*arguments)); });
+      .AddOption("--channel-mode", arguments->stream.channelMode,
+                 "of ima: 0 both streams, 1 or 2 only one of them")
+      .InRange(0u, 2u);
+  decode.Run([arguments] { Report(*arguments, Decode(*arguments)); });
 
-  CLI::App* const devices = audio->add_subcommand("devices", "List sound devices");
-  devices->add_flag("--json", arguments->json, "print one JSON object");
-  devices->callback([arguments] { ListDevices(arguments->json); });
+  const Command devices = audio.Add("devices", "List sound devices");
+  devices.AddFlag("--json", arguments->json, "print one JSON object");
+  devices.Run([arguments] { ListDevices(arguments->json); });
 
-  CLI::App* const encode = audio->add_subcommand("encode", "WAV file to a raw file of a codec");
-  encode->add_option("IN", arguments->in, "WAV file")->required();
-  encode->add_option("OUT", arguments->out, "raw file")->required();
+  const Command encode = audio.Add("encode", "WAV file to a raw file of a codec");
+  encode.AddOption("IN", arguments->in, "WAV file").Required();
+  encode.AddOption("OUT", arguments->out, "raw file").Required();
   AddCommon(encode, *arguments, EncodableAudioCodecs());
-  encode->callback([arguments] { Report(*arguments, Encode(*arguments)); });
+  encode.Run([arguments] { Report(*arguments, Encode(*arguments)); });
 }
 
 }  // namespace tools

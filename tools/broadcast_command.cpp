@@ -180,20 +180,19 @@ class Broadcast {
 
 }  // namespace
 
-void AddBroadcastCommand(CLI::App& app, CommandResult& result) {
+void AddBroadcastCommand(Command app, CommandResult& result) {
   auto arguments = std::make_shared<Arguments>();
-  CLI::App* const command = app.add_subcommand(
-      "broadcast", "A TCP server that sends every line of standard input to its peers");
+  const Command command =
+      app.Add("broadcast", "A TCP server that sends every line of standard input to its peers");
   command
-      ->add_option("--enable", arguments->addresses,
-                   "an IPv4 address whose peers get the lines; may be given again")
-      ->check(CLI::ValidIPV4)
-      ->type_name("ADDRESS")
-      ->capture_default_str()
-      ->expected(1)
-      ->take_all();
-  command->add_flag("--json", arguments->json, "print address and port as one JSON object");
-  command->callback([arguments, &result] { result.status = Broadcast(*arguments).Run(); });
+      .AddOption("--enable", arguments->addresses,
+                 "an IPv4 address whose peers get the lines; may be given again")
+      .IPv4()
+      .TypeName("ADDRESS")
+      .ShowDefault()
+      .Repeatable();
+  command.AddFlag("--json", arguments->json, "print address and port as one JSON object");
+  command.Run([arguments, &result] { result.status = Broadcast(*arguments).Run(); });
 }
 
 }  // namespace tools

@@ -40,13 +40,13 @@ template <typename Value>
 using Choices = std::vector<std::pair<std::string, Value>>;
 
 template <typename Value>
-void AddChoice(CLI::App* app, const std::string& name, Value& value, const Choices<Value>& choices,
+void AddChoice(Command app, const std::string& name, Value& value, const Choices<Value>& choices,
                const std::string& help) {
   std::string names;
   for (const auto& [text, each] : choices) {
     names += (names.empty() ? "" : "|") + text;
   }
-  app->add_option_function<std::string>(
+  app.AddParsed(
          name,
          [=, &value](const std::string& given) {
            for (const auto& [text, each] : choices) {
@@ -55,10 +55,10 @@ void AddChoice(CLI::App* app, const std::string& name, Value& value, const Choic
                return;
              }
            }
-           throw CLI::ValidationError(name, given + " is none of " + names);
+           throw UsageError(name, given + " is none of " + names);
          },
          help)
-      ->option_text(names);
+      .Text(names);
 }
 
 // A GLib main loop for a thread of its own, which starts when everything is in place.
@@ -106,7 +106,7 @@ void ParseSize(const std::string& text, CameraOptions* camera) {
   if (std::sscanf(text.c_str(), "%dx%d%c", &camera->width, &camera->height, &rest) != 2 ||
       camera->width < 32 || camera->height < 32 || camera->width > 7680 || camera->height > 4320 ||
       camera->width % 2 != 0 || camera->height % 2 != 0) {
-    throw CLI::ValidationError("--size", "WIDTHxHEIGHT in even numbers from 32x32 on, not " + text);
+    throw UsageError("--size", "WIDTHxHEIGHT in even numbers from 32x32 on, not " + text);
   }
 }
 
@@ -120,19 +120,19 @@ void Check(Arguments& arguments) {
     }
   }
   if (!testcamera::IsPattern(camera.pattern)) {
-    throw CLI::ValidationError("--pattern", "GStreamer's videotestsrc knows no " + camera.pattern);
+    throw UsageError("--pattern", "GStreamer's videotestsrc knows no " + camera.pattern);
   }
   if (!camera.path.starts_with('/')) {
     camera.path.insert(0, "/");
   }
   if (camera.codec == testcamera::VideoCodec::kMjpeg && camera.file.empty() &&
       (camera.width > 2040 || camera.height > 2040)) {
-    throw CLI::ValidationError("--size", "MJPEG over RTP ends at 2040x2040");
+    throw UsageError("--size", "MJPEG over RTP ends at 2040x2040");
   }
   const int highest = std::max<int>(
       {camera.port, arguments.http_port.value_or(0), arguments.onvif_port.value_or(0)});
   if (highest + arguments.count - 1 > std::numeric_limits<std::uint16_t>::max()) {
-    throw CLI::ValidationError("--count", "more cameras than ports");
+    throw UsageError("--count", "more cameras than ports");
   }
 }
 
@@ -194,75 +194,70 @@ int Serve(Arguments& arguments) {
 
 namespace {
 
-void AddOnvifOptions(CLI::App* command, Arguments& arguments) {
+void AddOnvifOptions(Command command, Arguments& arguments) {
   testcamera::OnvifOptions& onvif = arguments.onvif;
-  auto* port = command->add_option(
+  const Option port = command.AddOption(
       "--onvif", arguments.onvif_port,
       "Port for ONVIF and the parameter CGI, which ask for --user and --password; 0 takes any");
   command
-      ->add_option_function<std::vector<std::string>>(
+      .AddParsed(
           "--onvif-style",
-          [&onvif](const std::vector<std::string>& words) {
-            for (const std::string& word : words) {
-              if (!testcamera::AddOnvifStyle(word, &onvif.style)) {
-                throw CLI::ValidationError("--onvif-style",
-                                           word + " is none of " + testcamera::OnvifStyleWords());
-              }
+          [&onvif](const std::string& word) {
+            if (!testcamera::AddOnvifStyle(word, &onvif.style)) {
+              throw UsageError("--onvif-style",
+                               word + " is none of " + testcamera::OnvifStyleWords());
             }
           },
           "How it answers: " + testcamera::OnvifStyleWords())
-      ->delimiter(',')
-      ->needs(port);
-  command->add_option("--onvif-clock", onvif.clock_offset, "Seconds that its clock is ahead")
-      ->needs(port)
-      ->check(CLI::Range(-1'000'000'000, 1'000'000'000));
-  command->add_option("--onvif-zone", onvif.time_zone, "Its time zone, as in the variable TZ")
-      ->needs(port)
-      ->capture_default_str();
+      .List()
+      .Needs(port);
+  command.AddOption("--onvif-clock", onvif.clock_offset, "Seconds that its clock is ahead")
+      .Needs(port)
+      .InRange(-1'000'000'000, 1'000'000'000);
+  command.AddOption("--onvif-zone", onvif.time_zone, "Its time zone, as in the variable TZ")
+      .Needs(port)
+      .ShowDefault();
   command
-      ->add_option("--onvif-window", onvif.window,
-                   "Seconds that a request's created time may be off")
-      ->needs(port)
-      ->capture_default_str()
-      ->check(CLI::Range(1, 86400));
-  command->add_option("--streams", onvif.streams, "Streams that can be configured")
-      ->needs(port)
-      ->capture_default_str()
-      ->check(CLI::Range(3, 5));
-  command->add_flag("!--no-discovery", onvif.discovery, "Answer no WS-Discovery probe")
-      ->needs(port);
+      .AddOption("--onvif-window", onvif.window, "Seconds that a request's created time may be off")
+      .Needs(port)
+      .ShowDefault()
+      .InRange(1, 86400);
+  command.AddOption("--streams", onvif.streams, "Streams that can be configured")
+      .Needs(port)
+      .ShowDefault()
+      .InRange(3, 5);
+  command.AddFlag("!--no-discovery", onvif.discovery, "Answer no WS-Discovery probe").Needs(port);
 }
 
 }  // namespace
 
-void AddCameraCommand(CLI::App& app, CommandResult& result) {
+void AddCameraCommand(Command app, CommandResult& result) {
   auto arguments = std::make_shared<Arguments>();
   CameraOptions& camera = arguments->camera;
-  CLI::App* command = app.add_subcommand("camera", "Test cameras: real RTSP servers");
+  const Command command = app.Add("camera", "Test cameras: real RTSP servers");
   using namespace testcamera;
 
-  command->add_option("--port", camera.port, "RTSP port; 0 takes any")->capture_default_str();
-  command->add_option("--bind", camera.bind, "Address to listen on")
-      ->capture_default_str()
-      ->check(CLI::ValidIPV4);
-  command->add_option("--http", arguments->http_port,
-                      std::string("HTTP port for the pictures as multipart JPEG at ") + kHttpPath +
-                          "; 0 takes any");
-  command->add_option("--path", camera.path, "Path of the stream")->capture_default_str();
-  command->add_option("--count", arguments->count, "So many cameras, at ports one after the other")
-      ->capture_default_str()
-      ->check(CLI::Range(1, 1000));
+  command.AddOption("--port", camera.port, "RTSP port; 0 takes any").ShowDefault();
+  command.AddOption("--bind", camera.bind, "Address to listen on").ShowDefault().IPv4();
+  command.AddOption("--http", arguments->http_port,
+                    std::string("HTTP port for the pictures as multipart JPEG at ") + kHttpPath +
+                        "; 0 takes any");
+  command.AddOption("--path", camera.path, "Path of the stream").ShowDefault();
+  command.AddOption("--count", arguments->count, "So many cameras, at ports one after the other")
+      .ShowDefault()
+      .InRange(1, 1000);
 
-  command->add_option("--talk", camera.talk,
-                      "Offer an audio backchannel in mu-law and write what is said to this file");
+  command.AddOption("--talk", camera.talk,
+                    "Offer an audio backchannel in mu-law and write what is said to this file");
 
-  auto* file = command
-                   ->add_option("--file", camera.file,
-                                "Play this file's H.264, MPEG-4 or JPEG video for ever, as it is")
-                   ->check(CLI::ExistingFile);
-  command->add_option("--pattern", camera.pattern, "Picture: smpte, ball, snow, black ...")
-      ->capture_default_str()
-      ->excludes(file);
+  const Option file =
+      command
+          .AddOption("--file", camera.file,
+                     "Play this file's H.264, MPEG-4 or JPEG video for ever, as it is")
+          .ExistingFile();
+  command.AddOption("--pattern", camera.pattern, "Picture: smpte, ball, snow, black ...")
+      .ShowDefault()
+      .Excludes(file);
   AddChoice(
       command, "--codec", camera.codec,
       {{"h264", VideoCodec::kH264}, {"mjpeg", VideoCodec::kMjpeg}, {"mpeg4", VideoCodec::kMpeg4}},
@@ -270,15 +265,13 @@ void AddCameraCommand(CLI::App& app, CommandResult& result) {
   AddChoice(command, "--profile", camera.profile,
             {{"baseline", H264Profile::kBaseline}, {"high", H264Profile::kHigh}},
             "H.264 profile [baseline]");
-  command->add_option("--size", arguments->size, "WIDTHxHEIGHT")->capture_default_str();
-  command->add_option("--fps", camera.fps, "Pictures a second")
-      ->capture_default_str()
-      ->check(CLI::Range(1, 120));
-  command->add_option("--gop", camera.gop, "Pictures from key frame to key frame")
-      ->capture_default_str()
-      ->check(CLI::Range(1, 10000));
-  command->add_option("--bitrate", camera.bitrate, "Video kbit/s; by size and rate when not given")
-      ->check(CLI::Range(16, 200000));
+  command.AddOption("--size", arguments->size, "WIDTHxHEIGHT").ShowDefault();
+  command.AddOption("--fps", camera.fps, "Pictures a second").ShowDefault().InRange(1, 120);
+  command.AddOption("--gop", camera.gop, "Pictures from key frame to key frame")
+      .ShowDefault()
+      .InRange(1, 10000);
+  command.AddOption("--bitrate", camera.bitrate, "Video kbit/s; by size and rate when not given")
+      .InRange(16, 200000);
   AddChoice(command, "--audio", camera.audio,
             {{"none", AudioCodec::kNone},
              {"pcmu", AudioCodec::kPcmu},
@@ -290,16 +283,16 @@ void AddCameraCommand(CLI::App& app, CommandResult& result) {
       command, "--auth", camera.auth,
       {{"none", AuthScheme::kNone}, {"basic", AuthScheme::kBasic}, {"digest", AuthScheme::kDigest}},
       "Ask for a password [none]");
-  command->add_option("--user", camera.user, "Who may log in")->capture_default_str();
-  command->add_option("--password", camera.password, "Its password")->capture_default_str();
+  command.AddOption("--user", camera.user, "Who may log in").ShowDefault();
+  command.AddOption("--password", camera.password, "Its password").ShowDefault();
 
-  command->add_option("--transports", arguments->transports, "Those offered: udp,tcp")
-      ->delimiter(',')
-      ->check(CLI::IsMember({"udp", "tcp"}));
-  command->add_option("--max-sessions", camera.max_sessions, "Refuse more sessions than that");
-  command->add_option("--session-timeout", camera.session_timeout, "Seconds")
-      ->capture_default_str()
-      ->check(CLI::Range(1, 86400));
+  command.AddOption("--transports", arguments->transports, "Those offered: udp,tcp")
+      .List()
+      .OneOf({"udp", "tcp"});
+  command.AddOption("--max-sessions", camera.max_sessions, "Refuse more sessions than that");
+  command.AddOption("--session-timeout", camera.session_timeout, "Seconds")
+      .ShowDefault()
+      .InRange(1, 86400);
   AddChoice(command, "--delimiters", camera.delimiters, {{"on", true}, {"off", false}},
             "An H.264 access-unit delimiter before each picture [off]");
   AddChoice(command, "--parameter-sets", camera.parameter_sets,
@@ -310,14 +303,14 @@ void AddCameraCommand(CLI::App& app, CommandResult& result) {
   AddChoice(command, "--packets", camera.packets,
             {{"fu", PacketStyle::kFu}, {"stap", PacketStyle::kStap}},
             "Small H.264 units alone or several in a packet [fu]");
-  command->add_option("--mtu", camera.mtu, "Largest RTP packet in bytes")
-      ->capture_default_str()
-      ->check(CLI::Range(200, 65000));
-  command->add_option("--drop-percent", camera.drop_percent, "Lose that part of the RTP packets")
-      ->check(CLI::Range(0.0, 100.0));
+  command.AddOption("--mtu", camera.mtu, "Largest RTP packet in bytes")
+      .ShowDefault()
+      .InRange(200, 65000);
+  command.AddOption("--drop-percent", camera.drop_percent, "Lose that part of the RTP packets")
+      .InRange(0.0, 100.0);
   AddOnvifOptions(command, *arguments);
-  command->add_flag("--json", arguments->json, "Print the URLs as one JSON object");
-  command->callback([arguments, &result] { result.status = Serve(*arguments); });
+  command.AddFlag("--json", arguments->json, "Print the URLs as one JSON object");
+  command.Run([arguments, &result] { result.status = Serve(*arguments); });
 }
 
 }  // namespace tools

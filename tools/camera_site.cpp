@@ -42,13 +42,13 @@ void PrintLines(const nlohmann::ordered_json& value, const std::string& indent) 
 
 }  // namespace
 
-void AddSiteOptions(CLI::App* app, SiteArguments& arguments) {
-  app->add_option("host", arguments.host, "The camera's address or name, and its HTTP port [80]")
-      ->required()
-      ->type_name("HOST[:PORT]");
-  app->add_option("--user", arguments.user, "Who logs in to the camera")->required();
-  app->add_option("--password", arguments.password, "Its password")->required();
-  app->add_flag("--json", arguments.json, "Print one JSON object");
+void AddSiteOptions(Command app, SiteArguments& arguments) {
+  app.AddOption("host", arguments.host, "The camera's address or name, and its HTTP port [80]")
+      .Required()
+      .TypeName("HOST[:PORT]");
+  app.AddOption("--user", arguments.user, "Who logs in to the camera").Required();
+  app.AddOption("--password", arguments.password, "Its password").Required();
+  app.AddFlag("--json", arguments.json, "Print one JSON object");
 }
 
 CameraWait::CameraWait(CIPCAM_Config_Utility& utility, int seconds)
@@ -80,7 +80,7 @@ void CameraWait::Watch(int seconds) {
 CameraSite::CameraSite(const SiteArguments& arguments) : name_(arguments.host), wait_(utility_) {
   const auto url = cms::ParseCameraUrl("http://" + arguments.host);
   if (!url || !url->user.empty() || url->path != "/") {
-    throw CLI::ValidationError("HOST[:PORT]", "\"" + arguments.host + "\" names no camera");
+    throw UsageError("HOST[:PORT]", "\"" + arguments.host + "\" names no camera");
   }
   utility_.SetSiteInfo(cms::WideFromUtf8(url->host), url->port, cms::WideFromUtf8(arguments.user),
                        cms::WideFromUtf8(arguments.password));

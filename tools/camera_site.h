@@ -19,7 +19,7 @@ struct SiteArguments {
   bool json = false;
 };
 
-void AddSiteOptions(CLI::App* app, SiteArguments& arguments);
+void AddSiteOptions(Command app, SiteArguments& arguments);
 
 // While it lives, Ctrl-C and SIGTERM end the utility's wait, and a terminal shows how long it takes
 // (of `seconds` when that is known).
@@ -38,7 +38,7 @@ class CameraWait {
   std::thread thread_;
 };
 
-// A utility for that camera. Throws CLI::ValidationError when it names none.
+// A utility for that camera. Throws UsageError when it names none.
 class CameraSite {
  public:
   explicit CameraSite(const SiteArguments& arguments);
@@ -59,18 +59,17 @@ void PrintAnswer(const nlohmann::ordered_json& answer, bool json);
 // Adds a command with the site options, which Arguments has as `site`. The result adds a subcommand
 // that prints what `run` answers: add(name, what it does, run).
 template <typename Arguments>
-auto AddSiteCommand(CLI::App& app, const char* name, const char* help,
+auto AddSiteCommand(Command app, const char* name, const char* help,
                     std::shared_ptr<Arguments> arguments, CommandResult& result) {
-  CLI::App* const command = app.add_subcommand(name, help);
+  const Command command = app.Add(name, help);
   AddSiteOptions(command, arguments->site);
-  command->require_subcommand(1);
+  command.RequireCommand();
   return
       [command, arguments, &result](const char* subcommand, const char* does,
                                     nlohmann::ordered_json (*run)(CameraSite&, const Arguments&)) {
-        CLI::App* const added = command->add_subcommand(subcommand, does);
-        added->fallthrough();
-        // The parent's callback runs when all options are read, those behind the subcommand too.
-        added->final_callback([arguments, run, &result] {
+        const Command added = command.Add(subcommand, does);
+        // When all options are read, those behind the subcommand too.
+        added.RunWithParent([arguments, run, &result] {
           CameraSite site(arguments->site);
           PrintAnswer(run(site, *arguments), arguments->site.json);
           result.status = 0;

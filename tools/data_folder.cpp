@@ -62,10 +62,10 @@ void RequireRecordablePath(const std::string& dir, const DataFolder& folder) {
 
 }  // namespace
 
-CLI::Option* AddDataOption(CLI::App* app, std::string& dir) {
-  return app->add_option("--data", dir, "folder of the recordings and their databases")
-      ->type_name("DIR")
-      ->required();
+Option AddDataOption(Command app, std::string& dir) {
+  return app.AddOption("--data", dir, "folder of the recordings and their databases")
+      .TypeName("DIR")
+      .Required();
 }
 
 std::string AbsolutePath(const std::string& path) {

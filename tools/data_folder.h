@@ -1,8 +1,9 @@
 // The folder that --data names: where recordings and their databases live.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <string>
+
+#include "tools/options.h"
 
 namespace tools {
 
@@ -20,7 +21,7 @@ enum class DataFolderUse {
 };
 
 // Adds the required option --data DIR. What it says reaches EnterDataFolder.
-CLI::Option* AddDataOption(CLI::App* app, std::string& dir);
+Option AddDataOption(Command app, std::string& dir);
 
 // Where a path of the command line lies, whatever folder the process works from later. An empty
 // path stays empty. Every other path of the command line goes through it before EnterDataFolder.

@@ -154,12 +154,12 @@ struct Arguments {
 
 }  // namespace
 
-void AddDbCommand(CLI::App& app, CommandResult& /*result*/) {
+void AddDbCommand(Command app, CommandResult& /*result*/) {
   auto arguments = std::make_shared<Arguments>();
-  CLI::App* const db = app.add_subcommand("db", "Show the databases of recordings");
+  const Command db = app.Add("db", "Show the databases of recordings");
   AddDataOption(db, arguments->data);
-  db->add_flag("--json", arguments->json, "print one JSON object");
-  db->callback([arguments] {
+  db.AddFlag("--json", arguments->json, "print one JSON object");
+  db.Run([arguments] {
     EnterDataFolder(arguments->data, DataFolderUse::kRead);
     const Databases databases = Read();
     if (arguments->json) {

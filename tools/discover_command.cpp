@@ -42,17 +42,17 @@ int Discover(const Arguments& arguments) {
 
 }  // namespace
 
-void AddDiscoverCommand(CLI::App& app, CommandResult& result) {
+void AddDiscoverCommand(Command app, CommandResult& result) {
   auto arguments = std::make_shared<Arguments>();
-  CLI::App* command =
-      app.add_subcommand("discover", "Find ONVIF devices; listens for 25 seconds, or until Ctrl-C");
+  const Command command =
+      app.Add("discover", "Find ONVIF devices; listens for 25 seconds, or until Ctrl-C");
   command
-      ->add_option("--target", arguments->target,
-                   "Ask this address only, instead of the whole network")
-      ->check(CLI::ValidIPV4)
-      ->type_name("ADDRESS");
-  command->add_flag("--json", arguments->json, "Print one JSON object");
-  command->callback([arguments, &result] { result.status = Discover(*arguments); });
+      .AddOption("--target", arguments->target,
+                 "Ask this address only, instead of the whole network")
+      .IPv4()
+      .TypeName("ADDRESS");
+  command.AddFlag("--json", arguments->json, "Print one JSON object");
+  command.Run([arguments, &result] { result.status = Discover(*arguments); });
 }
 
 }  // namespace tools

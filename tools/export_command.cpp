@@ -39,21 +39,20 @@ bool IsPicture(const std::string& path) {
   return EndsWith(path, ".jpg") || EndsWith(path, ".jpeg");
 }
 
-void CheckUsage(const Arguments& arguments, CLI::App& command) {
+void CheckUsage(const Arguments& arguments, const Command& command) {
   const bool fromData = !arguments.data.empty();
   const std::string& out = arguments.files.back();
   if (!EndsWith(out, ".mp4") && !EndsWith(out, ".mkv") && !IsPicture(out)) {
-    throw CLI::ValidationError("\"" + out +
-                               "\": name the file to write last, as .mp4, .mkv or .jpg");
+    throw UsageError("\"" + out + "\": name the file to write last, as .mp4, .mkv or .jpg");
   }
-  if (fromData && (arguments.files.size() != 1 || command.count("--site") == 0)) {
-    throw CLI::ValidationError("--data goes with --site N and one file to write");
+  if (fromData && (arguments.files.size() != 1 || !command.Has("--site"))) {
+    throw UsageError("--data goes with --site N and one file to write");
   }
   if (!fromData && arguments.files.size() < 2) {
-    throw CLI::ValidationError("say what to export: --data DIR --site N, or a .drv file");
+    throw UsageError("say what to export: --data DIR --site N, or a .drv file");
   }
   if (fromData && (arguments.from.empty() || (arguments.to.empty() && !IsPicture(out)))) {
-    throw CLI::ValidationError("say --from TIME and --to TIME (for a picture --from alone)");
+    throw UsageError("say --from TIME and --to TIME (for a picture --from alone)");
   }
 }
 
@@ -88,7 +87,7 @@ std::vector<RecordingPart> PartsOf(const Arguments& arguments, const std::string
     interval.last = interval.first;
   }
   if (interval.first > interval.last) {
-    throw CLI::ValidationError("--to", "lies before --from");
+    throw UsageError("--to", "lies before --from");
   }
   std::vector<RecordingPart> parts;
   for (std::size_t i = 0; arguments.data.empty() && i + 1 < arguments.files.size(); ++i) {
@@ -105,7 +104,7 @@ std::vector<RecordingPart> PartsOf(const Arguments& arguments, const std::string
   return parts;
 }
 
-int Run(const Arguments& arguments, CLI::App& command) {
+int Run(const Arguments& arguments, const Command& command) {
   CheckUsage(arguments, command);
   const std::string out = AbsolutePath(arguments.files.back());
   ExportOptions options;
@@ -143,30 +142,29 @@ int Run(const Arguments& arguments, CLI::App& command) {
 
 }  // namespace
 
-void AddExportCommand(CLI::App& app, CommandResult& result) {
+void AddExportCommand(Command app, CommandResult& result) {
   auto arguments = std::make_shared<Arguments>();
-  CLI::App* const command =
-      app.add_subcommand("export", "Write recordings as MP4 or Matroska, or a picture of them");
+  const Command command =
+      app.Add("export", "Write recordings as MP4 or Matroska, or a picture of them");
   command
-      ->add_option("files", arguments->files,
-                   "recordings (without --data), and last the file to write: .mp4, .mkv or .jpg")
-      ->required()
-      ->type_name("[FILE.drv ...] OUT");
-  AddDataOption(command, arguments->data)->required(false);
-  command->add_option("--site", arguments->site, "whose recordings of --data")->type_name("N");
+      .AddOption("files", arguments->files,
+                 "recordings (without --data), and last the file to write: .mp4, .mkv or .jpg")
+      .Required()
+      .TypeName("[FILE.drv ...] OUT");
+  AddDataOption(command, arguments->data).Required(false);
+  command.AddOption("--site", arguments->site, "whose recordings of --data").TypeName("N");
   command
-      ->add_option(
-          "--from", arguments->from,
-          "2026-11-21T10:30:00 (local), ...Z (UTC), ...+01:00, or 2026-11-21; a picture is "
-          "the one of this time")
-      ->type_name("TIME");
-  command->add_option("--to", arguments->to, "likewise; a day alone is its end")->type_name("TIME");
+      .AddOption("--from", arguments->from,
+                 "2026-11-21T10:30:00 (local), ...Z (UTC), ...+01:00, or 2026-11-21; a picture is "
+                 "the one of this time")
+      .TypeName("TIME");
+  command.AddOption("--to", arguments->to, "likewise; a day alone is its end").TypeName("TIME");
   command
-      ->add_option("--stream", arguments->stream,
-                   "which of several streams in a file; without it that of the first picture")
-      ->check(CLI::Range(0, 3));
-  command->add_flag("--json", arguments->json, "print one JSON object; its times are in UTC");
-  command->callback([arguments, command, &result] { result.status = Run(*arguments, *command); });
+      .AddOption("--stream", arguments->stream,
+                 "which of several streams in a file; without it that of the first picture")
+      .InRange(0, 3);
+  command.AddFlag("--json", arguments->json, "print one JSON object; its times are in UTC");
+  command.Run([arguments, command, &result] { result.status = Run(*arguments, command); });
 }
 
 }  // namespace tools

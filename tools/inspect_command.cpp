@@ -266,15 +266,14 @@ void PrintJson(const Arguments& arguments, Content& content) {
 
 }  // namespace
 
-void AddInspectCommand(CLI::App& app, CommandResult& /*result*/) {
+void AddInspectCommand(Command app, CommandResult& /*result*/) {
   auto arguments = std::make_shared<Arguments>();
-  CLI::App* const inspect =
-      app.add_subcommand("inspect", "Walk through a recording and compare its index with it");
-  inspect->add_option("FILE", arguments->file, "the .drv file; its .idx lies beside it")
-      ->required();
-  inspect->add_flag("--frames", arguments->frames, "list every frame");
-  inspect->add_flag("--json", arguments->json, "print one JSON object at the end");
-  inspect->callback([arguments] {
+  const Command inspect =
+      app.Add("inspect", "Walk through a recording and compare its index with it");
+  inspect.AddOption("FILE", arguments->file, "the .drv file; its .idx lies beside it").Required();
+  inspect.AddFlag("--frames", arguments->frames, "list every frame");
+  inspect.AddFlag("--json", arguments->json, "print one JSON object at the end");
+  inspect.Run([arguments] {
     Content content = Inspect(*arguments);
     if (arguments->json) {
       PrintJson(*arguments, content);

@@ -41,7 +41,7 @@ void ReadSize(const std::string& text, LiveOptions* options) {
   char rest = 0;
   if (std::sscanf(text.c_str(), "%5ldx%5ld%c", &options->width, &options->height, &rest) != 2 ||
       options->width <= 0 || options->height <= 0) {
-    throw CLI::ValidationError("--size", "\"" + text + "\" is not of the form 960x540");
+    throw UsageError("--size", "\"" + text + "\" is not of the form 960x540");
   }
 }
 
@@ -164,26 +164,25 @@ class Live {
 
 }  // namespace
 
-void AddLiveCommand(CLI::App& app, CommandResult& result) {
+void AddLiveCommand(Command app, CommandResult& result) {
   auto arguments = std::make_shared<Arguments>();
-  CLI::App* const live = app.add_subcommand("live", "Receive and watch cameras");
+  const Command live = app.Add("live", "Receive and watch cameras");
   AddStreamOptions(live, arguments->streams);
-  live->add_option("--seconds", arguments->seconds, "end after so many seconds")
-      ->check(CLI::PositiveNumber);
-  live->add_option("--frames", arguments->frames, "end when every camera sent so many frames");
-  live->add_option("--size", arguments->size, "size of the decoded pictures, such as 960x540")
-      ->type_name("WxH");
-  live->add_option("--snapshot", arguments->snapshot,
-                   "write the last picture; several cameras get FILE-1.png, FILE-2.png ...")
-      ->type_name("FILE.png");
-  live->add_flag("--no-decode", arguments->noDecode, "receive and count only");
-  CLI::Option* const listen = live->add_flag("--listen", arguments->listen, "play the sound");
-  live->add_option("--device", arguments->device, "sound device, see orvanta audio devices")
-      ->needs(listen);
-  live->add_flag("--json", arguments->json, "print one JSON object at the end");
-  live->callback([arguments, &result] {
+  live.AddOption("--seconds", arguments->seconds, "end after so many seconds").Positive();
+  live.AddOption("--frames", arguments->frames, "end when every camera sent so many frames");
+  live.AddOption("--size", arguments->size, "size of the decoded pictures, such as 960x540")
+      .TypeName("WxH");
+  live.AddOption("--snapshot", arguments->snapshot,
+                 "write the last picture; several cameras get FILE-1.png, FILE-2.png ...")
+      .TypeName("FILE.png");
+  live.AddFlag("--no-decode", arguments->noDecode, "receive and count only");
+  const Option listen = live.AddFlag("--listen", arguments->listen, "play the sound");
+  live.AddOption("--device", arguments->device, "sound device, see orvanta audio devices")
+      .Needs(listen);
+  live.AddFlag("--json", arguments->json, "print one JSON object at the end");
+  live.Run([arguments, &result] {
     if (arguments->noDecode && !arguments->snapshot.empty()) {
-      throw CLI::ValidationError("--snapshot", "needs decoding: leave out --no-decode");
+      throw UsageError("--snapshot", "needs decoding: leave out --no-decode");
     }
     result.status = Live(*arguments).Run();
   });

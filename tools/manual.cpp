@@ -1,5 +1,6 @@
 #include "tools/manual.h"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <sstream>
 #include <vector>
@@ -142,8 +143,6 @@ void Collect(const CLI::App& app, const std::string& path, Completions& out) {
   out.words << "    \"" << path << "\") words=\"" << words << "\" ;;\n";
 }
 
-}  // namespace
-
 std::string ManPage(const CLI::App& root, const CLI::App& command) {
   const bool is_root = &root == &command;
   std::string page = PathOf(command);
@@ -187,7 +186,19 @@ std::string ManPage(const CLI::App& root, const CLI::App& command) {
   return out.str();
 }
 
-std::string BashCompletion(const CLI::App& root) {
+}  // namespace
+
+std::map<std::string, std::string> ManPages(Command root) {
+  const CLI::App& app = root.App();
+  std::map<std::string, std::string> pages = {{app.get_name(), ManPage(app, app)}};
+  for (const CLI::App* each : ShownSubcommands(app)) {
+    pages[app.get_name() + "-" + each->get_name()] = ManPage(app, *each);
+  }
+  return pages;
+}
+
+std::string BashCompletion(Command command) {
+  const CLI::App& root = command.App();
   Completions completions;
   Collect(root, "", completions);
   const std::string& name = root.get_name();

@@ -1,17 +1,19 @@
 // Man pages and shell completion, made of the command line's own tree of subcommands and options.
 #pragma once
 
-#include <CLI/CLI.hpp>
+#include <map>
 #include <string>
+
+#include "tools/options.h"
 
 namespace tools {
 
-// The page of the program, or of one of its subcommands, whose own subcommands are sections of it;
-// for man(7) formatters. No date is in it, so that equal sources give equal pages.
-std::string ManPage(const CLI::App& root, const CLI::App& command);
+// Pages by name, for man(7) formatters: the program's, and one of each of its commands, whose own
+// commands are sections of it. No date is in them, so that equal sources give equal pages.
+std::map<std::string, std::string> ManPages(Command root);
 
-// What bash sources to complete subcommands, options and the words that an option takes; where it
+// What bash sources to complete commands, options and the words that an option takes; where it
 // takes a file or anything else, bash completes names of files.
-std::string BashCompletion(const CLI::App& root);
+std::string BashCompletion(Command root);
 
 }  // namespace tools

@@ -21,20 +21,17 @@ void WriteFile(const std::filesystem::path& path, const std::string& text) {
 
 }  // namespace
 
-void AddManualCommand(CLI::App& app, CommandResult& /*result*/) {
+void AddManualCommand(Command app, CommandResult& /*result*/) {
   auto folder = std::make_shared<std::string>();
-  CLI::App* const manual =
-      app.add_subcommand("manual", "Write the man pages and the bash completion into a folder");
-  manual->add_option("DIR", *folder, "gets man1/*.1 and completions/orvanta")->required();
-  manual->callback([folder, &app] {
+  const Command manual =
+      app.Add("manual", "Write the man pages and the bash completion into a folder");
+  manual.AddOption("DIR", *folder, "gets man1/*.1 and completions/orvanta").Required();
+  manual.Run([folder, app] {
     const std::filesystem::path root(*folder);
-    const std::string name = app.get_name();
-    WriteFile(root / "man1" / (name + ".1"), ManPage(app, app));
-    for (const CLI::App* each : app.get_subcommands(
-             [](const CLI::App* command) { return !command->get_group().empty(); })) {
-      WriteFile(root / "man1" / (name + "-" + each->get_name() + ".1"), ManPage(app, *each));
+    for (const auto& [name, page] : ManPages(app)) {
+      WriteFile(root / "man1" / (name + ".1"), page);
     }
-    WriteFile(root / "completions" / name, BashCompletion(app));
+    WriteFile(root / "completions" / "orvanta", BashCompletion(app));
   });
 }
 

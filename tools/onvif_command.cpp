@@ -124,7 +124,7 @@ void ReadSize(const std::string& text, stResolution* size) {
   char rest = 0;
   if (std::sscanf(text.c_str(), "%5dx%5d%c", &size->width, &size->height, &rest) != 2 ||
       size->width <= 0 || size->height <= 0) {
-    throw CLI::ValidationError("--size", "\"" + text + "\" is not of the form 1280x720");
+    throw UsageError("--size", "\"" + text + "\" is not of the form 1280x720");
   }
 }
 
@@ -183,7 +183,7 @@ Json ReadNetwork(CameraSite& site, const Arguments&) {
 Json SetNetwork(CameraSite& site, const Arguments& arguments) {
   const NetworkArguments& wanted = arguments.network;
   if (wanted.dhcp == !wanted.address.empty()) {
-    throw CLI::ValidationError("set-network", "say either --dhcp or --address");
+    throw UsageError("set-network", "say either --dhcp or --address");
   }
   stNetworkSettings settings;
   settings.interfaceToken = cms::WideFromUtf8(wanted.interface);
@@ -229,8 +229,7 @@ Json Clock(CameraSite& site, const Arguments&) {
 
 Json FactoryDefault(CameraSite& site, const Arguments& arguments) {
   if (!arguments.yes) {
-    throw CLI::ValidationError("factory-default",
-                               "forgets all settings, the network's too; say --yes");
+    throw UsageError("factory-default", "forgets all settings, the network's too; say --yes");
   }
   site.Require(site->SetSystemFactoryDefault());
   return {{"FactoryDefault", "Hard"}};
@@ -238,67 +237,65 @@ Json FactoryDefault(CameraSite& site, const Arguments& arguments) {
 
 }  // namespace
 
-void AddOnvifCommand(CLI::App& app, CommandResult& result) {
+void AddOnvifCommand(Command app, CommandResult& result) {
   auto arguments = std::make_shared<Arguments>();
   const auto add = AddSiteCommand(app, "onvif", "Read and change a camera's settings over ONVIF",
                                   arguments, result);
   add("info", "Maker, model, firmware, serial number", Info);
   add("profiles", "The media profiles", Profiles);
   add("uri", "Where a profile is streamed", Uri)
-      ->add_option("--profile", arguments->profile, "Its token; the first one's when not given");
+      .AddOption("--profile", arguments->profile, "Its token; the first one's when not given");
   add("encoders", "What the video encoders are set to", Encoders);
-  CLI::App* options = add("options", "What a video encoder can be set to", Options);
-  options->add_option("--token", arguments->configuration, "The encoder configuration's token");
-  options->add_option("--profile", arguments->profile, "A profile's token");
+  const Command options = add("options", "What a video encoder can be set to", Options);
+  options.AddOption("--token", arguments->configuration, "The encoder configuration's token");
+  options.AddOption("--profile", arguments->profile, "A profile's token");
 
   EncoderArguments& encoder = arguments->encoder;
-  CLI::App* set =
-      add("set-encoder", "Sets a video encoder and prints what it has then", SetEncoder);
-  set->add_option("--token", encoder.token, "The encoder configuration's token")->required();
-  set->add_option("--encoding", encoder.encoding)->check(CLI::IsMember({"H264", "JPEG"}));
-  set->add_option("--size", encoder.size)->type_name("WxH");
-  set->add_option("--quality", encoder.quality);
-  set->add_option("--fps", encoder.fps, "Pictures a second");
-  set->add_option("--interval", encoder.interval, "Of them every so many");
-  set->add_option("--bitrate", encoder.bitrate, "kbit/s");
-  set->add_option("--gop", encoder.gop, "Pictures from key frame to key frame");
-  set->add_option("--h264-profile", encoder.profile);
+  Command set = add("set-encoder", "Sets a video encoder and prints what it has then", SetEncoder);
+  set.AddOption("--token", encoder.token, "The encoder configuration's token").Required();
+  set.AddOption("--encoding", encoder.encoding).OneOf({"H264", "JPEG"});
+  set.AddOption("--size", encoder.size).TypeName("WxH");
+  set.AddOption("--quality", encoder.quality);
+  set.AddOption("--fps", encoder.fps, "Pictures a second");
+  set.AddOption("--interval", encoder.interval, "Of them every so many");
+  set.AddOption("--bitrate", encoder.bitrate, "kbit/s");
+  set.AddOption("--gop", encoder.gop, "Pictures from key frame to key frame");
+  set.AddOption("--h264-profile", encoder.profile);
 
   add("imaging", "The picture's settings and what they can be", ReadImaging);
   ImagingArguments& imaging = arguments->imaging;
   set = add("set-imaging", "Sets them and prints what the camera has then", SetImaging);
-  set->add_option("--brightness", imaging.brightness);
-  set->add_option("--saturation", imaging.saturation);
-  set->add_option("--contrast", imaging.contrast);
-  set->add_option("--sharpness", imaging.sharpness);
-  set->add_option("--ir-cut-filter", imaging.ir_cut_filter, "ON, OFF or AUTO");
-  set->add_option("--white-balance", imaging.white_balance, "AUTO or MANUAL");
-  set->add_option("--cr-gain", imaging.cr_gain)->needs("--white-balance");
-  set->add_option("--cb-gain", imaging.cb_gain)->needs("--white-balance");
-  set->add_option("--backlight", imaging.backlight, "ON or OFF");
-  set->add_option("--wide-dynamic-range", imaging.wide_dynamic_range, "ON or OFF");
+  set.AddOption("--brightness", imaging.brightness);
+  set.AddOption("--saturation", imaging.saturation);
+  set.AddOption("--contrast", imaging.contrast);
+  set.AddOption("--sharpness", imaging.sharpness);
+  set.AddOption("--ir-cut-filter", imaging.ir_cut_filter, "ON, OFF or AUTO");
+  set.AddOption("--white-balance", imaging.white_balance, "AUTO or MANUAL");
+  set.AddOption("--cr-gain", imaging.cr_gain).Needs("--white-balance");
+  set.AddOption("--cb-gain", imaging.cb_gain).Needs("--white-balance");
+  set.AddOption("--backlight", imaging.backlight, "ON or OFF");
+  set.AddOption("--wide-dynamic-range", imaging.wide_dynamic_range, "ON or OFF");
 
   add("network", "Interfaces, gateway and name servers", ReadNetwork);
   NetworkArguments& network = arguments->network;
   set = add("set-network", "Sets an interface; the camera may be elsewhere then", SetNetwork);
-  set->add_option("--interface", network.interface, "Its token; the first one's when not given");
-  set->add_flag("--dhcp", network.dhcp);
-  set->add_option("--address", network.address)->check(CLI::ValidIPV4);
-  set->add_option("--prefix", network.prefix, "Bits of the network's part")
-      ->capture_default_str()
-      ->check(CLI::Range(1, 32));
-  set->add_option("--gateway", network.gateway)->check(CLI::ValidIPV4);
-  set->add_option("--dns", network.dns, "A name server's address, or dhcp")
-      ->check(CLI::ValidIPV4 | CLI::IsMember({"dhcp"}));
+  set.AddOption("--interface", network.interface, "Its token; the first one's when not given");
+  set.AddFlag("--dhcp", network.dhcp);
+  set.AddOption("--address", network.address).IPv4();
+  set.AddOption("--prefix", network.prefix, "Bits of the network's part")
+      .ShowDefault()
+      .InRange(1, 32);
+  set.AddOption("--gateway", network.gateway).IPv4();
+  set.AddOption("--dns", network.dns, "A name server's address, or dhcp").IPv4Or("dhcp");
 
   set = add("create-profile", "Makes a media profile", CreateProfile);
-  set->add_option("name", arguments->name)->required()->type_name("NAME");
-  set->add_option("--video-source", arguments->video_source, "Token of a configuration to put in");
-  set->add_option("--video-encoder", arguments->video_encoder, "The same of an encoder");
-  set->add_option("--metadata", arguments->metadata, "The same of metadata");
+  set.AddOption("name", arguments->name).Required().TypeName("NAME");
+  set.AddOption("--video-source", arguments->video_source, "Token of a configuration to put in");
+  set.AddOption("--video-encoder", arguments->video_encoder, "The same of an encoder");
+  set.AddOption("--metadata", arguments->metadata, "The same of metadata");
   add("clock", "The camera's clock", Clock);
   add("factory-default", "Forgets all settings, the network's too", FactoryDefault)
-      ->add_flag("--yes", arguments->yes, "Yes, do it");
+      .AddFlag("--yes", arguments->yes, "Yes, do it");
 }
 
 }  // namespace tools

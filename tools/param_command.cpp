@@ -79,7 +79,7 @@ Json Set(CameraSite& site, const Arguments& arguments) {
   for (const std::string& each : arguments.settings) {
     const std::size_t equals = each.find('=');
     if (equals == std::string::npos || equals == 0) {
-      throw CLI::ValidationError("set", "\"" + each + "\" is not of the form NAME=VALUE");
+      throw UsageError("set", "\"" + each + "\" is not of the form NAME=VALUE");
     }
     names.push_back(cms::WideFromUtf8(each.substr(0, equals)));
     parameters.push_back({names.back(), cms::WideFromUtf8(each.substr(equals + 1))});
@@ -95,29 +95,29 @@ Json TvSystem(CameraSite& site, const Arguments& arguments) {
 
 }  // namespace
 
-void AddParamCommand(CLI::App& app, CommandResult& result) {
+void AddParamCommand(Command app, CommandResult& result) {
   auto arguments = std::make_shared<Arguments>();
   const auto add =
       AddSiteCommand(app, "param", "Read and change a camera's settings over its parameter CGI",
                      arguments, result);
   add("name", "The product's name", Name);
   add("list", "All parameters, or those of one group", List)
-      ->add_option("group", arguments->group)
-      ->type_name("GROUP");
+      .AddOption("group", arguments->group)
+      .TypeName("GROUP");
   add("options", "What parameters can be set to", Options);
   add("resolutions", "The resolution of each stream", Resolutions);
   add("set-resolutions", "Sets them; \"disable\" switches a stream off", SetResolutions)
-      ->add_option("resolutions", arguments->combination)
-      ->required()
-      ->type_name("A,B,C");
+      .AddOption("resolutions", arguments->combination)
+      .Required()
+      .TypeName("A,B,C");
   add("set", "Sets parameters and prints what the camera has then", Set)
-      ->add_option("settings", arguments->settings)
-      ->required()
-      ->type_name("NAME=VALUE");
+      .AddOption("settings", arguments->settings)
+      .Required()
+      .TypeName("NAME=VALUE");
   add("tv-system", "Sets the video system", TvSystem)
-      ->add_option("system", arguments->system, "0 to 7; odd numbers are 50 Hz systems")
-      ->required()
-      ->check(CLI::Range(0, 7));
+      .AddOption("system", arguments->system, "0 to 7; odd numbers are 50 Hz systems")
+      .Required()
+      .InRange(0, 7);
 }
 
 }  // namespace tools

@@ -316,7 +316,7 @@ class Play {
 
 int Run(Arguments& arguments) {
   if (arguments.data.empty() == arguments.files.empty()) {
-    throw CLI::ValidationError("say --data DIR, or the .drv files to play");
+    throw UsageError("say --data DIR, or the .drv files to play");
   }
   const std::int64_t from =
       arguments.from.empty() ? kPlaybackNoTargetTime : ReadTime("--from", arguments.from) * 1000;
@@ -332,43 +332,40 @@ int Run(Arguments& arguments) {
 
 }  // namespace
 
-void AddPlayCommand(CLI::App& app, CommandResult& result) {
+void AddPlayCommand(Command app, CommandResult& result) {
   auto arguments = std::make_shared<Arguments>();
-  CLI::App* const play = app.add_subcommand("play", "Play recordings of several sites in step");
-  play->add_option("files", arguments->files, "recordings to play in place of --data")
-      ->type_name("FILE.drv");
-  AddDataOption(play, arguments->data)->required(false);
-  play->add_option("--site", arguments->sites, "number of a site to play (default: all)")
-      ->type_name("N")
-      ->take_all()
-      ->allow_extra_args(false);
-  play->add_option("--from", arguments->from,
-                   "where to begin: 2026-11-21T10:30:00 (local), ...Z (UTC) or ...+01:00")
-      ->type_name("TIME");
-  CLI::Option* const speed =
-      play->add_option("--speed", arguments->speed,
-                       "1 is real time and each step doubles it; negative: backward")
-          ->check(CLI::Range(-6, 6))
-          ->capture_default_str();
-  play->add_flag("--slow", arguments->slow, "half the speed");
-  play->add_option("--step", arguments->step,
-                   "show so many pictures one by one instead (negative: backward)")
-      ->type_name("N")
-      ->excludes(speed);
-  play->add_option("--seconds", arguments->seconds,
-                   "end after so many seconds (default: at the end)")
-      ->check(CLI::PositiveNumber);
-  play->add_option("--contact-sheet", arguments->sheet,
-                   "pictures of all sites: a row at the start and for each second or step")
-      ->type_name("FILE.png");
-  CLI::Option* const listen =
-      play->add_flag("--listen", arguments->listen, "play the sound of the first site, at speed 1");
-  play->add_option("--device", arguments->device, "sound device, see orvanta audio devices")
-      ->needs(listen);
-  play->add_flag("--json", arguments->json, "print one JSON object at the end");
-  play->callback([arguments, &result] {
+  const Command play = app.Add("play", "Play recordings of several sites in step");
+  play.AddOption("files", arguments->files, "recordings to play in place of --data")
+      .TypeName("FILE.drv");
+  AddDataOption(play, arguments->data).Required(false);
+  play.AddOption("--site", arguments->sites, "number of a site to play (default: all)")
+      .TypeName("N")
+      .Repeatable();
+  play.AddOption("--from", arguments->from,
+                 "where to begin: 2026-11-21T10:30:00 (local), ...Z (UTC) or ...+01:00")
+      .TypeName("TIME");
+  const Option speed = play.AddOption("--speed", arguments->speed,
+                                      "1 is real time and each step doubles it; negative: backward")
+                           .InRange(-6, 6)
+                           .ShowDefault();
+  play.AddFlag("--slow", arguments->slow, "half the speed");
+  play.AddOption("--step", arguments->step,
+                 "show so many pictures one by one instead (negative: backward)")
+      .TypeName("N")
+      .Excludes(speed);
+  play.AddOption("--seconds", arguments->seconds, "end after so many seconds (default: at the end)")
+      .Positive();
+  play.AddOption("--contact-sheet", arguments->sheet,
+                 "pictures of all sites: a row at the start and for each second or step")
+      .TypeName("FILE.png");
+  const Option listen =
+      play.AddFlag("--listen", arguments->listen, "play the sound of the first site, at speed 1");
+  play.AddOption("--device", arguments->device, "sound device, see orvanta audio devices")
+      .Needs(listen);
+  play.AddFlag("--json", arguments->json, "print one JSON object at the end");
+  play.Run([arguments, &result] {
     if (arguments->speed == 0) {
-      throw CLI::ValidationError("--speed", "0 is no speed; say -6 to -1 or 1 to 6");
+      throw UsageError("--speed", "0 is no speed; say -6 to -1 or 1 to 6");
     }
     result.status = Run(*arguments);
   });

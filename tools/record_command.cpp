@@ -138,45 +138,44 @@ class Record {
 
 }  // namespace
 
-void AddRecordCommand(CLI::App& app, CommandResult& result) {
+void AddRecordCommand(Command app, CommandResult& result) {
   constexpr int kLargestFileMiB = 4000;  // recordings end before 4 GiB
   constexpr unsigned kLongestPreAlarm = 255;
   auto arguments = std::make_shared<Arguments>();
-  CLI::App* const record = app.add_subcommand("record", "Record cameras into a folder");
+  const Command record = app.Add("record", "Record cameras into a folder");
   AddStreamOptions(record, arguments->streams);
   AddDataOption(record, arguments->data);
-  record->add_option("--seconds", arguments->seconds, "end after so many seconds")
-      ->check(CLI::PositiveNumber);
+  record.AddOption("--seconds", arguments->seconds, "end after so many seconds").Positive();
   record
-      ->add_option("--file-size", arguments->record.fileSizeMiB,
-                   "begin a new file behind so many MiB (256)")
-      ->type_name("MiB")
-      ->check(CLI::Range(1, kLargestFileMiB));
-  CLI::Option* const schedule = record->add_flag(
+      .AddOption("--file-size", arguments->record.fileSizeMiB,
+                 "begin a new file behind so many MiB (256)")
+      .TypeName("MiB")
+      .InRange(1, kLargestFileMiB);
+  const Option schedule = record.AddFlag(
       "--schedule", arguments->record.schedule,
       "record as by a plan: begins by itself when the disk comes back, also at the start");
-  CLI::Option* const every = record
-                                 ->add_option("--event-every", arguments->record.eventEvery,
-                                              "record only an event every so many seconds")
-                                 ->type_name("S")
-                                 ->check(CLI::Range(1u, 86'400u))
-                                 ->excludes(schedule);
-  record->add_option("--event-length", arguments->record.eventLength, "seconds of each event (5)")
-      ->type_name("S")
-      ->check(CLI::Range(1u, 86'400u))
-      ->needs(every);
+  const Option every = record
+                           .AddOption("--event-every", arguments->record.eventEvery,
+                                      "record only an event every so many seconds")
+                           .TypeName("S")
+                           .InRange(1u, 86'400u)
+                           .Excludes(schedule);
+  record.AddOption("--event-length", arguments->record.eventLength, "seconds of each event (5)")
+      .TypeName("S")
+      .InRange(1u, 86'400u)
+      .Needs(every);
   record
-      ->add_option("--pre-alarm", arguments->record.preAlarm,
-                   "seconds before each event that are recorded with it (0)")
-      ->type_name("S")
-      ->check(CLI::Range(0u, kLongestPreAlarm))
-      ->needs(every);
+      .AddOption("--pre-alarm", arguments->record.preAlarm,
+                 "seconds before each event that are recorded with it (0)")
+      .TypeName("S")
+      .InRange(0u, kLongestPreAlarm)
+      .Needs(every);
   record
-      ->add_option("--move-to", arguments->moveTo,
-                   "move finished files there; a folder that is away makes them wait")
-      ->type_name("DIR");
-  record->add_flag("--json", arguments->json, "print one JSON object at the end");
-  record->callback([arguments, &result] { result.status = Record(*arguments).Run(); });
+      .AddOption("--move-to", arguments->moveTo,
+                 "move finished files there; a folder that is away makes them wait")
+      .TypeName("DIR");
+  record.AddFlag("--json", arguments->json, "print one JSON object at the end");
+  record.Run([arguments, &result] { result.status = Record(*arguments).Run(); });
 }
 
 }  // namespace tools

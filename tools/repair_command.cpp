@@ -143,13 +143,13 @@ int Repair(const Arguments& arguments) {
 
 }  // namespace
 
-void AddRepairCommand(CLI::App& app, CommandResult& result) {
+void AddRepairCommand(Command app, CommandResult& result) {
   auto arguments = std::make_shared<Arguments>();
-  CLI::App* const repair = app.add_subcommand(
-      "repair", "Make recordings, indexes and databases fit each other after a crash");
+  const Command repair =
+      app.Add("repair", "Make recordings, indexes and databases fit each other after a crash");
   AddDataOption(repair, arguments->data);
-  repair->add_flag("--json", arguments->json, "print one JSON object at the end");
-  repair->callback([arguments, &result] {
+  repair.AddFlag("--json", arguments->json, "print one JSON object at the end");
+  repair.Run([arguments, &result] {
     EnterDataFolder(arguments->data, DataFolderUse::kChange);
     result.status = Repair(*arguments);
   });

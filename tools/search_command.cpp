@@ -43,18 +43,17 @@ Interval ReadInterval(const Arguments& arguments) {
     if (std::sscanf(arguments.month.c_str(), "%4d-%2d%c", &interval.year, &interval.month, &rest) !=
             2 ||
         interval.year < 1 || interval.month < 1 || interval.month > 12) {
-      throw CLI::ValidationError("--month",
-                                 "\"" + arguments.month + "\" is no month; write 2026-11");
+      throw UsageError("--month", "\"" + arguments.month + "\" is no month; write 2026-11");
     }
     return interval;
   }
   if (arguments.from.empty() || arguments.to.empty()) {
-    throw CLI::ValidationError("say --month YYYY-MM, or --from TIME and --to TIME");
+    throw UsageError("say --month YYYY-MM, or --from TIME and --to TIME");
   }
   interval.from = ReadTime("--from", arguments.from);
   interval.to = ReadTime("--to", arguments.to, DayEdge::kLastSecond);
   if (interval.from > interval.to) {
-    throw CLI::ValidationError("--to", "lies before --from");
+    throw UsageError("--to", "lies before --from");
   }
   return interval;
 }
@@ -193,24 +192,24 @@ int Run(const Arguments& arguments) {
 
 }  // namespace
 
-void AddSearchCommand(CLI::App& app, CommandResult& result) {
+void AddSearchCommand(Command app, CommandResult& result) {
   auto arguments = std::make_shared<Arguments>();
-  CLI::App* const search = app.add_subcommand("search", "Find recordings, events and gaps");
+  const Command search = app.Add("search", "Find recordings, events and gaps");
   AddDataOption(search, arguments->data);
-  CLI::Option* const month =
-      search->add_option("--month", arguments->month, "a calendar of the month's days, in UTC")
-          ->type_name("YYYY-MM");
+  const Option month =
+      search.AddOption("--month", arguments->month, "a calendar of the month's days, in UTC")
+          .TypeName("YYYY-MM");
   search
-      ->add_option("--from", arguments->from,
-                   "2026-11-21T10:30:00 (local), ...Z (UTC), ...+01:00, or 2026-11-21")
-      ->type_name("TIME")
-      ->excludes(month);
-  search->add_option("--to", arguments->to, "likewise; a day alone is its end")
-      ->type_name("TIME")
-      ->excludes(month);
-  search->add_flag("--utc", arguments->utc, "print times in UTC");
-  search->add_flag("--json", arguments->json, "print one JSON object; its times are in UTC");
-  search->callback([arguments, &result] { result.status = Run(*arguments); });
+      .AddOption("--from", arguments->from,
+                 "2026-11-21T10:30:00 (local), ...Z (UTC), ...+01:00, or 2026-11-21")
+      .TypeName("TIME")
+      .Excludes(month);
+  search.AddOption("--to", arguments->to, "likewise; a day alone is its end")
+      .TypeName("TIME")
+      .Excludes(month);
+  search.AddFlag("--utc", arguments->utc, "print times in UTC");
+  search.AddFlag("--json", arguments->json, "print one JSON object; its times are in UTC");
+  search.Run([arguments, &result] { result.status = Run(*arguments); });
 }
 
 }  // namespace tools

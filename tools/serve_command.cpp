@@ -44,8 +44,8 @@ AccessRange ReadRange(const std::string& option, const std::string& text, std::u
       inet_pton(AF_INET, text.substr(dash == std::string::npos ? 0 : dash + 1).c_str(), &high) !=
           1 ||
       ntohl(low.s_addr) > ntohl(high.s_addr)) {
-    throw CLI::ValidationError(
-        option, "\"" + text + "\" is no address or range such as 192.168.1.10-192.168.1.20");
+    throw UsageError(option,
+                     "\"" + text + "\" is no address or range such as 192.168.1.10-192.168.1.20");
   }
   return {ntohl(low.s_addr), ntohl(high.s_addr), kind};
 }
@@ -134,34 +134,31 @@ class Serve {
 
 }  // namespace
 
-void AddServeCommand(CLI::App& app, CommandResult& result) {
+void AddServeCommand(Command app, CommandResult& result) {
   auto arguments = std::make_shared<Arguments>();
-  CLI::App* const serve =
-      app.add_subcommand("serve", "Cameras and recordings as a page for browsers");
-  serve->add_option("urls", arguments->urls, "cameras, as for orvanta live")->type_name("URL");
-  serve->add_option("--port", arguments->port, "port to listen on; 0 takes any")->required();
+  const Command serve = app.Add("serve", "Cameras and recordings as a page for browsers");
+  serve.AddOption("urls", arguments->urls, "cameras, as for orvanta live").TypeName("URL");
+  serve.AddOption("--port", arguments->port, "port to listen on; 0 takes any").Required();
   AddDataOption(serve, arguments->data);
-  CLI::Option* const user = serve->add_option(
+  const Option user = serve.AddOption(
       "--user", arguments->user,
       "who may log in (Digest). Without, this machine alone may watch, and nobody change anything");
-  serve->add_option("--password", arguments->password, "and the password")->needs(user);
-  user->needs("--password");
+  serve.AddOption("--password", arguments->password, "and the password").Needs(user);
+  user.Needs("--password");
   serve
-      ->add_option("--allow", arguments->allow,
-                   "IPv4 addresses that may connect, A-B or A; may be given again")
-      ->type_name("A-B")
-      ->expected(1)
-      ->take_all();
+      .AddOption("--allow", arguments->allow,
+                 "IPv4 addresses that may connect, A-B or A; may be given again")
+      .TypeName("A-B")
+      .Repeatable();
   serve
-      ->add_option("--deny", arguments->deny,
-                   "IPv4 addresses that may not, also of those allowed; may be given again")
-      ->type_name("A-B")
-      ->expected(1)
-      ->take_all();
-  serve->add_flag("--json", arguments->json, "print the page's URL and port as one JSON object");
-  serve->callback([arguments, &result] {
+      .AddOption("--deny", arguments->deny,
+                 "IPv4 addresses that may not, also of those allowed; may be given again")
+      .TypeName("A-B")
+      .Repeatable();
+  serve.AddFlag("--json", arguments->json, "print the page's URL and port as one JSON object");
+  serve.Run([arguments, &result] {
     if (arguments->user.find_first_of("\":") != std::string::npos) {
-      throw CLI::ValidationError("--user", "a name with a \" or a : in it cannot log in");
+      throw UsageError("--user", "a name with a \" or a : in it cannot log in");
     }
     result.status = Serve(*arguments).Run();
   });

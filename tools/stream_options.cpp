@@ -6,23 +6,20 @@
 
 namespace tools {
 
-void AddStreamOptions(CLI::App* command, StreamArguments& arguments) {
+void AddStreamOptions(Command command, StreamArguments& arguments) {
   command
-      ->add_option("urls", arguments.urls,
-                   "rtsp://[user:password@]host[:port]/path, http://... of MJPEG cameras, or "
-                   "onvif://[user:password@]host[:port], which asks the camera for its stream")
-      ->required()
-      ->type_name("URL");
+      .AddOption("urls", arguments.urls,
+                 "rtsp://[user:password@]host[:port]/path, http://... of MJPEG cameras, or "
+                 "onvif://[user:password@]host[:port], which asks the camera for its stream")
+      .Required()
+      .TypeName("URL");
   command
-      ->add_option("--transport", arguments.transports,
-                   "udp or tcp: one for all URLs, or one for each in their order, as in udp,tcp")
-      ->delimiter(',')
-      ->check(CLI::IsMember({"udp", "tcp"}))
-      ->expected(1, -1)
-      ->take_all()
-      ->allow_extra_args(false);
-  command->add_option("--user", arguments.user, "user name, when the URL carries none");
-  command->add_option("--password", arguments.password, "password, when the URL carries none");
+      .AddOption("--transport", arguments.transports,
+                 "udp or tcp: one for all URLs, or one for each in their order, as in udp,tcp")
+      .List()
+      .OneOf({"udp", "tcp"});
+  command.AddOption("--user", arguments.user, "user name, when the URL carries none");
+  command.AddOption("--password", arguments.password, "password, when the URL carries none");
 }
 
 LiveOptions OptionsOf(const StreamArguments& arguments, std::size_t site) {

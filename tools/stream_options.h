@@ -1,12 +1,12 @@
 // The options by which commands name the streams that they receive.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <cstddef>
 #include <string>
 #include <vector>
 
 #include "tools/live_site.h"
+#include "tools/options.h"
 
 namespace tools {
 
@@ -18,7 +18,7 @@ struct StreamArguments {
 };
 
 // URL..., --transport, --user and --password.
-void AddStreamOptions(CLI::App* command, StreamArguments& arguments);
+void AddStreamOptions(Command command, StreamArguments& arguments);
 
 // What they say of the site with that number, from 0. Waits for the camera where its URL says
 // onvif://; throws std::runtime_error when that fails.

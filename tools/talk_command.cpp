@@ -230,21 +230,20 @@ int Talk(const Arguments& arguments) {
 
 }  // namespace
 
-void AddTalkCommand(CLI::App& app, CommandResult& result) {
+void AddTalkCommand(Command app, CommandResult& result) {
   auto arguments = std::make_shared<Arguments>();
-  CLI::App* const talk = app.add_subcommand("talk", "Speak through a camera's loudspeaker");
-  talk->add_option("URL", arguments->url, "rtsp://[user:password@]host[:port]/path")->required();
-  talk->add_option("FILE", arguments->file, "sound file; without one the microphone");
-  talk->add_option("--user", arguments->user, "user name, when the URL carries none");
-  talk->add_option("--password", arguments->password, "password, when the URL carries none");
-  talk->add_option("--transport", arguments->transport, "udp or tcp")
-      ->check(CLI::IsMember({"udp", "tcp"}))
-      ->capture_default_str();
-  talk->add_option("--device", arguments->device, "microphone, see orvanta audio devices");
-  talk->add_option("--seconds", arguments->seconds, "end after so many seconds")
-      ->check(CLI::PositiveNumber);
-  talk->add_flag("--json", arguments->json, "print one JSON object at the end");
-  talk->callback([arguments, &result] {
+  const Command talk = app.Add("talk", "Speak through a camera's loudspeaker");
+  talk.AddOption("URL", arguments->url, "rtsp://[user:password@]host[:port]/path").Required();
+  talk.AddOption("FILE", arguments->file, "sound file; without one the microphone");
+  talk.AddOption("--user", arguments->user, "user name, when the URL carries none");
+  talk.AddOption("--password", arguments->password, "password, when the URL carries none");
+  talk.AddOption("--transport", arguments->transport, "udp or tcp")
+      .OneOf({"udp", "tcp"})
+      .ShowDefault();
+  talk.AddOption("--device", arguments->device, "microphone, see orvanta audio devices");
+  talk.AddOption("--seconds", arguments->seconds, "end after so many seconds").Positive();
+  talk.AddFlag("--json", arguments->json, "print one JSON object at the end");
+  talk.Run([arguments, &result] {
     struct Threads {
       ~Threads() { StopEachClientNBManager(); }
     } threads;

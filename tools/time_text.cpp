@@ -1,12 +1,12 @@
 #include "tools/time_text.h"
 
-#include <CLI/CLI.hpp>
 #include <array>
 #include <cstdio>
 #include <ctime>
 #include <optional>
 
 #include "cms/recording/database_reader.h"
+#include "tools/options.h"
 
 namespace tools {
 namespace {
@@ -87,9 +87,9 @@ std::optional<std::int64_t> SecondsOf(const std::string& text, DayEdge edge) {
 std::int64_t ReadTime(const std::string& option, const std::string& text, DayEdge edge) {
   const auto seconds = SecondsOf(text, edge);
   if (!seconds) {
-    throw CLI::ValidationError(
-        option, "\"" + text + "\" is no time; write 2026-11-21T10:30:00 (local), " +
-                    "2026-11-21T10:30:00Z (UTC), 2026-11-21T10:30:00+01:00 or 2026-11-21");
+    throw UsageError(option,
+                     "\"" + text + "\" is no time; write 2026-11-21T10:30:00 (local), " +
+                         "2026-11-21T10:30:00Z (UTC), 2026-11-21T10:30:00+01:00 or 2026-11-21");
   }
   return *seconds;
 }

@@ -11,7 +11,7 @@ enum class DayEdge { kFirstSecond, kLastSecond };
 
 // Seconds since 1970-01-01 UTC of "2026-11-21T10:30:00Z", "...+01:00", or without a zone in local
 // time; the seconds may be missing, a blank may stand for the "T", and a day alone is its edge.
-// Throws CLI::ValidationError that names the option and says what it takes.
+// Throws UsageError that names the option and says what it takes.
 std::int64_t ReadTime(const std::string& option, const std::string& text,
                       DayEdge edge = DayEdge::kFirstSecond);
 
