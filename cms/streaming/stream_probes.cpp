@@ -5,6 +5,8 @@
 #include <cstring>
 #include <ctime>
 
+#include "cms/streaming/internal/bit_reader.h"
+
 namespace cms {
 namespace {
 
@@ -47,106 +49,6 @@ int H264NalDataPos(Bytes frame, unsigned int nalType) {
   }
   return OffsetBehind(match, 5, frame.size());
 }
-
-// Bits, most significant first. Behind the end come zeros, and Ok() is false from then on.
-class BitReader {
- public:
-  explicit BitReader(Bytes data) : data_(data) {}
-
-  std::uint32_t Read(unsigned int count) {
-    std::uint32_t value = 0;
-    while (count-- > 0) {
-      value = (value << 1) | Bit();
-    }
-    return value;
-  }
-  bool Flag() { return Bit() != 0; }
-  void Skip(unsigned int count) {
-    while (count-- > 0) {
-      Bit();
-    }
-  }
-  bool Ok() const { return ok_; }
-
- private:
-  std::uint32_t Bit() {
-    const std::size_t byte = bit_ / 8;
-    if (byte >= data_.size()) {
-      ok_ = false;
-      return 0;
-    }
-    const auto value = static_cast<std::uint32_t>(data_[byte] >> (7 - bit_ % 8)) & 1u;
-    ++bit_;
-    return value;
-  }
-
-  Bytes data_;
-  std::size_t bit_ = 0;
-  bool ok_ = true;
-};
-
-// Exp-Golomb codes (ITU-T H.264, 9.1) of a NAL unit, without its emulation-prevention bytes.
-class GolombReader {
- public:
-  explicit GolombReader(Bytes data) : data_(data) {}
-
-  void Skip(unsigned int count) {
-    while (count-- > 0) {
-      Bit();
-    }
-  }
-
-  // Codes of more than 31 leading zeros stand for no number; Ok() is false after one.
-  std::uint32_t Unsigned() {
-    unsigned int zeros = 0;
-    while (ok_ && Bit() == 0) {
-      if (++zeros > 31) {
-        ok_ = false;
-      }
-    }
-    if (!ok_) {
-      return 0;
-    }
-    std::uint32_t value = 1;
-    for (unsigned int i = 0; i < zeros; ++i) {
-      value = (value << 1) | Bit();
-    }
-    return value - 1;
-  }
-  void SkipSigned() { Unsigned(); }
-  bool Ok() const { return ok_; }
-
- private:
-  std::uint32_t Bit() {
-    if (bitsLeft_ == 0 && !NextByte()) {
-      ok_ = false;
-      return 0;
-    }
-    --bitsLeft_;
-    return (static_cast<std::uint32_t>(current_) >> bitsLeft_) & 1u;
-  }
-
-  bool NextByte() {
-    if (zeros_ >= 2 && at_ < data_.size() && data_[at_] == 3) {
-      ++at_;
-      zeros_ = 0;
-    }
-    if (at_ >= data_.size()) {
-      return false;
-    }
-    current_ = data_[at_++];
-    zeros_ = current_ == 0 ? zeros_ + 1 : 0;
-    bitsLeft_ = 8;
-    return true;
-  }
-
-  Bytes data_;
-  std::size_t at_ = 0;
-  unsigned int zeros_ = 0;
-  unsigned int bitsLeft_ = 0;
-  unsigned char current_ = 0;
-  bool ok_ = true;
-};
 
 // An SEI number: 255 for each FF byte plus the first other byte. False when cut short.
 bool ReadSeiNumber(Bytes data, std::size_t& at, unsigned int& value) {
@@ -258,24 +160,8 @@ std::optional<PictureSize> H264Size(Bytes sps) {
   bits.Skip(24);    // profile_idc, constraint flags, level_idc
   bits.Unsigned();  // seq_parameter_set_id
   bits.Unsigned();  // log2_max_frame_num_minus4
-  const std::uint32_t orderCountType = bits.Unsigned();
-  if (orderCountType == 0) {
-    constexpr std::uint32_t kMaxLog2OrderCountMinus4 = 12;
-    if (bits.Unsigned() > kMaxLog2OrderCountMinus4) {
-      return std::nullopt;
-    }
-  } else if (orderCountType == 1) {
-    bits.Skip(1);
-    bits.SkipSigned();  // offset_for_non_ref_pic
-    bits.SkipSigned();  // offset_for_top_to_bottom_field
-    constexpr std::uint32_t kMaxCycle = 255;
-    const std::uint32_t cycle = bits.Unsigned();
-    if (cycle > kMaxCycle) {
-      return std::nullopt;
-    }
-    for (std::uint32_t i = 0; i < cycle; ++i) {
-      bits.SkipSigned();
-    }
+  if (!SkipOrderCount(bits)) {
+    return std::nullopt;
   }
   bits.Unsigned();  // max_num_ref_frames
   bits.Skip(1);     // gaps_in_frame_num_allowed_flag
