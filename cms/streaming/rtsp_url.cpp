@@ -46,13 +46,27 @@ std::uint16_t DefaultPort(std::string_view scheme) {
 }  // namespace
 
 std::optional<CameraUrl> ParseCameraUrl(std::string_view text) {
+  std::string why;
+  return ParseCameraUrl(text, &why);
+}
+
+std::optional<CameraUrl> ParseCameraUrl(std::string_view text, std::string* why) {
+  const auto fail = [why](const char* what) {
+    *why = what;
+    return std::nullopt;
+  };
   const bool unprintable = std::any_of(text.begin(), text.end(), [](char c) {
     return static_cast<unsigned char>(c) <= ' ' || c == '\x7f';
   });
   const std::size_t schemeEnd = text.find("://");
-  if (unprintable || text.size() > kLongestUrl || schemeEnd == std::string_view::npos ||
-      schemeEnd == 0) {
-    return std::nullopt;
+  if (unprintable) {
+    return fail("it holds a blank or a control character (%20 stands for a blank)");
+  }
+  if (text.size() > kLongestUrl) {
+    return fail("it is longer than 2048 bytes");
+  }
+  if (schemeEnd == std::string_view::npos || schemeEnd == 0) {
+    return fail("it does not begin with a scheme and \"://\"");
   }
   CameraUrl url;
   for (const char c : text.substr(0, schemeEnd)) {
@@ -76,6 +90,9 @@ std::optional<CameraUrl> ParseCameraUrl(std::string_view text) {
     authority.remove_prefix(at + 1);
   }
 
+  if (authority.starts_with('[')) {
+    return fail("IPv6 addresses are not supported");
+  }
   const std::string_view hostAndPort = authority;
   url.port = DefaultPort(url.scheme);
   if (const std::size_t colon = authority.find(':'); colon != std::string_view::npos) {
@@ -83,12 +100,12 @@ std::optional<CameraUrl> ParseCameraUrl(std::string_view text) {
     const auto [end, error] =
         std::from_chars(digits.data(), digits.data() + digits.size(), url.port);
     if (error != std::errc{} || end != digits.data() + digits.size() || url.port == 0) {
-      return std::nullopt;
+      return fail("its port is not a number from 1 to 65535");
     }
     authority = authority.substr(0, colon);
   }
   if (authority.empty()) {
-    return std::nullopt;
+    return fail("it names no host");
   }
   url.host = authority;
   url.plain = url.scheme + "://" + std::string(hostAndPort) + std::string(path);
@@ -111,6 +128,14 @@ std::optional<std::uint32_t> ResolveIPv4(const std::string& host) {
   }
   freeaddrinfo(found);
   return address;
+}
+
+std::optional<std::uint32_t> ParseIPv4(const std::string& text) {
+  in_addr address{};
+  if (inet_pton(AF_INET, text.c_str(), &address) != 1) {
+    return std::nullopt;
+  }
+  return ntohl(address.s_addr);
 }
 
 std::string IPv4Text(std::uint32_t address) {

@@ -24,10 +24,15 @@ struct CameraUrl {
 // nullopt when the text is no such URL: no scheme, an empty host, a port out of 1..65535, control
 // characters or blanks, or more than 2,048 bytes.
 CMS_API std::optional<CameraUrl> ParseCameraUrl(std::string_view text);
+// The same; what is wrong goes to *why, for people.
+CMS_API std::optional<CameraUrl> ParseCameraUrl(std::string_view text, std::string* why);
 
 // The IPv4 address (host order) of a name or dotted text; blocks while the resolver asks. nullopt
 // when there is none.
 CMS_API std::optional<std::uint32_t> ResolveIPv4(const std::string& host);
+
+// The address (host order) of dotted text such as "192.0.2.1"; nullopt for anything else.
+CMS_API std::optional<std::uint32_t> ParseIPv4(const std::string& text);
 
 // "192.0.2.1" of an address in host order.
 CMS_API std::string IPv4Text(std::uint32_t address);
