@@ -5,7 +5,6 @@
 #include <stdexcept>
 #include <utility>
 
-#include "cms/exports/stream_probe_exports.h"
 #include "cms/streaming/rtsp_client.h"
 #include "cms/streaming/rtsp_url.h"
 #include "tools/mjpeg_http_client.h"
@@ -13,54 +12,6 @@
 
 namespace tools {
 namespace {
-
-// Notes the announced picture size of key frames that no decoder looks into.
-class RtspSite final : public CMSRTSPClient {
- public:
-  ~RtspSite() override { CloseStream(); }
-
-  void OnGetVideoFrame(void* header, int headerSize, void* data, int size, unsigned channel,
-                       int frameType) override {
-    const bool decoded = MustDecode() != 0 && GetVideoType(channel) != kMpeg4;
-    if (frameType == 1 && !decoded) {
-      NoteSize(static_cast<const unsigned char*>(data), static_cast<unsigned>(size), channel);
-    }
-    CMSRTSPClient::OnGetVideoFrame(header, headerSize, data, size, channel, frameType);
-  }
-
- private:
-  static constexpr int kMpeg4 = 3;
-
-  void NoteSize(const unsigned char* data, unsigned size, unsigned channel) {
-    int width = 0;
-    int height = 0;
-    switch (GetVideoType(channel)) {
-      case 1: {
-        const int sps = CMSGetH264SPSDataPos(data, size);
-        // The probe knows the layout of the baseline, main and extended profiles only.
-        const bool plain = sps > 0 && (data[sps] == 66 || data[sps] == 77 || data[sps] == 88);
-        if (!plain || CMSGetH264WidthAndHeight(data + sps, &width, &height) == 0) {
-          return;
-        }
-        break;
-      }
-      case 2:
-        CMSGetMJPEGWidthAndHeight(data, static_cast<int>(size), &width, &height);
-        break;
-      case kMpeg4: {
-        const int vol = CMSGetMPEG4VOLDataPos(data, size);
-        if (vol < 0 || CMSGetMPEG4WidthAndHeight(data, vol, &width, &height, 0) == 0) {
-          return;
-        }
-        break;
-      }
-      default:
-        return;
-    }
-    Channel(channel)->SetVideoWidthAndHeight(static_cast<unsigned>(width),
-                                             static_cast<unsigned>(height));
-  }
-};
 
 std::string WithoutPassword(const cms::CameraUrl& url, const std::string& user) {
   if (user.empty()) {
@@ -127,7 +78,7 @@ std::unique_ptr<CMSClientBase> LiveSite::MakeClient(const cms::CameraUrl& url,
   config.siteNumber = options_.number;
   config.transport = options_.interleaved ? kRtspTransportInterleaved : kRtspTransportUdp;
   config.ignoreDelimiters = true;
-  auto client = std::make_unique<RtspSite>();
+  auto client = std::make_unique<CMSRTSPClient>();
   client->AllocChannelData(1);
   if (client->SetConfig(&config) == 0) {
     throw std::runtime_error(client->GetConnectionStatus().detail);

@@ -29,7 +29,8 @@ struct CMS_API _RTSPSUBSESSION_CONFIG {
   std::uint16_t clientRtcpPort = 0;
   std::uint16_t serverRtpPort = 0;
   std::uint16_t serverRtcpPort = 0;
-  int rtpSocket = -1;  // UDP: bound descriptors, -1 for none
+  std::uint32_t source = 0;  // IPv4, host order: where SETUP says the packets come from; 0: unsaid
+  int rtpSocket = -1;        // UDP: bound descriptors, -1 for none
   int rtcpSocket = -1;
   int rtpChannel = -1;  // interleaved: channel ids, -1 for none
   int rtcpChannel = -1;

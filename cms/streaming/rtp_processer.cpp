@@ -50,6 +50,7 @@ void RTPProcesserBase::ResetFrameBuffer() {
 
 void RTPProcesserBase::ResetLostCount() {
   recentLost_.store(0, std::memory_order_relaxed);
+  notLost_.store(0, std::memory_order_relaxed);
   resetSequence_.store(GetLastSeqNum(), std::memory_order_relaxed);
 }
 
@@ -59,8 +60,10 @@ unsigned char RTPProcesserBase::GetLostFraction() const {
   if (expected == 0) {
     return 0;
   }
+  const unsigned int recent = GetLostCount();
+  const unsigned int lost = recent - std::min(recent, notLost_.load(std::memory_order_relaxed));
   return static_cast<unsigned char>(
-      std::min<std::uint64_t>(255, std::uint64_t{GetLostCount()} * 256 / expected));
+      std::min<std::uint64_t>(255, std::uint64_t{lost} * 256 / expected));
 }
 
 void RTPProcesserBase::SetIsBPSCounting(bool on) {
@@ -198,8 +201,9 @@ int RTPProcesserBase::Process(void* packet, int length) {
     return 0;
   }
 
+  const bool first = !anyPacket_;
   if (const auto step = static_cast<std::uint16_t>(sequence - observedSequence_);
-      step == 1 || !anyPacket_) [[likely]] {
+      step == 1 || first) [[likely]] {
     observedSequence_ = sequence;
     anyPacket_ = true;
   } else if (step != 0 && step < 65536 - kMaxMisorder) {  // else late or doubled
@@ -213,6 +217,10 @@ int RTPProcesserBase::Process(void* packet, int length) {
       discard_ = true;
       boundary_ = false;
       NoteGap(last, sequence);
+    }
+    if (first) [[unlikely]] {
+      resetSequence_.store(static_cast<std::uint16_t>(sequence - 1), std::memory_order_relaxed);
+      notLost_.store(GetLostCount(), std::memory_order_relaxed);
     }
     lastSequence_.store(sequence, std::memory_order_relaxed);
   }

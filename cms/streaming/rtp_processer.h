@@ -75,7 +75,8 @@ class CMS_API RTPProcesserBase {
   unsigned int GetTotalLostCount() const { return totalLost_.load(std::memory_order_relaxed); }
   unsigned int GetLostCount() const { return recentLost_.load(std::memory_order_relaxed); }
   void ResetLostCount();
-  // Fraction of packets lost since ResetLostCount in 1/256, at most 255 (RFC 3550, 6.4.1).
+  // Fraction of packets lost since ResetLostCount or since the first packet, in 1/256, at most 255
+  // (RFC 3550, 6.4.1).
   unsigned char GetLostFraction() const;
 
   // For people: packets missing between the first one and now, right across the wrap; late packets,
@@ -87,6 +88,10 @@ class CMS_API RTPProcesserBase {
   // thread.
   unsigned int GetOversizeFrameCount() const { return oversize_.load(std::memory_order_relaxed); }
   unsigned int GetDroppedFrameCount() const { return dropped_.load(std::memory_order_relaxed); }
+
+  // Packets were left out on purpose: what lies in front of the next one does not count as missing
+  // nor into the fraction. Receiving thread.
+  void NoteBreak() { anyPacket_ = false; }
 
   // Byte-rate and loss statistics of the last whole second, off by default. Switching on clears
   // them. Any thread. The loss rate is in percent.
@@ -171,6 +176,7 @@ class CMS_API RTPProcesserBase {
   std::atomic<unsigned int> totalLost_{0};
   std::atomic<unsigned int> recentLost_{0};
   std::atomic<std::uint16_t> resetSequence_{0};
+  std::atomic<unsigned int> notLost_{0};  // of recentLost_: what lies in front of a first packet
   std::atomic<unsigned int> missing_{0};
   std::atomic<unsigned int> oversize_{0};
   std::atomic<unsigned int> dropped_{0};

@@ -7,6 +7,7 @@
 
 #include "cms/live/frame_header.h"
 #include "cms/runtime/clock.h"
+#include "cms/streaming/internal/picture_size.h"
 #include "cms/streaming/internal/rtsp_session.h"
 #include "cms/streaming/rtsp_url.h"
 
@@ -29,16 +30,26 @@ int CMSRTSPClient::SetConfig(void* config) {
     return 0;
   }
   ScopeLock lock(lock_);
+  if (opened_) {
+    return FailUse("SetConfig: the stream is open; CloseStream comes first");
+  }
   configured_ = false;
+  getParameterWorks_ = false;
+  getParameterEnds_ = false;
   config_ = *static_cast<const stRTSPClientConfig*>(config);
   address_ = config_.address;
   port_ = config_.port;
-  host_ = cms::IPv4Text(config_.address);
+  host_ = config_.address != 0 ? cms::IPv4Text(config_.address) : "";
   if (config_.kind == kSiteKindUrl) {
-    const auto url = cms::ParseCameraUrl(config_.path);
+    std::string why;
+    const auto url = cms::ParseCameraUrl(config_.path, &why);
     if (!url || url->scheme != "rtsp") {
+      host_.clear();  // what is wrong is the text, not a place
       return Fail(ConnectionFault::kBadAddress,
-                  "not an RTSP URL of the form rtsp://[user:password@]host[:port]/path");
+                  "not an RTSP URL of the form rtsp://[user:password@]host[:port]/path: " +
+                      (url ? url->scheme + ":// is not supported" +
+                                 (url->scheme == "rtsps" ? " (RTSP over TLS)" : "")
+                           : why));
     }
     requestUrl_ = url->plain;
     if (config_.user.empty() && config_.password.empty()) {
@@ -52,7 +63,7 @@ int CMSRTSPClient::SetConfig(void* config) {
   } else {
     requestUrl_ = "rtsp://" + host_ + config_.path;
   }
-  haveCredentials_ = !config_.user.empty() && !config_.password.empty();
+  haveCredentials_ = !config_.user.empty();
   siteType_ = config_.siteType;
   fpsReport_.SetReportFormat("[LiveRecord]Site=%2d(%s),Stream=%d", config_.siteNumber + 1,
                              host_.c_str(), config_.streamNumber);
@@ -69,14 +80,17 @@ int CMSRTSPClient::OpenStream() {
 }
 
 int CMSRTSPClient::OpenLocked() {
-  if (!configured_ || opened_) {
-    return 0;
+  if (!configured_) {
+    return FailUse("OpenStream: SetConfig was not called or has refused the configuration");
+  }
+  if (opened_) {
+    return FailUse("OpenStream: the stream is open already");
   }
   MarkOpening();
   SetFault(ConnectionFault::kNone, "");
   opened_ = Negotiate() != 0;
   if (!opened_) {
-    CloseLocked(false);
+    CloseLocked();
     return 0;
   }
   MarkOpened();
@@ -88,16 +102,18 @@ int CMSRTSPClient::CloseStream() {
   StopKeeping();
   {
     ScopeLock lock(lock_);
-    CloseLocked(true);
+    CloseLocked();
   }
   ResumeOpening();
   return 1;
 }
 
-void CMSRTSPClient::CloseLocked(bool tearDown) {
+void CMSRTSPClient::CloseLocked() {
   StopDelivery();
-  if (opened_ && tearDown) {
+  // The camera has a session from the first SETUP on, also when the opening fails later.
+  if (session_ != nullptr && !sessionId_.empty()) {
     TearDown();
+    sessionId_.clear();
   }
   opened_ = false;
   if (session_ != nullptr) {
@@ -128,7 +144,7 @@ int CMSRTSPClient::Play() {
 
 int CMSRTSPClient::StartDelivery() {
   if (!opened_) {
-    return 0;
+    return FailUse("Play: the stream is not open; OpenStream comes first");
   }
   session_->Stream(true).subSession.Play();
   session_->Stream(false).subSession.Play();
@@ -207,7 +223,7 @@ int CMSRTSPClient::OpenForKeeping() {
 
 void CMSRTSPClient::CloseForKeeping() {
   ScopeLock lock(lock_);
-  CloseLocked(true);
+  CloseLocked();
 }
 
 void CMSRTSPClient::CancelOpening() {
@@ -324,8 +340,22 @@ void CMSRTSPClient::HandVideo(unsigned char* header, unsigned char* payload, int
   }
   if (channel != nullptr) {
     channel->SetTime(info.hostSeconds + info.clockOffset);
+    if (frameType == 1) {
+      NotePictureSize(*channel, payload, length);
+    }
   }
   OnGetVideoFrame(header, cms::kVideoHeaderRoom, payload, length, config_.channel, frameType);
+}
+
+void CMSRTSPClient::NotePictureSize(CMSChannelDataBase& channel, const unsigned char* payload,
+                                    int length) {
+  const cms::PictureSize size =
+      cms::AnnouncedSize(channel.GetVideoType(), {payload, static_cast<std::size_t>(length)})
+          .value_or(cms::PictureSize{describedWidth_, describedHeight_});
+  if (size.width > 0) {
+    channel.SetVideoWidthAndHeight(static_cast<unsigned>(size.width),
+                                   static_cast<unsigned>(size.height));
+  }
 }
 
 void CMSRTSPClient::HandAudio(unsigned char* header, unsigned char* payload, int length) {

@@ -16,6 +16,9 @@
 #include "cms/streaming/rtsp_sub_session.h"
 
 class RTSPStream;
+namespace cms {
+class RTSPConnection;
+}
 
 // How the media packets travel.
 enum RTSPTransport : int {
@@ -111,7 +114,7 @@ class CMS_API CMSRTSPClient : public CMSClientBase {
   int SetupVideo();
   int SetupAudio();
   int SetupTalk();
-  int SetupStream(RTSPStream& stream);
+  int SetupStream(RTSPStream& stream, const char* method);
   int PlayMedia();
   void TearDown();
 
@@ -143,12 +146,15 @@ class CMS_API CMSRTSPClient : public CMSClientBase {
   void DescribeAudioFormat(const _RTSPSUBSESSION_CONFIG& audio);
   CMSCodecID VideoCodec() const;
   int Connect();
-  void CloseLocked(bool tearDown);
+  int LookUpHost(const cms::RTSPConnection& connection);
+  void CloseLocked();
   int StartDelivery();
   void StopDelivery();
   void InitialChannelCodec();
   int Fail(ConnectionFault fault, const std::string& what);
   int FailStatus(const char* method, unsigned status);
+  int FailUse(const std::string& what);
+  bool TakeChallenge(const std::string& answer);
   std::string Where() const;
 
   static void OnVideo(void* context, unsigned char* frameBuffer, int headerRoom,
@@ -156,6 +162,7 @@ class CMS_API CMSRTSPClient : public CMSClientBase {
   static void OnAudio(void* context, unsigned char* frameBuffer, int headerRoom,
                       unsigned char* payload, int length, int frameType);
   void HandVideo(unsigned char* header, unsigned char* payload, int length, int frameType);
+  void NotePictureSize(CMSChannelDataBase& channel, const unsigned char* payload, int length);
   void HandAudio(unsigned char* header, unsigned char* payload, int length);
 
   // All but the atomics and the session's own threads: under the client's lock (control lock).
@@ -173,6 +180,8 @@ class CMS_API CMSRTSPClient : public CMSClientBase {
   unsigned nextChannel_ = 0;
   bool keepAliveByOptions_ = false;
   bool keepAliveRetried_ = false;
+  bool getParameterWorks_ = false;  // the camera has answered one
+  bool getParameterEnds_ = false;   // it ended a connection: OPTIONS from the next opening on
   std::uint64_t nextKeepAlive_ = 0;
   bool opened_ = false;
 
@@ -191,5 +200,7 @@ class CMS_API CMSRTSPClient : public CMSClientBase {
   cms::AudioFormatDescriptor audioFormat_;
   bool otherFrameRate_ = false;
   float announcedFrameRate_ = 0;
+  int describedWidth_ = 0;  // of the picture, for key frames that do not tell; 0: unknown
+  int describedHeight_ = 0;
   std::uint32_t videoSequence_ = 0;  // the receiving thread's
 };

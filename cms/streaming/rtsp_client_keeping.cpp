@@ -18,7 +18,8 @@ ConnectionFault CMSRTSPClient::KeepAliveLocked(std::uint64_t now, std::uint64_t*
   const std::uint64_t interval = std::uint64_t{sessionTimeout_} * 1000 / 2;
   if (const auto answer = connection.TakeKeepAliveAnswer()) {
     const unsigned status = CheckRTSPResponseCode(*answer);
-    if (status == 401 && !keepAliveRetried_ && haveCredentials_ && login_.ReadChallenges(*answer)) {
+    getParameterWorks_ |= status == 200 && !keepAliveByOptions_;
+    if (status == 401 && !keepAliveRetried_ && TakeChallenge(*answer)) {
       keepAliveRetried_ = true;  // the nonce has become stale: once more with the new one
       nextKeepAlive_ = now;
     } else if (status == 454) {
@@ -32,6 +33,9 @@ ConnectionFault CMSRTSPClient::KeepAliveLocked(std::uint64_t now, std::uint64_t*
     }
   }
   if (connection.PeerClosed()) {
+    // Some cameras end the connection at the first GET_PARAMETER instead of answering it.
+    getParameterEnds_ |=
+        connection.KeepAliveIsOpen() && !keepAliveByOptions_ && !getParameterWorks_;
     Fail(ConnectionFault::kClosedByCamera, "the camera closed the connection");
     return ConnectionFault::kClosedByCamera;
   }

@@ -8,6 +8,8 @@
 #include <random>
 
 #include "cms/live/frame_header.h"
+#include "cms/streaming/internal/parameter_sets.h"
+#include "cms/streaming/internal/picture_size.h"
 #include "cms/streaming/internal/rtsp_message.h"
 #include "cms/streaming/internal/rtsp_session.h"
 #include "cms/streaming/rtsp_url.h"
@@ -15,6 +17,7 @@
 namespace {
 
 constexpr int kTearDownTimeoutMs = 1'000;
+constexpr int kCancelledTearDownTimeoutMs = 200;
 constexpr std::size_t kLongestDescription = 256 * 1024;
 constexpr std::size_t kLongestQuote = 120;  // of an answer, in a failure's text
 
@@ -47,13 +50,6 @@ int CMSRTSPClient::Negotiate() {
 }
 
 int CMSRTSPClient::Connect() {
-  if (config_.address == 0) {
-    const auto address = cms::ResolveIPv4(host_);
-    if (!address) {
-      return Fail(ConnectionFault::kBadAddress, "the host name has no IPv4 address");
-    }
-    address_ = *address;
-  }
   auto session =
       std::make_shared<Session>(*this, config_.group, config_.transport, config_.talkBack);
   {
@@ -64,6 +60,9 @@ int CMSRTSPClient::Connect() {
     return Fail(ConnectionFault::kCancelled, "closed while opening");
   }
   auto& connection = session->Connection();
+  if (config_.address == 0 && LookUpHost(connection) == 0) {
+    return 0;
+  }
   if (connection.Open(address_, port_, static_cast<int>(config_.connectTimeoutMs),
                       session->Group())) {
     return 1;
@@ -78,6 +77,27 @@ int CMSRTSPClient::Connect() {
   return Fail(fault, std::string("cannot connect: ") + std::strerror(error));
 }
 
+int CMSRTSPClient::LookUpHost(const cms::RTSPConnection& connection) {
+  using Outcome = cms::NameLookup::Outcome;
+  const auto found = connection.LookUp(host_, static_cast<int>(config_.connectTimeoutMs));
+  switch (found.outcome) {
+    case Outcome::kFound:
+      address_ = found.address;
+      return 1;
+    case Outcome::kNoAddress:
+      return Fail(ConnectionFault::kBadAddress, "the host name has no IPv4 address");
+    case Outcome::kTimeout:
+      return Fail(ConnectionFault::kUnreachable,
+                  "the host name could not be looked up within " +
+                      std::to_string(config_.connectTimeoutMs / 1000) + " s");
+    case Outcome::kCancelled:
+      return Fail(ConnectionFault::kCancelled, "closed while opening");
+    case Outcome::kNoThread:
+      return Fail(ConnectionFault::kOutOfResources, "no thread to look the host name up");
+  }
+  return 0;
+}
+
 int CMSRTSPClient::Option() {
   std::string answer;
   if (Exchange(
@@ -86,7 +106,8 @@ int CMSRTSPClient::Option() {
   }
   const cms::RTSPMessage message(answer);
   const std::string_view methods = message.Header("Public");
-  keepAliveByOptions_ = !methods.empty() && !cms::ParsePublic(methods, "GET_PARAMETER");
+  keepAliveByOptions_ =
+      getParameterEnds_ || (!methods.empty() && !cms::ParsePublic(methods, "GET_PARAMETER"));
   return 1;
 }
 
@@ -106,10 +127,13 @@ int CMSRTSPClient::Describe() {
   }
   std::string_view body = cms::RTSPMessage(answer).Body();
   cms::TalkBackDescription split;
-  if (config_.talkBack && body.size() <= kLongestDescription) {
+  if (body.size() <= kLongestDescription) {
+    // Cameras describe their backchannel unasked, too: it must not pass for the microphone.
     split = cms::SplitTalkBack(body);
-    session_->Talk().config = split.talk;
     body = split.viewing;
+    if (config_.talkBack) {
+      session_->Talk().config = split.talk;
+    }
   }
   RTSPStream& video = session_->Stream(true);
   RTSPStream& audio = session_->Stream(false);
@@ -144,6 +168,10 @@ int CMSRTSPClient::Describe() {
     talkFormat_ = cms::TalkBackFormat(session_->Talk().config);
   }
   DescribeAudioFormat(audio.config);
+  const std::vector<std::uint8_t> sps = cms::DecodeParameterSets(video.config.parameterSets).sps;
+  const auto size = sps.empty() ? std::nullopt : cms::FullH264Size(std::span(sps).subspan(1));
+  describedWidth_ = size ? size->width : 0;
+  describedHeight_ = size ? size->height : 0;
   receiving_ = session_.get();
   otherFrameRate_ = session_->description.IsFrameRateNot30();
   announcedFrameRate_ = session_->description.FrameRate();
@@ -159,6 +187,7 @@ int CMSRTSPClient::Describe() {
     }
     if (audio.Present() && CreateSubSessionSocket(audio.config) == 0) {
       audio.config.payloadType = kNoPayloadType;
+      SetFault(ConnectionFault::kNone, "");  // the picture comes all the same
     }
     if (!audio.Present()) {
       session_->LeaveOutAudio();
@@ -179,20 +208,23 @@ std::string CMSRTSPClient::ConstructSubsessionURL(const MediaSession& session,
   }
   const std::string& announced = session.ControlURL();
   const std::string& base = announced.empty() || announced == "*" ? requestUrl_ : announced;
+  if (control.empty()) {
+    return base;  // the only stream there is (RFC 2326, C.1.1)
+  }
   const bool needsSlash = !base.ends_with('/') && !control.starts_with('/');
   return base + (needsSlash ? "/" : "") + control;
 }
 
 int CMSRTSPClient::SetupVideo() {
-  return SetupStream(session_->Stream(true));
+  return SetupStream(session_->Stream(true), "SETUP");
 }
 int CMSRTSPClient::SetupAudio() {
-  return SetupStream(session_->Stream(false));
+  return SetupStream(session_->Stream(false), "SETUP of the sound");
 }
 
 int CMSRTSPClient::SetupTalk() {
   RTSPStream& talk = session_->Talk();
-  if (SetupStream(talk) == 0) {
+  if (SetupStream(talk, "SETUP of the backchannel") == 0) {
     return 0;
   }
   session_->Talker().Start(
@@ -200,7 +232,7 @@ int CMSRTSPClient::SetupTalk() {
   return 1;
 }
 
-int CMSRTSPClient::SetupStream(RTSPStream& stream) {
+int CMSRTSPClient::SetupStream(RTSPStream& stream, const char* method) {
   if (config_.transport == kRtspTransportInterleaved) {
     stream.config.rtpChannel = static_cast<int>(nextChannel_);
     stream.config.rtcpChannel = static_cast<int>(nextChannel_ + 1);
@@ -209,19 +241,17 @@ int CMSRTSPClient::SetupStream(RTSPStream& stream) {
   const std::string url = ConstructSubsessionURL(session_->description, stream.config);
   std::string answer;
   if (Exchange(
-          "SETUP", [&] { return SendSetup(url, stream.config); }, &answer) == 0 ||
+          method, [&] { return SendSetup(url, stream.config); }, &answer) == 0 ||
       ParserSetupResponse(answer, stream.config) == 0) {
     return 0;
   }
+  if (!stream.Open(config_.transport, address_, session_->Group())) {
+    return Fail(ConnectionFault::kOutOfResources,
+                "no threads, descriptors or memory left to receive the stream");
+  }
   if (config_.transport == kRtspTransportInterleaved) {
     session_->SetChannels();
-    stream.StartRtcp(config_.transport, session_->Group());
-    return 1;
   }
-  if (!stream.OpenUdp(address_, session_->Group())) {
-    return Fail(ConnectionFault::kOutOfResources, "the UDP sockets could not be started");
-  }
-  stream.StartRtcp(config_.transport, session_->Group());
   return 1;
 }
 
@@ -234,8 +264,12 @@ int CMSRTSPClient::ParserSetupResponse(const std::string& response,
       return Fail(ConnectionFault::kBadAnswer,
                   "the session id in the answer to SETUP is empty or longer than 64 characters");
     }
-    sessionId_ = session->id;
-    sessionTimeout_ = session->timeoutSeconds;
+    if (sessionId_.empty()) {
+      sessionId_ = session->id;
+      sessionTimeout_ = session->timeoutSeconds;
+    }
+    // A camera that gives each stream an id of its own plays all of them under the first.
+    sessionTimeout_ = std::min(sessionTimeout_, session->timeoutSeconds);
   }
   if (sessionId_.empty()) {
     return Fail(ConnectionFault::kBadAnswer, "the answer to SETUP names no session");
@@ -249,6 +283,16 @@ int CMSRTSPClient::ParserSetupResponse(const std::string& response,
                 "the answer to SETUP has an impossible transport: " +
                     std::string(message.Header("Transport").substr(0, kLongestQuote)));
   }
+  const bool udp = config_.transport == kRtspTransportUdp;
+  const bool ports = transport->serverPort.has_value();
+  const bool channels = transport->interleaved.has_value() || transport->tcp;
+  if (udp ? channels && !ports : ports && !channels) {
+    return Fail(ConnectionFault::kTransportRefused,
+                std::string("the camera answered SETUP with ") +
+                    (udp ? "interleaved TCP although UDP was asked for, try interleaved TCP"
+                         : "UDP although interleaved TCP was asked for, try UDP"));
+  }
+  config.source = cms::ParseIPv4(transport->source).value_or(0);
   if (transport->serverPort) {
     config.serverRtpPort = transport->serverPort->rtp;
     config.serverRtcpPort = transport->serverPort->rtcp;
@@ -280,11 +324,18 @@ int CMSRTSPClient::Resume() {
 }
 
 void CMSRTSPClient::TearDown() {
-  std::string answer;
-  if (!session_->Connection().PeerClosed() && SendTearDown() != 0) {
-    // The answer only tells that the request went out whole; without one the camera's own session
-    // timeout frees the session.
-    session_->Connection().WaitLastAnswer(kTearDownTimeoutMs, &answer);
+  // The answer tells that the request went out whole, or asks for a new login; without one the
+  // camera's own session timeout frees the session.
+  auto& connection = session_->Connection();
+  const int limit =
+      connection.Cancelled() && !opened_ ? kCancelledTearDownTimeoutMs : kTearDownTimeoutMs;
+  for (const bool mayLogIn : {true, false}) {
+    std::string answer;
+    if (connection.PeerClosed() || SendTearDown() == 0 ||
+        connection.WaitLastAnswer(limit, &answer) != cms::RTSPConnection::Wait::kAnswer ||
+        CheckRTSPResponseCode(answer) != 401 || !mayLogIn || !TakeChallenge(answer)) {
+      return;
+    }
   }
 }
 

@@ -1,6 +1,4 @@
 // CMSRTSPClient's requests as they are sent, and their answers.
-#include <cstdio>
-
 #include "cms/streaming/internal/rtsp_message.h"
 #include "cms/streaming/internal/rtsp_session.h"
 
@@ -25,6 +23,15 @@ int CMSRTSPClient::Fail(ConnectionFault fault, const std::string& what) {
   return 0;
 }
 
+// A call that cannot be done now. The reason why there is no stream is worth more, where there is
+// one.
+int CMSRTSPClient::FailUse(const std::string& what) {
+  if (GetConnectionStatus().fault == ConnectionFault::kNone) {
+    SetFault(configured_ ? ConnectionFault::kNone : ConnectionFault::kBadAddress, what);
+  }
+  return 0;
+}
+
 int CMSRTSPClient::FailStatus(const char* method, unsigned status) {
   const std::string answered =
       std::string(method) + " was answered with status " + std::to_string(status);
@@ -38,9 +45,11 @@ int CMSRTSPClient::FailStatus(const char* method, unsigned status) {
       return Fail(ConnectionFault::kPasswordRefused,
                   answered + ": this user may not see the stream");
     case 404:
-    case 454:
       return Fail(ConnectionFault::kNoSuchStream,
                   answered + ": there is no stream at " + requestUrl_);
+    case 454:
+      return Fail(ConnectionFault::kRefused,
+                  answered + ": the camera does not know the session that it gave out itself");
     case 453:
     case 503:
       return Fail(ConnectionFault::kCameraFull,
@@ -59,6 +68,11 @@ int CMSRTSPClient::FailStatus(const char* method, unsigned status) {
 
 std::string CMSRTSPClient::CreateAuthStr(const char* method, const std::string& url) {
   return login_.AuthorizationLine(method, url);
+}
+
+// Whether the request that was answered so can be sent again with a login.
+bool CMSRTSPClient::TakeChallenge(const std::string& answer) {
+  return haveCredentials_ && login_.ReadChallenges(answer);
 }
 
 int CMSRTSPClient::SendText(const std::string& request) {
@@ -96,14 +110,8 @@ int CMSRTSPClient::SendSetup(const std::string& url, _RTSPSUBSESSION_CONFIG& con
 }
 
 int CMSRTSPClient::SendPlayMedia() {
-  char range[64] = "";
-  const double start = session_->description.RangeStart();
-  const double end = session_->description.RangeEnd();
-  if (start >= 0 && end < 0) {
-    std::snprintf(range, sizeof range, "Range: npt=%.3f-\r\n", start);
-  } else if (start >= 0) {
-    std::snprintf(range, sizeof range, "Range: npt=%.3f-%.3f\r\n", start, end);
-  }
+  const std::string range =
+      cms::RangeLine(session_->description.RangeStart(), session_->description.RangeEnd());
   return SendText(Head("PLAY", requestUrl_, cseq_) + "Session: " + sessionId_ + "\r\n" + range +
                   TalkRequirement() + CreateAuthStr("PLAY", requestUrl_) + kUserAgent + "\r\n");
 }
@@ -164,11 +172,16 @@ int CMSRTSPClient::Exchange(const char* method, const std::function<int()>& send
       return 0;
     }
     const unsigned status = CheckRTSPResponseCode(*answer);
+    if (cms::RTSPMessage(*answer).IsOfWebServer()) {
+      return Fail(ConnectionFault::kBadAnswer,
+                  std::string(method) + " was answered by a web server (HTTP status " +
+                      std::to_string(status) + "): this is not the port for RTSP");
+    }
     if (status == 200) {
       return 1;
     }
     // One login a request: a second refusal means that the password is wrong, and cameras count.
-    if (status != 401 || !mayLogIn || !haveCredentials_ || !login_.ReadChallenges(*answer)) {
+    if (status != 401 || !mayLogIn || !TakeChallenge(*answer)) {
       return FailStatus(method, status);
     }
   }

@@ -79,7 +79,12 @@ int RTSPSubSession::StopPlay() {
 int RTSPSubSession::RTPOverRTSPAddPacket(const void* data, int length) {
   packets_.fetch_add(1, std::memory_order_relaxed);
   if (!playing_.load(std::memory_order_acquire) || !processer_) {
+    leftOut_ = true;
     return 0;
+  }
+  if (leftOut_) [[unlikely]] {
+    leftOut_ = false;
+    processer_->NoteBreak();
   }
   if (!options_.video) {
     DeliverAudio({static_cast<const std::uint8_t*>(data), static_cast<std::size_t>(length)});

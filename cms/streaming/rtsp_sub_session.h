@@ -78,4 +78,5 @@ class CMS_API RTSPSubSession final : public RTCPStatistics {
   std::unique_ptr<unsigned char[]> audioFrame_;  // header room, then one packet's payload
   std::atomic<bool> playing_{false};
   std::atomic<std::uint64_t> packets_{0};
+  bool leftOut_ = false;  // packets came while not playing; the receiving thread's
 };

@@ -1,5 +1,6 @@
 // The demultiplexer delivers the same packets and messages, and counts the same losses, however the
-// stream is cut into segments. The first byte chooses the cuts and whether channels are set up.
+// stream is cut into segments. The first byte chooses the cuts, whether channels are set up, and
+// whether a description is expected.
 #include <algorithm>
 #include <random>
 #include <string>
@@ -13,11 +14,19 @@ namespace {
 class Recorder : public cms::RTSPDemultiplexer::Sink {
  public:
   void OnInterleavedPacket(int type, std::span<const std::uint8_t> frame) override {
-    CHECK(type >= 0 && type < 4 && frame.size() >= 4 && frame[0] == '$');
+    CHECK(type >= 0 && type < 6 && frame.size() >= 4 && frame[0] == '$');
     CHECK(frame.size() == 4u + (static_cast<std::size_t>(frame[2]) << 8) + frame[3]);
     events.emplace_back(frame.begin(), frame.end());
   }
   void OnMessage(std::string_view message) override { events.emplace_back(message); }
+  void OnUnendedMessage(std::string_view message, bool grown) override {
+    if (grown) {
+      CHECK(!events.empty() && message.size() > events.back().size() &&
+            message.starts_with(events.back()));
+      events.pop_back();
+    }
+    events.emplace_back(message);
+  }
 
   std::vector<std::string> events;
 };
@@ -27,8 +36,8 @@ class Recorder : public cms::RTSPDemultiplexer::Sink {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size == 0) return 0;
   const std::span<const std::uint8_t> stream(data + 1, size - 1);
-  const RTSPChannelIds ids =
-      data[0] & 1 ? RTSPChannelIds{0, 1, 2, 3} : RTSPChannelIds{-1, -1, -1, -1};
+  const cms::RTSPStreamChannels ids =
+      data[0] & 1 ? cms::RTSPStreamChannels{0, 1, 2, 3, -1, 7} : cms::kNoChannels;
 
   static Recorder whole_events;
   static Recorder cut_events;
@@ -37,6 +46,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   for (auto* demultiplexer : {&whole, &cut}) {
     demultiplexer->Reset();
     demultiplexer->SetChannels(ids);
+    demultiplexer->ExpectDescription((data[0] & 4) != 0);
   }
   whole_events.events.clear();
   cut_events.events.clear();
@@ -52,5 +62,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   CHECK(whole_events.events == cut_events.events);
   CHECK(whole.SkippedBytes() == cut.SkippedBytes());
   CHECK(whole.OversizeMessages() == cut.OversizeMessages());
+  // Counters go on over the runs.
+  CHECK(whole.StrayFrames() == cut.StrayFrames());
   return 0;
 }

@@ -17,7 +17,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-// What was cut out: "0".."3" and a frame, or "m" and a message.
+// What was cut out: "0".."5" and a frame, or "m" and a message.
 class Recorder : public cms::RTSPDemultiplexer::Sink {
  public:
   void OnInterleavedPacket(int type, std::span<const std::uint8_t> frame) override {
@@ -27,6 +27,14 @@ class Recorder : public cms::RTSPDemultiplexer::Sink {
   void OnMessage(std::string_view message) override {
     events.push_back("m" + std::string(message));
     last_data = message.data();
+  }
+  void OnUnendedMessage(std::string_view message, bool grown) override {
+    if (grown) {
+      ASSERT_FALSE(events.empty());
+      ASSERT_TRUE(("u" + std::string(message)).starts_with(events.back()));
+      events.pop_back();
+    }
+    events.push_back("u" + std::string(message));
   }
 
   std::vector<std::string> events;
@@ -49,7 +57,7 @@ std::string Answer(int cseq, const std::string& body = "") {
 
 class RTSPDemultiplexerTest : public testing::Test {
  protected:
-  RTSPDemultiplexerTest() { demultiplexer_.SetChannels({0, 1, 2, 3}); }
+  RTSPDemultiplexerTest() { demultiplexer_.SetChannels({0, 1, 2, 3, -1, -1}); }
 
   void Add(const std::string& bytes) {
     demultiplexer_.Add({reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()});
@@ -105,14 +113,72 @@ TEST_F(RTSPDemultiplexerTest, AFalseFrameStartInLostDataIsSkipped) {
   EXPECT_EQ(demultiplexer_.SkippedBytes(), lost.size());
 }
 
-TEST_F(RTSPDemultiplexerTest, AChannelThatWasNotSetUpIsNoHeader) {
-  demultiplexer_.SetChannels({4, 5, -1, -1});
-  const std::string good = Whole(4, "good");
-  const std::string foreign = Whole(0, "foreign");
-  Add(good + good + foreign + good + Whole(255, "") + good + Answer(1));
+TEST_F(RTSPDemultiplexerTest, StreamsThatNobodySetUpCostNothing) {
+  const std::string good = Whole(0, "good");
+  const std::string stray = Whole(8, "metadata");
+  Add(good + stray + good + stray + stray + good + stray + Answer(1) + stray + good + Answer(2));
+  EXPECT_THAT(recorder_.events, ElementsAre("0" + good, "0" + good, "0" + good, "m" + Answer(1),
+                                            "0" + good, "m" + Answer(2)));
+  EXPECT_EQ(demultiplexer_.SkippedBytes(), 0u);
+  EXPECT_EQ(demultiplexer_.StrayFrames(), 5u);
+}
+
+TEST_F(RTSPDemultiplexerTest, TheTalkStreamsChannelsAreItsOwn) {
+  demultiplexer_.SetChannels({0, 1, 2, 3, 40, 41});
+  const std::string good = Whole(0, "good");
+  const std::string report = Whole(41, "report");
+  Add("lost" + good + report + good + Answer(1));
+  EXPECT_THAT(recorder_.events, ElementsAre("0" + good, "5" + report, "0" + good, "m" + Answer(1)));
+}
+
+TEST_F(RTSPDemultiplexerTest, AForeignChannelIsNoHeaderOutOfStepNorWithALargeNumber) {
+  const std::string good = Whole(0, "good");
+  const std::string stray = Whole(8, "stray");
+  // In lost data a "$" with some small number behind it is no frame.
+  Add("lost" + stray + good + good + Answer(1));
   EXPECT_THAT(recorder_.events, ElementsAre("0" + good, "0" + good, "m" + Answer(1)));
-  EXPECT_EQ(demultiplexer_.SkippedBytes(), good.size() * 2 + foreign.size() + 4)
-      << "a packet in front of a foreign one cannot be told from a false start";
+  EXPECT_EQ(demultiplexer_.SkippedBytes(), 4 + stray.size());
+  // In step, 200 is a number that no server gives a stream.
+  recorder_.events.clear();
+  const std::string false_start = Whole(200, "false");
+  Add(good + false_start + good + Answer(2));
+  EXPECT_THAT(recorder_.events, ElementsAre("0" + good, "m" + Answer(2)));
+}
+
+TEST_F(RTSPDemultiplexerTest, BlankLinesBehindAPacketCostNothing) {
+  const std::string good = Whole(0, "good");
+  for (const std::string blank : {"\r\n", "\r\n\r\n", "\n", "\n\n\n"}) {
+    recorder_.events.clear();
+    AddByByte(good + blank + Answer(1) + blank + good + blank + good + Answer(2));
+    EXPECT_THAT(recorder_.events,
+                ElementsAre("0" + good, "m" + Answer(1), "0" + good, "0" + good, "m" + Answer(2)));
+  }
+  EXPECT_EQ(demultiplexer_.SkippedBytes(), 0u);
+}
+
+TEST_F(RTSPDemultiplexerTest, ADescriptionWithoutALengthLastsUntilTheNextMessage) {
+  demultiplexer_.SetChannels(cms::kNoChannels);
+  const std::string head = "RTSP/1.0 200 OK\r\nCSeq: 2\r\n\r\n";
+  const std::string text = "v=0\r\nOPTIONAL\r\nm=video 0 RTP/AVP 96\r\n";
+  for (const bool by_byte : {false, true}) {
+    recorder_.events.clear();
+    demultiplexer_.ExpectDescription(true);
+    by_byte ? AddByByte(head + text) : Add(head + text);
+    EXPECT_THAT(recorder_.events, ElementsAre("u" + head + text));
+    demultiplexer_.ExpectDescription(false);
+    by_byte ? AddByByte(Answer(3)) : Add(Answer(3));
+    EXPECT_THAT(recorder_.events, ElementsAre("u" + head + text, "m" + Answer(3)));
+  }
+  // Only where one is expected, and not an endless one.
+  Add(Answer(4) + Answer(5));
+  EXPECT_EQ(recorder_.events.size(), 4u);
+  demultiplexer_.ExpectDescription(true);
+  Add(head);
+  for (int i = 0; i < 300; ++i) Add(std::string(1023, 'x') + "\n");
+  Add(Answer(6, "body"));
+  EXPECT_EQ(recorder_.events.back(), "m" + Answer(6, "body"));
+  EXPECT_LE(recorder_.events[4].size(), head.size() + 262144 + 1);
+  EXPECT_EQ(demultiplexer_.SkippedBytes(), 300 * 1024u - 262144);
 }
 
 TEST_F(RTSPDemultiplexerTest, AnAnswerAmongLostDataIsFound) {
@@ -151,7 +217,7 @@ TEST_F(RTSPDemultiplexerTest, TheLargestMessageAndFrameComeThroughByteByByte) {
 }
 
 TEST_F(RTSPDemultiplexerTest, AnEndlessHeadIsCountedAndLeftBehind) {
-  demultiplexer_.SetChannels({-1, -1, -1, -1});
+  demultiplexer_.SetChannels(cms::kNoChannels);
   const std::string endless = "RTSP/1.0 200 OK\r\nX: " + std::string(200000, 'x') + "\r\n";
   for (int i = 0; i < 10; ++i) Add(endless);
   Add(Answer(3));
@@ -161,7 +227,7 @@ TEST_F(RTSPDemultiplexerTest, AnEndlessHeadIsCountedAndLeftBehind) {
 }
 
 TEST_F(RTSPDemultiplexerTest, WithoutChannelsTheStreamIsMessagesOnly) {
-  demultiplexer_.SetChannels({-1, -1, -1, -1});
+  demultiplexer_.SetChannels(cms::kNoChannels);
   const std::string described = test::ReadDataFile("rtsp/describe_ok.txt");
   const std::string bare = test::ReadDataFile("rtsp/options_lower_case_bare_line_feeds.txt");
   const std::string asked = test::ReadDataFile("rtsp/server_options_request.txt");
@@ -185,7 +251,7 @@ TEST_F(RTSPDemultiplexerTest, ResetForgetsTheTailAndTheChannels) {
 TEST_F(RTSPDemultiplexerTest, ChannelsAndCountersAreForAnyThread) {
   std::thread owner([this] {
     for (int i = 0; i < 1000; ++i) {
-      demultiplexer_.SetChannels({0, 1, i % 2 ? 2 : -1, 3});
+      demultiplexer_.SetChannels({0, 1, i % 2 ? 2 : -1, 3, -1, -1});
       EXPECT_EQ(demultiplexer_.OversizeMessages(), 0u);
     }
   });
@@ -264,7 +330,7 @@ template <typename Next>
 Outcome Demultiplex(const std::string& stream, Next next) {
   Recorder recorder;
   cms::RTSPDemultiplexer demultiplexer(recorder);
-  demultiplexer.SetChannels({30, 32, 34, 36});
+  demultiplexer.SetChannels({30, 32, 34, 36, -1, -1});
   for (std::size_t at = 0; at < stream.size();) {
     // A segment of its own, so that reading past its end is noticed.
     const std::string segment = stream.substr(at, next());

@@ -56,6 +56,9 @@ TEST(RTSPMessage, ReadsAServersRequest) {
   EXPECT_EQ(message.Method(), "OPTIONS");
   EXPECT_EQ(message.CSeq(), 17);
   EXPECT_EQ(message.Body(), "");
+  const RTSPMessage web("HTTP/1.1 400 Bad Request\r\n\r\n");
+  EXPECT_TRUE(web.IsResponse() && web.IsOfWebServer());
+  EXPECT_EQ(web.Status(), 400u);
 }
 
 TEST(RTSPMessage, StatusFollowsTheFirstLine) {
@@ -150,10 +153,36 @@ TEST(TransportHeader, TakesPortsChannelsAndSource) {
 TEST(TransportHeader, RefusesWhatCannotBeFollowed) {
   for (const char* parameter :
        {"server_port=", "server_port=-", "server_port=1-", "server_port=-1-2", "server_port=a-b",
-        "server_port=65536-65537", "server_port=65535", "client_port=1-99999999999", "client_port",
-        "interleaved=256-257", "interleaved=255", "interleaved=0-256", "interleaved=0-1-2"}) {
+        "server_port=65536-65537", "server_port=65535", "interleaved=256-257", "interleaved=255",
+        "interleaved=0-256", "interleaved=0-1-2"}) {
     EXPECT_FALSE(ParseTransport(std::string("RTP/AVP;unicast;") + parameter)) << parameter;
   }
+}
+
+TEST(TransportHeader, TellsTcpFromUdpAndPassesOverWhatIsNotNeeded) {
+  EXPECT_TRUE(ParseTransport("rtp/avp/tcp;unicast;interleaved=0-1")->tcp);
+  EXPECT_TRUE(ParseTransport(" RTP/AVP/TCP , RTP/AVP")->tcp);
+  for (const char* udp : {"RTP/AVP;unicast", "RTP/AVP/UDP", "RTP/AVP,RTP/AVP/TCP", ""}) {
+    EXPECT_FALSE(ParseTransport(udp)->tcp) << udp;
+  }
+  for (const char* parameter : {"client_port", "client_port=1-99999999999", "client_port=a"}) {
+    const auto transport =
+        ParseTransport(std::string("RTP/AVP;") + parameter + ";server_port=10-11");
+    ASSERT_TRUE(transport) << parameter;
+    EXPECT_FALSE(transport->clientPort);
+    EXPECT_EQ(transport->serverPort, (Pair{10, 11}));
+  }
+}
+
+TEST(RangeHeader, IsTheSameInEveryLanguageAndNeverCutShort) {
+  using cms::RangeLine;
+  EXPECT_EQ(RangeLine(-1, -1), "");
+  EXPECT_EQ(RangeLine(-1, 5), "");
+  EXPECT_EQ(RangeLine(0, -1), "Range: npt=0.000-\r\n");
+  EXPECT_EQ(RangeLine(0, 12.5), "Range: npt=0.000-12.500\r\n");
+  EXPECT_EQ(RangeLine(1.0005, 86400), "Range: npt=1.000-86400.000\r\n");
+  EXPECT_EQ(RangeLine(0, 1e300), "Range: npt=0.000-\r\n");
+  EXPECT_EQ(RangeLine(1e300, 1e300), "");
 }
 
 TEST(PublicHeader, ListsWholeMethodNames) {

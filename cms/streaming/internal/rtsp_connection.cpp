@@ -13,6 +13,9 @@ constexpr int kReceiveChunk = 64 * 1024;
 constexpr int kSendChunk = 4096;
 constexpr int kSendDepth = 16;
 
+// A description that says nothing about its length ends with a silence.
+constexpr std::chrono::milliseconds kEndOfDescription{300};
+
 }  // namespace
 
 tTcpClientParam RTSPConnection::Parameters(RTSPConnection* self) {
@@ -60,20 +63,43 @@ void RTSPConnection::OnInterleavedPacket(int type, std::span<const std::uint8_t>
 
 void RTSPConnection::OnMessage(std::string_view text) {
   const RTSPMessage message(text);
-  if (!message.IsResponse()) {
+  if (message.IsResponse()) {
+    TakeAnswer(text, false);
+  } else {
     AnswerRequest(text);
+  }
+}
+
+void RTSPConnection::OnUnendedMessage(std::string_view text, bool grown) {
+  if (!grown) {
+    TakeAnswer(text, true);
     return;
+  }
+  std::lock_guard lock(mutex_);
+  if (answer_ && unended_ && text.size() > answer_->size()) {
+    answer_->append(text.substr(answer_->size()));
+    arrived_.notify_all();
+  }
+}
+
+void RTSPConnection::TakeAnswer(std::string_view text, bool unended) {
+  const RTSPMessage message(text);
+  const unsigned status = message.Status();
+  if (status >= 100 && status < 200) {
+    return;  // the answer proper is still to come
   }
   const std::optional<int> cseq = message.CSeq();
   bool keepAlive = false;
   {
     std::lock_guard lock(mutex_);
-    if (expected_ != 0 && (!cseq || *cseq == expected_)) {
-      // Some cameras leave out the CSeq: then the only request that waits takes the answer.
+    // Some cameras leave out the CSeq, or always send the same: then the only request that waits
+    // takes the answer.
+    if (expected_ != 0 && (!cseq || *cseq == expected_ || keepAlive_ == 0)) {
       answer_ = std::string(text);
+      unended_ = unended;
       expected_ = 0;
       arrived_.notify_all();
-    } else if (keepAlive_ != 0 && (!cseq || *cseq == keepAlive_)) {
+    } else if (keepAlive_ != 0 && (!cseq || *cseq == keepAlive_ || expected_ == 0)) {
       keepAliveAnswer_ = std::string(text);
       keepAlive_ = 0;
       keepAlive = true;
@@ -109,8 +135,10 @@ bool RTSPConnection::SendRequest(std::string_view request, int cseq) {
   {
     std::lock_guard lock(mutex_);
     answer_.reset();
+    unended_ = false;
     expected_ = cseq;
   }
+  demultiplexer_.ExpectDescription(request.starts_with("DESCRIBE "));
   return SendWhole(request) != 0;
 }
 
@@ -129,6 +157,11 @@ RTSPConnection::Wait RTSPConnection::WaitAnswerUnless(bool cancellable, int time
   arrived_.wait_for(lock, std::chrono::milliseconds(timeoutMs),
                     [&] { return answer_ || cancelled() || closed_.load(); });
   expected_ = 0;
+  for (std::size_t seen = 0; answer_ && unended_ && answer_->size() > seen;) {
+    seen = answer_->size();
+    arrived_.wait_for(lock, kEndOfDescription,
+                      [&] { return cancelled() || closed_.load() || answer_->size() > seen; });
+  }
   if (answer_) {
     *answer = std::move(*answer_);
     answer_.reset();
@@ -152,6 +185,11 @@ bool RTSPConnection::SendKeepAlive(std::string_view request, int cseq) {
 std::optional<std::string> RTSPConnection::TakeKeepAliveAnswer() {
   std::lock_guard lock(mutex_);
   return std::exchange(keepAliveAnswer_, std::nullopt);
+}
+
+bool RTSPConnection::KeepAliveIsOpen() {
+  std::lock_guard lock(mutex_);
+  return keepAlive_ != 0;
 }
 
 void RTSPConnection::Cancel() {

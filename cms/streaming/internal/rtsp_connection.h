@@ -12,6 +12,7 @@
 
 #include "cms/net/tcp_client.h"
 #include "cms/runtime/wake_up.h"
+#include "cms/streaming/internal/name_lookup.h"
 #include "cms/streaming/internal/rtsp_demultiplexer.h"
 
 namespace cms {
@@ -24,7 +25,7 @@ class RTSPConnection final : public TCPClientBase, private RTSPDemultiplexer::Si
   class Sink {
    public:
     // On the I/O thread, with its lock held. `frame` begins with the 4-byte interleaved header;
-    // `type`: 0 video RTP, 1 video RTCP, 2 audio RTP, 3 audio RTCP.
+    // `type` is the index of its channel in what SetChannels was given.
     virtual void OnPacket(int type, std::span<const std::uint8_t> frame) = 0;
     // On the I/O thread: an answer to the keep-alive came, or the connection ended.
     virtual void OnConnectionEvent() = 0;
@@ -38,10 +39,14 @@ class RTSPConnection final : public TCPClientBase, private RTSPDemultiplexer::Si
   explicit RTSPConnection(Sink& sink);
   ~RTSPConnection() override;
 
+  // The address of the host to connect to; Cancel ends the wait.
+  NameLookup LookUp(const std::string& host, int limitMs) const {
+    return LookUpIPv4(host, limitMs, cancel_);
+  }
   // Connects and registers with the I/O threads of the group; false: see LastError() and
   // Cancelled().
   bool Open(std::uint32_t address, std::uint16_t port, int timeoutMs, int group);
-  void SetChannels(const RTSPChannelIds& channels) { demultiplexer_.SetChannels(channels); }
+  void SetChannels(const RTSPStreamChannels& channels) { demultiplexer_.SetChannels(channels); }
 
   // Sends a whole request and makes its answer the one that WaitAnswer waits for.
   bool SendRequest(std::string_view request, int cseq);
@@ -52,6 +57,8 @@ class RTSPConnection final : public TCPClientBase, private RTSPDemultiplexer::Si
   // Sends a keep-alive; its answer comes through TakeKeepAliveAnswer.
   bool SendKeepAlive(std::string_view request, int cseq);
   std::optional<std::string> TakeKeepAliveAnswer();
+  // Whether a keep-alive was sent whose answer has not come.
+  bool KeepAliveIsOpen();
 
   // Queues all of the text or nothing; returns its length or 0.
   int SendWhole(std::string_view text);
@@ -71,6 +78,8 @@ class RTSPConnection final : public TCPClientBase, private RTSPDemultiplexer::Si
   static void OnBytes(char* data, int length, void* context);
   void OnInterleavedPacket(int type, std::span<const std::uint8_t> frame) override;
   void OnMessage(std::string_view message) override;
+  void OnUnendedMessage(std::string_view message, bool grown) override;
+  void TakeAnswer(std::string_view message, bool unended);
   Wait WaitAnswerUnless(bool cancellable, int timeoutMs, std::string* answer);
   void AnswerRequest(std::string_view message);
   void MarkClosed();
@@ -87,6 +96,7 @@ class RTSPConnection final : public TCPClientBase, private RTSPDemultiplexer::Si
   std::condition_variable arrived_;
   int expected_ = 0;  // CSeq of the request that is waited for, 0: none
   std::optional<std::string> answer_;
+  bool unended_ = false;  // more of the answer may come: it says nothing about its length
   int keepAlive_ = 0;
   std::optional<std::string> keepAliveAnswer_;
 };

@@ -11,11 +11,13 @@ namespace {
 
 using Bytes = std::span<const std::uint8_t>;
 
-constexpr std::string_view kAnswer = "RTSP/1.";
+constexpr std::string_view kAnswer = "RTSP/1.";  // the only start that is looked for out of step
 
-// An answer, and the requests that a server sends.
-constexpr std::array<std::string_view, 7> kMessageStarts = {
-    kAnswer, "OPTIONS ", "ANNOUNCE ", "SET_PARAMETER ", "GET_PARAMETER ", "REDIRECT ", "TEARDOWN "};
+// An answer (of a web server too: then it is one at the wrong port), and the requests that a server
+// sends.
+constexpr std::array<std::string_view, 8> kMessageStarts = {
+    "RTSP/",          "HTTP/",          "OPTIONS ",  "ANNOUNCE ",
+    "SET_PARAMETER ", "GET_PARAMETER ", "REDIRECT ", "TEARDOWN "};
 
 std::string_view AsText(Bytes bytes) {
   return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
@@ -36,9 +38,33 @@ Match MatchAnyStart(std::string_view text) {
   return Match::kNo;
 }
 
-bool IsValidHeader(Bytes header, const RTSPChannelIds& ids) {
-  if (header[0] == '$') return GetInterleaveType(header[1], ids) >= 0;
-  return MatchAnyStart(AsText(header.first(kInterleavedPrefix))) != Match::kNo;
+int TypeOf(int id, const RTSPStreamChannels& ids) {
+  const auto found = std::find(ids.begin(), ids.end(), id);
+  return found != ids.end() ? static_cast<int>(found - ids.begin()) : -1;
+}
+
+bool IsLineEnd(std::uint8_t byte) {
+  return byte == '\r' || byte == '\n';
+}
+
+// `header`: the four bytes behind a frame.
+bool IsValidHeader(Bytes header, const RTSPStreamChannels& ids, bool in_step) {
+  while (in_step && !header.empty() && IsLineEnd(header[0])) header = header.subspan(1);
+  if (header.empty()) return true;
+  if (header[0] != '$') return MatchAnyStart(AsText(header)) != Match::kNo;
+  return header.size() < 2 || TypeOf(header[1], ids) >= 0 ||
+         (in_step && header[1] < RTSPDemultiplexer::kStrayChannels);
+}
+
+// Where a line begins, at or behind `from`, that is the start of a message or may become one; npos
+// when there is none.
+std::size_t FindMessageLine(std::string_view text, std::size_t from) {
+  for (std::size_t at = text.find('\n', from - 1); at != std::string_view::npos;
+       at = text.find('\n', at + 1)) {
+    const std::string_view line = text.substr(at + 1);
+    if (!line.empty() && MatchAnyStart(line) != Match::kNo) return at + 1;
+  }
+  return std::string_view::npos;
 }
 
 // Control bytes, which no head holds but every frame header does.
@@ -51,10 +77,13 @@ void Count(std::atomic<std::uint64_t>& counter, std::size_t by) {
   counter.fetch_add(by, std::memory_order_relaxed);
 }
 
-std::uint64_t Pack(const RTSPChannelIds& ids) {
+constexpr unsigned kIdBits = 10;
+constexpr std::uint64_t kNoId = (1u << kIdBits) - 1;
+
+std::uint64_t Pack(const RTSPStreamChannels& ids) {
   std::uint64_t packed = 0;
   for (const int id : ids) {
-    packed = packed << 16 | static_cast<std::uint16_t>(id >= 0 && id <= 255 ? id : -1);
+    packed = packed << kIdBits | (id >= 0 && id <= 255 ? static_cast<std::uint64_t>(id) : kNoId);
   }
   return packed;
 }
@@ -62,28 +91,30 @@ std::uint64_t Pack(const RTSPChannelIds& ids) {
 }  // namespace
 
 RTSPDemultiplexer::RTSPDemultiplexer(Sink& sink)
-    : sink_(sink), channels_(Pack({-1, -1, -1, -1})), tail_(new std::uint8_t[kTailSize]) {}
+    : sink_(sink), channels_(Pack(kNoChannels)), tail_(new std::uint8_t[kTailSize]) {}
 
-void RTSPDemultiplexer::SetChannels(const RTSPChannelIds& ids) {
+void RTSPDemultiplexer::SetChannels(const RTSPStreamChannels& ids) {
   channels_.store(Pack(ids), std::memory_order_relaxed);
 }
 
-RTSPChannelIds RTSPDemultiplexer::Channels() const {
-  const std::uint64_t packed = channels_.load(std::memory_order_relaxed);
-  RTSPChannelIds ids;
-  for (std::size_t i = 0; i < ids.size(); ++i) {
-    ids[i] = static_cast<std::int16_t>(packed >> (48 - 16 * i));
+RTSPStreamChannels RTSPDemultiplexer::Channels() const {
+  std::uint64_t packed = channels_.load(std::memory_order_relaxed);
+  RTSPStreamChannels ids;
+  for (auto id = ids.rbegin(); id != ids.rend(); ++id, packed >>= kIdBits) {
+    *id = (packed & kNoId) == kNoId ? -1 : static_cast<int>(packed & kNoId);
   }
   return ids;
 }
 
 void RTSPDemultiplexer::Reset() {
-  SetChannels({-1, -1, -1, -1});
+  SetChannels(kNoChannels);
   tail_size_ = 0;
   wanted_ = {};
   in_step_ = true;
   head_searched_ = 0;
   no_message_ = 0;
+  unended_ = 0;
+  ExpectDescription(false);
 }
 
 void RTSPDemultiplexer::Add(Bytes data) {
@@ -121,8 +152,8 @@ std::size_t RTSPDemultiplexer::Parse(Bytes data) {
   std::size_t at = 0;
   while (at < data.size()) {
     const Bytes rest = data.subspan(at);
-    const RTSPChannelIds ids = Channels();
-    const bool interleaved = ids != RTSPChannelIds{-1, -1, -1, -1};
+    const RTSPStreamChannels ids = Channels();
+    const bool interleaved = ids != kNoChannels;
     const Step step =
         interleaved && rest[0] == '$' ? ParseFrame(rest, ids) : ParseMessage(rest, interleaved);
     if (step.consumed == 0) {
@@ -130,22 +161,29 @@ std::size_t RTSPDemultiplexer::Parse(Bytes data) {
       break;
     }
     head_searched_ = 0;
+    unended_ = 0;
     no_message_ -= std::min(no_message_, step.consumed);
     at += step.consumed;
   }
   return at;
 }
 
-RTSPDemultiplexer::Step RTSPDemultiplexer::ParseFrame(Bytes rest, const RTSPChannelIds& ids) {
+RTSPDemultiplexer::Step RTSPDemultiplexer::ParseFrame(Bytes rest, const RTSPStreamChannels& ids) {
   if (rest.size() < 2) return {0, 2, kInterleavedPrefix};
-  const int type = GetInterleaveType(rest[1], ids);
-  if (type < 0) return Skip(rest, true);
+  const int type = TypeOf(rest[1], ids);
+  if (type < 0 && !(in_step_ && rest[1] < kStrayChannels)) return Skip(rest, true);
   if (rest.size() < kInterleavedPrefix) return {0, kInterleavedPrefix, kInterleavedPrefix};
   const std::size_t size = kInterleavedPrefix + (static_cast<std::size_t>(rest[2]) << 8) + rest[3];
   const std::size_t with_next = size + kInterleavedPrefix;
   if (rest.size() < with_next) return {0, with_next, with_next};
-  if (!IsValidHeader(rest.subspan(size), ids)) return Skip(rest, true);
-  sink_.OnInterleavedPacket(type, rest.first(size));
+  if (!IsValidHeader(rest.subspan(size, kInterleavedPrefix), ids, in_step_)) {
+    return Skip(rest, true);
+  }
+  if (type >= 0) {
+    sink_.OnInterleavedPacket(type, rest.first(size));
+  } else {
+    Count(stray_, 1);
+  }
   in_step_ = true;
   no_message_ = 0;
   return {size, 0, 0};
@@ -181,7 +219,13 @@ RTSPDemultiplexer::Step RTSPDemultiplexer::ParseMessage(Bytes rest, bool interle
     return {0, text.size() + 1, kMaxHead};
   }
 
-  const std::size_t body = RTSPMessage(text.substr(0, head)).ContentLength();
+  const RTSPMessage message(text.substr(0, head));
+  if (unended_ > 0 ||
+      (description_expected_.load(std::memory_order_relaxed) && !interleaved &&
+       message.IsResponse() && message.Status() == 200 && !message.HasHeader("Content-Length"))) {
+    return ParseUnended(text, head);
+  }
+  const std::size_t body = message.ContentLength();
   if (body > kMaxBody) {
     Count(oversize_, 1);
     Count(skipped_, head);
@@ -196,6 +240,24 @@ RTSPDemultiplexer::Step RTSPDemultiplexer::ParseMessage(Bytes rest, bool interle
   sink_.OnMessage(text.substr(0, size));
   in_step_ = true;
   return {size, 0, 0};
+}
+
+RTSPDemultiplexer::Step RTSPDemultiplexer::ParseUnended(std::string_view text, std::size_t head) {
+  constexpr std::size_t kLongestStart = 16;
+  const std::size_t most = head + kMaxBody;
+  const std::size_t next =
+      FindMessageLine(text, std::max(head + kLongestStart, unended_) - kLongestStart);
+  const bool ended =
+      next != std::string_view::npos && MatchAnyStart(text.substr(next)) == Match::kYes;
+  const std::string_view message = text.substr(0, std::min(next, most));
+  if (message.size() > unended_) sink_.OnUnendedMessage(message, unended_ > 0);
+  unended_ = message.size();
+  if (ended || text.size() >= most) {
+    in_step_ = true;
+    return {message.size(), 0, 0};
+  }
+  head_searched_ = head - 3;
+  return {0, text.size() + 1, most};
 }
 
 // Steps to the next byte that can start something.

@@ -2,6 +2,7 @@
 // messages.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -13,31 +14,43 @@
 
 namespace cms {
 
+// What a channel carries beyond the types of RTSPInterleaveType: sound to the camera, of which only
+// the camera's RTCP comes in.
+inline constexpr int kInterleaveTalkRTP = 4;
+inline constexpr int kInterleaveTalkRTCP = 5;
+
+// Channel ids by type: the four of RTSPChannelIds, then those of the talk stream; -1 for none.
+using RTSPStreamChannels = std::array<int, 6>;
+inline constexpr RTSPStreamChannels kNoChannels = {-1, -1, -1, -1, -1, -1};
+
 // The rules:
-// - A frame ("$", a negotiated channel id, a length) is taken only when it is there whole and is
-// followed by
+// - A frame ("$", a channel id, a length) is taken only when it is there whole and is followed by
 //   the four bytes of another valid header, so that a "$" inside lost data is not taken for one.
 //   The start of an RTSP message counts as a valid header too: an answer between two packets costs
 //   neither.
+// - While the stream is in step, a header with any channel below kStrayChannels is valid, and so is
+//   a blank line: servers also send streams that nobody set up. Their frames are stepped over. Once
+//   out of step only negotiated channels lead back.
 // - A message starts at a frame boundary and is delivered at once when its head and as much body as
-// its
-//   Content-Length says are there, however many segments they came in. Blank lines before it are
-//   ignored.
+//   its Content-Length says are there, however many segments they came in. Blank lines before it
+//   are ignored.
+// - A description that is expected and comes without a Content-Length lasts until the next message
+//   starts. It is delivered with what there is of it, and again each time that there is more.
 // - Anything else is skipped byte by byte and counted, up to the next frame or the next "RTSP/1."
-// of an
-//   answer. Without channels (media over UDP) the stream is messages only.
+//   of an answer. Without channels (media over UDP) the stream is messages only.
 // - A message beyond the named maxima is counted and its head skipped.
 //
 // A frame or message that lies whole in what Add is given is delivered from there without a copy.
 // Only an unfinished tail is kept, and from the next bytes only as many are added to it as finish
 // it.
 //
-// Threads: Add and Reset belong to the thread that reads the connection; SetChannels and the
-// counters to any.
+// Threads: Add and Reset belong to the thread that reads the connection; SetChannels,
+// ExpectDescription and the counters to any.
 class RTSPDemultiplexer {
  public:
   static constexpr std::size_t kMaxHead = 65536;
   static constexpr std::size_t kMaxBody = 262144;
+  static constexpr int kStrayChannels = 16;  // the ids that servers number their streams with
 
   // Receives what was cut out, in the order of the stream, on the thread that calls Add. The bytes
   // are valid during the call only. An implementation may call SetChannels, but neither Add nor
@@ -45,16 +58,24 @@ class RTSPDemultiplexer {
   class Sink {
    public:
     virtual ~Sink() = default;
-    // `frame` is the packet with its four-byte prefix; `type` is an RTSPInterleaveType.
+    // `frame` is the packet with its four-byte prefix; `type` is the index of its channel.
     virtual void OnInterleavedPacket(int type, std::span<const std::uint8_t> frame) = 0;
     // One whole message, head and body.
     virtual void OnMessage(std::string_view message) = 0;
+    // A description of unknown length as far as it has come: first with `grown` false, then with
+    // more of it behind the same head.
+    virtual void OnUnendedMessage(std::string_view message, bool grown) = 0;
   };
 
   explicit RTSPDemultiplexer(Sink& sink);  // the sink outlives the demultiplexer
 
   // The channel ids by type, -1 for none; in force from the next frame on. All are -1 at first.
-  void SetChannels(const RTSPChannelIds& ids);
+  void SetChannels(const RTSPStreamChannels& ids);
+
+  // Whether the next good answer has a description behind it.
+  void ExpectDescription(bool expect) {
+    description_expected_.store(expect, std::memory_order_relaxed);
+  }
 
   void Add(std::span<const std::uint8_t> data);
 
@@ -65,6 +86,8 @@ class RTSPDemultiplexer {
   // count as skipped bytes as well).
   std::uint64_t SkippedBytes() const { return skipped_.load(std::memory_order_relaxed); }
   std::uint64_t OversizeMessages() const { return oversize_.load(std::memory_order_relaxed); }
+  // Frames of channels that nobody set up.
+  std::uint64_t StrayFrames() const { return stray_.load(std::memory_order_relaxed); }
 
  private:
   // What to do with the bytes at the current position: go on behind `consumed` of them, or, when it
@@ -76,16 +99,19 @@ class RTSPDemultiplexer {
   };
 
   std::size_t Parse(std::span<const std::uint8_t> data);
-  Step ParseFrame(std::span<const std::uint8_t> rest, const RTSPChannelIds& ids);
+  Step ParseFrame(std::span<const std::uint8_t> rest, const RTSPStreamChannels& ids);
   Step ParseMessage(std::span<const std::uint8_t> rest, bool interleaved);
+  Step ParseUnended(std::string_view text, std::size_t head);
   Step Skip(std::span<const std::uint8_t> rest, bool interleaved);
   void Append(std::span<const std::uint8_t> data);
-  RTSPChannelIds Channels() const;
+  RTSPStreamChannels Channels() const;
 
   Sink& sink_;
-  std::atomic<std::uint64_t> channels_;  // the four ids as 16-bit numbers
+  std::atomic<std::uint64_t> channels_;  // the six ids as 10-bit numbers
+  std::atomic<bool> description_expected_{false};
   std::atomic<std::uint64_t> skipped_{0};
   std::atomic<std::uint64_t> oversize_{0};
+  std::atomic<std::uint64_t> stray_{0};
 
   // Room for the largest message; a frame with the header behind it is smaller. Nothing else is
   // ever kept, so that there is nothing to discard, however much arrives. Pages come with use.
@@ -97,6 +123,7 @@ class RTSPDemultiplexer {
   bool in_step_ = true;            // the position is a boundary, not inside skipped data
   std::size_t head_searched_ = 0;  // bytes from the position known to hold no end of a head
   std::size_t no_message_ = 0;     // bytes from the position known to start no message
+  std::size_t unended_ = 0;        // bytes of an unended message that were delivered
 };
 
 }  // namespace cms

@@ -1,6 +1,8 @@
 #include "cms/streaming/internal/rtsp_message.h"
 
 #include <algorithm>
+#include <array>
+#include <charconv>
 
 #include "cms/streaming/internal/text_scanner.h"
 
@@ -55,7 +57,11 @@ RTSPMessage::RTSPMessage(std::string_view text) : text_(text) {
 }
 
 bool RTSPMessage::IsResponse() const {
-  return text_.starts_with("RTSP/");
+  return text_.starts_with("RTSP/") || IsOfWebServer();
+}
+
+bool RTSPMessage::IsOfWebServer() const {
+  return text_.starts_with("HTTP/");
 }
 
 unsigned RTSPMessage::Status() const {
@@ -129,6 +135,7 @@ std::optional<RTSPSessionHeader> ParseSessionHeader(std::string_view value) {
 std::optional<RTSPTransportHeader> ParseTransport(std::string_view value) {
   RTSPTransportHeader transport;
   value = TakeItem(value, ',');
+  transport.tcp = EqualAnyCase(Trim(value.substr(0, value.find(';'))), "RTP/AVP/TCP");
   while (!value.empty()) {
     std::string_view parameter = TakeItem(value, ';');
     const std::string_view name = TakeItem(parameter, '=');
@@ -139,12 +146,25 @@ std::optional<RTSPTransportHeader> ParseTransport(std::string_view value) {
     if (EqualAnyCase(name, "client_port")) pair = &transport.clientPort;
     if (pair) {
       *pair = ParsePair(parameter, interleaved ? 255 : 65535);
-      if (!*pair) return std::nullopt;
+      if (!*pair && pair != &transport.clientPort) return std::nullopt;
     } else if (EqualAnyCase(name, "source")) {
       transport.source = Trim(parameter);
     }
   }
   return transport;
+}
+
+std::string RangeLine(double start, double end) {
+  constexpr double kLongest = 100.0 * 366 * 86400;
+  if (!(start >= 0 && start <= kLongest)) return {};
+  const auto text = [](double seconds) {
+    std::array<char, 32> digits{};
+    const auto result = std::to_chars(digits.data(), digits.data() + digits.size(), seconds,
+                                      std::chars_format::fixed, 3);
+    return std::string(digits.data(), result.ptr);
+  };
+  const bool closed = end >= 0 && end <= kLongest;
+  return "Range: npt=" + text(start) + "-" + (closed ? text(end) : "") + "\r\n";
 }
 
 bool ParsePublic(std::string_view value, std::string_view method) {

@@ -21,8 +21,10 @@ class RTSPMessage {
  public:
   explicit RTSPMessage(std::string_view text);
 
-  // Whether the message is an answer ("RTSP/...") and not the server's own request.
+  // Whether the message is an answer ("RTSP/...", or "HTTP/..." of a web server) and not the
+  // server's own request.
   bool IsResponse() const;
+  bool IsOfWebServer() const;
 
   // The number after the first word of the first line. 200 when there is no first line to read, 0
   // when there is one without a number.
@@ -84,14 +86,19 @@ struct RTSPTransportHeader {
   std::optional<Pair> serverPort;  // port 0: the server does not tell; nothing can be sent to it
   std::optional<Pair> clientPort;
   std::optional<Pair> interleaved;  // channel numbers, 0 to 255
+  bool tcp = false;                 // the protocol is RTP/AVP/TCP
   std::string source;               // the sender's host when it is not the RTSP server, else empty
 };
 
-// Reads the first transport of the value. Nothing when one of the three pairs is malformed or a
+// Reads the first transport of the value. Nothing when serverPort or interleaved is malformed or a
 // number is out of range (ports 65535, channels 255): such an answer cannot be followed. A pair
 // with one number means that number and the next (RFC 2326, 12.39). Unknown parameters, ssrc among
-// them, are ignored.
+// them, and a malformed clientPort, which tells nothing that is needed, are ignored.
 std::optional<RTSPTransportHeader> ParseTransport(std::string_view value);
+
+// PLAY's Range line for a presentation from `start` to `end` seconds, line end included; empty when
+// it has no start. A negative end is an open one. Times beyond a hundred years count as not given.
+std::string RangeLine(double start, double end);
 
 // Whether the Public header's comma-separated value lists the method, in any letter case.
 bool ParsePublic(std::string_view value, std::string_view method);

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "cms/net/client_group.h"
+#include "cms/streaming/internal/sender_filter.h"
 
 namespace {
 
@@ -35,7 +36,21 @@ RTSPStream::~RTSPStream() {
 }
 
 void RTSPStream::OnDatagram(void* context, char* data, int length) {
-  static_cast<RTSPStream*>(context)->subSession.RTPOverRTSPAddPacket(data, length);
+  static_cast<RTSPStream*>(context)->TakePacket(
+      {reinterpret_cast<const std::uint8_t*>(data), static_cast<std::size_t>(length)});
+}
+
+void RTSPStream::TakePacket(std::span<const std::uint8_t> packet) {
+  const auto admitted = gate_.Admit(packet);
+  if (!admitted.empty()) {
+    subSession.RTPOverRTSPAddPacket(admitted.data(), static_cast<int>(admitted.size()));
+  }
+}
+
+bool RTSPStream::Open(int transport, std::uint32_t serverAddress, int group) {
+  const bool udp = transport == kRtspTransportUdp;
+  gate_.Start(config.payloadType, udp);
+  return (!udp || OpenUdp(serverAddress, group)) && StartRtcp(transport, group);
 }
 
 bool RTSPStream::OpenUdp(std::uint32_t serverAddress, int group) {
@@ -58,6 +73,10 @@ bool RTSPStream::OpenUdp(std::uint32_t serverAddress, int group) {
   control.recvContext = nullptr;
   control.recvCallback = nullptr;
 
+  const std::array<std::uint32_t, 2> senders = {serverAddress, config.source};
+  for (const int socket : {config.rtpSocket, config.rtcpSocket}) {
+    cms::TakeDatagramsOnlyFrom(socket, std::span(senders).first(config.source != 0 ? 2 : 1));
+  }
   rtpSocket_ = std::make_unique<RTSPUDPClient>();
   rtpSocket_->SetConfig(rtp);
   rtpSocket_->SetClientSocket(std::exchange(config.rtpSocket, -1));
@@ -69,9 +88,8 @@ bool RTSPStream::OpenUdp(std::uint32_t serverAddress, int group) {
   }
   rtpSocket_->SetRecvSocketBuffer(kRtpReceiveBuffer);
   auto& table = EachClientGroupTable::Instance();
-  table.Register(rtpSocket_.get(), group);
-  table.Register(rtcpSocket_.get(), group);
-  return true;
+  return table.Register(rtpSocket_.get(), group) != 0 &&
+         table.Register(rtcpSocket_.get(), group) != 0;
 }
 
 int RTSPStream::ReadUdp(void* context, unsigned char* buffer, int size) {
@@ -134,12 +152,9 @@ bool RTSPStream::StartRtcp(int transport, int group) {
     rtcpConfig.send = &RTSPStream::SendInterleaved;
   }
   rtcpConfig.sendContext = this;
-  rtcp.SetConfig(rtcpConfig);
-  rtcp.Play();
-  group_ = group;
-  rtcpRegistered_ = true;
-  EachClientGroupTable::Instance().Register(&rtcp, group);
-  return true;
+  rtcpRegistered_ = rtcp.SetConfig(rtcpConfig) != 0 && rtcp.Play() != 0 &&
+                    EachClientGroupTable::Instance().Register(&rtcp, group) != 0;
+  return rtcpRegistered_;
 }
 
 void RTSPStream::Stop() {
@@ -182,18 +197,34 @@ void CMSRTSPClient::Session::LeaveOutAudio() {
 }
 
 void CMSRTSPClient::Session::SetChannels() {
-  connection_.SetChannels({video_.config.rtpChannel, video_.config.rtcpChannel,
-                           audio_.Present() ? audio_.config.rtpChannel : -1,
-                           audio_.Present() ? audio_.config.rtcpChannel : -1});
+  cms::RTSPStreamChannels channels = cms::kNoChannels;
+  const RTSPStream* const streams[] = {&video_, &audio_, &talk_};
+  for (std::size_t i = 0; i < std::size(streams); ++i) {
+    if (streams[i]->Present()) {
+      channels[2 * i] = streams[i]->config.rtpChannel;
+      channels[2 * i + 1] = streams[i]->config.rtcpChannel;
+    }
+  }
+  connection_.SetChannels(channels);
 }
 
 void CMSRTSPClient::Session::OnPacket(int type, std::span<const std::uint8_t> frame) {
-  RTSPStream& stream = type <= kInterleaveVideoRTCP ? video_ : audio_;
-  if (type == kInterleaveVideoRTP || type == kInterleaveAudioRTP) {
-    const auto packet = frame.subspan(kInterleavedPrefix);
-    stream.subSession.RTPOverRTSPAddPacket(packet.data(), static_cast<int>(packet.size()));
-  } else {
-    stream.rtcp.RTPOverRTSPAddPacket(frame.data(), static_cast<int>(frame.size()));
+  switch (type) {
+    case kInterleaveVideoRTP:
+      video_.TakePacket(frame.subspan(kInterleavedPrefix));
+      break;
+    case kInterleaveAudioRTP:
+      audio_.TakePacket(frame.subspan(kInterleavedPrefix));
+      break;
+    case cms::kInterleaveTalkRTP:  // sound goes there; nothing comes from there
+      break;
+    default: {
+      RTSPStream& stream = type == kInterleaveVideoRTCP   ? video_
+                           : type == kInterleaveAudioRTCP ? audio_
+                                                          : talk_;
+      stream.rtcp.RTPOverRTSPAddPacket(frame.data(), static_cast<int>(frame.size()));
+      break;
+    }
   }
 }
 

@@ -7,6 +7,7 @@
 #include <span>
 
 #include "cms/streaming/internal/group_allocator.h"
+#include "cms/streaming/internal/rtp_gate.h"
 #include "cms/streaming/internal/rtsp_connection.h"
 #include "cms/streaming/internal/talk_back.h"
 #include "cms/streaming/media_session.h"
@@ -24,8 +25,11 @@ class RTSPStream {
   RTSPStream& operator=(const RTSPStream&) = delete;
 
   bool Present() const { return config.payloadType != kNoPayloadType; }
-  bool OpenUdp(std::uint32_t serverAddress, int group);
-  bool StartRtcp(int transport, int group);
+  // Makes ready to receive what SETUP agreed on: over UDP from `serverAddress` (host order) and the
+  // configuration's source only. False when descriptors, threads or memory are short.
+  bool Open(int transport, std::uint32_t serverAddress, int group);
+  // One RTP packet that came in; on the receiving thread.
+  void TakePacket(std::span<const std::uint8_t> packet);
   void Stop();  // no packet arrives after it; counters stay readable
   // One whole RTP packet to the other end; false when it was not taken.
   bool SendRtp(std::span<const std::uint8_t> packet);
@@ -35,13 +39,15 @@ class RTSPStream {
   RTCPInstance rtcp;
 
  private:
+  bool OpenUdp(std::uint32_t serverAddress, int group);
+  bool StartRtcp(int transport, int group);
   static void OnDatagram(void* context, char* data, int length);
   static int ReadUdp(void* context, unsigned char* buffer, int size);
   static int SendUdp(void* context, const unsigned char* data, int length);
   static int SendInterleaved(void* context, const unsigned char* data, int length);
 
   cms::RTSPConnection& connection_;
-  int group_ = 0;
+  cms::RtpGate gate_;
   bool rtcpRegistered_ = false;
   std::unique_ptr<RTSPUDPClient> rtpSocket_;
   std::unique_ptr<RTSPUDPClient> rtcpSocket_;

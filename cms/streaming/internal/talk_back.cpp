@@ -18,6 +18,15 @@ std::size_t SectionEnd(std::string_view text, std::size_t from) {
   return next == std::string_view::npos ? text.size() : next + 1;
 }
 
+template <typename Visit>
+void ForEachSection(std::string_view text, Visit visit) {
+  while (!text.empty()) {
+    const std::size_t end = SectionEnd(text, 0);
+    visit(text.substr(0, end));
+    text.remove_prefix(end);
+  }
+}
+
 bool HasLine(std::string_view section, std::string_view line) {
   for (std::size_t at = section.find(line); at != std::string_view::npos;
        at = section.find(line, at + 1)) {
@@ -34,13 +43,17 @@ bool HasLine(std::string_view section, std::string_view line) {
 
 TalkBackDescription SplitTalkBack(std::string_view description) {
   TalkBackDescription result;
-  std::size_t at = SectionEnd(description, 0);
-  result.viewing = description.substr(0, at);
-  while (at < description.size()) {
-    const std::size_t end = SectionEnd(description, at);
-    const std::string_view section = description.substr(at, end - at);
-    at = end;
-    if (!section.starts_with("m=audio") || !HasLine(section, "a=sendonly")) {
+  const std::size_t head = SectionEnd(description, 0);
+  result.viewing = description.substr(0, head);
+  int audioSections = 0;
+  bool cameraSends = false;
+  ForEachSection(description.substr(head), [&](std::string_view section) {
+    audioSections += section.starts_with("m=audio") ? 1 : 0;
+    cameraSends |= section.starts_with("m=video") && HasLine(section, "a=sendonly");
+  });
+  const bool onlyMicrophone = cameraSends && audioSections == 1;
+  ForEachSection(description.substr(head), [&](std::string_view section) {
+    if (onlyMicrophone || !section.starts_with("m=audio") || !HasLine(section, "a=sendonly")) {
       result.viewing += section;
     } else if (result.talk.payloadType == kNoPayloadType) {
       // The reader of descriptions wants some video.
@@ -49,7 +62,7 @@ TalkBackDescription SplitTalkBack(std::string_view description) {
       reader.ParseDescription("v=0\r\nm=video 0 RTP/AVP 96\r\n" + std::string(section), video,
                               result.talk);
     }
-  }
+  });
   return result;
 }
 

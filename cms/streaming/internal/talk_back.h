@@ -24,7 +24,8 @@ struct TalkBackDescription {
   _RTSPSUBSESSION_CONFIG talk;
 };
 
-// Takes the audio sections that the client is to send ("a=sendonly") out of a description.
+// Takes the audio sections that the client is to send ("a=sendonly") out of a description. Some
+// cameras mark what they themselves send so, video too: their only audio is the microphone.
 TalkBackDescription SplitTalkBack(std::string_view description);
 
 // The format of the blocks that a described backchannel takes: codec CMS_CODEC_NONE for none.
