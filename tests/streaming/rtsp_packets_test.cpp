@@ -131,6 +131,30 @@ TEST(RtspPackets, StrangersAndDoubledDatagramsCostNoPicture) {
   EXPECT_EQ(LostPackets(client), 0u);
 }
 
+TEST(RtspPackets, OverUdpTheWayIsOpenedFromTheClientsSide) {
+  const int camera = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  ASSERT_TRUE(test::BindLoopback(camera, 0));
+  const std::string port = std::to_string(test::LocalPort(camera));
+  ScriptedRtspServer server({.sdp = "v=0\r\nm=video 0 RTP/AVP 26\r\n"});
+  server.On("SETUP", [&](const test::RtspRequest& r) {
+    return test::WithHeader(server.GoodAnswer(r), "Transport",
+                            r.Header("Transport") + ";source=127.0.0.1;server_port=" + port);
+  });
+  RtspTestClient client;
+  stRTSPClientConfig config = ConfigFor(server.Url(), kRtspTransportUdp);
+  client.SetConfig(&config);
+  ASSERT_EQ(client.OpenStream(), 1) << client.GetConnectionStatus().detail;
+  sockaddr_in from{};
+  socklen_t size = sizeof from;
+  char packet[64];
+  ASSERT_TRUE(WaitFor([&] {
+    return recvfrom(camera, packet, sizeof packet, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&from),
+                    &size) == 12;
+  }));
+  EXPECT_EQ(ntohs(from.sin_port), ClientPort(server));
+  close(camera);
+}
+
 class ReportsOver : public testing::TestWithParam<int> {};
 INSTANTIATE_TEST_SUITE_P(, ReportsOver,
                          testing::Values(kRtspTransportUdp, kRtspTransportInterleaved));

@@ -1,5 +1,7 @@
 #include "cms/streaming/internal/rtsp_session.h"
 
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -20,6 +22,21 @@ constexpr int kDirectDepth = 2;  // of queues that a callback stands in for
 constexpr int kSocketsPerUdpStream = 2;
 constexpr int kSocketsPerUdpSession = 1 + 2 * kSocketsPerUdpStream;
 constexpr int kTalkDepth = 16;  // RTP packets of sound on their way out
+
+// An RTP packet without payload to where the stream will come from: a firewall or address
+// translation in between then lets the stream in. If it is lost, so be it.
+void OpenWay(int socket, std::uint32_t address, std::uint16_t port) {
+  if (port == 0) {
+    return;
+  }
+  constexpr std::array<std::uint8_t, 12> kEmptyPacket = {0x80};
+  sockaddr_in to{};
+  to.sin_family = AF_INET;
+  to.sin_port = htons(port);
+  to.sin_addr.s_addr = htonl(address);
+  sendto(socket, kEmptyPacket.data(), kEmptyPacket.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
+         reinterpret_cast<const sockaddr*>(&to), sizeof to);
+}
 
 }  // namespace
 
@@ -73,6 +90,8 @@ bool RTSPStream::OpenUdp(std::uint32_t serverAddress, int group) {
   control.recvContext = nullptr;
   control.recvCallback = nullptr;
 
+  OpenWay(config.rtpSocket, config.source != 0 ? config.source : serverAddress,
+          config.serverRtpPort);
   const std::array<std::uint32_t, 2> senders = {serverAddress, config.source};
   for (const int socket : {config.rtpSocket, config.rtcpSocket}) {
     cms::TakeDatagramsOnlyFrom(socket, std::span(senders).first(config.source != 0 ? 2 : 1));
