@@ -29,7 +29,7 @@ LEAVES = {
         "buffer frame_buffer circular_buffer simple_buffer auto_buffer raw_buffer "
         "frame_header codec_id internal/zeroed internal/slot_ring".split()
     )
-} | {"cms/streaming/stream_probes"}
+} | {"cms/streaming/stream_probes", "cms/streaming/internal/bit_reader"}
 
 # What the library is built with stays out of the headers that client applications include.
 FOREIGN = re.compile(r"(libav\w+|libsw\w+|openssl|curl|gst|glib|png|nlohmann|CLI)(/|\.h|$)")
