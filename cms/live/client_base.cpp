@@ -99,6 +99,9 @@ void CMSClientBase::OnDecodeVideoFrame(void* data, int size, unsigned channel, i
     return;
   }
   state->ReInitialCodec();
+  if (mustDecode_.load(std::memory_order_relaxed) == 0) {
+    state->ReleaseCodec();  // decoding was switched off under this frame
+  }
 }
 
 // --- Statistics and pictures --------------------------------------------------------------------

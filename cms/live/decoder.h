@@ -24,9 +24,17 @@ enum DECODE_RESULT : int {
 //
 // Threads: any thread may call any member. Decoding calls exclude one another, and meet a drawing
 // thread only on the implementation lock, which Decode takes for the conversion of a picture and
-// LockDecodedImage holds until UnlockDecodedImage: a viewer never waits longer than for one
-// conversion, and decoding waits for a viewer. Between Lock... and Unlock... a thread calls no
-// other member than GetDecodeImageSize, SetDisplaySize and PutBuffer.
+// LockDecodedImage holds until UnlockDecodedImage: a viewer waits for one conversion, or
+// while another thread opens a codec for the frame that is being decoded, and decoding waits for a
+// viewer. Between Lock... and Unlock... a
+// thread may call the other members, but not Decode while another thread decodes, and neither
+// StartThread nor EndThread.
+//
+// Colours: BGRA by the matrix and range that the stream names, as ffmpeg shows them; without a name
+// BT.601, JPEGs full range, others limited. Nothing is written to standard error about a damaged
+// stream: on the first opening of a codec the codec library's log callback is replaced by one that
+// leaves this library's calls out. A client application that has a callback of its own
+// (av_log_set_callback) sets it after that.
 class CMS_API CMSDecoder {
  public:
   // Bytes behind the data of Decode that must be readable; their values do not matter.

@@ -163,7 +163,7 @@ long CFrameBuffer::BufferCopy(CFrameBuffer* other) {
   if (slot_size_ == 0 || other->slot_size_ == 0) {
     return 0;
   }
-  for (long pass = 0; pass <= slot_count_; ++pass) {
+  for (long pass = 0; pass <= slot_count_ && !IsBufEmpty(); ++pass) {
     if (GetReadRemnantSize() > 0) {
       unsigned char* const place = other->GetWriteBufPos();
       CBuffer* const slot = other->WriteSlot();

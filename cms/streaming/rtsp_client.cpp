@@ -178,14 +178,13 @@ int CMSRTSPClient::ChangeRecordPath(const wchar_t* path) {
 void CMSRTSPClient::SetMustDecode(int decode) {
   ScopeLock lock(lock_);
   CMSChannelDataBase* const channel = Channel(config_.channel);
-  if (channel != nullptr) {
-    if (decode != 0) {
-      InitialChannelCodec();
-    } else {
-      channel->ReleaseCodec();
-    }
+  if (channel != nullptr && decode != 0) {
+    InitialChannelCodec();
   }
   CMSClientBase::SetMustDecode(decode);
+  if (channel != nullptr && decode == 0) {
+    channel->ReleaseCodec();  // behind the switch: a frame that meets it does not open it again
+  }
 }
 
 CMSCodecID CMSRTSPClient::VideoCodec() const {

@@ -320,6 +320,9 @@ TEST(DecodeThread, DecodesWhatIsQueuedInOrderAndEndsWithoutTheRest) {
   ASSERT_EQ(decoder.StartThread(), 0);
   EXPECT_EQ(decoder.StartThread(), 0);
   EXPECT_EQ(decoder.IsThreadAlive(), 0);
+  decoder.Release();
+  EXPECT_EQ(decoder.StartThread(), 1) << "the thread runs, but there is no codec";
+  ASSERT_EQ(decoder.Create(DECODE_CODEC_H264, {}), 0);
   for (const EncodedFrame& frame : clip) {
     // The unpadded copy shows that the queue provides the bytes behind a frame.
     ASSERT_EQ(decoder.PutBuffer(frame.data.data(), static_cast<int>(frame.data.size())), 1);
@@ -391,6 +394,35 @@ TEST(DecodeThread, ResetDropsTheQueuedFramesOfTheStreamBefore) {
   EXPECT_EQ(gate.results.counts[DECODE_RESULT_PICTURE], 2);
   decoder.EndThread();
   EXPECT_EQ(gate.results.Total(), 2);
+}
+
+// A drawing thread asks and resets while it holds the picture, as one lock for all would allow.
+TEST(DecodeThread, ADrawingThreadMayUseTheDecoderWhileItHoldsThePicture) {
+  const auto clip = EncodeClip(Spec(ClipCodec::kMjpeg, 320, 240, 1));
+  const Bytes& data = clip[0].data;
+  std::atomic<bool> stop{false};
+  std::atomic<int> decoded{0};
+  CMSDecoder decoder;
+  ASSERT_EQ(decoder.Create(DECODE_CODEC_MJPEG, {}), 0);
+  std::thread receiver([&] {
+    while (!stop) {
+      decoded += Decode(decoder, data) == DECODE_RESULT_PICTURE ? 1 : 0;
+    }
+  });
+  for (int round = 0; round < 200; ++round) {
+    const int before = decoded;
+    ASSERT_TRUE(test::WaitFor([&] { return decoded > before; }));
+    decoder.LockDecodedImage(nullptr);
+    EXPECT_EQ(decoder.IsResetNeeded(DECODE_CODEC_MJPEG, {320, 240}), 1);
+    if (round % 4 == 0) {
+      EXPECT_EQ(decoder.Reset(), 0);
+      EXPECT_EQ(decoder.GetDecodeImageSize().cx, 0);
+    }
+    decoder.UnlockDecodedImage();
+  }
+  stop = true;
+  receiver.join();
+  EXPECT_EQ(NumberShown(decoder, 320), 0);
 }
 
 TEST(DecodeThread, EndsUnderLoadWhileOthersDrawResetAndQueue) {

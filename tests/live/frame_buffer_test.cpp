@@ -132,7 +132,10 @@ TEST(CFrameBuffer, CopiesFramesFromRingToRing) {
   Put(from, "second");
   EXPECT_EQ(from.BufferCopy(&to), 5);
   EXPECT_EQ(from.BufferCopy(&to), 6);
-  EXPECT_EQ(from.BufferCopy(&to), 0);
+  for (int empty = 0; empty < 4; ++empty) {
+    EXPECT_EQ(from.BufferCopy(&to), 0);
+    EXPECT_TRUE(from.IsBufEmpty()) << "no slot is passed that a frame is still to come into";
+  }
   SkipFirst(to);
   EXPECT_EQ(Get(to), "first");
   EXPECT_EQ(Get(to), "second");

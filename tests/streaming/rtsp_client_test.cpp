@@ -3,8 +3,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <thread>
+#include <vector>
 
+#include "tests/support/flat_jpeg.h"
 #include "tests/support/process_state.h"
 #include "tests/support/rtsp_test_client.h"
 #include "tests/support/scripted_rtsp_server.h"
@@ -472,6 +475,35 @@ TEST_P(BothTransports, ManyRoundsLeakNothing) {
   }
   EXPECT_TRUE(WaitFor([&] { return test::OpenDescriptors() <= descriptors; }));
   EXPECT_TRUE(WaitFor([&] { return test::RunningThreads() <= threads + 1; }));
+}
+
+// Frames of a damaged stream open the decoder again and again; none does so behind the switch.
+TEST(CMSRTSPClient, DecodingThatIsSwitchedOffUnderAFrameStaysOff) {
+  for (int round = 0; round < 50; ++round) {
+    RtspTestClient client;
+    client.CMSClientBase::SetMustDecode(1);
+    client.EnableDecode(0, 0);
+    ASSERT_EQ(client.Channel(0)->InitialCodec(CMS_CODEC_MJPEG), 1);
+    std::atomic<bool> stop{false};
+    std::atomic<int> given{0};
+    std::thread receiver([&] {
+      unsigned char header[116] = {};
+      unsigned char damaged[256] = {0xFF, 0xD8};
+      while (!stop) {
+        client.OnGetVideoFrame(header, sizeof header, damaged, 100, 0, 1);
+        ++given;
+      }
+    });
+    ASSERT_TRUE(WaitFor([&] { return given > 2; }));
+    client.SetMustDecode(0);
+    stop = true;
+    receiver.join();
+    const auto jpeg = test::FlatJpeg({{1, 2, 3}}, 1, {2, 2});
+    std::vector<unsigned char> padded(jpeg.begin(), jpeg.end());
+    padded.resize(jpeg.size() + CMSDecoder::kInputPadding);
+    EXPECT_EQ(client.Channel(0)->DecodeFrame(padded.data(), static_cast<int>(jpeg.size())), -1)
+        << "the decoder is open";
+  }
 }
 
 }  // namespace

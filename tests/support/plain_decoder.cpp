@@ -45,10 +45,8 @@ std::vector<std::uint8_t> PlainDecoder::DecodeToBgra(const std::vector<std::uint
   if (sent < 0 || avcodec_receive_frame(state_->context, state_->frame) < 0) {
     return {};
   }
-  AVPixelFormat format = static_cast<AVPixelFormat>(frame->format);
-  if (format == AV_PIX_FMT_YUVJ420P) {
-    format = AV_PIX_FMT_YUV420P;
-  }
+  // Of a full-range format the scaler knows the range by itself.
+  const AVPixelFormat format = static_cast<AVPixelFormat>(frame->format);
   AVFrame* bgra = state_->bgra;
   bgra->format = AV_PIX_FMT_BGRA;
   bgra->width = width;

@@ -12,6 +12,8 @@ namespace test {
 
 class RtspTestClient final : public CMSRTSPClient {
  public:
+  using CMSRTSPClient::Channel;
+
   struct Frame {
     std::string header;
     std::string payload;

@@ -35,6 +35,8 @@ AVPixelFormat PlainFormat(int format) {
       return AV_PIX_FMT_YUV444P;
     case AV_PIX_FMT_YUVJ440P:
       return AV_PIX_FMT_YUV440P;
+    case AV_PIX_FMT_YUVJ411P:
+      return AV_PIX_FMT_YUV411P;
     default:
       return static_cast<AVPixelFormat>(format);
   }

@@ -12,7 +12,8 @@ CMSDecoder::Impl::~Impl() {
 }
 
 int CMSDecoder::Impl::Create(CMSCodecID codec) {
-  const ScopeLock guard(codec_lock_);
+  const ScopeLock guard(lock_);
+  const ScopeLock codecGuard(codec_lock_);
   if (codec != CMS_CODEC_NONE && codec_.Codec() == codec) {
     return 0;
   }
@@ -21,7 +22,8 @@ int CMSDecoder::Impl::Create(CMSCodecID codec) {
 }
 
 int CMSDecoder::Impl::Reset(CMSCodecID codec, bool sameCodec) {
-  const ScopeLock guard(codec_lock_);
+  const ScopeLock guard(lock_);
+  const ScopeLock codecGuard(codec_lock_);
   const CMSCodecID open = codec_.Codec();
   if (open == CMS_CODEC_NONE) {
     return 1;
@@ -31,20 +33,21 @@ int CMSDecoder::Impl::Reset(CMSCodecID codec, bool sameCodec) {
 }
 
 void CMSDecoder::Impl::Release() {
-  const ScopeLock guard(codec_lock_);
+  const ScopeLock guard(lock_);
+  const ScopeLock codecGuard(codec_lock_);
   Close();
 }
 
 void CMSDecoder::Impl::Close() {
   codec_.Close();
+  ++opening_;
   queue_.Clear();  // its frames refer to pictures that are gone
-  const ScopeLock guard(lock_);
   decoded_ = {};
 }
 
 int CMSDecoder::Impl::IsResetNeeded(tagSIZE size) {
-  const ScopeLock codecGuard(codec_lock_);
   const ScopeLock guard(lock_);
+  const ScopeLock codecGuard(codec_lock_);
   const tagSIZE codec{codec_.Width(), codec_.Height()};
   if (decoded_.cx != 0 && decoded_.cx != size.cx && codec.cx != 0 && codec.cx != size.cx) {
     return 0;
@@ -58,15 +61,11 @@ DECODE_RESULT CMSDecoder::Impl::Decode(const unsigned char* data, int length, in
   DECODE_RESULT result = DECODE_RESULT_ERROR;
   DisplayCallback callback = nullptr;
   {
-    const ScopeLock guard(codec_lock_);
-    const bool taken = codec_.Codec() != CMS_CODEC_NONE && data != nullptr && length > 0;
-    if (used != nullptr) {
-      *used = taken ? length : 0;
-    }
-    switch (codec_.Decode(data, length)) {
+    const ScopeLock guard(decode_lock_);
+    switch (Run(data, length, used)) {
       case cms::VideoCodec::Result::kPicture:
         result = Show(callback);
-        codec_.ReleasePicture();
+        av_frame_unref(frame_.get());  // its memory goes back to the codec while it is still warm
         break;
       case cms::VideoCodec::Result::kNoPicture:
         result = DECODE_RESULT_NO_PICTURE;
@@ -81,17 +80,36 @@ DECODE_RESULT CMSDecoder::Impl::Decode(const unsigned char* data, int length, in
   return result;
 }
 
-DECODE_RESULT CMSDecoder::Impl::Show(DisplayCallback& callback) {
-  const AVFrame& frame = codec_.Picture();
-  const ScopeLock guard(lock_);
-  const bool first = decoded_.cx == 0;
-  const bool changed = !first && (decoded_.cx != frame.width || decoded_.cy != frame.height);
-  decoded_ = {frame.width, frame.height};
-  if (changed) {
-    return DECODE_RESULT_ERROR;
+// A picture lies in frame_ then.
+cms::VideoCodec::Result CMSDecoder::Impl::Run(const unsigned char* data, int length, int* used) {
+  const ScopeLock guard(codec_lock_);
+  const bool taken =
+      frame_ != nullptr && codec_.Codec() != CMS_CODEC_NONE && data != nullptr && length > 0;
+  if (used != nullptr) {
+    *used = taken ? length : 0;
   }
-  const bool sized = display_.cx > 0 && display_.cy > 0;
-  const tagSIZE target = sized ? display_ : decoded_;
+  const cms::VideoCodec::Result result =
+      taken ? codec_.Decode(data, length) : cms::VideoCodec::Result::kError;
+  if (result == cms::VideoCodec::Result::kPicture) {
+    codec_.TakePicture(frame_.get());
+    frame_opening_ = opening_.load(std::memory_order_relaxed);
+  }
+  return result;
+}
+
+DECODE_RESULT CMSDecoder::Impl::Show(DisplayCallback& callback) {
+  const AVFrame& frame = *frame_;
+  const tagSIZE size{frame.width, frame.height};
+  const ScopeLock guard(lock_);
+  if (frame_opening_ == opening_) {  // else it is the last of a stream that was closed meanwhile
+    const bool first = decoded_.cx == 0;
+    const bool changed = !first && (decoded_.cx != size.cx || decoded_.cy != size.cy);
+    decoded_ = size;
+    if (changed) {
+      return DECODE_RESULT_ERROR;
+    }
+  }
+  const tagSIZE target = display_.cx > 0 && display_.cy > 0 ? display_ : size;
   if (!picture_.Convert(frame, static_cast<int>(target.cx), static_cast<int>(target.cy))) {
     return DECODE_RESULT_ERROR;
   }
@@ -125,14 +143,14 @@ tagSIZE CMSDecoder::Impl::DecodedSize() {
 
 int CMSDecoder::Impl::StartThread() {
   const ScopeLock guard(control_lock_);
-  if (thread_.joinable()) {
-    return 0;
-  }
   {
     const ScopeLock codecGuard(codec_lock_);
     if (codec_.Codec() == CMS_CODEC_NONE) {
       return 1;
     }
+  }
+  if (thread_.joinable()) {
+    return 0;
   }
   queue_.Start();
   try {

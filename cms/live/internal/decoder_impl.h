@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <memory>
 #include <thread>
 
 #include "cms/live/decoder.h"
@@ -12,8 +13,10 @@
 #include "cms/runtime/thread_annotations.h"
 
 // Locks, in the order in which they nest: control_lock_ (starting and ending the thread),
-// codec_lock_ (the codec), lock_ (the implementation lock: the converted picture and its sizes,
-// where the drawing thread waits). Decoding holds only codec_lock_, converting both.
+// decode_lock_ (one frame after the other, from its data to its pixels), lock_ (the implementation
+// lock: the converted picture and all sizes, where the drawing thread waits), codec_lock_ (the
+// codec). Nobody who holds codec_lock_ waits for lock_: a drawing thread that holds lock_ may reset
+// the codec. So a decoded picture is moved out of the codec before it is converted.
 class CMSDecoder::Impl {
  public:
   Impl() = default;
@@ -43,15 +46,27 @@ class CMSDecoder::Impl {
   int DewarpMode();
 
  private:
-  void Close() CMS_REQUIRES(codec_lock_);
-  DECODE_RESULT Show(DisplayCallback& callback) CMS_REQUIRES(codec_lock_);
+  struct FreeFrame {
+    void operator()(AVFrame* frame) const { av_frame_free(&frame); }
+  };
+
+  void Close() CMS_REQUIRES(lock_, codec_lock_);
+  cms::VideoCodec::Result Run(const unsigned char* data, int length, int* used)
+      CMS_REQUIRES(decode_lock_);
+  DECODE_RESULT Show(DisplayCallback& callback) CMS_REQUIRES(decode_lock_);
   void DecodeQueued(ResultCallback callback, void* context);
 
   CMSCritical control_lock_;
-  CMSCritical codec_lock_;
+  CMSCritical decode_lock_;
   CMSCritical lock_;
+  CMSCritical codec_lock_;
 
   cms::VideoCodec codec_ CMS_GUARDED_BY(codec_lock_);
+  std::atomic<unsigned> opening_{0};  // counts closings; written under both, read under either
+
+  // The picture between its decoding and its conversion.
+  std::unique_ptr<AVFrame, FreeFrame> frame_ CMS_GUARDED_BY(decode_lock_){av_frame_alloc()};
+  unsigned frame_opening_ CMS_GUARDED_BY(decode_lock_) = 0;
 
   cms::PictureConverter picture_ CMS_GUARDED_BY(lock_);
   tagSIZE decoded_ CMS_GUARDED_BY(lock_);

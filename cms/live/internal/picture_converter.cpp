@@ -8,6 +8,7 @@ extern "C" {
 }
 
 #include "cms/live/internal/codec_map.h"
+#include "cms/live/internal/library_silence.h"
 
 namespace cms {
 namespace {
@@ -39,7 +40,11 @@ PictureConverter::~PictureConverter() {
 
 bool PictureConverter::Convert(const AVFrame& frame, int width, int height) {
   width_ = height_ = 0;
-  const Geometry geometry{frame.width, frame.height, PlainFormat(frame.format), width, height};
+  const LibrarySilence silence;
+  const AVPixelFormat format = PlainFormat(frame.format);
+  const AVColorRange range = format != frame.format ? AVCOL_RANGE_JPEG : frame.color_range;
+  const Geometry geometry{frame.width, frame.height, format, frame.colorspace,
+                          range,       width,        height};
   if (!(geometry == geometry_) && !Prepare(geometry)) {
     return false;
   }
@@ -76,8 +81,29 @@ bool PictureConverter::Prepare(const Geometry& geometry) {
   if (!pixels_ || scaler_ == nullptr) {
     return false;
   }
+  SetColours(geometry);
   geometry_ = geometry;
   return true;
+}
+
+// What the picture does not name stays as the scaler has it: BT.601, limited range, grey full
+// range.
+void PictureConverter::SetColours(const Geometry& geometry) {
+  int* matrix = nullptr;
+  int* toMatrix = nullptr;
+  int full = 0, toFull = 0, brightness = 0, contrast = 0, saturation = 0;
+  if (sws_getColorspaceDetails(scaler_, &matrix, &full, &toMatrix, &toFull, &brightness, &contrast,
+                               &saturation) < 0) {
+    return;  // pictures that are RGB already
+  }
+  if (geometry.from_range != AVCOL_RANGE_UNSPECIFIED) {
+    full = geometry.from_range == AVCOL_RANGE_JPEG ? 1 : 0;
+  }
+  const int* const named = geometry.from_matrix == AVCOL_SPC_UNSPECIFIED
+                               ? matrix
+                               : sws_getCoefficients(geometry.from_matrix);
+  sws_setColorspaceDetails(scaler_, named, full, toMatrix, toFull, brightness, contrast,
+                           saturation);
 }
 
 void PictureConverter::CloseRows(int height, std::size_t stride, std::size_t rowBytes) {

@@ -13,6 +13,9 @@ struct SwsContext;
 
 namespace cms {
 
+// Colours come out by the matrix (BT.601 when the stream names none) and the range, full or
+// limited, that the picture itself names.
+//
 // Owns the pixels of the last converted picture: rows from top to bottom without gaps, 4 bytes a
 // pixel in the order B, G, R, A. Not safe against itself; the owner locks.
 class PictureConverter {
@@ -35,6 +38,8 @@ class PictureConverter {
     int from_width = 0;
     int from_height = 0;
     int from_format = -1;
+    int from_matrix = 0;  // AVColorSpace
+    int from_range = 0;   // AVColorRange
     int to_width = 0;
     int to_height = 0;
     bool operator==(const Geometry&) const = default;
@@ -44,6 +49,7 @@ class PictureConverter {
   };
 
   bool Prepare(const Geometry& geometry);
+  void SetColours(const Geometry& geometry);
   void CloseRows(int height, std::size_t stride, std::size_t rowBytes);
 
   SwsContext* scaler_ = nullptr;

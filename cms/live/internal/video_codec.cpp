@@ -1,13 +1,11 @@
 #include "cms/live/internal/video_codec.h"
 
 #include "cms/live/internal/codec_map.h"
+#include "cms/live/internal/library_silence.h"
 #include "cms/runtime/critical.h"
 
 namespace cms {
 namespace {
-
-// Far above every level, so that a lossy camera does not fill the client application's output.
-constexpr int kSilent = 128;
 
 // Pictures or faults taken out of one Decode's data before the rest is thrown away.
 constexpr int kMaxOutputs = 64;
@@ -26,6 +24,7 @@ VideoCodec::~VideoCodec() {
 }
 
 bool VideoCodec::Open(CMSCodecID codec, bool unrecovered) {
+  const LibrarySilence silence;
   Close();
   if (!Allocate(codec, unrecovered)) {
     Close();
@@ -54,7 +53,6 @@ bool VideoCodec::Allocate(CMSCodecID codec, bool unrecovered) {
   }
   context_->thread_count = 1;  // a site's channels are the parallelism
   context_->max_pixels = kMaxPixels;
-  context_->log_level_offset = kSilent;
   if (unrecovered) {
     context_->flags |= AV_CODEC_FLAG_OUTPUT_CORRUPT;
   }
@@ -81,6 +79,7 @@ VideoCodec::Result VideoCodec::Decode(const std::uint8_t* data, int length, std:
   if (context_ == nullptr || data == nullptr || length <= 0) {
     return Result::kError;
   }
+  const LibrarySilence silence;
   // The codec copies a packet that has no reference-counted buffer. The caller's memory outlives
   // the packet, because Receive takes everything out of the codec: a standing reference saves the
   // copy.
@@ -100,6 +99,7 @@ VideoCodec::Result VideoCodec::Drain() {
   if (context_ == nullptr) {
     return Result::kNoPicture;
   }
+  const LibrarySilence silence;
   avcodec_send_packet(context_, nullptr);
   return avcodec_receive_frame(context_, picture_) == 0 ? Result::kPicture : Result::kNoPicture;
 }

@@ -58,6 +58,8 @@ class VideoCodec {
   // The picture that came last, valid until the next Decode, Drain or Close. Releasing it early
   // gives its memory back to the codec while it is still warm.
   const AVFrame& Picture() const { return *picture_; }
+  // Moves it to `frame`, which is empty: it stays valid there, whatever happens to the codec.
+  void TakePicture(AVFrame* frame) { av_frame_move_ref(frame, picture_); }
   void ReleasePicture() { av_frame_unref(picture_); }
 
  private:
