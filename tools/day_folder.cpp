@@ -1,6 +1,5 @@
 #include "tools/day_folder.h"
 
-#include <cstring>
 #include <stdexcept>
 
 #include "cms/recording/recording_names.h"
@@ -44,8 +43,7 @@ void DayFolder::Follow() {
 }
 
 void DayFolder::Refuse() const {
-  throw std::runtime_error("cannot record into " + cms::NativePath(Path()) +
-                           "*: " + std::strerror(client_.GetRecordingStatus().lastError));
+  throw std::runtime_error("cannot record into " + client_.GetStartRecordError());
 }
 
 }  // namespace tools

@@ -3,9 +3,13 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
+#include <future>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "cms/exports/net_exports.h"
@@ -38,7 +42,7 @@ class Record {
   explicit Record(const Arguments& arguments) : arguments_(arguments) {
     RecordOptions options = arguments.record;
     options.moveTo = cms::SystemPath(AbsolutePath(arguments.moveTo));
-    const DataFolder folder = EnterDataFolder(arguments.data, DataFolderUse::kCreate);
+    options.workingFolder = EnterDataFolder(arguments.data, DataFolderUse::kCreate).recordings;
     CRecFolderDBWriter().WriterRecFolderDB(0, kRecordings);  // where searches look
     for (std::size_t i = 0; i < arguments.streams.urls.size(); ++i) {
       LiveOptions live = OptionsOf(arguments.streams, i);
@@ -72,13 +76,45 @@ class Record {
         Report();
       }
     }
-    for (const auto& site : sites_) {
-      site->Finish();
+    const bool ended = End();
+    const int status = Finish();
+    if (!ended) {
+      std::_Exit(1);  // a thread that waits for the disk would hold up the end
     }
-    return Finish();
+    return status;
   }
 
  private:
+  // All sites are stopped before the first is waited for, and one time holds for all of them,
+  // whatever the disk does. False when the sites are not free yet.
+  bool End() {
+    constexpr std::chrono::seconds kLongest{30};
+    const auto end = Clock::now() + kLongest;
+    for (const auto& site : sites_) {
+      site->LookLast();
+    }
+    std::packaged_task<void()> task([this, end] {
+      for (const auto& site : sites_) {
+        site->Stop();
+      }
+      for (const auto& site : sites_) {
+        site->WriteOut(end);
+      }
+      for (const auto& site : sites_) {
+        site->Finish();
+      }
+    });
+    std::future<void> ended = task.get_future();
+    std::thread ending(std::move(task));
+    if (ended.wait_until(end + std::chrono::seconds(2)) == std::future_status::ready) {
+      ending.join();
+      ended.get();
+      return true;
+    }
+    ending.detach();
+    return false;
+  }
+
   void Report() const {
     std::FILE* const out = arguments_.json ? stderr : stdout;
     if (arguments_.json && isatty(STDERR_FILENO) == 0) {
@@ -96,6 +132,9 @@ class Record {
                 site.at("frames").get<unsigned long long>(),
                 site.at("key_frames").get<unsigned long long>(),
                 site.at("bytes").get<double>() / 1e6, site.at("dropped").get<unsigned long long>());
+    if (const auto earlier = site.at("earlier_files").get<std::uint64_t>(); earlier > 0) {
+      std::printf("  %llu files before these:\n", static_cast<unsigned long long>(earlier));
+    }
     for (const auto& file : site.at("files")) {
       std::printf("  %s\n", file.get<std::string>().c_str());
     }
@@ -110,8 +149,15 @@ class Record {
 
   int Finish() {
     nlohmann::ordered_json sites = nlohmann::ordered_json::array();
+    int status = 0;
     for (const auto& site : sites_) {
-      sites.push_back(site->Json());
+      RecordSummary summary = site->Summary();
+      sites.push_back(std::move(summary.json));
+      if (!summary.notStored.empty()) {
+        std::fprintf(stderr, "orvanta record: %s --data %s\n", summary.notStored.c_str(),
+                     arguments_.data.c_str());
+        status = 1;
+      }
     }
     if (arguments_.json) {
       std::printf("%s\n", nlohmann::ordered_json{{"sites", sites}}.dump(2).c_str());
@@ -121,9 +167,8 @@ class Record {
       }
     }
     std::fflush(stdout);
-    int status = 0;
     for (const auto& site : sites_) {
-      if (!site->EverDelivered()) {
+      if (!site->Summary().delivered) {
         std::fprintf(stderr, "orvanta record: %s: %s\n", site->Url().c_str(),
                      WhyNothingArrived(site->Status()).c_str());
         status = 1;

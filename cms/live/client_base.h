@@ -157,6 +157,7 @@ class CMS_API CMSClientBase {
   // Begins a recording by hand; it ends with StopRecord. One of an event has its pre-alarm. 0 when
   // no file could be opened: nothing is recorded then.
   int StartRecord(unsigned channel, int kind);
+  std::string GetStartRecordError() const;      // why the last one returned 0, one line; else empty
   void StopRecord(unsigned channel, int kind);  // turns the state of a schedule off as well
   void StopRecordAll();                         // and turns all states off
 

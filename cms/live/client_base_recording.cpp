@@ -105,7 +105,16 @@ unsigned CMSClientBase::GetEventState(unsigned channel) const {
 }
 
 int CMSClientBase::StartRecord(unsigned channel, int kind) {
-  return MayRecord(channel) && recording_->Start(channel, kind) ? 1 : 0;
+  if (!MayRecord(channel)) {
+    recording_->RefuseStart("channel " + std::to_string(channel) +
+                            ": the site has no such channel");
+    return 0;
+  }
+  return recording_->Start(channel, kind) ? 1 : 0;
+}
+
+std::string CMSClientBase::GetStartRecordError() const {
+  return recording_->StartError();
 }
 
 void CMSClientBase::StopRecord(unsigned channel, int kind) {

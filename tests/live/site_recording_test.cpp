@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -310,6 +311,25 @@ TEST_F(SiteRecording, WhatEarlierRunsLeftIsMovedByTheNext) {
   EXPECT_EQ(test::ReadRecordings(site_.folder.Beside("20260102")).size(), 1u);
   EXPECT_EQ(test::ReadRecordings(site_.folder.Beside("other")).size(), 1u);
   EXPECT_FALSE(std::filesystem::exists(target + "/20260103"));
+}
+
+TEST_F(SiteRecording, ARefusedStartSaysWhy) {
+  const auto refused = [&](unsigned channel, int kind) {
+    EXPECT_EQ(client_->StartRecord(channel, kind), 0);
+    return client_->GetStartRecordError();
+  };
+  EXPECT_EQ(refused(3, kRecordInstant), "channel 3: the site has no such channel");
+  EXPECT_EQ(refused(0, 2), "kind 2 is no CMSRecordKind");
+  client_->SetRecordParam(test::ParamFor(12, 0));
+  EXPECT_EQ(refused(0, kRecordAlarm), "fileSizeMiB and secondLimit are to be at least 1");
+  client_->SetRecordParam({});
+  EXPECT_EQ(refused(0, kRecordSchedule), "no path: SetRecordParam comes first");
+  client_->SetRecordParam(test::ParamFor(12, 64, L"..\\EventList0"));
+  std::ofstream("../EventList0") << "no folder";
+  EXPECT_EQ(refused(0, kRecordInstant), "../EventList0/Rec_Site12_*: Not a directory");
+  client_->SetRecordParam(test::ParamFor(12));
+  EXPECT_EQ(client_->StartRecord(0, kRecordInstant), 1);
+  EXPECT_EQ(client_->GetStartRecordError(), "");
 }
 
 // Nothing waits for a disk that takes no more: who ends says so at once.

@@ -1,9 +1,13 @@
 // The whole way: test cameras recorded by `orvanta record`, read back by the tests' own reader.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
+#include <algorithm>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
@@ -68,6 +72,33 @@ class Record : public testing::Test {
     EXPECT_EQ(site["frames"], frames);
     EXPECT_EQ(site["key_frames"], keys);
     EXPECT_EQ(site["bytes"], bytes);
+  }
+
+  // Records with these arguments; `meanwhile` sees it run, then it is asked to stop.
+  test::ShellResult RunUntilStopped(const std::string& arguments,
+                                    const std::function<void()>& meanwhile) const {
+    const std::string pid = folder_.File("pid");
+    test::ShellResult result;
+    std::thread recording([&] {
+      result = test::RunShell(ORVANTA_BINARY " record --json --transport tcp --data " + Data() +
+                              " " + arguments + " & echo $! >" + pid + "; wait $!");
+    });
+    meanwhile();
+    test::RunShell("kill -TERM $(cat " + pid + ")");
+    recording.join();
+    return result;
+  }
+  bool WaitForFrames(int sites = 1) const {
+    return test::WaitFor([&] {
+      if (!fs::exists(Data() + "/recordings") || Day().empty()) {
+        return false;
+      }
+      int files = 0;
+      for (const auto& entry : fs::directory_iterator(Day())) {
+        files += entry.path().extension() == ".drv" && entry.file_size() > 0 ? 1 : 0;
+      }
+      return files >= sites;
+    });
   }
 
   test::TemporaryFolder folder_;
@@ -145,12 +176,6 @@ TEST_F(Record, FilesChangeBySizeWithoutLosingAFrame) {
 
 TEST_F(Record, ACameraThatVanishesLeavesAGapAndComesBack) {
   RtspCamera camera;
-  const std::string pid = folder_.File("pid");
-  test::ShellResult result;
-  std::thread recording([&] {
-    result = test::RunShell(ORVANTA_BINARY " record --json --seconds 50 --transport tcp --data " +
-                            Data() + " " + camera.Url() + " & echo $! >" + pid + "; wait $!");
-  });
   const auto causes = [&] {
     std::string all;
     const json databases = fs::exists(Data() + "/GapLog0") ? Databases() : json::object();
@@ -159,17 +184,13 @@ TEST_F(Record, ACameraThatVanishesLeavesAGapAndComesBack) {
     }
     return all;
   };
-  EXPECT_TRUE(test::WaitFor([&] { return fs::exists(Data() + "/recordings"); }));
-  EXPECT_TRUE(test::WaitFor([&] {
-    return !Day().empty() && !fs::is_empty(Day()) &&
-           fs::file_size(fs::directory_iterator(Day())->path()) > 0;
-  }));
-  camera.Kill();
-  EXPECT_TRUE(test::WaitFor([&] { return causes().ends_with("camera gone open;"); })) << causes();
-  camera.Start();
-  EXPECT_TRUE(test::WaitFor([&] { return causes().ends_with("camera gone;"); })) << causes();
-  test::RunShell("kill -TERM $(cat " + pid + ")");
-  recording.join();
+  const auto result = RunUntilStopped(camera.Url(), [&] {
+    EXPECT_TRUE(WaitForFrames());
+    camera.Kill();
+    EXPECT_TRUE(test::WaitFor([&] { return causes().ends_with("camera gone open;"); })) << causes();
+    camera.Start();
+    EXPECT_TRUE(test::WaitFor([&] { return causes().ends_with("camera gone;"); })) << causes();
+  });
   EXPECT_EQ(result.status, 0) << result.errors;
   const json sites = json::parse(result.output)["sites"];
   SCOPED_TRACE(sites.dump());
@@ -203,6 +224,75 @@ TEST_F(Record, EventsHaveTheirPreAlarm) {
     EXPECT_LE(events[i]["pre_alarm"], 4);
     EXPECT_EQ(events[i]["start"].get<std::int64_t>() - events[i]["pre_alarm"].get<std::int64_t>(),
               files[i].frames[0].seconds);
+  }
+  for (const json& gap : Databases()["gaps"]) {  // nothing is missed behind the last event
+    EXPECT_NE(gap["cause"], "stopped by the user");
+  }
+}
+
+// Events of a second, and key frames four seconds apart: each has its pictures.
+TEST_F(Record, EventsBetweenKeyFramesAreRecorded) {
+  RtspCamera camera({"--gop", "100"});
+  const json site =
+      Run(camera.Url() + " --seconds 15 --event-every 3 --event-length 1 --transport tcp")[0];
+  SCOPED_TRACE(site.dump());
+  const auto files = Files(Day());
+  CheckFiles(site, files);
+  const json events = Databases()["events"];
+  ASSERT_GE(events.size(), 1u);
+  for (const json& event : events) {
+    SCOPED_TRACE(event.dump());
+    const std::int64_t start = event["start"];
+    EXPECT_TRUE(std::any_of(files.begin(), files.end(), [&](const auto& file) {
+      return file.frames.front().type == 1 && file.frames.front().seconds <= start &&
+             file.frames.back().seconds >= start;
+    }));
+  }
+  for (const auto& file : files) {
+    EXPECT_TRUE(IsConsecutive(PictureNumbers({file}))) << file.name;
+  }
+  for (const auto& entry : fs::directory_iterator(Day())) {
+    EXPECT_TRUE(entry.path().filename() == "RecordDB" || entry.file_size() > 0) << entry.path();
+  }
+}
+
+TEST_F(Record, AFolderThatVanishesIsAGapInTheSummary) {
+  RtspCamera camera;
+  const auto result = RunUntilStopped(camera.Url(), [&] {
+    EXPECT_TRUE(WaitForFrames());
+    EXPECT_TRUE(test::WaitFor([&] {
+      std::error_code again;
+      fs::remove_all(Data() + "/recordings", again);
+      return !fs::exists(Data() + "/recordings");
+    }));
+    std::this_thread::sleep_for(std::chrono::seconds(8));  // for the gap to begin
+  });
+  const json site = json::parse(result.output, nullptr, false)["sites"][0];
+  SCOPED_TRACE(site.dump() + result.errors);
+  EXPECT_GT(site["frames"], 0);
+  ASSERT_FALSE(site["gaps"].empty());
+  EXPECT_EQ(site["gaps"].back()["cause"], "writing failed");
+  EXPECT_GT(site["gaps"].back()["to"], site["gaps"].back()["from"]);
+}
+
+// A database that hangs whoever reads it: the end has one time for all sites, and says what to do.
+TEST_F(Record, EndsInTimeWhateverTheDiskDoes) {
+  RtspCamera camera({"--count", "2"});
+  std::chrono::steady_clock::time_point stopped;
+  const auto result = RunUntilStopped(camera.Url(0) + " " + camera.Url(1), [&] {
+    EXPECT_TRUE(WaitForFrames(2));
+    fs::remove(Data() + "/GapLog0");
+    EXPECT_EQ(mkfifo((Data() + "/GapLog0").c_str(), 0600), 0);
+    stopped = std::chrono::steady_clock::now();
+  });
+  EXPECT_LT(std::chrono::steady_clock::now() - stopped, std::chrono::seconds(100));
+  EXPECT_EQ(result.status, 1);
+  EXPECT_THAT(result.errors, HasSubstr("orvanta repair --data"));
+  const json sites = json::parse(result.output, nullptr, false)["sites"];
+  ASSERT_EQ(sites.size(), 2u) << result.output;
+  for (const json& site : sites) {
+    EXPECT_GT(site["frames"], 0);
+    EXPECT_EQ(site["files"].size(), 1u);
   }
 }
 

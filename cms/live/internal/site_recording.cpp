@@ -1,7 +1,10 @@
 #include "cms/live/internal/site_recording.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstring>
+#include <iterator>
 #include <thread>
 #include <utility>
 
@@ -89,8 +92,34 @@ bool SiteRecording::Start(unsigned channel, int kind) {
   } else {
     started = StartKind(recorder_, channel, kind);
   }
+  RefuseStart(started ? std::string() : WhyNotStarted(kind));
   Wake();
   return started;
+}
+
+std::string SiteRecording::WhyNotStarted(int kind) const {
+  if (std::find(std::begin(kAllKinds), std::end(kAllKinds), kind) == std::end(kAllKinds)) {
+    return "kind " + std::to_string(kind) + " is no CMSRecordKind";
+  }
+  const stRecordParam param = recorder_.GetRecParam();
+  if (param.path[0] == L'\0') {
+    return "no path: SetRecordParam comes first";
+  }
+  if (param.fileSizeMiB < 1 || param.secondLimit < 1) {
+    return "fileSizeMiB and secondLimit are to be at least 1";
+  }
+  const int error = recorder_.GetRecordingStatus().lastError;
+  return NativePath(param.path) + "*: " + (error != 0 ? std::strerror(error) : "cannot be opened");
+}
+
+void SiteRecording::RefuseStart(std::string error) {
+  ScopeLock hold(deviceLock_);
+  startError_ = std::move(error);
+}
+
+std::string SiteRecording::StartError() const {
+  ScopeLock hold(deviceLock_);
+  return startError_;
 }
 
 // A schedule's recording would begin again by itself.

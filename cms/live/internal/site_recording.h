@@ -45,6 +45,8 @@ class SiteRecording final : public SiteSupervisor::Site {
   unsigned EventState(unsigned channel) const { return state_[channel]; }
 
   bool Start(unsigned channel, int kind);
+  std::string StartError() const;  // of the last start, empty when it succeeded
+  void RefuseStart(std::string error);
   void Stop(unsigned channel, int kind);
   void StopAll();
   void TurnState(unsigned channel, int kind, bool on);
@@ -77,6 +79,7 @@ class SiteRecording final : public SiteSupervisor::Site {
   bool IsArmed() const;
   void Wake();
   void StopStarted(unsigned channel, int kind);
+  std::string WhyNotStarted(int kind) const;
   void FollowStates(unsigned channel) CMS_REQUIRES(lock_);
   void FollowDue(unsigned channel) CMS_REQUIRES(lock_);
   void StartSchedule();
@@ -92,8 +95,9 @@ class SiteRecording final : public SiteSupervisor::Site {
   std::vector<EventRecording> events_ CMS_GUARDED_BY(lock_);
   ChannelSet due_;  // whose event recording could not begin yet
 
-  CMSCritical deviceLock_;
+  mutable CMSCritical deviceLock_;
   GapSite site_ CMS_GUARDED_BY(deviceLock_);
+  std::string startError_ CMS_GUARDED_BY(deviceLock_);
 
   CMSCritical turning_;  // before all others
   SiteGaps gaps_ CMS_GUARDED_BY(turning_);
