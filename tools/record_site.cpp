@@ -75,6 +75,9 @@ void RecordSite::Look() {
 
 void RecordSite::TakeFiles() {
   for (std::wstring& file : live_->Client().TakeRecordedFiles()) {
+    if (!files_.empty() && files_.back() == file) {  // it was continued
+      continue;
+    }
     if (files_.size() == kMostRemembered) {
       files_.pop_front();
       ++earlierFiles_;

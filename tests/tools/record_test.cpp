@@ -225,7 +225,8 @@ TEST_F(Record, EventsHaveTheirPreAlarm) {
     EXPECT_EQ(events[i]["start"].get<std::int64_t>() - events[i]["pre_alarm"].get<std::int64_t>(),
               files[i].frames[0].seconds);
   }
-  for (const json& gap : Databases()["gaps"]) {  // nothing is missed behind the last event
+  const json gaps = Databases()["gaps"];
+  for (const json& gap : gaps) {  // nothing is missed behind the last event
     EXPECT_NE(gap["cause"], "stopped by the user");
   }
 }
@@ -256,7 +257,8 @@ TEST_F(Record, EventsBetweenKeyFramesAreRecorded) {
   }
 }
 
-TEST_F(Record, AFolderThatVanishesIsAGapInTheSummary) {
+// The folder of recordings, in which the process works, goes away and is made again.
+TEST_F(Record, AFolderThatVanishesLeavesASummary) {
   RtspCamera camera;
   const auto result = RunUntilStopped(camera.Url(), [&] {
     EXPECT_TRUE(WaitForFrames());
@@ -265,14 +267,14 @@ TEST_F(Record, AFolderThatVanishesIsAGapInTheSummary) {
       fs::remove_all(Data() + "/recordings", again);
       return !fs::exists(Data() + "/recordings");
     }));
-    std::this_thread::sleep_for(std::chrono::seconds(8));  // for the gap to begin
+    EXPECT_TRUE(WaitForFrames());
   });
+  EXPECT_EQ(result.status, 0) << result.errors;
   const json site = json::parse(result.output, nullptr, false)["sites"][0];
-  SCOPED_TRACE(site.dump() + result.errors);
-  EXPECT_GT(site["frames"], 0);
-  ASSERT_FALSE(site["gaps"].empty());
-  EXPECT_EQ(site["gaps"].back()["cause"], "writing failed");
-  EXPECT_GT(site["gaps"].back()["to"], site["gaps"].back()["from"]);
+  SCOPED_TRACE(site.dump());
+  EXPECT_GT(site["dropped"], 0);
+  ASSERT_FALSE(site["files"].empty());
+  EXPECT_TRUE(fs::exists(site["files"].back().get<std::string>()));
 }
 
 // A database that hangs whoever reads it: the end has one time for all sites, and says what to do.
