@@ -27,10 +27,13 @@ namespace {
 using std::chrono::milliseconds;
 
 // A peer that falls behind by more than its queue misses lines; a longer line has no room in it.
-constexpr int kPiece = 32 * 1024;
-constexpr int kPieces = 128;
+constexpr int kPiece = 1024;
+constexpr int kPieces = 4096;
 constexpr std::size_t kLongestLine = std::size_t{1} << 20;
 static_assert(kLongestLine <= std::size_t{kPiece} * kPieces / 2);
+
+// Each has two threads. Those that come when there are so many wait until one leaves.
+constexpr int kMostPeers = 512;
 
 // How long a peer that takes nothing may hold up the end.
 constexpr milliseconds kPatience{2000};
@@ -52,6 +55,7 @@ class Broadcast {
     }
     config_.recvFrameSize = kPiece;
     config_.recvQueueDepth = kPieces;
+    config_.maximumConnections = kMostPeers;
     server_.reset(CreateTcpServer(&config_));
     if (StartTcpServer(server_.get()) == 0) {
       throw std::runtime_error(std::string("cannot listen: ") + std::strerror(errno));

@@ -48,8 +48,8 @@ class CMS_API AudioCapture {
 
 // Made by the audio subsystem, which the live pipeline is below of. nullptr for a configuration or
 // a device that cannot be used.
-std::unique_ptr<AudioPlayer> MakeAudioPlayer(const tCMSAudioPlayerConfig& config);
-std::unique_ptr<AudioCapture> MakeAudioCapture(const tCMSAudioPlayerConfig& config,
-                                               AudioCapture::OnBlock onBlock);
+CMS_API std::unique_ptr<AudioPlayer> MakeAudioPlayer(const tCMSAudioPlayerConfig& config);
+CMS_API std::unique_ptr<AudioCapture> MakeAudioCapture(const tCMSAudioPlayerConfig& config,
+                                                       AudioCapture::OnBlock onBlock);
 
 }  // namespace cms

@@ -1,7 +1,8 @@
 #include "cms/net/client_group.h"
 
-#include <new>
-#include <vector>
+#include <algorithm>
+#include <iterator>
+#include <utility>
 
 #include "cms/net/internal/client_managers.h"
 #include "cms/net/rtcp_step.h"
@@ -15,50 +16,85 @@ EachClientGroupTable& EachClientGroupTable::Instance() {
 
 template <class Client>
 int EachClientGroupTable::RegisterClient(Client* client, int group) {
-  std::shared_ptr<EachClientManager> manager;
-  std::shared_ptr<EachClientManager> earlier;
-  {
+  for (;;) {
+    std::shared_ptr<EachClientManager> manager;
+    std::shared_ptr<EachClientManager> earlier;
+    {
+      ScopeLock lock(lock_);
+      std::shared_ptr<EachClientManager>& entry = groups_[group];
+      if (entry == nullptr) {
+        entry = std::make_shared<EachClientManager>(group);
+      }
+      manager = entry;
+      Registration& registration = clients_[client];
+      if (registration.manager != manager) {
+        earlier.swap(registration.manager);
+      }
+      registration = {manager, ++registrations_};
+    }
+    if (earlier != nullptr) {
+      earlier->UnRegisterClient(client);
+    }
+    manager->RegisterClient(client);
+    switch (manager->start()) {
+      case EachClientManager::State::kStarted:
+        return 1;
+      case EachClientManager::State::kStopped:
+        continue;  // by Stop, which took the group out of the table first
+      case EachClientManager::State::kNew:
+        break;
+    }
+    UnregisterClient(client);
     ScopeLock lock(lock_);
-    std::shared_ptr<EachClientManager>& entry = groups_[group];
-    if (entry == nullptr) {
-      entry = std::make_shared<EachClientManager>(group);
+    const auto failed = groups_.find(group);
+    if (failed != groups_.end() && failed->second == manager &&
+        manager->CurrentState() == EachClientManager::State::kNew) {
+      groups_.erase(failed);  // the next registration tries anew
+      if (manager->IsRunning()) {
+        stopping_.push_back(manager);
+      }
     }
-    manager = entry;
-    Registration& registration = clients_[client];
-    if (registration.manager != manager) {
-      earlier.swap(registration.manager);
-    }
-    registration = {group, manager};
+    return 0;
   }
-  if (earlier != nullptr) {
-    earlier->UnRegisterClient(client);
-  }
-  manager->RegisterClient(client);
-  if (manager->start()) {
-    return 1;
-  }
-  UnregisterClient(client);
-  ScopeLock lock(lock_);
-  const auto failed = groups_.find(group);
-  if (failed != groups_.end() && failed->second == manager && !manager->IsStarted()) {
-    groups_.erase(failed);  // the next registration tries anew
-  }
-  return 0;
 }
 
 template <class Client>
 void EachClientGroupTable::UnregisterClient(Client* client) {
-  std::shared_ptr<EachClientManager> manager;
+  Registration registration;
+  Managers busy;
   {
     ScopeLock lock(lock_);
     const auto found = clients_.find(client);
-    if (found == clients_.end()) {
-      return;
+    if (found != clients_.end()) {
+      registration = found->second;
     }
-    manager = found->second.manager;
+    busy = ManagersInStepOf(client);
+  }
+  if (registration.manager != nullptr) {
+    registration.manager->UnRegisterClient(client);
+  }
+  for (const std::shared_ptr<EachClientManager>& each : busy) {
+    each->WaitForSteps();
+  }
+  // Only now: another thread that unregisters the client meanwhile has to wait as well.
+  ScopeLock lock(lock_);
+  const auto found = clients_.find(client);
+  if (found != clients_.end() && found->second.number == registration.number) {
     clients_.erase(found);
   }
-  manager->UnRegisterClient(client);
+}
+
+// Where its step runs although the table may know it under another key, or not at all.
+EachClientGroupTable::Managers EachClientGroupTable::ManagersInStepOf(const void* client) {
+  Managers found;
+  for (const auto& [key, manager] : groups_) {
+    if (manager->IsInStepOf(client)) {
+      found.push_back(manager);
+    }
+  }
+  std::ranges::copy_if(stopping_, std::back_inserter(found),
+                       [&](const auto& manager) { return manager->IsInStepOf(client); });
+  return found;
 }
 
 int EachClientGroupTable::Register(TCPClientBase* client, int group) {
@@ -82,20 +118,25 @@ void EachClientGroupTable::Unregister(RTCPStep* step) {
 }
 
 void EachClientGroupTable::Stop() {
-  std::map<int, std::shared_ptr<EachClientManager>> groups;
+  Managers managers;
   {
     ScopeLock lock(lock_);
-    groups.swap(groups_);
+    for (auto& [key, manager] : groups_) {
+      stopping_.push_back(std::move(manager));
+    }
+    groups_.clear();
+    managers = stopping_;
   }
-  // The clients stay in the table until their threads have ended, so that an owner who unregisters
-  // meanwhile still waits for a running step.
-  for (const auto& [key, manager] : groups) {
+  for (const std::shared_ptr<EachClientManager>& manager : managers) {
     manager->stop();
   }
+  // Managers and their clients stay known until their threads have ended, so that an owner who
+  // unregisters meanwhile still waits for a running step.
   ScopeLock lock(lock_);
-  for (const auto& group : groups) {
-    std::erase_if(clients_,
-                  [&](const auto& entry) { return entry.second.manager == group.second; });
+  std::erase_if(managers, [](const auto& manager) { return manager->IsRunning(); });
+  for (const std::shared_ptr<EachClientManager>& manager : managers) {
+    std::erase(stopping_, manager);
+    std::erase_if(clients_, [&](const auto& entry) { return entry.second.manager == manager; });
   }
 }
 

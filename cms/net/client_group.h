@@ -1,8 +1,10 @@
 // EachClientGroupTable, which pair of I/O threads serves which client.
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <memory>
+#include <vector>
 
 #include "cms/runtime/api.h"
 #include "cms/runtime/critical.h"
@@ -18,7 +20,7 @@ class UDPClientBase;
 // a place is free, so callers spread their clients over keys.
 //
 // Members may be called from any thread, also from a client's own callback; for one client, by one
-// thread at a time.
+// thread at a time, except that a callback may unregister its client while the owner does.
 //
 // No deadlock between an owner that unregisters and a callback that does: the table's lock is never
 // held while a group's locks are taken or a thread is started or stopped (the groups are kept alive
@@ -40,13 +42,15 @@ class CMS_API EachClientGroupTable {
   int Register(RTCPStep* step, int group);
 
   // Returns when no step of the client runs any more (unless called from inside that step, which
-  // then ends at the callback's return): its owner may free it. Nothing when it is not registered.
+  // then ends at the callback's return): its owner may free it. That holds as well for a client
+  // whose own callback or step has unregistered it, or moved it to another key, and still runs.
   void Unregister(TCPClientBase* client);
   void Unregister(UDPClientBase* client);
   void Unregister(RTCPStep* step);
 
   // Ends all threads of all groups and forgets all clients. Registrations made meanwhile or later
-  // start new groups. Not from a callback.
+  // start new groups. A group whose callback does not return within 10 seconds is left to itself;
+  // owners that unregister its clients wait for it as ever. Not from a callback.
   void Stop();
 
   // The group under that key, nullptr when there is none.
@@ -60,11 +64,16 @@ class CMS_API EachClientGroupTable {
   void UnregisterClient(Client* client);
 
   struct Registration {
-    int group = 0;
     std::shared_ptr<EachClientManager> manager;
+    std::uint64_t number = 0;  // tells a later registration apart
   };
+
+  using Managers = std::vector<std::shared_ptr<EachClientManager>>;
+  Managers ManagersInStepOf(const void* client) CMS_REQUIRES(lock_);
 
   CMSCritical lock_;
   std::map<int, std::shared_ptr<EachClientManager>> groups_ CMS_GUARDED_BY(lock_);
+  Managers stopping_ CMS_GUARDED_BY(lock_);  // no groups any more, but their threads run
   std::map<const void*, Registration> clients_ CMS_GUARDED_BY(lock_);
+  std::uint64_t registrations_ CMS_GUARDED_BY(lock_) = 0;
 };

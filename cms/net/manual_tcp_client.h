@@ -2,9 +2,11 @@
 #pragma once
 
 #include "cms/net/tcp_client.h"
+#include "cms/runtime/condition.h"
 
 // Never served by I/O threads: every operation works on the blocking socket itself. One thread at a
-// time, except that one may send while another receives.
+// time, except that one may send while another receives, and that any thread may stop it: that ends
+// the calls in progress, as does destruction.
 class CMS_API ManualTCPClient : protected TCPClientBase {
  public:
   ManualTCPClient();
@@ -15,7 +17,8 @@ class CMS_API ManualTCPClient : protected TCPClientBase {
   int OnConnect(unsigned long address, unsigned long port) override;
   // OnConnect; the group is ignored.
   int OnStartTCPClient(unsigned long address, unsigned long port, unsigned int group) override;
-  // Closes the socket if there is one. Always 1.
+  // Ends calls that other threads are in (they fail, or receive 0) and waits for them, then closes
+  // the socket if there is one. Always 1.
   int OnStopTCPClient(bool closeSocket) override;
   // Sends everything: 0, or -1 on an error.
   int OnSend(char* data, int length) override;
@@ -24,4 +27,15 @@ class CMS_API ManualTCPClient : protected TCPClientBase {
 
   using TCPClientBase::IsConnecting;
   using TCPClientBase::LastSocketError;
+
+ private:
+  class Call;
+  void EndCalls();
+
+  CMSCritical calls_lock_;
+  CMSCondition call_ended_{calls_lock_};
+  int calls_ CMS_GUARDED_BY(calls_lock_) = 0;            // in progress
+  bool connecting_ CMS_GUARDED_BY(calls_lock_) = false;  // one of them
+  bool ending_ CMS_GUARDED_BY(calls_lock_) = false;      // no new ones
+  cms::WakeUp end_connect_;
 };

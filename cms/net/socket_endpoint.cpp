@@ -45,7 +45,7 @@ int SocketEndpoint::SetBufferOption(int forced, int option, int bytes) {
 
 void SocketEndpoint::SetReceiveSignal(std::shared_ptr<IoSignal> signal) {
   if (signal == nullptr) {
-    step_cancelled_.store(true, std::memory_order_relaxed);
+    unregistrations_.fetch_add(1, std::memory_order_relaxed);
   }
   ScopeLock lock(signal_lock_);
   receive_signal_ = std::move(signal);

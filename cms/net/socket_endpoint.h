@@ -34,7 +34,7 @@ class CMS_API SocketEndpoint {
 
   // Has the send thread look for bytes to send.
   void WakeSender();
-  // Has the receive thread watch the socket again after StopWatching.
+  // Has the receive thread look at wants_receive_ again.
   void ResumeReceiver();
 
   void SetSocket(int descriptor) { socket_.store(descriptor, std::memory_order_relaxed); }
@@ -44,13 +44,23 @@ class CMS_API SocketEndpoint {
   // The option when there is a socket and it took it: 1, else 0.
   int SetBufferOption(int forced, int option, int bytes);
 
-  // Receive steps only, on the receive thread.
-  bool StepCancelled() const { return step_cancelled_.load(std::memory_order_relaxed); }
-  void BeginStep() {
-    step_cancelled_.store(false, std::memory_order_relaxed);
-    step_was_burst_ = false;
-  }
-  void NoteBurst() { step_was_burst_ = true; }
+  // Receive steps only, on the receive thread. A step is cancelled when the client was unregistered
+  // from inside it, even if it is registered again by then: another thread may serve it.
+  class ReceiveStep {
+   public:
+    explicit ReceiveStep(SocketEndpoint& client)
+        : client_(client), begun_(client.unregistrations_.load(std::memory_order_relaxed)) {
+      client.step_was_burst_ = false;
+    }
+    bool IsCancelled() const {
+      return client_.unregistrations_.load(std::memory_order_relaxed) != begun_;
+    }
+    void NoteBurst() { client_.step_was_burst_ = true; }
+
+   private:
+    SocketEndpoint& client_;
+    const unsigned begun_;
+  };
 
   // While unset the receive thread does not wait for the socket. Whoever sets it again while the
   // client may be registered calls ResumeReceiver.
@@ -60,15 +70,16 @@ class CMS_API SocketEndpoint {
   friend class ::EachClientSRManager;
   friend class ::EachClientRecvManager;
   friend class ::EachClientSendManager;
+  friend class OwnSendThread;
 
   void SetReceiveSignal(std::shared_ptr<IoSignal> signal);
   void SetSendSignal(std::shared_ptr<IoSignal> signal);
 
   std::atomic<int> socket_{-1};
   std::atomic<int> last_error_{0};
-  std::atomic<bool> step_cancelled_{false};  // unregistered from inside its own step
-  bool step_was_burst_ = false;              // receive thread
-  CMSCritical signal_lock_;                  // innermost: nothing is locked inside
+  std::atomic<unsigned> unregistrations_{0};  // from a receive thread
+  bool step_was_burst_ = false;               // receive thread
+  CMSCritical signal_lock_;                   // innermost: nothing is locked inside
   std::shared_ptr<IoSignal> receive_signal_ CMS_GUARDED_BY(signal_lock_);
   std::shared_ptr<IoSignal> send_signal_ CMS_GUARDED_BY(signal_lock_);
 };

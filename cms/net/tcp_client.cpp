@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <limits>
 #include <new>
@@ -89,9 +90,8 @@ int TCPClientBase::OnAllocateMemory() {
 }
 
 int TCPClientBase::OnReleaseMemory() {
-  if (recv_callback_ == nullptr) {
-    recv_queue_.StopBuffer();
-  }
+  recv_queue_.StopBuffer();
+  recv_queue_.ReleaseBuffer();
   recv_scratch_.reset();
   send_scratch_.reset();
   ScopeLock lock(send_lock_);
@@ -111,6 +111,10 @@ int TCPClientBase::ConnectSocket(unsigned long address, unsigned long port, int 
   SetLastError(0);
   remote_address_ = static_cast<std::uint32_t>(address);
   remote_port_ = port;
+  if (port > std::numeric_limits<std::uint16_t>::max()) {
+    SetLastError(EINVAL);
+    return 0;
+  }
   remote_ = cms::MakeAddress(remote_address_, static_cast<std::uint16_t>(port));
   const int descriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   if (descriptor < 0) {
@@ -205,11 +209,19 @@ int TCPClientBase::OnRecv(char* buffer, int size) {
     std::memcpy(buffer, frame.get(), static_cast<std::size_t>(got));
   }
   // The step set the flag with the queue's count lock held, which the read has taken since.
-  if (!wants_receive_.load(std::memory_order_relaxed) && !peer_closed_.load() &&
-      recv_queue_.IsBufFull() == 0 && !wants_receive_.exchange(true, std::memory_order_relaxed)) {
+  if (!wants_receive_.load(std::memory_order_relaxed) && !peer_closed_.load() && !QueueIsFull() &&
+      !wants_receive_.exchange(true, std::memory_order_relaxed)) {
     ResumeReceiver();
   }
   return got;
+}
+
+// Also while another thread releases the queue, which then counts as full.
+bool TCPClientBase::QueueIsFull() {
+  recv_queue_.Lock();
+  const bool full = recv_queue_.IsBufFull();
+  recv_queue_.UnLock();
+  return full;
 }
 
 int TCPClientBase::IsConnecting() {
@@ -231,7 +243,7 @@ int TCPClientBase::SetSendThrdPriority(int) {
 }
 
 int TCPClientBase::TCPClientRecv() {
-  BeginStep();
+  ReceiveStep step(*this);
   int total = 0;
   for (int reads = 0; reads < kReadsPerStep; ++reads) {
     const int descriptor = Socket();
@@ -257,31 +269,31 @@ int TCPClientBase::TCPClientRecv() {
     total += got;
     if (recv_callback_ != nullptr) {
       recv_callback_(recv_scratch_.get(), got, recv_context_);
-      if (StepCancelled()) {
+      if (step.IsCancelled()) {
         return total;
       }
     } else {
       recv_queue_.Write(recv_scratch_.get(), got, 1);
     }
     if (total >= kBurstBytes) {
-      NoteBurst();
+      step.NoteBurst();
     }
     if (got < recv_chunk_size_) {
       return total;  // a short read emptied the socket; what comes later makes it ready again
     }
   }
-  NoteBurst();
+  step.NoteBurst();
   return total;
 }
 
 bool TCPClientBase::PauseWhenFull() {
-  if (recv_queue_.IsBufFull() == 0) {
+  if (!recv_queue_.IsBufFull()) {
     return false;
   }
   // OnRecv looks at the flag after it took a frame under the same lock: either it sees the flag, or
   // the queue is seen to have room here.
   recv_queue_.Lock();
-  const bool full = recv_queue_.IsBufFull() != 0;
+  const bool full = recv_queue_.IsBufFull();
   if (full) {
     wants_receive_.store(false, std::memory_order_relaxed);
   }

@@ -20,7 +20,7 @@ using TcpReceiveCallback = void (*)(char* data, int length, void* context);
 
 // Sizes and callback of a TCPClientBase. Sizes below 1 mean the default.
 struct tTcpClientParam {
-  int recvQueueDepth = 128;  // frames
+  int recvQueueDepth = 128;  // frames; a queue of fewer than 3 never holds one
   int recvChunkSize = 1024;  // bytes read per call, and the size of a queued frame
   int sendQueueDepth = 128;  // the send ring holds one byte less than depth * chunk
   int sendChunkSize = 1024;  // bytes handed to the system per call
@@ -48,12 +48,13 @@ class CMS_API TCPClientBase : public cms::SocketEndpoint {
   explicit TCPClientBase(tTcpClientParam param);
 
   // Connects, with the system's own time-out of minutes; leaves the socket non-blocking. On failure
-  // there is no socket and LastSocketError tells why.
+  // there is no socket and LastSocketError tells why: EINVAL for a port above 65535.
   virtual int OnConnect(unsigned long address, unsigned long port);
 
   // Makes the queues and scratch buffers anew, empty. 0 when memory is short. Not while registered.
   virtual int OnAllocateMemory();
-  // Wakes the queue's readers and frees the send side. Not while registered.
+  // Wakes the receive queue's readers and frees both queues and the scratch buffers: what was not
+  // read is gone. Not while registered.
   virtual int OnReleaseMemory();
 
   // Called by the constructors: sizes, cleared state, OnAllocateMemory.
@@ -133,6 +134,7 @@ class CMS_API TCPClientBase : public cms::SocketEndpoint {
   bool HasPendingSend();
   bool SendWouldBlock() const { return send_would_block_; }
   bool PauseWhenFull();
+  bool QueueIsFull();
   void ReportClosed();
   int TakeFromRing();
   void JoinThreads();

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <thread>
 
+#include "cms/net/internal/own_send_thread.h"
 #include "cms/net/internal/socket_io.h"
 #include "cms/net/tcp_client.h"
 
@@ -12,7 +13,6 @@ namespace {
 
 constexpr int kWaitMilliseconds = 100;  // how late a stop may be noticed
 constexpr std::chrono::milliseconds kPauseAfterEnd{20};
-constexpr std::chrono::milliseconds kNothingToSend{10};
 
 }  // namespace
 
@@ -27,6 +27,7 @@ void TCPClientBase::TCPClientRecvThrd(TCPClientBase* client) {
     if (got < 1) {
       std::this_thread::sleep_for(kPauseAfterEnd);
       client->connected_.store(0, std::memory_order_relaxed);
+      client->WakeSender();
       return;
     }
     if (client->recv_callback_ != nullptr) {
@@ -39,19 +40,16 @@ void TCPClientBase::TCPClientRecvThrd(TCPClientBase* client) {
 }
 
 void TCPClientBase::TCPClientSendThrd(TCPClientBase* client) {
+  cms::OwnSendThread own(*client);
   while (client->running_.load(std::memory_order_relaxed) != 0 && client->IsConnecting() != 0) {
-    if (!client->HasPendingSend()) {
-      std::this_thread::sleep_for(kNothingToSend);
-      continue;
+    if (own.WaitWritable(client->HasPendingSend())) {
+      client->TCPClientSend();
     }
-    if (!cms::WaitSocket(client->Socket(), POLLOUT, kWaitMilliseconds)) {
-      continue;
-    }
-    client->TCPClientSend();
   }
 }
 
 void TCPClientBase::JoinThreads() {
+  WakeSender();
   for (std::thread* thread : {&recv_thread_, &send_thread_}) {
     if (thread->joinable()) {
       thread->join();

@@ -61,6 +61,9 @@ bool CTcpServer::Start() {
   accept_wake_ = std::move(accept_wake);
   listening_ = listening;
   running_ = true;
+  // Before the thread: its accept callback may read them.
+  shared_config_->localAddress = ntohl(bound.sin_addr.s_addr);
+  shared_config_->localPort = ntohs(bound.sin_port);
   try {
     accept_thread_ = std::thread(&CTcpServer::AcceptLoop, this);
   } catch (const std::system_error&) {
@@ -68,8 +71,6 @@ bool CTcpServer::Start() {
     close(std::exchange(listening_, -1));
     return false;
   }
-  shared_config_->localAddress = ntohl(bound.sin_addr.s_addr);
-  shared_config_->localPort = ntohs(bound.sin_port);
   return true;
 }
 
@@ -98,6 +99,12 @@ void CTcpServer::AcceptLoop() {
   pthread_setname_np(pthread_self(), "cms-tcp-accept");
   const int wake = accept_wake_->Descriptor();
   while (running_) {
+    if (!HasRoom()) {
+      cms::WaitReady(-1, 0, wake);
+      accept_wake_->Clear();
+      BuryEnded();
+      continue;
+    }
     sockaddr_in peer{};
     socklen_t size = sizeof peer;
     const int accepted =
@@ -160,6 +167,10 @@ void CTcpServer::BuryEnded() {
   ScopeLock lock(connections_lock_);
   ended.swap(ended_);
   lock.UnLock();
+}
+
+bool CTcpServer::HasRoom() {
+  return config_.maximumConnections < 1 || TotalClients() < config_.maximumConnections;
 }
 
 int CTcpServer::TotalClients() {

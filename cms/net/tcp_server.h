@@ -17,22 +17,24 @@
 
 class CTcpCtrl;
 
-// Bytes that a peer sent; valid only during the call. Runs on the connection's own thread, so for
-// several connections at once.
+// Bytes that a peer sent; valid only during the call, and unread by anybody without a callback.
+// Runs on the connection's own thread, so for several connections at once.
 using TcpServerReceiveCallback = void (*)(void* context, const char* data, int length);
 // A peer that was just accepted. Runs on the accept thread, before the peer's address is disabled
 // for sending.
 using TcpServerAcceptCallback = void (*)(const sockaddr_in* peer, int addressLength);
 
-// Belongs to the caller and outlives the server, which writes its last two members.
+// Belongs to the caller and outlives the server, which writes the two members marked "out".
 struct tTcpServerConfig {
-  TcpServerReceiveCallback recvCallback = nullptr;  // nullptr: received frames are queued
+  TcpServerReceiveCallback recvCallback = nullptr;  // nullptr: received bytes are thrown away
   void* recvContext = nullptr;
-  int recvFrameSize = 1024;  // bytes received per call
-  int recvQueueDepth = 128;  // frames; a connection's send queue holds depth * size bytes
+  int recvFrameSize = 1024;  // bytes received per call, and that each connection keeps for it
+  int recvQueueDepth = 128;  // a connection's send queue holds depth * size bytes
   TcpServerAcceptCallback acceptCallback = nullptr;
   std::uint32_t localAddress = 0;  // out: IPv4, host byte order; 0 is any
   std::uint16_t localPort = 0;     // out: as the system chose it
+  // Served at once; further peers wait in the system's queue until one leaves. 0: any number.
+  int maximumConnections = 0;
 };
 
 // One accept thread, and a send and a receive thread for each connection. Sending only queues: a
@@ -71,6 +73,7 @@ class CMS_API CTcpServer {
   // From a connection's receive thread: the peer is gone.
   void Remove(CTcpCtrl* connection);
   void BuryEnded();
+  bool HasRoom();
 
   tTcpServerConfig* const shared_config_;
   const tTcpServerConfig config_;

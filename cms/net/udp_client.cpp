@@ -206,7 +206,7 @@ void UDPClientBase::Deliver(char* data, int length) {
 }
 
 int UDPClientBase::UDPClientRecv() {
-  BeginStep();
+  ReceiveStep step(*this);
   cms::DatagramBatch& batch = cms::DatagramBatch::OfThisThread();
   int total = 0;
   for (int taken = 0; taken < kDatagramsPerStep;) {
@@ -229,13 +229,13 @@ int UDPClientBase::UDPClientRecv() {
     for (int i = 0; i < count; ++i) {
       total += batch.Length(i);
       Deliver(batch.Data(i), batch.Length(i));
-      if (StepCancelled()) {
+      if (step.IsCancelled()) {
         return total;
       }
     }
     taken += count;
     if (taken >= kBurstDatagrams) {
-      NoteBurst();
+      step.NoteBurst();
     }
     if (count < wanted) {
       return total;  // the socket is empty

@@ -14,14 +14,16 @@
 
 // One whole datagram; valid only during the call. Runs on the receive thread with the group's lock
 // held; it may unregister or stop clients of its own group, but not destroy its own client.
+// Datagrams are taken from the system 16 at a time: a callback that unregisters its own client, or
+// moves it to another group, loses those that were taken with this one.
 using UdpReceiveCallback = void (*)(void* context, char* data, int length);
 
 // Sizes, addresses and callback of a UDPClientBase; sizes below 1 mean the default. Datagrams are
 // queued for OnRecv unless both callback and context are set.
 struct _UDPCLIENT_CONFIG {
-  int recvQueueDepth = 256;     // datagrams
+  int recvQueueDepth = 256;     // datagrams; a queue of fewer than 3 never holds one
   int recvDatagramSize = 2048;  // longer ones are dropped in queue mode
-  int sendQueueDepth = 256;     // datagrams
+  int sendQueueDepth = 256;     // likewise
   int sendDatagramSize = 2048;  // longer ones are cut
   std::uint16_t localPort = 0;  // 0: the system chooses
   std::uint16_t remotePort = 0;

@@ -2,17 +2,16 @@
 #include <poll.h>
 #include <sys/socket.h>
 
-#include <chrono>
 #include <thread>
 
 #include "cms/net/internal/datagram_batch.h"
+#include "cms/net/internal/own_send_thread.h"
 #include "cms/net/internal/socket_io.h"
 #include "cms/net/udp_client.h"
 
 namespace {
 
 constexpr int kWaitMilliseconds = 100;  // how late a stop may be noticed
-constexpr std::chrono::milliseconds kNothingToSend{10};
 
 }  // namespace
 
@@ -42,16 +41,16 @@ void UDPClientBase::UDPClientRecvFn() {
 }
 
 void UDPClientBase::UDPClientSendFn() {
+  cms::OwnSendThread own(*this);
   while (running_.load(std::memory_order_relaxed) != 0) {
-    if (!HasPendingSend()) {
-      std::this_thread::sleep_for(kNothingToSend);
-    } else if (cms::WaitSocket(Socket(), POLLOUT, kWaitMilliseconds)) {
+    if (own.WaitWritable(HasPendingSend())) {
       SendOne(Socket());
     }
   }
 }
 
 void UDPClientBase::JoinThreads() {
+  WakeSender();
   for (std::thread* thread : {&recv_thread_, &send_thread_}) {
     if (thread->joinable()) {
       thread->join();

@@ -43,11 +43,7 @@ std::uint32_t CLFXBaseThread::StaticThreadFunc(CLFXBaseThread* thread) {
 }
 
 std::uint32_t CLFXBaseThread::WaitThread(std::uint32_t milliseconds) {
-  std::shared_ptr<cms::NativeThread> handle;
-  {
-    ScopeLock lock(lock_);
-    handle = handle_;
-  }
+  const std::shared_ptr<cms::NativeThread> handle = Handle();
   if (handle == nullptr) {
     return 0;
   }
@@ -59,6 +55,15 @@ std::uint32_t CLFXBaseThread::WaitThread(std::uint32_t milliseconds) {
   return handle->WaitEnded(limit) ? 0 : kTimeOut;
 }
 
+bool CLFXBaseThread::GetExitCode(std::uint32_t& code) {
+  const std::shared_ptr<cms::NativeThread> handle = Handle();
+  if (handle == nullptr || !handle->WaitEnded(0)) {
+    return false;
+  }
+  code = handle->ExitCode();
+  return true;
+}
+
 void CLFXBaseThread::CloseThread() {
   std::shared_ptr<cms::NativeThread> handle;
   ScopeLock lock(lock_);
@@ -66,8 +71,12 @@ void CLFXBaseThread::CloseThread() {
 }
 
 void* CLFXBaseThread::GetHandle() {
+  return Handle().get();
+}
+
+std::shared_ptr<cms::NativeThread> CLFXBaseThread::Handle() {
   ScopeLock lock(lock_);
-  return handle_.get();
+  return handle_;
 }
 
 void CLFXBaseThread::SetThreadPriority(int) {}

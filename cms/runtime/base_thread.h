@@ -40,6 +40,9 @@ class CMS_API CLFXBaseThread {
   // Waits until the thread has ended: 0 when it has or there is none, kTimeOut otherwise.
   std::uint32_t WaitThread(std::uint32_t milliseconds);
 
+  // Takes what ThreadRoutine returned. False while it runs, and when there is no handle.
+  bool GetExitCode(std::uint32_t& code);
+
   // Gives the handle up. A thread that still runs goes on.
   void CloseThread();
 
@@ -60,6 +63,7 @@ class CMS_API CLFXBaseThread {
 
  private:
   static std::uint32_t StaticThreadFunc(CLFXBaseThread* thread);
+  std::shared_ptr<cms::NativeThread> Handle();
 
   CMSCritical lock_;
   std::shared_ptr<cms::NativeThread> handle_ CMS_GUARDED_BY(lock_);

@@ -17,17 +17,19 @@ class SystemClock final : public Clock {
   std::int64_t WallSeconds() const override { return std::time(nullptr); }
 };
 
-const SystemClock system_clock;
-std::atomic<const Clock*> current_clock{&system_clock};
+std::atomic<const Clock*> replacement{nullptr};
 
 }  // namespace
 
 const Clock& CurrentClock() {
-  return *current_clock.load(std::memory_order_acquire);
+  static const auto* const system =
+      new SystemClock;  // threads may still ask while the process ends
+  const Clock* const given = replacement.load(std::memory_order_acquire);
+  return given != nullptr ? *given : *system;
 }
 
 void ReplaceClock(const Clock* clock) {
-  current_clock.store(clock != nullptr ? clock : &system_clock, std::memory_order_release);
+  replacement.store(clock, std::memory_order_release);
 }
 
 }  // namespace cms

@@ -1,6 +1,8 @@
 #include "cms/runtime/file.h"
 
 #include <cerrno>
+#include <chrono>
+#include <ratio>
 #include <string_view>
 
 #include "cms/runtime/file_io.h"
@@ -8,8 +10,8 @@
 
 namespace {
 
-constexpr std::uint64_t kSecondsFrom1601To1970 = 11'644'473'600;
-constexpr std::uint64_t kTicksPerSecond = 10'000'000;
+using Ticks = std::chrono::duration<std::int64_t, std::ratio<1, 10'000'000>>;
+constexpr std::chrono::seconds kFrom1601To1970{11'644'473'600};
 
 bool StatusOf(const std::wstring& path, cms::FileStatus& status) {
   return cms::CurrentFileIo().Status(cms::NativePath(path), status);
@@ -70,7 +72,10 @@ std::uint64_t File::lastModified() const {
   if (!StatusOf(path_, status)) {
     return 0;
   }
-  return kSecondsFrom1601To1970 * kTicksPerSecond + status.modified_nanoseconds / 100;
+  // A time before 1970 is a negative number there, in an unsigned one.
+  const std::chrono::nanoseconds since1970(static_cast<std::int64_t>(status.modified_nanoseconds));
+  return static_cast<std::uint64_t>(
+      (std::chrono::floor<Ticks>(since1970) + kFrom1601To1970).count());
 }
 
 std::uint64_t File::length() const {
@@ -94,7 +99,8 @@ bool File::createNewFile() const {
 bool File::deleteFile() const {
   cms::FileIo& io = cms::CurrentFileIo();
   const std::string native = cms::NativePath(path_);
-  return (IsDirectory(io, native) ? io.RemoveDirectory(native) : io.Remove(native)) == 0;
+  // The removal of a file refuses folders, and takes links for what they are.
+  return io.Remove(native) == 0 || (IsDirectory(io, native) && io.RemoveDirectory(native) == 0);
 }
 
 bool File::mkdir() const {

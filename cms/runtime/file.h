@@ -29,7 +29,7 @@ class CMS_API File {
   // already, even if it appeared meanwhile, or when it cannot be created.
   bool createNewFile() const;
 
-  bool deleteFile() const;  // a file, or an empty directory
+  bool deleteFile() const;  // a file, an empty directory, or a link itself
 
   bool mkdir() const;  // one directory; false when the name is taken
 

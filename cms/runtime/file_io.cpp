@@ -177,8 +177,7 @@ class SystemIo final : public FileIo {
   }
 };
 
-SystemIo system_io;
-std::atomic<FileIo*> current_io{&system_io};
+std::atomic<FileIo*> replacement{nullptr};
 
 template <typename Step>
 std::size_t Whole(std::size_t size, int nothing_means, Step step) {
@@ -220,15 +219,17 @@ bool FileIo::Exists(const std::string& path) {
 }
 
 FileIo& SystemFileIo() {
-  return system_io;
+  static auto* const system = new SystemIo;  // threads may still ask while the process ends
+  return *system;
 }
 
 FileIo& CurrentFileIo() {
-  return *current_io.load(std::memory_order_acquire);
+  FileIo* const given = replacement.load(std::memory_order_acquire);
+  return given != nullptr ? *given : SystemFileIo();
 }
 
 void ReplaceFileIo(FileIo* io) {
-  current_io.store(io != nullptr ? io : &system_io, std::memory_order_release);
+  replacement.store(io, std::memory_order_release);
 }
 
 int ScopedFile::Release() {

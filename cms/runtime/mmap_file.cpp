@@ -1,5 +1,6 @@
 #include "cms/runtime/mmap_file.h"
 
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -19,6 +20,15 @@ constexpr std::size_t kLongestName = 249;  // of an anonymous file
 void* Map(int handle, std::uint64_t size) {
   void* view = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, handle, 0);
   return view == MAP_FAILED ? nullptr : view;
+}
+
+// Has the file grow, with blocks of its own. 0 or an error number.
+int Reserve(int handle, std::uint64_t from, std::uint64_t to) {
+  int error = 0;
+  do {
+    error = posix_fallocate(handle, static_cast<off_t>(from), static_cast<off_t>(to - from));
+  } while (error == EINTR);
+  return error;
 }
 
 }  // namespace
@@ -51,8 +61,11 @@ void* MMapFile::FileOpen(const std::wstring& path, std::uint64_t size) {
     Fail("CreateFileMapping", EINVAL);
   }
   if (mapped_size_ > file_size_) {
-    if (io.Truncate(handle_, mapped_size_) != 0) {
-      Fail("CreateFileMapping", errno);
+    // Reserved now: a page that has no place on the disk would end the process when it is written.
+    const int error = Reserve(handle_, file_size_, mapped_size_);
+    if (error != 0) {
+      io.Truncate(handle_, file_size_);
+      Fail("CreateFileMapping", error);
     }
     file_size_ = mapped_size_;
   }

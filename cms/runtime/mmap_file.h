@@ -19,10 +19,11 @@ class CMS_API MMapFile {
   MMapFile& operator=(const MMapFile&) = delete;
 
   // Maps `size` bytes of an existing file, all of it when `size` is 0; a file shorter than `size`
-  // grows to it. The file is held without sharing (an advisory lock) until Close. nullptr, with
-  // everything as it was, when something is open already.
+  // grows to it, with its space reserved on the disk (holes that it had are not filled: writing
+  // into one while the disk is full ends the process). The file is held without sharing (an
+  // advisory lock) until Close. nullptr, with everything as it was, when something is open already.
   // Throws "CreateFile:%u", "file size too large" (beyond kMaximumFileSize), "CreateFileMapping:%u"
-  // (an empty file among the causes), "MapViewOfFile:%u".
+  // (an empty file or a full disk among the causes), "MapViewOfFile:%u".
   void* FileOpen(const std::wstring& path, std::uint64_t size);
 
   // Maps a block of `size` zero bytes that no file backs. The name only shows in /proc; blocks of

@@ -111,7 +111,7 @@ void Thread::waitStop() {
       return;
     }
   }
-  if (!IsStopRequested()) {
+  if (!IsRunning()) {
     worker->WaitEnded(kLeavingMilliseconds);
   }
 }

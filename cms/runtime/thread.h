@@ -47,7 +47,8 @@ class CMS_API Thread : public Runnable {
   // Asks a running thread to end; returns at once.
   virtual void notifyStop();
 
-  // After notifyStop: waits, at most 10 seconds, until the thread has ended.
+  // After notifyStop: waits, at most 10 seconds, until the thread has ended. Nothing when nobody
+  // has asked it to end.
   virtual void waitStop();
 
   // notifyStop and waitStop in one. A thread that has not ended within 10 seconds runs on.

@@ -12,12 +12,15 @@
 #include "cms/exports/net_exports.h"
 #include "cms/net/internal/client_managers.h"
 #include "cms/net/rtcp_step.h"
+#include "tests/net/acting_clients.h"
 #include "tests/net/loopback.h"
 #include "tests/support/wait.h"
 
 namespace {
 
 using std::chrono::milliseconds;
+using test::ActingClient;
+using test::ActingStep;
 using test::Descriptor;
 using test::Listener;
 using test::PortOf;
@@ -49,39 +52,6 @@ class ClientGroupTest : public testing::Test {
 
   Listener listener_;
   Descriptor peer_ = test::BoundSocket(SOCK_DGRAM);
-};
-
-// A UDP client that runs a function for each datagram.
-class ActingClient : public UdpClient {
- public:
-  explicit ActingClient(std::function<void()> action) : action_(std::move(action)) {
-    _UDPCLIENT_CONFIG config;
-    config.recvContext = this;
-    config.recvCallback = [](void* self, char*, int) {
-      auto* const client = static_cast<ActingClient*>(self);
-      ++client->calls;
-      client->action_();
-    };
-    SetConfig(config);
-  }
-  ~ActingClient() override { OnStopUDPClient(); }
-  std::atomic<int> calls{0};
-
- private:
-  std::function<void()> action_;
-};
-
-class ActingStep : public RTCPStep {
- public:
-  explicit ActingStep(std::function<int()> action) : action_(std::move(action)) {}
-  int RTCPProcessNB() override {
-    ++calls;
-    return action_();
-  }
-  std::atomic<int> calls{0};
-
- private:
-  std::function<int()> action_;
 };
 
 TEST_F(ClientGroupTest, SixtyFourSocketsAreServedAndAWaitingOneGetsAFreePlace) {

@@ -1,8 +1,11 @@
 #include "cms/net/tcp_client.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
+#include <atomic>
 #include <chrono>
+#include <memory>
 #include <thread>
 #include <vector>
 
@@ -232,6 +235,11 @@ TEST_F(TcpClientTest, ConnectingFailsCleanlyInTimeAndOnCancel) {
   EXPECT_EQ(client.Socket(), -1);
   EXPECT_EQ(test::OpenDescriptors(), before);
 
+  // A port that does not exist is not another one.
+  const Listener open;
+  EXPECT_EQ(client.OnConnect(INADDR_LOOPBACK, 65536UL + open.Port()), 0);
+  EXPECT_EQ(client.LastSocketError(), EINVAL);
+
   // With its backlog full a listener answers no more connection requests.
   const Listener deaf(0);
   TcpClient filler;
@@ -325,6 +333,83 @@ TEST_F(TcpClientTest, ThreadsOfItsOwnServeAClientToo) {
   EXPECT_TRUE(WaitFor([&] { return client.IsConnecting() == 0; }));
   client.OnStopTCPClient(true);
   EXPECT_EQ(client.SetRecvThrdPriority(1), 0);
+}
+
+TEST_F(TcpClientTest, ThreadsOfItsOwnRestWhileThereIsNothingToDo) {
+  TcpClient tcp;
+  ASSERT_TRUE(tcp.Start(listener_.Port(), kNoIoGroup));
+  const Descriptor peer = listener_.Accept();
+  test::UdpClient udp;
+  ASSERT_NE(udp.OnStartUDPClient(), 0);
+  tcp.RunOwnThreads();
+  udp.RunOwnThreads();
+  const auto switches = [] {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_nvcsw;
+  };
+  std::this_thread::sleep_for(milliseconds(50));
+  const long before = switches();
+  std::this_thread::sleep_for(milliseconds(500));
+  EXPECT_LT(switches() - before, 50);  // the receivers look every 100 ms
+}
+
+TEST_F(TcpClientTest, ReleasingForgetsWhatWasNotRead) {
+  TcpClient client;
+  ASSERT_TRUE(client.Start(listener_.Port(), kGroup));
+  SendAll(listener_.Accept(), "unread");
+  ASSERT_TRUE(WaitFor([&] { return client.IsDataAvail() != 0 && client.peer_closed == 1; }));
+  client.OnStopTCPClient(true);
+  client.OnReleaseMemory();
+  char got[1024];
+  EXPECT_EQ(client.IsDataAvail(), 0);
+  EXPECT_EQ(client.OnRecv(got, sizeof got), 0);
+  EXPECT_EQ(client.OnRecv(got, sizeof got), 0);
+  ASSERT_NE(client.OnAllocateMemory(), 0);
+  ASSERT_TRUE(client.Start(listener_.Port(), kGroup));
+  SendAll(listener_.Accept(), "new");
+  int length = 0;
+  EXPECT_TRUE(WaitFor([&] { return (length = client.OnRecv(got, sizeof got)) != 0; }));
+  EXPECT_EQ(std::string(got, static_cast<std::size_t>(length)), "new");
+}
+
+TEST_F(TcpClientTest, StoppingAManualClientEndsItsCallsInProgress) {
+  const Listener deaf(0);
+  TcpClient filler;
+  ASSERT_NE(filler.ConnectSocket(INADDR_LOOPBACK, deaf.Port(), 1000, nullptr), 0);
+  std::string data(16'000'000, 'x');  // more than the system holds for a peer that does not read
+  for (const bool destroys : {false, true}) {
+    auto client = std::make_unique<ManualTCPClient>();
+    ASSERT_NE(client->OnConnect(INADDR_LOOPBACK, listener_.Port()), 0);
+    const Descriptor peer = listener_.Accept();
+    std::atomic<int> begun{0};
+    std::thread receiving([&, used = client.get()] {
+      char got[16];
+      ++begun;
+      EXPECT_LE(used->OnRecv(got, sizeof got), 0);
+    });
+    std::thread sending([&, used = client.get()] {
+      ++begun;
+      EXPECT_EQ(used->OnSend(data.data(), static_cast<int>(data.size())), -1);
+    });
+    ASSERT_TRUE(WaitFor([&] { return begun == 2; }));
+    std::this_thread::sleep_for(milliseconds(50));  // in the call by now, most likely
+    if (destroys) {
+      client.reset();
+    } else {
+      client->OnStopTCPClient(true);
+    }
+    receiving.join();
+    sending.join();
+    if (!destroys) {
+      std::thread connecting(
+          [&] { EXPECT_EQ(client->OnConnect(INADDR_LOOPBACK, deaf.Port()), 0); });
+      std::this_thread::sleep_for(milliseconds(50));
+      client->OnStopTCPClient(true);
+      connecting.join();
+      EXPECT_NE(client->OnConnect(INADDR_LOOPBACK, listener_.Port()), 0);
+    }
+  }
 }
 
 TEST_F(TcpClientTest, AManualClientWorksOnTheBlockingSocket) {

@@ -11,6 +11,7 @@
 
 #include "cms/exports/tcp_server_exports.h"
 #include "tests/net/loopback.h"
+#include "tests/support/no_more_threads.h"
 #include "tests/support/wait.h"
 
 namespace {
@@ -131,7 +132,7 @@ TEST_F(TcpServerTest, ReceivedBytesReachTheCallback) {
   EXPECT_TRUE(WaitFor([&] { return TotalClientCnt(server_) == 0; }));
 }
 
-TEST_F(TcpServerTest, UnreadFramesAreDroppedWithoutACallback) {
+TEST_F(TcpServerTest, WithoutACallbackReceivedBytesAreThrownAway) {
   const Descriptor peer = Peer();
   const std::string sent = test::Pattern(1 << 20);
   EXPECT_EQ(send(peer, sent.data(), sent.size(), MSG_NOSIGNAL), 1 << 20);
@@ -254,6 +255,42 @@ TEST_F(TcpServerTest, AFloodOfConnectionsAndNoDescriptorsLeft) {
     return Send("well") == 4;
   }));
   EXPECT_EQ(Read(peer, 4), "well");
+}
+
+TEST_F(TcpServerTest, MorePeersThanAllowedWaitUntilOneLeaves) {
+  tTcpServerConfig config;
+  config.maximumConnections = 2;
+  Use(config);
+  Descriptor first = Peer(1);
+  const Descriptor second = Peer(2);
+  const sockaddr_in to = test::Loopback(config_.localPort);
+  const Descriptor third(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  EXPECT_EQ(connect(third, reinterpret_cast<const sockaddr*>(&to), sizeof to), 0);
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  EXPECT_EQ(TotalClientCnt(server_), 2);
+  EXPECT_EQ(accepted, 2);
+  first.Close();
+  EXPECT_TRUE(WaitFor([] { return accepted == 3; }));
+  EXPECT_TRUE(WaitFor([&] { return TotalClientCnt(server_) == 2; }));
+  StopTcpServer(server_);  // although it is full
+  EXPECT_EQ(Read(third, 1), "");
+}
+
+TEST_F(TcpServerTest, WithoutThreadsPeersAreTurnedAwayAndLaterServed) {
+  const long before = test::OpenDescriptors();
+  {
+    const test::NoMoreThreads refused;
+    const sockaddr_in to = test::Loopback(config_.localPort);
+    const Descriptor peer(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    EXPECT_EQ(connect(peer, reinterpret_cast<const sockaddr*>(&to), sizeof to), 0);
+    EXPECT_EQ(Read(peer, 1), "");  // closed
+    EXPECT_EQ(TotalClientCnt(server_), 0);
+    StopTcpServer(server_);
+    EXPECT_EQ(StartTcpServer(server_), 0);
+  }
+  ASSERT_EQ(StartTcpServer(server_), 1);
+  EXPECT_EQ(test::OpenDescriptors(), before);
+  Peer();
 }
 
 TEST_F(TcpServerTest, IdleConnectionsCostNothing) {

@@ -1,7 +1,6 @@
 #include "cms/runtime/base_thread.h"
 
 #include <gtest/gtest.h>
-#include <pthread.h>
 
 #include <chrono>
 #include <stdexcept>
@@ -9,6 +8,7 @@
 
 #include "cms/runtime/critical_zone.h"
 #include "cms/runtime/thread.h"
+#include "tests/support/no_more_threads.h"
 
 namespace {
 
@@ -27,26 +27,6 @@ class Worker : public CLFX::CLFXBaseThread {
   using CLFXBaseThread::EndThread;
 };
 
-// While it lives, the platform can give no new thread the stack that it asks for.
-class NoMoreThreads {
- public:
-  NoMoreThreads() {
-    pthread_getattr_default_np(&before_);
-    pthread_attr_t huge;
-    pthread_getattr_default_np(&huge);
-    pthread_attr_setstacksize(&huge, std::size_t{1} << 46);
-    pthread_setattr_default_np(&huge);
-    pthread_attr_destroy(&huge);
-  }
-  ~NoMoreThreads() {
-    pthread_setattr_default_np(&before_);
-    pthread_attr_destroy(&before_);
-  }
-
- private:
-  pthread_attr_t before_;
-};
-
 }  // namespace
 
 TEST(CLFXBaseThread, StartsOnceAndIsClosedBeforeItStartsAgain) {
@@ -58,8 +38,12 @@ TEST(CLFXBaseThread, StartsOnceAndIsClosedBeforeItStartsAgain) {
   EXPECT_NE(worker.GetHandle(), nullptr);
   EXPECT_NE(worker.ThreadId(), 0u);
   EXPECT_EQ(worker.WaitThread(5), Worker::kTimeOut);
+  std::uint32_t code = 0;
+  EXPECT_FALSE(worker.GetExitCode(code));
   worker.EndThread();
   EXPECT_EQ(worker.WaitThread(Worker::kNoTimeLimit), 0u);
+  EXPECT_TRUE(worker.GetExitCode(code));
+  EXPECT_EQ(code, 7u);
   EXPECT_EQ(worker.StartThread(), 1) << "an ended thread keeps its handle until it is closed";
   worker.CloseThread();
   EXPECT_EQ(worker.GetHandle(), nullptr);
@@ -70,7 +54,7 @@ TEST(CLFXBaseThread, ARefusedThreadIsReportedAndLeavesNothingBehind) {
   Worker worker;
   Thread thread;
   {
-    NoMoreThreads refused;
+    const test::NoMoreThreads refused;
     EXPECT_EQ(worker.StartThread(), 0);
     EXPECT_FALSE(worker.IsKeepWorking());
     try {

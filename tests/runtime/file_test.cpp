@@ -1,6 +1,9 @@
 #include "cms/runtime/file.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
@@ -42,6 +45,10 @@ TEST(File, TellsWhatLiesAtAPath) {
   const auto when = std::chrono::file_clock::from_sys(day);
   std::filesystem::last_write_time(folder.File("f"), when);
   EXPECT_EQ(File(folder.SystemFile("f")).lastModified(), 133'536'384'000'000'000u);
+  // In front of 1970, and not on a whole tick: the tick that had begun.
+  const timespec early[] = {{-1, 999'999'950}, {-1, 999'999'950}};
+  ASSERT_EQ(utimensat(AT_FDCWD, folder.File("f").c_str(), early, 0), 0);
+  EXPECT_EQ(File(folder.SystemFile("f")).lastModified(), 116'444'735'999'999'999u);
 }
 
 TEST(File, CreatesFilesAndFoldersAndRemovesThem) {
@@ -62,6 +69,11 @@ TEST(File, CreatesFilesAndFoldersAndRemovesThem) {
   EXPECT_TRUE(File(folder.SystemFile("a\\b\\c")).deleteFile());
   EXPECT_FALSE(file.deleteFile());
   EXPECT_FALSE(File(L"").mkdirs());
+  // Of a link the link goes, not what it leads to.
+  ASSERT_EQ(symlink(folder.File("d").c_str(), folder.File("link").c_str()), 0);
+  EXPECT_TRUE(File(folder.SystemFile("link")).deleteFile());
+  EXPECT_FALSE(File(folder.SystemFile("link")).exists());
+  EXPECT_TRUE(File(folder.SystemFile("d\\e")).isDirectory());
 }
 
 // Whatever fails, the answer is false and nothing is left open.

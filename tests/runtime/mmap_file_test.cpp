@@ -2,7 +2,10 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <linux/magic.h>
 #include <sys/mman.h>
+#include <sys/vfs.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -10,6 +13,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "cms/runtime/native_path.h"
 #include "tests/support/faulty_file_io.h"
 #include "tests/support/process_state.h"
 
@@ -79,6 +83,23 @@ TEST(MMapFile, FailuresAreThrownByNameAndNumber) {
             Text(ENOMEM, "MapViewOfFile"));
   EXPECT_EQ(file.View(), nullptr);
   EXPECT_EQ(test::OpenDescriptors(), descriptors);
+}
+
+// Writing into a mapping that has no place on the disk would end the process.
+TEST(MMapFile, AMappingLargerThanTheDiskIsRefusedAndLeavesTheFileAsItWas) {
+  struct statfs memory {};
+  if (statfs("/dev/shm", &memory) != 0 || memory.f_type != TMPFS_MAGIC || memory.f_blocks == 0) {
+    GTEST_SKIP() << "no file system whose size can be exceeded without filling it";
+  }
+  const std::string path = "/dev/shm/orvanta_mmap_" + std::to_string(getpid());
+  test::WriteWholeFile(path, "0123456789");
+  MMapFile file;
+  const auto beyond =
+      std::uint64_t{memory.f_blocks + 1} * static_cast<std::uint64_t>(memory.f_bsize);
+  EXPECT_EQ(ThrownBy([&] { file.FileOpen(cms::SystemPath(path), beyond); }),
+            Text(ENOSPC, "CreateFileMapping"));
+  EXPECT_EQ(test::ReadWholeFile(path), "0123456789");
+  std::filesystem::remove(path);
 }
 
 TEST(MMapFile, ABlockOfMemoryIsZeroAndItsOwn) {

@@ -73,6 +73,26 @@ TEST(Thread, StartsOnceSettlesStopsAndStartsAgain) {
   EXPECT_FALSE(loop.IsRunning());
 }
 
+TEST(Thread, WaitingForAThreadThatNobodyAskedToEndReturnsAtOnce) {
+  Loop loop;
+  loop.start();
+  Job job;
+  Thread other(job);
+  other.start();
+  const auto begin = Clock::now();
+  for (int i = 0; i < 100; ++i) {  // a minute and more, were each to wait for some time
+    loop.waitStop();
+    other.waitStop();
+  }
+  EXPECT_LT(Clock::now() - begin, std::chrono::seconds(30));
+  EXPECT_TRUE(loop.IsRunning());
+  loop.notifyStop();
+  loop.waitStop();
+  EXPECT_FALSE(loop.IsRunning());
+  job.leave = true;
+  EXPECT_TRUE(test::WaitFor([&] { return job.finished == 1; }));
+}
+
 TEST(Thread, StopBeforeStartLeavesNoRequestBehind) {
   Loop loop;
   loop.notifyStop();

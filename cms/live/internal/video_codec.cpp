@@ -11,7 +11,7 @@ namespace {
 constexpr int kMaxOutputs = 64;
 
 CMSCritical& OpenLock() {
-  static CMSCritical lock;
+  static auto& lock = *new CMSCritical;  // decoders may outlive static objects
   return lock;
 }
 

@@ -4,33 +4,9 @@
 
 #include "cms/net/internal/client_managers.h"
 
-namespace {
-
-// A thread that could not be stopped still runs in its manager, which then has to stay.
-template <class Manager>
-bool KeepIfRunning(std::unique_ptr<Manager>& manager) {
-  if (!manager->IsRunning()) {
-    return false;
-  }
-  [[maybe_unused]] const Manager* const kept = manager.release();
-  return true;
-}
-
-}  // namespace
-
 EachClientManager::EachClientManager(int group)
     : receiver_(std::make_unique<EachClientRecvManager>(group)),
       sender_(std::make_unique<EachClientSendManager>(group, *receiver_)) {}
-
-EachClientManager::~EachClientManager() {
-  stop();
-  if (KeepIfRunning(sender_)) {
-    [[maybe_unused]] const auto* const kept = receiver_.release();  // the sender uses it
-  } else {
-    sender_.reset();
-    KeepIfRunning(receiver_);
-  }
-}
 
 template <class Client>
 void EachClientManager::RegisterBoth(Client* client) {
@@ -63,16 +39,22 @@ void EachClientManager::UnRegisterClient(RTCPStep* step) {
   sender_->UnRegisterClient(step);
 }
 
-bool EachClientManager::start() {
-  if (IsStarted()) {
-    return true;
+bool EachClientManager::IsInStepOf(const void* client) const {
+  return receiver_->IsInStepOf(client) || sender_->IsInStepOf(client);
+}
+
+void EachClientManager::WaitForSteps() {
+  receiver_->WaitForStep();
+  sender_->WaitForStep();
+}
+
+EachClientManager::State EachClientManager::start() {
+  if (CurrentState() == State::kStarted) {
+    return State::kStarted;
   }
   ScopeLock lock(start_lock_);
-  if (IsStarted() || stopped_) {
-    return true;
-  }
-  if (!receiver_->IsUsable() || !sender_->IsUsable()) {
-    return false;
+  if (CurrentState() != State::kNew || !receiver_->IsUsable() || !sender_->IsUsable()) {
+    return CurrentState();
   }
   // Side by side: each start lasts 100 ms, and a camera's opening waits for both.
   try {
@@ -82,17 +64,17 @@ bool EachClientManager::start() {
   } catch (const std::runtime_error&) {  // std::system_error included
     sender_->stop();
     receiver_->stop();
-    return false;
+    return State::kNew;
   }
-  started_.store(true, std::memory_order_release);
-  return true;
+  state_.store(State::kStarted, std::memory_order_release);
+  return State::kStarted;
 }
 
 void EachClientManager::stop() {
   {
     // Not held while waiting: a callback may be about to ask whether the threads run.
     ScopeLock lock(start_lock_);
-    stopped_ = true;
+    state_.store(State::kStopped, std::memory_order_release);
   }
   sender_->stop();
   receiver_->stop();

@@ -14,7 +14,8 @@ namespace {
 constexpr std::uint64_t kSignalEvent = ~std::uint64_t{0};
 constexpr int kSlotBits = 8;
 
-constexpr int kVisitorPauses = 20;
+// A visitor is awake and has the lock within a millisecond, unless the machine is overloaded.
+constexpr std::chrono::milliseconds kVisitorPatience{20};
 constexpr std::chrono::microseconds kVisitorPause{50};
 
 }  // namespace
@@ -226,8 +227,22 @@ bool EachClientSRManager::IsReady(const Entry& entry) const {
   return entry.slot >= 0 && slots_[static_cast<std::size_t>(entry.slot)].ready;
 }
 
+// Those that wait now, not those that come meanwhile: many of them could hold up the sockets.
 void EachClientSRManager::LetVisitorsIn() {
-  for (int i = 0; i < kVisitorPauses && visitors_.load(std::memory_order_relaxed) > 0; ++i) {
+  const int waiting = visitors_.load(std::memory_order_relaxed);
+  if (waiting == 0) {
+    return;
+  }
+  const unsigned before = visits_.load(std::memory_order_relaxed);
+  const auto limit = std::chrono::steady_clock::now() + kVisitorPatience;
+  while (visitors_.load(std::memory_order_relaxed) > 0 &&
+         visits_.load(std::memory_order_relaxed) - before < static_cast<unsigned>(waiting) &&
+         std::chrono::steady_clock::now() < limit) {
     std::this_thread::sleep_for(kVisitorPause);
   }
+}
+
+void EachClientSRManager::WaitForStep() {
+  const Visitor visitor(*this);
+  const ScopeLock lock(lock_);
 }

@@ -40,14 +40,25 @@ class EachClientSRManager : public Thread {
   // Held around the use of the lock by any other thread than this one's.
   class Visitor {
    public:
-    explicit Visitor(EachClientSRManager& manager) : count_(manager.visitors_) { ++count_; }
-    ~Visitor() { --count_; }
+    explicit Visitor(EachClientSRManager& manager) : manager_(manager) { ++manager_.visitors_; }
+    ~Visitor() {
+      ++manager_.visits_;
+      --manager_.visitors_;
+    }
     Visitor(const Visitor&) = delete;
     Visitor& operator=(const Visitor&) = delete;
 
    private:
-    std::atomic<int>& count_;
+    EachClientSRManager& manager_;
   };
+
+  // Whether a step of that client, which calls somebody, is running. The client may have been
+  // unregistered by it, or be gone.
+  bool IsInStepOf(const void* client) const {
+    return in_step_.load(std::memory_order_acquire) == client;
+  }
+  // Returns when the step that runs now has ended; at once on the thread that runs it.
+  void WaitForStep();
 
   void Notify();         // ends a wait in progress
   void stop() override;  // ends the wait, then the thread
@@ -62,8 +73,25 @@ class EachClientSRManager : public Thread {
     UDPClientBase* udp = nullptr;
     int slot = -1;         // the socket's place in the set; -1: not served
     bool blocked = false;  // send thread: bytes wait for the system to take them
+
+    // The address that it was registered by.
+    const void* Client() const { return tcp != nullptr ? static_cast<const void*>(tcp) : udp; }
   };
   using List = std::vector<std::shared_ptr<Entry>>;
+
+  // Names the client whose step is running. Made and destroyed with the lock held.
+  class Step {
+   public:
+    Step(EachClientSRManager& manager, const void* client) : in_step_(manager.in_step_) {
+      in_step_.store(client, std::memory_order_release);
+    }
+    ~Step() { in_step_.store(nullptr, std::memory_order_release); }
+    Step(const Step&) = delete;
+    Step& operator=(const Step&) = delete;
+
+   private:
+    std::atomic<const void*>& in_step_;
+  };
 
   // The events to wait for; whether a client is to be waited on; where its waking signal goes.
   EachClientSRManager(const char* name, int group, std::uint32_t events);
@@ -127,6 +155,8 @@ class EachClientSRManager : public Thread {
   const int epoll_;
   const std::uint32_t events_;
   std::atomic<int> visitors_{0};
+  std::atomic<unsigned> visits_{0};  // that have ended
+  std::atomic<const void*> in_step_{nullptr};
   std::atomic<std::uint64_t> passes_{0};
   std::array<epoll_event, kMaxSockets + 1> received_{};  // this thread's
   std::array<Slot, kMaxSockets> slots_ CMS_GUARDED_BY(lock_);
@@ -197,11 +227,13 @@ class EachClientSendManager final : public EachClientSRManager {
   bool more_to_send_ = false;                          // this thread's
 };
 
-// One group. Any thread may call any member; a stopped pair stays stopped.
+// One group. Any thread may call any member; a stopped pair stays stopped, and is destroyed only
+// when neither thread runs.
 class EachClientManager {
  public:
+  enum class State { kNew, kStarted, kStopped };
+
   explicit EachClientManager(int group);
-  ~EachClientManager();
 
   void RegisterClient(TCPClientBase* client);
   void RegisterClient(UDPClientBase* client);
@@ -210,9 +242,16 @@ class EachClientManager {
   void UnRegisterClient(UDPClientBase* client);
   void UnRegisterClient(RTCPStep* step);
 
-  bool start();  // both threads run, or were stopped; false when the process could not make them
-  void stop();
-  bool IsStarted() const { return started_.load(std::memory_order_acquire); }
+  // See EachClientSRManager.
+  bool IsInStepOf(const void* client) const;
+  void WaitForSteps();
+
+  // Starts both threads unless that was done, or the pair was stopped: how it stands then. kNew
+  // when the process could not make them.
+  State start();
+  void stop();  // at most 10 seconds for each thread
+  State CurrentState() const { return state_.load(std::memory_order_acquire); }
+  bool IsRunning() const { return receiver_->IsRunning() || sender_->IsRunning(); }
 
   const EachClientRecvManager& Receiver() const { return *receiver_; }
   const EachClientSendManager& Sender() const { return *sender_; }
@@ -224,8 +263,7 @@ class EachClientManager {
   void UnRegisterBoth(Client* client);
 
   CMSCritical start_lock_;
-  std::atomic<bool> started_{false};
-  bool stopped_ CMS_GUARDED_BY(start_lock_) = false;
-  std::unique_ptr<EachClientRecvManager> receiver_;
-  std::unique_ptr<EachClientSendManager> sender_;
+  std::atomic<State> state_{State::kNew};  // written under start_lock_
+  const std::unique_ptr<EachClientRecvManager> receiver_;
+  const std::unique_ptr<EachClientSendManager> sender_;  // uses the receiver
 };

@@ -51,6 +51,7 @@ void EachClientRecvManager::Dispatch(List& list, PassResult& result) {
     if (entry->endpoint == nullptr) {
       continue;  // unregistered by a step before
     }
+    const Step step(*this, entry->Client());
     const int taken =
         entry->tcp != nullptr ? entry->tcp->TCPClientRecv() : entry->udp->UDPClientRecv();
     result.moved = result.moved || taken > 0;

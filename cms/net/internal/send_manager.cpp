@@ -4,8 +4,10 @@
 
 namespace {
 
-// Steps of one client in a pass, before the others have their turn.
-constexpr int kStepsPerPass = 64;
+// Steps of one client in a pass, before the others have their turn. A TCP client's is one call into
+// the system; a UDP client's may last 31 ms by itself.
+constexpr int kTcpStepsPerPass = 64;
+constexpr int kUdpStepsPerPass = 1;
 
 }  // namespace
 
@@ -69,7 +71,8 @@ void EachClientSendManager::Dispatch(List& list) {
     // Send steps call nobody, so the entry stays what it is meanwhile.
     bool would_block = false;
     int result = 0;
-    for (int step = 0; step < kStepsPerPass && result >= 0 && !would_block; ++step) {
+    const int steps = entry->tcp != nullptr ? kTcpStepsPerPass : kUdpStepsPerPass;
+    for (int step = 0; step < steps && result >= 0 && !would_block; ++step) {
       if (!HasPending(*entry)) {
         break;
       }
@@ -130,8 +133,11 @@ void EachClientSendManager::CallRtcpSteps() {
     if (IsStopRequested()) {
       return;
     }
-    const bool registered = std::ranges::find(rtcp_steps_, step) != rtcp_steps_.end();
-    if (registered && step->RTCPProcessNB() < 0) {
+    if (std::ranges::find(rtcp_steps_, step) == rtcp_steps_.end()) {
+      continue;  // unregistered by a step before
+    }
+    const Step running(*this, step);
+    if (step->RTCPProcessNB() < 0) {
       std::erase(rtcp_steps_, step);
     }
   }

@@ -39,7 +39,9 @@ void CTcpReceiver::Run() {
   while (running_ && cms::WaitReady(socket_, POLLIN, stop_) == cms::Readiness::kReady) {
     const ssize_t got = recv(socket_, scratch_.data(), scratch_.size(), MSG_DONTWAIT);
     if (got > 0) {
-      Deliver(static_cast<int>(got));
+      if (config_.recvCallback != nullptr) {
+        config_.recvCallback(config_.recvContext, scratch_.data(), static_cast<int>(got));
+      }
     } else if (got == 0 || (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)) {
       break;
     }
@@ -47,15 +49,4 @@ void CTcpReceiver::Run() {
   if (running_.exchange(false)) {
     on_gone_();
   }
-}
-
-void CTcpReceiver::Deliver(int length) {
-  if (config_.recvCallback != nullptr) {
-    config_.recvCallback(config_.recvContext, scratch_.data(), length);
-    return;
-  }
-  if (!has_frames_) {
-    has_frames_ = frames_.AllocateBuffer(config_.recvQueueDepth, config_.recvFrameSize) != 0;
-  }
-  frames_.Write(scratch_.data(), length, 1);  // dropped when the queue is full
 }

@@ -6,10 +6,10 @@
 #include <thread>
 #include <vector>
 
-#include "cms/live/frame_buffer.h"
 #include "cms/net/tcp_server.h"
 
-// A thread that hands received bytes to the server's callback, or queues them as frames.
+// A thread that hands received bytes to the server's callback, or throws them away where there is
+// none, and notices the peer's end.
 class CTcpReceiver {
  public:
   // Neither descriptor is owned; `stop` becomes readable when the server stops.
@@ -25,7 +25,6 @@ class CTcpReceiver {
 
  private:
   void Run();
-  void Deliver(int length);
 
   const int socket_;
   const int stop_;
@@ -33,7 +32,5 @@ class CTcpReceiver {
   std::atomic<bool> running_{false};
   std::function<void()> on_gone_;
   std::vector<char> scratch_;
-  CFrameBuffer frames_;  // allocated by the first frame that nobody is called for
-  bool has_frames_ = false;
   std::thread thread_;
 };

@@ -34,7 +34,6 @@ class CTcpSender {
 
  private:
   void Run();
-  bool Take(std::deque<Block>& blocks);
   bool SendAll(const std::string& bytes);
 
   const int socket_;

@@ -3,8 +3,8 @@
 namespace cms {
 
 GroupAllocator& GroupAllocator::Instance() {
-  static GroupAllocator allocator;
-  return allocator;
+  static auto* const allocator = new GroupAllocator;  // clients may outlive static objects
+  return *allocator;
 }
 
 int GroupAllocator::Claim(int sockets) {
