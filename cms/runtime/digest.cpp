@@ -6,6 +6,13 @@
 #include <algorithm>
 
 namespace cms {
+namespace {
+
+// At the library's loading, before anybody uses libcrypto otherwise: its own cleanup at the end of
+// the process would come before the clients of static lifetime close their streams, with digests.
+[[maybe_unused]] const int kept = OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
+
+}  // namespace
 
 std::string Md5Hex(std::string_view input) {
   unsigned char digest[EVP_MAX_MD_SIZE];

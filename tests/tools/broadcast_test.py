@@ -8,6 +8,7 @@ import socket
 import subprocess
 import sys
 import threading
+import time
 
 from orvanta_process import LIMIT, Orvanta, wait_for
 
@@ -122,6 +123,23 @@ def it_ends_when_told_although_a_peer_takes_nothing():
     assert wrong.returncode == 2 and wrong.stderr.count(b"\n") == 1 and b"nowhere" in wrong.stderr
 
 
+def what_peers_send_costs_nothing():
+    with Orvanta(PROGRAM, "broadcast") as server:
+        def memory():
+            with open(f"/proc/{server.process.pid}/status", encoding="ascii") as status:
+                return next(int(line.split()[1]) for line in status if line.startswith("VmRSS"))  # KiB
+
+        peers = connect(server, 40)
+        before = memory()
+        for peer in peers:
+            peer.socket.sendall(b"x" * 100_000)
+        reach(server, peers, b"alive\n")
+        most = max((time.sleep(0.05), memory())[1] for _ in range(20))
+        assert most - before < 40 * 256, f"{most - before} KiB for {len(peers)} peers that sent something"
+        assert server.end() == 0
+
+
 lines_reach_the_enabled_and_only_them()
+what_peers_send_costs_nothing()
 a_stuck_peer_misses_whole_lines_and_delays_nobody()
 it_ends_when_told_although_a_peer_takes_nothing()
