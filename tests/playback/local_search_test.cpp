@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <ctime>
@@ -16,10 +17,12 @@
 
 #include "cms/playback/local_pb_search_engine.h"
 #include "cms/recording/event_db_list_writer.h"
+#include "cms/recording/record_db_list_writer.h"
 #include "cms/runtime/native_path.h"
 #include "tests/recording/database_bytes.h"
 #include "tests/support/recording_reader.h"
 #include "tests/support/search_oracle.h"
+#include "tests/support/wait.h"
 
 namespace {
 
@@ -478,6 +481,37 @@ TEST(LocalSearch, AFileThatGoesIsNoticedAtOnce) {
     engine.searchByInterval(kFebruary, kFebruary + kDay);
     ASSERT_EQ(engine.getNormalPBInfo().size(), 0u);
   }
+}
+
+// A disk that does not answer while recordings on it are looked for holds no recorder.
+TEST(LocalSearch, RecordersDoNotWaitForASearch) {
+  OneFolder folder;
+  fs::create_directories("away");
+  WriteWholeFile("away/1.drv", "");
+  Append("rec/day/RecordDB", test::RecordBytes({u"away\\1.drv", kFebruary, kFebruary + 10}));
+  test::FaultScope faults;
+  faults.io.HangAt("away");
+  std::thread search([] {
+    LocalPBSearchEngine engine;
+    engine.searchByInterval(kFebruary, kFebruary + kDay);
+    EXPECT_EQ(engine.getNormalPBInfo().size(), 1u);
+  });
+  EXPECT_TRUE(test::WaitFor([&] { return faults.io.Hanging() == 1; }));
+  std::atomic<bool> stored = false;
+  std::thread recorder([&] {
+    fs::create_directories("rec/other");
+    FX::FX_RecordDBListWriter writer;
+    writer.SetDBListPath(L"rec\\other");
+    writer.InitialRecordDBInfo(L"Rec_Site1_20240201000000.drv", L"", L"", 0);
+    writer.SetRecordTime(kFebruary);
+    writer.SetRecordTime(kFebruary + 10);
+    stored = writer.WriteDBInfoIntoList();
+  });
+  EXPECT_TRUE(test::WaitFor([&] { return stored.load(); }));
+  EXPECT_EQ(faults.io.Hanging(), 1);
+  faults.io.HangAt("");
+  search.join();
+  recorder.join();
 }
 
 TEST(LocalSearch, OnlyASearchOverAllTimeRemovesEvents) {

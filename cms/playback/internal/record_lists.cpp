@@ -155,7 +155,6 @@ void RecordLists::Forget(List& list) {
 
 bool RecordLists::Read(List& list, const RecordQuery& query) {
   presence_.BeginList();
-  ScopeLock databases(RecordDatabaseLock());
   DatabaseFile file(SystemPath(list.path), kRecordSize, DatabaseAccess::kRead);
   FileStatus status;
   if (!file || !io_.Status(list.path, status)) {
@@ -214,14 +213,41 @@ void RecordLists::Consider(Entry& entry, std::span<const std::uint8_t> record,
   }
 }
 
+// Recorders wait for the databases' lock: it is held while records are copied, a block at a time,
+// and not while a disk is asked for the recordings that they name.
+bool RecordLists::ForEach(DatabaseFile& file, std::size_t from, const Visit& visit) {
+  constexpr std::size_t kBlock = 256;
+  std::vector<std::uint8_t> block;
+  for (bool more = true; more; from += kBlock) {
+    block.clear();
+    {
+      ScopeLock databases(RecordDatabaseLock());
+      const bool read = file.ForEach(
+          [&block](auto record) {
+            block.insert(block.end(), record.begin(), record.end());
+            return block.size() < kBlock * kRecordSize;
+          },
+          from);
+      if (!read) {
+        return false;
+      }
+    }
+    more = block.size() == kBlock * kRecordSize;
+    for (std::size_t at = 0; at < block.size(); at += kRecordSize) {
+      if (!visit(std::span(block).subspan(at, kRecordSize))) {
+        return true;
+      }
+    }
+  }
+  return true;
+}
+
 bool RecordLists::ReadSome(List& list, DatabaseFile& file, const RecordQuery& query) {
   std::size_t index = list.first;
-  return file.ForEach(
-      [&](auto record) {
-        Consider(list.entries[index], record, query);
-        return ++index <= list.last && index < list.entries.size();
-      },
-      list.first);
+  return ForEach(file, list.first, [&](std::span<const std::uint8_t> record) {
+    Consider(list.entries[index], record, query);
+    return ++index <= list.last && index < list.entries.size();
+  });
 }
 
 bool RecordLists::ReadAll(List& list, DatabaseFile& file, const RecordQuery& query) {
@@ -230,7 +256,7 @@ bool RecordLists::ReadAll(List& list, DatabaseFile& file, const RecordQuery& que
   list.entries.reserve(list.stamp.size / kRecordSize);
   list.earliest = std::numeric_limits<std::int64_t>::max();
   list.latest = std::numeric_limits<std::int64_t>::min();
-  return file.ForEach([&](auto record) {
+  return ForEach(file, 0, [&](std::span<const std::uint8_t> record) {
     Entry entry;
     entry.start = RecordFrom<std::int64_t>(record.subspan(kStartOffset, sizeof(std::int64_t)));
     entry.end = RecordFrom<std::int64_t>(record.subspan(kEndOffset, sizeof(std::int64_t)));

@@ -85,6 +85,8 @@ class RecordLists {
   void Forget(List& list);
   bool NeedsFile(List& list, const RecordQuery& query);
   bool Read(List& list, const RecordQuery& query);
+  using Visit = std::function<bool(std::span<const std::uint8_t> record)>;
+  static bool ForEach(DatabaseFile& file, std::size_t from, const Visit& visit);
   bool ReadAll(List& list, DatabaseFile& file, const RecordQuery& query);
   bool ReadSome(List& list, DatabaseFile& file, const RecordQuery& query);
   void Consider(Entry& entry, std::span<const std::uint8_t> record, const RecordQuery& query);
