@@ -27,11 +27,12 @@ struct _MULTI_PB_SITE_CONFIG {
 
   // Paths of the .drv files, in any order, as the system writes them. Their indexes are looked for
   // beside them; a missing or wrong one is made anew in memory. Where two files overlap, the one
-  // that begins later is played.
+  // that begins later is played; files that merely share a second are both played whole.
   std::vector<std::wstring> files;
 
-  // Also look for newer recordings of the site in the folder of its last file while playing at its
-  // end (PLAYBACK_SOURCE_DRV, names of the form "Rec_Site12_20240229.drv").
+  // Also look for newer recordings of the site while playing at its end, for as long as that lasts:
+  // in the folder of its last file and, when that folder's name is a day ("20240229"), in those of
+  // later days beside it (PLAYBACK_SOURCE_DRV, names of the form "Rec_Site12_20240229.drv").
   bool followNewFiles = false;
 
   int channelCount = 1;              // 0: as many as the index of the first file names

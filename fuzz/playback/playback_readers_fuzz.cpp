@@ -60,7 +60,7 @@ void CheckGrowing(cms::PlaybackDataReader& reader, const std::array<Recording, 2
       (recordings[0].drv.size() + recordings[1].drv.size()) / cms::kDrvHeaderSize;
   const auto before = fuzz::CheckWalk(reader, most);
   Write(recordings, 256);
-  reader.MayGrow();
+  reader.LookAgainAfter();
   reader.Refresh();
   const auto after = fuzz::CheckWalk(reader, most);
   // Of two, the second may turn out to begin at another time, which is where the first one ends.

@@ -20,8 +20,7 @@ inline void CheckGroup(cms::PlaybackDataReader& reader, const cms::PlaybackGop& 
   CHECK(!gop.video.empty());
   for (std::size_t i = 0; i < gop.video.size(); ++i) {
     const cms::PlaybackFrame& frame = gop.video[i];
-    CHECK(i == 0 ||
-          (gop.video[i - 1].time <= frame.time && gop.video[i - 1].offset < frame.offset));
+    CHECK(i == 0 || (gop.video[i - 1].time < frame.time && gop.video[i - 1].offset < frame.offset));
     const std::size_t size = std::size_t{frame.area} + frame.payload;
     std::vector<std::uint8_t> bytes(std::min(size, kMostRead));
     CHECK(reader.Read(gop.place, frame, bytes) <= bytes.size());
@@ -44,8 +43,8 @@ inline std::vector<cms::GopPlace> Walk(cms::PlaybackDataReader& reader, std::siz
 // All places from the first on. After and Before are each other's inverse, groups do not overlap
 // in time, and each is found at its time.
 inline std::vector<cms::GopPlace> CheckWalk(cms::PlaybackDataReader& reader, std::size_t most) {
-  Walk(reader, most);  // reading an index may tell that its recording begins at another time
-  std::vector<cms::GopPlace> places = Walk(reader, most);
+  const std::vector<cms::GopPlace> places = Walk(reader, most);
+  CHECK(Walk(reader, most) == places);  // what was read meanwhile moves nothing
   std::optional<std::int64_t> end;
   std::optional<cms::GopPlace> before;
   for (const cms::GopPlace& place : places) {

@@ -1,18 +1,23 @@
 // CPlaybackDRVDataReader, all recordings of a site as one timeline.
 #pragma once
 
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "cms/playback/internal/file_stamp.h"
 #include "cms/playback/internal/single_drv_data_reader.h"
 
-// Files in the order of their beginnings; each is played up to where the next one begins. Only the
+// Files in the order of their beginnings. Where the seconds of two overlap, the first is played up
+// to where the second begins. Where one ends not later than in the second in which the next begins,
+// both are played whole: headers tell seconds only, so the times of that second make room. Only the
 // file in use and its neighbours are open, with their indexes in memory.
 class CPlaybackDRVDataReader final : public cms::PlaybackDataReader {
  public:
-  // followNewFiles: Refresh also looks for newer recordings of the site in the last file's folder.
+  // followNewFiles: Refresh also looks for newer recordings of the site in the last file's folder,
+  // and when that is a day's, in those of later days beside it.
   CPlaybackDRVDataReader(cms::FileIo& io, const std::vector<std::wstring>& paths, unsigned channel,
                          bool followNewFiles);
 
@@ -27,7 +32,7 @@ class CPlaybackDRVDataReader final : public cms::PlaybackDataReader {
   std::size_t Read(const cms::GopPlace& place, const cms::PlaybackFrame& frame,
                    std::span<std::uint8_t> out) override;
   bool Refresh() override;
-  bool MayGrow() override { return files_.back()->MayGrow(); }
+  int LookAgainAfter() override;
   cms::PlaybackReaderStatus Status() const override;
 
  private:
@@ -37,11 +42,15 @@ class CPlaybackDRVDataReader final : public cms::PlaybackDataReader {
   std::int64_t Limit(std::size_t file) const;  // where the next file begins
   std::optional<cms::GopPlace> LastOf(std::size_t file);
   std::optional<cms::GopPlace> FirstFrom(std::size_t file);
+  void Sort();
+  void Join(std::size_t next);
   bool AddNewFiles();
+  bool AddNewFilesOf(const std::string& folder, const std::string& behind, int site);
 
   cms::FileIo& io_;
   const unsigned channel_;
   const bool followNewFiles_;
   std::vector<std::unique_ptr<FileReader>> files_;
   std::size_t used_ = 0;
+  std::map<std::string, cms::FileStamp> looked_;  // folders in which there was nothing new
 };

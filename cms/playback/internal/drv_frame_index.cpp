@@ -6,21 +6,27 @@
 #include <limits>
 #include <utility>
 
+#include "cms/playback/internal/playback_data_reader.h"
 #include "cms/recording/drv_format.h"
 #include "cms/recording/idx_file.h"
 
 namespace cms {
 namespace {
 
-constexpr std::size_t kSample = 16;          // records that are compared with their frames
-constexpr std::uint64_t kNumbered = 2;       // ms a frame: nearer together is no time
-constexpr std::int64_t kClockStep = 1000;    // ms back: the clock was set
-constexpr std::int64_t kUsualInterval = 40;  // ms, where times cannot tell
+constexpr std::size_t kSample = 16;  // records that are compared with their frames
+constexpr std::uint64_t kLatest =    // that a header can tell
+    std::uint64_t{std::numeric_limits<std::uint32_t>::max()} * 1000;
 
 }  // namespace
 
-DrvFrameIndex::DrvFrameIndex(FileIo& io, int drv, std::string idxPath, unsigned channel)
-    : io_(io), drv_(drv), idxPath_(std::move(idxPath)), channel_(channel), walker_(io, drv) {}
+DrvFrameIndex::DrvFrameIndex(FileIo& io, int drv, std::string idxPath, unsigned channel,
+                             const TimeBounds& bounds)
+    : io_(io),
+      drv_(drv),
+      idxPath_(std::move(idxPath)),
+      channel_(channel),
+      bounds_(bounds),
+      walker_(io, drv) {}
 
 bool DrvFrameIndex::Load() {
   if (!ReadIdx() || !SampleFits()) {
@@ -30,10 +36,11 @@ bool DrvFrameIndex::Load() {
     walker_.Seek(0);
   }
   DropTorn();
-  CountIndexed();
   if (!rebuilt_) {
     keyFramesOnly_ = HasOtherFramesBetweenKeys();
+    TakeFront();
   }
+  CountIndexed();
   Walk();
   MakeTimes();
   return !keys_.empty();
@@ -99,23 +106,24 @@ bool DrvFrameIndex::ReadIdx() {
   if (reader.Records() < records_ || (records_ == 0 && reader.Records() == 0)) {
     return false;
   }
+  const std::size_t known = raw_.size();
   std::uint64_t number = 0;
-  bool others = false;
+  std::size_t others = 0;
   std::uint64_t last = 0;
   while (const auto record = reader.Next()) {
-    if ((number != 0 && record->offset <= last) ||
-        record->milliseconds / 1000 > std::numeric_limits<std::uint32_t>::max()) {
+    if (number != 0 && record->offset <= last) {
       return false;
     }
     last = record->offset;
-    others = others || record->channel != channel_;
+    others += record->channel != channel_ && record->channel < kMostPlaybackChannels ? 1 : 0;
     if (number++ >= records_ && record->channel == channel_) {
-      raw_.push_back({record->milliseconds, record->offset,
+      raw_.push_back({std::min(record->milliseconds, kLatest), record->offset,
                       static_cast<std::uint8_t>(record->frame_type), true});
     }
   }
   records_ = number;
-  LearnStream(others);
+  MendStrays(known);
+  LearnStream(others > 1);  // a single one is a wrong record
   return reader.Error() == 0 && !raw_.empty();
 }
 
@@ -129,6 +137,31 @@ bool DrvFrameIndex::Fits(const Raw& frame) const {
          header.Seconds() == frame.milliseconds / 1000;
 }
 
+// A flipped bit in a time would move all frames behind it, and the recording's ends.
+void DrvFrameIndex::MendStrays(std::size_t from) {
+  for (std::size_t i = from; i < raw_.size(); ++i) {
+    const std::uint64_t before = raw_[i > 0 ? i - 1 : i].Second();
+    const std::uint64_t behind = raw_[i + 1 < raw_.size() ? i + 1 : i].Second();
+    const bool between = raw_[i].Second() >= std::min(before, behind) &&
+                         raw_[i].Second() <= std::max(before, behind);
+    const bool atAnEnd = i == 0 || i + 1 == raw_.size();
+    std::array<std::uint8_t, kDrvHeaderSize> bytes;
+    if ((between && !atAnEnd) ||
+        io_.ReadAllAt(drv_, bytes.data(), bytes.size(), raw_[i].offset) < bytes.size()) {
+      continue;
+    }
+    const DrvHeader header(bytes);
+    if (i == 0 && header.Holds()) {
+      raw_[i].type = header.FrameType();  // what it begins with is not found otherwise
+    }
+    const std::uint64_t second = header.Holds() ? header.Seconds() : before;
+    if (second != raw_[i].Second()) {
+      raw_[i].milliseconds = second * 1000;
+      raw_[i].timed = false;
+    }
+  }
+}
+
 // Records over the whole recording are tried: damage may hit some, a foreign index misses most.
 bool DrvFrameIndex::SampleFits() const {
   std::size_t fitting = 0;
@@ -137,6 +170,26 @@ bool DrvFrameIndex::SampleFits() const {
     fitting += Fits(raw_[i * raw_.size() / count]) ? 1 : 0;
   }
   return fitting * 2 > count;
+}
+
+// The frames in front of the first record, which lost its own or is of another one.
+void DrvFrameIndex::TakeFront() {
+  if (raw_.empty() || stream_ || keyFramesOnly_) {
+    return;
+  }
+  std::vector<Raw> front;
+  DrvWalker walker(io_, drv_);
+  while (raw_.front().offset > 0) {
+    const auto frame = walker.Next();
+    if (!frame || frame->offset >= raw_.front().offset) {
+      break;
+    }
+    if (!frame->header.IsAudio()) {
+      front.push_back({std::uint64_t{frame->header.Seconds()} * 1000, frame->offset,
+                       frame->header.FrameType(), false});
+    }
+  }
+  raw_.insert(raw_.begin(), front.begin(), front.end());
 }
 
 // Records at the end may point behind the data, or at a frame that is not whole yet. The walk
@@ -222,81 +275,26 @@ void DrvFrameIndex::Walk() {
   raw_.resize(kept);
 }
 
-// A recording that begins within a second has only the rest of it, but its recorder counts the
-// milliseconds of a second from the first frame. How much later these frames are, so that the next
-// second follows them without a break. Of frames that are spread `interval` becomes that of the
-// next second.
-std::uint64_t DrvFrameIndex::LeadOf(std::size_t begin, std::size_t end, bool spread,
-                                    std::uint64_t& interval) const {
-  const std::uint64_t next = raw_[begin].milliseconds / 1000 + 1;
-  const std::uint64_t count = end - begin;
-  if (raw_[begin].milliseconds % 1000 != 0 || end == raw_.size() ||
-      raw_[end].milliseconds / 1000 != next) {
-    return 0;
-  }
-  if (spread) {
-    std::uint64_t following = 0;
-    for (std::size_t i = end; i < raw_.size() && raw_[i].milliseconds / 1000 == next; ++i) {
-      ++following;
-    }
-    if (following <= count) {
-      return 0;
-    }
-    interval = 1000 / following;
-    return 1000 - count * interval;
-  }
-  const std::uint64_t last = raw_[end - 1].milliseconds;
-  const std::uint64_t usual =
-      count > 1 ? (last - raw_[begin].milliseconds) / (count - 1) : kUsualInterval;
-  const std::uint64_t pause = raw_[end].milliseconds - last;
-  return pause > 2 * usual ? pause - usual : 0;
+void DrvFrameIndex::SetBounds(const TimeBounds& bounds) {
+  bounds_ = bounds;
+  MakeTimes();
 }
 
 void DrvFrameIndex::MakeTimes() {
+  std::vector<std::int64_t> times = TimesOf(raw_);
+  keys_.clear();
+  for (std::size_t i = 0; i < raw_.size(); ++i) {
+    if (raw_[i].type == kKeyFrameType) {
+      keys_.push_back(i);
+    }
+  }
+  if (!keys_.empty()) {
+    FitTimes(raw_, keys_.front(), bounds_, times);
+  }
   frames_.clear();
   frames_.reserve(raw_.size());
-  keys_.clear();
-  std::int64_t previous = 0;
-  std::int64_t shift = 0;
-  std::uint64_t interval = 1000;  // of the second before
-  for (std::size_t begin = 0; begin < raw_.size();) {
-    const std::uint64_t second = raw_[begin].milliseconds / 1000;
-    std::size_t end = begin;
-    bool timed = true;
-    for (; end < raw_.size() && raw_[end].milliseconds / 1000 == second; ++end) {
-      timed = timed && raw_[end].timed;
-    }
-    const std::uint64_t count = end - begin;
-    const bool numbered = count > 1 && raw_[end - 1].milliseconds - raw_[begin].milliseconds <
-                                           kNumbered * (count - 1);
-    const bool spread = !timed || numbered;
-    if (spread) {
-      // The last second may be going on.
-      interval = end == raw_.size() ? std::min(interval, 1000 / count) : 1000 / count;
-    }
-    std::uint64_t lead = 0;
-    if (begin == 0 || raw_[begin - 1].milliseconds / 1000 + 1 != second) {
-      lead = LeadOf(begin, end, spread, interval);
-    }
-    for (std::size_t i = begin; i < end; ++i) {
-      const std::uint64_t milliseconds =
-          lead + (spread ? second * 1000 + (i - begin) * interval : raw_[i].milliseconds);
-      auto time = static_cast<std::int64_t>(milliseconds);
-      if (!frames_.empty()) {
-        if (time > previous) {
-          shift = 0;
-        } else if (previous - time > kClockStep && shift == 0) {
-          shift = previous + kUsualInterval - time;
-        }
-        time = std::max(time + shift, previous + 1);
-      }
-      if (raw_[i].type == kKeyFrameType) {
-        keys_.push_back(frames_.size());
-      }
-      frames_.push_back({time, raw_[i].offset, raw_[i].type});
-      previous = time;
-    }
-    begin = end;
+  for (std::size_t i = 0; i < raw_.size(); ++i) {
+    frames_.push_back({times[i], raw_[i].offset, raw_[i].type});
   }
 }
 

@@ -14,7 +14,7 @@ using cms::FrameRef;
 
 namespace {
 
-constexpr std::uint64_t kLookForMore = 500;  // milliseconds
+constexpr int kLeastWait = 500;  // milliseconds, between two looks for more
 
 }  // namespace
 
@@ -136,10 +136,16 @@ void CCMSPlaybackChannelData::BeginEpoch(const View& view) {
 
 void CCMSPlaybackChannelData::ResolveStep(const View& view) {
   FrameRef frame = track_.At(view.position);
+  bool shown = track_.Covers(frame, view.position);
   bool moved = false;
   for (int left = view.steps; left != 0; left += left > 0 ? -1 : 1) {
-    FrameRef next = left > 0 ? (frame ? track_.After(frame) : track_.First())
-                             : (frame ? track_.Before(frame) : FrameRef{});
+    FrameRef next;
+    if (left > 0) {
+      next = frame ? track_.After(frame) : track_.First();
+    } else if (frame) {
+      next = shown ? track_.Before(frame) : frame;  // from a gap back to the picture in front of it
+    }
+    shown = true;
     if (!next) {
       break;
     }
@@ -189,7 +195,7 @@ void CCMSPlaybackChannelData::TakeOverShown(const View& view) {
 CCMSPlaybackChannelData::Place CCMSPlaybackChannelData::Locate(const View& view) {
   Place place;
   place.current = track_.At(view.position);
-  place.covered = place.current && view.position < track_.ValidUntil(place.current);
+  place.covered = track_.Covers(place.current, view.position);
   place.keysOnly = view.keysOnly;
   if (place.covered) {
     place.keysOnly =
@@ -232,11 +238,13 @@ CCMSPlaybackChannelData::Standing CCMSPlaybackChannelData::Stand(const View& vie
 bool CCMSPlaybackChannelData::LookForMore(const View& view) {
   const bool asked = view.running || view.atEnd || view.held;
   const std::uint64_t now = cms::TickMilliseconds();
-  if (!asked || !view.forward || (lookedForMore_ != 0 && now - lookedForMore_ < kLookForMore)) {
+  if (!asked || !view.forward || (lookedForMore_ != 0 && now - lookedForMore_ < lookAgainAfter_)) {
     return false;
   }
   lookedForMore_ = now;
-  if (!reader_->MayGrow() || !reader_->Refresh()) {
+  const int after = reader_->LookAgainAfter();
+  lookAgainAfter_ = static_cast<std::uint64_t>(std::max(after, kLeastWait));
+  if (after < 0 || !reader_->Refresh()) {
     return false;
   }
   end_.store(reader_->EndTime(), std::memory_order_relaxed);

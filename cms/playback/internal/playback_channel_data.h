@@ -151,7 +151,8 @@ class CCMSPlaybackChannelData {
   std::uint64_t epoch_ = 0;
   std::uint64_t prepared_ = 0;  // epoch
   Standing reported_;
-  std::uint64_t lookedForMore_ = 0;  // tick
+  std::uint64_t lookedForMore_ = 0;   // tick
+  std::uint64_t lookAgainAfter_ = 0;  // milliseconds
   bool filling_ = false;
   unsigned imageId_ = 0;
   double decodeMs_ = 0;                             // processor time of a frame, smoothed

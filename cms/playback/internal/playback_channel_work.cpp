@@ -80,7 +80,7 @@ int CCMSPlaybackChannelData::Rest(const View& view, const Place& place) {
     Prepare(view, place);
     return kAtOnce;
   }
-  return view.atEnd && view.forward && reader_->MayGrow() ? kLongestWait : kForever;
+  return view.atEnd && view.forward ? reader_->LookAgainAfter() : kForever;
 }
 
 // Some pictures are made ready in a row, and then none until they are nearly used up.

@@ -11,8 +11,11 @@
 
 namespace cms {
 
-// Frames of one channel further apart than this have a gap between them, in milliseconds.
+// Frames of one channel further apart than this may have a gap between them, in milliseconds
+// (PlaybackTrack::IsGap).
 inline constexpr std::int64_t kPlaybackGap = 2000;
+
+inline constexpr unsigned kMostPlaybackChannels = 32;  // of a site
 
 // A frame as it lies in its file.
 struct PlaybackFrame {
@@ -57,7 +60,8 @@ class PlaybackDataReader {
   // False when there is nothing to play; `error` then says why, naming the file.
   virtual bool Open(std::string& error) = 0;
 
-  // Of the first frame and of the last one (of the file that begins last).
+  // Of the first frame and of the last one (of the file that begins last). The beginning stays what
+  // it was when the reader was opened.
   virtual std::int64_t StartTime() const = 0;
   virtual std::int64_t EndTime() const = 0;
 
@@ -76,8 +80,9 @@ class PlaybackDataReader {
 
   // Looks for what was recorded since. True when there is more, or when times became known better.
   virtual bool Refresh() = 0;
-  // Whether more may come, so that looking again makes sense.
-  virtual bool MayGrow() = 0;
+  // After how many milliseconds looking again makes sense; kNever when nothing more will come.
+  static constexpr int kNever = -1;
+  virtual int LookAgainAfter() = 0;
 
   virtual PlaybackReaderStatus Status() const = 0;
 };

@@ -9,6 +9,13 @@ namespace {
 // How long a frame is shown of which no neighbour tells: 25 a second.
 constexpr std::int64_t kUsualInterval = 40;
 
+// Pictures further apart than a minute are single ones.
+constexpr std::int64_t kLongestInterval = 60'000;
+
+bool AreAlike(std::int64_t distance, std::int64_t other) {
+  return distance <= 2 * other && other <= 2 * distance;
+}
+
 }  // namespace
 
 std::shared_ptr<const PlaybackGop> PlaybackTrack::Group(const GopPlace& place) {
@@ -80,17 +87,30 @@ FrameRef PlaybackTrack::KeyBefore(const FrameRef& frame) {
   return {GroupFrom(reader_.Before(frame.Place()), false), 0};
 }
 
+// Whether nothing was recorded between two neighbours. Pictures that come seldom have neighbours
+// about as far away on one side at least.
+bool PlaybackTrack::IsGap(const FrameRef& frame, const FrameRef& next) {
+  const std::int64_t distance = next.Time() - frame.Time();
+  if (distance <= kPlaybackGap || distance > kLongestInterval) {
+    return distance > kPlaybackGap;
+  }
+  if (const FrameRef before = Before(frame);
+      before && AreAlike(distance, frame.Time() - before.Time())) {
+    return false;
+  }
+  const FrameRef behind = After(next);
+  return !behind || !AreAlike(distance, behind.Time() - next.Time());
+}
+
 std::int64_t PlaybackTrack::ValidUntil(const FrameRef& frame) {
-  const FrameRef next = After(frame);
-  const std::int64_t time = frame.Time();
-  if (next && next.Time() - time <= kPlaybackGap) {
+  if (const FrameRef next = After(frame); next && !IsGap(frame, next)) {
     return next.Time();
   }
   std::int64_t interval = kUsualInterval;
-  if (const FrameRef before = Before(frame); before && time - before.Time() <= kPlaybackGap) {
-    interval = std::max(interval, time - before.Time());
+  if (const FrameRef before = Before(frame); before && !IsGap(before, frame)) {
+    interval = std::max(interval, frame.Time() - before.Time());
   }
-  return time + interval;
+  return frame.Time() + interval;
 }
 
 void PlaybackTrack::Forget() {

@@ -42,11 +42,15 @@ class PlaybackTrack {
 
   // Up to when a frame is the one to show: until the next one; at a gap, one interval long.
   std::int64_t ValidUntil(const FrameRef& frame);
+  bool Covers(const FrameRef& frame, std::int64_t time) {  // false for no frame
+    return frame && time < ValidUntil(frame);
+  }
 
   void Forget();  // what is in memory, because the reader knows more now
 
  private:
   std::shared_ptr<const PlaybackGop> Group(const GopPlace& place);
+  bool IsGap(const FrameRef& frame, const FrameRef& next);
   std::shared_ptr<const PlaybackGop> GroupFrom(std::optional<GopPlace> place, bool forward);
 
   PlaybackDataReader& reader_;

@@ -26,7 +26,7 @@ class CPlaybackRAWDataReader final : public cms::PlaybackDataReader {
   std::size_t Read(const cms::GopPlace& place, const cms::PlaybackFrame& frame,
                    std::span<std::uint8_t> out) override;
   bool Refresh() override { return false; }
-  bool MayGrow() override { return false; }
+  int LookAgainAfter() override { return kNever; }
   cms::PlaybackReaderStatus Status() const override { return {}; }
 
  private:

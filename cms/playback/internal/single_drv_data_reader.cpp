@@ -35,13 +35,11 @@ bool CPlaybackSingleDRVDataReader::Open(std::string& error) {
     error = drvPath_ + ": " + std::strerror(errno);
     return false;
   }
-  if (ReadEnds()) {
-    return true;
-  }
-  if (!Ready()) {
+  if (!ReadEnds() && !Ready()) {
     error = drvPath_ + ": no picture of channel " + std::to_string(channel_) + " in it";
     return false;
   }
+  bounds_.begin = start_;
   return true;
 }
 
@@ -56,44 +54,100 @@ bool CPlaybackSingleDRVDataReader::OpenFile() {
   return true;
 }
 
-// The times of a long recording without reading its index: those of the first and the last record,
-// if both point at frames of the channel and nothing lies behind the last one.
+std::optional<cms::DrvHeader> CPlaybackSingleDRVDataReader::HeaderAt(std::uint64_t offset) const {
+  std::array<std::uint8_t, cms::kDrvHeaderSize> bytes;
+  if (io_.ReadAllAt(file_->Handle(), bytes.data(), bytes.size(), offset) < bytes.size()) {
+    return std::nullopt;
+  }
+  const cms::DrvHeader header(bytes);
+  return header.Holds() ? std::optional(header) : std::nullopt;
+}
+
+// False unless all of them are of the channel, and behind each other.
+bool CPlaybackSingleDRVDataReader::ReadRecords(int idx, std::uint64_t first, std::size_t count,
+                                               std::vector<cms::IndexedFrame>& frames) const {
+  std::vector<DrvIdx> records(count);
+  const std::size_t size = count * sizeof(DrvIdx);
+  if (io_.ReadAllAt(idx, records.data(), size, first * sizeof(DrvIdx)) < size) {
+    return false;
+  }
+  for (const DrvIdx& record : records) {
+    const cms::IndexedFrame frame{record.milliseconds, record.offset,
+                                  static_cast<std::uint8_t>(record.frame_type), true};
+    if (record.channel != channel_ ||
+        (!frames.empty() &&
+         (frame.Second() < frames.back().Second() || frame.offset <= frames.back().offset))) {
+      return false;
+    }
+    frames.push_back(frame);
+  }
+  return true;
+}
+
+// Whether there is nothing but some blocks of sound between two places.
+bool CPlaybackSingleDRVDataReader::IsSound(std::uint64_t from, std::uint64_t to) const {
+  constexpr int kMostBlocks = 64;
+  for (int i = 0; i < kMostBlocks && from < to; ++i) {
+    const auto header = HeaderAt(from);
+    if (!header || !header->IsAudio()) {
+      return false;
+    }
+    from += header->FrameLength();
+  }
+  return from == to;
+}
+
+// The times of a long recording without reading its index: from the records of two whole seconds at
+// both ends, if they point at frames of their seconds and no picture lies outside of them.
 bool CPlaybackSingleDRVDataReader::ReadEnds() {
   const cms::ScopedFile idx(io_, idxPath_, cms::kFileRead);
   const std::int64_t size = idx ? io_.Size(idx.Handle()) : -1;
+  const std::uint64_t count = size < 0 ? 0 : static_cast<std::uint64_t>(size) / sizeof(DrvIdx);
+  std::vector<cms::IndexedFrame> head;
+  std::vector<cms::IndexedFrame> tail;
+  constexpr std::size_t kUsual = 128;
+  constexpr std::size_t kMost = 1024;
+  if (count == 0 || (!ReadSeconds(idx.Handle(), count, kUsual, head, tail) &&
+                     !ReadSeconds(idx.Handle(), count, kMost, head, tail))) {
+    return false;
+  }
+  const auto first = HeaderAt(head.front().offset);
+  const auto last = HeaderAt(tail.back().offset);
+  if (!first || !first->IsKeyFrame() || first->Seconds() != head.front().Second() || !last ||
+      last->Seconds() != tail.back().Second() || head.front().Second() > tail.back().Second() ||
+      head.front().type != cms::kKeyFrameType) {
+    return false;
+  }
   const std::int64_t drvSize = io_.Size(file_->Handle());
-  if (size < static_cast<std::int64_t>(2 * sizeof(DrvIdx))) {
+  if (drvSize < 0 || !IsSound(0, head.front().offset) ||
+      !IsSound(tail.back().offset + last->FrameLength(), static_cast<std::uint64_t>(drvSize))) {
     return false;
   }
-  std::array<DrvIdx, 2> ends;
-  const std::uint64_t last =
-      (static_cast<std::uint64_t>(size) / sizeof(DrvIdx) - 1) * sizeof(DrvIdx);
-  if (io_.ReadAllAt(idx.Handle(), &ends[0], sizeof(DrvIdx), 0) < sizeof(DrvIdx) ||
-      io_.ReadAllAt(idx.Handle(), &ends[1], sizeof(DrvIdx), last) < sizeof(DrvIdx)) {
-    return false;
-  }
-  std::uint64_t end = 0;
-  for (const DrvIdx& record : ends) {
-    std::array<std::uint8_t, cms::kDrvHeaderSize> bytes;
-    if (record.channel != channel_ ||
-        io_.ReadAllAt(file_->Handle(), bytes.data(), bytes.size(), record.offset) < bytes.size()) {
-      return false;
-    }
-    const cms::DrvHeader header(bytes);
-    if (!header.Holds() || header.Seconds() != record.milliseconds / 1000) {
-      return false;
-    }
-    end = record.offset + header.FrameLength();
-  }
-  // Audio may follow the last picture; anything longer is looked at.
-  constexpr std::uint64_t kBehind = 64 * 1024;
-  if (end + kBehind < static_cast<std::uint64_t>(drvSize) ||
-      ends[0].milliseconds > ends[1].milliseconds) {
-    return false;
-  }
-  start_ = static_cast<std::int64_t>(ends[0].milliseconds);
-  end_ = static_cast<std::int64_t>(ends[1].milliseconds);
+  firstSecond_ = first->Seconds();
+  lastSecond_ = last->Seconds();
+  start_ = cms::TimesOf(head).front();
+  end_ = std::max(start_, cms::TimesOf(tail).back());
   return true;
+}
+
+// The first and the last records: all there are, or two whole seconds and more at both ends.
+bool CPlaybackSingleDRVDataReader::ReadSeconds(int idx, std::uint64_t count, std::size_t most,
+                                               std::vector<cms::IndexedFrame>& head,
+                                               std::vector<cms::IndexedFrame>& tail) const {
+  head.clear();
+  tail.clear();
+  if (count <= most) {
+    const bool read = ReadRecords(idx, 0, static_cast<std::size_t>(count), head);
+    tail = head;
+    return read;
+  }
+  if (!ReadRecords(idx, 0, most, head) || !ReadRecords(idx, count - most, most, tail)) {
+    return false;
+  }
+  const std::uint64_t cut = tail.front().Second();  // there may be more of it in front
+  std::erase_if(tail, [cut](const auto& frame) { return frame.Second() == cut; });
+  return head.back().Second() >= head.front().Second() + 2 && !tail.empty() &&
+         tail.back().Second() > tail.front().Second();
 }
 
 bool CPlaybackSingleDRVDataReader::Ready() {
@@ -104,7 +158,8 @@ bool CPlaybackSingleDRVDataReader::Ready() {
     failed_ = true;
     return false;
   }
-  auto index = std::make_unique<cms::DrvFrameIndex>(io_, file_->Handle(), idxPath_, channel_);
+  auto index =
+      std::make_unique<cms::DrvFrameIndex>(io_, file_->Handle(), idxPath_, channel_, bounds_);
   if (!index->Load()) {
     failed_ = true;
     return false;
@@ -119,6 +174,30 @@ bool CPlaybackSingleDRVDataReader::Ready() {
 void CPlaybackSingleDRVDataReader::TakeEnds() {
   start_ = index_->Frames()[index_->Keys().front()].time;
   end_ = index_->Frames().back().time;
+  firstSecond_ = index_->FirstSecond();
+  lastSecond_ = index_->LastSecond();
+}
+
+void CPlaybackSingleDRVDataReader::BeginAt(std::int64_t time) {
+  bounds_.begin = time;
+  start_ = time;
+  if (Ready()) {  // where it ends then, its frames alone tell
+    Fit();
+  }
+}
+
+void CPlaybackSingleDRVDataReader::EndBefore(std::int64_t time) {
+  bounds_.before = time;
+  if (index_) {
+    Fit();
+  } else {
+    end_ = std::max(start_, std::min(end_, time - 1));
+  }
+}
+
+void CPlaybackSingleDRVDataReader::Fit() {
+  index_->SetBounds(bounds_);
+  TakeEnds();
 }
 
 void CPlaybackSingleDRVDataReader::Rest() {
@@ -160,6 +239,24 @@ std::optional<GopPlace> CPlaybackSingleDRVDataReader::Before(const GopPlace& pla
   return GopPlace{0, std::min(place.key, index_->Keys().size()) - 1};
 }
 
+// To where the key frame is that begins a group. When its record points elsewhere, the frame is
+// looked for behind the one in front of it.
+void CPlaybackSingleDRVDataReader::SeekGroup(std::size_t first) {
+  const auto& frames = index_->Frames();
+  std::uint64_t offset = frames[first].offset;
+  if (!HeaderAt(offset)) {
+    const auto before = first > 0 ? HeaderAt(frames[first - 1].offset) : std::nullopt;
+    if (first == 0) {
+      offset = 0;
+    } else if (before) {
+      offset = frames[first - 1].offset + before->FrameLength();
+    }
+  }
+  walker_->Seek(offset);
+}
+
+// The walk decides what there is, the index the times: a record may be missing or wrong, and a
+// frame may be damaged.
 bool CPlaybackSingleDRVDataReader::Load(const GopPlace& place, PlaybackGop& gop) {
   gop.video.clear();
   gop.audio.clear();
@@ -168,38 +265,61 @@ bool CPlaybackSingleDRVDataReader::Load(const GopPlace& place, PlaybackGop& gop)
     return false;
   }
   const auto& frames = index_->Frames();
-  std::size_t next = index_->Keys()[place.key];
-  const std::size_t first = next;
-  const std::size_t behind =
-      place.key + 1 < index_->Keys().size() ? index_->Keys()[place.key + 1] : frames.size();
-  const std::uint64_t limit = behind < frames.size() ? frames[behind].offset : UINT64_MAX;
+  const auto& keys = index_->Keys();
+  const auto keyAt = [&](std::size_t key) { return key < keys.size() ? keys[key] : frames.size(); };
+  const std::size_t first = keys[place.key];
+  std::size_t next = first;
+  std::size_t key = place.key + 1;
+  std::size_t behind = keyAt(key);
   const bool timed = !index_->KeyFramesOnly();
+  const bool alone = timed && !index_->HasOthers();  // so is what has no record, of its stream
+  unsigned stream = 0;
   walker_->Refresh();
   const std::uint64_t skippedBefore = SkippedByWalker();
-  walker_->Seek(frames[first].offset);
+  SeekGroup(first);
   while (const auto found = walker_->Next()) {
-    if (found->offset >= limit) {
+    const cms::DrvHeader& header = found->header;
+    // What the index takes for the next key frame may be none.
+    while (behind < frames.size() && found->offset == frames[behind].offset && !header.IsAudio() &&
+           !header.IsKeyFrame()) {
+      behind = keyAt(++key);
+    }
+    if (behind < frames.size() && found->offset >= frames[behind].offset) {
       break;
     }
-    PlaybackFrame frame{0, found->offset, found->header.AreaLength(), found->payload_length,
-                        found->header.FrameType()};
-    if (found->header.IsAudio()) {
-      if (!gop.video.empty() && index_->IsOfChannel(found->header)) {
+    PlaybackFrame frame{0, found->offset, header.AreaLength(), found->payload_length,
+                        header.FrameType()};
+    if (header.IsAudio()) {
+      if (!gop.video.empty() && index_->IsOfChannel(header)) {
         frame.time = gop.video.back().time;
         gop.audio.push_back({gop.video.size() - 1, frame});
       }
       continue;
     }
     while (next < behind && frames[next].offset < frame.offset) {
-      ++next;  // damaged: the walk passed it over
+      ++next;  // damaged, or a wrong record: the walk passed it over
     }
     const bool known = next < behind && frames[next].offset == frame.offset;
-    if (gop.video.empty() && (!known || next != first)) {
-      break;  // without its key frame nothing of it can be decoded
-    }
-    if (known) {
+    if (gop.video.empty()) {
+      if (!(known ? next == first : alone) || !header.IsKeyFrame()) {
+        break;  // without its key frame nothing of it can be decoded
+      }
+      frame.time = frames[first].time;
+      next += known ? 1 : 0;
+      stream = header.StreamNumber();
+    } else if (known) {
       frame.time = frames[next++].time;
-    } else if (timed || !index_->IsOfChannel(found->header)) {
+    } else if (alone && header.StreamNumber() == stream) {
+      if (header.IsKeyFrame() && next >= behind) {
+        break;  // of the next group, whose record points elsewhere
+      }
+      const std::int64_t before = gop.video.back().time;
+      const std::size_t later = std::min(next, frames.size() - 1);
+      frame.time = before + std::max<std::int64_t>(frames[later].time - before, 0) / 2;
+      if (frame.time == before) {
+        continue;
+      }
+    } else if (timed || !index_->IsOfChannel(header)) {
       continue;
     }
     gop.video.push_back(frame);
@@ -211,21 +331,30 @@ bool CPlaybackSingleDRVDataReader::Load(const GopPlace& place, PlaybackGop& gop)
     return false;
   }
   if (!timed) {
-    const std::int64_t end = behind < frames.size() ? frames[behind].time : INT64_MAX;
-    const auto count = static_cast<std::int64_t>(gop.video.size());
-    // Nothing tells more than the key frames on both sides.
-    constexpr std::int64_t kUsualInterval = 40;
-    const std::int64_t begin = gop.video.front().time;
-    const std::int64_t interval =
-        end - begin < count * cms::kPlaybackGap ? (end - begin) / count : kUsualInterval;
-    for (std::int64_t i = 1; i < count; ++i) {
-      gop.video[static_cast<std::size_t>(i)].time = begin + i * interval;
-    }
-    for (PlaybackGop::Audio& audio : gop.audio) {
-      audio.frame.time = gop.video[audio.after].time;
-    }
+    SpreadTimes(behind < frames.size() ? frames[behind].time : INT64_MAX, gop);
   }
   return true;
+}
+
+// Nothing tells more than the key frames on both sides.
+void CPlaybackSingleDRVDataReader::SpreadTimes(std::int64_t end, PlaybackGop& gop) const {
+  constexpr std::int64_t kUsualInterval = 40;
+  const auto count = static_cast<std::int64_t>(gop.video.size());
+  const std::int64_t begin = gop.video.front().time;
+  const std::int64_t interval =
+      end - begin < count * cms::kPlaybackGap ? (end - begin) / count : kUsualInterval;
+  for (std::int64_t i = 1; i < count; ++i) {
+    gop.video[static_cast<std::size_t>(i)].time = begin + i * std::max<std::int64_t>(interval, 1);
+  }
+  while (gop.video.back().time >= end && gop.video.size() > 1) {
+    gop.video.pop_back();  // less than a millisecond each
+  }
+  while (!gop.audio.empty() && gop.audio.back().after >= gop.video.size()) {
+    gop.audio.pop_back();
+  }
+  for (PlaybackGop::Audio& audio : gop.audio) {
+    audio.frame.time = gop.video[audio.after].time;
+  }
 }
 
 std::uint64_t CPlaybackSingleDRVDataReader::SkippedByWalker() const {
@@ -246,12 +375,14 @@ bool CPlaybackSingleDRVDataReader::Refresh() {
   return true;
 }
 
-bool CPlaybackSingleDRVDataReader::MayGrow() {
+int CPlaybackSingleDRVDataReader::LookAgainAfter() {
+  constexpr int kSoon = 500;
   cms::FileStatus status;
-  return io_.Status(drvPath_, status) &&
-         std::time(nullptr) -
-                 static_cast<std::int64_t>(status.modified_nanoseconds / 1'000'000'000) <
-             kGrowingSeconds;
+  const bool growing =
+      io_.Status(drvPath_, status) &&
+      std::time(nullptr) - static_cast<std::int64_t>(status.modified_nanoseconds / 1'000'000'000) <
+          kGrowingSeconds;
+  return growing ? kSoon : kNever;
 }
 
 cms::PlaybackReaderStatus CPlaybackSingleDRVDataReader::Status() const {

@@ -5,13 +5,15 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "cms/playback/internal/drv_frame_index.h"
 #include "cms/playback/internal/playback_data_reader.h"
 #include "cms/runtime/file_io.h"
 
-// The index is read when the first question needs it; StartTime and EndTime are read off the ends
-// of the .idx where they can.
+// The index is read when the first question needs it; until then StartTime and EndTime are told by
+// the records of the first seconds and of the last ones, by the rule for all of them. What
+// StartTime was then it stays, whatever the index turns out to say.
 class CPlaybackSingleDRVDataReader final : public cms::PlaybackDataReader {
  public:
   CPlaybackSingleDRVDataReader(cms::FileIo& io, std::wstring path, unsigned channel);
@@ -27,18 +29,36 @@ class CPlaybackSingleDRVDataReader final : public cms::PlaybackDataReader {
   std::size_t Read(const cms::GopPlace& place, const cms::PlaybackFrame& frame,
                    std::span<std::uint8_t> out) override;
   bool Refresh() override;
-  bool MayGrow() override;
+  int LookAgainAfter() override;
   cms::PlaybackReaderStatus Status() const override;
 
   const std::wstring& Path() const { return path_; }
+  // What the headers of the first key frame and of the last frame say, in seconds.
+  std::uint64_t FirstSecond() const { return firstSecond_; }
+  std::uint64_t LastSecond() const { return lastSecond_; }
+
+  // Its place between other recordings of the channel: see TimeBounds. After Open.
+  void BeginAt(std::int64_t time);
+  void EndBefore(std::int64_t time);
+
   // Frees the index and closes the file until the next question.
   void Rest();
 
  private:
   bool Ready();
   bool ReadEnds();
+  bool ReadRecords(int idx, std::uint64_t first, std::size_t count,
+                   std::vector<cms::IndexedFrame>& frames) const;
+  bool ReadSeconds(int idx, std::uint64_t count, std::size_t most,
+                   std::vector<cms::IndexedFrame>& head,
+                   std::vector<cms::IndexedFrame>& tail) const;
+  bool IsSound(std::uint64_t from, std::uint64_t to) const;
+  std::optional<cms::DrvHeader> HeaderAt(std::uint64_t offset) const;
   void TakeEnds();
+  void Fit();
   bool OpenFile();
+  void SeekGroup(std::size_t first);
+  void SpreadTimes(std::int64_t end, cms::PlaybackGop& gop) const;
   std::uint64_t SkippedByWalker() const;
 
   cms::FileIo& io_;
@@ -50,6 +70,9 @@ class CPlaybackSingleDRVDataReader final : public cms::PlaybackDataReader {
   std::unique_ptr<cms::DrvFrameIndex> index_;
   std::unique_ptr<cms::DrvWalker> walker_;  // over the frames of a group
   bool failed_ = false;                     // it was ready once and is not any more
+  cms::TimeBounds bounds_;
+  std::uint64_t firstSecond_ = 0;
+  std::uint64_t lastSecond_ = 0;
   std::int64_t start_ = 0;
   std::int64_t end_ = 0;
   std::uint64_t skipped_ = 0;                     // found when the index was made
