@@ -238,6 +238,9 @@ int CCMSMultiSitePlaybackCtrl::GetPlaybackFrameData(unsigned site, unsigned chan
   if (!reader->Open(error)) {
     return 0;
   }
+  if (time > reader->EndTime()) {
+    reader->Refresh();  // it may be in a file that came later
+  }
   cms::PlaybackTrack track(*reader);
   const cms::FrameRef frame = track.At(time);
   if (!frame || time >= track.ValidUntil(frame)) {
@@ -254,29 +257,27 @@ int CCMSMultiSitePlaybackCtrl::GetPlaybackFrameData(unsigned site, unsigned chan
 // --- Audio --------------------------------------------------------------------------------------
 
 int CCMSMultiSitePlaybackCtrl::SetAudio(unsigned site, const std::string& device) {
-  const auto session = impl_->Running();
-  auto* const base = session ? session->Site(site) : nullptr;
-  if (base == nullptr) {
-    return 0;
+  int known = 0;
+  for (unsigned channel = 0; known == 0 && channel < cms::kMostPlaybackChannels; ++channel) {
+    known = impl_->Choose(site, channel,
+                          [&](cms::PlaybackChoice::Site& choice) { choice.device = device; });
   }
-  base->Data().SetDevice(device);
-  return 1;
+  return known;
 }
 
 int CCMSMultiSitePlaybackCtrl::SetChAudioState(unsigned site, unsigned channel, int on) {
-  const auto session = impl_->Running();
-  if (!session || session->Channel(site, channel) == nullptr) {
-    return 0;
-  }
-  session->Site(site)->Of(channel).audio.store(on != 0);
-  return 1;
+  return impl_->Choose(site, channel, [=](cms::PlaybackChoice::Site& choice) {
+    choice.channels[channel].audio = on != 0;
+  });
 }
 
 void CCMSMultiSitePlaybackCtrl::SetAllAudioState(int on) {
-  const auto session = impl_->Running();
-  for (unsigned site = 0; session && site < session->SiteCount(); ++site) {
-    for (unsigned channel = 0; channel < session->Site(site)->ChannelCount(); ++channel) {
-      session->Site(site)->Of(channel).audio.store(on != 0);
+  const unsigned sites = impl_->SiteCount();
+  impl_->Choose([=](cms::PlaybackChoice& choice) {
+    for (unsigned site = 0; site < sites; ++site) {
+      for (cms::PlaybackChoice::Channel& channel : choice.sites[site].channels) {
+        channel.audio = on != 0;
+      }
     }
-  }
+  });
 }

@@ -1,6 +1,8 @@
 // Life, transport and display of the controller; multi_site_playback_channels.cpp has the rest.
 #include "cms/playback/multi_site_playback_ctrl.h"
 
+#include <algorithm>
+
 #include "cms/playback/internal/multi_site_playback_impl.h"
 #include "cms/playback/internal/single_drv_data_reader.h"
 #include "cms/runtime/file_io.h"
@@ -174,62 +176,43 @@ std::int64_t CCMSMultiSitePlaybackCtrl::GetMaximumSkew() const {
 // --- Display ------------------------------------------------------------------------------------
 
 void CCMSMultiSitePlaybackCtrl::setCurrentSplitMode(int pictures) {
-  impl_->Operate([pictures](cms::PlaybackSession& session) { session.SetSplit(pictures); });
+  impl_->Choose([pictures](cms::PlaybackChoice& choice) { choice.pictures = pictures; });
 }
 
 void CCMSMultiSitePlaybackCtrl::setCurrentDisplayChannel(int channel) {
-  impl_->Operate([channel](cms::PlaybackSession& session) { session.SetCurrentChannel(channel); });
+  impl_->Choose([channel](cms::PlaybackChoice& choice) { choice.channel = channel; });
 }
 
 void CCMSMultiSitePlaybackCtrl::setCurrentSiteIdx(int site) {
-  impl_->Operate([site](cms::PlaybackSession& session) { session.SetCurrentSite(site); });
+  impl_->Choose([site](cms::PlaybackChoice& choice) { choice.site = site; });
 }
 
 int CCMSMultiSitePlaybackCtrl::SetSingleChannel(unsigned site, unsigned channel, int on) {
-  int known = 0;
-  impl_->Operate([&](cms::PlaybackSession& session) {
-    if (session.Channel(site, channel) != nullptr) {
-      session.Site(site)->Single().store(on != 0 ? static_cast<int>(channel) : -1);
-      session.UpdateDisplayed();
-      known = 1;
-    }
+  return impl_->Choose(site, channel, [=](cms::PlaybackChoice::Site& choice) {
+    choice.single = on != 0 ? static_cast<int>(channel) : -1;
   });
-  return known;
 }
 
 int CCMSMultiSitePlaybackCtrl::S_ON_DDCH_ONE(unsigned site, unsigned channel, int on) {
-  int known = 0;
-  impl_->Operate([&](cms::PlaybackSession& session) {
-    if (session.Channel(site, channel) != nullptr) {
-      session.Site(site)->Of(channel).on.store(on != 0);
-      session.UpdateDisplayed();
-      known = 1;
-    }
+  return impl_->Choose(site, channel, [=](cms::PlaybackChoice::Site& choice) {
+    choice.channels[channel].on = on != 0;
   });
-  return known;
 }
 
 int CCMSMultiSitePlaybackCtrl::SetQuickSearch(unsigned site, unsigned channel, int on) {
-  int known = 0;
-  impl_->Operate([&](cms::PlaybackSession& session) {
-    if (session.Channel(site, channel) != nullptr) {
-      session.Site(site)->Of(channel).quick.store(on != 0);
-      session.Transport().SetQuick(session.NumberOf(site, channel), on != 0);
-      known = 1;
-    }
+  return impl_->Choose(site, channel, [=](cms::PlaybackChoice::Site& choice) {
+    choice.channels[channel].quick = on != 0;
   });
-  return known;
 }
 
 int CCMSMultiSitePlaybackCtrl::IsQuickSearch(unsigned site) const {
-  const auto session = impl_->Running();
-  const auto* const base = session ? session->Site(site) : nullptr;
-  for (unsigned channel = 0; base != nullptr && channel < base->ChannelCount(); ++channel) {
-    if (session->Site(site)->Of(channel).quick.load()) {
-      return 1;
-    }
-  }
-  return 0;
+  const cms::PlaybackChoice choice = impl_->Chosen();
+  const auto found = choice.sites.find(site);
+  return found != choice.sites.end() &&
+                 std::ranges::any_of(found->second.channels,
+                                     [](const auto& channel) { return channel.quick; })
+             ? 1
+             : 0;
 }
 
 int CCMSMultiSitePlaybackCtrl::GetFrameCallBack(const void* frame, long size,

@@ -40,7 +40,9 @@ struct tagBITMAPINFO {
 // seconds without those that are late.
 //
 // Stepping moves the current channel (setCurrentSiteIdx, setCurrentDisplayChannel) by exactly one
-// picture and the others to the pictures of its time.
+// picture and the others to the pictures of its time. Where it shows none, because it has nothing
+// at this time, a step back leads to the last one in front of the clock. When it has no picture in
+// that direction, or its disk does not answer for two seconds, the next displayed channel steps.
 //
 // Threads. Any thread may call any member, but SetConfig, StartPlayback, StopPlayback and the
 // destructor belong to the owner. No member waits for a decoder or for the disk, except
@@ -101,8 +103,11 @@ class CMS_API CCMSMultiSitePlaybackCtrl {
   int WaitUntilShown(int milliseconds) const;
 
   // --- Which channels are decoded and shown ------------------------------------------------------
-  // How many pictures the display has: that many channels play, beginning with the current one, in
-  // the order of sites and channels. 0, as at the start: all of them.
+  // These and the switches of sound may be set before playback starts, and hold when it is started
+  // again; those of sites and channels (0 when there is no such channel) from SetConfig to
+  // SetConfig. Speed and slow mode begin anew with each start. How many pictures the display has:
+  // that many channels play, beginning with the current one, in the order of sites and channels. 0,
+  // as at the start: all of them.
   void setCurrentSplitMode(int pictures);
   void setCurrentDisplayChannel(int channel);
   void setCurrentSiteIdx(int site);

@@ -291,4 +291,106 @@ TEST(Playback, SeveralFilesAreOneTimelineAndACommonGapIsPassedOver) {
   EXPECT_EQ(player.Settled(), 80);
 }
 
+// In a gap, and behind its end, a channel steps back to the picture that it left.
+TEST(Playback, AStepBackOutOfAGapShowsThePictureInFrontOfIt) {
+  Player player;
+  ClipRecording parts[2];
+  parts[0].count = 20;
+  parts[1].first = 20;
+  parts[1].start = kStart + 60'000;
+  parts[1].count = 20;
+  parts[0].Make().Write(player.Path("0.drv"));
+  parts[1].Make().Write(player.Path("1.drv"));
+  ClipRecording other;
+  other.count = 250;
+  other.interval = 400;
+  other.Make().Write(player.Path("other.drv"));
+  player.AddSite({"0.drv", "1.drv"});
+  player.AddSite({"other.drv"});
+  ASSERT_TRUE(player.Start());
+  const struct {
+    std::int64_t time;
+    int back;
+  } cases[] = {{kStart + 30'000, 19}, {kStart + 90'000, 39}};
+  for (const auto& each : cases) {
+    player.control.SetPlaybackTargetTime(each.time);
+    EXPECT_EQ(player.Settled(), -2);
+    player.control.PlaybackStepBackward();
+    EXPECT_EQ(player.Settled(), each.back);
+    player.control.PlaybackStepBackward();
+    EXPECT_EQ(player.Settled(), each.back - 1);
+    player.control.SetPlaybackTargetTime(each.time);
+    player.Settled();
+    player.control.PlaybackStepBackward();  // two that come at once
+    player.control.PlaybackStepBackward();
+    EXPECT_EQ(player.Settled(), each.back - 1);
+  }
+}
+
+TEST(Playback, WhatTheViewerChoseHoldsBeforeTheStartAndAfterAStop) {
+  Player player;
+  for (const char* name : {"a.drv", "b.drv", "c.drv"}) {
+    ClipRecording().Make().Write(player.Path(name));
+    player.AddSite({name});
+  }
+  auto& control = player.control;
+  control.setCurrentSplitMode(1);
+  control.setCurrentSiteIdx(1);
+  EXPECT_EQ(control.SetQuickSearch(1, 0, 1), 0);  // nothing is configured yet
+  ASSERT_EQ(control.SetConfig(player.config), 1);
+  EXPECT_EQ(control.SetQuickSearch(1, 0, 1), 1);
+  EXPECT_EQ(control.SetQuickSearch(1, 1, 1), 0);
+  EXPECT_EQ(control.S_ON_DDCH_ONE(3, 0, 0), 0);
+  for (int session = 0; session < 2; ++session) {
+    ASSERT_EQ(control.StartPlayback(), 1);
+    control.SetPlaybackTargetTime(kStart + 15 * 40);
+    EXPECT_EQ(player.Settled(1), 10);
+    EXPECT_EQ(control.IsQuickSearch(1), 1);
+    EXPECT_EQ(player.Number(0), -2);
+    EXPECT_EQ(control.GetChFrameState(0, 0), PLAYBACK_CHANNEL_OFF);
+    EXPECT_EQ(control.GetChFrameState(2, 0), PLAYBACK_CHANNEL_OFF);
+    control.StopPlayback();
+  }
+  control.setCurrentSplitMode(0);
+  EXPECT_EQ(control.S_ON_DDCH_ONE(1, 0, 0), 1);
+  ASSERT_EQ(control.StartPlayback(), 1);
+  EXPECT_EQ(player.Settled(0), 0);
+  EXPECT_EQ(player.Number(1), -2);
+  EXPECT_EQ(player.Number(2), 0);
+}
+
+// The stepping channel's disk does not answer: the others take the step over.
+TEST(Playback, AStepDoesNotWaitForADiskThatHangs) {
+  test::FaultyFileIo files;
+  cms::ReplaceFileIo(&files);
+  {
+    Player player;
+    ClipRecording parts[2];
+    parts[0].count = 20;
+    parts[1].first = 20;
+    parts[1].start = kStart + 800;
+    parts[1].count = 20;
+    parts[0].Make().Write(player.Path("0.drv"));
+    parts[1].Make().Write(player.Path("1.drv"));
+    ClipRecording other;
+    other.Make().Write(player.Path("other.drv"));
+    player.AddSite({"0.drv", "1.drv"});
+    player.AddSite({"other.drv"});
+    ASSERT_TRUE(player.Start());
+    player.control.SetPlaybackTargetTime(kStart + 5 * 40);
+    ASSERT_EQ(player.Settled(), 5);
+    files.HangAt(player.Path("0"));
+    player.control.SetPlaybackTargetTime(kStart);
+    EXPECT_TRUE(test::WaitFor([&] { return files.Hanging() > 0; }));
+    player.control.PlaybackStepForward();
+    EXPECT_TRUE(test::WaitFor([&] {
+      player.clock.AdvanceMilliseconds(50);
+      return player.control.WaitUntilShown(10) != 0;
+    }));
+    EXPECT_EQ(player.Number(1), 1);
+    files.HangAt("");
+  }
+  cms::ReplaceFileIo(nullptr);
+}
+
 }  // namespace

@@ -11,6 +11,7 @@ int CCMSMultiSitePlaybackCtrl::Impl::SetConfig(const _MULTI_SITE_PLAYBACK_CONFIG
     return 0;
   }
   config_ = config;
+  choice_.sites.clear();  // their numbers are others
   error_.clear();
   return 1;
 }
@@ -31,7 +32,7 @@ int CCMSMultiSitePlaybackCtrl::Impl::Start() {
     const ScopeLock guard(lock_);
     error_.clear();
     session_ = session;
-    good = session->Start(config_, *this);
+    good = session->Start(config_, choice_, *this);
     if (good) {
       return 1;
     }
@@ -64,6 +65,48 @@ std::string CCMSMultiSitePlaybackCtrl::Impl::ErrorText() {
 CCMSMultiSitePlaybackCtrl::Impl::Session CCMSMultiSitePlaybackCtrl::Impl::Running() {
   const ScopeLock guard(lock_);
   return session_;
+}
+
+void CCMSMultiSitePlaybackCtrl::Impl::Choose(
+    const std::function<void(cms::PlaybackChoice&)>& change) {
+  const ScopeLock guard(lock_);
+  change(choice_);
+  if (session_) {
+    session_->Apply(choice_);
+  }
+}
+
+int CCMSMultiSitePlaybackCtrl::Impl::Choose(
+    unsigned site, unsigned channel,
+    const std::function<void(cms::PlaybackChoice::Site&)>& change) {
+  const ScopeLock guard(lock_);
+  if (session_) {
+    if (session_->Channel(site, channel) == nullptr) {
+      return 0;
+    }
+  } else {
+    const int count = site < config_.sites.size() ? config_.sites[site].channelCount : -1;
+    const unsigned channels =
+        count == 0 ? cms::kMostPlaybackChannels : static_cast<unsigned>(std::max(count, 0));
+    if (channel >= std::min(channels, cms::kMostPlaybackChannels)) {
+      return 0;
+    }
+  }
+  change(choice_.sites[site]);
+  if (session_) {
+    session_->Apply(choice_);
+  }
+  return 1;
+}
+
+cms::PlaybackChoice CCMSMultiSitePlaybackCtrl::Impl::Chosen() {
+  const ScopeLock guard(lock_);
+  return choice_;
+}
+
+unsigned CCMSMultiSitePlaybackCtrl::Impl::SiteCount() {
+  const ScopeLock guard(lock_);
+  return static_cast<unsigned>(config_.sites.size());
 }
 
 // --- Pictures -----------------------------------------------------------------------------------
@@ -146,7 +189,7 @@ void CCMSMultiSitePlaybackCtrl::Impl::OnPicture(unsigned site, unsigned channel,
 bool CCMSMultiSitePlaybackCtrl::Impl::WantsAudio(unsigned site, unsigned channel) {
   const Session session = Running();
   CCMSPlaybackSiteBase* const base = session ? session->Site(site) : nullptr;
-  return config_.onAudio != nullptr && base != nullptr && base->Of(channel).audio.load() &&
+  return config_.onAudio != nullptr && base != nullptr && base->Audible(channel).load() &&
          base->Data().PlaysForward();
 }
 

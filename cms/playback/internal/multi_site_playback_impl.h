@@ -1,6 +1,7 @@
 // What stands behind CCMSMultiSitePlaybackCtrl.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -36,6 +37,14 @@ class CCMSMultiSitePlaybackCtrl::Impl final : public cms::PlaybackSink {
     return 1;
   }
 
+  // Changes what the viewer wants, at once or for when playback starts. For a channel: 0 when there
+  // is no such channel, or when none is configured.
+  void Choose(const std::function<void(cms::PlaybackChoice&)>& change);
+  int Choose(unsigned site, unsigned channel,
+             const std::function<void(cms::PlaybackChoice::Site&)>& change);
+  cms::PlaybackChoice Chosen();
+  unsigned SiteCount();  // that are configured
+
   unsigned char* Lock(unsigned site, unsigned channel, tagSIZE* size);
   unsigned char* Locked(unsigned site, unsigned channel, tagSIZE* size);  // of the calling thread
   void Unlock(unsigned site, unsigned channel);
@@ -58,6 +67,7 @@ class CCMSMultiSitePlaybackCtrl::Impl final : public cms::PlaybackSink {
 
   CMSCritical lock_;
   Session session_ CMS_GUARDED_BY(lock_);
+  cms::PlaybackChoice choice_ CMS_GUARDED_BY(lock_);
   std::string error_ CMS_GUARDED_BY(lock_);
   // Changed under lock_ while there is no session; reader threads read it.
   _MULTI_SITE_PLAYBACK_CONFIG config_;

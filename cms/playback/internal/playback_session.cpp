@@ -1,6 +1,7 @@
 #include "cms/playback/internal/playback_session.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace cms {
 
@@ -21,7 +22,8 @@ bool PlaybackSession::Open(const _MULTI_SITE_PLAYBACK_CONFIG& config, std::strin
   return !order_.empty();
 }
 
-bool PlaybackSession::Start(const _MULTI_SITE_PLAYBACK_CONFIG& config, PlaybackSink& sink) {
+bool PlaybackSession::Start(const _MULTI_SITE_PLAYBACK_CONFIG& config, const PlaybackChoice& choice,
+                            PlaybackSink& sink) {
   std::vector<std::shared_ptr<PictureStore>> stores;
   for (const Entry& entry : order_) {
     stores.push_back(entry.data->Pictures());
@@ -29,6 +31,7 @@ bool PlaybackSession::Start(const _MULTI_SITE_PLAYBACK_CONFIG& config, PlaybackS
   transport_.Start(std::move(stores),
                    config.startTime == kPlaybackNoTargetTime ? StartTime() : config.startTime,
                    config.startPaused);
+  Apply(choice);
   for (std::size_t i = 0; i < order_.size(); ++i) {
     if (!order_[i].data->Start(transport_, i, sink)) {
       return false;
@@ -53,49 +56,30 @@ std::size_t PlaybackSession::NumberOf(unsigned site, unsigned channel) const {
   return kNone;
 }
 
-void PlaybackSession::SetSplit(int pictures) {
-  {
-    const ScopeLock guard(displayLock_);
-    split_ = pictures;
-  }
-  UpdateDisplayed();
-}
-
-void PlaybackSession::SetCurrentSite(int site) {
-  {
-    const ScopeLock guard(displayLock_);
-    site_ = site;
-  }
-  UpdateDisplayed();
-}
-
-void PlaybackSession::SetCurrentChannel(int channel) {
-  {
-    const ScopeLock guard(displayLock_);
-    channel_ = channel;
-  }
-  UpdateDisplayed();
-}
-
-void PlaybackSession::UpdateDisplayed() {
-  const ScopeLock guard(displayLock_);
-  std::size_t current = NumberOf(static_cast<unsigned>(site_), static_cast<unsigned>(channel_));
+void PlaybackSession::Apply(const PlaybackChoice& choice) {
+  std::size_t current =
+      NumberOf(static_cast<unsigned>(choice.site), static_cast<unsigned>(choice.channel));
   current = current == kNone ? 0 : current;
   std::vector<bool> displayed(order_.size());
   const std::size_t pictures =
-      split_ > 0 ? std::min<std::size_t>(static_cast<std::size_t>(split_), order_.size())
-                 : order_.size();
+      choice.pictures > 0
+          ? std::min<std::size_t>(static_cast<std::size_t>(choice.pictures), order_.size())
+          : order_.size();
   for (std::size_t i = 0; i < pictures; ++i) {
     const std::size_t number = (current + i) % order_.size();
-    const Entry& entry = order_[number];
-    CCMSPlaybackSiteBase& site = *sites_[entry.site];
-    const int single = site.Single().load();
-    displayed[number] = site.Of(entry.channel).on.load() &&
-                        (single < 0 || single == static_cast<int>(entry.channel));
+    displayed[number] = choice.IsOn(order_[number].site, order_[number].channel);
   }
   if (!displayed[current]) {
     const auto first = std::find(displayed.begin(), displayed.end(), true);
     current = first == displayed.end() ? 0 : static_cast<std::size_t>(first - displayed.begin());
+  }
+  for (std::size_t i = 0; i < order_.size(); ++i) {
+    if (const auto site = choice.sites.find(order_[i].site); site != choice.sites.end()) {
+      const PlaybackChoice::Channel& channel = site->second.channels[order_[i].channel];
+      sites_[site->first]->Audible(order_[i].channel).store(channel.audio);
+      sites_[site->first]->Data().SetDevice(site->second.device);
+      transport_.SetQuick(i, channel.quick);
+    }
   }
   transport_.SetDisplayed(std::move(displayed), current);
 }

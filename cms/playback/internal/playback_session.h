@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
+#include "cms/playback/internal/playback_choice.h"
 #include "cms/playback/internal/playback_site.h"
 #include "cms/playback/internal/playback_transport.h"
-#include "cms/runtime/critical.h"
 
 namespace cms {
 
@@ -21,7 +21,8 @@ class PlaybackSession {
 
   // False when there is nothing to play, with `error` set.
   bool Open(const _MULTI_SITE_PLAYBACK_CONFIG& config, std::string& error);
-  bool Start(const _MULTI_SITE_PLAYBACK_CONFIG& config, PlaybackSink& sink);
+  bool Start(const _MULTI_SITE_PLAYBACK_CONFIG& config, const PlaybackChoice& choice,
+             PlaybackSink& sink);
   void Stop();  // ends and joins the reader threads
 
   PlaybackTransport& Transport() { return transport_; }
@@ -34,11 +35,8 @@ class PlaybackSession {
   }
   std::size_t NumberOf(unsigned site, unsigned channel) const;  // in the transport, or kNone
 
-  // The display selection; they synchronise the transport when it changes what is shown.
-  void SetSplit(int pictures);
-  void SetCurrentSite(int site);
-  void SetCurrentChannel(int channel);
-  void UpdateDisplayed();  // after switches of the sites
+  // Synchronises the transport when it changes what is shown.
+  void Apply(const PlaybackChoice& choice);
 
   void PlayForward(int normalSpeed);
   void PlayBackward();
@@ -56,10 +54,6 @@ class PlaybackSession {
   std::vector<std::unique_ptr<CCMSPlaybackSiteBase>> sites_;
   std::vector<Entry> order_;
   PlaybackTransport transport_;
-  CMSCritical displayLock_;  // in front of the transport's
-  int split_ CMS_GUARDED_BY(displayLock_) = 0;
-  int site_ CMS_GUARDED_BY(displayLock_) = 0;
-  int channel_ CMS_GUARDED_BY(displayLock_) = 0;
 };
 
 }  // namespace cms

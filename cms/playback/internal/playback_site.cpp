@@ -12,8 +12,6 @@
 
 namespace {
 
-constexpr unsigned kMostChannels = 32;
-
 // The highest channel number near the beginning of an index, plus one; 1 without an index.
 unsigned ChannelsOf(const std::wstring& drvPath) {
   constexpr int kRecords = 2048;
@@ -27,7 +25,7 @@ unsigned ChannelsOf(const std::wstring& drvPath) {
       if (!record) {
         break;
       }
-      count = std::max(count, std::min(record->channel, kMostChannels - 1) + 1);
+      count = std::max(count, std::min(record->channel, cms::kMostPlaybackChannels - 1) + 1);
     }
   }
   return count;
@@ -68,9 +66,10 @@ bool CCMSPlaybackSiteBase::Open(std::string& error) {
     error = "site " + std::to_string(config_.siteNumber) + ": no recording";
     return false;
   }
-  const unsigned count = config_.channelCount > 0
-                             ? std::min(static_cast<unsigned>(config_.channelCount), kMostChannels)
-                             : ChannelsOf(config_.files.front());
+  const unsigned count =
+      config_.channelCount > 0
+          ? std::min(static_cast<unsigned>(config_.channelCount), cms::kMostPlaybackChannels)
+          : ChannelsOf(config_.files.front());
   bool any = false;
   for (unsigned channel = 0; channel < count; ++channel) {
     auto reader = MakePlaybackReader(config_, channel);
@@ -86,7 +85,7 @@ bool CCMSPlaybackSiteBase::Open(std::string& error) {
       }
     }
   }
-  switches_ = std::vector<Switches>(count);
+  audible_ = std::vector<std::atomic<bool>>(count);
   return any;
 }
 

@@ -1,4 +1,4 @@
-// CCMSPlaybackSiteBase, one site of the controller: its recordings' channels and their switches.
+// CCMSPlaybackSiteBase, one site of the controller: its recordings' channels and its sound.
 #pragma once
 
 #include <atomic>
@@ -33,8 +33,7 @@ class CCMSPlaybackSiteData {
   std::string device_ CMS_GUARDED_BY(lock_);
 };
 
-// Made by StartPlayback, gone with StopPlayback. Switches are atomics; everything else stays as it
-// was opened.
+// Made by StartPlayback, gone with StopPlayback. All but its sound stays as it was opened.
 class CCMSPlaybackSiteBase {
  public:
   CCMSPlaybackSiteBase(const _MULTI_PB_SITE_CONFIG& config, unsigned index);
@@ -54,20 +53,13 @@ class CCMSPlaybackSiteBase {
   void PlayForward(int normalSpeed);
   void PlayBackward();
 
-  // Per channel; channels that there are not are never asked for.
-  struct Switches {
-    std::atomic<bool> on{true};
-    std::atomic<bool> audio{false};
-    std::atomic<bool> quick{false};
-  };
-  Switches& Of(unsigned channel) { return switches_[channel]; }
-  std::atomic<int>& Single() { return single_; }  // the only channel that plays, -1: all
+  // Whether a channel's sound is handed out; channels that there are not are never asked for.
+  std::atomic<bool>& Audible(unsigned channel) { return audible_[channel]; }
 
  private:
   const _MULTI_PB_SITE_CONFIG config_;
   const unsigned index_;
   std::vector<std::unique_ptr<CCMSPlaybackChannelData>> channels_;
-  std::vector<Switches> switches_;
-  std::atomic<int> single_{-1};
+  std::vector<std::atomic<bool>> audible_;
   CCMSPlaybackSiteData data_;
 };

@@ -340,6 +340,9 @@ void PlaybackTransport::Prepared(std::size_t index, std::uint64_t epoch, const S
 // one has, and all prepare anew.
 void PlaybackTransport::ReleaseIfReady(bool late) {
   if (steps_ != 0) {
+    if (late) {
+      PassStepOn();
+    }
     return;
   }
   bool ready = true;
@@ -442,22 +445,31 @@ bool PlaybackTransport::Report(std::size_t index, std::uint64_t epoch, const Sta
   return true;
 }
 
+// The stepping channel has no picture there, or its disk does not answer: another one steps. False
+// when there is none.
+bool PlaybackTransport::PassStepOn() {
+  if (stepper_ < channels_.size()) {
+    channels_[stepper_].stepTried = true;
+  }
+  for (std::size_t i = 0; i < channels_.size(); ++i) {
+    if (channels_[i].displayed && !channels_[i].stepTried) {
+      stepper_ = i;
+      heldSince_ = TickMilliseconds();
+      Changed();
+      return true;
+    }
+  }
+  return false;
+}
+
 void PlaybackTransport::ResolveStep(std::size_t index, std::uint64_t epoch,
                                     std::optional<std::int64_t> time) {
   const ScopeLock guard(lock_);
   if (epoch != epoch_ || index != stepper_ || steps_ == 0) {
     return;
   }
-  if (!time) {
-    // This channel has no picture there: another one steps.
-    channels_[index].stepTried = true;
-    for (std::size_t i = 0; i < channels_.size(); ++i) {
-      if (channels_[i].displayed && !channels_[i].stepTried) {
-        stepper_ = i;
-        Changed();
-        return;
-      }
-    }
+  if (!time && PassStepOn()) {
+    return;
   }
   steps_ = 0;
   BeginEpoch(time.value_or(anchorPosition_));

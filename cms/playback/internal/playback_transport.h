@@ -121,6 +121,7 @@ class PlaybackTransport {
   void BeginEpoch(std::int64_t position) CMS_REQUIRES(lock_);
   void SetSpeed(int speed) CMS_REQUIRES(lock_);
   void ReleaseIfReady(bool late) CMS_REQUIRES(lock_);
+  bool PassStepOn() CMS_REQUIRES(lock_);
   std::optional<std::int64_t> CommonEdge() const CMS_REQUIRES(lock_);
   bool AllEnded() const CMS_REQUIRES(lock_);
   bool Ended(const Channel& channel) const CMS_REQUIRES(lock_);
