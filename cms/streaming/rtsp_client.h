@@ -41,14 +41,15 @@ struct stRTSPClientConfig {
   std::uint32_t address = 0;
   std::uint16_t port = 554;  // with kSiteKindUrl and address 0 the URL's port counts
   // "/live/1", or with kSiteKindUrl "rtsp://[user:password@]host[:port]/path". Credentials in the
-  // URL are used when the two fields below are empty, and never sent as part of it.
+  // URL are used when the two fields below are empty, and never sent as part of it. A user without
+  // a password is one.
   std::string path;
   std::string user;
   std::string password;
   int transport = kRtspTransportUdp;
-  int group = kAutomaticGroup;  // key of the I/O thread pair
-  int clockOffsetSeconds = 0;   // added to the arrival time in the frame headers
-  std::uint32_t connectTimeoutMs = 10'000;
+  int group = kAutomaticGroup;              // key of the I/O thread pair
+  int clockOffsetSeconds = 0;               // added to the arrival time in the frame headers
+  std::uint32_t connectTimeoutMs = 10'000;  // for looking the name up, and again for connecting
   std::uint32_t answerTimeoutMs = 30'000;
   // Named workaround for servers that send an access-unit delimiter before each picture (every
   // GStreamer pipeline with an h264parse, and some cameras): without it such a stream delivers no
@@ -60,14 +61,16 @@ struct stRTSPClientConfig {
 };
 
 // OPTIONS, DESCRIBE, SETUP of video and audio, PLAY; then frames. See CMSClientBase for the life
-// and the threads of a client. OpenStream may take up to connectTimeoutMs plus answerTimeoutMs for
-// each request; CloseStream and StopPlay from another thread end it at once.
+// and the threads of a client. OpenStream may take up to twice connectTimeoutMs plus
+// answerTimeoutMs for each request; CloseStream and StopPlay from another thread end it at once. A
+// call at the wrong time returns 0 and says why in the status's detail.
 class CMS_API CMSRTSPClient : public CMSClientBase {
  public:
   CMSRTSPClient();
   ~CMSRTSPClient() override;
 
-  // `config` is an stRTSPClientConfig. 0 when the URL cannot be read.
+  // `config` is an stRTSPClientConfig. 0 when the URL cannot be used (the status says why), and
+  // while the stream is open.
   int SetConfig(void* config) override;
   int OpenStream() override;
   int CloseStream() override;

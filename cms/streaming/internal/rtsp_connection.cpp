@@ -92,14 +92,16 @@ void RTSPConnection::TakeAnswer(std::string_view text, bool unended) {
   bool keepAlive = false;
   {
     std::lock_guard lock(mutex_);
-    // Some cameras leave out the CSeq, or always send the same: then the only request that waits
-    // takes the answer.
-    if (expected_ != 0 && (!cseq || *cseq == expected_ || keepAlive_ == 0)) {
+    // Some cameras leave out the CSeq, or always send the same: then the only request that can be
+    // meant takes the answer.
+    const bool only = keepAlive_ == 0 && !unanswered_;
+    if (expected_ != 0 && (!cseq || *cseq == expected_ || only)) {
       answer_ = std::string(text);
       unended_ = unended;
       expected_ = 0;
       arrived_.notify_all();
-    } else if (keepAlive_ != 0 && (!cseq || *cseq == keepAlive_ || expected_ == 0)) {
+    } else if (keepAlive_ != 0 &&
+               (!cseq || *cseq == keepAlive_ || (expected_ == 0 && !unanswered_))) {
       keepAliveAnswer_ = std::string(text);
       keepAlive_ = 0;
       keepAlive = true;
@@ -167,6 +169,7 @@ RTSPConnection::Wait RTSPConnection::WaitAnswerUnless(bool cancellable, int time
     answer_.reset();
     return Wait::kAnswer;
   }
+  unanswered_ = true;
   if (cancelled()) {
     return Wait::kCancelled;
   }

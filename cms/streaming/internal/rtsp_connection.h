@@ -96,7 +96,8 @@ class RTSPConnection final : public TCPClientBase, private RTSPDemultiplexer::Si
   std::condition_variable arrived_;
   int expected_ = 0;  // CSeq of the request that is waited for, 0: none
   std::optional<std::string> answer_;
-  bool unended_ = false;  // more of the answer may come: it says nothing about its length
+  bool unended_ = false;     // more of the answer may come: it says nothing about its length
+  bool unanswered_ = false;  // a request is, so that a late answer may still come
   int keepAlive_ = 0;
   std::optional<std::string> keepAliveAnswer_;
 };
