@@ -7,11 +7,13 @@
 #include <algorithm>
 #include <array>
 #include <cstdlib>
+#include <memory>
 #include <optional>
 #include <utility>
 
 #include "cms/ipcam/internal/http_exchange.h"
 #include "cms/ipcam/internal/onvif_answers.h"
+#include "cms/ipcam/internal/plain_text.h"
 #include "cms/ipcam/internal/soap_envelope.h"
 #include "cms/ipcam/internal/soap_operation.h"
 #include "cms/ipcam/internal/tag_search.h"
@@ -49,6 +51,9 @@ void CIPCAM_Config_Utility::SetSiteInfo(const std::wstring& address, int port,
   password_ = password;
   clockKnown_ = false;
   clockOffset_ = 0;
+  servicesAsked_ = false;
+  mediaPath_.clear();
+  imagingPath_.clear();
   onvif_ = {};
   resolution_ = {};
   Succeed();
@@ -62,11 +67,8 @@ bool CIPCAM_Config_Utility::Succeed() {
 
 bool CIPCAM_Config_Utility::Fail(std::string_view what) {
   // Some of it comes from the network: one line of UTF-8 whatever was sent.
-  std::wstring text =
-      L"camera " + address_ + L":" + std::to_wstring(port_) + L": " + cms::WideFromUtf8(what);
-  std::ranges::replace_if(
-      text, [](wchar_t c) { return c < L' ' || c == 0x7F; }, L' ');
-  error_ = cms::Utf8FromWide(text);
+  error_ = cms::Utf8FromWide(cms::Plain(L"camera " + address_ + L":" + std::to_wstring(port_) +
+                                        L": " + cms::WideFromUtf8(what)));
   result_ = kHttpCommandFailed;
   return false;
 }
@@ -112,6 +114,7 @@ int CIPCAM_Config_Utility::SendHTTPCommand(_SEND_HTTP_COMMAND_PARAM& param) {
 bool CIPCAM_Config_Utility::Exchange(_SEND_HTTP_COMMAND_PARAM& param, std::string_view operation) {
   const cms::HttpExchangeReport report = cms::ExchangeHttp(param, interrupt_.Descriptor());
   answered_ = report.answered;
+  status_ = report.status;
   std::string error = report.error;
   if (error.empty() && report.cut) {
     error = "the answer is longer than " + std::to_string(param.answerCapacity - 1) + " bytes";
@@ -135,10 +138,10 @@ bool CIPCAM_Config_Utility::Exchange(_SEND_HTTP_COMMAND_PARAM& param, std::strin
 }
 
 bool CIPCAM_Config_Utility::Ask(_SEND_HTTP_COMMAND_PARAM& param, std::string_view operation,
-                                std::wstring& answer) {
-  std::vector<char> buffer(kAnswerCapacity);
-  param.answer = buffer.data();
-  param.answerCapacity = kAnswerCapacity;
+                                unsigned capacity, std::wstring& answer) {
+  const auto buffer = std::make_unique_for_overwrite<char[]>(capacity);
+  param.answer = buffer.get();
+  param.answerCapacity = capacity;
   if (!Exchange(param, operation)) {
     return false;
   }
@@ -217,16 +220,55 @@ bool CIPCAM_Config_Utility::Call(const cms::SoapOperation& operation, std::wstri
   if (!IsSiteComplete()) {
     return false;
   }
-  std::int64_t created = 0;
-  if (!Synchronize(created)) {
+  const auto call = [&] {
+    std::int64_t created = 0;
+    if (!Synchronize(created)) {
+      return false;
+    }
+    cms::UsernameToken token{
+        .userName = userName_, .digest = {}, .nonce = {}, .created = cms::UtcText(created)};
+    if (GeneratePasswordDigest(password_, token.created, token.digest, token.nonce) == 0) {
+      return Fail("no request can be signed without a password");
+    }
+    return Post(operation, cms::SignedEnvelope(token, body), answer);
+  };
+  if (call()) {
+    return true;
+  }
+  constexpr int kNotFound = 404;
+  if (status_ != kNotFound || servicesAsked_) {
     return false;
   }
-  cms::UsernameToken token{
-      .userName = userName_, .digest = {}, .nonce = {}, .created = cms::UtcText(created)};
-  if (GeneratePasswordDigest(password_, token.created, token.digest, token.nonce) == 0) {
-    return Fail("no request can be signed without a password");
+  const std::string missing = error_;
+  const std::wstring tried = PathOf(operation);
+  if (FindServices() && PathOf(operation) != tried) {
+    return call();
   }
-  return Post(operation, cms::SignedEnvelope(token, body), answer);
+  error_ = missing;
+  result_ = kHttpCommandFailed;
+  return false;
+}
+
+std::wstring CIPCAM_Config_Utility::PathOf(const cms::SoapOperation& operation) const {
+  const bool imaging = operation.wsdl == cms::kImagingWsdl;
+  const std::wstring& found = imaging ? imagingPath_ : mediaPath_;
+  return found.empty() || (!imaging && operation.path != cms::kMediaPath)
+             ? std::wstring(operation.path)
+             : found;
+}
+
+bool CIPCAM_Config_Utility::FindServices() {
+  servicesAsked_ = true;
+  constexpr cms::SoapOperation kGetCapabilities = cms::DeviceOperation(L"GetCapabilities");
+  std::wstring answer;
+  if (!Call(kGetCapabilities,
+            L"<tds:GetCapabilities><tds:Category>All</tds:Category></tds:GetCapabilities>",
+            answer)) {
+    return false;
+  }
+  mediaPath_ = cms::ParseServicePath(answer, L"tt:Media");
+  imagingPath_ = cms::ParseServicePath(answer, L"tt:Imaging");
+  return true;
 }
 
 bool CIPCAM_Config_Utility::Post(const cms::SoapOperation& operation, std::wstring envelope,
@@ -237,7 +279,7 @@ bool CIPCAM_Config_Utility::Post(const cms::SoapOperation& operation, std::wstri
   _SEND_HTTP_COMMAND_PARAM param;
   InitialHTTPCommandParam(param);
   param.verb = kHttpVerbPost;
-  param.objectPath = operation.path;
+  param.objectPath = PathOf(operation);
   param.headers =
       L"User-Agent: gSOAP/2.7\r\n"
       L"Content-Type: application/soap+xml; charset=utf-8; action=" +
@@ -245,7 +287,7 @@ bool CIPCAM_Config_Utility::Post(const cms::SoapOperation& operation, std::wstri
       std::to_wstring(cms::Utf8FromWide(envelope).size()) + L"\r\nConnection: close\r\n";
   param.body = std::move(envelope);
   const std::string name = cms::Utf8FromWide(operation.name);
-  if (!Ask(param, name, answer)) {
+  if (!Ask(param, name, kOnvifAnswerCapacity, answer)) {
     return false;
   }
   answer = cms::Normalized(answer);

@@ -30,7 +30,10 @@ struct SoapOperation;
 // sent while the site has no address, port or user name. No error text holds a password.
 class CMS_API CIPCAM_Config_Utility {
  public:
-  static constexpr unsigned kAnswerCapacity = 65536;  // bytes of the largest answer, with a zero
+  // Bytes of the largest answer, with a zero: of the parameter CGI, and of ONVIF, where a
+  // recorder's profiles take 4 KiB each.
+  static constexpr unsigned kAnswerCapacity = 65536;
+  static constexpr unsigned kOnvifAnswerCapacity = 1 << 20;
 
   CIPCAM_Config_Utility();
   virtual ~CIPCAM_Config_Utility();
@@ -41,7 +44,8 @@ class CMS_API CIPCAM_Config_Utility {
   void SetSiteInfo(const std::wstring& address, int port, const std::wstring& userName,
                    const std::wstring& password);
 
-  // One line of UTF-8 about the last operation that failed; empty when the last one succeeded.
+  // One line of UTF-8 about the last operation that failed; empty when the last one succeeded (but
+  // see GetAllONVIFConfig).
   const std::string& LastError() const { return error_; }
   int LastResult() const {
     return result_;
@@ -90,8 +94,12 @@ class CMS_API CIPCAM_Config_Utility {
   const stONVIFConfiguration& ONVIFConfiguration() const { return onvif_; }
 
   // Reads all of it: 8 requests, one for each profile (its stream) and one for each encoder
-  // configuration that a profile uses (its options). What a camera does not offer is left empty;
-  // false when the device information or the profiles cannot be read.
+  // configuration that a profile uses (its options). False when the device information or the
+  // profiles cannot be read, when the camera answers no more, and as soon as it refuses the user
+  // (LastResult is kHttpCommandUnauthorized): more requests could lock the account. What else it
+  // does not answer is left empty, as cameras do not offer all of it; the result is true,
+  // LastResult kHttpCommandOk, and LastError names the first of these refusals instead of being
+  // empty.
   bool GetAllONVIFConfig();
   // Takes one answer into the configuration; `operation` is its ONVIF name, such as "GetProfiles".
   // False when the answer does not hold what it should, or the name is of none that is read.
@@ -162,9 +170,9 @@ class CMS_API CIPCAM_Config_Utility {
   // Sends one WS-Discovery Probe to `target` (an IPv4 address; empty: the multicast group) and
   // listens for 25 s, or until Interrupt. True when it was sent, whatever was found.
   bool DoONVIFDeviceDiscovery(const std::string& target);
-  // The listening part: takes every datagram of at most 2048 bytes that arrives on the UDP socket.
+  // The listening part: takes every datagram that arrives on the UDP socket.
   void DoRecvResult(int socket);
-  // Adds the device of one answer to the list; false when it is none or is in the list already.
+  // Adds the devices of one answer to the list; false when there is none that is not in it already.
   bool ParserONVIFDiscoveryInfo(std::string_view answer);
   const std::vector<stDiscoveredDevice>& DiscoveredDevices() const { return devices_; }
 
@@ -182,7 +190,12 @@ class CMS_API CIPCAM_Config_Utility {
   bool Wait(int milliseconds);
   bool Exchange(_SEND_HTTP_COMMAND_PARAM& param, std::string_view operation);
   // The same with room for the answer, and the answer's text.
-  bool Ask(_SEND_HTTP_COMMAND_PARAM& param, std::string_view operation, std::wstring& answer);
+  bool Ask(_SEND_HTTP_COMMAND_PARAM& param, std::string_view operation, unsigned capacity,
+           std::wstring& answer);
+  // Where the camera serves an operation; asks it for its services once they are not where
+  // expected.
+  std::wstring PathOf(const cms::SoapOperation& operation) const;
+  bool FindServices();
   bool Synchronize(std::int64_t& created);
   // A signed request; the answer is in the spelling that tag searches expect.
   bool Call(const cms::SoapOperation& operation, std::wstring_view body, std::wstring& answer);
@@ -209,6 +222,10 @@ class CMS_API CIPCAM_Config_Utility {
   std::string messageIdEnd_;
   std::string error_;
   bool answered_ = false;  // the camera, to the last exchange
+  int status_ = 0;         // of that answer
+  bool servicesAsked_ = false;
+  std::wstring mediaPath_;    // empty: the usual one
+  std::wstring imagingPath_;  // likewise
   int result_ = kHttpCommandOk;
   cms::WakeUp interrupt_;
 };

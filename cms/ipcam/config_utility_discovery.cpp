@@ -10,6 +10,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <memory>
 #include <optional>
 #include <utility>
 
@@ -22,7 +23,8 @@ namespace {
 constexpr const char* kDiscoveryGroup = "239.255.255.250";
 constexpr std::uint16_t kDiscoveryPort = 3702;
 constexpr std::uint64_t kListeningMs = 100 * 250;
-constexpr std::size_t kMaxAnswer = 2048;
+// The largest datagram: dozens of namespaces in front put a device's address beyond 3,000 bytes.
+constexpr std::size_t kMaxAnswer = 65536;
 constexpr int kMaxAnswersAtOnce = 1000;
 constexpr std::size_t kMaxDevices = 16384;
 // Room for some thousand answers at once; the kernel grants what it is allowed to.
@@ -88,7 +90,7 @@ void CIPCAM_Config_Utility::DoRecvResult(int socket) {
   std::array<pollfd, 2> waited{{{.fd = socket, .events = POLLIN, .revents = 0},
                                 {.fd = interrupt_.Descriptor(), .events = POLLIN, .revents = 0}}};
   const std::uint64_t end = cms::TickMilliseconds() + kListeningMs;
-  std::array<char, kMaxAnswer> answer{};
+  const auto answer = std::make_unique_for_overwrite<char[]>(kMaxAnswer);
   for (std::uint64_t now = cms::TickMilliseconds(); now < end; now = cms::TickMilliseconds()) {
     const int ready = poll(waited.data(), waited.size(), static_cast<int>(end - now));
     if (ready > 0 && waited[1].revents != 0) {
@@ -97,24 +99,28 @@ void CIPCAM_Config_Utility::DoRecvResult(int socket) {
     // All that waits, as more may come than the buffer holds; yet a flood does not keep us here. An
     // error of an earlier datagram, such as a refused port, ends nothing.
     for (int i = 0; ready > 0 && i < kMaxAnswersAtOnce; ++i) {
-      const ssize_t size = recv(socket, answer.data(), answer.size(), 0);
+      const ssize_t size = recv(socket, answer.get(), kMaxAnswer, 0);
       if (size < 0) {
         break;
       }
-      ParserONVIFDiscoveryInfo({answer.data(), static_cast<std::size_t>(size)});
+      ParserONVIFDiscoveryInfo({answer.get(), static_cast<std::size_t>(size)});
     }
   }
 }
 
 bool CIPCAM_Config_Utility::ParserONVIFDiscoveryInfo(std::string_view answer) {
-  const std::optional<stDiscoveredDevice> device = cms::ParseProbeMatch(answer);
-  if (!device || devices_.size() == kMaxDevices ||
-      std::ranges::any_of(devices_, [&device](const stDiscoveredDevice& known) {
-        return known.address == device->address && known.port == device->port;
-      })) {
-    return false;
+  bool added = false;
+  for (const std::string_view match : cms::SplitProbeMatches(answer)) {
+    const std::optional<stDiscoveredDevice> device = cms::ParseProbeMatch(match);
+    if (!device || devices_.size() == kMaxDevices ||
+        std::ranges::any_of(devices_, [&device](const stDiscoveredDevice& known) {
+          return known.address == device->address && known.port == device->port;
+        })) {
+      continue;
+    }
+    devices_.push_back(*device);
+    OnDeviceFound(*device);
+    added = true;
   }
-  devices_.push_back(*device);
-  OnDeviceFound(*device);
-  return true;
+  return added;
 }

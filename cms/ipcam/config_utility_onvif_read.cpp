@@ -177,9 +177,15 @@ bool CIPCAM_Config_Utility::GetAllONVIFConfig() {
   if (!GetDeviceInformation() || !Read(kGetProfiles, kGetProfilesBody)) {
     return false;
   }
-  // The user name and the password are right then, and what a camera refuses from here on it does
-  // not have or does not tell this user. One that answers no more is another matter.
-  const auto passable = [this](bool done) { return done || answered_; };
+  // From here on a camera may do without what it does not offer, but not without answering, and it
+  // must not refuse the user.
+  std::string refused;
+  const auto passable = [this, &refused](bool done) {
+    if (!done && refused.empty()) {
+      refused = error_;
+    }
+    return done || (answered_ && result_ != kHttpCommandUnauthorized);
+  };
   if (!passable(Read(kGetEncoders, kGetEncodersBody))) {
     return false;
   }
@@ -211,9 +217,11 @@ bool CIPCAM_Config_Utility::GetAllONVIFConfig() {
       return false;
     }
   }
-  return passable(Read(kGetNetworkInterfaces, kGetNetworkInterfacesBody)) &&
-         passable(Read(kGetGateway, kGetGatewayBody)) && passable(Read(kGetDns, kGetDnsBody)) &&
-         Succeed();
+  const bool done = passable(Read(kGetNetworkInterfaces, kGetNetworkInterfacesBody)) &&
+                    passable(Read(kGetGateway, kGetGatewayBody)) &&
+                    passable(Read(kGetDns, kGetDnsBody)) && Succeed();
+  error_ = done ? refused : error_;
+  return done;
 }
 
 std::wstring CIPCAM_Config_Utility::GetMainStreamProfileName() const {

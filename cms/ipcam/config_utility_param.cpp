@@ -15,7 +15,7 @@ bool CIPCAM_Config_Utility::GetByCgi(std::wstring_view operation, std::wstring p
   InitialHTTPCommandParam(param);
   param.objectPath = std::move(path);
   const std::string name = cms::Utf8FromWide(operation);
-  return Ask(param, name, answer) &&
+  return Ask(param, name, kAnswerCapacity, answer) &&
          (!cms::IsInvalidValueAnswer(answer) || Fail(name + ": the camera refused a value"));
 }
 

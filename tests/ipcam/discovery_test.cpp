@@ -52,6 +52,12 @@ TEST(Discovery, AnAnswerTellsOneDevice) {
            Case{ProbeMatch("http://10.0.0.5/a:b", ""), "10.0.0.5|80||IP Camera|"},
            Case{ProbeMatch("http://10.0.0.5", "onvif://www.onvif.org/name/100%2%1b x"),
                 "10.0.0.5|80||100%2 |"},
+           // Neither a control sequence of one character nor another direction of writing.
+           Case{ProbeMatch("http://10.0.0.5", "onvif://www.onvif.org/name/a%c2%9bb%e2%80%aec"),
+                "10.0.0.5|80||a b c|"},
+           Case{ProbeMatch("http://10.0.0.5",
+                           "onvif://www.onvif.org/Name/Gate onvif://www.onvif.org/Model/M-7"),
+                "10.0.0.5|80|M-7|Gate|M-7"},
            Case{ProbeMatch("http://169.254.3.4/x", scopes), ""},
            Case{ProbeMatch("", scopes), ""},
            Case{ProbeMatch("http:// http://a:b/ http://10.0.0.5:0/", scopes), ""},
@@ -72,6 +78,23 @@ TEST(Discovery, AnAnswerTellsOneDevice) {
     }
     EXPECT_EQ(found, c.found);
   }
+}
+
+TEST(Discovery, OneAnswerMayTellSeveralDevices) {
+  const std::string answer =
+      "<e:Envelope><e:Body><d:ProbeMatches>"
+      "<d:ProbeMatch><d:Scopes/><d:XAddrs>http://10.0.0.5/x</d:XAddrs></d:ProbeMatch>"
+      "<d:ProbeMatch><d:Types>pub:Other</d:Types></d:ProbeMatch>"
+      "<d:ProbeMatch><d:Scopes>onvif://www.onvif.org/name/Two</d:Scopes>"
+      "<d:XAddrs>http://10.0.0.6:81/x</d:XAddrs></d:ProbeMatch>"
+      "</d:ProbeMatches></e:Body></e:Envelope>";
+  CIPCAM_Config_Utility utility;
+  EXPECT_TRUE(utility.ParserONVIFDiscoveryInfo(answer));
+  ASSERT_EQ(utility.DiscoveredDevices().size(), 2U);
+  EXPECT_EQ(utility.DiscoveredDevices()[0].address, "10.0.0.5");
+  EXPECT_EQ(utility.DiscoveredDevices()[0].name, "IP Camera");
+  EXPECT_EQ(utility.DiscoveredDevices()[1].address, "10.0.0.6");
+  EXPECT_EQ(utility.DiscoveredDevices()[1].name, "Two");
 }
 
 TEST(Discovery, TheProbesIdentifierIsMadeOfItsTime) {
@@ -178,7 +201,9 @@ TEST(Discovery, FindsEveryDeviceOfANetworkOnce) {
       for (int k = 0; k < kAnswersEach; ++k) {
         const std::string match =
             ProbeMatch("http://10.0." + std::to_string(i) + "." + std::to_string(k) + "/x", "");
-        answers.push_back(match + std::string(1400 - match.size(), ' '));
+        // Some devices declare dozens of namespaces in front of what is looked for.
+        answers.push_back(k == 1 ? std::string(5000, ' ') + match
+                                 : match + std::string(1400 - match.size(), ' '));
         if (k == 0) {
           answers.push_back(match);  // once more
         }

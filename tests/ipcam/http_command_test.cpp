@@ -1,6 +1,8 @@
 // One HTTP exchange with servers of every kind.
+#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <netdb.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -9,11 +11,28 @@
 #include <chrono>
 #include <cstdlib>
 #include <string>
+#include <string_view>
 #include <thread>
 
 #include "cms/ipcam/config_utility.h"
 #include "cms/runtime/digest.h"
 #include "tests/ipcam/scripted_camera_site.h"
+
+namespace {
+constexpr auto kSlowLookUp = std::chrono::seconds(10);
+}
+
+// A name server that takes its time over one name; libcurl's look-ups come here.
+extern "C" int getaddrinfo(const char* node, const char* service, const addrinfo* hints,
+                           addrinfo** result) {
+  static const auto next =
+      reinterpret_cast<decltype(&getaddrinfo)>(dlsym(RTLD_NEXT, "getaddrinfo"));
+  if (node != nullptr && std::string_view(node) == "slow.example") {
+    std::this_thread::sleep_for(kSlowLookUp);
+    return EAI_AGAIN;
+  }
+  return next(node, service, hints, result);
+}
 
 namespace {
 
@@ -46,6 +65,8 @@ TEST(HttpCommand, TheStatusDecidesAndTheRequestIsTheCallers) {
   for (const Case& c : {
            Case{"HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello", kHttpCommandOk, "hello"},
            Case{"HTTP/1.0 200 OK\r\n\r\nuntil the end", kHttpCommandOk, "until the end"},
+           Case{"HTTP/1.1 200 Ok\r\n\r\nx", kHttpCommandOk, "x"},
+           Case{"HTTP/1.1 2000 OK\r\n\r\nx", kHttpCommandFailed, ""},
            Case{"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n0\r\n\r\n",
                 kHttpCommandOk, "abc"},
            Case{"HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 200 OK\r\n\r\nx", kHttpCommandOk, "x"},
@@ -104,6 +125,16 @@ TEST(HttpCommand, AServerThatWantsDigestCredentialsGetsThem) {
   EXPECT_EQ(exchange.Run(), kHttpCommandUnauthorized);
 }
 
+TEST(HttpCommand, ANonceThatIsStaleEachTimeEndsTheExchange) {
+  ScriptedHttpServer server([](const HttpRequestText&) {
+    return "HTTP/1.1 401 Unauthorized\r\nContent-Length: 0\r\n"
+           "WWW-Authenticate: Digest realm=\"cam\", nonce=\"n1\", stale=true\r\n\r\n";
+  });
+  Exchange exchange(server.Port());
+  EXPECT_EQ(exchange.Run(), kHttpCommandUnauthorized) << exchange.utility.LastError();
+  EXPECT_LE(server.Requests().size(), 5U);
+}
+
 TEST(HttpCommand, EndlessAnswersAreCutOrGivenUp) {
   ScriptedHttpServer body([](const HttpRequestText&) { return "HTTP/1.1 200 OK\r\n\r\n"; });
   body.KeepOpen(std::string(1000, 'x'));
@@ -153,6 +184,16 @@ TEST(HttpCommand, EveryStepHasItsTime) {
   EXPECT_EQ(awaiting.Run(), kHttpCommandFailed);
   EXPECT_THAT(awaiting.utility.LastError(), HasSubstr("no answer within 100 ms"));
 
+  // Interim answers are none, however many come.
+  ScriptedHttpServer interim(
+      [](const HttpRequestText&) { return "HTTP/1.1 100 Continue\r\n\r\n"; });
+  interim.KeepOpen("HTTP/1.1 100 Continue\r\n\r\n", std::chrono::milliseconds(50));
+  Exchange dripped(interim.Port());
+  dripped.param.controlReceiveTimeout = 200;
+  dripped.param.dataReceiveTimeout = 200;
+  EXPECT_EQ(dripped.Run(), kHttpCommandFailed);
+  EXPECT_THAT(dripped.utility.LastError(), HasSubstr("no answer within 200 ms"));
+
   ScriptedHttpServer slow([](const HttpRequestText&) { return "HTTP/1.1 200 OK\r\n\r\nsome"; });
   slow.KeepOpen("");
   Exchange receiving(slow.Port());
@@ -160,6 +201,17 @@ TEST(HttpCommand, EveryStepHasItsTime) {
   EXPECT_EQ(receiving.Run(), kHttpCommandFailed);
   EXPECT_EQ(receiving.Answer(), "");
   EXPECT_THAT(receiving.utility.LastError(), HasSubstr("did not end within 100 ms"));
+}
+
+TEST(HttpCommand, ANameThatIsNotFoundCostsNoMoreThanItsTime) {
+  Exchange exchange(80);
+  exchange.param.serverAddress = L"slow.example";
+  exchange.param.connectTimeout = 200;
+  exchange.param.connectRetries = 1;
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(exchange.Run(), kHttpCommandFailed);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, kSlowLookUp);
+  EXPECT_THAT(exchange.utility.LastError(), HasSubstr("no connection within 200 ms"));
 }
 
 TEST(HttpCommand, AddressesAndPathsCannotChangeTheRequest) {

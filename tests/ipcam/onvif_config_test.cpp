@@ -110,11 +110,112 @@ TEST(OnvifConfig, WhatACameraDoesNotOfferIsLeftEmpty) {
                : test::OnvifAnswer(request, "plain");
   });
   FastUtility utility(camera.Port());
-  EXPECT_TRUE(utility.GetAllONVIFConfig()) << utility.LastError();
+  EXPECT_TRUE(utility.GetAllONVIFConfig());
+  EXPECT_THAT(utility.LastError(), HasSubstr("GetOptions: answered HTTP/1.1 500"));  // the first
+  EXPECT_EQ(utility.LastResult(), kHttpCommandOk);
   EXPECT_FALSE(utility.ONVIFConfiguration().imaging.brightness);
   EXPECT_EQ(utility.ONVIFConfiguration().network.gateway, L"192.168.0.1");
   EXPECT_FALSE(utility.GetVideoPropertyONVIFConfig());
   EXPECT_THAT(utility.LastError(), HasSubstr("GetOptions: answered HTTP/1.1 500"));
+}
+
+TEST(OnvifConfig, ACameraThatRefusesTheUserInBetweenIsAskedNothingMore) {
+  ScriptedHttpServer camera([](const HttpRequestText& request) {
+    return test::OperationOf(request) == "GetVideoEncoderConfigurations"
+               ? "HTTP/1.1 401 Unauthorized\r\nContent-Length: 0\r\n\r\n"
+               : test::OnvifAnswer(request, "plain");
+  });
+  FastUtility utility(camera.Port());
+  EXPECT_FALSE(utility.GetAllONVIFConfig());
+  EXPECT_EQ(utility.LastResult(), kHttpCommandUnauthorized);
+  EXPECT_THAT(utility.LastError(), HasSubstr("GetVideoEncoderConfigurations"));
+  EXPECT_EQ(Operations(camera).back(), "GetVideoEncoderConfigurations");
+  EXPECT_FALSE(utility.ONVIFConfiguration().profiles.empty());
+}
+
+TEST(OnvifConfig, ARecorderWithManyProfilesIsReadWhole) {
+  std::string profiles;
+  constexpr std::size_t kProfiles = 64;
+  for (std::size_t i = 0; i < kProfiles; ++i) {
+    profiles += "<trt:Profiles token=\"p" + std::to_string(i) + "\" fixed=\"a>b\"><tt:Name>P" +
+                std::to_string(i) + "</tt:Name><!--" + std::string(2000, 'x') +
+                "--></trt:Profiles>";
+  }
+  ScriptedHttpServer camera([&profiles](const HttpRequestText& request) {
+    return test::OperationOf(request) == "GetProfiles"
+               ? ScriptedHttpServer::Ok(
+                     "<s:Envelope xmlns:s=\"http://www.w3.org/2003/05/soap-envelope\" "
+                     "xmlns:trt=\"http://www.onvif.org/ver10/media/wsdl\" "
+                     "xmlns:tt=\"http://www.onvif.org/ver10/schema\"><s:Body>"
+                     "<trt:GetProfilesResponse>" +
+                     profiles + "</trt:GetProfilesResponse></s:Body></s:Envelope>")
+               : test::OnvifAnswer(request, "plain");
+  });
+  FastUtility utility(camera.Port());
+  EXPECT_TRUE(utility.GetVideoProfileONVIFConfig()) << utility.LastError();
+  ASSERT_EQ(utility.ONVIFConfiguration().profiles.size(), kProfiles);
+  EXPECT_EQ(utility.ONVIFConfiguration().profiles.back().name, L"P63");
+}
+
+TEST(OnvifConfig, AServiceAtAnotherPathIsAskedForOnceAndUsed) {
+  ScriptedHttpServer camera([](const HttpRequestText& request) -> std::string {
+    const std::string operation = test::OperationOf(request);
+    const bool media = operation == "GetProfiles" || operation == "GetStreamUri";
+    if (operation == "GetCapabilities") {
+      return ScriptedHttpServer::Ok(
+          "<s:Envelope xmlns:s=\"http://www.w3.org/2003/05/soap-envelope\" "
+          "xmlns:tt=\"http://www.onvif.org/ver10/schema\"><s:Body><tt:Capabilities>"
+          "<tt:Media><tt:XAddr>http://192.168.7.9/onvif/Media</tt:XAddr></tt:Media>"
+          "</tt:Capabilities></s:Body></s:Envelope>");
+    }
+    return media && !request.head.starts_with("POST /onvif/Media ")
+               ? "HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n"
+               : test::OnvifAnswer(request, "plain");
+  });
+  FastUtility utility(camera.Port());
+  std::wstring uri;
+  EXPECT_TRUE(utility.GetONVIFURI(L"main<1>", uri)) << utility.LastError();
+  EXPECT_TRUE(utility.GetONVIFURI(L"main<1>", uri)) << utility.LastError();
+  EXPECT_THAT(Operations(camera), ElementsAre("GetSystemDateAndTime", "GetStreamUri",
+                                              "GetCapabilities", "GetStreamUri", "GetStreamUri"));
+}
+
+TEST(OnvifConfig, AnswersInOtherSpellingsAreRead) {
+  const auto envelope = [](const std::string& body) {
+    return ScriptedHttpServer::Ok(
+        "<s:Envelope xmlns:s=\"http://schemas.xmlsoap.org/soap/envelope/\" "
+        "xmlns:tds=\"http://www.onvif.org/ver10/device/wsdl\" "
+        "xmlns:tt=\"http://www.onvif.org/ver10/schema\"><s:Body>" +
+        body + "</s:Body></s:Envelope>");
+  };
+  ScriptedHttpServer camera([&envelope](const HttpRequestText& request) {
+    const std::string operation = test::OperationOf(request);
+    if (operation == "GetSystemDateAndTime") {
+      return envelope(
+          "<tds:SystemDateAndTime Quality=\"a>b\"><tt:UTCDateTime><tt:Time><tt:Hour>1</tt:Hour>"
+          "<tt:Minute>2</tt:Minute><tt:Second>3</tt:Second></tt:Time><tt:Date><tt:Year>2026</"
+          "tt:Year>"
+          "<tt:Month>4</tt:Month><tt:Day>5</tt:Day></tt:Date></tt:UTCDateTime>"
+          "</tds:SystemDateAndTime>");
+    }
+    if (operation == "GetNetworkDefaultGateway") {
+      return envelope(
+          "<tds:NetworkGateway><tds:IPv4Address>10.0.0.1</tds:IPv4Address></tds:NetworkGateway>");
+    }
+    if (operation == "GetDNS") {
+      return envelope(
+          "<s:Fault><faultcode>s:Client</faultcode><faultstring>no DNS here</faultstring>"
+          "</s:Fault>");
+    }
+    return test::OnvifAnswer(request, "plain");
+  });
+  const test::FixedClock clock(1775350923 - 60);  // the camera is a minute ahead
+  FastUtility utility(camera.Port());
+  EXPECT_FALSE(utility.GetNetworkONVIFConfig());
+  EXPECT_TRUE(utility.IsClockKnown());
+  EXPECT_EQ(utility.ClockOffset(), 60);
+  EXPECT_EQ(utility.ONVIFConfiguration().network.gateway, L"10.0.0.1");
+  EXPECT_THAT(utility.LastError(), HasSubstr("GetDNS: no DNS here"));
 }
 
 TEST(OnvifConfig, FaultsNameTheCameraAndTheReasonAndNeverThePassword) {

@@ -1,6 +1,7 @@
 // What goes over the wire to an ONVIF camera, read by other eyes: libxml2 and python's hashlib.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -21,7 +22,8 @@ using testing::HasSubstr;
 
 // Runs a program over the body of a request; python's XML parser fails on what is not well-formed.
 std::string Python(const std::string& body, const std::string& program) {
-  const std::string path = testing::TempDir() + "onvif_request.xml";
+  const std::string path =
+      testing::TempDir() + "onvif_request." + std::to_string(getpid()) + ".xml";
   std::ofstream(path) << body;
   const test::ShellResult result = test::RunShell(
       "python3 -c 'import sys,hashlib,base64,xml.etree.ElementTree as E\n"

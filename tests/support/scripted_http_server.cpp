@@ -71,10 +71,11 @@ std::vector<HttpRequestText> ScriptedHttpServer::Requests() const {
   return requests_;
 }
 
-void ScriptedHttpServer::KeepOpen(std::string block) {
+void ScriptedHttpServer::KeepOpen(std::string block, std::chrono::milliseconds pause) {
   const std::lock_guard lock(mutex_);
   keepOpen_ = true;
   block_ = std::move(block);
+  pause_ = pause;
 }
 
 std::string ScriptedHttpServer::Ok(std::string_view body) {
@@ -117,17 +118,20 @@ void ScriptedHttpServer::ServeConnection(int connection) {
   }
   request.body = bytes.substr(request.head.size() + 2);
   std::string block;
+  std::chrono::milliseconds pause{};
   bool keepOpen = false;
   {
     const std::lock_guard lock(mutex_);
     requests_.push_back(request);
     block = block_;
+    pause = pause_;
     keepOpen = keepOpen_;
   }
   bool open = SendAll(connection, handler_(request));
   while (keepOpen && open && !stopping_) {
     char byte = 0;
     if (!block.empty()) {
+      std::this_thread::sleep_for(pause);
       open = SendAll(connection, block);
     } else if (IsReadable(connection)) {
       open = recv(connection, &byte, 1, 0) > 0;

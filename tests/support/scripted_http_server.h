@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <mutex>
@@ -36,7 +37,7 @@ class ScriptedHttpServer {
 
   // From now on answers are followed by this block until the client closes, or, with an empty
   // block, by silence.
-  void KeepOpen(std::string block);
+  void KeepOpen(std::string block, std::chrono::milliseconds pause = {});
 
   // "HTTP/1.1 200 OK" with this body.
   static std::string Ok(std::string_view body);
@@ -52,6 +53,7 @@ class ScriptedHttpServer {
   std::vector<HttpRequestText> requests_;
   bool keepOpen_ = false;
   std::string block_;
+  std::chrono::milliseconds pause_{};
   std::atomic<bool> stopping_{false};
   std::thread thread_;
 };

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <ctime>
 
+#include "cms/ipcam/internal/plain_text.h"
 #include "cms/ipcam/internal/soap_envelope.h"
 #include "cms/runtime/text.h"
 #include "cms/runtime/wide_text.h"
@@ -55,18 +56,21 @@ std::string PercentDecoded(std::string_view text) {
   return plain;
 }
 
-// What follows the prefix up to the next blank, of the first scope that has it; without control
-// characters, as it goes to terminals and lists.
-std::string ScopeValue(std::string_view scopes, std::string_view prefix) {
-  const std::size_t found = scopes.find(prefix);
-  if (found == std::string_view::npos) {
+// What follows onvif://www.onvif.org/KIND/ up to the next blank, of the first scope of that kind,
+// which devices write as they like ("/Name/").
+std::string ScopeValue(std::string_view scopes, std::string_view kind) {
+  const std::string prefix = "onvif://www.onvif.org/" + std::string(kind) + "/";
+  const auto* const found =
+      std::search(scopes.begin(), scopes.end(), prefix.begin(), prefix.end(), [](char a, char b) {
+        return EqualAnyCase({&a, 1}, {&b, 1});
+      });
+  if (found == scopes.end()) {
     return {};
   }
-  const std::string_view value = scopes.substr(found + prefix.size());
-  std::string text = PercentDecoded(value.substr(0, value.find_first_of(kSpace)));
-  std::ranges::replace_if(
-      text, [](char c) { return (c >= '\0' && c < ' ') || c == '\x7F'; }, ' ');
-  return Utf8FromWide(WideFromUtf8(text));
+  const std::string_view value =
+      scopes.substr(static_cast<std::size_t>(found - scopes.begin()) + prefix.size());
+  return Utf8FromWide(
+      Plain(WideFromUtf8(PercentDecoded(value.substr(0, value.find_first_of(kSpace))))));
 }
 
 bool HasPtzScope(std::string_view scopes) {
@@ -152,6 +156,26 @@ std::string ProbeMessage(std::string_view messageId) {
   return message;
 }
 
+std::vector<std::string_view> SplitProbeMatches(std::string_view answer) {
+  constexpr std::string_view kEnd = "ProbeMatch>";
+  std::vector<std::string_view> matches;
+  for (std::size_t at = answer.find(kEnd); at != std::string_view::npos;
+       at = answer.find(kEnd, at)) {
+    at += kEnd.size();
+    // "</d:ProbeMatch>" ends one; "<d:ProbeMatch>" begins it.
+    const std::size_t bracket = answer.substr(0, at).rfind('<');
+    if (bracket != std::string_view::npos && answer.substr(bracket).starts_with("</")) {
+      matches.push_back(answer.substr(0, at));
+      answer.remove_prefix(at);
+      at = 0;
+    }
+  }
+  if (matches.empty()) {
+    matches.push_back(answer);
+  }
+  return matches;
+}
+
 std::optional<stDiscoveredDevice> ParseProbeMatch(std::string_view answer) {
   stDiscoveredDevice device;
   if (answer.find("wsdp:Device pub:Computer") != std::string_view::npos ||
@@ -159,8 +183,11 @@ std::optional<stDiscoveredDevice> ParseProbeMatch(std::string_view answer) {
     return std::nullopt;
   }
   const std::string scopes = Unescaped(Content(answer, ":Scopes"));
-  device.hardware = ScopeValue(scopes, "onvif://www.onvif.org/hardware/");
-  device.name = ScopeValue(scopes, "onvif://www.onvif.org/name/");
+  device.hardware = ScopeValue(scopes, "hardware");
+  if (device.hardware.empty()) {
+    device.hardware = ScopeValue(scopes, "model");
+  }
+  device.name = ScopeValue(scopes, "name");
   if (device.name.empty()) {
     device.name = "IP Camera";
   }

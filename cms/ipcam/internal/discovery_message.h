@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "cms/ipcam/discovered_device.h"
 
@@ -15,6 +16,10 @@ std::string ProbeMessageId(std::int64_t seconds, std::string_view end);
 
 // A probe for whatever there is, of at most 1024 bytes.
 std::string ProbeMessage(std::string_view messageId);
+
+// The matches of one answer, of which some devices send several; the answer itself when it has
+// none.
+std::vector<std::string_view> SplitProbeMatches(std::string_view answer);
 
 // The device of a ProbeMatch. Nothing when the answer is none, comes from a desktop computer, or
 // names no IPv4 address that can be reached from elsewhere.

@@ -4,10 +4,12 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <charconv>
 #include <cstddef>
 #include <cstring>
 #include <memory>
 #include <string_view>
+#include <system_error>
 
 #include "cms/runtime/clock.h"
 #include "cms/runtime/digest.h"
@@ -20,6 +22,9 @@ namespace {
 constexpr std::size_t kMaxAnswerHeader = 65536;
 constexpr std::size_t kMaxErrorBody = 8192;  // enough for any SOAP fault
 constexpr std::size_t kMaxStatus = 100;      // of a status line in an error
+constexpr int kOk = 200;
+constexpr int kUnauthorized = 401;
+constexpr long kMaxLogins = 2;  // a login, and one more whose nonce had become stale
 
 struct FreeEasy {
   void operator()(CURL* easy) const { curl_easy_cleanup(easy); }
@@ -117,6 +122,8 @@ class Attempt {
     Set(CURLOPT_PROTOCOLS_STR, "http");
     Set(CURLOPT_PROXY, "");  // also against http_proxy
     Set(CURLOPT_NOSIGNAL, 1L);
+    Set(CURLOPT_QUICK_EXIT, 1L);  // whoever has waited long enough does not wait for the resolver
+    Set(CURLOPT_MAXREDIRS, kMaxLogins);
     Set(CURLOPT_HTTP09_ALLOWED, 0L);
     Set(CURLOPT_HEADERFUNCTION, &Attempt::Header);
     Set(CURLOPT_HEADERDATA, static_cast<void*>(this));
@@ -167,7 +174,8 @@ class Attempt {
   std::string_view Status() const {
     return std::string_view(header_).substr(0, header_.find('\r'));
   }
-  bool IsOk() const { return Status().find("200 OK") != std::string_view::npos; }
+  int StatusCode() const;
+  bool IsOk() const { return StatusCode() == kOk; }
   bool OnHeader(std::string_view line);
   bool OnBody(std::string_view data);
   Step CurrentStep() const;
@@ -190,6 +198,15 @@ class Attempt {
   std::uint64_t stepBegan_ = 0;
 };
 
+// Of "HTTP/1.1 200 OK", whatever the reason's spelling (RFC 9112, section 4); 0 for none.
+int Attempt::StatusCode() const {
+  std::string_view status = Status();
+  status.remove_prefix(std::min(status.find(' ') + 1, status.size()));
+  int code = 0;
+  const auto [end, error] = std::from_chars(status.data(), status.data() + status.size(), code);
+  return error == std::errc() && end == status.data() + 3 ? code : 0;
+}
+
 bool Attempt::OnHeader(std::string_view line) {
   if (line.starts_with("HTTP/")) {  // an interim answer's header does not count
     header_.clear();
@@ -198,7 +215,8 @@ bool Attempt::OnHeader(std::string_view line) {
   constexpr std::string_view kChallenge = "WWW-Authenticate: Digest";
   digestWanted_ = digestWanted_ || EqualAnyCase(line.substr(0, kChallenge.size()), kChallenge);
   header_ += line;
-  headerEnded_ = headerEnded_ || line == "\r\n" || line == "\n";
+  // After an interim answer the wait for the final one goes on: its limit does not begin anew.
+  headerEnded_ = headerEnded_ || ((line == "\r\n" || line == "\n") && StatusCode() >= kOk);
   return header_.size() <= kMaxAnswerHeader;
 }
 
@@ -273,13 +291,17 @@ void Attempt::Finish(CURLcode code) {
   // A body that OnBody had enough of is whole for the caller.
   const bool enough = code == CURLE_WRITE_ERROR && headerEnded_;
   report_.answered = !header_.empty();
-  if (code != CURLE_OK && !enough) {
+  report_.status = StatusCode();
+  if (code == CURLE_TOO_MANY_REDIRECTS && StatusCode() == kUnauthorized) {
+    param_.result = kHttpCommandUnauthorized;
+    report_.error = "the camera takes no login (401, again and again)";
+  } else if (code != CURLE_OK && !enough) {
     report_.error = header_.size() > kMaxAnswerHeader ? "the answer's header does not end"
                     : code == CURLE_PARTIAL_FILE      ? "the answer broke off"
                                                       : curl_easy_strerror(code);
   } else if (IsOk()) {
     param_.result = kHttpCommandOk;
-  } else if (Status().find("401 Unauthorized") != std::string_view::npos) {
+  } else if (StatusCode() == kUnauthorized) {
     param_.result = kHttpCommandUnauthorized;
     report_.error = "the user name or the password is wrong (401 Unauthorized)";
   } else {

@@ -9,6 +9,7 @@ namespace cms {
 
 struct HttpExchangeReport {
   bool answered = false;  // a status line came
+  int status = 0;         // the answer's, 0 without one
   bool cut = false;       // the body was longer than the answer buffer
   std::string error;      // UTF-8; empty when the result is kHttpCommandOk
   std::string body;       // of an answer that is not "200 OK", its beginning

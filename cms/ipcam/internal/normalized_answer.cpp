@@ -24,6 +24,7 @@ constexpr Namespace kNamespaces[] = {
     {L"http://www.onvif.org/ver20/imaging/wsdl", L"timg"},
     {L"http://www.onvif.org/ver10/imaging/wsdl", L"timg"},
     {L"http://www.w3.org/2003/05/soap-envelope", L"SOAP-ENV"},
+    {L"http://schemas.xmlsoap.org/soap/envelope/", L"SOAP-ENV"},
 };
 
 struct Attribute {
@@ -210,6 +211,8 @@ class Normalizer {
     for (const wchar_t c : attribute.value) {
       if (c == L'"') {
         out_ += L"&quot;";
+      } else if (c == L'>') {  // where a tag ends is looked for by this character
+        out_ += L"&gt;";
       } else {
         out_ += c;
       }

@@ -5,6 +5,7 @@
 #include <ctime>
 
 #include "cms/ipcam/capability_tables.h"
+#include "cms/ipcam/internal/plain_text.h"
 #include "cms/ipcam/internal/tag_search.h"
 #include "cms/runtime/wide_text.h"
 
@@ -36,6 +37,9 @@ stVideoEncoderConfiguration VideoEncoder(std::wstring_view block) {
   encoder.name = TextOf(block, L"tt:Name");
   encoder.useCount = IntegerOf(block, L"tt:UseCount");
   encoder.encoding = TextOf(block, L"tt:Encoding");
+  if (encoder.encoding == L"MJPEG") {  // some cameras' word for what ONVIF calls JPEG
+    encoder.encoding = L"JPEG";
+  }
   encoder.resolution = Resolution(ElementContent(block, L"tt:Resolution"));
   encoder.quality = NumberOf(block, L"tt:Quality").value_or(0);
   encoder.frameRateLimit = IntegerOf(block, L"tt:FrameRateLimit");
@@ -116,7 +120,7 @@ std::optional<std::wstring> Mode(std::wstring_view answer, std::wstring_view nam
 }  // namespace
 
 std::optional<std::int64_t> ParseSystemDateAndTime(std::wstring_view answer) {
-  constexpr std::wstring_view kClock = L"<tds:SystemDateAndTime>";
+  constexpr std::wstring_view kClock = L"<tds:SystemDateAndTime";  // with attributes or without
   const std::size_t found = answer.find(kClock);
   if (found == std::wstring_view::npos) {
     return std::nullopt;
@@ -146,6 +150,13 @@ std::optional<std::int64_t> ParseSystemDateAndTime(std::wstring_view answer) {
   return timegm(&fields);
 }
 
+std::wstring ParseServicePath(std::wstring_view answer, std::wstring_view service) {
+  const std::wstring url = TextOf(ElementContent(answer, service), L"tt:XAddr");
+  const std::size_t host = url.find(L"//");
+  const std::size_t path = host == std::wstring::npos ? host : url.find(L'/', host + 2);
+  return path == std::wstring::npos ? std::wstring() : url.substr(path);
+}
+
 std::string FaultReason(std::wstring_view answer) {
   constexpr std::size_t kMaxCharacters = 200;
   if (!Holds(answer, L"<SOAP-ENV:Fault")) {
@@ -154,12 +165,13 @@ std::string FaultReason(std::wstring_view answer) {
   const std::wstring_view fault = ElementContent(answer, L"SOAP-ENV:Fault");
   std::wstring reason = TextOf(fault, L"SOAP-ENV:Text");
   if (reason.empty()) {
+    reason = TextOf(fault, L"faultstring");  // SOAP 1.1, section 4.4
+  }
+  if (reason.empty()) {
     reason = TextOf(fault, L"SOAP-ENV:Value");
   }
   reason.resize(std::min(reason.size(), kMaxCharacters));
-  std::ranges::replace_if(
-      reason, [](wchar_t c) { return c < L' ' || c == 0x7F; }, L' ');
-  return reason.empty() ? "a fault without a reason" : Utf8FromWide(reason);
+  return reason.empty() ? "a fault without a reason" : Utf8FromWide(Plain(std::move(reason)));
 }
 
 bool IsNotAuthorizedFault(std::wstring_view answer) {
@@ -307,7 +319,11 @@ bool ParseGateway(std::wstring_view answer, std::wstring& gateway) {
   if (!Holds(answer, L"<tds:NetworkGateway")) {
     return false;
   }
-  gateway = TextOf(ElementContent(answer, L"tds:NetworkGateway"), L"tt:IPv4Address");
+  const std::wstring_view addresses = ElementContent(answer, L"tds:NetworkGateway");
+  gateway = TextOf(addresses, L"tt:IPv4Address");
+  if (gateway.empty()) {
+    gateway = TextOf(addresses, L"tds:IPv4Address");  // some take the outer element's namespace
+  }
   return true;
 }
 

@@ -15,6 +15,11 @@ namespace cms {
 // The camera's clock in seconds since 1970-01-01 UTC.
 std::optional<std::int64_t> ParseSystemDateAndTime(std::wstring_view answer);
 
+// The path of the service that capabilities name by that element, such as L"tt:Media"; empty
+// without one. Only the path counts: addresses that a camera behind a router tells of itself lead
+// nowhere.
+std::wstring ParseServicePath(std::wstring_view answer, std::wstring_view service);
+
 // The reason that a SOAP fault gives as short UTF-8; empty when the answer is no fault.
 std::string FaultReason(std::wstring_view answer);
 bool IsNotAuthorizedFault(std::wstring_view answer);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <iterator>
 #include <span>
 
@@ -56,17 +57,27 @@ constexpr std::wstring_view kPatterns[] = {
     L"1000", L"0011", L"0010", L"11111", L"11000", L"10100", L"10000", L"01100", L"01000",
 };
 
-bool IsDigits(std::wstring_view text) {
-  return !text.empty() && text.size() <= 10 &&
-         std::ranges::all_of(text, [](wchar_t c) { return c >= L'0' && c <= L'9'; });
+// Digits of a number up to `largest`.
+bool IsNumber(std::wstring_view text, std::uint64_t largest) {
+  std::uint64_t number = 0;
+  for (const wchar_t c : text) {
+    if (c < L'0' || c > L'9') {
+      return false;
+    }
+    number = number * 10 + static_cast<std::uint64_t>(c - L'0');
+    if (number > largest) {
+      return false;
+    }
+  }
+  return !text.empty();
 }
 
 bool IsOfKind(std::wstring_view value, Kind kind) {
   switch (kind) {
     case Kind::kUnsigned:
-      return IsDigits(value);
+      return IsNumber(value, UINT32_MAX);
     case Kind::kSigned:
-      return IsDigits(value.substr(value.starts_with(L'-') ? 1 : 0));
+      return IsNumber(value.substr(value.starts_with(L'-') ? 1 : 0), INT32_MAX);
     case Kind::kText:
       return !value.empty();
     case Kind::kAudio:
