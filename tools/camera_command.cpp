@@ -196,9 +196,11 @@ namespace {
 
 void AddOnvifOptions(Command command, Arguments& arguments) {
   testcamera::OnvifOptions& onvif = arguments.onvif;
-  const Option port = command.AddOption(
-      "--onvif", arguments.onvif_port,
-      "Port for ONVIF and the parameter CGI, which ask for --user and --password; 0 takes any");
+  const Option port = command
+                          .AddOption("--onvif", arguments.onvif_port,
+                                     "Port for ONVIF and the parameter CGI, which ask for --user "
+                                     "and --password; 0 takes any")
+                          .Port();
   command
       .AddParsed(
           "--onvif-style",
@@ -237,11 +239,13 @@ void AddCameraCommand(Command app, CommandResult& result) {
   const Command command = app.Add("camera", "Test cameras: real RTSP servers");
   using namespace testcamera;
 
-  command.AddOption("--port", camera.port, "RTSP port; 0 takes any").ShowDefault();
+  command.AddOption("--port", camera.port, "RTSP port; 0 takes any").ShowDefault().Port();
   command.AddOption("--bind", camera.bind, "Address to listen on").ShowDefault().IPv4();
-  command.AddOption("--http", arguments->http_port,
-                    std::string("HTTP port for the pictures as multipart JPEG at ") + kHttpPath +
-                        "; 0 takes any");
+  command
+      .AddOption("--http", arguments->http_port,
+                 std::string("HTTP port for the pictures as multipart JPEG at ") + kHttpPath +
+                     "; 0 takes any")
+      .Port();
   command.AddOption("--path", camera.path, "Path of the stream").ShowDefault();
   command.AddOption("--count", arguments->count, "So many cameras, at ports one after the other")
       .ShowDefault()

@@ -123,10 +123,11 @@ void Print(const Databases& databases) {
   }
   PrintTitle("Events", databases.events);
   for (const Json& row : databases.events) {
+    // Channels count from 1 for people, as `orvanta search` shows them, and from 0 in the record.
     std::printf("  site %-4u %-20s %-20s  %s of channel %u, %u s before it\n",
                 row.at("site").get<unsigned>(), Time(row, "start").c_str(),
                 Time(row, "end").c_str(), Text(row, "type").c_str(),
-                row.at("channel").get<unsigned>(), row.at("pre_alarm").get<unsigned>());
+                row.at("channel").get<unsigned>() + 1, row.at("pre_alarm").get<unsigned>());
   }
   PrintTitle("Folders", databases.folders);
   for (const Json& row : databases.folders) {

@@ -171,6 +171,9 @@ Content Inspect(const Arguments& arguments) {
   }
   content.hasIndex = io.Exists(idx);
   Walk(arguments, file.Handle(), content);
+  if (content.walk.frames == 0 && content.walk.tail == cms::DrvTail::kForeign) {
+    throw std::runtime_error(arguments.file + ": is no recording, it holds no frame");
+  }
   return content;
 }
 

@@ -1,6 +1,8 @@
 // orvanta live: receives cameras, shows what arrives, and saves what they saw.
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
@@ -14,6 +16,7 @@
 #include "tools/command.h"
 #include "tools/live_site.h"
 #include "tools/live_summary.h"
+#include "tools/status_lines.h"
 #include "tools/stop_signal.h"
 #include "tools/stream_options.h"
 
@@ -32,7 +35,10 @@ struct Arguments {
   bool listen = false;
   std::string device;
   bool json = false;
+  bool quiet = false;
 };
+
+constexpr long kLargestSide = 16384;
 
 void ReadSize(const std::string& text, LiveOptions* options) {
   if (text.empty()) {
@@ -42,6 +48,10 @@ void ReadSize(const std::string& text, LiveOptions* options) {
   if (std::sscanf(text.c_str(), "%5ldx%5ld%c", &options->width, &options->height, &rest) != 2 ||
       options->width <= 0 || options->height <= 0) {
     throw UsageError("--size", "\"" + text + "\" is not of the form 960x540");
+  }
+  if (options->width > kLargestSide || options->height > kLargestSide) {
+    throw UsageError("--size", text + " is larger than " + std::to_string(kLargestSide) + "x" +
+                                   std::to_string(kLargestSide));
   }
 }
 
@@ -56,9 +66,26 @@ std::string SnapshotPath(const std::string& path, std::size_t number, std::size_
       .string();
 }
 
+// Empty unless frames of a codec that is decoded failed and none ever became a picture.
+std::string WhyNoPicture(const LiveSite& site) {
+  const auto told = site.Json();
+  const bool failed = told.at("decode_errors") != 0 && told.at("decoded") == 0;
+  return failed && told.at("codec") != "MP4V-ES"
+             ? "none of " + told.at("frames").dump() + " frames became a picture"
+             : "";
+}
+
+bool IsPngName(const std::string& path) {
+  std::string extension = std::filesystem::path(path).extension().string();
+  std::transform(extension.begin(), extension.end(), extension.begin(),
+                 [](unsigned char c) { return std::tolower(c); });
+  return extension == ".png";
+}
+
 class Live {
  public:
-  explicit Live(const Arguments& arguments) : arguments_(arguments) {
+  explicit Live(const Arguments& arguments)
+      : arguments_(arguments), lines_(arguments.json ? stderr : stdout) {
     for (std::size_t i = 0; i < arguments.streams.urls.size(); ++i) {
       LiveOptions options = OptionsOf(arguments.streams, i);
       options.decode = !arguments.noDecode;
@@ -112,15 +139,15 @@ class Live {
     });
   }
 
-  void Report() const {
-    std::FILE* const out = arguments_.json ? stderr : stdout;
-    if (arguments_.json && isatty(STDERR_FILENO) == 0) {
+  void Report() {
+    if (arguments_.quiet || (arguments_.json && isatty(STDERR_FILENO) == 0)) {
       return;
     }
+    std::vector<std::string> lines;
     for (const auto& site : sites_) {
-      std::fprintf(out, "%s\n", site->StatusLine().c_str());
+      lines.push_back(site->StatusLine());
     }
-    std::fflush(out);
+    lines_.Show(lines);
   }
 
   int Finish() {
@@ -132,7 +159,9 @@ class Live {
         failures.push_back(site.Url() + ": " + WhyNothingArrived(site.Status()));
         continue;
       }
-      if (!arguments_.snapshot.empty()) {
+      if (const std::string reason = WhyNoPicture(site); !reason.empty()) {
+        failures.push_back(site.Url() + ": " + reason);
+      } else if (!arguments_.snapshot.empty()) {
         try {
           site.WriteSnapshot(SnapshotPath(arguments_.snapshot, i, sites_.size()));
         } catch (const std::runtime_error& error) {
@@ -159,6 +188,7 @@ class Live {
   }
 
   const Arguments& arguments_;
+  StatusLines lines_;
   std::vector<std::unique_ptr<LiveSite>> sites_;
 };
 
@@ -180,9 +210,14 @@ void AddLiveCommand(Command app, CommandResult& result) {
   live.AddOption("--device", arguments->device, "sound device, see orvanta audio devices")
       .Needs(listen);
   live.AddFlag("--json", arguments->json, "print one JSON object at the end");
+  live.AddFlag("--quiet", arguments->quiet, "show nothing before the end");
   live.Run([arguments, &result] {
     if (arguments->noDecode && !arguments->snapshot.empty()) {
       throw UsageError("--snapshot", "needs decoding: leave out --no-decode");
+    }
+    if (!arguments->snapshot.empty() && !IsPngName(arguments->snapshot)) {
+      throw UsageError("--snapshot",
+                       "writes PNG: \"" + arguments->snapshot + "\" does not end in .png");
     }
     result.status = Live(*arguments).Run();
   });

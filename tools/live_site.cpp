@@ -7,6 +7,7 @@
 
 #include "cms/streaming/rtsp_client.h"
 #include "cms/streaming/rtsp_url.h"
+#include "tools/camera_url.h"
 #include "tools/mjpeg_http_client.h"
 #include "tools/picture_file.h"
 
@@ -30,16 +31,12 @@ std::string WhyNothingArrived(const ConnectionStatus& status) {
 }
 
 LiveSite::LiveSite(const LiveOptions& options) : options_(options) {
-  const auto url = cms::ParseCameraUrl(options.url);
-  if (!url || (url->scheme != "rtsp" && url->scheme != "http")) {
-    throw std::runtime_error("\"" + options.url +
-                             "\" is not a URL of the form rtsp://[user:password@]host[:port]/path "
-                             "or http://...");
-  }
-  const std::string user = url->user.empty() ? options.user : url->user;
-  const std::string password = url->user.empty() ? options.password : url->password;
-  shownUrl_ = WithoutPassword(*url, user);
-  client_ = MakeClient(*url, user, password);
+  const cms::CameraUrl url = ReadCameraUrl(options.url, {"rtsp", "http"},
+                                           "rtsp://[user:password@]host[:port]/path or http://...");
+  const std::string user = url.user.empty() ? options.user : url.user;
+  const std::string password = url.user.empty() ? options.password : url.password;
+  shownUrl_ = WithoutPassword(url, user);
+  client_ = MakeClient(url, user, password);
   client_->SetThreadedDecode(true);
   const tagSIZE size{options.width, options.height};
   client_->SetDecoder(0, DECODER_PARAMETER_DISPLAY_SIZE, &size);

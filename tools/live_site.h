@@ -32,7 +32,7 @@ std::string WhyNothingArrived(const ConnectionStatus& status);
 
 class LiveSite {
  public:
-  // Throws std::runtime_error for a URL that cannot be read.
+  // Throws UsageError for a URL that cannot be read, std::runtime_error for one without a host.
   explicit LiveSite(const LiveOptions& options);
   ~LiveSite();
 

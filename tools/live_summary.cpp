@@ -28,7 +28,8 @@ void PrintSummary(const nlohmann::ordered_json& streams) {
       return stream.at(name).get<unsigned long long>();
     };
     // Left out on purpose (--no-decode) is not dropped.
-    const auto left_out = count("decoded") > 0 ? count("not_decoded") : 0;
+    const bool decodes = count("decoded") + count("decode_errors") > 0;
+    const auto left_out = decodes ? count("not_decoded") : 0;
     const auto first = count("first_picture_ms");
     std::printf("#%-2d  %-7s %-10s %-6s %7llu %6.1f %8.0f %6llu %8llu %8llu  %s\n", ++number,
                 OrDash(stream.at("codec")).c_str(), Size(stream).c_str(),

@@ -4,7 +4,7 @@
 
 int main(int argc, char** argv) {
   tools::CommandLine line("Orvanta CMS media SDK: watch, record and configure IP cameras",
-                          "orvanta");
+                          "orvanta", "orvanta " ORVANTA_VERSION);
   const tools::Command app = line.Root();
   tools::CommandResult result;
   tools::AddLiveCommand(app, result);

@@ -143,12 +143,13 @@ void Collect(const CLI::App& app, const std::string& path, Completions& out) {
   out.words << "    \"" << path << "\") words=\"" << words << "\" ;;\n";
 }
 
-std::string ManPage(const CLI::App& root, const CLI::App& command) {
+std::string ManPage(const CLI::App& root, const CLI::App& command, const std::string& date) {
   const bool is_root = &root == &command;
   std::string page = PathOf(command);
   std::replace(page.begin(), page.end(), ' ', '-');
   std::ostringstream out;
-  out << ".TH " << Roff(page) << " 1 \"\" \"Orvanta CMS\" \"User Commands\"\n"
+  out << ".TH " << Roff(page) << " 1 \"" << Roff(date) << "\" \"" << Roff(root.version())
+      << "\" \"User Commands\"\n"
       << ".SH NAME\n"
       << Roff(page) << " \\- " << Roff(command.get_description()) << "\n.SH SYNOPSIS\n";
   WriteSynopsis(out, command);
@@ -188,11 +189,11 @@ std::string ManPage(const CLI::App& root, const CLI::App& command) {
 
 }  // namespace
 
-std::map<std::string, std::string> ManPages(Command root) {
+std::map<std::string, std::string> ManPages(Command root, const std::string& date) {
   const CLI::App& app = root.App();
-  std::map<std::string, std::string> pages = {{app.get_name(), ManPage(app, app)}};
+  std::map<std::string, std::string> pages = {{app.get_name(), ManPage(app, app, date)}};
   for (const CLI::App* each : ShownSubcommands(app)) {
-    pages[app.get_name() + "-" + each->get_name()] = ManPage(app, *each);
+    pages[app.get_name() + "-" + each->get_name()] = ManPage(app, *each, date);
   }
   return pages;
 }

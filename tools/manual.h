@@ -9,8 +9,8 @@
 namespace tools {
 
 // Pages by name, for man(7) formatters: the program's, and one of each of its commands, whose own
-// commands are sections of it. No date is in them, so that equal sources give equal pages.
-std::map<std::string, std::string> ManPages(Command root);
+// commands are sections of it. `date` is the version's, so that equal sources give equal pages.
+std::map<std::string, std::string> ManPages(Command root, const std::string& date);
 
 // What bash sources to complete commands, options and the words that an option takes; where it
 // takes a file or anything else, bash completes names of files.

@@ -28,7 +28,7 @@ void AddManualCommand(Command app, CommandResult& /*result*/) {
   manual.AddOption("DIR", *folder, "gets man1/*.1 and completions/orvanta").Required();
   manual.Run([folder, app] {
     const std::filesystem::path root(*folder);
-    for (const auto& [name, page] : ManPages(app)) {
+    for (const auto& [name, page] : ManPages(app, ORVANTA_RELEASE_DATE)) {
       WriteFile(root / "man1" / (name + ".1"), page);
     }
     WriteFile(root / "completions" / "orvanta", BashCompletion(app));

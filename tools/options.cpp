@@ -1,6 +1,7 @@
 #include "tools/options.h"
 
 #include <CLI/CLI.hpp>
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <exception>
@@ -17,6 +18,66 @@ constexpr int kWrongUsage = 2;
 std::string NameOf(const CLI::App& app) {
   const auto chosen = app.get_subcommands();
   return chosen.empty() ? app.get_name() : app.get_name() + " " + chosen.front()->get_name();
+}
+
+// "orvanta audio decode" once both were recognised.
+const CLI::App& Deepest(const CLI::App& app) {
+  const auto chosen = app.get_subcommands();
+  return chosen.empty() ? app : Deepest(*chosen.front());
+}
+
+std::string PathOf(const CLI::App& app) {
+  return app.get_parent() == nullptr ? app.get_name()
+                                     : PathOf(*app.get_parent()) + " " + app.get_name();
+}
+
+std::vector<const CLI::App*> CommandsOf(const CLI::App& app) {
+  return app.get_subcommands([](const CLI::App*) { return true; });
+}
+
+// The command whose help is asked for, null when none is. Looked for in front of the parser: to it
+// the name of a command whose parent needs an argument first is that argument.
+const CLI::App* AskedForHelp(const CLI::App& app, int argc, char** argv) {
+  const CLI::App* command = &app;
+  for (int i = 1; i < argc; ++i) {
+    const std::string given = argv[i];
+    if (given == "--help" || given == "-h") {
+      return command;
+    }
+    for (const CLI::App* each : CommandsOf(*command)) {
+      if (each->get_name() == given) {
+        command = each;
+        break;
+      }
+    }
+  }
+  return nullptr;
+}
+
+void PrintHelp(const CLI::App& command) {
+  const std::string before = command.get_parent() != nullptr ? PathOf(*command.get_parent()) : "";
+  std::fputs(command.help(before).c_str(), stdout);
+}
+
+// What is wrong, in words that name the command or the option.
+std::string Explain(const CLI::App& app, const std::string& error) {
+  const CLI::App& command = Deepest(app);
+  std::string commands;
+  for (const CLI::App* each : CommandsOf(command)) {
+    commands += (commands.empty() ? "" : ", ") + each->get_name();
+  }
+  const auto rest = command.remaining();
+  if (!commands.empty() && !rest.empty() && !rest.front().starts_with('-')) {
+    return "\"" + rest.front() + "\" is none of its commands: " + commands;
+  }
+  if (!commands.empty() && error == "A subcommand is required") {
+    return "one of its commands is missing: " + commands;
+  }
+  constexpr std::string_view kUnread = "Could not convert: ";
+  if (error.starts_with(kUnread)) {
+    return error.substr(kUnread.size()) + " is not what it takes";
+  }
+  return error;
 }
 
 // The message on one line, whatever its source put into it.
@@ -64,8 +125,19 @@ template Option Option::InRange(std::size_t, std::size_t) const;
 template Option Option::InRange(double, double) const;
 
 Option Option::Positive() const {
-  option_->check(CLI::PositiveNumber);
+  option_->check(CLI::Validator(
+      [](const std::string& text) {
+        double number = 0;
+        return CLI::detail::lexical_cast(text, number) && number > 0 && std::isfinite(number)
+                   ? std::string()
+                   : "\"" + text + "\" is not a number above 0";
+      },
+      "POSITIVE"));
   return *this;
+}
+
+Option Option::Port() const {
+  return InRange(0, 65535);
 }
 
 Option Option::OneOf(const std::vector<std::string>& words) const {
@@ -174,8 +246,10 @@ void Command::RunWithParent(std::function<void()> job) const {
   app_->final_callback(std::move(job));
 }
 
-CommandLine::CommandLine(const std::string& help, const std::string& name)
+CommandLine::CommandLine(const std::string& help, const std::string& name,
+                         const std::string& version)
     : app_(std::make_unique<CLI::App>(help, name)) {
+  app_->set_version_flag("--version", version, "Print the version and exit");
   app_->require_subcommand(0, 1);
 }
 
@@ -186,17 +260,21 @@ Command CommandLine::Root() {
 }
 
 int CommandLine::Run(int argc, char** argv) {
-  const auto wrong = [this](const std::exception& error) {
-    return Fail(*app_, error.what(), " (see " + NameOf(*app_) + " --help)", kWrongUsage);
+  const auto wrong = [this](const std::string& error) {
+    return Fail(*app_, error, " (see " + PathOf(Deepest(*app_)) + " --help)", kWrongUsage);
   };
+  if (const CLI::App* command = AskedForHelp(*app_, argc, argv)) {
+    PrintHelp(*command);
+    return 0;
+  }
   try {
     app_->parse(argc, argv);
-  } catch (const CLI::Success& asked) {  // --help
+  } catch (const CLI::Success& asked) {  // --version
     return app_->exit(asked);
   } catch (const CLI::ParseError& error) {
-    return wrong(error);
+    return wrong(Explain(*app_, error.what()));
   } catch (const UsageError& error) {
-    return wrong(error);
+    return wrong(error.what());
   } catch (const std::exception& error) {
     return Fail(*app_, error.what(), "", kFailed);
   }

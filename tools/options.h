@@ -38,6 +38,7 @@ class Option {
   template <typename Number>
   Option InRange(Number low, Number high) const;
   Option Positive() const;
+  Option Port() const;  // 0 to 65535
   Option OneOf(const std::vector<std::string>& words) const;
   Option IPv4() const;
   Option IPv4Or(const std::string& word) const;
@@ -83,12 +84,14 @@ class Command {
 
 class CommandLine {
  public:
-  CommandLine(const std::string& help, const std::string& name);
+  // `version` is the text that --version prints.
+  CommandLine(const std::string& help, const std::string& name, const std::string& version);
   ~CommandLine();
 
   Command Root();
   // Reads the arguments and does the job. Returns 0, 1 after a failed job and 2 for wrong usage,
-  // with one line on standard error.
+  // with one line on standard error. --help is answered for the last command that stands in front
+  // of it, whatever else is missing.
   int Run(int argc, char** argv);
 
  private:

@@ -138,7 +138,7 @@ void AddServeCommand(Command app, CommandResult& result) {
   auto arguments = std::make_shared<Arguments>();
   const Command serve = app.Add("serve", "Cameras and recordings as a page for browsers");
   serve.AddOption("urls", arguments->urls, "cameras, as for orvanta live").TypeName("URL");
-  serve.AddOption("--port", arguments->port, "port to listen on; 0 takes any").Required();
+  serve.AddOption("--port", arguments->port, "port to listen on; 0 takes any").Required().Port();
   AddDataOption(serve, arguments->data);
   const Option user = serve.AddOption(
       "--user", arguments->user,

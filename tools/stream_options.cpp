@@ -23,6 +23,11 @@ void AddStreamOptions(Command command, StreamArguments& arguments) {
 }
 
 LiveOptions OptionsOf(const StreamArguments& arguments, std::size_t site) {
+  if (arguments.transports.size() > arguments.urls.size()) {
+    throw UsageError("--transport",
+                     std::to_string(arguments.transports.size()) +
+                         " values, but URLs: " + std::to_string(arguments.urls.size()));
+  }
   LiveOptions options;
   options.url = arguments.urls[site];
   options.user = arguments.user;

@@ -16,7 +16,7 @@
 #include "cms/exports/audio_player_exports.h"
 #include "cms/exports/net_exports.h"
 #include "cms/streaming/rtsp_client.h"
-#include "cms/streaming/rtsp_url.h"
+#include "tools/camera_url.h"
 #include "tools/command.h"
 #include "tools/stop_signal.h"
 
@@ -133,22 +133,19 @@ int MicrophoneNumber(const std::string& name) {
 }
 
 void Open(TalkClient& client, const Arguments& arguments) {
-  const auto url = cms::ParseCameraUrl(arguments.url);
-  if (!url || url->scheme != "rtsp") {
-    throw std::runtime_error("\"" + arguments.url +
-                             "\" is not a URL of the form rtsp://[user:password@]host[:port]/path");
-  }
+  const cms::CameraUrl url =
+      ReadCameraUrl(arguments.url, {"rtsp"}, "rtsp://[user:password@]host[:port]/path");
   stRTSPClientConfig config;
-  config.path = url->plain;
-  config.user = url->user.empty() ? arguments.user : url->user;
-  config.password = url->user.empty() ? arguments.password : url->password;
+  config.path = url.plain;
+  config.user = url.user.empty() ? arguments.user : url.user;
+  config.password = url.user.empty() ? arguments.password : url.password;
   config.transport = arguments.transport == "tcp" ? kRtspTransportInterleaved : kRtspTransportUdp;
   config.ignoreDelimiters = true;
   config.talkBack = true;
   client.AllocChannelData(1);
   if (client.SetConfig(&config) == 0 || client.OpenStream() == 0 || client.Play() == 0) {
     const ConnectionStatus status = client.GetConnectionStatus();
-    throw std::runtime_error(url->plain + ": " + ConnectionFaultName(status.fault) + ": " +
+    throw std::runtime_error(url.plain + ": " + ConnectionFaultName(status.fault) + ": " +
                              status.detail);
   }
 }

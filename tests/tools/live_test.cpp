@@ -125,9 +125,10 @@ TEST(Live, FailuresAreOneClearLine) {
       {elsewhere, 1, "no such stream"},
       {"rtsp://127.0.0.1:1/live", 1, "cannot connect: Connection refused"},
       {"rtsp://no-such-host.invalid/live", 1, "no-such-host.invalid"},
-      {"telnet://127.0.0.1/", 1, "is not a URL"},
+      {"telnet://127.0.0.1/", 2, "is not a URL"},
       {"", 2, "urls is required"},
       {camera.Url() + " --size 12", 2, "--size"},
+      {camera.Url() + " --size 99999x99999", 2, "larger than 16384x16384"},
       {camera.Url() + " --transport carrier-pigeon", 2, "--transport"},
       {camera.Url() + " --no-decode --snapshot x.png", 2, "--snapshot"},
   };
