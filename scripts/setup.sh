@@ -21,7 +21,7 @@ test_packages=("${run_packages[@]}" libgtest-dev libgmock-dev ffmpeg sox python3
 ci_packages=(
   "${test_packages[@]}"
   git ccache clang clang-format clang-tidy libclang-rt-14-dev shellcheck libbenchmark-dev
-  libmicrohttpd-dev libcivetweb-dev libsqlite3-dev apache2-utils lintian
+  libmicrohttpd-dev libcivetweb-dev libsqlite3-dev apache2-utils nginx-light lintian
 )
 
 # Trees of one clone compile much alike: what one has compiled the other takes from the compiler cache.

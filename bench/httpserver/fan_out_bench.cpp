@@ -57,6 +57,7 @@ void RunOurs() {
   const tHttpServerConfig config{0, [](const std::string&, std::string&) { return 0; }};
   HttpServer* const server = CreateHttpServer(&config);
   RegisterEgi(server, "/page", Stream);
+  EnableWholeRequests(server, 1);
   StartHttpServer(server);
   bench::ServeUntilInputEnds(GetHttpServerPort(server));
   DestroyHttpServer(server);
@@ -87,7 +88,7 @@ MHD_Result AnswerStream(void*, MHD_Connection* connection, const char*, const ch
 }
 
 void RunMicrohttpd() {
-  bench::ServeMicrohttpd(&AnswerStream, [] { ending = true; });
+  bench::ServeMicrohttpd(&AnswerStream, bench::kMicrohttpdThreads, 0, [] { ending = true; });
 }
 
 void RunBroadcast() {

@@ -1,6 +1,6 @@
 // Requests a second and processor time a request: a new connection for each, 1 KiB answers, asked
-// by ab (apache2-utils). Ours beside libmicrohttpd with a thread for each connection, civetweb, and
-// nginx with one worker where it is installed.
+// by ab (apache2-utils). Ours beside libmicrohttpd with a thread for each connection and with a
+// pool of threads that use epoll, civetweb with 50 threads, and nginx with a worker for each core.
 //
 //   http_bench [REQUESTS [CONCURRENCY...]]        30000 at 16 and 256 unless told
 //
@@ -75,7 +75,7 @@ int main(int argc, char** argv) {
               "median", "99%", "longest", "failed");
   for (const int concurrency : concurrencies) {
     std::map<std::string, Measured> results;
-    for (const std::string name : {"ours", "microhttpd", "civetweb"}) {
+    for (const std::string name : {"ours", "microhttpd", "mhd-pool", "civetweb"}) {
       bench::ChildProcess server({"--serve", name});
       const int port = std::atoi(server.ReadLine().c_str());
       results[name] = Measure(name, server.Pid(), port, requests, concurrency);

@@ -24,11 +24,12 @@ Nginx::Nginx(std::size_t pageSize, const std::string& settings)
   fs::create_directories(folder_);
   std::ofstream(folder_ / "page") << std::string(pageSize, 'p');
   std::ofstream(folder_ / "conf")
-      << "daemon off; worker_processes 1; pid " << folder_.string() << "/pid;\n"
+      << "daemon off; worker_processes auto; pid " << folder_.string() << "/pid;\n"
       << (geteuid() == 0 ? "user root;\n" : "") << "error_log /dev/null;\n"
       << "events { worker_connections 4096; }\n"
-      << "http { access_log off; keepalive_timeout 0; server { listen 127.0.0.1:" << kPort
-      << " backlog=4096; root " << folder_.string() << "; " << settings << " } }\n";
+      << "http { access_log off; keepalive_timeout 0; sendfile on; tcp_nopush on;"
+      << " open_file_cache max=10; server { listen 127.0.0.1:" << kPort << " backlog=4096; root "
+      << folder_.string() << "; " << settings << " } }\n";
   process_ = std::make_unique<ChildProcess>(
       kProgram, std::vector<std::string>{"-p", folder_, "-c", folder_ / "conf"});
   for (int i = 0; i < 100 && pid_ == 0; ++i) {

@@ -1,5 +1,5 @@
-// The servers of http_bench, each answering "/page" with the same 1 KiB in a thread for each
-// connection or in its own usual way. A server runs in a process of its own.
+// The servers of http_bench, each answering "/page" with the same 1 KiB, as its own documents say
+// for many clients. A server runs in a process of its own.
 #pragma once
 
 #include <microhttpd.h>
@@ -14,12 +14,16 @@ inline constexpr int kPageSize = 1024;
 // Prints the port and waits for the end of the standard input.
 void ServeUntilInputEnds(int port);
 
-// A server of libmicrohttpd with a thread for each connection; prints its port and ends it when the
-// standard input ends, behind `ending`.
-void ServeMicrohttpd(MHD_AccessHandlerCallback answer, const std::function<void()>& ending = {});
+// A thread for each connection of libmicrohttpd.
+inline constexpr unsigned kMicrohttpdThreads =
+    MHD_USE_THREAD_PER_CONNECTION | MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_POLL;
+// A server of libmicrohttpd with these flags and a pool of so many threads, or none; prints its
+// port and ends it when the standard input ends, behind `ending`.
+void ServeMicrohttpd(MHD_AccessHandlerCallback answer, unsigned flags, unsigned threads,
+                     const std::function<void()>& ending = {});
 
-// Starts the named server ("ours", "microhttpd", "civetweb") in this process, prints its port, and
-// ends it when the standard input ends. False when there is no such server.
+// Starts the named server ("ours", "microhttpd", "mhd-pool", "civetweb") in this process, prints
+// its port, and ends it when the standard input ends. False when there is no such server.
 bool RunWebServer(const std::string& name);
 
 }  // namespace bench

@@ -5,21 +5,59 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdarg>
 #include <new>
+#include <utility>
 
+#include "cms/httpserver/internal/http_request.h"
 #include "cms/httpserver/internal/http_server.h"
 
 namespace {
 
-int Told(const std::string& text, std::string& out) {
-  out = text;
-  return text.empty() ? 0 : 1;
+// What `work` returns, or 0 without a handle or when memory is short.
+template <class Handle, class Work>
+int With(Handle* handle, Work work) {
+  if (handle == nullptr) {
+    return 0;
+  }
+  try {
+    return work(*handle);
+  } catch (const std::bad_alloc&) {
+    return 0;
+  }
 }
 
-int Cleared(std::string& out) {
+template <class Part>
+int Tell(HttpRequest* request, std::string& out, Part part) {
   out.clear();
-  return 0;
+  return With(request, [&](const HttpRequest& of) {
+    out = part(of);
+    return out.empty() ? 0 : 1;
+  });
+}
+
+HttpServer* Create(cms::HttpServerOptions options) {
+  try {
+    return new HttpServer(std::move(options));
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+}
+
+template <class Callback>
+int Register(HttpServer* server, const char* name, Callback callback) {
+  return With(server, [&](HttpServer& at) {
+    at.Register({std::string(name).substr(0, EgiHandler::kNameSize - 1), callback});
+    return 1;
+  });
+}
+
+int Enable(HttpServer* server, std::atomic<bool> HttpServer::Rules::*rule, int enable) {
+  return With(server, [&](HttpServer& at) {
+    at.GetRules().*rule = enable != 0;
+    return 1;
+  });
 }
 
 }  // namespace
@@ -28,15 +66,22 @@ HttpServer* CreateHttpServer(const tHttpServerConfig* config) {
   if (config == nullptr || config->passwordLookup == nullptr) {
     return nullptr;
   }
-  try {
-    return new HttpServer(*config);
-  } catch (const std::bad_alloc&) {
+  return Create({.port = config->port, .passwordLookup = config->passwordLookup});
+}
+
+HttpServer* CreateHttpServerEx(const tHttpServerConfigEx* config) {
+  if (config == nullptr || config->passwordLookup == nullptr) {
     return nullptr;
   }
+  const auto lookup = [look = config->passwordLookup, context = config->context](
+                          const std::string& user, std::string& password) {
+    return look(context, user, password);
+  };
+  return Create({config->port, config->bindAddress, config->maxConnections, lookup});
 }
 
 int StartHttpServer(HttpServer* server) {
-  return server != nullptr && server->Start() ? 1 : 0;
+  return With(server, [](HttpServer& at) { return at.Start() ? 1 : 0; });
 }
 
 int CloseHttpServer(HttpServer* server) {
@@ -56,48 +101,56 @@ int GetHttpServerPort(HttpServer* server) {
 }
 
 int RegisterEgi(HttpServer* server, const char* name, EgiCallback callback) {
-  if (server == nullptr || name == nullptr || callback == nullptr) {
+  if (name == nullptr || callback == nullptr) {
     return 0;
   }
-  server->Register(name, callback);
-  return 1;
+  return Register(server, name, [callback](HttpRequest* request, const char* marker) {
+    return callback(request, marker, 0);
+  });
+}
+
+int RegisterEgiEx(HttpServer* server, const char* name, EgiCallbackEx callback, void* context) {
+  if (name == nullptr || callback == nullptr) {
+    return 0;
+  }
+  return Register(server, name, [callback, context](HttpRequest* request, const char* marker) {
+    return callback(context, request, marker);
+  });
+}
+
+int EnableWholeRequests(HttpServer* server, int enable) {
+  return Enable(server, &HttpServer::Rules::wholeRequests, enable);
+}
+
+int EnableStrictDigest(HttpServer* server, int enable) {
+  return Enable(server, &HttpServer::Rules::strictDigest, enable);
+}
+
+int EnableFirstLineTarget(HttpServer* server, int enable) {
+  return Enable(server, &HttpServer::Rules::firstLineOnly, enable);
+}
+
+int EnableWhiteBlackList(HttpServer* server, int enable) {
+  return Enable(server, &HttpServer::Rules::checksAccess, enable);
 }
 
 int SetWhiteBlackListInfo(HttpServer* server, std::uint32_t low, std::uint32_t high,
                           std::uint32_t kind, int operation) {
-  if (server == nullptr) {
-    return 0;
-  }
-  server->ChangeAccessList({low, high, kind}, operation);
-  return 1;
+  return With(server, [&](HttpServer& at) {
+    at.ChangeAccessList({low, high, kind}, operation);
+    return 1;
+  });
 }
 
 int ClearAllWhiteBlackListInfo(HttpServer* server) {
-  if (server == nullptr) {
-    return 0;
-  }
-  server->ClearAccessList();
-  return 1;
-}
-
-int EnableWhiteBlackList(HttpServer* server, int enable) {
-  if (server == nullptr) {
-    return 0;
-  }
-  server->CheckAccess(enable != 0);
-  return 1;
-}
-
-int EnableFirstLineTarget(HttpServer* server, int enable) {
-  if (server == nullptr) {
-    return 0;
-  }
-  server->ReadFirstLineOnly(enable != 0);
-  return 1;
+  return With(server, [](HttpServer& at) {
+    at.ClearAccessList();
+    return 1;
+  });
 }
 
 int AllowAccess(HttpServer* server, std::uint32_t address) {
-  return server != nullptr ? server->AllowAccess(address) : 0;
+  return With(server, [&](const HttpServer& at) { return at.AllowAccess(address); });
 }
 
 int StopListen(HttpServer* server) {
@@ -124,22 +177,31 @@ const char* GetBindIP() {
 void CloseAllRequest() {}
 
 int GetCGICommand(HttpRequest* request, std::string& command) {
-  return request != nullptr ? Told(request->Parsed().command, command) : Cleared(command);
+  return Tell(request, command, [](const HttpRequest& of) { return of.Parsed().command; });
 }
 
 int GetMethod(HttpRequest* request, std::string& method) {
-  return request != nullptr ? Told(request->Parsed().method, method) : Cleared(method);
+  return Tell(request, method, [](const HttpRequest& of) { return of.Parsed().method; });
 }
 
 int GetUsername(HttpRequest* request, std::string& userName) {
-  return request != nullptr ? Told(request->Parsed().userName, userName) : Cleared(userName);
+  return Tell(request, userName, [](const HttpRequest& of) { return of.Parsed().userName; });
 }
 
 int GetQueryData(HttpRequest* request, std::string* query) {
   if (query == nullptr) {
     return request != nullptr ? static_cast<int>(request->Parsed().query.size()) : 0;
   }
-  return request != nullptr ? Told(request->Parsed().query, *query) : Cleared(*query);
+  return Tell(request, *query, [](const HttpRequest& of) { return of.Parsed().query; });
+}
+
+int RequestGetHeader(HttpRequest* request, const char* name, std::string& value) {
+  value.clear();
+  return name == nullptr ? 0 : With(request, [&](const HttpRequest& of) {
+    const auto found = of.Header(name);
+    value = found.value_or("");
+    return found ? 1 : 0;
+  });
 }
 
 std::uint32_t GetClientAddress(HttpRequest* request) {
@@ -147,11 +209,11 @@ std::uint32_t GetClientAddress(HttpRequest* request) {
 }
 
 int GetClientAddressString(HttpRequest* request, std::string& address) {
-  char text[INET_ADDRSTRLEN] = "";
-  if (request != nullptr) {
-    inet_ntop(AF_INET, &request->Client().sin_addr, text, sizeof text);
-  }
-  return Told(text, address);
+  return Tell(request, address, [](const HttpRequest& of) {
+    char text[INET_ADDRSTRLEN] = "";
+    inet_ntop(AF_INET, &of.Client().sin_addr, text, sizeof text);
+    return std::string(text);
+  });
 }
 
 int GetBindPort(HttpRequest* request) {
@@ -159,7 +221,7 @@ int GetBindPort(HttpRequest* request) {
 }
 
 std::uintptr_t GetThreadHandle(HttpRequest* request) {
-  return request != nullptr ? request->ThreadHandle() : 0;
+  return request != nullptr ? request->HandOutThread() : 0;
 }
 
 int SetRequestThreadPriority(HttpRequest* request, int priority) {
@@ -173,62 +235,53 @@ int SetSendSocketBuufer(HttpRequest* request, int size) {
 }
 
 int RequestWrite(HttpRequest* request, const char* text) {
-  if (request == nullptr || text == nullptr) {
-    return 0;
-  }
-  try {
-    request->Write(text);
+  return text == nullptr ? 0 : With(request, [&](HttpRequest& to) {
+    to.Write(text);
     return 1;
-  } catch (const std::bad_alloc&) {
-    return 0;
-  }
+  });
 }
 
 int RequestWriteFormat(HttpRequest* request, const char* format, ...) {
-  if (request == nullptr || format == nullptr) {
+  if (format == nullptr) {
     return 0;
   }
   va_list arguments;
   va_start(arguments, format);
-  int result = 0;
-  try {
-    result = request->WriteFormat(format, arguments);
-  } catch (const std::bad_alloc&) {
-    result = 0;
-  }
+  const int result =
+      With(request, [&](HttpRequest& to) { return to.WriteFormat(format, arguments); });
   va_end(arguments);
   return result;
 }
 
 int RequestFlushWrite(HttpRequest* request, const char* data, int length) {
-  return request != nullptr ? request->Flush(data, length) : 0;
+  return With(request, [&](HttpRequest& to) { return to.Flush(data, length); });
 }
 
 // The interface has the text by value. NOLINTNEXTLINE(performance-unnecessary-value-param)
 int SendHeaderForFile(HttpRequest* request, long long length, std::string lastModified) {
-  return request != nullptr ? request->SendFileHeader(length, lastModified) : 0;
+  return With(request, [&](HttpRequest& to) { return to.SendFileHeader(length, lastModified); });
 }
 
 int SetStatusCode(HttpRequest* request, std::uint32_t status) {
-  if (request == nullptr) {
-    return 0;
-  }
-  request->SetStatus(status);
-  return 1;
+  return With(request, [&](HttpRequest& of) { return of.SetStatus(status) ? 1 : 0; });
+}
+
+int RequestSetContentType(HttpRequest* request, const char* type) {
+  return type == nullptr
+             ? 0
+             : With(request, [&](HttpRequest& of) { return of.SetContentType(type) ? 1 : 0; });
 }
 
 int SetKeepConnection(HttpRequest* request, int keep) {
-  if (request == nullptr) {
-    return 0;
-  }
-  request->SetKeepAlive(keep != 0);
-  return 1;
+  return With(request, [&](HttpRequest& of) {
+    of.SetKeepAlive(keep != 0);
+    return 1;
+  });
 }
 
 int ForceDissconnect(HttpRequest* request) {
-  if (request == nullptr) {
-    return 0;
-  }
-  request->Disconnect();
-  return 1;
+  return With(request, [](HttpRequest& of) {
+    of.Disconnect();
+    return 1;
+  });
 }

@@ -2,7 +2,8 @@
 // from inside them. docs/http_server.md tells the rules of requests and answers.
 //
 // Functions of a server belong to one controlling thread. Functions of a request belong to the
-// handler that got it, on its own thread, until it returns. Null handles are refused with 0.
+// handler that got it, on its own thread, until it returns. Null handles are refused with 0, and so
+// is what there is no memory for.
 #pragma once
 
 #include <cstdint>
@@ -15,6 +16,9 @@ extern "C" {
 
 // A server that does not listen yet; null without a password lookup or when memory is short.
 CMS_API HttpServer* CreateHttpServer(const tHttpServerConfig* config);
+// The same for a server that is told more: its address, its bound on connections, and a context for
+// the look-up.
+CMS_API HttpServer* CreateHttpServerEx(const tHttpServerConfigEx* config);
 // 1; 0 when it is running already or the port is taken.
 CMS_API int StartHttpServer(HttpServer* server);
 // Stops accepting, has the sends of running handlers fail, and returns when all of them have
@@ -28,12 +32,26 @@ CMS_API int GetHttpServerPort(HttpServer* server);
 // Has requests for exactly this name ("/status") answered by the callback. A name is cut at 95
 // bytes; of equal names the first counts. With "/auth" in it the name is behind Digest
 // authentication; other names with "/" in them tell the handler of an old Internet Explorer by the
-// marker "IE".
+// marker "IE". 0 when memory is short.
 CMS_API int RegisterEgi(HttpServer* server, const char* name, EgiCallback callback);
+// The context is handed to the callback, and has to live until the server is closed.
+CMS_API int RegisterEgiEx(HttpServer* server, const char* name, EgiCallbackEx callback,
+                          void* context);
 
+// Rules that are off at first; docs/http_server.md compares them. New servers want the first two.
+//
+// Non-zero: requests are read up to the end of their headers (64 KiB at most), in as many pieces
+// and as slowly as they come within 10 s, and by RFC 9112: target, headers and Authorization are
+// taken from where they belong. Answers tell that the connection is closed behind them, and a
+// client that takes nothing of one for 30 s is gone. To be set before the server is started.
+CMS_API int EnableWholeRequests(HttpServer* server, int enable);
+// Non-zero: a login counts for the target that it was made for, with a nonce that this server gave
+// out within the last 5 minutes. Else a login that was once seen opens every target, for the method
+// it was made for, for ever.
+CMS_API int EnableStrictDigest(HttpServer* server, int enable);
 // Non-zero: the target is looked for in the first line of a request alone. Browsers send headers
 // with a "?" in them to servers of their own host (Sec-Fetch-User, Sec-CH-UA-Mobile), behind which
-// a target without a query is not found otherwise. Off at first.
+// a target without a query is not found otherwise. Whole requests have that anyway.
 CMS_API int EnableFirstLineTarget(HttpServer* server, int enable);
 
 // Adds (3) or removes (4) a range of client addresses; see AccessRange. Always 1.
@@ -57,10 +75,14 @@ CMS_API void CloseAllRequest();  // does nothing
 // 1 and the text, or 0 and an empty one. All of it comes from the network.
 CMS_API int GetCGICommand(HttpRequest* request, std::string& command);
 CMS_API int GetMethod(HttpRequest* request, std::string& method);
-// The first quoted "username" of the request: proven only where "/auth" is in the handler's name.
+// Where "/auth" is in the handler's name, the user whose password was proven. Elsewhere what the
+// client says: the first quoted "username" of the request.
 CMS_API int GetUsername(HttpRequest* request, std::string& userName);
 // The text behind "?", as GetMethod; with a null pointer its length in bytes.
 CMS_API int GetQueryData(HttpRequest* request, std::string* query);
+// The first header of that name, whose case does not count: "Host". 1 and its value, which may be
+// empty, or 0 when it is not in what was read.
+CMS_API int RequestGetHeader(HttpRequest* request, const char* name, std::string& value);
 
 CMS_API std::uint32_t GetClientAddress(HttpRequest* request);  // network byte order
 CMS_API int GetClientAddressString(HttpRequest* request, std::string& address);
@@ -85,12 +107,19 @@ CMS_API int RequestWriteFormat(HttpRequest* request, const char* format, ...)
 // that streams ends with ForceDissconnect, or the appended body is sent once more behind it.
 CMS_API int RequestFlushWrite(HttpRequest* request, const char* data, int length);
 // Sends the header block of a file of that many bytes, which RequestFlushWrite then sends. The
-// time of change is a text such as "Tue, 04 Nov 2014 08:49:37 GMT", or empty. 1 sent, or sent
-// before; 0 failed.
+// time of change is a text such as "Tue, 04 Nov 2014 08:49:37 GMT", or empty; one with control
+// characters is left out. 0: nothing was sent, as a header block went out before or the client is
+// gone.
 CMS_API int SendHeaderForFile(HttpRequest* request, long long length, std::string lastModified);
 
-CMS_API int SetStatusCode(HttpRequest* request, std::uint32_t status);  // see HttpStatusIndex
-// What the "Connection:" line says; the connection is closed in any case.
+// One of HttpStatusIndex. Any other number gives a status line without code and text, which no
+// client takes; but where whole requests are read, a status code from 200 to 599 (404) is told as
+// such, and other numbers are refused with 0.
+CMS_API int SetStatusCode(HttpRequest* request, std::uint32_t status);
+// What "Content-type:" says: "application/json". "text/html" unless told. 0 for control characters.
+CMS_API int RequestSetContentType(HttpRequest* request, const char* type);
+// What the "Connection:" line says; the connection is closed in any case, and where whole requests
+// are read it is "close" in any case.
 CMS_API int SetKeepConnection(HttpRequest* request, int keep);
 // Nothing more is sent once the handler has returned.
 CMS_API int ForceDissconnect(HttpRequest* request);

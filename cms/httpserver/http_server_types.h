@@ -12,13 +12,29 @@ class HttpRequest;  // opaque; valid only while its handler runs
 using HttpPasswordLookup = int (*)(const std::string& user, std::string& password);
 
 // Answers one request, on the connection's own thread, for as long as it likes; several run at
-// once. `marker` is "IE" or null (see RegisterEgi), `reserved` is 0, the result is ignored. No
-// exception may leave it.
+// once. `marker` is "IE" or null (see RegisterEgi), `reserved` is 0, the result is ignored. A
+// std::exception that leaves it, or a password lookup, ends the connection.
 using EgiCallback = int (*)(HttpRequest* request, const char* marker, std::uint32_t reserved);
 
 struct tHttpServerConfig {
   std::uint16_t port = 0;                       // 0: the system chooses, see GetHttpServerPort
   HttpPasswordLookup passwordLookup = nullptr;  // required
+};
+
+// The same with what the client application gave along with them.
+using HttpPasswordLookupEx = int (*)(void* context, const std::string& user, std::string& password);
+using EgiCallbackEx = int (*)(void* context, HttpRequest* request, const char* marker);
+
+struct tHttpServerConfigEx {
+  std::uint16_t port = 0;                         // 0: the system chooses, see GetHttpServerPort
+  HttpPasswordLookupEx passwordLookup = nullptr;  // required
+  void* context = nullptr;                        // for the look-up
+  // The address to listen on, as a number of AccessRange (127.0.0.1 is 0x7F000001); 0: all.
+  std::uint32_t bindAddress = 0;
+  // Connections served at once, each with a thread and a descriptor; others wait in the system's
+  // backlog. 0: a quarter of the descriptors that the process may have when the server is started
+  // (RLIMIT_NOFILE), 4,096 at most.
+  std::uint32_t maxConnections = 0;
 };
 
 // A handler under its name.
@@ -46,7 +62,7 @@ inline constexpr int kAccessBlack = 0;
 inline constexpr int kAccessNotWhite = 1;
 inline constexpr int kAccessAllowed = 2;
 
-// Indices of SetStatusCode. Any other gives a status line without code and text.
+// Indices of SetStatusCode.
 enum HttpStatusIndex : std::uint32_t {
   kHttpStatusOk = 0,
   kHttpBadRequest = 1,

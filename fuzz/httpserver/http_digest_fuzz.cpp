@@ -18,8 +18,12 @@ int UnguessableFor(const std::string&, std::string& password) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string text(reinterpret_cast<const char*>(data), size);
-  CHECK(cms::VerifyDigest(text, "GET", NobodyKnown) != cms::DigestResult::kGood);
-  CHECK(cms::VerifyDigest(text, text, UnguessableFor) != cms::DigestResult::kGood);
+  CHECK(cms::VerifyDigest(text, "GET", NobodyKnown).result != cms::DigestResult::kGood);
+  CHECK(cms::VerifyDigest(text, text, UnguessableFor).result != cms::DigestResult::kGood);
+  static const cms::DigestNonces nonces;
+  CHECK(cms::VerifyStrictDigest(text, "GET", text, UnguessableFor, nonces, 1).result !=
+        cms::DigestResult::kGood);
+  CHECK(nonces.Check(text, size) == cms::DigestNonces::Verdict::kForeign);
   const cms::DigestFields fields = cms::ParseDigestFields(text);
   CHECK(fields.userName.size() + fields.realm.size() + fields.nonce.size() <= size);
 

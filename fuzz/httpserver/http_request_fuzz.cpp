@@ -4,6 +4,7 @@
 
 #include "cms/httpserver/internal/http_headers.h"
 #include "cms/httpserver/internal/request_parser.h"
+#include "cms/httpserver/internal/whole_request.h"
 #include "fuzz/support/check.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -30,6 +31,20 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     CHECK(cms::ParseRequest(line + "\r\nSec-Fetch-User: ?1\r\nHTTP/1.1", parsed, true));
     CHECK(parsed.command == first.command && parsed.query == first.query);
   }
+
+  // A head is the same however it arrived, its parts are pieces of it, and only a whole one is
+  // read.
+  const std::size_t head = cms::HeadLength(text);
+  for (const std::size_t seen : {std::size_t{1}, size / 2, size}) {
+    if (seen < head || head == 0) CHECK(cms::HeadLength(text, seen) == head);
+  }
+  if (cms::ParseWholeRequest(std::string_view(text).substr(0, head), parsed)) {
+    CHECK(head > 0 && text.starts_with(parsed.method + ' '));
+    CHECK(parsed.command.find_first_of(" ?\r\n") == parsed.command.npos);
+    CHECK(text.find(parsed.target) != text.npos && text.find(parsed.authorization) != text.npos);
+  }
+  const auto host = cms::FindHeader(text, "host");
+  CHECK(!host || (text.find(*host) != text.npos && host->find("\r\n") == host->npos));
 
   // A target is found whatever the other headers say, as long as no "?" is among them.
   std::string rest = text;

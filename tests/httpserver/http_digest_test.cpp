@@ -1,8 +1,10 @@
 // Digest authentication: the rules, and the clients that people use.
+#include <atomic>
 #include <fstream>
 
 #include "cms/exports/http_server_exports.h"
 #include "cms/httpserver/internal/digest_verifier.h"
+#include "cms/runtime/clock.h"
 #include "cms/runtime/digest.h"
 #include "tests/httpserver/http_server_fixture.h"
 #include "tests/support/faulty_file_io.h"
@@ -12,6 +14,7 @@ namespace {
 using cms::DigestResult;
 using cms::Md5Hex;
 using test::Request;
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
 
@@ -46,7 +49,7 @@ struct Client {
 };
 
 DigestResult Verify(const std::string& parameters, const std::string& method = "GET") {
-  return cms::VerifyDigest(parameters, method, test::OneUser);
+  return cms::VerifyDigest(parameters, method, test::OneUser).result;
 }
 
 template <class Change>
@@ -102,6 +105,67 @@ TEST(DigestVerifier, MissingChangedOrOversizedParameters) {
       << "more than is ever hashed";
 }
 
+TEST(DigestNonces, KnowTheirOwnForALimitedTime) {
+  using Verdict = cms::DigestNonces::Verdict;
+  constexpr auto kLife = cms::DigestNonces::kLifeMilliseconds;
+  const cms::DigestNonces nonces;
+  const std::string nonce = nonces.Make(1000);
+  EXPECT_NE(nonce, nonces.Make(1001));
+  EXPECT_EQ(nonces.Check(nonce, 1000), Verdict::kFresh);
+  EXPECT_EQ(nonces.Check(nonce, 1000 + kLife), Verdict::kFresh);
+  EXPECT_EQ(nonces.Check(nonce, 1001 + kLife), Verdict::kStale);
+  EXPECT_EQ(cms::DigestNonces().Check(nonce, 1000), Verdict::kForeign) << "of another server";
+  for (std::size_t at = 0; at < nonce.size(); ++at) {
+    std::string changed = nonce;
+    changed[at] = changed[at] == '0' ? '1' : '0';
+    EXPECT_EQ(nonces.Check(changed, 1000), Verdict::kForeign) << at;
+  }
+  for (const std::string& ruin : {std::string(), std::string("n0nce"), nonce.substr(1), nonce + "0",
+                                  nonce.substr(0, 16), std::string(48, ' ')}) {
+    EXPECT_EQ(nonces.Check(ruin, 1000), Verdict::kForeign) << ruin;
+  }
+}
+
+TEST(StrictDigest, AProofIsForItsTargetItsMethodAndItsTime) {
+  const cms::DigestNonces nonces;
+  constexpr std::uint64_t kNow = 5000;
+  const auto verify = [&](const Client& client, const std::string& target,
+                          const std::string& parameters = {}) {
+    return cms::VerifyStrictDigest(parameters.empty() ? client.Parameters() : parameters, "GET",
+                                   target, test::OneUser, nonces, kNow);
+  };
+  Client good;
+  good.nonce = nonces.Make(kNow);
+  EXPECT_EQ(verify(good, good.uri).result, DigestResult::kGood);
+  EXPECT_EQ(verify(good, good.uri).userName, "operator");
+  EXPECT_EQ(verify(good, "http://host:8080" + good.uri).result, DigestResult::kGood);
+  for (const char* other : {"/auth/live", "/auth/live?x=2", "/auth/live?x=1&", "/auth/admin", ""}) {
+    EXPECT_EQ(verify(good, other).result, DigestResult::kBad) << other;
+  }
+  const auto with = [&](auto change) {
+    Client client = good;
+    change(client);
+    return verify(client, client.uri).result;
+  };
+  EXPECT_EQ(with([](Client& c) { c.method = "PUT"; }), DigestResult::kBad);
+  EXPECT_EQ(with([](Client& c) { c.realm = "another"; }), DigestResult::kBad);
+  EXPECT_EQ(with([](Client& c) { c.qop = "auth-int"; }), DigestResult::kBad);
+  EXPECT_EQ(with([](Client& c) { c.nonce = "n0nce"; }), DigestResult::kBad);
+  EXPECT_EQ(with([](Client& c) { c.password = "guessed"; }), DigestResult::kBad);
+  EXPECT_EQ(with([](Client& c) { c.nc = ""; }), DigestResult::kBad);
+  // Clients of RFC 2069, as the library's own is one, know neither qop nor client nonce.
+  Client old = good;
+  old.qop = "";
+  const std::string plain = "username=\"operator\", realm=\"QNV\", nonce=\"" + old.nonce +
+                            "\", uri=\"" + old.uri + "\", response=\"" + old.Response() + "\"";
+  EXPECT_EQ(verify(old, old.uri, plain).result, DigestResult::kGood);
+  const cms::DigestVerdict late =
+      cms::VerifyStrictDigest(good.Parameters(), "GET", good.uri, test::OneUser, nonces,
+                              kNow + cms::DigestNonces::kLifeMilliseconds + 1);
+  EXPECT_EQ(late.result, DigestResult::kStale);
+  EXPECT_EQ(late.userName, "");
+}
+
 TEST(DigestFields, SpacesCasesEscapesAndRuins) {
   const auto fields = cms::ParseDigestFields(
       " \t UserName = \"a\\\"b\\\\c\" ,REALM=plain\\,text, unknown=\"x, nonce=1\",,stale , "
@@ -142,29 +206,87 @@ TEST_F(HttpLogin, CurlsDigest) {
   EXPECT_EQ(Curl("--digest -u operator:secret -X PUT " + url), "hello operator|200");
   EXPECT_EQ(Curl("--digest -u operator:secret -I -o /dev/null " + url), "|200");
   EXPECT_THAT(Curl("--digest -u operator:wrong " + url),
-              testing::EndsWith("</H2></BODY>\r\n</HTML>\r\n|401"));
+              EndsWith("</H2></BODY>\r\n</HTML>\r\n|401"));
   EXPECT_THAT(Curl("--digest -u nobody:secret " + url),
               HasSubstr("<TITLE>Authentication Error: Access Denied, authentication error.<"));
   EXPECT_THAT(Curl(url),
               HasSubstr("<TITLE>Authentication Error: Access Denied, Authorization required.<"));
-  EXPECT_THAT(Curl("--basic -u operator:secret " + url), testing::EndsWith("|401"));
-  EXPECT_THAT(Curl("'" + Url("/my/authors") + "'"), testing::EndsWith("|401"))
+  EXPECT_THAT(Curl("--basic -u operator:secret " + url), EndsWith("|401"));
+  EXPECT_THAT(Curl("'" + Url("/my/authors") + "'"), EndsWith("|401"))
       << "\"/auth\" anywhere in a name protects it";
 }
 
-// What one method and uri proved opens no other.
-TEST_F(HttpLogin, ProofsAreForTheirMethodOnly) {
+// Without more a login that was seen opens every target for its method; with strict rules none but
+// its own, and only with a nonce of this server.
+TEST_F(HttpLogin, WhatAProofOpens) {
+  On("/auth/admin", [](HttpRequest* request, const char*, std::uint32_t) {
+    return RequestWrite(request, "formatted");
+  });
   Client client;
-  const auto ask = [&](const char* method) {
-    return Ask(
-        Request(client.uri, "Authorization: Digest " + client.Parameters() + "\r\n", method));
+  const auto ask = [&](const std::string& target, const char* method = "GET") {
+    return Ask(Request(target, "Authorization: Digest " + client.Parameters() + "\r\n", method));
   };
-  EXPECT_THAT(ask("GET"), StartsWith("HTTP/1.1 200 OK"));
-  EXPECT_THAT(ask("GET"), StartsWith("HTTP/1.1 200 OK")) << "nonces may be used again";
-  EXPECT_THAT(ask("POST"), testing::AllOf(StartsWith("HTTP/1.1 401 Unauthorized"),
-                                          HasSubstr("\r\nWWW-Authenticate: Digest realm=\"QNV\"")));
-  client.uri = "/auth/other";
-  EXPECT_THAT(ask("GET"), StartsWith("HTTP/1.1 404")) << "no such handler";
+  EXPECT_THAT(ask(client.uri), StartsWith("HTTP/1.1 200 OK"));
+  EXPECT_THAT(ask(client.uri), StartsWith("HTTP/1.1 200 OK")) << "nonces may be used again";
+  EXPECT_THAT(ask("/auth/admin?do=format"), EndsWith("formatted"));
+  EXPECT_THAT(ask(client.uri, "POST"),
+              testing::AllOf(StartsWith("HTTP/1.1 401 Unauthorized"),
+                             HasSubstr("\r\nWWW-Authenticate: Digest realm=\"QNV\", domain=")));
+
+  ASSERT_EQ(EnableStrictDigest(server_, 1), 1);
+  const std::string refused = ask(client.uri);
+  EXPECT_THAT(refused, StartsWith("HTTP/1.1 401 Unauthorized")) << "nobody gave that nonce out";
+  const std::string challenge = "\r\nWWW-Authenticate: Digest realm=\"QNV\", nonce=\"";
+  ASSERT_THAT(refused, HasSubstr(challenge));
+  client.nonce = refused.substr(refused.find(challenge) + challenge.size(), 48);
+  EXPECT_THAT(ask(client.uri), EndsWith("hello operator"));
+  EXPECT_THAT(ask("/auth/admin?do=format"), StartsWith("HTTP/1.1 401"));
+  EXPECT_THAT(ask("/auth/live?x=2"), StartsWith("HTTP/1.1 401"));
+  client.uri = "/auth/admin?do=format";
+  EXPECT_THAT(ask(client.uri), EndsWith("formatted"));
+}
+
+class LaterClock final : public cms::Clock {
+ public:
+  std::uint64_t TickMilliseconds() const override { return now; }
+  std::int64_t WallSeconds() const override { return 1415090977; }
+  std::atomic<std::uint64_t> now{1000};
+};
+
+TEST_F(HttpLogin, AnOldNonceIsToldToBeStale) {
+  CloseHttpServer(server_);
+  LaterClock clock;
+  cms::ReplaceClock(&clock);
+  EnableStrictDigest(server_, 1);
+  Start();
+  const std::string url = "'" + Url("/auth/live?x=1") + "'";
+  const std::string refused = Ask(Request("/auth/live?x=1"));
+  Client client;
+  client.nonce = refused.substr(refused.find("nonce=\"") + 7, 48);
+  clock.now += cms::DigestNonces::kLifeMilliseconds + 1;
+  const std::string authorization = "Authorization: Digest " + client.Parameters() + "\r\n";
+  EXPECT_THAT(Ask(Request(client.uri, authorization)), HasSubstr("algorithm=MD5, stale=true\r\n"));
+  EXPECT_THAT(refused, HasSubstr("stale=false"));
+  for (const char* user : {"operator:secret", "operator:wrong"}) {
+    EXPECT_EQ(Curl("--digest -o /dev/null -u " + std::string(user) + " " + url),
+              user == std::string("operator:secret") ? "|200" : "|401");
+  }
+  CloseHttpServer(server_);
+  cms::ReplaceClock(nullptr);
+}
+
+// The proven user counts, wherever else a name stands.
+TEST_F(HttpLogin, NobodyActsUnderAnotherName) {
+  Client client;
+  const std::string authorization = "Authorization: Digest " + client.Parameters() + "\r\n";
+  const std::string forged = "X-username: \"admin\"\r\n";
+  for (const int whole : {0, 1}) {
+    EnableWholeRequests(server_, whole);
+    EXPECT_THAT(Ask(Request(client.uri, forged + authorization)), EndsWith("hello operator"));
+    EXPECT_THAT(Ask(Request(client.uri, authorization + forged)), EndsWith("hello operator"));
+    EXPECT_THAT(Ask(Request("/auth/live?username=\"admin\"", authorization)),
+                EndsWith("hello operator"));
+  }
 }
 
 TEST_F(HttpLogin, PythonsHandlers) {

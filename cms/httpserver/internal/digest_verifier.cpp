@@ -5,6 +5,7 @@
 #include <initializer_list>
 #include <utility>
 
+#include "cms/httpserver/internal/request_parser.h"
 #include "cms/runtime/digest.h"
 #include "cms/runtime/text.h"
 
@@ -77,6 +78,29 @@ std::string Joined(std::initializer_list<std::string_view> parts) {
   return text;
 }
 
+// Whether the response is the one that the user's password and the other parameters make. An
+// unknown user's is computed as well: it takes as long as a known one's.
+bool IsProven(const DigestFields& given, std::string_view method, const PasswordLookup& lookup) {
+  std::string password;
+  const bool known = lookup(given.userName, password) != 0;
+  const std::string ha1 = Md5Hex(given.userName + ':' + given.realm + ':' + password);
+  const std::string ha2 = Md5Hex(std::string(method) + ':' + given.uri);
+  std::string proof;
+  if (given.qop == "auth" || given.qop == "auth-int") {
+    const std::string& client = given.qop == "auth" ? given.cnonce : given.nc;
+    proof = Joined({ha1, given.nonce, given.nc, client, given.qop, ha2});
+    if (proof.size() > kMaxDigestInput) {
+      return false;
+    }
+  } else {
+    proof = Joined({ha1, given.nonce, ha2});
+  }
+  const std::string expected = Md5Hex(proof);
+  const bool equal = !expected.empty() && !ha1.empty() && !ha2.empty() &&
+                     EqualInConstantTime(expected, given.response);
+  return known && equal;
+}
+
 }  // namespace
 
 DigestFields ParseDigestFields(std::string_view authorization) {
@@ -104,35 +128,40 @@ DigestFields ParseDigestFields(std::string_view authorization) {
   return fields;
 }
 
-DigestResult VerifyDigest(std::string_view authorization, std::string_view method,
-                          HttpPasswordLookup lookup) {
+DigestVerdict VerifyDigest(std::string_view authorization, std::string_view method,
+                           const PasswordLookup& lookup) {
   if (authorization.empty()) {
-    return DigestResult::kNoneGiven;
+    return {DigestResult::kNoneGiven, {}};
   }
-  const DigestFields given = ParseDigestFields(authorization);
+  DigestFields given = ParseDigestFields(authorization);
   if (given.userName.empty() || given.uri.empty() || given.nonce.empty() || given.cnonce.empty() ||
-      given.response.empty() || given.nc.empty()) {
-    return DigestResult::kBad;
+      given.response.empty() || given.nc.empty() || !IsProven(given, method, lookup)) {
+    return {DigestResult::kBad, {}};
   }
-  std::string password;
-  const bool known = lookup(given.userName, password) != 0;
-  // An unknown user's digest is computed as well: it takes as long as a known one's.
-  const std::string ha1 = Md5Hex(given.userName + ':' + given.realm + ':' + password);
-  const std::string ha2 = Md5Hex(std::string(method) + ':' + given.uri);
-  std::string proof;
-  if (given.qop == "auth" || given.qop == "auth-int") {
-    const std::string& client = given.qop == "auth" ? given.cnonce : given.nc;
-    proof = Joined({ha1, given.nonce, given.nc, client, given.qop, ha2});
-    if (proof.size() > kMaxDigestInput) {
-      return DigestResult::kBad;
-    }
-  } else {
-    proof = Joined({ha1, given.nonce, ha2});
+  return {DigestResult::kGood, std::move(given.userName)};
+}
+
+DigestVerdict VerifyStrictDigest(std::string_view authorization, std::string_view method,
+                                 std::string_view target, const PasswordLookup& lookup,
+                                 const DigestNonces& nonces, std::uint64_t nowMilliseconds) {
+  if (authorization.empty()) {
+    return {DigestResult::kNoneGiven, {}};
   }
-  const std::string expected = Md5Hex(proof);
-  const bool equal = !expected.empty() && !ha1.empty() && !ha2.empty() &&
-                     EqualInConstantTime(expected, given.response);
-  return known && equal ? DigestResult::kGood : DigestResult::kBad;
+  DigestFields given = ParseDigestFields(authorization);
+  const bool counted = given.qop == "auth" && !given.nc.empty() && !given.cnonce.empty();
+  if (given.userName.empty() || given.realm != kDigestRealm || (!counted && !given.qop.empty()) ||
+      !IsProven(given, method, lookup) || WithoutOrigin(given.uri) != WithoutOrigin(target)) {
+    return {DigestResult::kBad, {}};
+  }
+  switch (nonces.Check(given.nonce, nowMilliseconds)) {
+    case DigestNonces::Verdict::kFresh:
+      return {DigestResult::kGood, std::move(given.userName)};
+    case DigestNonces::Verdict::kStale:
+      return {DigestResult::kStale, {}};
+    case DigestNonces::Verdict::kForeign:
+      break;
+  }
+  return {DigestResult::kBad, {}};
 }
 
 }  // namespace cms

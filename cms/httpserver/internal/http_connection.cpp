@@ -1,29 +1,38 @@
-// The course of a connection: waiting, access, one read, the handler, the end.
+// The course of a connection: waiting, access, the request, the handler, the end.
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
-#include <new>
-#include <optional>
+#include <exception>
 
 #include "cms/httpserver/internal/digest_verifier.h"
 #include "cms/httpserver/internal/http_request.h"
 #include "cms/httpserver/internal/http_server.h"
+#include "cms/httpserver/internal/whole_request.h"
+#include "cms/net/internal/socket_io.h"
 #include "cms/net/internal/wait_ready.h"
+#include "cms/runtime/clock.h"
 
 namespace {
 
 using std::chrono::microseconds;
 using std::chrono::milliseconds;
+using std::chrono::steady_clock;
 
 // A client that has sent nothing for so long after it was accepted is dropped.
 constexpr microseconds kFirstBytesLimit = 301 * microseconds(100);
+// A whole request has to arrive within this, or, where many are being served, the second one.
+constexpr std::chrono::seconds kRequestLimit{10};
+constexpr std::chrono::seconds kCrowdedRequestLimit{1};
 // For the denied to read why, as their requests are never read.
 constexpr milliseconds kDenialPause{500};
 constexpr milliseconds kLingerLimit{500};
 constexpr std::size_t kLingerBytes = std::size_t{1} << 20;
+// A longer answer may still be on its way when its connection is closed.
+constexpr std::uint64_t kShortAnswer = 16384;
 
 constexpr std::string_view kBlackBody =
     "<HTML><BODY>\r\n<p>In Black List!!</p>\r\n</BODY></HTML>\r\n";
@@ -47,29 +56,24 @@ constexpr std::string_view kAuthorizationRequiredBody =
 
 }  // namespace
 
-void HttpRequest::Serve() {
-  thread_ = pthread_self();
+bool HttpRequest::Serve() {
   try {
     const Access access = CheckAccess();
     if (access == Access::kDenied) {
-      // Only the client's own close ends the pause early.
-      cms::WaitReady(socket_, POLLRDHUP, server_.StopDescriptor(), kDenialPause);
-      // Unread bytes would turn the close into a reset.
-      std::array<char, 4096> dropped;
-      recv(socket_, dropped.data(), dropped.size(), MSG_DONTWAIT);
-      return;
-    }
-    if (access == Access::kPassed && Receive()) {
+      PauseBeforeClose();
+    } else if (access == Access::kPassed && Receive()) {
       Answer();
       LingerBeforeClose();
     }
-  } catch (const std::bad_alloc&) {
-    // The connection ends; the host goes on.
+  } catch (const std::exception&) {
+    // Memory is short, or it is the handler's or the password lookup's: the connection ends, the
+    // host goes on.
   }
+  return thread_as_made_;
 }
 
 HttpRequest::Access HttpRequest::CheckAccess() {
-  if (!server_.ChecksAccess()) {
+  if (!server_.GetRules().checksAccess) {
     return Access::kPassed;
   }
   if (cms::WaitReady(socket_, POLLIN, server_.StopDescriptor(), kFirstBytesLimit) !=
@@ -88,59 +92,131 @@ HttpRequest::Access HttpRequest::CheckAccess() {
   }
 }
 
-// One read is all that counts. Most requests are there already when their connection is accepted.
+// Where too many do so already, the connection is closed at once.
+void HttpRequest::PauseBeforeClose() {
+  const cms::Share::Part pause(server_.Pauses());
+  if (!pause) {
+    return;
+  }
+  // Only the client's own close ends the pause early.
+  cms::WaitReady(socket_, POLLRDHUP, server_.StopDescriptor(), kDenialPause);
+  // Unread bytes would turn the close into a reset.
+  std::array<char, 4096> dropped;
+  recv(socket_, dropped.data(), dropped.size(), MSG_DONTWAIT);
+}
+
 bool HttpRequest::Receive() {
-  std::array<char, cms::kMaxRequestText> buffer;
-  const auto deadline = std::chrono::steady_clock::now() + kFirstBytesLimit;
+  return whole_ ? ReceiveWhole() : ReceiveOnce();
+}
+
+// What came, 0 at the end of what comes, or -1 when nothing came until the deadline or the server
+// is being closed. Most requests are there already when their connection is accepted.
+ssize_t HttpRequest::ReceiveSome(std::span<char> buffer, steady_clock::time_point deadline) {
   while (!server_.IsStopping()) {
     const ssize_t got = recv(socket_, buffer.data(), buffer.size(), MSG_DONTWAIT);
-    if (got > 0) {
-      text_.assign(buffer.data(), static_cast<std::size_t>(got));
-      return true;
+    if (got >= 0) {
+      return got;
     }
-    if (got == 0 || (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)) {
-      return false;
+    if (!cms::IsWouldBlock(errno) && errno != EINTR) {
+      return 0;
     }
-    const auto left =
-        std::chrono::duration_cast<microseconds>(deadline - std::chrono::steady_clock::now());
+    const auto left = std::chrono::duration_cast<microseconds>(deadline - steady_clock::now());
     if (left <= microseconds::zero() ||
         cms::WaitReady(socket_, POLLIN, server_.StopDescriptor(), left) != cms::Readiness::kReady) {
+      break;
+    }
+  }
+  return -1;
+}
+
+// One read is all that counts.
+bool HttpRequest::ReceiveOnce() {
+  std::array<char, cms::kMaxRequestText> buffer;
+  const ssize_t got = ReceiveSome(buffer, steady_clock::now() + kFirstBytesLimit);
+  if (got <= 0) {
+    return false;
+  }
+  text_.assign(buffer.data(), static_cast<std::size_t>(got));
+  return true;
+}
+
+bool HttpRequest::ReceiveWhole() {
+  const auto start = steady_clock::now();
+  std::array<char, 4096> buffer;
+  while (true) {
+    const bool crowded = server_.IsCrowded();
+    const ssize_t got =
+        ReceiveSome(buffer, start + (crowded ? kCrowdedRequestLimit : kRequestLimit));
+    if (got <= 0) {
+      if (got < 0 && !text_.empty() && !server_.IsStopping()) {
+        RefuseRead(408);
+      }
+      return false;
+    }
+    const std::size_t before = text_.size();
+    text_.append(buffer.data(), static_cast<std::size_t>(got));
+    if (cms::HeadLength(text_, before) > 0) {
+      return true;
+    }
+    if (text_.size() > cms::kMaxWholeRequest) {
+      RefuseRead(431);
+      LingerBeforeClose();
       return false;
     }
   }
-  return false;
+}
+
+bool HttpRequest::Parse() {
+  return whole_ ? cms::ParseWholeRequest(std::string_view(text_).substr(0, cms::HeadLength(text_)),
+                                         parsed_)
+                : cms::ParseRequest(text_, parsed_, server_.GetRules().firstLineOnly);
 }
 
 void HttpRequest::Answer() {
-  if (!cms::ParseRequest(text_, parsed_, server_.ReadsFirstLineOnly())) {
+  if (!Parse()) {
     Refuse(kHttpBadRequest, kBadRequestBody);
     return;
   }
-  const std::optional<EgiHandler> handler = server_.FindHandler(parsed_.command);
-  if (!handler) {
+  const cms::HttpHandler* const handler = server_.FindHandler(parsed_.command);
+  if (handler == nullptr) {
     Refuse(kHttpNotFound, kNotFoundBody);
     return;
   }
-  const std::string_view name = handler->name;
-  if (name.find("/auth") == std::string_view::npos) {
-    const bool marked = parsed_.clientIsIe && name.find('/') != std::string_view::npos;
-    handler->callback(this, marked ? "IE" : nullptr, 0);
+  if (handler->name.find("/auth") == std::string::npos) {
+    const bool marked = parsed_.clientIsIe && handler->name.find('/') != std::string::npos;
+    handler->callback(this, marked ? "IE" : nullptr);
+  } else if (LogIn()) {
+    handler->callback(this, nullptr);
   } else {
-    switch (cms::VerifyDigest(parsed_.authorization, parsed_.method, server_.PasswordLookup())) {
-      case cms::DigestResult::kGood:
-        handler->callback(this, nullptr, 0);
-        break;
-      case cms::DigestResult::kBad:
-        Refuse(kHttpAuthenticationError, kAuthenticationErrorBody);
-        return;
-      case cms::DigestResult::kNoneGiven:
-        Refuse(kHttpAuthorizationRequired, kAuthorizationRequiredBody);
-        return;
-    }
+    return;
   }
   if (!disconnect_) {
     SendAnswer(body_);
   }
+}
+
+// Whether the request proves its user, whose name is told from then on; else it is answered.
+bool HttpRequest::LogIn() {
+  const cms::DigestVerdict verdict =
+      server_.GetRules().strictDigest
+          ? cms::VerifyStrictDigest(parsed_.authorization, parsed_.method, parsed_.target,
+                                    server_.Passwords(), server_.Nonces(), cms::TickMilliseconds())
+          : cms::VerifyDigest(parsed_.authorization, parsed_.method, server_.Passwords());
+  switch (verdict.result) {
+    case cms::DigestResult::kGood:
+      parsed_.userName = verdict.userName;
+      return true;
+    case cms::DigestResult::kBad:
+      Refuse(kHttpAuthenticationError, kAuthenticationErrorBody);
+      return false;
+    case cms::DigestResult::kNoneGiven:
+      break;
+    case cms::DigestResult::kStale:
+      challenge_ = cms::NonceChallenge(server_.Nonces().Make(cms::TickMilliseconds()), true);
+      break;
+  }
+  Refuse(kHttpAuthorizationRequired, kAuthorizationRequiredBody);
+  return false;
 }
 
 void HttpRequest::Refuse(std::uint32_t status, std::string_view body) {
@@ -151,29 +227,39 @@ void HttpRequest::Refuse(std::uint32_t status, std::string_view body) {
   SendAnswer(body_);
 }
 
+// Of a request that was not read to its end.
+void HttpRequest::RefuseRead(std::uint32_t status) {
+  const std::string text = cms::CodeText(status);
+  Refuse(status, "<HTML><BODY>\r\n<p>" + text + "</p>\r\n</BODY></HTML>\r\n");
+}
+
+// Whether the client has sent more than was read, is about to, or may while a long answer is on its
+// way.
+bool HttpRequest::MayStillSend() {
+  const bool ended = whole_ ? cms::HeadLength(text_) == text_.size()
+                            : text_.size() < cms::kMaxRequestText && text_.ends_with("\r\n\r\n");
+  const std::string_view length = Header("Content-Length").value_or("0");
+  char more = 0;
+  return !ended || sent_ > kShortAnswer || length != "0" || Header("Transfer-Encoding") ||
+         recv(socket_, &more, 1, MSG_DONTWAIT) > 0;
+}
+
 // Closing a socket with unread bytes resets the connection, and the reset can overtake the answer.
-// So where the one read has not taken all that the client sends, the rest is let run out.
+// So where the client may send more than was read, that is let run out.
 void HttpRequest::LingerBeforeClose() {
-  const bool whole = text_.size() < cms::kMaxRequestText && text_.ends_with("\r\n\r\n");
-  if (whole || !server_.BeginLinger()) {
+  if (!MayStillSend()) {
+    return;
+  }
+  const cms::Share::Part linger(server_.Lingers());
+  if (!linger) {
     return;
   }
   shutdown(socket_, SHUT_WR);
   std::array<char, 16384> buffer;
-  std::size_t taken = 0;
-  const auto deadline = std::chrono::steady_clock::now() + kLingerLimit;
-  while (taken < kLingerBytes) {
-    const auto left =
-        std::chrono::duration_cast<microseconds>(deadline - std::chrono::steady_clock::now());
-    if (left <= microseconds::zero() ||
-        cms::WaitReady(socket_, POLLIN, server_.StopDescriptor(), left) != cms::Readiness::kReady) {
-      break;
-    }
-    const ssize_t got = recv(socket_, buffer.data(), buffer.size(), MSG_DONTWAIT);
-    if (got <= 0) {
-      break;
-    }
-    taken += static_cast<std::size_t>(got);
+  const auto deadline = steady_clock::now() + kLingerLimit;
+  ssize_t got = 1;
+  for (std::size_t taken = 0; taken < kLingerBytes && got > 0;
+       taken += static_cast<std::size_t>(got)) {
+    got = std::max<ssize_t>(ReceiveSome(buffer, deadline), 0);
   }
-  server_.EndLinger();
 }

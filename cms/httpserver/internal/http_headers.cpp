@@ -1,9 +1,9 @@
 #include "cms/httpserver/internal/http_headers.h"
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 
-#include "cms/httpserver/http_server_types.h"
 #include "cms/runtime/digest.h"
 
 namespace cms {
@@ -11,13 +11,39 @@ namespace {
 
 constexpr std::string_view kServer = "Server: CMS-HTTPServer\r\n";
 
-std::string_view StatusText(std::uint32_t status) {
-  // 901 and 902 are this server's own.
-  static constexpr std::array<std::string_view, 9> kTexts = {
-      "200 OK",           "400 Bad Request", "401 Unauthorized",        "401 Unauthorized",
-      "403 Forbidden",    "404 Not Found",   "503 Service Unavailable", "901 Not in white list",
-      "902 In black list"};
-  return status < kTexts.size() ? kTexts[status] : std::string_view();
+constexpr std::string_view kHtml = "text/html";
+
+// 901 and 902 are this server's own.
+constexpr std::array<std::string_view, 9> kStatusTexts = {
+    "200 OK",           "400 Bad Request", "401 Unauthorized",        "401 Unauthorized",
+    "403 Forbidden",    "404 Not Found",   "503 Service Unavailable", "901 Not in white list",
+    "902 In black list"};
+
+constexpr std::array<std::string_view, 22> kOtherStatuses = {"201 Created",
+                                                             "202 Accepted",
+                                                             "204 No Content",
+                                                             "206 Partial Content",
+                                                             "301 Moved Permanently",
+                                                             "302 Found",
+                                                             "303 See Other",
+                                                             "304 Not Modified",
+                                                             "307 Temporary Redirect",
+                                                             "308 Permanent Redirect",
+                                                             "405 Method Not Allowed",
+                                                             "406 Not Acceptable",
+                                                             "408 Request Timeout",
+                                                             "409 Conflict",
+                                                             "410 Gone",
+                                                             "413 Content Too Large",
+                                                             "415 Unsupported Media Type",
+                                                             "416 Range Not Satisfiable",
+                                                             "429 Too Many Requests",
+                                                             "431 Request Header Fields Too Large",
+                                                             "500 Internal Server Error",
+                                                             "501 Not Implemented"};
+
+std::string_view ConnectionLine(bool keepAlive) {
+  return keepAlive ? "Connection: keep-alive\r\n\r\n" : "Connection: close\r\n\r\n";
 }
 
 void AppendDigits(std::string& text, std::int64_t value, int digits) {
@@ -59,37 +85,82 @@ std::string HttpDate(std::int64_t wallSeconds) {
   return text;
 }
 
-std::string HeaderBlock(std::uint32_t status, std::size_t bodyLength, bool keepAlive,
-                        std::int64_t wallSeconds) {
-  const std::string date = HttpDate(wallSeconds);
+std::string_view StatusText(std::uint32_t index) {
+  return index < kStatusTexts.size() ? kStatusTexts[index] : std::string_view();
+}
+
+std::string CodeText(std::uint32_t code) {
+  const std::string number = std::to_string(code) + ' ';
+  for (const std::string_view text : kOtherStatuses) {
+    if (text.starts_with(number)) {
+      return std::string(text);
+    }
+  }
+  return number;
+}
+
+std::uint32_t IndexOfCode(std::uint32_t code) {
+  const std::string number = std::to_string(code) + ' ';
+  for (std::uint32_t index = 0; index < kStatusTexts.size(); ++index) {
+    if (kStatusTexts[index].starts_with(number)) {
+      return index;
+    }
+  }
+  return code;
+}
+
+std::string DateChallenge(std::int64_t wallSeconds) {
+  return "Digest realm=\"QNV\", domain=\"0.0.0.0\", qop=\"auth\", nonce=\"" +
+         Md5Hex(HttpDate(wallSeconds)) + "\", opaque=\"\", algorithm=\"MD5\", stale=\"FALSE\"";
+}
+
+// In an order that also clients read which expect the nonce behind the realm.
+std::string NonceChallenge(std::string_view nonce, bool stale) {
+  return "Digest realm=\"QNV\", nonce=\"" + std::string(nonce) +
+         "\", qop=\"auth\", algorithm=MD5, stale=" + (stale ? "true" : "false");
+}
+
+bool IsHeaderValue(std::string_view text) {
+  return std::none_of(text.begin(), text.end(),
+                      [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7f'; });
+}
+
+std::string HeaderBlock(const AnswerHead& head, std::size_t bodyLength, std::int64_t wallSeconds) {
   std::string block;
   block.reserve(512);
   block += "HTTP/1.1 ";
-  block += StatusText(status);
+  block += head.status;
   block += "\r\nDate: ";
-  block += date;
+  block += HttpDate(wallSeconds);
   block += kServer;
   block += "Cache-Control: no-cache\r\n";
+  if (bodyLength > 0 || !head.contentType.empty()) {
+    block += "Content-type: ";
+    block += head.contentType.empty() ? kHtml : head.contentType;
+    block += "\r\n";
+  }
   if (bodyLength > 0) {
-    block += "Content-type: text/html\r\nContent-length: ";
+    block += "Content-length: ";
     block += std::to_string(bodyLength);
     block += "\r\n";
   }
-  if (status == kHttpAuthorizationRequired || status == kHttpAuthenticationError) {
-    block += "WWW-Authenticate: Digest realm=\"QNV\", domain=\"0.0.0.0\", qop=\"auth\", nonce=\"";
-    block += Md5Hex(date);
-    block += "\", opaque=\"\", algorithm=\"MD5\", stale=\"FALSE\"\r\n";
+  if (!head.challenge.empty()) {
+    block += "WWW-Authenticate: ";
+    block += head.challenge;
+    block += "\r\n";
   }
-  block += keepAlive ? "Connection: keep-alive\r\n\r\n" : "Connection: close\r\n\r\n";
+  block += ConnectionLine(head.keepAlive);
   return block;
 }
 
-std::string FileHeaderBlock(std::int64_t length, std::string_view lastModified,
-                            std::int64_t wallSeconds) {
+std::string FileHeaderBlock(const AnswerHead& head, std::int64_t length,
+                            std::string_view lastModified, std::int64_t wallSeconds) {
   std::string block = "HTTP/1.1 200 OK\r\nDate: ";
   block += HttpDate(wallSeconds);
   block += kServer;
-  block += "Content-type: text/html\r\n";
+  block += "Content-type: ";
+  block += head.contentType.empty() ? kHtml : head.contentType;
+  block += "\r\n";
   if (!lastModified.empty()) {
     block += "Last-modified: ";
     block += lastModified;
@@ -97,7 +168,8 @@ std::string FileHeaderBlock(std::int64_t length, std::string_view lastModified,
   }
   block += "Content-length: ";
   block += std::to_string(length);
-  block += "\r\nConnection: keep-alive\r\n\r\n";
+  block += "\r\n";
+  block += ConnectionLine(head.keepAlive);
   return block;
 }
 

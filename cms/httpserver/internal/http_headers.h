@@ -10,14 +10,33 @@ namespace cms {
 // UTC, as in "Tue, 04 Nov 2014 08:49:37 GMT" and a line end. Right for the years 1000 to 9999.
 std::string HttpDate(std::int64_t wallSeconds);
 
-// The header block of an answer, made at `wallSeconds`. Type and length are told only when there is
-// a body; a status that asks for authorization brings a challenge, whose nonce is the digest of the
-// date.
-std::string HeaderBlock(std::uint32_t status, std::size_t bodyLength, bool keepAlive,
-                        std::int64_t wallSeconds);
+// What stands behind "HTTP/1.1 ": of an HttpStatusIndex, empty for any other; and of a status code
+// from 200 to 599.
+std::string_view StatusText(std::uint32_t index);
+std::string CodeText(std::uint32_t code);
 
-// The header block in front of a file of that length.
-std::string FileHeaderBlock(std::int64_t length, std::string_view lastModified,
-                            std::int64_t wallSeconds);
+// The index that stands for a status code, or the code itself where none does.
+std::uint32_t IndexOfCode(std::uint32_t code);
+
+// The values of WWW-Authenticate. The first one's nonce is the digest of the date.
+std::string DateChallenge(std::int64_t wallSeconds);
+std::string NonceChallenge(std::string_view nonce, bool stale);
+
+// Whether a text may be the value of a header: it has no control characters.
+bool IsHeaderValue(std::string_view text);
+
+struct AnswerHead {
+  std::string_view status = "200 OK";
+  bool keepAlive = true;
+  std::string_view contentType;  // empty: "text/html" where there is a body
+  std::string_view challenge;    // empty: none
+};
+
+// The header block of an answer, made at `wallSeconds`. A length is told only when there is a body.
+std::string HeaderBlock(const AnswerHead& head, std::size_t bodyLength, std::int64_t wallSeconds);
+
+// The header block in front of a file of that length; neither its status nor its challenge count.
+std::string FileHeaderBlock(const AnswerHead& head, std::int64_t length,
+                            std::string_view lastModified, std::int64_t wallSeconds);
 
 }  // namespace cms

@@ -13,14 +13,54 @@
 
 #include "cms/httpserver/internal/http_headers.h"
 #include "cms/httpserver/internal/http_server.h"
+#include "cms/httpserver/internal/whole_request.h"
+#include "cms/net/internal/socket_io.h"
 #include "cms/net/internal/wait_ready.h"
 #include "cms/runtime/clock.h"
 
+namespace {
+
+// A client that takes nothing for so long has gone, or means no good.
+constexpr std::chrono::seconds kStallLimit{30};
+
+}  // namespace
+
 HttpRequest::HttpRequest(HttpServer& server, int descriptor, const sockaddr_in& client)
-    : server_(server), socket_(descriptor), client_(client) {}
+    : server_(server),
+      socket_(descriptor),
+      client_(client),
+      whole_(server.GetRules().wholeRequests.load(std::memory_order_relaxed)) {}
 
 HttpRequest::~HttpRequest() {
   close(socket_);
+}
+
+pthread_t HttpRequest::HandOutThread() {
+  thread_as_made_ = false;
+  return pthread_self();
+}
+
+std::optional<std::string_view> HttpRequest::Header(std::string_view name) const {
+  return cms::FindHeader(text_, name);
+}
+
+bool HttpRequest::SetStatus(std::uint32_t status) {
+  if (whole_ && status > kHttpInBlackList) {
+    status = cms::IndexOfCode(status);
+    if (status > kHttpInBlackList && (status < 200 || status > 599)) {
+      return false;
+    }
+  }
+  status_ = status;
+  return true;
+}
+
+bool HttpRequest::SetContentType(std::string_view type) {
+  if (!cms::IsHeaderValue(type)) {
+    return false;
+  }
+  content_type_ = type;
+  return true;
 }
 
 int HttpRequest::WriteFormat(const char* format, va_list arguments) {
@@ -43,17 +83,37 @@ int HttpRequest::Flush(const char* data, int length) {
                         : std::string_view());
 }
 
+// What a header block says besides its status and its length. With whole requests the client is
+// told truly that the connection will be closed.
+void HttpRequest::FillHead(cms::AnswerHead& head) const {
+  head.keepAlive = !whole_;
+  head.contentType = content_type_;
+  head.challenge = challenge_;
+}
+
 // The way of every answer. While the server is being closed it still delivers what the system takes
 // at once, so that short answers on their way arrive.
 int HttpRequest::SendAnswer(std::string_view data) {
-  std::string head;
+  std::string block;
   if (!headers_sent_) {
-    head = cms::HeaderBlock(status_, body_.size(), keep_alive_, cms::WallSeconds());
+    const std::int64_t now = cms::WallSeconds();
+    if (challenge_.empty() &&
+        (status_ == kHttpAuthorizationRequired || status_ == kHttpAuthenticationError)) {
+      challenge_ = server_.GetRules().strictDigest
+                       ? cms::NonceChallenge(server_.Nonces().Make(cms::TickMilliseconds()), false)
+                       : cms::DateChallenge(now);
+    }
+    const std::string code = whole_ && status_ > kHttpInBlackList ? cms::CodeText(status_) : "";
+    cms::AnswerHead head;
+    FillHead(head);
+    head.keepAlive = head.keepAlive && keep_alive_;
+    head.status = code.empty() ? cms::StatusText(status_) : std::string_view(code);
+    block = cms::HeaderBlock(head, body_.size(), now);
   }
   if (parsed_.method == "HEAD") {
     data = {};
   }
-  if (!SendAll(head, data)) {
+  if (!SendAll(block, data)) {
     return 0;
   }
   headers_sent_ = true;
@@ -62,10 +122,15 @@ int HttpRequest::SendAnswer(std::string_view data) {
 
 int HttpRequest::SendFileHeader(std::int64_t length, std::string_view lastModified) {
   if (headers_sent_) {
-    return 1;
+    return 0;
+  }
+  cms::AnswerHead head;
+  FillHead(head);
+  if (!cms::IsHeaderValue(lastModified)) {
+    lastModified = {};
   }
   if (server_.IsStopping() ||
-      !SendAll(cms::FileHeaderBlock(length, lastModified, cms::WallSeconds()), {})) {
+      !SendAll(cms::FileHeaderBlock(head, length, lastModified, cms::WallSeconds()), {})) {
     disconnect_ = true;
     return 0;
   }
@@ -83,15 +148,17 @@ bool HttpRequest::SendAll(std::string_view head, std::string_view data) {
     message.msg_iovlen = 2;
     const ssize_t sent = sendmsg(socket_, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (sent < 0) {
-      const bool full = errno == EAGAIN || errno == EWOULDBLOCK;
-      if (errno == EINTR || (full && cms::WaitReady(socket_, POLLOUT, server_.StopDescriptor()) ==
-                                         cms::Readiness::kReady)) {
+      if (errno == EINTR ||
+          (cms::IsWouldBlock(errno) &&
+           cms::WaitReady(socket_, POLLOUT, server_.StopDescriptor(),
+                          whole_ ? kStallLimit : cms::kNoLimit) == cms::Readiness::kReady)) {
         continue;
       }
       disconnect_ = true;
       return false;
     }
     const auto count = static_cast<std::size_t>(sent);
+    sent_ += count;
     const std::size_t of_head = std::min(count, head.size());
     head.remove_prefix(of_head);
     data.remove_prefix(count - of_head);
@@ -100,7 +167,8 @@ bool HttpRequest::SendAll(std::string_view head, std::string_view data) {
 }
 
 // Priorities above 0 are more urgent. The system may refuse them, which is no failure.
-int HttpRequest::SetPriority(int priority) const {
+int HttpRequest::SetPriority(int priority) {
+  thread_as_made_ = false;
   constexpr int kNicePerStep = 5;
   setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()),
               -kNicePerStep * std::clamp(priority, -3, 3));

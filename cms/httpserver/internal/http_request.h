@@ -4,16 +4,20 @@
 #include <netinet/in.h>
 #include <pthread.h>
 
+#include <chrono>
 #include <cstdarg>
 #include <cstdint>
+#include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
+#include "cms/httpserver/internal/http_headers.h"
 #include "cms/httpserver/internal/request_parser.h"
 
 class HttpServer;
 
-// Belongs to the connection's own thread, on which handlers run.
+// Belongs to the thread that serves the connection, on which handlers run.
 class HttpRequest {
  public:
   // Output of one WriteFormat, with the terminator.
@@ -29,43 +33,64 @@ class HttpRequest {
   int Socket() const { return socket_; }
   const sockaddr_in& Client() const { return client_; }
   const cms::ParsedRequest& Parsed() const { return parsed_; }
-  pthread_t ThreadHandle() const { return thread_; }
+  // Who has a thread's handle may have changed it in any way: it serves no other connection.
+  pthread_t HandOutThread();
 
-  // Serves the connection from beginning to end, on its own thread.
-  void Serve();
+  // Serves the connection from beginning to end. Whether the thread may serve another one.
+  bool Serve();
 
   void Write(std::string_view text) { body_ += text; }
   // Appends at most kFormatSize - 1 characters: 1, or 0 when the output was longer and is cut.
   int WriteFormat(const char* format, va_list arguments);
+
+  // Of the request as it was received.
+  std::optional<std::string_view> Header(std::string_view name) const;
 
   // A handler's flush: the header block unless it went out already, then the bytes unless the
   // method is HEAD. 0 when sending failed or the server is being closed; then disconnect is set.
   int Flush(const char* data, int length);
   int SendFileHeader(std::int64_t length, std::string_view lastModified);
 
-  void SetStatus(std::uint32_t status) { status_ = status; }
+  // Where whole requests are read a status code is told as well as an index; false for what is
+  // neither.
+  bool SetStatus(std::uint32_t status);
+  // False for what no header can say.
+  bool SetContentType(std::string_view type);
   void SetKeepAlive(bool keep) { keep_alive_ = keep; }
   void Disconnect() { disconnect_ = true; }
-  int SetPriority(int priority) const;
+  int SetPriority(int priority);
 
  private:
   enum class Access { kPassed, kDenied, kGone };
   Access CheckAccess();
   bool Receive();
+  bool ReceiveOnce();
+  bool ReceiveWhole();
+  ssize_t ReceiveSome(std::span<char> buffer, std::chrono::steady_clock::time_point deadline);
+  bool Parse();
   void Answer();
+  bool LogIn();
   void Refuse(std::uint32_t status, std::string_view body);
+  void RefuseRead(std::uint32_t status);
   int SendAnswer(std::string_view data);
   bool SendAll(std::string_view head, std::string_view data);
+  void FillHead(cms::AnswerHead& head) const;
+  void PauseBeforeClose();
+  bool MayStillSend();
   void LingerBeforeClose();
 
   HttpServer& server_;
   int socket_;
   const sockaddr_in client_;
-  pthread_t thread_{};
+  const bool whole_;  // whole requests are read
   std::string text_;  // as received
   cms::ParsedRequest parsed_;
   std::string body_;
-  std::uint32_t status_ = 0;
+  std::string content_type_;
+  std::string challenge_;
+  std::uint32_t status_ = 0;  // an index, or a code of at least 200 where whole requests are read
+  std::uint64_t sent_ = 0;    // bytes
+  bool thread_as_made_ = true;
   bool disconnect_ = false;
   bool keep_alive_ = true;
   bool headers_sent_ = false;

@@ -10,7 +10,8 @@ namespace {
 constexpr auto kNone = std::string_view::npos;
 constexpr std::string_view kBlanks = " \t";
 
-// Behind the first word, which names the scheme.
+}  // namespace
+
 std::string_view WithoutScheme(std::string_view value) {
   value.remove_prefix(std::min(value.find_first_not_of(kBlanks), value.size()));
   value.remove_prefix(std::min(value.find_first_of(kBlanks), value.size()));
@@ -18,7 +19,13 @@ std::string_view WithoutScheme(std::string_view value) {
   return value;
 }
 
-}  // namespace
+std::string_view WithoutOrigin(std::string_view target) {
+  const auto host = target.find("://");
+  if (target.starts_with('/') || host == kNone) {
+    return target;
+  }
+  return target.substr(std::min(target.find('/', host + 3), target.size()));
+}
 
 bool ParseRequest(std::string_view text, ParsedRequest& parsed, bool firstLineOnly) {
   parsed = {};
@@ -40,11 +47,12 @@ bool ParseRequest(std::string_view text, ParsedRequest& parsed, bool firstLineOn
     return false;
   }
   parsed.method = head.substr(0, method_end);
+  StrInBrace(head, parsed.method, ' ', ' ', parsed.target);
   if (head.find('?') != kNone) {
     StrInBrace(head, parsed.method, ' ', '?', parsed.command);
     StrInBrace(head, parsed.command, '?', ' ', parsed.query);
   } else {
-    StrInBrace(head, parsed.method, ' ', ' ', parsed.command);
+    parsed.command = parsed.target;
   }
   StrInBrace(text, "username", '"', '"', parsed.userName);
   std::string authorization;

@@ -6,11 +6,12 @@
 
 namespace cms {
 
-// All that one read of a request may be.
+// All that the one read of a request may be.
 inline constexpr std::size_t kMaxRequestText = 2048;
 
 struct ParsedRequest {
   std::string method;         // may be empty
+  std::string target;         // as asked for
   std::string command;        // the target without its query
   std::string query;          // without the "?"
   std::string userName;       // the first quoted "username", wherever it stands
@@ -27,5 +28,10 @@ struct ParsedRequest {
 //
 // With `firstLineOnly` it is looked for in the first line alone.
 bool ParseRequest(std::string_view text, ParsedRequest& parsed, bool firstLineOnly = false);
+
+// An Authorization header's value behind its first word, which names the scheme.
+std::string_view WithoutScheme(std::string_view value);
+// A target behind the "http://host:port" that it may begin with.
+std::string_view WithoutOrigin(std::string_view target);
 
 }  // namespace cms

@@ -6,9 +6,20 @@
 
 #include <cerrno>
 
-namespace cms {
+#include "cms/net/internal/socket_io.h"
 
-int OpenListeningSocket(std::uint16_t port, int backlog) {
+namespace cms {
+namespace {
+
+// Seconds of silence until the peer is asked whether it is there, seconds between the questions,
+// and how many of them may go unanswered.
+constexpr int kKeepAliveAfter = 60;
+constexpr int kKeepAliveEvery = 10;
+constexpr int kKeepAliveTries = 6;
+
+}  // namespace
+
+int OpenListeningSocket(std::uint16_t port, int backlog, std::uint32_t address) {
   const int made = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   if (made < 0) {
     return -1;
@@ -17,12 +28,12 @@ int OpenListeningSocket(std::uint16_t port, int backlog) {
   // A server that closes connections itself could otherwise not start again for a minute.
   setsockopt(made, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   setsockopt(made, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+  setsockopt(made, IPPROTO_TCP, TCP_KEEPIDLE, &kKeepAliveAfter, sizeof kKeepAliveAfter);
+  setsockopt(made, IPPROTO_TCP, TCP_KEEPINTVL, &kKeepAliveEvery, sizeof kKeepAliveEvery);
+  setsockopt(made, IPPROTO_TCP, TCP_KEEPCNT, &kKeepAliveTries, sizeof kKeepAliveTries);
   setsockopt(made, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-  sockaddr_in any{};
-  any.sin_family = AF_INET;
-  any.sin_addr.s_addr = htonl(INADDR_ANY);
-  any.sin_port = htons(port);
-  if (bind(made, reinterpret_cast<const sockaddr*>(&any), sizeof any) != 0 ||
+  const sockaddr_in local = MakeAddress(address, port);
+  if (bind(made, reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0 ||
       listen(made, backlog) != 0) {
     const int error = errno;
     close(made);

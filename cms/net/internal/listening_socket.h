@@ -7,10 +7,11 @@
 
 namespace cms {
 
-// A non-blocking TCP socket that listens on any address; port 0 lets the system choose. -1 with
-// errno set when that fails, as for a port in use. Connections that it accepts send at once,
-// without waiting to fill a segment, and notice a peer that vanished.
-int OpenListeningSocket(std::uint16_t port, int backlog);
+// A non-blocking TCP socket that listens on an address (host byte order), or on any; port 0 lets
+// the system choose. -1 with errno set when that fails, as for a port in use. Connections that it
+// accepts send at once, without waiting to fill a segment, and notice within two minutes of silence
+// that a peer has vanished.
+int OpenListeningSocket(std::uint16_t port, int backlog, std::uint32_t address = INADDR_ANY);
 
 // Where a socket is bound; all zero when it is not.
 sockaddr_in BoundAddress(int descriptor);
