@@ -12,11 +12,26 @@
 
 namespace {
 
-std::string known_user, known_password;
+struct Login {
+  std::string user, password;
+};
 
-int Password(const std::string& user, std::string& password) {
-  password = known_password;
-  return user == known_user ? 1 : 0;
+int Password(void* login, const std::string& user, std::string& password) {
+  const auto& known = *static_cast<Login*>(login);
+  password = known.password;
+  return user == known.user ? 1 : 0;
+}
+
+// As the text of a JSON string.
+std::string Quoted(const std::string& text) {
+  std::string quoted = "\"";
+  for (const char c : text) {
+    char code[8];
+    std::snprintf(code, sizeof code, "\\u%04x", static_cast<unsigned char>(c));
+    const bool plain = static_cast<unsigned char>(c) >= ' ' && c != '"' && c != '\\';
+    quoted += plain ? std::string(1, c) : code;
+  }
+  return quoted + '"';
 }
 
 int Welcome(HttpRequest* request, const char*, std::uint32_t) {
@@ -26,7 +41,8 @@ int Welcome(HttpRequest* request, const char*, std::uint32_t) {
 int Me(HttpRequest* request, const char*, std::uint32_t) {
   std::string user;
   GetUsername(request, user);
-  return RequestWriteFormat(request, "{\"user\": \"%s\"}\n", user.c_str());
+  RequestSetContentType(request, "application/json");
+  return RequestWriteFormat(request, "{\"user\": %s}\n", Quoted(user).c_str());
 }
 
 // A line a second, for as long as the client listens and the server is open.
@@ -42,10 +58,12 @@ int Clock(HttpRequest* request, const char*, std::uint32_t) {
 
 int main(int argc, char** argv) {
   if (argc < 4) return std::fputs("usage: http_server PORT USER PASSWORD\n", stderr), 2;
-  known_user = argv[2];
-  known_password = argv[3];
-  const tHttpServerConfig config{static_cast<std::uint16_t>(std::atoi(argv[1])), Password};
-  HttpServer* const server = CreateHttpServer(&config);
+  Login login{argv[2], argv[3]};
+  const tHttpServerConfigEx config{static_cast<std::uint16_t>(std::atoi(argv[1])), Password,
+                                   &login};
+  HttpServer* const server = CreateHttpServerEx(&config);
+  EnableWholeRequests(server, 1);
+  EnableStrictDigest(server, 1);
   RegisterEgi(server, "/", Welcome);
   RegisterEgi(server, "/auth/me", Me);
   RegisterEgi(server, "/clock", Clock);

@@ -29,6 +29,8 @@ struct Arguments {
   std::string password;
   std::vector<std::string> allow;
   std::vector<std::string> deny;
+  std::string bind;
+  std::vector<std::string> names;
   bool json = false;
 };
 
@@ -67,11 +69,30 @@ std::vector<AccessRange> ReadAccess(const Arguments& arguments) {
   return access;
 }
 
+// What browsers on this machine and beside it call it.
+std::vector<std::string> Names(std::vector<std::string> names) {
+  names.emplace_back("localhost");
+  char own[256] = "";
+  if (gethostname(own, sizeof own - 1) == 0 && own[0] != '\0') {
+    names.emplace_back(own);
+    names.push_back(std::string(own) + ".local");
+  }
+  return names;
+}
+
 class Serve {
  public:
   explicit Serve(const Arguments& arguments) : arguments_(arguments) {
-    WebServerOptions options{arguments.port, arguments.user, arguments.password,
-                             ReadAccess(arguments)};
+    WebServerOptions options{
+        arguments.port,        arguments.user, arguments.password, ReadAccess(arguments), 0,
+        Names(arguments.names)};
+    if (!arguments.bind.empty()) {
+      in_addr address{};
+      if (inet_pton(AF_INET, arguments.bind.c_str(), &address) != 1) {
+        throw UsageError("--bind", "\"" + arguments.bind + "\" is no IPv4 address");
+      }
+      options.address = ntohl(address.s_addr);
+    }
     EnterDataFolder(arguments.data, DataFolderUse::kCreate);
     CRecFolderDBWriter().WriterRecFolderDB(0, kRecordings);  // where searches look
     for (std::size_t i = 0; i < arguments.urls.size(); ++i) {
@@ -94,7 +115,9 @@ class Serve {
     for (const auto& site : sites_) {
       site->Open();
     }
-    const std::string url = "http://127.0.0.1:" + std::to_string(server_->Port()) + "/";
+    const bool any = arguments_.bind.empty() || arguments_.bind == "0.0.0.0";
+    const std::string url = "http://" + (any ? "127.0.0.1" : arguments_.bind) + ":" +
+                            std::to_string(server_->Port()) + "/";
     if (arguments_.json) {
       std::printf("%s\n",
                   nlohmann::ordered_json{{"url", url}, {"port", server_->Port()}}.dump().c_str());
@@ -154,6 +177,14 @@ void AddServeCommand(Command app, CommandResult& result) {
       .AddOption("--deny", arguments->deny,
                  "IPv4 addresses that may not, also of those allowed; may be given again")
       .TypeName("A-B")
+      .Repeatable();
+  serve.AddOption("--bind", arguments->bind, "the IPv4 address to listen on; all unless told")
+      .TypeName("A");
+  serve
+      .AddOption("--name", arguments->names,
+                 "what this machine is called in browsers, besides localhost, its own name and its "
+                 "addresses: where nobody logs in, other names are refused; may be given again")
+      .TypeName("NAME")
       .Repeatable();
   serve.AddFlag("--json", arguments->json, "print the page's URL and port as one JSON object");
   serve.Run([arguments, &result] {

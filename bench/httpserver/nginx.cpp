@@ -28,8 +28,8 @@ Nginx::Nginx(std::size_t pageSize, const std::string& settings)
       << (geteuid() == 0 ? "user root;\n" : "") << "error_log /dev/null;\n"
       << "events { worker_connections 4096; }\n"
       << "http { access_log off; keepalive_timeout 0; sendfile on; tcp_nopush on;"
-      << " open_file_cache max=10; server { listen 127.0.0.1:" << kPort << " backlog=4096; root "
-      << folder_.string() << "; " << settings << " } }\n";
+      << " open_file_cache max=10; server { listen 127.0.0.1:" << kPort
+      << " backlog=4096 deferred; root " << folder_.string() << "; " << settings << " } }\n";
   process_ = std::make_unique<ChildProcess>(
       kProgram, std::vector<std::string>{"-p", folder_, "-c", folder_ / "conf"});
   for (int i = 0; i < 100 && pid_ == 0; ++i) {

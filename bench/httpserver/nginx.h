@@ -9,8 +9,8 @@
 
 namespace bench {
 
-// A worker for each core, no log, "/page" of so many bytes from an open file. Runs while it lives,
-// where it is installed.
+// A worker for each core that is woken by whole requests, no log, "/page" of so many bytes from an
+// open file. Runs while it lives, where it is installed.
 class Nginx {
  public:
   // `settings` go into the server block, such as "limit_rate 125k;".

@@ -7,14 +7,15 @@ build=$1
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-coproc server { exec "$build/examples/http_server" 0 operator secret; }
+user='op\era"tor'
+coproc server { exec "$build/examples/http_server" 0 "$user" secret; }
 # shellcheck disable=SC2154  # set by coproc
 pid=$server_PID
 read -r url <&"${server[0]}"
 
 [[ $(curl -sS "$url") == *"log in"* ]]
-[[ $(curl -sS --digest -u operator:secret "${url}auth/me") == '{"user": "operator"}' ]]
-[[ $(curl -sS --digest -u operator:wrong -o "$work/refused" -w '%{http_code}' "${url}auth/me") == 401 ]]
+[[ $(curl -sS --digest -u "$user:secret" "${url}auth/me" | python3 -c 'import json, sys; print(json.load(sys.stdin)["user"])') == "$user" ]]
+[[ $(curl -sS --digest -u "$user:wrong" -o "$work/refused" -w '%{http_code}' "${url}auth/me") == 401 ]]
 # The stream ends when the server does, and the server although somebody is listening.
 curl -sS -N "${url}clock" >"$work/clock" &
 listener=$!

@@ -1,5 +1,9 @@
 #include "tools/serve/web_request.h"
 
+#include <arpa/inet.h>
+#include <strings.h>
+
+#include <algorithm>
 #include <charconv>
 
 namespace tools {
@@ -12,7 +16,6 @@ constexpr int kSendBuffer = 256 * 1024;
 
 WebRequest::WebRequest(HttpRequest* request) : request_(request) {
   GetQueryData(request, &query_);
-  SetKeepConnection(request, 0);
 }
 
 std::optional<std::string_view> WebRequest::Value(std::string_view name) const {
@@ -47,7 +50,23 @@ void WebRequest::RequirePut() const {
   }
 }
 
+void WebRequest::RequireHost(const std::vector<std::string>& names) const {
+  std::string host;
+  if (RequestGetHeader(request_, "Host", host) == 0) {
+    return;  // no browser
+  }
+  const std::string name = host.substr(0, host.find(':'));
+  in_addr address{};
+  if (inet_pton(AF_INET, name.c_str(), &address) != 1 &&
+      std::none_of(names.begin(), names.end(), [&](const std::string& known) {
+        return strcasecmp(known.c_str(), name.c_str()) == 0;
+      })) {
+    throw BadRequest("this machine is not known as " + name + ": see --name");
+  }
+}
+
 void WebRequest::Answer(const nlohmann::ordered_json& value) {
+  RequestSetContentType(request_, "application/json");
   RequestWrite(request_, (HarmlessJson(value) + "\n").c_str());
 }
 
@@ -58,6 +77,7 @@ void WebRequest::Refuse(std::uint32_t status, const std::string& why) {
 
 bool WebRequest::Send(const std::string& bytes) {
   SetSendSocketBuufer(request_, kSendBuffer);
+  RequestSetContentType(request_, "application/octet-stream");
   return RequestFlushWrite(request_, bytes.data(), static_cast<int>(bytes.size())) == 1;
 }
 

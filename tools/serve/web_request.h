@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "cms/exports/http_server_exports.h"
 #include "tools/serve/picture_record.h"
@@ -32,6 +33,10 @@ class WebRequest {
   // What changes something is asked for with the method PUT: a page of another origin cannot have a
   // browser send that. Throws BadRequest.
   void RequirePut() const;
+
+  // Throws BadRequest where a page was led here by a name that is none of this machine's: any name
+  // of anybody's can be made to mean this machine's address, and the page would read the answer.
+  void RequireHost(const std::vector<std::string>& names) const;
 
   void Answer(const nlohmann::ordered_json& value);
   void Refuse(std::uint32_t status, const std::string& why);

@@ -15,8 +15,6 @@ namespace {
 using nlohmann::ordered_json;
 using std::chrono::milliseconds;
 
-WebServer* current = nullptr;
-
 // How often is looked for new pictures while somebody watches.
 constexpr milliseconds kPictureTurn{40};
 // Something is sent so often at least, so that a client that went is noticed.
@@ -40,10 +38,14 @@ constexpr char kLoginMark[] = "data-login=\"\"";
 }  // namespace
 
 template <WebServer::Handler handler>
-int WebServer::Call(HttpRequest* request, const char*, std::uint32_t) {
+int WebServer::Call(void* server, HttpRequest* request, const char*) {
+  auto& own = *static_cast<WebServer*>(server);
   WebRequest web(request);
   try {
-    (current->*handler)(web);
+    if (own.options_.user.empty()) {
+      web.RequireHost(own.options_.names);
+    }
+    (own.*handler)(web);
   } catch (const BadRequest& error) {
     web.Refuse(kHttpBadRequest, error.what());
   } catch (const std::exception& error) {
@@ -52,41 +54,42 @@ int WebServer::Call(HttpRequest* request, const char*, std::uint32_t) {
   return 0;
 }
 
-int WebServer::Password(const std::string& user, std::string& password) {
-  password = current->options_.password;
-  return !current->options_.user.empty() && user == current->options_.user ? 1 : 0;
+int WebServer::Password(void* server, const std::string& user, std::string& password) {
+  const WebServerOptions& options = static_cast<WebServer*>(server)->options_;
+  password = options.password;
+  return !options.user.empty() && user == options.user ? 1 : 0;
 }
 
 // Everything but the page itself is behind Digest where there is somebody who can log in.
-void WebServer::Register(const std::string& name, EgiCallback callback) {
-  RegisterEgi(server_, ("/auth" + name).c_str(), callback);
+void WebServer::Register(const std::string& name, EgiCallbackEx callback) {
+  RegisterEgiEx(server_, ("/auth" + name).c_str(), callback, this);
   if (options_.user.empty()) {
-    RegisterEgi(server_, name.c_str(), callback);
+    RegisterEgiEx(server_, name.c_str(), callback, this);
   }
 }
 
 WebServer::WebServer(const WebServerOptions& options,
                      std::vector<std::unique_ptr<ServeSite>>& sites)
     : options_(options), sites_(sites) {
-  const tHttpServerConfig config{options.port, &WebServer::Password};
-  server_ = CreateHttpServer(&config);
+  const tHttpServerConfigEx config{options.port, &WebServer::Password, this, options.address};
+  server_ = CreateHttpServerEx(&config);
   if (server_ == nullptr) {
     throw std::runtime_error("out of memory");
   }
-  current = this;
-  EnableFirstLineTarget(server_, 1);
+  EnableWholeRequests(server_, 1);
+  EnableStrictDigest(server_, 1);
   EnableWhiteBlackList(server_, options.access.empty() ? 0 : 1);
   for (const AccessRange& range : options.access) {
     SetWhiteBlackListInfo(server_, range.low, range.high, range.kind, kAccessListAdd);
   }
-  RegisterEgi(server_, "/", &WebServer::Page);
+  RegisterEgiEx(server_, "/", &WebServer::Page, this);
   Register("/status", &WebServer::Call<&WebServer::Status>);
   Register("/live", &WebServer::Call<&WebServer::Live>);
   Register("/days", &WebServer::Call<&WebServer::Days>);
   Register("/recordings", &WebServer::Call<&WebServer::Recordings>);
   Register("/play", &WebServer::Call<&WebServer::Play>);
   Register("/transport", &WebServer::Call<&WebServer::Transport>);
-  RegisterEgi(server_, "/auth/record", &WebServer::Call<&WebServer::Record>);
+  RegisterEgiEx(server_, "/auth/record", &WebServer::Call<&WebServer::Record>, this);
   if (StartHttpServer(server_) == 0) {
     DestroyHttpServer(server_);
     throw std::runtime_error("cannot listen on port " + std::to_string(options.port) +
@@ -96,12 +99,11 @@ WebServer::WebServer(const WebServerOptions& options,
 
 WebServer::~WebServer() {
   DestroyHttpServer(server_);
-  current = nullptr;
 }
 
-int WebServer::Page(HttpRequest* request, const char*, std::uint32_t) {
+int WebServer::Page(void* server, HttpRequest* request, const char*) {
   static const std::string page(kPage);
-  if (!current->options_.user.empty()) {
+  if (!static_cast<WebServer*>(server)->options_.user.empty()) {
     return RequestWrite(request, page.c_str());
   }
   std::string open = page;

@@ -23,10 +23,13 @@ struct WebServerOptions {
   std::string user;
   std::string password;
   std::vector<AccessRange> access;  // empty: every address
+  std::uint32_t address = 0;        // to listen on, as a number of AccessRange; 0: all
+  // What this machine is called in the addresses of browsers, besides its addresses. Where nobody
+  // logs in, requests for other hosts are refused.
+  std::vector<std::string> names;
 };
 
-// One for each process: the library's handlers have no context. Handlers run on threads of their
-// connections; they watch for the stop signal.
+// Handlers run on threads of their connections; they watch for the stop signal.
 class WebServer {
  public:
   // Listens from here on. Throws std::runtime_error when it cannot. The sites outlive it.
@@ -41,10 +44,10 @@ class WebServer {
  private:
   using Handler = void (WebServer::*)(WebRequest&);
   template <Handler handler>
-  static int Call(HttpRequest* request, const char*, std::uint32_t);
-  static int Password(const std::string& user, std::string& password);
-  static int Page(HttpRequest* request, const char*, std::uint32_t);
-  void Register(const std::string& name, EgiCallback callback);
+  static int Call(void* server, HttpRequest* request, const char*);
+  static int Password(void* server, const std::string& user, std::string& password);
+  static int Page(void* server, HttpRequest* request, const char*);
+  void Register(const std::string& name, EgiCallbackEx callback);
 
   void Status(WebRequest& request);
   void Live(WebRequest& request);
