@@ -41,7 +41,8 @@ TEST(WholeRequest, ReadsWhatBelongsWhere) {
        {"", "\r\n\r\n", "GET /cmd\r\n\r\n", "GET  HTTP/1.1\r\n\r\n", "GET /a b HTTP/1.1\r\n\r\n",
         "G@T / HTTP/1.1\r\n\r\n", "GET / HTTP/2.0\r\n\r\n", "GET / HTTP/1.1\r\nno header\r\n\r\n",
         "GET / HTTP/1.1\r\n folded: x\r\n\r\n", "GET / HTTP/1.1\r\nHost : h\r\n\r\n",
-        "GET / HTTP/1.1\r\n: h\r\n\r\n", "\x16\x03\x01 HTTP/1.1\r\n\r\n"}) {
+        "GET / HTTP/1.1\r\n: h\r\n\r\n", "GET /a\nb HTTP/1.1\r\n\r\n",
+        "GET / HTTP/1.1\r\nHost: a\nb: c\r\n\r\n", "\x16\x03\x01 HTTP/1.1\r\n\r\n"}) {
     cms::ParsedRequest parsed;
     EXPECT_FALSE(cms::ParseWholeRequest(bad, parsed)) << bad;
   }

@@ -224,10 +224,14 @@ TEST_F(LoginAtTheLibrarysServer, IsAnsweredAsItAsks) {
     EXPECT_TRUE(login.ReadChallenges(first)) << login.Problem();
     return Ask(test::Request(target, login.AuthorizationLine("GET", target)));
   };
-  Login right = LoginOf("operator", "secret");
-  EXPECT_THAT(ask(right), HasSubstr("inside"));
-  Login wrong = LoginOf("operator", "Secret");
-  EXPECT_THAT(ask(wrong), StartsWith("HTTP/1.1 401 "));
+  for (const int strict : {0, 1}) {
+    EnableStrictDigest(server_, strict);
+    EnableWholeRequests(server_, strict);
+    Login right = LoginOf("operator", "secret");
+    EXPECT_THAT(ask(right), HasSubstr("inside"));
+    Login wrong = LoginOf("operator", "Secret");
+    EXPECT_THAT(ask(wrong), StartsWith("HTTP/1.1 401 "));
+  }
 }
 
 }  // namespace

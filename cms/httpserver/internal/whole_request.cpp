@@ -20,6 +20,13 @@ bool IsToken(std::string_view text) {
   });
 }
 
+// No control characters, which no honest line has besides tabs.
+bool IsPlain(std::string_view line) {
+  return std::none_of(line.begin(), line.end(), [](char c) {
+    return (static_cast<unsigned char>(c) < ' ' && c != '\t') || c == '\x7f';
+  });
+}
+
 std::string_view WithoutBlanks(std::string_view text) {
   text.remove_prefix(std::min(text.find_first_not_of(" \t"), text.size()));
   return text.substr(0, text.find_last_not_of(" \t") + 1);
@@ -65,11 +72,12 @@ bool ParseWholeRequest(std::string_view head, ParsedRequest& parsed) {
   std::string_view first = TakeLine(lines);
   const std::string_view method = TakeWord(first);
   std::string_view target = TakeWord(first);
-  if (!IsToken(method) || target.empty() || first.size() != 8 || !first.starts_with("HTTP/1.")) {
+  if (!IsToken(method) || target.empty() || !IsPlain(target) || first.size() != 8 ||
+      !first.starts_with("HTTP/1.")) {
     return false;
   }
   for (std::string_view line = TakeLine(lines); !line.empty(); line = TakeLine(lines)) {
-    if (!IsToken(line.substr(0, line.find(':'))) || line.find(':') == kNone) {
+    if (!IsToken(line.substr(0, line.find(':'))) || line.find(':') == kNone || !IsPlain(line)) {
       return false;
     }
   }
