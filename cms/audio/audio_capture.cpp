@@ -21,7 +21,7 @@ namespace {
 constexpr auto kCapture = cms::AlsaDevice::Direction::kCapture;
 constexpr std::uint32_t kBlockMs = 20;
 constexpr std::uint32_t kBufferMs = 200;
-constexpr int kReopenMs = 2000;
+constexpr int kRetryMs = 2000;
 
 // `bytes`: as long as CCMSAudioCapture::BlockBytes says.
 void Encode(std::int32_t codecId, std::span<const std::int16_t> samples,
@@ -88,7 +88,7 @@ class CCMSAudioCapture::Impl {
     pthread_setname_np(pthread_self(), "audio capture");
     while (!stopping_.load()) {
       if (!pcm_.IsOpen()) {
-        Wait(kReopenMs);
+        Wait(kRetryMs);
         if (!stopping_.load()) {
           Open();
         }

@@ -4,34 +4,34 @@
 
 namespace {
 
-constexpr unsigned int kFactor = 2;
+constexpr unsigned int kG711Factor = 2;
 
 }  // namespace
 
 int ALawDecoder::Initialize(const CAudioDecoderConfig* config) {
-  return InitializeOutput(config, kFactor, 0);
+  return InitializeOutput(config, kG711Factor, 0);
 }
 
 int ALawDecoder::Decode(const unsigned char* block, int length, unsigned int /*channelMode*/) {
-  if (!TakeOrSilence(block, length, kFactor)) {
+  if (!TakeOrSilence(block, length, kG711Factor)) {
     return 0;
   }
   cms::DecodeALaw(block, static_cast<std::size_t>(length),
                   reinterpret_cast<std::int16_t*>(output_.get()));
-  outputLength_ = kFactor * static_cast<std::uint32_t>(length);
+  outputLength_ = kG711Factor * static_cast<std::uint32_t>(length);
   return 1;
 }
 
 int MULawDecoder::Initialize(const CAudioDecoderConfig* config) {
-  return InitializeOutput(config, kFactor, 0);
+  return InitializeOutput(config, kG711Factor, 0);
 }
 
 int MULawDecoder::Decode(const unsigned char* block, int length, unsigned int /*channelMode*/) {
-  if (!TakeOrSilence(block, length, kFactor)) {
+  if (!TakeOrSilence(block, length, kG711Factor)) {
     return 0;
   }
   cms::DecodeMuLaw(block, static_cast<std::size_t>(length),
                    reinterpret_cast<std::int16_t*>(output_.get()));
-  outputLength_ = kFactor * static_cast<std::uint32_t>(length);
+  outputLength_ = kG711Factor * static_cast<std::uint32_t>(length);
   return 1;
 }

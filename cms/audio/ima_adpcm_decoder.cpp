@@ -6,7 +6,7 @@
 
 namespace {
 
-constexpr unsigned int kFactor = 4;
+constexpr unsigned int kImaFactor = 4;
 constexpr std::size_t kGroupSamples = 16;
 constexpr std::size_t kFirstState = 56;
 constexpr std::size_t kSecondState = 60;
@@ -43,7 +43,7 @@ int IMAADPCMDecoder::Initialize(const CAudioDecoderConfig* config) {
   secondStepIndex_ = 0;
   firstPredictor_ = 0;
   secondPredictor_ = 0;
-  return InitializeOutput(config, kFactor, kGroupSamples * sizeof(std::int16_t));
+  return InitializeOutput(config, kImaFactor, kGroupSamples * sizeof(std::int16_t));
 }
 
 int IMAADPCMDecoder::GetIndexAndPrediction(const unsigned char* block, unsigned int channelMode) {
@@ -61,7 +61,7 @@ int IMAADPCMDecoder::GetIndexAndPrediction(const unsigned char* block, unsigned 
 int IMAADPCMDecoder::Decode(const unsigned char* block, int dataLength, unsigned int channelMode) {
   outputLength_ = 0;
   if (block == nullptr || dataLength < 1 ||
-      !Fits(std::uint64_t{kFactor} * static_cast<unsigned>(dataLength))) {
+      !Fits(std::uint64_t{kImaFactor} * static_cast<unsigned>(dataLength))) {
     return 0;
   }
   GetIndexAndPrediction(block, channelMode);
@@ -93,6 +93,6 @@ int IMAADPCMDecoder::Decode(const unsigned char* block, int dataLength, unsigned
   firstPredictor_ = first.predictedSample;
   secondStepIndex_ = second.stepIndex;
   secondPredictor_ = second.predictedSample;
-  outputLength_ = kFactor * static_cast<std::uint32_t>(dataLength);
+  outputLength_ = kImaFactor * static_cast<std::uint32_t>(dataLength);
   return 1;
 }

@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr unsigned int kFactor = 4;
+constexpr unsigned int kMsFactor = 4;
 constexpr int kHeaderSize = 7;
 constexpr int kMinimumDelta = 16;
 constexpr int kMaximumDelta = std::numeric_limits<int>::max() / 768;
@@ -57,13 +57,13 @@ class Predictor {
 }  // namespace
 
 int MSADPCMDecoder::Initialize(const CAudioDecoderConfig* config) {
-  return InitializeOutput(config, kFactor, 0);
+  return InitializeOutput(config, kMsFactor, 0);
 }
 
 int MSADPCMDecoder::Decode(const unsigned char* block, int length, unsigned int /*channelMode*/) {
   outputLength_ = 0;
   if (block == nullptr || length < 1 ||
-      !Fits(std::uint64_t{kFactor} * static_cast<unsigned>(length))) {
+      !Fits(std::uint64_t{kMsFactor} * static_cast<unsigned>(length))) {
     return 0;
   }
   Predictor predictor(block);
@@ -75,6 +75,6 @@ int MSADPCMDecoder::Decode(const unsigned char* block, int length, unsigned int 
     *out++ = predictor.Next(*each >> 4);
     *out++ = predictor.Next(*each & 0xFu);
   }
-  outputLength_ = kFactor * static_cast<std::uint32_t>(length);
+  outputLength_ = kMsFactor * static_cast<std::uint32_t>(length);
   return 1;
 }

@@ -1,21 +1,16 @@
 #include "cms/exports/recording_exports.h"
 
 #include <array>
-#include <string_view>
+#include <string>
 
 #include "cms/recording/drv_format.h"
 #include "cms/recording/idx_file.h"
+#include "cms/recording/internal/record_text.h"
 #include "cms/recording/recording_names.h"
 #include "cms/runtime/file_io.h"
 #include "cms/runtime/native_path.h"
 
-namespace {
-
-std::wstring_view TextOf(const wchar_t* text) {
-  return text != nullptr ? std::wstring_view(text) : std::wstring_view();
-}
-
-}  // namespace
+using cms::TextOf;
 
 std::uint32_t GetFirstDrvBaiscPos(const wchar_t* path) {
   cms::FileIo& io = cms::CurrentFileIo();

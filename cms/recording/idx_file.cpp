@@ -18,16 +18,14 @@
 #include <cerrno>
 #include <memory>
 
+#include "cms/recording/internal/error_of.h"
+
 namespace cms {
 namespace {
 
 constexpr std::size_t kBufferedRecords = 2048;
 constexpr std::uint64_t kLargestOffset = UINT32_MAX;
 constexpr char kNewSuffix[] = ".new";
-
-int ErrorOf(int error) {
-  return error != 0 ? error : EIO;
-}
 
 }  // namespace
 

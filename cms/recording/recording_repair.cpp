@@ -12,6 +12,7 @@
 
 #include "cms/recording/database_reader.h"
 #include "cms/recording/idx_file.h"
+#include "cms/recording/internal/error_of.h"
 #include "cms/recording/internal/folder_mend.h"
 #include "cms/recording/record_db_list_writer.h"
 #include "cms/recording/recording_names.h"
@@ -25,10 +26,6 @@ namespace {
 
 // A recorder stores the record right after it closed the file.
 constexpr std::int64_t kRecordDelayMilliseconds = 2000;
-
-int ErrorOf(int error) {
-  return error != 0 ? error : EIO;
-}
 
 // Seconds since 1970-01-01 UTC; the end is that of the last frame, as a recorder reports it.
 struct Times {

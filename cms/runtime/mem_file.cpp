@@ -13,14 +13,19 @@
 #include "cms/runtime/native_path.h"
 #include "cms/runtime/wide_text.h"
 
-namespace {
-
-constexpr std::int64_t kSpan = 2'097'152;
+namespace cms {
 
 struct CloseStream {
   void operator()(std::FILE* stream) const { std::fclose(stream); }
 };
-using Stream = std::unique_ptr<std::FILE, CloseStream>;
+
+}  // namespace cms
+
+namespace {
+
+using Stream = std::unique_ptr<std::FILE, cms::CloseStream>;
+
+constexpr std::int64_t kSpan = 2'097'152;
 
 // Opens and measures; a directory is no file, though the platform opens it for reading.
 Stream OpenStream(const wchar_t* path, const wchar_t* mode, std::int64_t& size) {

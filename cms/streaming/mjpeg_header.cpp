@@ -56,7 +56,7 @@ unsigned char* Put(unsigned char* out, std::span<const unsigned char> bytes) {
   return std::copy(bytes.begin(), bytes.end(), out);
 }
 
-std::size_t Read16(const unsigned char* data) {
+std::size_t ReadLength(const unsigned char* data) {
   return static_cast<std::size_t>(data[0] << 8 | data[1]);
 }
 
@@ -89,7 +89,7 @@ std::size_t CMJPEGMainHeader::GetDataOffset(Payload payload) {
     if (offset + kQuantHeader > payload.size()) {
       return 0;
     }
-    offset += kQuantHeader + Read16(payload.data() + offset + 2);
+    offset += kQuantHeader + ReadLength(payload.data() + offset + 2);
   }
   return offset <= payload.size() ? offset : 0;
 }
@@ -115,7 +115,7 @@ int CMJPEGMainHeader::GenerateJPEGHeader(Payload payload, tMJPEGJFIFHeaderParam&
   param.type = Type(payload);
   param.width = Width(payload);
   param.height = Height(payload);
-  const std::size_t interval = restarts ? Read16(payload.data() + kMainHeader) : 0;
+  const std::size_t interval = restarts ? ReadLength(payload.data() + kMainHeader) : 0;
   return MakeHeaders(param, static_cast<unsigned int>(interval));
 }
 

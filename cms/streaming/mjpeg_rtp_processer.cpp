@@ -6,7 +6,7 @@ namespace {
 
 using Header = CMJPEGMainHeader;
 
-Header::Payload PayloadOf(const void* packet, int length, unsigned int headerSize) {
+Header::Payload PayloadBehind(const void* packet, int length, unsigned int headerSize) {
   return Header::Payload(static_cast<const unsigned char*>(packet),
                          static_cast<std::size_t>(length))
       .subspan(headerSize);
@@ -42,7 +42,7 @@ void MJPEGRTPProcesser::GetFrameData(void* /*frame*/, int* /*length*/, int* fram
 }
 
 int MJPEGRTPProcesser::AddDataToFrameBuff(void* packet, int length, unsigned int headerSize) {
-  const auto payload = PayloadOf(packet, length, headerSize);
+  const auto payload = PayloadBehind(packet, length, headerSize);
   if (payload.size() < Header::kMainHeader) {
     return 0;
   }
@@ -61,7 +61,7 @@ int MJPEGRTPProcesser::AddDataToFrameBuff(void* packet, int length, unsigned int
 }
 
 int MJPEGRTPProcesser::FindIFrame(void* packet, int length, unsigned int headerSize) {
-  const auto payload = PayloadOf(packet, length, headerSize);
+  const auto payload = PayloadBehind(packet, length, headerSize);
   return payload.size() >= Header::kMainHeader && Header::FragmentOffset(payload) == 0;
 }
 

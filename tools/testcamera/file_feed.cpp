@@ -9,7 +9,7 @@
 namespace testcamera {
 namespace {
 
-constexpr auto kPoll = std::chrono::milliseconds(5);
+constexpr auto kFeedPoll = std::chrono::milliseconds(5);
 // A feed that was held up longer than this goes on from now instead of catching up in a burst.
 constexpr GstClockTime kLate = 200 * GST_MSECOND;
 
@@ -86,7 +86,7 @@ bool FileFeed::Play() {
     while (!GST_CLOCK_TIME_IS_VALID(now) || now < base_ + played_ + dts) {
       const auto wait = GST_CLOCK_TIME_IS_VALID(now)
                             ? std::chrono::nanoseconds(base_ + played_ + dts - now)
-                            : std::chrono::nanoseconds(kPoll);
+                            : std::chrono::nanoseconds(kFeedPoll);
       if (!WaitFor(wait)) {
         return false;
       }

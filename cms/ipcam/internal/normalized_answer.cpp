@@ -10,7 +10,6 @@
 namespace cms {
 namespace {
 
-constexpr std::wstring_view kSpace = L" \t\r\n";
 constexpr std::size_t kMaxDeclarations = 256;  // keeps the look-up of a prefix short
 
 struct Namespace {
@@ -41,7 +40,7 @@ struct Tag {
 };
 
 void SkipSpace(std::wstring_view& text) {
-  text.remove_prefix(std::min(text.find_first_not_of(kSpace), text.size()));
+  text.remove_prefix(std::min(text.find_first_not_of(kXmlSpace), text.size()));
 }
 
 std::wstring_view TakeUntil(std::wstring_view& text, std::wstring_view stops) {

@@ -10,14 +10,12 @@
 namespace cms {
 namespace {
 
-constexpr std::wstring_view kSpace = L" \t\r\n";
-
 std::wstring_view Trimmed(std::wstring_view text) {
-  const std::size_t begin = text.find_first_not_of(kSpace);
+  const std::size_t begin = text.find_first_not_of(kXmlSpace);
   if (begin == std::wstring_view::npos) {
     return {};
   }
-  return text.substr(begin, text.find_last_not_of(kSpace) + 1 - begin);
+  return text.substr(begin, text.find_last_not_of(kXmlSpace) + 1 - begin);
 }
 
 // Where the first start tag of this name begins; npos when there is none.

@@ -11,6 +11,8 @@
 
 namespace cms {
 
+inline constexpr std::wstring_view kXmlSpace = L" \t\r\n";
+
 // An answer in the spelling that tag searches expect: the elements of ONVIF's namespaces with the
 // prefixes tt, tds, trt and timg whatever the camera calls them, a token in front of all other
 // attributes, double quotes, and no white space at the end of a tag. Anything else stays as it is,

@@ -6,6 +6,7 @@
 
 #include "cms/recording/drv_walker.h"
 #include "cms/recording/idx_file.h"
+#include "cms/recording/internal/error_of.h"
 #include "cms/runtime/file.h"
 #include "cms/runtime/native_path.h"
 
@@ -13,10 +14,6 @@ namespace cms {
 namespace {
 
 constexpr unsigned kRecording = kFileReadWrite | kFileCreate | kFileExclusive;
-
-int ErrorOf(int error) {
-  return error != 0 ? error : EIO;
-}
 
 bool SeekToEnd(FileIo& io, int handle, std::uint64_t& size) {
   const std::int64_t end = io.Seek(handle, 0, SEEK_END);
