@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr int kWaitMilliseconds = 100;  // how late a stop may be noticed
+constexpr int kDatagramWaitMs = 100;  // how late a stop may be noticed
 
 }  // namespace
 
@@ -26,7 +26,7 @@ void UDPClientBase::UDPClientSendThrd(UDPClientBase* client) {
 void UDPClientBase::UDPClientRecvFn() {
   char* data = cms::DatagramBatch::OfThisThread().Data(0);
   while (running_.load(std::memory_order_relaxed) != 0) {
-    if (!cms::WaitSocket(Socket(), POLLIN, kWaitMilliseconds)) {
+    if (!cms::WaitSocket(Socket(), POLLIN, kDatagramWaitMs)) {
       continue;
     }
     sockaddr_in source{};

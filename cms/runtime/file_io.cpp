@@ -177,7 +177,7 @@ class SystemIo final : public FileIo {
   }
 };
 
-std::atomic<FileIo*> replacement{nullptr};
+std::atomic<FileIo*> replacementIo{nullptr};
 
 template <typename Step>
 std::size_t Whole(std::size_t size, int nothing_means, Step step) {
@@ -224,12 +224,12 @@ FileIo& SystemFileIo() {
 }
 
 FileIo& CurrentFileIo() {
-  FileIo* const given = replacement.load(std::memory_order_acquire);
+  FileIo* const given = replacementIo.load(std::memory_order_acquire);
   return given != nullptr ? *given : SystemFileIo();
 }
 
 void ReplaceFileIo(FileIo* io) {
-  replacement.store(io, std::memory_order_release);
+  replacementIo.store(io, std::memory_order_release);
 }
 
 int ScopedFile::Release() {
