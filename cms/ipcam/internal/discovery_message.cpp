@@ -14,7 +14,7 @@
 namespace cms {
 namespace {
 
-constexpr std::string_view kSpace = " \t\r\n";
+constexpr std::string_view kBlanks = " \t\r\n";
 
 // The text between the first ">" behind `tag` and the next "<".
 std::string_view Content(std::string_view answer, std::string_view tag) {
@@ -70,7 +70,7 @@ std::string ScopeValue(std::string_view scopes, std::string_view kind) {
   const std::string_view value =
       scopes.substr(static_cast<std::size_t>(found - scopes.begin()) + prefix.size());
   return Utf8FromWide(
-      Plain(WideFromUtf8(PercentDecoded(value.substr(0, value.find_first_of(kSpace))))));
+      Plain(WideFromUtf8(PercentDecoded(value.substr(0, value.find_first_of(kBlanks))))));
 }
 
 bool HasPtzScope(std::string_view scopes) {
@@ -78,7 +78,7 @@ bool HasPtzScope(std::string_view scopes) {
   for (std::size_t at = scopes.find(kType); at != std::string_view::npos;
        at = scopes.find(kType, at + 1)) {
     const std::string_view type = scopes.substr(at + kType.size());
-    if (EqualAnyCase(type.substr(0, type.find_first_of(kSpace)), "ptz")) {
+    if (EqualAnyCase(type.substr(0, type.find_first_of(kBlanks)), "ptz")) {
       return true;
     }
   }
@@ -104,7 +104,7 @@ bool FindServiceAddress(std::string_view urls, stDiscoveredDevice& device) {
   constexpr std::string_view kHttp = "http://";
   for (std::size_t at = urls.find(kHttp); at != std::string_view::npos; at = urls.find(kHttp)) {
     urls.remove_prefix(at + kHttp.size());
-    std::string_view place = urls.substr(0, urls.find_first_of(kSpace));
+    std::string_view place = urls.substr(0, urls.find_first_of(kBlanks));
     place = place.substr(0, place.find('/'));
     const std::size_t colon = place.find(':');
     const std::string_view host = place.substr(0, colon);
