@@ -134,7 +134,8 @@ class ClipExport {
         frames_(options.parts, options.stream),
         progress_(frames_.Total()),
         writer_(options.path, FormatOf(options, beginning)),
-        order_(beginning.reordering) {
+        order_(beginning.reordering),
+        firstSound_(beginning.audio) {
     if (beginning.reordering != 0) {
       numbers_.emplace(video_);
     }
@@ -228,7 +229,14 @@ class ClipExport {
   }
 
   void WriteAudio(const TimedFrame& next) {
-    if (audio_ && summary_.frames != 0 && AudioOf(next.frame) == *audio_) {
+    if (summary_.frames == 0) {
+      return;
+    }
+    const ClipAudio own = AudioOf(next.frame);
+    if (!firstSound_ || !(own == *firstSound_)) {
+      otherSound_ = own;
+      ++otherBlocks_;
+    } else if (audio_) {
       writer_.WriteAudio(frames_.Payload(next.frame, ClipPadding()), next.time);
     }
   }
@@ -238,6 +246,13 @@ class ClipExport {
     if (foreignFrames_ != 0) {
       summary_.notes.push_back("the video's codec changes: " + std::to_string(foreignFrames_) +
                                " frames are not in this clip; export them from where it changes");
+    }
+    if (otherSound_) {
+      summary_.notes.push_back(
+          (firstSound_ ? "the sound changes: " : "sound begins behind the clip's beginning: ") +
+          std::to_string(otherBlocks_) + " blocks (" + NameOf(*otherSound_) +
+          ") are not in this clip; export them from where it " +
+          (firstSound_ ? "changes" : "begins"));
     }
     if (frames_.OtherFrames() != 0) {
       summary_.notes.push_back("there are pictures of other streams as well; choose with --stream");
@@ -256,6 +271,9 @@ class ClipExport {
   std::int64_t begin_ = 0;  // of the first picture written
   bool foreign_ = false;
   std::uint64_t foreignFrames_ = 0;
+  const std::optional<ClipAudio> firstSound_;
+  std::optional<ClipAudio> otherSound_;  // what came that is not in the clip
+  std::uint64_t otherBlocks_ = 0;
 };
 
 }  // namespace

@@ -25,6 +25,7 @@ struct Arguments {
   std::string month;
   std::string from;
   std::string to;
+  bool prune = false;
   bool utc = false;
   bool json = false;
 };
@@ -46,6 +47,12 @@ Interval ReadInterval(const Arguments& arguments) {
       throw UsageError("--month", "\"" + arguments.month + "\" is no month; write 2026-11");
     }
     return interval;
+  }
+  if (arguments.prune) {
+    if (!arguments.from.empty() || !arguments.to.empty()) {
+      throw UsageError("--prune", "is a search over all time");
+    }
+    return {LocalPBSearchEngine::kFullRangeStart, LocalPBSearchEngine::kFullRangeEnd};
   }
   if (arguments.from.empty() || arguments.to.empty()) {
     throw UsageError("say --month YYYY-MM, or --from TIME and --to TIME");
@@ -86,7 +93,12 @@ class Search {
       interval_.from = MonthBegin(interval.year, interval.month);
       interval_.to = MonthBegin(interval.year, interval.month + 1) - 1;
     } else {
-      engine_.searchByInterval(interval.from, interval.to);
+      // A folder of recordings may be away for a while: whoever looks for something removes
+      // nothing.
+      const bool all = interval.from == LocalPBSearchEngine::kFullRangeStart &&
+                       interval.to == LocalPBSearchEngine::kFullRangeEnd;
+      engine_.searchByInterval(interval.from,
+                               all && !arguments.prune ? interval.to - 1 : interval.to);
       engine_.loadEventList();
     }
     for (const cms::GapRow& gap : cms::ReadGapLog(0).rows) {
@@ -206,6 +218,11 @@ void AddSearchCommand(Command app, CommandResult& result) {
       .Excludes(month);
   search.AddOption("--to", arguments->to, "likewise; a day alone is its end")
       .TypeName("TIME")
+      .Excludes(month);
+  search
+      .AddFlag("--prune", arguments->prune,
+               "search all time, and take the events out of the event list that no recording shows "
+               "any more")
       .Excludes(month);
   search.AddFlag("--utc", arguments->utc, "print times in UTC");
   search.AddFlag("--json", arguments->json, "print one JSON object; its times are in UTC");

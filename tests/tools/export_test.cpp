@@ -175,6 +175,31 @@ TEST_F(Export, SoundGoesWhereTheContainerTakesIt) {
   }
 }
 
+TEST_F(Export, SoundThatIsLeftOutIsTold) {
+  const struct {
+    std::uint32_t first;
+    std::uint32_t second;
+    std::string says;
+  } cases[] = {{kMuLaw, kL16, "the sound changes: 50 blocks (L16) are not in this clip"},
+               {0, kMuLaw, "50 blocks (mu-law)"},
+               {kMuLaw, kMuLaw, ""}};
+  for (const auto& each : cases) {
+    test::RecordedClipSpec spec;
+    spec.clip.frames = 1500;  // further than is looked ahead
+    spec.audioCodec = each.first;
+    const std::string one = Drv(RecordClip(spec));
+    spec.clip.frames = 50;
+    spec.start = kStart + 60;
+    spec.audioCodec = each.second;
+    test::WriteWholeFile(Out("two.drv"), RecordClip(spec).bytes);
+    const ShellResult result =
+        RunOrvanta("export --json " + one + " " + Out("two.drv") + " " + Out("a.mkv"));
+    EXPECT_EQ(Parsed(result)["frames"], 1550);
+    EXPECT_THAT(result.errors, HasSubstr(each.says));
+    EXPECT_EQ(result.errors.empty(), each.says.empty()) << result.errors;
+  }
+}
+
 TEST_F(Export, FilesOfASiteFollowEachOtherWithoutLosingAFrame) {
   test::DataFolderMaker data(Out("data"));
   test::RecordedClipSpec spec;

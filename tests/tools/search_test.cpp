@@ -81,6 +81,28 @@ TEST_F(Search, TellsDaysSpansEventsAndGaps) {
   }
 }
 
+// A disk that is away for a while takes no events with it, unless that is asked for.
+TEST_F(Search, OnlyPruningRemovesEvents) {
+  const std::string list = folder_.File("data/EventList0");
+  const std::string events = test::ReadWholeFile(list);
+  const std::string folder = folder_.File("data/recordings");
+  std::filesystem::rename(folder, folder_.File("away"));
+  std::filesystem::create_directories(folder);
+  const std::string all = "--from 1970-01-01T00:00:00Z --to 2106-02-07T06:28:15Z";
+  EXPECT_EQ(Run(all).status, 0);
+  EXPECT_EQ(test::ReadWholeFile(list), events);
+  EXPECT_EQ(Run("--prune --month 2023-11").status, 2);
+  EXPECT_EQ(Run("--prune " + all).status, 2);
+  std::filesystem::remove(folder);
+  std::filesystem::rename(folder_.File("away"), folder);
+  const ShellResult found = Run("--json --prune");
+  EXPECT_EQ(json::parse(found.output, nullptr, false)["events"].size(), 1u) << found.errors;
+  EXPECT_EQ(test::ReadWholeFile(list), events);
+  std::filesystem::remove_all(folder);
+  EXPECT_EQ(Run("--prune").status, 0);
+  EXPECT_EQ(test::ReadWholeFile(list), "");
+}
+
 TEST_F(Search, DrawsAMonthAndSaysWhoseTimesTheyAre) {
   const ShellResult result = Run("--utc --month 2023-11");
   EXPECT_THAT(result.output, HasSubstr("2023-11, days in UTC"));
