@@ -189,6 +189,12 @@ void DrvFrameIndex::TakeFront() {
                        frame->header.FrameType(), false});
     }
   }
+  std::array<std::uint8_t, kDrvHeaderSize> bytes;
+  if (!front.empty() &&
+      (io_.ReadAllAt(drv_, bytes.data(), bytes.size(), raw_.front().offset) < bytes.size() ||
+       !DrvHeader(bytes).Holds())) {
+    raw_.erase(raw_.begin());  // it points beside its frame, which was found now
+  }
   raw_.insert(raw_.begin(), front.begin(), front.end());
 }
 

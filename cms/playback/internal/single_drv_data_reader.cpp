@@ -310,7 +310,8 @@ bool CPlaybackSingleDRVDataReader::Load(const GopPlace& place, PlaybackGop& gop)
     } else if (known) {
       frame.time = frames[next++].time;
     } else if (alone && header.StreamNumber() == stream) {
-      if (header.IsKeyFrame() && next >= behind) {
+      if (header.IsKeyFrame() && next >= behind &&
+          (behind == frames.size() || !HeaderAt(frames[behind].offset))) {
         break;  // of the next group, whose record points elsewhere
       }
       const std::int64_t before = gop.video.back().time;
