@@ -99,6 +99,7 @@ TEST_F(Search, OnlyPruningRemovesEvents) {
   EXPECT_EQ(json::parse(found.output, nullptr, false)["events"].size(), 1u) << found.errors;
   EXPECT_EQ(test::ReadWholeFile(list), events);
   std::filesystem::remove_all(folder);
+  std::filesystem::create_directories(folder);
   EXPECT_EQ(Run("--prune").status, 0);
   EXPECT_EQ(test::ReadWholeFile(list), "");
 }
