@@ -61,8 +61,9 @@ int main(int argc, char** argv) {
     std::this_thread::sleep_for(std::chrono::seconds(1));
     unsigned decoded = 0;
     camera.GetDecodeStatus(0, &decoded, nullptr, nullptr);
-    std::printf("%5.1f fps %7.0f kbit/s %5u pictures\n", camera.GetFps(), camera.GetKbps(),
-                decoded);
+    CMSFrameData data;
+    camera.GetFrameData(&data, sizeof data);
+    std::printf("%5.1f fps %7.0f kbit/s %5u pictures\n", data.fps, data.kbps, decoded);
   }
   const bool saved = argc < 4 || SavePicture(camera, argv[3]);
   camera.StopPlay();

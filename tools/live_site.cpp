@@ -112,10 +112,10 @@ std::string LiveSite::StatusLine() {
   const CMSFrameData last = std::exchange(lastTotals_, totals);
   char text[512];
   if (status.state != ConnectionState::kPlaying) {
-    const bool opening = status.state == ConnectionState::kOpening;
+    const bool waiting = status.state == ConnectionState::kWaiting;
     std::snprintf(text, sizeof text, "#%d %s  %s%s%s", options_.number + 1, shownUrl_.c_str(),
-                  opening ? "opening" : "waiting to try again: ",
-                  opening ? "" : ConnectionFaultName(status.fault),
+                  waiting ? "waiting to try again: " : ConnectionStateName(status.state),
+                  waiting ? ConnectionFaultName(status.fault) : "",
                   (status.detail.empty() ? "" : ": " + status.detail).c_str());
     return text;
   }
@@ -191,17 +191,17 @@ nlohmann::ordered_json LiveSite::Json() const {
 }
 
 nlohmann::ordered_json LiveSite::StatusJson() {
-  constexpr const char* kStates[] = {"closed", "opening", "playing", "waiting"};
   const ConnectionStatus status = Status();
   const bool playing = status.state == ConnectionState::kPlaying;
   nlohmann::ordered_json told = Json();
-  told["state"] = kStates[static_cast<int>(status.state)];
+  told["state"] = ConnectionStateName(status.state);
   told["fault"] = playing || status.fault == ConnectionFault::kNone
                       ? ""
                       : std::string(ConnectionFaultName(status.fault));
   told["detail"] = playing ? "" : status.detail;
-  told["recent_fps"] = playing ? client_->GetFps() : 0.0;
-  told["recent_kbps"] = playing ? client_->GetKbps() : 0.0;
+  const CMSFrameData totals = Totals();
+  told["recent_fps"] = totals.fps;
+  told["recent_kbps"] = totals.kbps;
   return told;
 }
 

@@ -69,8 +69,10 @@ int CMSChannelDataBase::ReInitialCodec() {
 int CMSChannelDataBase::CountResult(DECODE_RESULT result) {
   if (result == DECODE_RESULT_PICTURE) {
     decoded_.fetch_add(1, std::memory_order_relaxed);
+    const std::uint64_t now = cms::TickMilliseconds();
+    lastPicture_.store(now, std::memory_order_relaxed);
     if (FirstPictureTick() == 0) {
-      firstPicture_.store(cms::TickMilliseconds(), std::memory_order_relaxed);
+      firstPicture_.store(now, std::memory_order_relaxed);
     }
     const tagSIZE size = decoder_->GetDecodeImageSize();
     SetVideoWidthAndHeight(static_cast<unsigned>(size.cx), static_cast<unsigned>(size.cy));

@@ -73,8 +73,11 @@ class CMS_API CMSChannelDataBase {
   unsigned GetNotDecodedCount() const { return notDecoded_.load(std::memory_order_relaxed); }
   unsigned GetDecodeErrorCount() const { return decodeErrors_.load(std::memory_order_relaxed); }
   void AddNotDecoded() { notDecoded_.fetch_add(1, std::memory_order_relaxed); }
-  // The tick (cms::TickMilliseconds) of the first decoded picture, 0 before.
+  // The ticks (cms::TickMilliseconds) of the first decoded picture since ForgetFirstPicture and of
+  // the last one, 0 before.
   std::uint64_t FirstPictureTick() const { return firstPicture_.load(std::memory_order_relaxed); }
+  std::uint64_t LastPictureTick() const { return lastPicture_.load(std::memory_order_relaxed); }
+  void ForgetFirstPicture() { firstPicture_.store(0, std::memory_order_relaxed); }
 
   // --- Counters and time ----------------------------------------------------------------------
   void AddSerialNum() { serial_.fetch_add(1, std::memory_order_relaxed); }
@@ -137,6 +140,7 @@ class CMS_API CMSChannelDataBase {
   std::atomic<unsigned> notDecoded_{0};
   std::atomic<unsigned> decodeErrors_{0};
   std::atomic<std::uint64_t> firstPicture_{0};
+  std::atomic<std::uint64_t> lastPicture_{0};
   std::atomic<unsigned> serial_{0};
   std::atomic<std::int64_t> time_{0};
   std::atomic<int> audioEnabled_{0};

@@ -34,23 +34,39 @@ int CMSClientBase::SendAudioData(unsigned char*, int) {
 }
 
 int CMSClientBase::AllocChannelData(unsigned count) {
-  channels_.clear();
-  channelCount_ = count;
-  if (count > recordableChannels_) {
+  Channels channels;
+  {
+    ScopeLock lock(channelsLock_);
+    channels_.swap(channels);
+    channelCount_ = count;
+  }
+  channels.clear();  // without the lock: a decode thread may have to end
+  if (count > 0) {
     recordableChannels_ = std::min(count, cms::kChannels);
   }
   try {
-    channels_.reserve(count);
+    channels.reserve(count);
     for (unsigned i = 0; i < count; ++i) {
-      channels_.push_back(std::make_unique<CMSChannelDataBase>());
-      channels_.back()->SetThreadedDecode(threadedDecode_);
-      channels_.back()->SetRecDuration(GetRecDuration());
+      channels.push_back(std::make_shared<CMSChannelDataBase>());
+      channels.back()->SetThreadedDecode(threadedDecode_);
+      channels.back()->SetRecDuration(GetRecDuration());
     }
   } catch (const std::bad_alloc&) {
-    channels_.clear();
     return 0;
   }
+  ScopeLock lock(channelsLock_);
+  channels_.swap(channels);
   return 1;
+}
+
+std::shared_ptr<CMSChannelDataBase> CMSClientBase::Channel(unsigned channel) const {
+  ScopeLock lock(channelsLock_);
+  return channel < channels_.size() ? channels_[channel] : nullptr;
+}
+
+CMSClientBase::Channels CMSClientBase::CopyOfChannels() const {
+  ScopeLock lock(channelsLock_);
+  return channels_;
 }
 
 // --- A frame's way ------------------------------------------------------------------------------
@@ -60,8 +76,10 @@ void CMSClientBase::OnGetVideoFrame(void* header, int headerSize, void* data, in
   videoFrames_.fetch_add(1, std::memory_order_relaxed);
   keyFrames_.fetch_add(frameType == 1 ? 1 : 0, std::memory_order_relaxed);
   bytes_.fetch_add(static_cast<std::uint64_t>(size), std::memory_order_relaxed);
+  const std::uint64_t now = cms::TickMilliseconds();
+  rate_.Add(now, true, static_cast<std::uint64_t>(size));
   if (firstFrameTick_.load(std::memory_order_relaxed) == 0) {
-    firstFrameTick_.store(cms::TickMilliseconds(), std::memory_order_relaxed);
+    firstFrameTick_.store(now, std::memory_order_relaxed);
   }
   fpsReport_.AddFrameCount(static_cast<unsigned long>(size), 1);
   OnRecordVideoFrame(header, headerSize, data, size, channel);
@@ -76,13 +94,14 @@ void CMSClientBase::OnGetAudioFrame(void* header, int headerSize, void* data, in
                                     unsigned channel) {
   audioFrames_.fetch_add(1, std::memory_order_relaxed);
   bytes_.fetch_add(static_cast<std::uint64_t>(size), std::memory_order_relaxed);
+  rate_.Add(cms::TickMilliseconds(), false, static_cast<std::uint64_t>(size));
   fpsReport_.AddFrameCount(static_cast<unsigned long>(size), 0);
   OnRecordAudioFrame(header, headerSize, data, size, channel);
   OnDecodeAudioFrame(data, size, channel);
 }
 
 void CMSClientBase::OnDecodeVideoFrame(void* data, int size, unsigned channel, int frameType) {
-  CMSChannelDataBase* const state = Channel(channel);
+  const auto state = Channel(channel);
   if (state == nullptr) {
     return;
   }
@@ -121,9 +140,19 @@ int CMSClientBase::GetFrameData(void* buffer, int size) const {
     return tick == 0 || tick < start ? 0 : std::max<std::uint32_t>(1, std::uint32_t(tick - start));
   };
   data.firstFrameMs = since(firstFrameTick_.load(std::memory_order_relaxed));
-  if (const CMSChannelDataBase* const state = Channel(0)) {
+  const std::uint64_t now = cms::TickMilliseconds();
+  const auto ago = [now](std::uint64_t tick) {
+    const std::uint64_t most = CMSFrameData::kNever - 1;
+    return tick == 0 ? CMSFrameData::kNever
+                     : static_cast<std::uint32_t>(std::min(now - std::min(tick, now), most));
+  };
+  data.sinceVideoMs = ago(rate_.LastVideo());
+  if (const auto state = Channel(0)) {
     data.firstPictureMs = since(state->FirstPictureTick());
+    data.sincePictureMs = ago(state->LastPictureTick());
   }
+  data.fps = rate_.Fps(now);
+  data.kbps = rate_.Kbps(now);
   const auto count = std::min<std::size_t>(size > 0 ? std::size_t(size) : 0, sizeof data);
   std::memcpy(buffer, &data, count);
   return static_cast<int>(count);
@@ -141,7 +170,7 @@ double CMSClientBase::GetKbps() const {
 
 int CMSClientBase::GetDecodeStatus(unsigned channel, unsigned* decoded, unsigned* notDecoded,
                                    unsigned* errors) const {
-  const CMSChannelDataBase* const state = Channel(channel);
+  const auto state = Channel(channel);
   if (state == nullptr) {
     return 0;
   }
@@ -162,19 +191,19 @@ int CMSClientBase::IsClientPlaying() const {
 }
 
 std::uint8_t* CMSClientBase::lockDecodedImage(unsigned channel, tagSIZE* size) {
-  CMSChannelDataBase* const state = Channel(channel);
+  const auto state = Channel(channel);
   return state != nullptr ? state->LockDecodedImage(size) : nullptr;
 }
 
 void CMSClientBase::unlockDecodedImage(unsigned channel) {
-  if (CMSChannelDataBase* const state = Channel(channel)) {
+  if (const auto state = Channel(channel)) {
     state->UnlockDecodedImage();
   }
 }
 
 void CMSClientBase::SetThreadedDecode(bool threaded) {
   threadedDecode_ = threaded;
-  for (const auto& channel : channels_) {
+  for (const auto& channel : CopyOfChannels()) {
     channel->SetThreadedDecode(threaded);
   }
 }
@@ -248,6 +277,11 @@ void CMSClientBase::SetState(ConnectionState state) {
 
 void CMSClientBase::MarkOpening() {
   openingTick_.store(cms::TickMilliseconds(), std::memory_order_relaxed);
+  firstFrameTick_.store(0, std::memory_order_relaxed);
+  rate_.Restart();
+  for (const auto& channel : CopyOfChannels()) {
+    channel->ForgetFirstPicture();
+  }
   SetState(ConnectionState::kOpening);
 }
 
@@ -266,8 +300,7 @@ void CMSClientBase::CloseForKeeping() {}
 void CMSClientBase::CancelOpening() {}
 void CMSClientBase::ResumeOpening() {}
 std::uint64_t CMSClientBase::PacketCount() const {
-  return videoFrames_.load(std::memory_order_relaxed) +
-         audioFrames_.load(std::memory_order_relaxed);
+  return videoFrames_.load(std::memory_order_relaxed);
 }
 std::uint64_t CMSClientBase::LostPacketCount() const {
   return 0;

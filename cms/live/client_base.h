@@ -13,6 +13,7 @@
 #include "cms/live/channel_data.h"
 #include "cms/live/connection_status.h"
 #include "cms/live/fps_report.h"
+#include "cms/live/rate_meter.h"
 #include "cms/live/reconnect_policy.h"
 #include "cms/live/recording_kind.h"
 #include "cms/recording/gap_log.h"
@@ -26,7 +27,7 @@ class SiteRecording;
 }
 
 // What GetFrameData copies: totals of the connection since the client was made, over all
-// reconnections.
+// reconnections, and how it fares now.
 struct CMSFrameData {
   std::uint64_t videoFrames = 0;
   std::uint64_t keyFrames = 0;
@@ -34,9 +35,22 @@ struct CMSFrameData {
   std::uint64_t bytes = 0;  // payload bytes of video and audio frames
   std::uint64_t lostPackets = 0;
   std::uint64_t oversizeFrames = 0;  // dropped: over 512,000 bytes
-  std::uint32_t openMs = 0;          // the last opening: from OpenStream to the answer to PLAY
-  std::uint32_t firstFrameMs = 0;    // from OpenStream to the first frame handed on, 0: none yet
-  std::uint32_t firstPictureMs = 0;  // from OpenStream to the first decoded picture, 0: none yet
+
+  // Of the last opening, a reconnection included: from its start to the answer to PLAY, to the
+  // first frame handed on and to the first decoded picture of channel 0; 0: not yet.
+  std::uint32_t openMs = 0;
+  std::uint32_t firstFrameMs = 0;
+  std::uint32_t firstPictureMs = 0;
+
+  // Milliseconds since the last video frame, and since the last decoded picture of channel 0.
+  static constexpr std::uint32_t kNever = 0xFFFFFFFF;  // there has been none
+  std::uint32_t sinceVideoMs = kNever;
+  std::uint32_t sincePictureMs = kNever;
+
+  // What comes at this moment: video frames a second, kilobits of 1000 bits a second. 0 in the
+  // first second of an opening, and when nothing has come for two seconds and two usual distances.
+  double fps = 0;
+  double kbps = 0;
 };
 
 // The abstract base of the streaming clients. They negotiate and receive; this class counts every
@@ -52,8 +66,14 @@ struct CMSFrameData {
 // application from any thread, except that a stream is not opened, closed or destroyed from inside
 // a frame callback: closing waits for the callback to end.
 //
-// Per-channel members ignore channels beyond the channel count (result 0). Results are 1 (or
-// non-zero) for success and 0 for failure.
+// Per-channel members ignore channels beyond the channel count (result 0), and may be asked while
+// another thread closes the stream or makes the channels anew. Results are 1 (or non-zero) for
+// success and 0 for failure.
+//
+// What a channel shows is decided in three places. SetMustDecode(1) opens decoders, for the whole
+// site; EnableDecode(channel, 0) makes the channel use its own; SetDecoder sets how its pictures
+// are to look. Sound likewise: EnableAudio says that the channel's sound is wanted, SetAudioOn that
+// it is to be heard now, and it goes to the player only while both hold.
 class CMS_API CMSClientBase {
  public:
   CMSClientBase();
@@ -61,26 +81,44 @@ class CMS_API CMSClientBase {
   CMSClientBase(const CMSClientBase&) = delete;
   CMSClientBase& operator=(const CMSClientBase&) = delete;
 
+  // --- Life -----------------------------------------------------------------------------------
+  // The structure that the derived client names, which is copied.
   virtual int SetConfig(void* config) = 0;
+  // Delivers and keeps what OpenStream opened; clients over HTTP open it themselves.
   virtual int Play() = 0;
   virtual int Pause() = 0;
   virtual int Resume() = 0;
+  // Ends the delivery and the keeping. It returns when no frame callback runs any more.
   virtual int StopPlay() = 0;
+  // From the next key frame on the site records into a new file; 0 when none is open nor could be
+  // opened.
   virtual int ChangeRecordFile() = 0;
+  // The same under another path, see stRecordParam::path; 0 without a text.
   virtual int ChangeRecordPath(const wchar_t* path) = 0;
+
+  // --- Channels -------------------------------------------------------------------------------
+  // Whether the site decodes at all, 0 at first. Frames are recorded either way. 0 also closes the
+  // decoders.
   virtual void SetMustDecode(int decode);
+  // The number of frames that a channel received while SetMustDecode was off.
   virtual void AddChannelSerialNum(unsigned channel);
   virtual unsigned GetChannelSerialNum(unsigned channel);
+  // For clients that keep pictures of their own; nothing here. For decoded pictures see
+  // lockDecodedImage.
   virtual void LockImage(unsigned channel);
   virtual int LockImageTest(unsigned channel);
   virtual void UnlockImage(unsigned channel);
+  // How pictures are to look; the type of *value is the parameter's, see DECODER_PARAMETER_TYPE.
   virtual void SetDecoder(unsigned channel, DECODER_PARAMETER_TYPE type, const void* value);
   virtual int GetDewarpMode(unsigned channel);
+  // For clients that decode elsewhere; nothing here.
   virtual void GetPicture(unsigned channel, void** picture, MEM_TYPE* type);
+  // Pixels of the last decoded picture, 0 x 0 before.
   virtual int GetWidthAndHeight(unsigned channel, unsigned* width, unsigned* height);
+  // When the last frame came, with the configured offset: seconds since 1970-01-01 UTC.
   virtual std::int64_t GetTime(unsigned channel);
-  virtual int GetVideoType(unsigned channel);
-  virtual int GetAudioType();
+  virtual int GetVideoType(unsigned channel);  // 1 H.264, 2 MJPEG, 3 MPEG-4, 0 not known yet
+  virtual int GetAudioType();                  // a CMSCodecID, or what the configuration says
   // Decoding starts with the next key frame, also on a channel that decodes already. The second
   // argument is not used.
   virtual void EnableDecode(unsigned channel, int unused);
@@ -88,16 +126,24 @@ class CMS_API CMSClientBase {
   virtual int IsDecoingEnable(unsigned channel);
   virtual void SetAudioOn(unsigned channel);
   virtual void SetAudioOff(unsigned channel);
-  virtual int IsPlayAudio(unsigned channel);
+  virtual int IsPlayAudio(unsigned channel);  // what SetAudioOn set
   virtual void EnableAudio(unsigned channel);
   virtual void DisableAudio(unsigned channel);
   virtual int IsAudioEnable(unsigned channel);
+  // A name for people, kept and nothing else; 0 when there is no such channel.
   virtual void SetCameraTitle(unsigned channel, std::string& title);
   virtual int GetCameraTitle(unsigned channel, std::string* title);
+  // Sends a block of sound to the site, without waiting for it; the bytes that were taken, 0 here.
   virtual int SendAudioData(unsigned char* data, int length);
-  virtual int GetJpegRawDataLen(unsigned channel);
+  virtual int GetJpegRawDataLen(unsigned channel);  // 0 here
+
+  // --- Opening --------------------------------------------------------------------------------
+  // Connects and negotiates; waits for the camera. On 0 GetConnectionStatus says why.
   virtual int OpenStream();
+  // Ends everything, an opening in progress on another thread as well. A derived class calls it in
+  // its own destructor: frames come until it returns.
   virtual int CloseStream();
+  // Writes what came with a frame as metadata into the frame's header area; nothing here.
   virtual void ConvertMetadataToDRVHeader(void* metadata, unsigned length, void* header,
                                           unsigned headerLength);
 
@@ -113,7 +159,11 @@ class CMS_API CMSClientBase {
                                   unsigned channel);
   virtual void OnDecodeVideoFrame(void* data, int size, unsigned channel, int frameType);
   virtual void OnDecodeAudioFrame(void* data, int size, unsigned channel);
+  // Makes so many channels, in place of those that there are; 0 of them: none. What is not the
+  // site's is as at first: title, switches, decoders. No picture and no metadata is locked
+  // meanwhile. 0 when memory is short.
   virtual int AllocChannelData(unsigned count);
+  // For clients that make their sockets themselves; nothing here.
   virtual int CreateSocket();
   virtual int DestroySocket();
 
@@ -122,14 +172,16 @@ class CMS_API CMSClientBase {
   // Opens and plays in the background and keeps trying as the policy says; returns at once. Watch
   // GetConnectionStatus. 0 when the stream is kept already.
   int KeepOpen();
+  // Never waits, whatever the camera does.
   ConnectionStatus GetConnectionStatus() const;
 
   // --- Recording ------------------------------------------------------------------------------
-  // SetRecordParam and SetRecordDevice first. Kinds are a CMSRecordKind; other numbers do nothing.
-  // What is recorded is written by the library's own threads at most five seconds later, and every
-  // span in which the site should have recorded and did not stands in the gap log
-  // (cms/recording/gap_log.h). See docs/recording.md. Starting, stopping and changing waits for the
-  // disk; nobody calls in here who holds EventDBLock.
+  // SetRecordParam and SetRecordDevice first. Channels are those of the latest AllocChannelData
+  // that made any: recording goes on while a closed stream has none. Kinds are a CMSRecordKind;
+  // other numbers do nothing. What is recorded is written by the library's own threads at most five
+  // seconds later, and every span in which the site should have recorded and did not stands in the
+  // gap log (cms/recording/gap_log.h). See docs/recording.md. Starting, stopping and changing waits
+  // for the disk; nobody calls in here who holds EventDBLock.
 
   // No frame is recorded and no event begins between the two.
   void DRVRecorderLockerLock();
@@ -195,13 +247,17 @@ class CMS_API CMSClientBase {
   // --- Frames and pictures --------------------------------------------------------------------
   // Copies at most `size` bytes of a CMSFrameData; returns the bytes copied.
   int GetFrameData(void* buffer, int size) const;
+  // What the frame-rate report said when it was last fed: the rate of the last second, a smoothed
+  // one, kilobits of 1024 bits. They stand still while nothing comes; CMSFrameData has rates that
+  // do not.
   double GetFps() const;
   double GetAvgFps() const;
   double GetKbps() const;
-  // Frames decoded, skipped (decoding off, queue full or no decoder) and failed; any may be null.
+  // Frames decoded, skipped (decoding off, a key frame waited for, queue full or no decoder) and
+  // failed; any may be null.
   int GetDecodeStatus(unsigned channel, unsigned* decoded, unsigned* notDecoded,
                       unsigned* errors) const;
-  int IsClientPlaying() const;
+  int IsClientPlaying() const;  // from Play to StopPlay, but for the time that the camera is away
 
   // The newest picture as BGRA rows without gaps at the display size, nullptr while there is none.
   // It stays valid, and decoding of the channel waits, until unlockDecodedImage, which is owed on
@@ -253,7 +309,7 @@ class CMS_API CMSClientBase {
   // Keeps the session alive when it is time; returns the milliseconds until it is to be called
   // again. kNone means that all is well; any other fault ends the stream.
   virtual ConnectionFault KeepAlive(std::uint64_t now, std::uint64_t* nextInMs);
-  // Counts packets of the stream (not only frames): the watchdog looks whether it moves.
+  // Counts packets of the video (not only frames): the watchdog looks whether it moves.
   virtual std::uint64_t PacketCount() const;
   virtual std::uint64_t LostPacketCount() const;
   virtual std::uint64_t OversizeFrameCount() const;
@@ -277,11 +333,9 @@ class CMS_API CMSClientBase {
   int ChangeRecorderFile();
   int ChangeRecorderPath(const wchar_t* path);
 
-  CMSChannelDataBase* Channel(unsigned channel) const {
-    return channel < channelCount_ && channel < channels_.size() ? channels_[channel].get()
-                                                                 : nullptr;
-  }
-  unsigned ChannelCount() const { return channelCount_; }
+  // Stays valid for who holds it, whatever becomes of the stream; null when there is none.
+  std::shared_ptr<CMSChannelDataBase> Channel(unsigned channel) const;
+  unsigned ChannelCount() const { return channelCount_.load(std::memory_order_relaxed); }
   int MustDecode() const { return mustDecode_.load(std::memory_order_relaxed); }
 
   mutable CMSCritical lock_;  // the client's lock: configuration and life cycle
@@ -297,9 +351,13 @@ class CMS_API CMSClientBase {
 
   bool MayRecord(unsigned channel) const;
 
-  unsigned channelCount_ = 0;
-  std::atomic<unsigned> recordableChannels_{0};  // that there ever were: while a stream is away too
-  std::vector<std::unique_ptr<CMSChannelDataBase>> channels_;
+  using Channels = std::vector<std::shared_ptr<CMSChannelDataBase>>;
+  Channels CopyOfChannels() const;
+
+  std::atomic<unsigned> channelCount_{0};
+  std::atomic<unsigned> recordableChannels_{0};  // the last count above 0: while there are none too
+  mutable CMSCritical channelsLock_;             // for a moment only, inside all others
+  Channels channels_ CMS_GUARDED_BY(channelsLock_);
   std::atomic<int> mustDecode_{0};
   stFisheyeParameter fisheye_;
 
@@ -316,6 +374,7 @@ class CMS_API CMSClientBase {
   std::atomic<std::uint64_t> openingTick_{0};
   std::atomic<std::uint32_t> openMs_{0};
   std::atomic<std::uint64_t> firstFrameTick_{0};
+  cms::RateMeter rate_;
 
   mutable CMSCritical statusLock_;
   ConnectionStatus status_ CMS_GUARDED_BY(statusLock_);

@@ -12,7 +12,7 @@ bool IsPlayer(const cms::AudioPlayer* player) {
 }  // namespace
 
 void CMSClientBase::OnDecodeAudioFrame(void* data, int size, unsigned channel) {
-  CMSChannelDataBase* const state = Channel(channel);
+  const auto state = Channel(channel);
   if (state == nullptr || state->IsAudioEnable() == 0 || state->IsPlayAudio() == 0) {
     return;
   }

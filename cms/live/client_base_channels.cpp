@@ -4,7 +4,7 @@
 namespace {
 
 template <typename Action>
-auto IfPresent(CMSChannelDataBase* channel, Action action) {
+auto IfPresent(const std::shared_ptr<CMSChannelDataBase>& channel, Action action) {
   using Result = decltype(action(*channel));
   if constexpr (std::is_void_v<Result>) {
     if (channel != nullptr) {

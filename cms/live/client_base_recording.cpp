@@ -29,7 +29,7 @@ cms::PreAlarmBuffer::Frame FrameOf(const void* header, int headerSize, const voi
 
 void CMSClientBase::OnRecordVideoFrame(void* header, int headerSize, void* data, int size,
                                        unsigned channel) {
-  CMSChannelDataBase* const state = Channel(channel);
+  const auto state = Channel(channel);
   if (state == nullptr || channel >= cms::kChannels) {
     return;
   }
@@ -72,7 +72,7 @@ void CMSClientBase::SetRecordDevice(const wchar_t* address, const wchar_t* siteN
 
 void CMSClientBase::SetRecDuration(unsigned seconds) {
   recording_->SetDuration(seconds);
-  for (const auto& channel : channels_) {
+  for (const auto& channel : CopyOfChannels()) {
     channel->SetRecDuration(seconds);
   }
 }

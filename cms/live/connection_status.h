@@ -25,7 +25,14 @@ enum class ConnectionFault {
   kCancelled,         // closed by the client application while opening
 };
 
-enum class ConnectionState { kClosed, kOpening, kPlaying, kWaiting };
+enum class ConnectionState {
+  kClosed,   // nothing is open, and nothing is going to be opened
+  kOpening,  // the camera is being asked
+  kPlaying,  // frames are delivered as they come
+  kWaiting,  // the next attempt comes by itself, see `retryInMs`
+  kOpen,     // opened, and nothing is delivered: before Play or after StopPlay
+  kPaused,   // the camera was asked to pause; the session is kept alive
+};
 
 struct ConnectionStatus {
   ConnectionState state = ConnectionState::kClosed;
@@ -35,5 +42,7 @@ struct ConnectionStatus {
   std::uint64_t retryInMs = 0;   // in state kWaiting: time left until the next attempt
 };
 
+// A short English name of a state, such as "playing".
+CMS_API const char* ConnectionStateName(ConnectionState state);
 // A short English name of a fault, such as "password refused".
 CMS_API const char* ConnectionFaultName(ConnectionFault fault);

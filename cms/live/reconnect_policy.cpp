@@ -2,6 +2,24 @@
 
 #include <algorithm>
 
+const char* ConnectionStateName(ConnectionState state) {
+  switch (state) {
+    case ConnectionState::kClosed:
+      return "closed";
+    case ConnectionState::kOpening:
+      return "opening";
+    case ConnectionState::kPlaying:
+      return "playing";
+    case ConnectionState::kWaiting:
+      return "waiting";
+    case ConnectionState::kOpen:
+      return "open";
+    case ConnectionState::kPaused:
+      return "paused";
+  }
+  return "unknown";
+}
+
 const char* ConnectionFaultName(ConnectionFault fault) {
   switch (fault) {
     case ConnectionFault::kNone:
@@ -52,6 +70,11 @@ std::uint32_t ReconnectPause(const ReconnectPolicy& policy, ConnectionFault faul
              fault == ConnectionFault::kNoUsableVideo) {
     first = policy.firstFullPauseMs;
     longest = policy.longestFullPauseMs;
+  } else if (fault == ConnectionFault::kUnreachable || fault == ConnectionFault::kClosedByCamera) {
+    const std::uint32_t limit = failures <= ReconnectPolicy::kBriefFailures
+                                    ? policy.longestBriefPauseMs
+                                    : policy.longestAwayPauseMs;
+    longest = limit == 0 ? longest : std::min<std::uint64_t>(longest, limit);
   }
   const std::uint32_t doublings = std::min<std::uint32_t>(failures > 0 ? failures - 1 : 0, 31);
   const std::uint64_t pause = std::min(first << doublings, longest);

@@ -12,11 +12,18 @@
 struct ReconnectPolicy {
   bool enabled = true;  // false: a lost stream stays lost until the client application opens it
 
-  std::uint32_t deadStreamMs = 10'000;  // no packet for so long: the stream is dead
+  std::uint32_t deadStreamMs = 10'000;  // no video packet for so long: the stream is dead
   std::uint32_t settledMs = 30'000;     // a stream that held so long starts the pauses anew
 
   std::uint32_t firstPauseMs = 1'000;
   std::uint32_t longestPauseMs = 60'000;
+
+  // A camera that cannot be reached, or that ended the connection, is back in seconds more often
+  // than not, and asking costs nobody anything: no pause is longer than the first of these for
+  // kBriefFailures failures, some minutes, then than the second. 0: as longestPauseMs has it.
+  static constexpr std::uint32_t kBriefFailures = 40;
+  std::uint32_t longestBriefPauseMs = 5'000;
+  std::uint32_t longestAwayPauseMs = 15'000;
 
   // A full camera frees a session when somebody leaves, a missing stream appears when somebody
   // configures it: neither is helped by asking every second.

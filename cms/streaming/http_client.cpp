@@ -181,10 +181,10 @@ int CMSHTTPClient::InitialCodecs() {
     AllocChannelData(config_.channelCount);  // StopPlay released them
   }
   for (unsigned i = 0; i < ChannelCount(); ++i) {
-    CMSChannelDataBase* const channel = Channel(i);
+    const auto channel = Channel(i);
     if (channel == nullptr || channel->InitialCodec(config_.codec) == 0) {
       for (unsigned opened = 0; opened < ChannelCount(); ++opened) {
-        if (CMSChannelDataBase* const other = Channel(opened)) {
+        if (const auto other = Channel(opened)) {
           other->ReleaseCodec();
         }
       }
@@ -330,9 +330,9 @@ void CMSHTTPClient::Process() {
     parsing_.store(true);
     const int length = connection_->OnRecv(received.get(), kReceiveChunk);
     if (length > 0) {
-      packets_.fetch_add(1, std::memory_order_relaxed);
       Keep(received.get(), length);
-      ParseFrames();
+      // Bytes that ended nothing but sound are no sign that the video lives.
+      packets_.fetch_add(ParseFrames() ? 0 : 1, std::memory_order_relaxed);
     }
     parsing_.store(false);
   }
@@ -346,8 +346,11 @@ void CMSHTTPClient::Keep(const char* data, int length) {
   }
 }
 
-void CMSHTTPClient::ParseFrames() {
+// True when there was sound and no picture.
+bool CMSHTTPClient::ParseFrames() {
   int more = 1;
+  bool sound = false;
+  bool picture = false;
   while (more == 1 && running_.load(std::memory_order_relaxed) != 0) {
     int isAudio = 0;
     int length = 0;
@@ -357,8 +360,9 @@ void CMSHTTPClient::ParseFrames() {
       continue;
     }
     if (length <= 0 || length > raw_->Length()) {
-      return;  // no frame of this length is there: asking again would not end
+      break;  // no frame of this length is there: asking again would not end
     }
+    (isAudio != 0 ? sound : picture) = true;
     if (isAudio != 0) {
       OnStreamAudioFrame(0, 0, raw_->Data(), length, extra);
     } else {
@@ -368,4 +372,5 @@ void CMSHTTPClient::ParseFrames() {
       raw_->Erase(0, length);
     }
   }
+  return sound && !picture;
 }

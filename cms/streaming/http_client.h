@@ -106,7 +106,7 @@ class CMS_API CMSHTTPClient : public CMSClientBase {
   int Fail(ConnectionFault fault, const std::string& what);
   void Process();
   void Keep(const char* data, int length);
-  void ParseFrames();
+  bool ParseFrames();
   void OnConnectionClosed();
 
   // Under the client's lock; the process thread uses the connection and the raw buffer while it

@@ -13,7 +13,7 @@
 
 // Counters of the sessions before this one.
 struct CMSRTSPClient::Totals {
-  std::atomic<std::uint64_t> packets{0};
+  std::atomic<std::uint64_t> packets{0};  // of the video
   std::atomic<std::uint64_t> lost{0};
   std::atomic<std::uint64_t> oversize{0};
 };
@@ -76,6 +76,7 @@ int CMSRTSPClient::SetConfig(void* config) {
 
 int CMSRTSPClient::OpenStream() {
   ScopeLock lock(lock_);
+  paused_ = paused_ && opened_;
   return OpenLocked();
 }
 
@@ -94,6 +95,7 @@ int CMSRTSPClient::OpenLocked() {
     return 0;
   }
   MarkOpened();
+  SetState(ConnectionState::kOpen);
   return 1;
 }
 
@@ -103,6 +105,7 @@ int CMSRTSPClient::CloseStream() {
   {
     ScopeLock lock(lock_);
     CloseLocked();
+    paused_ = false;
   }
   ResumeOpening();
   return 1;
@@ -122,7 +125,7 @@ void CMSRTSPClient::CloseLocked() {
     ScopeLock lock(sessionLock_);
     for (const bool video : {true, false}) {
       const RTSPSubSession& stream = session_->Stream(video).subSession;
-      totals_->packets.fetch_add(stream.PacketCount(), std::memory_order_relaxed);
+      totals_->packets.fetch_add(video ? stream.PacketCount() : 0, std::memory_order_relaxed);
       totals_->lost.fetch_add(stream.MissingPacketCount(), std::memory_order_relaxed);
       totals_->oversize.fetch_add(stream.OversizeFrameCount(), std::memory_order_relaxed);
     }
@@ -149,14 +152,19 @@ int CMSRTSPClient::StartDelivery() {
   session_->Stream(true).subSession.Play();
   session_->Stream(false).subSession.Play();
   playing_.store(1, std::memory_order_relaxed);
-  SetState(ConnectionState::kPlaying);
+  SetState(paused_ ? ConnectionState::kPaused : ConnectionState::kPlaying);
   return 1;
 }
 
 int CMSRTSPClient::StopPlay() {
+  CancelOpening();
   StopKeeping();
-  ScopeLock lock(lock_);
-  StopDelivery();
+  {
+    ScopeLock lock(lock_);
+    StopDelivery();
+    SetState(opened_ ? ConnectionState::kOpen : ConnectionState::kClosed);
+  }
+  ResumeOpening();
   return 1;
 }
 
@@ -177,7 +185,7 @@ int CMSRTSPClient::ChangeRecordPath(const wchar_t* path) {
 
 void CMSRTSPClient::SetMustDecode(int decode) {
   ScopeLock lock(lock_);
-  CMSChannelDataBase* const channel = Channel(config_.channel);
+  const auto channel = Channel(config_.channel);
   if (channel != nullptr && decode != 0) {
     InitialChannelCodec();
   }
@@ -199,7 +207,7 @@ CMSCodecID CMSRTSPClient::VideoCodec() const {
 }
 
 void CMSRTSPClient::InitialChannelCodec() {
-  CMSChannelDataBase* const channel = Channel(config_.channel);
+  const auto channel = Channel(config_.channel);
   if (channel == nullptr) {
     return;
   }
@@ -226,34 +234,34 @@ void CMSRTSPClient::CloseForKeeping() {
 }
 
 void CMSRTSPClient::CancelOpening() {
+  ScopeLock lock(sessionLock_);
   cancels_.fetch_add(1);
-  std::shared_ptr<Session> session;
-  {
-    ScopeLock lock(sessionLock_);
-    session = session_;
-  }
-  if (session != nullptr) {
-    session->Connection().Cancel();
+  if (session_ != nullptr) {
+    session_->Connection().Cancel();
   }
 }
 
 void CMSRTSPClient::ResumeOpening() {
-  cancels_.fetch_sub(1);
+  ScopeLock lock(sessionLock_);
+  if (cancels_.fetch_sub(1) == 1 && session_ != nullptr) {
+    session_->Connection().TakeBackCancel();
+  }
 }
 
+// Every description has video; a camera that only goes on with its sound has died as far as anybody
+// is concerned.
 std::uint64_t CMSRTSPClient::PacketCount() const {
-  std::uint64_t count = totals_->packets.load(std::memory_order_relaxed);
   ScopeLock lock(sessionLock_);
+  std::uint64_t count = totals_->packets.load(std::memory_order_relaxed);
   if (session_ != nullptr) {
-    count += session_->Stream(true).subSession.PacketCount() +
-             session_->Stream(false).subSession.PacketCount();
+    count += session_->Stream(true).subSession.PacketCount();
   }
   return count;
 }
 
 std::uint64_t CMSRTSPClient::LostPacketCount() const {
-  std::uint64_t count = totals_->lost.load(std::memory_order_relaxed);
   ScopeLock lock(sessionLock_);
+  std::uint64_t count = totals_->lost.load(std::memory_order_relaxed);
   if (session_ != nullptr) {
     count += session_->Stream(true).subSession.MissingPacketCount() +
              session_->Stream(false).subSession.MissingPacketCount();
@@ -262,8 +270,8 @@ std::uint64_t CMSRTSPClient::LostPacketCount() const {
 }
 
 std::uint64_t CMSRTSPClient::OversizeFrameCount() const {
-  std::uint64_t count = totals_->oversize.load(std::memory_order_relaxed);
   ScopeLock lock(sessionLock_);
+  std::uint64_t count = totals_->oversize.load(std::memory_order_relaxed);
   if (session_ != nullptr) {
     count += session_->Stream(true).subSession.OversizeFrameCount();
   }
@@ -314,7 +322,7 @@ void CMSRTSPClient::OnAudio(void* context, unsigned char* frameBuffer, int, unsi
 
 void CMSRTSPClient::HandVideo(unsigned char* header, unsigned char* payload, int length,
                               int frameType) {
-  CMSChannelDataBase* const channel = Channel(config_.channel);
+  const auto channel = Channel(config_.channel);
   cms::VideoFrameInfo info;
   info.payloadSize = static_cast<std::uint32_t>(length);
   info.hostSeconds = cms::WallSeconds();

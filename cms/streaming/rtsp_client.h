@@ -63,7 +63,9 @@ struct stRTSPClientConfig {
 // OPTIONS, DESCRIBE, SETUP of video and audio, PLAY; then frames. See CMSClientBase for the life
 // and the threads of a client. OpenStream may take up to twice connectTimeoutMs plus
 // answerTimeoutMs for each request; CloseStream and StopPlay from another thread end it at once. A
-// call at the wrong time returns 0 and says why in the status's detail.
+// call at the wrong time returns 0 and says why in the status's detail. SetMustDecode waits for an
+// opening, Pause and Resume wait for the camera's answer: none of them is called from inside a
+// frame callback.
 class CMS_API CMSRTSPClient : public CMSClientBase {
  public:
   CMSRTSPClient();
@@ -72,13 +74,20 @@ class CMS_API CMSRTSPClient : public CMSClientBase {
   // `config` is an stRTSPClientConfig. 0 when the URL cannot be used (the status says why), and
   // while the stream is open.
   int SetConfig(void* config) override;
+  // The camera is asked to play, but IsClientPlaying is 0 until Play.
   int OpenStream() override;
   int CloseStream() override;
   // From Play on frames are delivered and the stream is kept, see CMSClientBase.
   int Play() override;
+  // No frame is delivered any more, and the stream is not kept; what is open stays open.
   int StopPlay() override;
-  int Pause() override;   // sends PAUSE
-  int Resume() override;  // sends PLAY again
+  // Sends PAUSE. A paused stream stays paused: it is kept alive, is not taken for dead, and when
+  // the connection is lost it is opened up to PLAY and waits for Resume. 0 when it is not open or
+  // the camera refuses.
+  int Pause() override;
+  // Sends PLAY again. While a paused camera is away the result is 1 as well: it plays when it is
+  // back.
+  int Resume() override;
   int ChangeRecordFile() override;
   int ChangeRecordPath(const wchar_t* path) override;
   void SetMustDecode(int decode) override;
@@ -187,6 +196,7 @@ class CMS_API CMSRTSPClient : public CMSClientBase {
   bool getParameterEnds_ = false;   // it ended a connection: OPTIONS from the next opening on
   std::uint64_t nextKeepAlive_ = 0;
   bool opened_ = false;
+  bool paused_ = false;
 
   mutable CMSCritical sessionLock_;  // guards the pointer and the names, for other threads' reads
   std::shared_ptr<Session> session_;

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 #include <random>
+#include <utility>
 
 #include "cms/live/frame_header.h"
 #include "cms/streaming/internal/parameter_sets.h"
@@ -46,7 +47,9 @@ int CMSRTSPClient::Negotiate() {
   if (session_->Talk().Present() && SetupTalk() == 0) {
     return 0;
   }
-  return PlayMedia();
+  // A paused stream that comes back stays in the state that PAUSE leads to, which is that before
+  // PLAY (RFC 2326, appendix A.1).
+  return paused_ ? 1 : PlayMedia();
 }
 
 int CMSRTSPClient::Connect() {
@@ -177,7 +180,7 @@ int CMSRTSPClient::Describe() {
   announcedFrameRate_ = session_->description.FrameRate();
   if (MustDecode() != 0) {
     InitialChannelCodec();
-  } else if (CMSChannelDataBase* const channel = Channel(config_.channel)) {
+  } else if (const auto channel = Channel(config_.channel)) {
     channel->SetVideoType(VideoCodec());
   }
 
@@ -313,14 +316,30 @@ int CMSRTSPClient::PlayMedia() {
 int CMSRTSPClient::Pause() {
   ScopeLock lock(lock_);
   std::string answer;
-  return opened_ ? Exchange(
-                       "PAUSE", [this] { return SendPause(); }, &answer)
-                 : 0;
+  if (!opened_ || Exchange(
+                      "PAUSE", [this] { return SendPause(); }, &answer) == 0) {
+    return 0;
+  }
+  paused_ = true;
+  if (IsClientPlaying() != 0) {
+    SetState(ConnectionState::kPaused);
+  }
+  return 1;
 }
 
 int CMSRTSPClient::Resume() {
   ScopeLock lock(lock_);
-  return opened_ ? PlayMedia() : 0;
+  if (!opened_) {  // it plays once it is open again
+    return std::exchange(paused_, false) ? 1 : 0;
+  }
+  if (PlayMedia() == 0) {
+    return 0;
+  }
+  paused_ = false;
+  if (IsClientPlaying() != 0) {
+    SetState(ConnectionState::kPlaying);
+  }
+  return 1;
 }
 
 void CMSRTSPClient::TearDown() {

@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <thread>
+#include <vector>
+
 #include "tests/support/encoded_clip.h"
 #include "tests/support/wait.h"
 
@@ -21,6 +25,7 @@ class Client final : public CMSClientBase {
   void OnRecordAudioFrame(void*, int, void*, int, unsigned) override { ++recordedAudio; }
 
   using CMSClientBase::Channel;
+  using CMSClientBase::MarkOpening;
   void SetSiteType(int type) { siteType_ = type; }
 
   void Give(const std::string& data, int frameType, unsigned channel = 0) {
@@ -103,6 +108,54 @@ TEST(CMSClientBase, ChannelsBeyondTheCountAreIgnoredByEveryMember) {
   EXPECT_EQ(read, "Gate");
 }
 
+// A viewer asks for sizes and titles while a stream is stopped and its channels go.
+TEST(CMSClientBase, ChannelsMayGoWhileOthersAskForThem) {
+  Client client(4);
+  std::atomic<bool> done{false};
+  std::vector<std::thread> askers;
+  for (int i = 0; i < 2; ++i) {
+    askers.emplace_back([&] {
+      std::string title = "Yard";
+      unsigned width = 0;
+      char metadata[4];
+      while (!done) {
+        for (unsigned channel = 0; channel < 4; ++channel) {
+          client.GetWidthAndHeight(channel, &width, &width);
+          client.SetCameraTitle(channel, title);
+          client.GetCameraTitle(channel, &title);
+          client.GetTime(channel);
+          client.SetMetadata(channel, "data", 4);
+          client.GetMetadata(channel, metadata, sizeof metadata);
+          client.GetDecodeStatus(channel, &width, nullptr, nullptr);
+        }
+        client.SetRecDuration(5);
+        CMSFrameData data;
+        client.GetFrameData(&data, sizeof data);
+      }
+    });
+  }
+  for (unsigned round = 0; round < 300; ++round) {
+    client.AllocChannelData(round % 2 == 0 ? 0 : 4);
+    std::this_thread::yield();
+  }
+  done = true;
+  for (auto& asker : askers) {
+    asker.join();
+  }
+}
+
+TEST(CMSClientBase, RecordsForTheChannelsThatThereAre) {
+  Client client(4);
+  client.SetEventState(3, kEventStateAlarm);
+  EXPECT_EQ(client.GetEventState(3), unsigned{kEventStateAlarm});
+  client.AllocChannelData(1);
+  client.SetEventState(0, kEventStateAlarm);
+  EXPECT_EQ(client.GetEventState(0), unsigned{kEventStateAlarm});
+  EXPECT_EQ(client.GetEventState(3), 0u);
+  client.AllocChannelData(0);  // the stream was closed; what it records goes on
+  EXPECT_EQ(client.GetEventState(0), unsigned{kEventStateAlarm});
+}
+
 // Decoded on the receiving thread, and by a thread of the channel's own.
 class Decoding : public testing::TestWithParam<bool> {
  protected:
@@ -147,6 +200,27 @@ TEST_P(Decoding, WaitsForAKeyFrameAndThenShowsEveryPicture) {
   client_.DisableDecode(0);
   client_.Give(clip_[20]);
   EXPECT_EQ(client_.NotDecoded(), 9u);
+}
+
+TEST_P(Decoding, TellsWhenTheLastPictureCameAndTheFirstOneOfEachOpening) {
+  const auto data = [&] {
+    CMSFrameData frames;
+    client_.GetFrameData(&frames, sizeof frames);
+    return frames;
+  };
+  EXPECT_EQ(data().sinceVideoMs, CMSFrameData::kNever);
+  EXPECT_EQ(data().sincePictureMs, CMSFrameData::kNever);
+  for (int opening = 0; opening < 2; ++opening) {
+    client_.MarkOpening();
+    EXPECT_EQ(data().firstFrameMs, 0u);
+    EXPECT_EQ(data().firstPictureMs, 0u);
+    GiveAll(0, 10);
+    ASSERT_TRUE(test::WaitFor([&] { return data().firstPictureMs > 0; }));
+    EXPECT_GT(data().firstFrameMs, 0u);
+    ASSERT_TRUE(test::WaitFor([&] { return data().sincePictureMs >= 20; }));
+    EXPECT_GE(data().sinceVideoMs, data().sincePictureMs);
+    EXPECT_NE(data().sinceVideoMs, CMSFrameData::kNever);
+  }
 }
 
 TEST_P(Decoding, AfterAnErrorFramesAreDroppedUpToTheNextKeyFrame) {

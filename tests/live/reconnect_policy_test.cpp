@@ -15,18 +15,34 @@ TEST(ReconnectPause, GrowsToItsLimitAndJitterTakesAtMostHalf) {
   const ReconnectPolicy policy;
   std::uint32_t previous = 0;
   for (std::uint32_t failures = 1; failures < 100; ++failures) {
-    const auto longest = cms::ReconnectPause(policy, ConnectionFault::kUnreachable, failures, 0);
+    const auto longest = cms::ReconnectPause(policy, ConnectionFault::kNoAnswer, failures, 0);
     EXPECT_GE(longest, previous);
     EXPECT_LE(longest, policy.longestPauseMs);
     for (const std::uint32_t random : {1u, 499u, 0x7FFFFFFFu, 0xFFFFFFFFu}) {
-      const auto pause =
-          cms::ReconnectPause(policy, ConnectionFault::kUnreachable, failures, random);
+      const auto pause = cms::ReconnectPause(policy, ConnectionFault::kNoAnswer, failures, random);
       EXPECT_GE(pause, longest / 2);
       EXPECT_LE(pause, longest);
     }
     previous = longest;
   }
   EXPECT_EQ(previous, policy.longestPauseMs);
+}
+
+// A camera that is restarted, or a cable that is pulled for a moment.
+TEST(ReconnectPause, AnAbsentCameraIsAskedOftenAtFirstAndNeverRarely) {
+  ReconnectPolicy policy;
+  for (const auto fault : {ConnectionFault::kUnreachable, ConnectionFault::kClosedByCamera}) {
+    std::uint64_t elapsed = 0;
+    for (std::uint32_t failures = 1; failures < 1'000; ++failures) {
+      const auto pause = cms::ReconnectPause(policy, fault, failures, 0);
+      elapsed += pause;
+      EXPECT_LE(pause, elapsed <= 180'000 ? 5'000u : 15'000u) << failures;
+    }
+    EXPECT_EQ(cms::ReconnectPause(policy, fault, 1'000, 0), 15'000u);
+    policy.longestPauseMs = 100;  // who wants it quicker gets it
+    EXPECT_LE(cms::ReconnectPause(policy, fault, 1'000, 0), 100u);
+    policy.longestPauseMs = 60'000;
+  }
 }
 
 TEST(ReconnectPause, ARefusedPasswordIsTriedAtMostFiveTimesInTheFirstHour) {
@@ -58,7 +74,7 @@ class CountingSite final : public cms::SiteSupervisor::Site {
 }  // namespace
 
 TEST(SiteSupervisor, TurnsNeverOverlapAndNoneRunsAfterRemove) {
-  auto& supervisor = cms::SiteSupervisor::Instance();
+  auto& supervisor = cms::SiteSupervisor::Keeping();
   std::vector<std::thread> users;
   for (int user = 0; user < 8; ++user) {
     users.emplace_back([&] {

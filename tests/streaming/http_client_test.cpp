@@ -319,6 +319,31 @@ TEST(HttpClient, IsBackAfterTheCameraClosedAndLosesNothingSentBefore) {
   EXPECT_EQ(client.GetConnectionStatus().state, ConnectionState::kPlaying);
 }
 
+TEST(HttpClient, SoundAloneDoesNotKeepAStreamAlive) {
+  Camera camera;
+  MultipartClient client;
+  ReconnectPolicy policy;
+  policy.deadStreamMs = 300;
+  policy.firstPauseMs = 60'000;
+  client.SetReconnectPolicy(policy);
+  stHTTPClientConfig config = ConfigFor(camera.Port());
+  client.SetConfig(&config);
+  ASSERT_EQ(client.KeepOpen(), 1);
+  ASSERT_TRUE(camera.Serve());
+  const auto died = [&] {
+    return client.GetConnectionStatus().fault == ConnectionFault::kStreamDied;
+  };
+  for (int i = 0; i < 60 && !died(); ++i) {  // pictures do
+    camera.Send(Part("image/jpeg", "picture") + Part("audio/basic", "sound"));
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  ASSERT_FALSE(died());
+  EXPECT_TRUE(WaitFor([&] {
+    camera.Send(Part("audio/basic", "sound"));
+    return died();
+  }));
+}
+
 TEST(HttpClient, GoesOnAfterAFrameThatNeverEnds) {
   Camera camera;
   MultipartClient client;

@@ -2,7 +2,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <memory>
+#include <vector>
+
 #include "cms/streaming/rtsp_client.h"
+#include "tests/net/loopback.h"
 #include "tests/support/rtsp_test_client.h"
 #include "tests/support/scripted_rtsp_server.h"
 #include "tests/support/wait.h"
@@ -158,6 +163,127 @@ TEST(Keeping, TakesOverAStreamThatIsOpenAlready) {
   EXPECT_EQ(client.KeepOpen(), 0) << "kept already";
   EXPECT_TRUE(WaitFor([&] { return client.IsClientPlaying() != 0; }));
   EXPECT_EQ(server.Connections().size(), 1u);
+}
+
+TEST_P(KeepingBoth, APausedStreamStaysPausedUntilItIsResumed) {
+  ScriptedRtspServer server({.session = "1;timeout=2"});
+  RtspTestClient client;
+  stRTSPClientConfig config = ConfigFor(server.Url(), GetParam());
+  client.SetConfig(&config);
+  ReconnectPolicy policy = QuickPolicy();
+  policy.deadStreamMs = 200;
+  client.SetReconnectPolicy(policy);
+  const auto state = [&] { return client.GetConnectionStatus().state; };
+  ASSERT_EQ(client.OpenStream(), 1);
+  client.Play();
+  ASSERT_EQ(client.Pause(), 1) << client.GetConnectionStatus().detail;
+  EXPECT_EQ(state(), ConnectionState::kPaused);
+  ASSERT_TRUE(WaitFor([&] { return server.Count("GET_PARAMETER") >= 2; })) << "it is kept alive";
+  EXPECT_EQ(server.Connections().size(), 1u) << "and not taken for dead";
+  EXPECT_EQ(server.Playing(), 0u);
+
+  server.CloseConnections();  // what comes back is paused, too
+  ASSERT_TRUE(WaitFor([&] { return client.GetConnectionStatus().reconnects == 1; }));
+  EXPECT_EQ(state(), ConnectionState::kPaused);
+  EXPECT_EQ(server.Count("PLAY"), 1u);
+  ASSERT_EQ(client.Resume(), 1);
+  EXPECT_EQ(server.Playing(), 1u);
+
+  ASSERT_TRUE(WaitFor([&] { return client.GetConnectionStatus().reconnects >= 2; }))
+      << "resumed, and no packet comes";
+  ASSERT_TRUE(WaitFor([&] { return client.Pause() == 1; }));
+  server.Stop();
+  ASSERT_TRUE(WaitFor([&] { return state() == ConnectionState::kWaiting; }));
+  EXPECT_EQ(client.Resume(), 1) << "taken back while the camera is away";
+  server.Start();
+  EXPECT_TRUE(WaitFor([&] { return server.Playing() == 1; }));
+}
+
+TEST_P(KeepingBoth, AStreamThatIsPlayedAgainCanStillBePaused) {
+  ScriptedRtspServer server;
+  RtspTestClient client;
+  stRTSPClientConfig config = ConfigFor(server.Url(), GetParam());
+  client.SetConfig(&config);
+  ASSERT_EQ(client.OpenStream(), 1);
+  for (int round = 0; round < 3; ++round) {
+    ASSERT_EQ(client.Play(), 1);
+    EXPECT_EQ(client.Pause(), 1) << client.GetConnectionStatus().detail;
+    EXPECT_EQ(client.Resume(), 1) << client.GetConnectionStatus().detail;
+    client.StopPlay();
+  }
+}
+
+// The user corrects what was wrong and does not wait for the next attempt of the library's own.
+TEST(Keeping, AStreamThatTheApplicationOpensMeanwhileIsKeptAtOnce) {
+  ScriptedRtspServer server({.session = "1;timeout=2"});
+  server.Once("DESCRIBE",
+              [](const RtspRequest& r) { return test::RtspResponse(r, 404, "Not Found"); });
+  RtspTestClient client;
+  stRTSPClientConfig config = ConfigFor(server.Url(), kRtspTransportInterleaved);
+  client.SetConfig(&config);
+  ReconnectPolicy policy = QuickPolicy();
+  policy.firstFullPauseMs = 3'600'000;
+  policy.longestFullPauseMs = 3'600'000;
+  client.SetReconnectPolicy(policy);
+  ASSERT_EQ(client.KeepOpen(), 1);
+  ASSERT_TRUE(WaitFor([&] { return client.GetConnectionStatus().retryInMs > 60'000; }));
+  ASSERT_EQ(client.OpenStream(), 1);
+  ASSERT_EQ(client.Play(), 1);
+  ASSERT_TRUE(WaitFor([&] { return server.Count("GET_PARAMETER") >= 1; }));
+  server.CloseConnections();
+  EXPECT_TRUE(WaitFor([&] { return server.Playing() == 1; }));
+}
+
+TEST(Keeping, TheStatusSaysWhatIsGoingOnBetweenOpeningAndClosing) {
+  ScriptedRtspServer server;
+  RtspTestClient client;
+  stRTSPClientConfig config = ConfigFor(server.Url(), kRtspTransportInterleaved);
+  client.SetConfig(&config);
+  const auto state = [&] { return client.GetConnectionStatus().state; };
+  ASSERT_EQ(client.OpenStream(), 1);
+  EXPECT_EQ(state(), ConnectionState::kOpen);
+  EXPECT_EQ(client.IsClientPlaying(), 0);
+  client.Play();
+  EXPECT_EQ(state(), ConnectionState::kPlaying);
+  client.StopPlay();
+  EXPECT_EQ(state(), ConnectionState::kOpen);
+  client.CloseStream();
+  EXPECT_EQ(state(), ConnectionState::kClosed);
+
+  server.Stop();
+  ASSERT_EQ(client.KeepOpen(), 1);
+  ASSERT_TRUE(WaitFor([&] { return client.GetConnectionStatus().retryInMs > 0; }));
+  client.StopPlay();
+  EXPECT_EQ(state(), ConnectionState::kClosed) << "no attempt comes any more";
+  EXPECT_EQ(client.GetConnectionStatus().retryInMs, 0u);
+}
+
+// A recorder that accepts and says nothing, under many names, in front of one good camera.
+TEST(Keeping, SilentCamerasDelayNeitherTheOpeningNorTheKeepingOfAHealthyOne) {
+  const test::Listener silent(256);
+  const std::string silentUrl = "rtsp://127.0.0.1:" + std::to_string(silent.Port()) + "/live";
+  ScriptedRtspServer server({.session = "1;timeout=2"});
+  std::vector<std::unique_ptr<RtspTestClient>> clients;
+  const auto add = [&](const std::string& url) {
+    clients.push_back(std::make_unique<RtspTestClient>());
+    stRTSPClientConfig config = ConfigFor(url, kRtspTransportInterleaved);
+    config.answerTimeoutMs = 600'000;
+    clients.back()->SetConfig(&config);
+    clients.back()->SetReconnectPolicy(QuickPolicy());
+    ASSERT_EQ(clients.back()->KeepOpen(), 1);
+  };
+  for (int i = 0; i < 64; ++i) {
+    add(silentUrl);
+  }
+  add(server.Url());
+  const auto& healthy = *clients.back();
+  ASSERT_TRUE(WaitFor([&] { return healthy.IsClientPlaying() != 0; }));
+  ASSERT_TRUE(WaitFor([&] { return server.Count("GET_PARAMETER") >= 2; }));
+  server.CloseConnections();
+  ASSERT_TRUE(WaitFor([&] { return healthy.GetConnectionStatus().reconnects == 1; }));
+  for (std::size_t i = 0; i + 1 < clients.size(); ++i) {
+    EXPECT_EQ(clients[i]->GetConnectionStatus().state, ConnectionState::kOpening) << i;
+  }
 }
 
 // Many cameras that vanish together must not be opened all at the same moment.

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <random>
+#include <string>
+#include <utility>
 
 #include "cms/runtime/clock.h"
 
@@ -11,13 +13,18 @@ bool CMSClientBase::Keeper::Start(bool playing) {
   if (gaveUp_.exchange(false)) {
     Stop();
   }
+  const std::uint64_t now = cms::TickMilliseconds();
   if (kept_.exchange(true)) {
+    if (playing) {
+      opened_.store(true);
+      SiteSupervisor::Openings().Poke(&opening_);
+    }
     return false;
   }
-  const std::uint64_t now = cms::TickMilliseconds();
-  open_ = playing;
   everOpen_ = playing;
+  isToClose_ = false;
   failures_ = 0;
+  opened_.store(false);
   reconnects_.store(0, std::memory_order_relaxed);
   retryTick_.store(0, std::memory_order_relaxed);
   if (playing) {
@@ -25,7 +32,11 @@ bool CMSClientBase::Keeper::Start(bool playing) {
   } else {
     client_.SetState(ConnectionState::kWaiting);
   }
-  SiteSupervisor::Instance().Add(this, now);
+  {
+    ScopeLock hold(handLock_);
+    stopping_ = false;
+  }
+  HandOver(playing, now);
   return true;
 }
 
@@ -33,14 +44,19 @@ void CMSClientBase::Keeper::Stop() {
   if (!kept_.load()) {
     return;
   }
+  {
+    ScopeLock hold(handLock_);
+    stopping_ = true;  // from now on no turn of one kind leads to one of the other
+  }
   client_.CancelOpening();
-  SiteSupervisor::Instance().Remove(this);
+  SiteSupervisor::Keeping().Remove(&watching_);
+  SiteSupervisor::Openings().Remove(&opening_);
   client_.ResumeOpening();
   kept_.store(false);
 }
 
 void CMSClientBase::Keeper::Poke() {
-  SiteSupervisor::Instance().Poke(this);
+  SiteSupervisor::Keeping().Poke(&watching_);
 }
 
 std::uint64_t CMSClientBase::Keeper::RetryInMs() const {
@@ -49,39 +65,63 @@ std::uint64_t CMSClientBase::Keeper::RetryInMs() const {
   return retry > now ? retry - now : 0;
 }
 
+void CMSClientBase::Keeper::HandOver(bool watched, std::uint64_t now) {
+  watched_.store(watched);
+  ScopeLock hold(handLock_);
+  if (stopping_) {
+    return;
+  }
+  if (watched) {
+    SiteSupervisor::Keeping().Add(&watching_, now);
+  } else {
+    SiteSupervisor::Openings().Add(&opening_, now);
+  }
+}
+
+bool CMSClientBase::Keeper::IsPaused() const {
+  ScopeLock hold(client_.statusLock_);
+  return client_.status_.state == ConnectionState::kPaused;
+}
+
 void CMSClientBase::Keeper::StartWatching(std::uint64_t now) {
   openedAt_ = now;
   lastMoved_ = now;
   lastCount_ = client_.PacketCount();
-  nextKeepAlive_ = now;
 }
 
-std::uint64_t CMSClientBase::Keeper::Turn(std::uint64_t now) {
-  if (open_) {
-    return PlayingTurn(now);
+std::uint64_t CMSClientBase::Keeper::OpenTurn(std::uint64_t now) {
+  if (watched_.load()) {
+    return SiteSupervisor::kNever;
+  }
+  if (std::exchange(isToClose_, false)) {
+    client_.CloseForKeeping();
+    return PauseAfterFailure();
   }
   const std::uint64_t retry = retryTick_.load(std::memory_order_relaxed);
-  return now < retry ? retry : OpenTurn(now);
-}
-
-std::uint64_t CMSClientBase::Keeper::OpenTurn(std::uint64_t) {
+  if (!opened_.exchange(false) && now < retry) {
+    return retry;
+  }
   if (client_.OpenForKeeping() == 0) {
     return PauseAfterFailure();
   }
-  open_ = true;
   if (everOpen_) {
     reconnects_.fetch_add(1, std::memory_order_relaxed);
   }
   everOpen_ = true;
-  const std::uint64_t now = cms::TickMilliseconds();
-  StartWatching(now);
-  return PlayingTurn(now);
+  const std::uint64_t opened = cms::TickMilliseconds();
+  StartWatching(opened);
+  HandOver(true, opened);
+  return SiteSupervisor::kNever;
 }
 
-std::uint64_t CMSClientBase::Keeper::PlayingTurn(std::uint64_t now) {
+std::uint64_t CMSClientBase::Keeper::WatchTurn() {
+  if (!watched_.load()) {
+    return SiteSupervisor::kNever;
+  }
+  const std::uint64_t now = cms::TickMilliseconds();  // not before the watching began
   const ReconnectPolicy policy = client_.GetPolicy();
   const std::uint64_t count = client_.PacketCount();
-  if (count != lastCount_) {
+  if (count != lastCount_ || IsPaused()) {
     lastCount_ = count;
     lastMoved_ = now;
   }
@@ -89,12 +129,11 @@ std::uint64_t CMSClientBase::Keeper::PlayingTurn(std::uint64_t now) {
     failures_ = 0;
   }
 
-  ConnectionFault fault = ConnectionFault::kNone;
   std::uint64_t nextIn = 0;
-  fault = client_.KeepAlive(now, &nextIn);
+  ConnectionFault fault = client_.KeepAlive(now, &nextIn);
   if (fault == ConnectionFault::kNone && now - lastMoved_ >= policy.deadStreamMs) {
     fault = ConnectionFault::kStreamDied;
-    client_.SetFault(fault, "no packet for " + std::to_string(policy.deadStreamMs / 1000) +
+    client_.SetFault(fault, "no video for " + std::to_string(policy.deadStreamMs / 1000) +
                                 " s although the connection stands; opening it again");
   }
   if (fault == ConnectionFault::kNone) {
@@ -102,9 +141,9 @@ std::uint64_t CMSClientBase::Keeper::PlayingTurn(std::uint64_t now) {
     return now + std::min<std::uint64_t>(nextIn, std::max(policy.deadStreamMs / 4, 1u));
   }
 
-  open_ = false;
-  client_.CloseForKeeping();
-  return PauseAfterFailure();
+  isToClose_ = true;
+  HandOver(false, now);
+  return SiteSupervisor::kNever;
 }
 
 std::uint64_t CMSClientBase::Keeper::PauseAfterFailure() {

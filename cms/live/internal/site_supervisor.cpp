@@ -16,8 +16,13 @@ constexpr std::uint64_t kIdleThreadMs = 5'000;
 
 }  // namespace
 
-SiteSupervisor& SiteSupervisor::Instance() {
+SiteSupervisor& SiteSupervisor::Keeping() {
   static auto* const supervisor = new SiteSupervisor("cms-sites");
+  return *supervisor;
+}
+
+SiteSupervisor& SiteSupervisor::Openings() {
+  static auto* const supervisor = new SiteSupervisor("cms-open");
   return *supervisor;
 }
 
@@ -75,7 +80,7 @@ void SiteSupervisor::Remove(Site* site) {
 }
 
 void SiteSupervisor::StartThreadIfNeeded() {
-  if (waiting_ > 0 || threads_ >= kMostThreads) {
+  if (waiting_ > 0) {
     return;
   }
   try {
@@ -84,6 +89,18 @@ void SiteSupervisor::StartThreadIfNeeded() {
     return;  // the threads that run take over when their turns end
   }
   ++threads_;
+}
+
+std::uint64_t SiteSupervisor::NextPlace(std::uint64_t now) const {
+  int quick = 0;
+  std::uint64_t oldest = kNever;
+  for (const auto& [site, entry] : sites_) {
+    if (entry.running && now - entry.began < kQuickTurnMs) {
+      ++quick;
+      oldest = std::min(oldest, entry.began);
+    }
+  }
+  return quick < kMostTurns ? 0 : oldest + kQuickTurnMs;
 }
 
 void SiteSupervisor::Work() {
@@ -95,7 +112,7 @@ void SiteSupervisor::Work() {
         sites_.begin(), sites_.end(),
         [](const auto& a, const auto& b) { return a.second.NextTurn() < b.second.NextTurn(); });
     const std::uint64_t now = TickMilliseconds();
-    const std::uint64_t due = next->second.NextTurn();
+    const std::uint64_t due = std::max(next->second.NextTurn(), NextPlace(now));
     if (due > now) {
       if (waiting_ > 1 && now - idleSince > kIdleThreadMs) {
         break;
@@ -113,6 +130,7 @@ void SiteSupervisor::Work() {
     next->second.poked = false;
     next->second.due = kNever;
     next->second.runner = std::this_thread::get_id();
+    next->second.began = now;
     StartThreadIfNeeded();
     lock.unlock();
     const std::uint64_t nextDue = site->Turn(now);

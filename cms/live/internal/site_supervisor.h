@@ -1,5 +1,5 @@
-// SiteSupervisor calls every open site when its time has come: keep-alive, watchdog, reconnection,
-// and every recording.
+// SiteSupervisor calls every site when its time has come: keep-alive and watchdog, opening and
+// closing, recording, moving.
 #pragma once
 
 #include <condition_variable>
@@ -10,16 +10,18 @@
 
 namespace cms {
 
-// A process-wide timer with a few threads. A turn may block (opening a stream waits for the
-// camera's answers), so a thread that goes into a turn leaves the waiting to another one; at most
-// kMostThreads turns run at once, which also keeps a crowd of returning cameras from being opened
-// all together. Threads beyond two end when they have been idle for a while, and all of them
-// end when no site is left. The object itself is never destroyed: its threads may outlive static
-// objects.
+// A process-wide timer with a few threads. A turn may block, so a thread that goes into a turn
+// leaves the waiting to another one. At most kMostTurns turns begin together, which keeps a crowd
+// of returning cameras from being opened all at once; but a turn that takes longer than
+// kQuickTurnMs waits for somebody who may never answer: it gives its place to the next one, so that
+// no number of silent cameras can use the places up. Threads beyond two end when they have been
+// idle for a while, and all of them end when no site is left. The object itself is never destroyed:
+// its threads may outlive static objects.
 class SiteSupervisor {
  public:
   static constexpr std::uint64_t kNever = ~std::uint64_t{0};
-  static constexpr int kMostThreads = 16;
+  static constexpr int kMostTurns = 16;
+  static constexpr std::uint64_t kQuickTurnMs = 200;
 
   class Site {
    public:
@@ -31,7 +33,10 @@ class SiteSupervisor {
     ~Site() = default;
   };
 
-  static SiteSupervisor& Instance();
+  // For keep-alives and watchdogs: turns that wait for nobody.
+  static SiteSupervisor& Keeping();
+  // For openings and closings, which wait for cameras.
+  static SiteSupervisor& Openings();
   // For recordings, which wait for no camera: however many sites are being opened, what was
   // received reaches the disk in time.
   static SiteSupervisor& Recordings();
@@ -53,11 +58,13 @@ class SiteSupervisor {
     bool removed = false;  // Remove waits for the turn in progress; no other one starts
     bool poked = false;    // while running: the next turn is due at once
     std::thread::id runner;
+    std::uint64_t began = 0;  // while running
     std::uint64_t NextTurn() const { return running || removed ? kNever : due; }
   };
 
   void Work();
   void StartThreadIfNeeded();
+  std::uint64_t NextPlace(std::uint64_t now) const;  // the tick from which another turn may begin
 
   const char* const threadName_;
   std::mutex mutex_;  // guards all below

@@ -202,6 +202,12 @@ void RTSPConnection::Cancel() {
   arrived_.notify_all();
 }
 
+void RTSPConnection::TakeBackCancel() {
+  std::lock_guard lock(mutex_);
+  cancelled_.store(false);
+  cancel_.Clear();
+}
+
 void RTSPConnection::MarkClosed() {
   {
     std::lock_guard lock(mutex_);

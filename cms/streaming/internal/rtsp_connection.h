@@ -66,6 +66,7 @@ class RTSPConnection final : public TCPClientBase, private RTSPDemultiplexer::Si
   void Shut();
 
   void Cancel();
+  void TakeBackCancel();  // once nobody is left who was to be cancelled
   bool Cancelled() const { return cancelled_.load(); }
   bool PeerClosed() const { return closed_.load(); }
   int LastError() const { return LastSocketError(); }
