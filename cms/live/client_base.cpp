@@ -9,7 +9,10 @@
 
 CMSClientBase::CMSClientBase()
     : keeper_(std::make_unique<Keeper>(*this)),
-      recording_(std::make_unique<cms::SiteRecording>([this] { return GetConnectionStatus(); })) {}
+      recording_(std::make_unique<cms::SiteRecording>([this] {
+        ScopeLock lock(statusLock_);
+        return cms::ConnectionSight{status_.state, status_.fault, rate_.LastVideo()};
+      })) {}
 
 // A derived client has stopped the keeping in its own destructor: the keeping calls its operations.
 CMSClientBase::~CMSClientBase() {

@@ -78,6 +78,7 @@ bool FX_DRVRecorder::RecordFrame(std::span<const std::uint8_t> area,
   if (!RecordBlocks(blocks, header.IsKeyFrame() ? cms::kBeginsFile : cms::kDependent)) {
     return false;
   }
+  status_.AddVideo({cms::TickMilliseconds(), cms::WallSeconds()});
   if (header.IsKeyFrame() || !param_.indexKeyFramesOnly) {
     WriteDrvIdx();
   }

@@ -53,7 +53,7 @@ std::string GapCauseName(GapCause cause) {
   constexpr const char* kNames[] = {
       "unknown",        "connecting",          "camera gone",           "password refused",
       "camera refuses", "stream closed",       "waiting for key frame", "disk full",
-      "writing failed", "stopped by the user", "out of resources",      "out of resources",
+      "writing failed", "stopped by the user", "out of resources",      "camera sends no pictures",
   };
   const auto number = static_cast<std::size_t>(cause);
   return number < std::size(kNames) ? kNames[number] : "cause " + std::to_string(number);

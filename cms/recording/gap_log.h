@@ -16,15 +16,16 @@ namespace cms {
 enum class GapCause : std::uint8_t {
   kUnknown = 0,
   kConnecting = 1,          // the stream is being opened, no fault is known yet
-  kCameraGone = 2,          // no connection, no answer, or the stream ended
+  kCameraGone = 2,          // no connection, no answer, or the camera ended it
   kPasswordRefused = 3,     // the camera wants other credentials
   kCameraRefuses = 4,       // the camera is full, or does not offer this stream
-  kStreamClosed = 5,        // the client application closed the stream, or gave up opening it
+  kStreamClosed = 5,        // the client application closed or paused the stream, or gave up on it
   kWaitingForKeyFrame = 6,  // frames arrive, but none that a file may begin with
   kDiskFull = 7,
   kWriteFailed = 8,      // a file could not be opened or written: `error`
   kStopped = 9,          // the user stopped recording
   kOutOfResources = 10,  // this host has no descriptor, port or memory left
+  kNoPictures = 11,      // the camera is connected and sends no video
 };
 
 // A short English name such as "disk full"; "cause <number>" for numbers that are not known.

@@ -1,9 +1,21 @@
 // What a recorder is doing and how it fares, for its owner.
 #pragma once
 
+#include <array>
 #include <cstdint>
 
 namespace cms {
+
+struct Moment {
+  std::uint64_t tick = 0;  // cms::TickMilliseconds
+  std::int64_t wall = 0;   // seconds since 1970-01-01 UTC
+};
+
+// Between two recorded video frames; `from` is all 0 in front of the first one.
+struct RecordingSilence {
+  Moment from;
+  Moment to;
+};
 
 enum class RecordingState {
   kIdle,                // no file is open and none is wanted
@@ -39,6 +51,20 @@ struct RecordingStatus {
   std::uint64_t lateEvents = 0;   // their records wait to be stored
 
   std::uint64_t lastFrameTick = 0;  // cms::TickMilliseconds of the last accepted frame, 0: none yet
+
+  static constexpr std::uint64_t kShortestSilenceMs = 1'000;
+  std::uint64_t videoFrames = 0;                  // accepted
+  Moment lastVideo;                               // the last one of them
+  std::uint64_t silences = 0;                     // of kShortestSilenceMs or more that are over
+  std::array<RecordingSilence, 16> lastSilences;  // the n-th one, from 0, stands at n % 16
+
+  void AddVideo(const Moment& now) {
+    if (now.tick - lastVideo.tick >= kShortestSilenceMs) {
+      lastSilences[silences++ % lastSilences.size()] = {lastVideo, now};
+    }
+    lastVideo = now;
+    ++videoFrames;
+  }
 };
 
 }  // namespace cms

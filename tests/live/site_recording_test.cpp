@@ -169,11 +169,11 @@ TEST_F(SiteRecording, GapsHaveTheirCause) {
   client_->SetConnection(ConnectionState::kOpening);  // the next attempt: no news
   Silence(2);
   client_->SetConnection(ConnectionState::kPlaying);
-  ASSERT_TRUE(WaitForGap(GapCause::kWaitingForKeyFrame));
+  ASSERT_TRUE(WaitForGap(GapCause::kNoPictures));
   ASSERT_TRUE(WaitForEnd(1));
   Seconds(5);
-  const std::int64_t lost = site_.clock.WallSeconds();
-  client_->SetConnection(ConnectionState::kWaiting, ConnectionFault::kStreamDied);
+  const std::int64_t lost = site_.clock.WallSeconds() - 1;  // the last frame's second
+  client_->SetConnection(ConnectionState::kWaiting, ConnectionFault::kClosedByCamera);
   ASSERT_TRUE(WaitForGap(GapCause::kCameraGone));
   client_->SetConnection(ConnectionState::kPlaying);
   ASSERT_TRUE(WaitForEnd(2));

@@ -7,6 +7,9 @@
 namespace cms {
 namespace {
 
+constexpr std::uint64_t kLastingMs = 1'000;
+constexpr std::uint64_t kShortestGapMs = 2'000;
+
 GapCause CauseOfFault(ConnectionFault fault) {
   switch (fault) {
     case ConnectionFault::kNone:
@@ -24,11 +27,12 @@ GapCause CauseOfFault(ConnectionFault fault) {
       return GapCause::kOutOfResources;
     case ConnectionFault::kCancelled:
       return GapCause::kStreamClosed;
+    case ConnectionFault::kStreamDied:
+      return GapCause::kNoPictures;
     case ConnectionFault::kBadAddress:
     case ConnectionFault::kUnreachable:
     case ConnectionFault::kNoAnswer:
     case ConnectionFault::kClosedByCamera:
-    case ConnectionFault::kStreamDied:
       break;
   }
   return GapCause::kCameraGone;
@@ -41,72 +45,140 @@ bool IsOfConnection(GapCause cause) {
 
 }  // namespace
 
+std::optional<SiteGaps::Cause> SiteGaps::ConnectionCause(const ConnectionSight& connection) const {
+  if (connection.state == ConnectionState::kOpen || connection.state == ConnectionState::kPaused) {
+    return Cause{GapCause::kStreamClosed};
+  }
+  const bool isClosed = connection.state == ConnectionState::kClosed;
+  const GapCause cause = isClosed && connection.fault == ConnectionFault::kNone
+                             ? GapCause::kStreamClosed
+                             : CauseOfFault(connection.fault);
+  // The next attempt has no fault yet: what was is what still is.
+  const bool trying = cause == GapCause::kConnecting;
+  const auto open = log_.Open();
+  return Cause{trying && open && IsOfConnection(open->cause) ? open->cause : cause};
+}
+
+// Of a look that saw no new frame.
 std::optional<SiteGaps::Cause> SiteGaps::CauseOf(const RecordingSight& sight) const {
-  if (!sight.wanted || sight.recording.frames != frames_) {
-    return std::nullopt;
+  if (sight.connection.state != ConnectionState::kPlaying) {
+    return ConnectionCause(sight.connection);
   }
-  if (sight.connection != ConnectionState::kPlaying) {
-    const bool isClosed = sight.connection == ConnectionState::kClosed;
-    const GapCause cause = isClosed && sight.fault == ConnectionFault::kNone
-                               ? GapCause::kStreamClosed
-                               : CauseOfFault(sight.fault);
-    // The next attempt has no fault yet: what was is what still is.
-    const bool trying = cause == GapCause::kConnecting;
-    const auto open = log_.Open();
-    return Cause{trying && open && IsOfConnection(open->cause) ? open->cause : cause};
+  if (sight.recording.state == RecordingState::kFailed) {
+    const int error = sight.recording.error;
+    const bool full = error == ENOSPC || error == EDQUOT;
+    return Cause{full ? GapCause::kDiskFull : GapCause::kWriteFailed, error};
   }
-  switch (sight.recording.state) {
-    case RecordingState::kFailed: {
-      const int error = sight.recording.error;
-      const bool full = error == ENOSPC || error == EDQUOT;
-      return Cause{full ? GapCause::kDiskFull : GapCause::kWriteFailed, error};
-    }
-    case RecordingState::kRecording:
-      return std::nullopt;  // a slow stream
-    case RecordingState::kIdle:
-    case RecordingState::kWaitingForKeyFrame:
-      break;
+  const std::uint64_t cameSince = std::max(sight.connection.lastVideoTick, playingSince_);
+  if (sight.now.tick - std::min(cameSince, sight.now.tick) >= SilentLimit()) {
+    return Cause{GapCause::kNoPictures};
   }
-  return Cause{GapCause::kWaitingForKeyFrame};
+  if (sight.recording.state == RecordingState::kRecording) {  // others of the site's channels send
+    const bool silent = sight.now.tick - good_.tick >= SilentLimit();
+    return silent ? std::optional(Cause{GapCause::kNoPictures}) : std::nullopt;
+  }
+  if (sight.connection.lastVideoTick >= playingSince_) {
+    return Cause{GapCause::kWaitingForKeyFrame};
+  }
+  return std::nullopt;  // it has only begun to play
 }
 
 void SiteGaps::Arm(const RecordingSight& sight) {
   armed_ = true;
-  log_.EndAbandoned(sight.wall);
-  log_.End(sight.wall);
-  goodUntil_ = sight.tick;
+  log_.EndAbandoned(sight.now.wall);
+  log_.End(sight.now.wall);
+  good_ = sight.now;
   seen_.reset();
+}
+
+std::uint64_t SiteGaps::SilentLimit() const {
+  const double usual = usualFrames_ > 0 ? usualMs_ / usualFrames_ : 0.0;
+  return std::max(kSilentMs, static_cast<std::uint64_t>(3 * usual));
+}
+
+// One long hole among so many frames hardly counts; a stream that is slow makes itself known by its
+// second frame.
+void SiteGaps::LearnDistance(std::uint64_t frames, std::uint64_t milliseconds) {
+  constexpr double kMostFrames = 64;
+  constexpr std::uint64_t kLongestMs = 60'000;
+  usualFrames_ += static_cast<double>(frames);
+  usualMs_ += static_cast<double>(std::min(milliseconds, kLongestMs));
+  if (usualFrames_ > kMostFrames) {
+    usualMs_ *= kMostFrames / usualFrames_;
+    usualFrames_ = kMostFrames;
+  }
+}
+
+// True when there were new ones. They end the gap that lasts; a hole among them is written now.
+bool SiteGaps::TakeFrames(const RecordingStatus& recording) {
+  const std::uint64_t begin = good_.tick;
+  const std::uint64_t kept = recording.lastSilences.size();
+  const std::uint64_t oldest = recording.silences - std::min(recording.silences, kept);
+  for (std::uint64_t i = std::max(silences_, oldest); i < recording.silences; ++i) {
+    const RecordingSilence& silence = recording.lastSilences[i % kept];
+    if (silence.to.tick <= good_.tick) {
+      continue;
+    }
+    const Moment from = silence.from.tick > good_.tick ? silence.from : good_;
+    const std::uint64_t limit = seen_ ? kShortestGapMs : SilentLimit();
+    if (!log_.Open() && silence.to.tick - from.tick >= limit) {
+      const Cause cause = seen_.value_or(Cause{GapCause::kNoPictures});
+      log_.Begin(cause.cause, from.wall, cause.error);
+    }
+    log_.End(silence.to.wall);
+    good_ = silence.to;
+  }
+  silences_ = recording.silences;
+  const std::uint64_t frames =
+      recording.videoFrames - std::exchange(frames_, recording.videoFrames);
+  if (frames == 0 || recording.lastVideo.tick < begin) {
+    return frames != 0;
+  }
+  log_.End(recording.lastVideo.wall);
+  good_ = recording.lastVideo;
+  LearnDistance(frames, good_.tick - begin);
+  return true;
 }
 
 void SiteGaps::Look(const RecordingSight& sight) {
   if (!sight.armed) {
     if (std::exchange(armed_, false)) {
+      TakeFrames(sight.recording);
       // Between events nothing is missed, and after the last one neither.
-      alwaysWanted_ ? log_.Begin(GapCause::kStopped, sight.wall) : log_.End(sight.wall);
+      alwaysWanted_ ? log_.Begin(GapCause::kStopped, sight.now.wall) : log_.End(sight.now.wall);
     }
-    log_.Update(sight.wall);
-    frames_ = sight.recording.frames;
+    log_.Update(sight.now.wall);
     return;
   }
   if (!armed_) {
     Arm(sight);
   }
   alwaysWanted_ = sight.alwaysWanted;
-  constexpr std::uint64_t kLastingMs = 1'000;
-  const std::optional<Cause> cause = CauseOf(sight);
+  if (sight.connection.state != ConnectionState::kPlaying) {
+    playingSince_ = 0;
+  } else if (playingSince_ == 0) {
+    playingSince_ = sight.now.tick;
+  }
+  const bool isNew = TakeFrames(sight.recording);
+  std::optional<Cause> cause;
+  if (!sight.wanted) {
+    log_.End(sight.now.wall);
+    good_ = sight.now;
+  } else if (!isNew) {
+    cause = CauseOf(sight);
+  }
   if (cause != seen_) {
     seen_ = cause;
-    seenSince_ = sight.tick;
+    seenSince_ = sight.now.tick;
   }
-  if (!cause) {
-    log_.End(sight.wall);
-    goodUntil_ = std::max(goodUntil_, sight.wanted ? sight.recording.lastFrameTick : sight.tick);
-  } else if (sight.tick - seenSince_ >= kLastingMs) {
-    const auto since = static_cast<std::int64_t>((sight.tick - goodUntil_) / 1000);
-    log_.Begin(cause->cause, log_.Open() ? sight.wall : sight.wall - since, cause->error);
+  if (cause) {
+    const bool isOpen = log_.Open().has_value();
+    const bool lasts = sight.now.tick - seenSince_ >= kLastingMs;
+    if (lasts || (!isOpen && sight.now.tick - good_.tick >= kShortestGapMs)) {
+      log_.Begin(cause->cause, isOpen ? sight.now.wall : good_.wall, cause->error);
+    }
   }
-  frames_ = sight.recording.frames;
-  log_.Update(sight.wall);
+  log_.Update(sight.now.wall);
 }
 
 }  // namespace cms

@@ -239,15 +239,12 @@ void SiteRecording::StartSchedule() {
 
 void SiteRecording::LookForGaps() {
   RecordingSight sight;
-  sight.wall = WallSeconds();
-  sight.tick = TickMilliseconds();
+  sight.now = {TickMilliseconds(), WallSeconds()};
   sight.armed = IsArmed();
   sight.wanted = IsWanted();
   sight.alwaysWanted = IsAlwaysWanted();
   sight.recording = recorder_.GetRecordingStatus();
-  const ConnectionStatus connection = connection_();
-  sight.connection = connection.state;
-  sight.fault = connection.fault;
+  sight.connection = connection_();
   {
     ScopeLock hold(deviceLock_);
     gaps_.SetSite(site_);

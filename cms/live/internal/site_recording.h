@@ -11,7 +11,6 @@
 #include <string>
 #include <vector>
 
-#include "cms/live/connection_status.h"
 #include "cms/live/internal/event_recording.h"
 #include "cms/live/internal/moved_recordings.h"
 #include "cms/live/internal/site_gaps.h"
@@ -26,7 +25,7 @@ namespace cms {
 // any. Channels are below kChannels. Locks: lock_ before the recorder's own.
 class SiteRecording final : public SiteSupervisor::Site {
  public:
-  using ConnectionSource = std::function<ConnectionStatus()>;
+  using ConnectionSource = std::function<ConnectionSight()>;
 
   explicit SiteRecording(ConnectionSource connection);
   ~SiteRecording();  // stops everything; no frame comes any more
