@@ -158,7 +158,7 @@ TEST_F(Gaps, HolesBetweenTwoLooksThatAreFarApartAreAllFound) {
   const auto moment = [&](std::uint64_t seconds) {
     return cms::Moment{Now().tick + seconds * 1'000, Now().wall + std::int64_t(seconds)};
   };
-  for (const std::uint64_t second : {0, 4, 5, 11, 12}) {
+  for (const std::uint64_t second : {0u, 4u, 5u, 11u, 12u}) {
     sight_.recording.AddVideo(moment(second));
   }
   sight_.now = moment(12);
