@@ -28,16 +28,17 @@ class MutedCamera {
     stRTSPClientConfig config = test::ConfigFor(server_.Url(), kRtspTransportInterleaved);
     client_.SetConfig(&config);
     ReconnectPolicy policy;
-    policy.deadStreamMs = 2'000;
+    policy.deadStreamMs = 3'000;
     policy.firstPauseMs = 100;
     policy.longestPauseMs = 200;
     client_.SetReconnectPolicy(policy);
     client_.SetRecordParam(test::ParamFor(site));
     client_.SetRecordDevice(L"127.0.0.1", L"Yard", 554);
-    client_.TurnOnRecordingState(0, kRecordSchedule);
     EXPECT_EQ(client_.KeepOpen(), 1);
   }
 
+  void StartRecording() { client_.TurnOnRecordingState(0, kRecordSchedule); }
+  std::size_t Received() const { return client_.Video().size(); }
   bool IsPlaying() const { return client_.IsClientPlaying() != 0; }
   void Send(bool muted) {
     if (!muted || !mutesVideo_) {
@@ -59,9 +60,9 @@ class MutedCamera {
     });
     return rows;
   }
-  void Stop() {
+  void StopRecording() { client_.StopRecordAll(); }
+  void Close() {
     client_.CloseStream();
-    client_.StopRecordAll();
     EXPECT_EQ(client_.WaitRecorded(30'000), 1);
   }
 
@@ -107,8 +108,12 @@ TEST(MutedCamera, NoVideoIsAGapFromItsLastToItsNextPictureAndOpenedAgain) {
   };
   ASSERT_TRUE(test::WaitFor([&] { return all([](auto* each) { return each->IsPlaying(); }); }));
 
+  std::uint64_t lastSent = cms::TickMilliseconds();
+  std::uint64_t longestPause = 0;
   const auto run = [&](bool muted, const std::function<bool()>& done) {
     return test::WaitFor([&] {
+      const std::uint64_t now = cms::TickMilliseconds();
+      longestPause = std::max(longestPause, now - std::exchange(lastSent, now));
       for (MutedCamera* const each : cameras) {
         each->Send(muted);
       }
@@ -116,6 +121,8 @@ TEST(MutedCamera, NoVideoIsAGapFromItsLastToItsNextPictureAndOpenedAgain) {
       return done();
     });
   };
+  ASSERT_TRUE(run(false, [&] { return all([](auto* each) { return each->Received() > 10; }); }));
+  std::for_each(std::begin(cameras), std::end(cameras), [](auto* each) { each->StartRecording(); });
   const auto recordsOn = [](auto* each) { return each->Recorded() > 30; };
   ASSERT_TRUE(run(false, [&] { return all(recordsOn); }));
   const std::uint64_t begin = cms::TickMilliseconds();
@@ -130,8 +137,11 @@ TEST(MutedCamera, NoVideoIsAGapFromItsLastToItsNextPictureAndOpenedAgain) {
   }));
   const auto ended = [](auto* each) { return each->Gaps().empty() || each->Gaps().back().to != 0; };
   ASSERT_TRUE(run(false, [&] { return all(ended); }));
-  for (MutedCamera* const each : cameras) {
-    each->Stop();
+  std::for_each(std::begin(cameras), std::end(cameras), [](auto* each) { each->StopRecording(); });
+  std::for_each(std::begin(cameras), std::end(cameras), [](auto* each) { each->Close(); });
+  if (longestPause > 2'000) {
+    GTEST_SKIP() << "this machine stood still for " << longestPause
+                 << " ms, and so did the cameras";
   }
 
   EXPECT_EQ(sound.Connections(), 1u) << "a stream without its sound lives";
