@@ -1,7 +1,6 @@
 #include "cms/live/channel_data.h"
 
 #include <algorithm>
-#include <cstring>
 
 #include "cms/runtime/clock.h"
 
@@ -192,7 +191,7 @@ void CMSChannelDataBase::SetMetadata(const void* data, unsigned length) {
 unsigned CMSChannelDataBase::GetMetadata(void* destination, unsigned size) const {
   ScopeLock lock(metadataLock_);
   const auto count = std::min<std::size_t>(size, metadata_.size());
-  std::memcpy(destination, metadata_.data(), count);
+  std::copy_n(metadata_.data(), count, static_cast<std::uint8_t*>(destination));
   return static_cast<unsigned>(count);
 }
 

@@ -68,6 +68,7 @@ class Gaps : public testing::Test {
   Gaps() {
     sight_.armed = true;
     sight_.wanted = true;
+    sight_.alwaysWanted = true;
     Connection(ConnectionState::kPlaying);
   }
 
@@ -133,6 +134,7 @@ TEST_F(Gaps, TheCauseMayChangeAndThePartsDoNotOverlap) {
 }
 
 TEST_F(Gaps, WhatIsNotWantedIsNone) {
+  sight_.alwaysWanted = false;
   Pass(50, 1);
   sight_.wanted = false;  // between events
   Pass(100, 0);

@@ -109,8 +109,9 @@ void SiteGaps::LearnDistance(std::uint64_t frames, std::uint64_t milliseconds) {
   }
 }
 
-// True when there were new ones. They end the gap that lasts; a hole among them is written now.
-bool SiteGaps::TakeFrames(const RecordingStatus& recording) {
+// True when there were new ones. They end the gap that lasts; a hole among them is written now, if
+// everything was wanted since the last look.
+bool SiteGaps::TakeFrames(const RecordingStatus& recording, bool all) {
   const std::uint64_t begin = good_.tick;
   const std::uint64_t kept = recording.lastSilences.size();
   const std::uint64_t oldest = recording.silences - std::min(recording.silences, kept);
@@ -121,7 +122,7 @@ bool SiteGaps::TakeFrames(const RecordingStatus& recording) {
     }
     const Moment from = silence.from.tick > good_.tick ? silence.from : good_;
     const std::uint64_t limit = seen_ ? kShortestGapMs : SilentLimit();
-    if (!log_.Open() && silence.to.tick - from.tick >= limit) {
+    if (all && !log_.Open() && silence.to.tick - from.tick >= limit) {
       const Cause cause = seen_.value_or(Cause{GapCause::kNoPictures});
       log_.Begin(cause.cause, from.wall, cause.error);
     }
@@ -143,7 +144,7 @@ bool SiteGaps::TakeFrames(const RecordingStatus& recording) {
 void SiteGaps::Look(const RecordingSight& sight) {
   if (!sight.armed) {
     if (std::exchange(armed_, false)) {
-      TakeFrames(sight.recording);
+      TakeFrames(sight.recording, alwaysWanted_);
       // Between events nothing is missed, and after the last one neither.
       alwaysWanted_ ? log_.Begin(GapCause::kStopped, sight.now.wall) : log_.End(sight.now.wall);
     }
@@ -153,13 +154,13 @@ void SiteGaps::Look(const RecordingSight& sight) {
   if (!armed_) {
     Arm(sight);
   }
-  alwaysWanted_ = sight.alwaysWanted;
+  const bool all = std::exchange(alwaysWanted_, sight.alwaysWanted) && sight.alwaysWanted;
   if (sight.connection.state != ConnectionState::kPlaying) {
     playingSince_ = 0;
   } else if (playingSince_ == 0) {
     playingSince_ = sight.now.tick;
   }
-  const bool isNew = TakeFrames(sight.recording);
+  const bool isNew = TakeFrames(sight.recording, all);
   std::optional<Cause> cause;
   if (!sight.wanted) {
     log_.End(sight.now.wall);

@@ -50,7 +50,7 @@ class SiteGaps {
   std::optional<Cause> CauseOf(const RecordingSight& sight) const;
   std::optional<Cause> ConnectionCause(const ConnectionSight& connection) const;
   void Arm(const RecordingSight& sight);
-  bool TakeFrames(const RecordingStatus& recording);
+  bool TakeFrames(const RecordingStatus& recording, bool all);
   void LearnDistance(std::uint64_t frames, std::uint64_t milliseconds);
   std::uint64_t SilentLimit() const;
 
