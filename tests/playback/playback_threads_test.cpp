@@ -138,8 +138,11 @@ TEST(PlaybackThreads, RandomTransportUnderLoad) {
       ASSERT_EQ(control.StartPlayback(), 1);
     }
   }
-  // It still plays as at the beginning.
+  // It still plays as at the beginning, once what was chosen is, too.
   player.control.StopPlayback();
+  player.control.setCurrentSplitMode(0);
+  player.control.setCurrentSiteIdx(0);
+  ASSERT_EQ(player.control.SetConfig(player.config), 1);
   ASSERT_EQ(player.control.StartPlayback(), 1);
   player.control.SetPlaybackTargetTime(recordings[0].TimeOf(77));
   EXPECT_EQ(player.Settled(), 77);
