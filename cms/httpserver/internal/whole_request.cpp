@@ -8,7 +8,7 @@
 namespace cms {
 namespace {
 
-constexpr auto kNone = std::string_view::npos;
+constexpr auto kNowhere = std::string_view::npos;
 constexpr std::string_view kLineEnd = "\r\n";
 constexpr std::string_view kHeadEnd = "\r\n\r\n";
 constexpr std::string_view kTokenMarks = "!#$%&'*+-.^_`|~";
@@ -16,7 +16,7 @@ constexpr std::string_view kTokenMarks = "!#$%&'*+-.^_`|~";
 bool IsToken(std::string_view text) {
   return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) {
     return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
-           kTokenMarks.find(c) != kNone;
+           kTokenMarks.find(c) != kNowhere;
   });
 }
 
@@ -49,7 +49,7 @@ std::string_view TakeWord(std::string_view& line) {
 
 std::size_t HeadLength(std::string_view text, std::size_t seen) {
   const auto end = text.find(kHeadEnd, seen - std::min(seen, kHeadEnd.size() - 1));
-  return end == kNone ? 0 : end + kHeadEnd.size();
+  return end == kNowhere ? 0 : end + kHeadEnd.size();
 }
 
 std::optional<std::string_view> FindHeader(std::string_view text, std::string_view name) {
@@ -60,7 +60,7 @@ std::optional<std::string_view> FindHeader(std::string_view text, std::string_vi
       return std::nullopt;
     }
     const auto colon = line.find(':');
-    if (colon != kNone && EqualAnyCase(line.substr(0, colon), name)) {
+    if (colon != kNowhere && EqualAnyCase(line.substr(0, colon), name)) {
       return WithoutBlanks(line.substr(colon + 1));
     }
   }
@@ -77,7 +77,7 @@ bool ParseWholeRequest(std::string_view head, ParsedRequest& parsed) {
     return false;
   }
   for (std::string_view line = TakeLine(lines); !line.empty(); line = TakeLine(lines)) {
-    if (!IsToken(line.substr(0, line.find(':'))) || line.find(':') == kNone || !IsPlain(line)) {
+    if (!IsToken(line.substr(0, line.find(':'))) || line.find(':') == kNowhere || !IsPlain(line)) {
       return false;
     }
   }
@@ -86,11 +86,11 @@ bool ParseWholeRequest(std::string_view head, ParsedRequest& parsed) {
   parsed.method = method;
   parsed.target = target;
   parsed.command = target.substr(0, mark);
-  parsed.query = mark == kNone ? std::string_view() : target.substr(mark + 1);
+  parsed.query = mark == kNowhere ? std::string_view() : target.substr(mark + 1);
   parsed.authorization = WithoutScheme(FindHeader(head, "Authorization").value_or(""));
   parsed.userName = ParseDigestFields(parsed.authorization).userName;
   const std::string_view browser = FindHeader(head, "User-Agent").value_or("");
-  parsed.clientIsIe = browser.find("MSIE") != kNone || browser.find("Trident") != kNone;
+  parsed.clientIsIe = browser.find("MSIE") != kNowhere || browser.find("Trident") != kNone;
   return true;
 }
 
