@@ -206,12 +206,13 @@ void Print(const Arguments& arguments, const Content& content) {
   std::printf("%s%s\n", arguments.frames ? "\n" : "", arguments.file.c_str());
   line("size", number(walk.file_size) + " bytes" +
                    (content.recording ? ", being recorded at this moment" : ""));
-  line("time", walk.first_seconds == 0
-                   ? "-"
-                   : cms::TextOfRecordTime(walk.first_seconds) + " to " +
-                         cms::TextOfRecordTime(walk.last_seconds) + " (" +
-                         std::to_string(std::int64_t{walk.last_seconds} - walk.first_seconds) +
-                         " s)");
+  line("time",
+       walk.first_seconds == 0
+           ? "-"
+           : cms::TextOfRecordTime(walk.first_seconds) + " to " +
+                 cms::TextOfRecordTime(walk.last_seconds) + " (" +
+                 std::to_string(walk.latest_seconds - walk.earliest_seconds) + " s" +
+                 (walk.last_seconds < walk.latest_seconds ? ", the clock stepped back)" : ")"));
   line("codec", (content.codec.empty() ? "-" : content.codec) +
                     (content.audioCodec.empty() ? "" : ", sound " + content.audioCodec));
   line("frames", number(walk.frames) + ": " + number(walk.frames - walk.audio_frames) + " video, " +

@@ -16,7 +16,6 @@
 #include <vector>
 
 #include "cms/live/frame_header.h"
-#include "cms/recording/control_write_file.h"
 #include "cms/recording/drv_recorder.h"
 #include "cms/runtime/clock.h"
 #include "cms/runtime/native_path.h"
@@ -123,7 +122,9 @@ double Recorders(const Folder& folder, int sites, bool& lost) {
   for (auto& camera : cameras) {
     camera->Recorder().StopRecordAll();
   }
-  ControlWriteFile::GetInstance()->WaitWritten(-1);
+  for (auto& camera : cameras) {
+    camera->Recorder().WaitRecorded(-1);
+  }
   SyncFiles(folder.Path() / "rec");
   const double seconds = Seconds(begin);
   for (auto& camera : cameras) {
@@ -183,7 +184,9 @@ void StreamSecond(benchmark::State& state) {
     for (auto& camera : cameras) {
       camera->Recorder().Flush(0);
     }
-    ControlWriteFile::GetInstance()->WaitWritten(-1);
+    for (auto& camera : cameras) {
+      camera->Recorder().WaitRecorded(-1);
+    }
   }
   state.counters["ms_per_stream_second"] =
       (processor() - begin) * 1000 / static_cast<double>(state.iterations()) / 32;

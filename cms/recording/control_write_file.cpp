@@ -1,31 +1,24 @@
 #include "cms/recording/control_write_file.h"
 
 #include <pthread.h>
-#include <sys/resource.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <new>
 #include <system_error>
 #include <utility>
 
+#include "cms/recording/internal/write_out.h"
 #include "cms/runtime/clock.h"
 
 namespace {
 
-constexpr int kHighestPriority = -20;
 // A producer that found all slots taken is woken when some are free again: waking it for each one
 // would cost more than the writes on a fast disk. On a slow disk it looks by itself.
 constexpr std::uint32_t kRoomWorthWaking = 16;
 constexpr int kLookAgainMilliseconds = 5;
-
-// "Try again" from a file that is no plain file (a pipe, a network file): how long it is believed.
-constexpr int kAttempts = 500;
-constexpr std::chrono::milliseconds kBetweenAttempts{10};
 
 }  // namespace
 
@@ -136,8 +129,7 @@ bool ControlWriteFile::WaitWritten(int milliseconds) {
 
 void ControlWriteFile::WriteQueueThrd() {
   pthread_setname_np(pthread_self(), "disk writer");
-  // Asked for and not insisted on: an ordinary user may not have it.
-  setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), kHighestPriority);
+  cms::PreferThisThread();
   WriteQueueFn();
 }
 
@@ -180,7 +172,7 @@ void ControlWriteFile::WriteSlot(Slot& slot) {
   const auto known = std::find(failed_handles_.begin(), failed_handles_.end(), slot.handle);
   std::uint32_t written = 0;
   if (known == failed_handles_.end()) {
-    const int error = WriteOut(slot, written);
+    const int error = cms::WriteOut(Io(), slot.handle, slot.buffer, slot.length, written);
     if (error != 0) {
       failed_handles_.push_back(slot.handle);
       int none = 0;
@@ -195,27 +187,6 @@ void ControlWriteFile::WriteSlot(Slot& slot) {
     slot.status->written_bytes += written;
     slot.status->lost_bytes += lost;
   }
-}
-
-int ControlWriteFile::WriteOut(const Slot& slot, std::uint32_t& written) {
-  cms::FileIo& io = Io();
-  int attempts = 0;
-  while (written < slot.length) {
-    const ssize_t count = io.Write(slot.handle, slot.buffer + written, slot.length - written);
-    if (count > 0) {
-      written += static_cast<std::uint32_t>(count);
-      attempts = 0;
-      continue;
-    }
-    const int error = count == 0 ? ENOSPC : errno;
-    if ((error != EINTR && error != EAGAIN) || ++attempts == kAttempts) {
-      return error;
-    }
-    if (error == EAGAIN) {
-      std::this_thread::sleep_for(kBetweenAttempts);
-    }
-  }
-  return 0;
 }
 
 void ControlWriteFile::CloseSlot(Slot& slot) {

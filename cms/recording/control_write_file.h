@@ -1,5 +1,6 @@
-// ControlWriteFile, the process-wide queue that keeps disk writes off the threads that receive
-// video.
+// ControlWriteFile, the process-wide queue that keeps disk writes off the threads that produce the
+// data. The recorders have disk threads of their own, so that one disk does not hold up another;
+// this one is for client applications.
 #pragma once
 
 #include <array>
@@ -86,7 +87,6 @@ class CMS_API ControlWriteFile {
   void WriteQueueFn();
   void WriteSlot(Slot& slot);
   void CloseSlot(Slot& slot);
-  int WriteOut(const Slot& slot, std::uint32_t& written);
   cms::FileIo& Io() const { return io_ != nullptr ? *io_ : cms::CurrentFileIo(); }
   std::uint8_t* TakeBuffer();
   void GiveBuffer(std::uint8_t* buffer);

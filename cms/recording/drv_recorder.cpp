@@ -3,8 +3,9 @@
 #include <algorithm>
 #include <utility>
 
+#include "cms/recording/event_db_list_writer.h"
+#include "cms/recording/internal/database_locks.h"
 #include "cms/recording/internal/record_text.h"
-#include "cms/runtime/clock.h"
 
 namespace FX {
 namespace {
@@ -13,21 +14,28 @@ constexpr unsigned kEventTypes[] = {1, 3, 4};  // device event, alarm, video los
 
 }  // namespace
 
-FX_DRVRecorder::FX_DRVRecorder() = default;
+FX_DRVRecorder::FX_DRVRecorder() {
+  AtExit([this] { StopAtExit(); });
+}
 
 FX_DRVRecorder::~FX_DRVRecorder() {
+  NoExitStop();
   StopRecordAll();
-  StoreLateEvents();
+}
+
+void FX_DRVRecorder::StopAtExit() {
+  TurnOffAllRecordState();
+  StopRecordAll();
 }
 
 bool FX_DRVRecorder::Start(Kind kind, unsigned channel) {
   cms::ChannelSet::Check(channel);
   ScopeLock hold(starting_);
-  const bool open = IsRecording();
-  if (open && running_[kind].Has(channel)) {
+  const bool goesOn = GoesOn();
+  if (goesOn && running_[kind].Has(channel)) {
     return true;
   }
-  if (!open && !StartRecordAgain()) {
+  if (!goesOn && !StartRecordAgain()) {
     return false;
   }
   if (kind < kEventKinds) {
@@ -64,70 +72,33 @@ void FX_DRVRecorder::StopRecordAll() {
 
 void FX_DRVRecorder::OpenEvent(Kind kind, unsigned channel) {
   StoreEvent(kind, channel);
-  Event event;
-  event.drvPath = GetDrvPath();
-  event.kind = kind;
-  event.channel = channel;
-  {
-    ScopeLock hold(lock_);
-    event.preAlarm = preAlarmEnabled_ ? preAlarm_ : std::uint8_t{0};
-    events_[kind][channel] = event;
-  }
-  OpenEventRecord(lists_[kind], event);
+  ScopeLock hold(lock_);
+  Event& event = events_[kind][channel];
+  event.isOpen = true;
+  event.drvPath = FrontOfPath();
+  event.preAlarm = preAlarmEnabled_ ? preAlarm_ : std::uint8_t{0};
 }
 
-void FX_DRVRecorder::OpenEventRecord(FX_EventDBListWriter& list, const Event& event) {
-  std::wstring siteName;
-  std::wstring address;
-  std::uint16_t port = 0;
-  {
-    ScopeLock hold(lock_);
-    siteName = siteName_;
-    address = address_;
-    port = port_;
-  }
-  list.InitialEventDBInfo(event.drvPath.c_str(), event.channel, kEventTypes[event.kind],
-                          event.preAlarm, port, siteName.c_str(), address.c_str());
-}
-
+// An event without frames leaves no record.
 void FX_DRVRecorder::StoreEvent(Kind kind, unsigned channel) {
-  if (!lists_[kind].IsInitial(channel)) {
+  ScopeLock hold(lock_);
+  const Event event = std::exchange(events_[kind][channel], {});
+  if (event.start == 0) {
     return;
   }
-  Event event;
-  {
-    ScopeLock hold(lock_);
-    event = std::exchange(events_[kind][channel], {});
-  }
-  if (!lists_[kind].WriteDBInfoIntoList(channel)) {
-    ScopeLock hold(lock_);
-    lateEvents_.push_back(std::move(event));
-    status_.lateEvents = lateEvents_.size();
-  }
-}
-
-// What could not be stored, for example because the disk was full, is tried again in order.
-void FX_DRVRecorder::StoreLateEvents() {
-  ScopeLock starting(starting_);
-  std::size_t stored = 0;
-  for (const Event& event : lateEvents_) {
-    FX_EventDBListWriter list;
-    OpenEventRecord(list, event);
-    list.SetRecordTime(event.start, event.channel);
-    list.SetRecordTime(event.end, event.channel);
-    if (!list.WriteDBInfoIntoList(event.channel)) {
-      break;
+  DoOnDisk([event, kind, channel, siteName = siteName_, address = address_, port = port_] {
+    const cms::TryDatabaseLock database(cms::EventDatabaseLock());
+    if (!database) {
+      return cms::DiskTaskResult::kBusy;
     }
-    ++stored;
-  }
-  lateEvents_.erase(lateEvents_.begin(), lateEvents_.begin() + static_cast<std::ptrdiff_t>(stored));
-  ScopeLock hold(lock_);
-  status_.lateEvents = lateEvents_.size();
-}
-
-void FX_DRVRecorder::Flush(std::uint32_t age) {
-  CLFXDRVWriter::Flush(age);
-  StoreLateEvents();
+    FX_EventDBListWriter list;
+    list.InitialEventDBInfo(event.drvPath.c_str(), channel, kEventTypes[kind], event.preAlarm, port,
+                            siteName.c_str(), address.c_str());
+    list.SetRecordTime(event.start, channel);
+    list.SetRecordTime(event.end, channel);
+    return list.WriteDBInfoIntoList(channel) ? cms::DiskTaskResult::kDone
+                                             : cms::DiskTaskResult::kFailed;
+  });
 }
 
 void FX_DRVRecorder::TurnOffAllRecordState() {
@@ -162,10 +133,12 @@ bool FX_DRVRecorder::GetDeviceEventRecStatus(unsigned channel) {
 
 bool FX_DRVRecorder::GetDeviceEventStatus(unsigned channel) {
   cms::ChannelSet::Check(channel);
-  return lists_[kEvent].IsInitial(channel);
+  ScopeLock hold(lock_);
+  return events_[kEvent][channel].isOpen;
 }
 
 void FX_DRVRecorder::SetRecordTime(std::int64_t time, unsigned channel) {
+  ScopeLock hold(lock_);
   SetEventTime(time, channel);
   CLFXDRVWriter::SetRecordTime(time);
 }
@@ -178,7 +151,6 @@ void FX_DRVRecorder::SetEventTime(std::int64_t time, unsigned channel) {
     if (time > kNoFramesTime && running_[kind].Has(channel)) {
       Event& event = events_[kind][channel];
       cms::WidenRecordTimes(time, event.start, event.end);
-      lists_[kind].SetRecordTime(time, channel);
     }
   }
 }
@@ -194,7 +166,6 @@ void FX_DRVRecorder::SetEventPreAlarm(unsigned channel, std::uint8_t seconds) {
   ScopeLock hold(lock_);
   for (const Kind kind : {kEvent, kAlarm, kLoss}) {
     events_[kind][channel].preAlarm = seconds;
-    lists_[kind].SetPreAlarm(seconds, channel);
   }
 }
 

@@ -4,11 +4,10 @@
 #include <array>
 #include <cstdint>
 #include <span>
-#include <vector>
+#include <string>
 
 #include "cms/recording/channel_set.h"
 #include "cms/recording/drv_writer.h"
-#include "cms/recording/event_db_list_writer.h"
 #include "cms/recording/record_param.h"
 #include "cms/runtime/api.h"
 #include "cms/runtime/critical.h"
@@ -18,9 +17,13 @@ namespace FX {
 // Set the path and the limits with SetRecParam and the site with SetDevice, then start kinds.
 //
 // Threads: RecordVideoFrame and RecordAudioFrame on the receiving thread, Flush on the owner's
-// clock, everything else on any. Starting and stopping an event stores records, which waits for the
-// disk: nobody calls in here who holds EventDBLock. Channels are 0 to 31; others throw
+// clock, everything else on any. The records of events are stored by the disk thread, also while
+// somebody holds EventDBLock for long: behind that. Channels are 0 to 31; others throw
 // std::out_of_range.
+//
+// A file also ends in front of a key frame whose time is before that of the channel's frame before
+// it, and in front of one of another codec or picture format: each file's times rise, and it has
+// one format for each channel.
 class CMS_API FX_DRVRecorder : public CLFX::CLFXDRVWriter {
  public:
   FX_DRVRecorder();
@@ -109,50 +112,58 @@ class CMS_API FX_DRVRecorder : public CLFX::CLFXDRVWriter {
                         unsigned channel, bool markDeviceEvent = false);
   bool RecordAudioFrame(const void* header, int headerSize, const void* data, int size,
                         unsigned channel);
-  // A video frame from before the event that just began: the event's times stay as they are.
+  // A video frame from before the event that just began: the event's times stay as they are. The
+  // tick (cms::TickMilliseconds) at which it arrived tells its place within its second; 0: not
+  // known.
   bool RecordPreAlarmFrame(const void* header, int headerSize, const void* data, int size,
-                           unsigned channel);
-
-  void Flush(std::uint32_t age = cms::kFlushAgeMilliseconds) override;
+                           unsigned channel, std::uint64_t arrivalTick = 0);
 
  private:
   enum Kind : unsigned { kEvent, kAlarm, kLoss, kInst, kSche };
   static constexpr unsigned kEventKinds = 3;
   static constexpr unsigned kKinds = 5;
 
-  // A running event, with what it takes to store its record later.
+  // An event that runs while `isOpen`, with what it takes to store its record.
   struct Event {
+    bool isOpen = false;
     std::wstring drvPath;
-    Kind kind = kEvent;
-    unsigned channel = 0;
     std::uint8_t preAlarm = 0;
     std::int64_t start = 0;
     std::int64_t end = 0;
   };
 
+  // What the next key frame of a channel is held against.
+  struct Shown {
+    std::uint32_t seconds = 0;  // of the latest frame; 0: none is in the open file
+    std::uint64_t format = 0;
+  };
+
   bool Start(Kind kind, unsigned channel);
   void Stop(Kind kind, unsigned channel);
+  void StopAtExit();
   void OpenEvent(Kind kind, unsigned channel) CMS_REQUIRES(starting_);
   void StoreEvent(Kind kind, unsigned channel) CMS_REQUIRES(starting_);
-  void OpenEventRecord(FX_EventDBListWriter& list, const Event& event);
-  void StoreLateEvents();
   bool AnyRuns() const;
   unsigned RunningKinds(unsigned channel) const;  // a bit for each
   enum class FrameUse { kPlain, kMarked, kBeforeEvent };
   bool RecordFrame(std::span<const std::uint8_t> header, std::span<const std::uint8_t> payload,
-                   unsigned channel, FrameUse use);
-  std::uint64_t Milliseconds(std::uint32_t seconds) CMS_REQUIRES(lock_);
+                   unsigned channel, FrameUse use, std::uint64_t arrivalTick);
+  bool RecordAudioBlocks(std::span<const std::span<const std::uint8_t>> blocks,
+                         std::uint32_t seconds) CMS_REQUIRES(lock_);
+  Shown& ShownOf(unsigned channel) CMS_REQUIRES(lock_);
+  std::uint64_t Milliseconds(std::uint32_t seconds, std::uint64_t tick) CMS_REQUIRES(lock_);
 
   std::array<cms::ChannelSet, kKinds> running_;  // changed under starting_
   std::array<cms::ChannelSet, kKinds> enabled_;
-  std::array<FX_EventDBListWriter, kEventKinds> lists_;
   CMSCritical starting_;  // orders starts and stops; taken before lock_, not by recorded frames
 
   stRecordParam param_ CMS_GUARDED_BY(lock_);
   std::uint8_t preAlarm_ CMS_GUARDED_BY(lock_) = 0;
   bool preAlarmEnabled_ CMS_GUARDED_BY(lock_) = false;
   std::array<std::array<Event, cms::kChannels>, kEventKinds> events_ CMS_GUARDED_BY(lock_);
-  std::vector<Event> lateEvents_ CMS_GUARDED_BY(starting_);
+  std::array<Shown, cms::kChannels> shown_ CMS_GUARDED_BY(lock_);
+  std::uint64_t shownFile_ CMS_GUARDED_BY(lock_) = 0;  // whose frames they are
+  bool hasVideo_ CMS_GUARDED_BY(lock_) = false;        // that file
 
   // The millisecond counter of the running second.
   std::uint32_t second_ CMS_GUARDED_BY(lock_) = 0;

@@ -5,6 +5,7 @@
 #include "cms/live/frame_header.h"
 #include "cms/recording/drv_recorder.h"
 #include "cms/recording/event_marks.h"
+#include "cms/recording/internal/picture_format.h"
 #include "cms/runtime/clock.h"
 
 namespace FX {
@@ -19,23 +20,24 @@ std::span<const std::uint8_t> BlockOf(const void* data, int size) {
 bool FX_DRVRecorder::RecordVideoFrame(const void* header, int headerSize, const void* data,
                                       int size, unsigned channel, bool markDeviceEvent) {
   return RecordFrame(BlockOf(header, headerSize), BlockOf(data, size), channel,
-                     markDeviceEvent ? FrameUse::kMarked : FrameUse::kPlain);
+                     markDeviceEvent ? FrameUse::kMarked : FrameUse::kPlain, 0);
 }
 
 bool FX_DRVRecorder::RecordAudioFrame(const void* header, int headerSize, const void* data,
                                       int size, unsigned channel) {
-  return RecordFrame(BlockOf(header, headerSize), BlockOf(data, size), channel, FrameUse::kPlain);
+  return RecordFrame(BlockOf(header, headerSize), BlockOf(data, size), channel, FrameUse::kPlain,
+                     0);
 }
 
 bool FX_DRVRecorder::RecordPreAlarmFrame(const void* header, int headerSize, const void* data,
-                                         int size, unsigned channel) {
+                                         int size, unsigned channel, std::uint64_t arrivalTick) {
   return RecordFrame(BlockOf(header, headerSize), BlockOf(data, size), channel,
-                     FrameUse::kBeforeEvent);
+                     FrameUse::kBeforeEvent, arrivalTick);
 }
 
 bool FX_DRVRecorder::RecordFrame(std::span<const std::uint8_t> area,
                                  std::span<const std::uint8_t> payload, unsigned channel,
-                                 FrameUse use) {
+                                 FrameUse use, std::uint64_t arrivalTick) {
   cms::ChannelSet::Check(channel);
   // Stopping clears the running bit before it closes the files under this lock: no frame opens them
   // again behind it.
@@ -64,13 +66,22 @@ bool FX_DRVRecorder::RecordFrame(std::span<const std::uint8_t> area,
   const std::array blocks{std::span<const std::uint8_t>(sealed), area.subspan(cms::kDrvHeaderSize),
                           payload};
   if (header.IsAudio()) {
-    return RecordBlocks(blocks, cms::kDependent);
+    return RecordAudioBlocks(blocks, header.Seconds());
   }
   const cms::EventMarks marks = cms::ReadEventMarks(header, channel);
+  const bool live = use != FrameUse::kBeforeEvent;
+  const std::uint64_t format =
+      live && header.IsKeyFrame() ? cms::PictureFormatOf(area, payload) : 0;
+  if (const Shown& shown = ShownOf(channel);
+      live && header.IsKeyFrame() &&
+      (header.Seconds() < shown.seconds ||
+       (format != 0 && shown.format != 0 && format != shown.format))) {
+    SetForceChangeFile();
+  }
   DrvIdx record{};
   record.channel = channel;
   record.state = kinds;
-  record.milliseconds = Milliseconds(header.Seconds());
+  record.milliseconds = Milliseconds(header.Seconds(), arrivalTick);
   record.frame_type = header.FrameType();
   record.second_state =
       (marks.deviceEvent ? 1u : 0u) | (marks.alarm ? 2u : 0u) | (marks.videoLoss ? 4u : 0u);
@@ -82,24 +93,57 @@ bool FX_DRVRecorder::RecordFrame(std::span<const std::uint8_t> area,
   if (header.IsKeyFrame() || !param_.indexKeyFramesOnly) {
     WriteDrvIdx();
   }
-  if (use == FrameUse::kBeforeEvent) {
+  hasVideo_ = true;
+  if (!live) {
     CLFXDRVWriter::SetRecordTime(header.Seconds());
-  } else {
-    SetRecordTime(header.Seconds(), channel);
+    return true;
+  }
+  // Behind a clock that was set back, and until the next file begins, the record keeps its times:
+  // they would shrink to those behind the step.
+  Shown& shown = ShownOf(channel);
+  const std::int64_t fileTime = std::max(header.Seconds(), shown.seconds);
+  SetEventTime(header.Seconds(), channel);
+  CLFXDRVWriter::SetRecordTime(fileTime);
+  shown.seconds = std::max(header.Seconds(), shown.seconds);
+  shown.format = format != 0 ? format : shown.format;
+  return true;
+}
+
+// Sound is found by the times of the video that it belongs to, or by its own when there is none.
+bool FX_DRVRecorder::RecordAudioBlocks(std::span<const std::span<const std::uint8_t>> blocks,
+                                       std::uint32_t seconds) {
+  if (!RecordBlocks(blocks, cms::kDependent)) {
+    return false;
+  }
+  ShownOf(0);
+  if (!hasVideo_) {
+    CLFXDRVWriter::SetRecordTime(seconds);
   }
   return true;
 }
 
+FX_DRVRecorder::Shown& FX_DRVRecorder::ShownOf(unsigned channel) {
+  if (shownFile_ != FileNumber()) {
+    shownFile_ = FileNumber();
+    shown_ = {};
+    hasVideo_ = false;
+  }
+  return shown_[channel];
+}
+
 // Header times are whole seconds: within one, the time since its first frame, and never the same
-// twice while the second has milliseconds left.
-std::uint64_t FX_DRVRecorder::Milliseconds(std::uint32_t seconds) {
-  const std::uint64_t now = cms::TickMilliseconds();
+// twice while the second has milliseconds left. A frame that comes later than its second, and whose
+// arrival is not known, follows the one before it.
+std::uint64_t FX_DRVRecorder::Milliseconds(std::uint32_t seconds, std::uint64_t arrivalTick) {
+  const std::uint64_t tick = arrivalTick != 0 ? arrivalTick : cms::TickMilliseconds();
   if (seconds != second_) {
     second_ = seconds;
-    secondTick_ = now;
+    secondTick_ = tick;
     millisecond_ = 0;
   } else {
-    millisecond_ = std::min<std::uint64_t>(std::max(millisecond_ + 1, now - secondTick_), 999);
+    const std::uint64_t since = tick > secondTick_ ? tick - secondTick_ : 0;
+    const std::uint64_t next = millisecond_ + 1;
+    millisecond_ = std::min<std::uint64_t>(since < 1000 ? std::max(next, since) : next, 999);
   }
   return std::uint64_t{seconds} * 1000 + millisecond_;
 }

@@ -183,6 +183,7 @@ void DrvWalker::Count(const DrvFrame& frame) {
   report_.first_seconds = first ? seconds : report_.first_seconds;
   report_.earliest_seconds = first ? seconds : std::min(report_.earliest_seconds, seconds);
   report_.last_seconds = seconds;
+  report_.latest_seconds = std::max(report_.latest_seconds, seconds);
 }
 
 void DrvWalker::Skip(std::uint64_t from, std::uint64_t to) {

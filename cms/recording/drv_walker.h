@@ -47,9 +47,10 @@ struct DrvWalkReport {
   std::uint32_t first_seconds = 0;
   std::uint32_t earliest_seconds = 0;  // the first one's unless the camera's clock stepped back
   std::uint32_t last_seconds = 0;
-  std::uint64_t skipped_bytes = 0;  // not in any whole frame, the tail included
-  std::uint64_t bad_checks = 0;     // where a header had to be, one with a wrong check byte
-  std::vector<Range> skipped;       // the first kMaximumRanges of them, in order, without the tail
+  std::uint32_t latest_seconds = 0;  // the last one's unless the clock stepped back
+  std::uint64_t skipped_bytes = 0;   // not in any whole frame, the tail included
+  std::uint64_t bad_checks = 0;      // where a header had to be, one with a wrong check byte
+  std::vector<Range> skipped;        // the first kMaximumRanges of them, in order, without the tail
   std::uint64_t file_size = 0;
   std::uint64_t end_of_frames = 0;  // behind the last whole frame
   DrvTail tail = DrvTail::kNone;    // known once the walk has ended

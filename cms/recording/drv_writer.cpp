@@ -4,56 +4,64 @@
 #include <cerrno>
 #include <utility>
 
-#include "cms/recording/internal/late_record.h"
+#include "cms/recording/internal/exit_stops.h"
 #include "cms/recording/internal/record_text.h"
-#include "cms/recording/internal/recording_slots.h"
+#include "cms/recording/internal/recording_disk.h"
+#include "cms/recording/internal/recording_file.h"
+#include "cms/recording/recording_names.h"
 #include "cms/runtime/clock.h"
 #include "cms/runtime/native_path.h"
 
 namespace CLFX {
 namespace {
 
-constexpr std::uint64_t kSilentMilliseconds = 10'000;  // no frame for so long: none is expected
-
-// How the space of a full disk has to grow before files are begun again, so that recording does not
-// resume for a few frames at a time.
-constexpr std::uint64_t kSpaceToResume = 32u << 20;
-
-bool IsFull(int error) {
-  return error == ENOSPC || error == EDQUOT;
-}
+constexpr std::uint64_t kSilentMilliseconds = 10'000;   // no frame for so long: none is expected
+constexpr std::uint64_t kKeylessMilliseconds = 10'000;  // no key frame for so long: likewise
+constexpr int kOpenMilliseconds = 3000;
+constexpr unsigned kBackedUp = 4;  // jobs that wait: handing over small buffers would not help
+constexpr unsigned kRoomToResume = cms::RecordingDisk::kOwnBuffers - cms::RecordingDisk::kReserved;
 
 }  // namespace
 
-CLFXDRVWriter::CLFXDRVWriter() = default;
+CLFXDRVWriter::CLFXDRVWriter() {
+  AtExit([this] { StopRecord(); });
+}
 
 CLFXDRVWriter::~CLFXDRVWriter() {
-  StopRecord();
-  bool work = false;
+  NoExitStop();
+  std::shared_ptr<cms::RecordingDisk> disk;
   {
     ScopeLock hold(lock_);
-    settleTick_ = 0;
-    work = std::any_of(late_.begin(), late_.end(),
-                       [](const auto& late) { return !late.IsClosed() || late.NeedsWork(); });
+    neverWait_ = true;  // what is reserved is enough for the end of the file
+    StopRecord();
+    disk = disk_;
   }
-  if (work) {  // what cannot be settled now is what a repair finds
-    ControlWriteFile::GetInstance()->WaitWritten(2000);
-    SettleLateRecords();
+  if (disk) {
+    disk->End();
   }
+}
+
+void CLFXDRVWriter::AtExit(std::function<void()> stop) {
+  cms::ExitStops::Instance().Add(this, [this, stop = std::move(stop)] {
+    {
+      ScopeLock hold(lock_);
+      neverWait_ = true;
+    }
+    stop();
+  });
+}
+
+void CLFXDRVWriter::NoExitStop() {
+  cms::ExitStops::Instance().Remove(this);
 }
 
 bool CLFXDRVWriter::StartRecord(const wchar_t* path, int sizeMiB, int limit2, int /*value3*/,
                                 const wchar_t* /*text5*/) {
   std::wstring target(cms::TextOf(path));
   ScopeLock hold(lock_);
-  if (!data_) {
-    data_.reset(new std::uint8_t[kBufferSize]);
-    idxData_.reset(new std::uint8_t[kBufferSize]);
-    ControlWriteFile::GetInstance();  // made here, not by the first frame that fills a buffer
-  }
   CloseFiles(false);
   started_ = false;
-  if (sizeMiB < 1 || limit2 < 1) {
+  if (sizeMiB < 1 || limit2 < 1 || !Prepare()) {
     return false;
   }
   sizeMiB_ = sizeMiB;
@@ -61,8 +69,31 @@ bool CLFXDRVWriter::StartRecord(const wchar_t* path, int sizeMiB, int limit2, in
   path_ = std::move(target);
   hasNewPath_ = false;
   forceChange_ = false;
-  retryTick_ = 0;
-  started_ = HasTarget() && MayOpen() && OpenFiles();
+  stalled_ = false;
+  lastKeyTick_ = cms::TickMilliseconds();
+  if (!HasTarget()) {
+    return false;
+  }
+  if (neverWait_) {
+    started_ = true;
+    if (failing_) {
+      status_.error = status_.lastError;
+    }
+    if (!failing_ || MayOpen()) {  // else Flush and key frames try again
+      BeginFile();
+    }
+    return true;
+  }
+  if (!BeginFile()) {
+    return false;
+  }
+  const auto file = file_;
+  const auto disk = disk_;
+  hold.UnLock();
+  disk->WaitOpened(*file, kOpenMilliseconds);
+  hold.Lock();
+  Notice();
+  started_ = file_ == file;
   return started_;
 }
 
@@ -79,6 +110,11 @@ bool CLFXDRVWriter::StartRecordAgain() {
   return StartRecord(path.c_str(), sizeMiB, limit2, 0, nullptr);
 }
 
+bool CLFXDRVWriter::GoesOn() const {
+  ScopeLock hold(lock_);
+  return HasOpenFile() || (started_ && neverWait_);
+}
+
 void CLFXDRVWriter::SetTarget(const wchar_t* path, int sizeMiB, int limit2) {
   ScopeLock hold(lock_);
   sizeMiB_ = sizeMiB;
@@ -90,6 +126,7 @@ void CLFXDRVWriter::StopRecord() {
   ScopeLock hold(lock_);
   CloseFiles(false);
   started_ = false;
+  stalled_ = false;
   forceChange_ = false;
   if (std::exchange(hasNewPath_, false)) {
     path_ = std::move(newPath_);
@@ -99,7 +136,7 @@ void CLFXDRVWriter::StopRecord() {
 
 bool CLFXDRVWriter::ChangeRecordFile() {
   ScopeLock hold(lock_);
-  NoticeFailure();
+  Notice();
   if (!HasOpenFile()) {
     return false;  // the next key frame begins a file anyway, if one is wanted
   }
@@ -142,32 +179,63 @@ bool CLFXDRVWriter::RecordBlocks(std::span<const std::span<const std::uint8_t>> 
   if (length == 0) {
     return false;
   }
-  NoticeFailure();
-  const bool begins = frameKind == cms::kBeginsFile;
-  if (begins && (!HasOpenFile() || MustChange() || !Fits(length))) {
-    if (!HasTarget() || (!HasOpenFile() && !MayOpen()) || !RollOver()) {
-      return Drop();
-    }
+  Notice();
+  const bool begins = Begins(frameKind);
+  const bool wanted = file_ == nullptr || (!probing_ && (MustChange() || !Fits(length)));
+  if (begins && wanted && HasTarget() && MayOpen()) {
+    RollOver();
   }
-  if (!HasOpenFile() || (!begins && !hasFrame_)) {
+  if (!HasOpenFile() || (!begins && !hasFrame_) || !HasRoom(length, begins)) {
     return Drop();
   }
   if (!Fits(length)) {
     CloseFiles(false);
     return Drop();
   }
-  record_.offset = static_cast<std::uint32_t>(handedOver_ + buffered_);
+  record_.offset = static_cast<std::uint32_t>(begin_ + handedOver_ + buffered_);
   AddData(blocks, length);
   hasFrame_ = true;
   lastFrameTick_ = cms::TickMilliseconds();
   status_.lastFrameTick = lastFrameTick_;
+  const std::uint64_t keys = frameKind == cms::kBeginsFile ? 1 : 0;
   ++status_.frames;
-  status_.keyFrames += begins ? 1 : 0;
+  status_.keyFrames += keys;
   status_.bytes += length;
   ++fileCounts_.frames;
-  fileCounts_.keyFrames += begins ? 1 : 0;
+  fileCounts_.keyFrames += keys;
   fileCounts_.bytes += length;
   return true;
+}
+
+// A key frame, or what comes when none does: a stream may refresh its pictures bit by bit, or be
+// sound alone.
+bool CLFXDRVWriter::Begins(int frameKind) {
+  const std::uint64_t now = cms::TickMilliseconds();
+  if (frameKind == cms::kBeginsFile) {
+    lastKeyTick_ = now;
+    return true;
+  }
+  return (fileCounts_.keyFrames == 0 || stalled_) && now - lastKeyTick_ >= kKeylessMilliseconds;
+}
+
+// Whoever may not wait for a slow disk drops whole groups of pictures.
+bool CLFXDRVWriter::HasRoom(std::uint64_t length, bool begins) {
+  if (!neverWait_ || (!stalled_ && buffered_ + length <= flushThreshold_)) {
+    return true;
+  }
+  if (stalled_ && (!begins || !disk_->HasRoom(kRoomToResume))) {
+    return false;
+  }
+  const bool room = disk_->HasRoom(static_cast<unsigned>((buffered_ + length) / kBufferSize) + 2);
+  if (!room && !stalled_) {
+    ++status_.failures;
+    status_.lastError = ETIMEDOUT;
+  } else if (room && stalled_) {
+    ++status_.resumptions;
+  }
+  stalled_ = !room;
+  status_.error = room ? 0 : ETIMEDOUT;
+  return room;
 }
 
 bool CLFXDRVWriter::Drop() {
@@ -176,64 +244,60 @@ bool CLFXDRVWriter::Drop() {
 }
 
 bool CLFXDRVWriter::HasTarget() const {
-  return data_ && sizeMiB_ > 0 && limit2_ > 0 && !path_.empty();
+  return disk_ && sizeMiB_ > 0 && limit2_ > 0 && !path_.empty();
 }
 
 // An index record's offset has 32 bits.
 bool CLFXDRVWriter::Fits(std::uint64_t length) const {
-  return handedOver_ + buffered_ + length <= UINT32_MAX;
+  return begin_ + handedOver_ + buffered_ + length <= UINT32_MAX;
 }
 
 bool CLFXDRVWriter::MustChange() const {
   const std::uint64_t limit = static_cast<std::uint64_t>(std::max(sizeMiB_, 0)) << 20;
-  return forceChange_ || hasNewPath_ || fileBegin_ + fileCounts_.bytes >= limit + sizeStagger_;
+  return forceChange_ || hasNewPath_ || begin_ + fileCounts_.bytes >= limit + sizeStagger_;
 }
 
 bool CLFXDRVWriter::IsSilent() const {
   return cms::TickMilliseconds() - lastFrameTick_ >= kSilentMilliseconds;
 }
 
-bool CLFXDRVWriter::MayOpen() {
-  if (cms::TickMilliseconds() < retryTick_) {
-    return false;
-  }
-  cms::FreeSpace space;
-  const auto folder = cms::SplitAtLastSeparator(path_).folder;
-  return !IsFull(status_.lastError) ||
-         !cms::CurrentFileIo().Space(cms::NativePath(folder), space) ||
-         space.free_to_caller >= kSpaceToResume;
+bool CLFXDRVWriter::MayOpen() const {
+  return cms::TickMilliseconds() >= retryTick_;
 }
 
 void CLFXDRVWriter::Flush(std::uint32_t age) {
-  {
-    ScopeLock hold(lock_);
-    NoticeFailure();
-    NoticeVanishedFile();
-    if (HasOpenFile() && forceChange_ && hasFrame_ && IsSilent()) {
-      RollOver();
-    }
-    const std::uint64_t now = cms::TickMilliseconds();
-    const bool dataIsOld = buffered_ > 0 && now - bufferedSince_ >= age;
-    const bool idxIsOld = idxBuffered_ > 0 && now - idxBufferedSince_ >= age;
-    if (dataIsOld || idxIsOld) {  // no index record stands on disk before its frame
-      MemoryRecordToFile(false);
-      MemoryIdxToFile(false);
-    }
+  ScopeLock hold(lock_);
+  if (!disk_) {
+    return;
   }
-  SettleLateRecords();
+  Notice();
+  if (HasOpenFile() && forceChange_ && hasFrame_ && IsSilent() && MayOpen()) {
+    RollOver();
+  }
+  if (started_ && !file_ && failing_ && MayOpen()) {
+    RollOver();
+  }
+  const std::uint64_t now = cms::TickMilliseconds();
+  const bool dataIsOld = buffered_ > 0 && now - bufferedSince_ >= age;
+  const bool idxIsOld = idxBuffered_ > 0 && now - idxBufferedSince_ >= age;
+  const bool helps = age == 0 || disk_->Waiting() < kBackedUp;
+  if ((dataIsOld || idxIsOld) && helps && disk_->HasRoom(2)) {
+    MemoryRecordToFile(false);  // no index record stands on disk before its frame
+    MemoryIdxToFile(false);
+  }
+  disk_->Look();
 }
 
 void CLFXDRVWriter::SetRecordTime(std::int64_t time) {
   ScopeLock hold(lock_);
-  if (time > 0 && HasOpenFile()) {
-    cms::WidenRecordTimes(time, startTime_, endTime_);
-    recordList_->SetRecordTime(time);
+  if (time > 0 && file_) {
+    cms::WidenRecordTimes(time, file_->start, file_->end);
   }
 }
 
 std::uint32_t CLFXDRVWriter::GetDrvOffset() const {
   ScopeLock hold(lock_);
-  return HasOpenFile() ? static_cast<std::uint32_t>(handedOver_ + buffered_) : 0;
+  return HasOpenFile() ? static_cast<std::uint32_t>(begin_ + handedOver_ + buffered_) : 0;
 }
 
 void CLFXDRVWriter::SetDrvIdx(const DrvIdx& record) {
@@ -257,36 +321,108 @@ void CLFXDRVWriter::SetStreamHeaders(std::span<const std::uint8_t> twelveBytes,
   streamHeaders_[2].assign(codecConfiguration.begin(), codecConfiguration.end());
 }
 
+void CLFXDRVWriter::NeverWaitForDisk() {
+  ScopeLock hold(lock_);
+  neverWait_ = true;
+}
+
+bool CLFXDRVWriter::WaitOpened(int milliseconds) {
+  ScopeLock hold(lock_);
+  Notice();
+  if (started_ && !file_ && HasTarget()) {
+    RollOver();
+  }
+  const auto file = file_;
+  const auto disk = disk_;
+  if (!file) {
+    return false;
+  }
+  hold.UnLock();
+  disk->WaitOpened(*file, milliseconds);
+  hold.Lock();
+  Notice();
+  return file_ != nullptr;
+}
+
+bool CLFXDRVWriter::WaitRecorded(int milliseconds) {
+  std::shared_ptr<cms::RecordingDisk> disk;
+  {
+    ScopeLock hold(lock_);
+    disk = disk_;
+  }
+  // Twice: there may have been no room for all of it.
+  for (int round = 0; disk && round < 2; ++round) {
+    Flush(0);
+    if (!disk->WaitIdle(milliseconds)) {
+      return false;
+    }
+  }
+  ScopeLock hold(lock_);
+  Notice();
+  return true;
+}
+
 void CLFXDRVWriter::RememberFinished() {
   ScopeLock hold(lock_);
   rememberFinished_ = true;
+  if (disk_) {
+    disk_->RememberFinished();
+  }
 }
 
 std::vector<cms::FinishedRecording> CLFXDRVWriter::TakeFinished() {
   ScopeLock hold(lock_);
-  return std::exchange(finished_, {});
+  return disk_ ? disk_->TakeFinished() : std::vector<cms::FinishedRecording>();
 }
 
 bool CLFXDRVWriter::IsSettled() const {
   ScopeLock hold(lock_);
-  return !HasOpenFile() && late_.empty();
+  return !file_ && (!disk_ || disk_->IsSettled());
+}
+
+void CLFXDRVWriter::DoOnDisk(std::function<cms::DiskTaskResult()> task) {
+  ScopeLock hold(lock_);
+  if (disk_) {
+    disk_->Store(std::move(task));
+  }
 }
 
 cms::RecordingStatus CLFXDRVWriter::GetRecordingStatus() const {
   ScopeLock hold(lock_);
   cms::RecordingStatus status = status_;
-  status.state = status_.error != 0           ? cms::RecordingState::kFailed
+  if (const int error = PendingError(); error != 0) {
+    status.error = error;
+    status.lastError = error;
+  }
+  status.state = status.error != 0            ? cms::RecordingState::kFailed
                  : HasOpenFile() && hasFrame_ ? cms::RecordingState::kRecording
                  : HasOpenFile() || started_  ? cms::RecordingState::kWaitingForKeyFrame
                                               : cms::RecordingState::kIdle;
-  status.lateRecords = static_cast<std::uint64_t>(
-      std::count_if(late_.begin(), late_.end(), [](const auto& late) { return late.NeedsWork(); }));
+  if (disk_) {
+    const cms::RecordingDisk::Counts counts = disk_->GetCounts();
+    status.lostBytes += counts.lostBytes;
+    status.lost = counts.lost;
+    status.failures += counts.failures;
+    status.lastError = status.lastError != 0 ? status.lastError : counts.lastError;
+    status.lateRecords = counts.lateRecords;
+    status.lateEvents = counts.tasks;
+  }
   return status;
 }
 
 std::wstring CLFXDRVWriter::GetDrvPath() const {
   ScopeLock hold(lock_);
-  return HasOpenFile() ? drvPath_ : std::wstring();
+  if (!HasOpenFile()) {
+    return {};
+  }
+  const bool opening =
+      file_->state.load(std::memory_order_acquire) == cms::RecordingFile::State::kOpening;
+  return opening ? file_->front + cms::RecordingStamp(file_->startTime) + L".drv" : file_->drvPath;
+}
+
+std::wstring CLFXDRVWriter::FrontOfPath() const {
+  ScopeLock hold(lock_);
+  return file_ ? file_->front : path_;
 }
 
 }  // namespace CLFX

@@ -4,27 +4,33 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <span>
 #include <string>
 #include <vector>
 
-#include "cms/recording/control_write_file.h"
 #include "cms/recording/drv_format.h"
-#include "cms/recording/record_db_list_writer.h"
 #include "cms/recording/recording_status.h"
 #include "cms/runtime/api.h"
 #include "cms/runtime/critical.h"
-#include "cms/runtime/file_io.h"
 
 namespace cms {
 
-struct LateRecord;
+class RecordingDisk;
+struct RecordingFile;
 
 // A recording that is written, closed and listed.
 struct FinishedRecording {
   std::wstring drvPath;
   std::wstring idxPath;
+};
+
+// What became of a task of the disk thread.
+enum class DiskTaskResult {
+  kDone,
+  kBusy,    // another thread is in the way: to be tried again shortly
+  kFailed,  // to be tried again later
 };
 
 inline constexpr int kBeginsFile = 0;  // a frame that may begin a file: a key frame
@@ -39,23 +45,29 @@ inline constexpr std::uint32_t kFlushAgeMilliseconds = 3000;
 namespace CLFX {
 
 // One for each site. Frames gather in a buffer of 512 KiB, their index records in another; both are
-// handed to the process's write queue when they are full, when Flush finds them old, and before the
-// file is closed. The next file begins with the first key frame behind the size limit, behind
-// SetForceChangeFile, ChangeRecordFile or ChangeRecordPath, so that every file begins with a key
-// frame and every frame is in exactly one file.
+// handed to the recorder's own disk thread when they are full, when Flush finds them old, and
+// before the file is closed. The next file begins with the first key frame behind the size limit,
+// behind SetForceChangeFile, ChangeRecordFile or ChangeRecordPath, so that every file begins with a
+// key frame and every frame is in exactly one file. A stream that shows no key frame for ten
+// seconds is recorded as it comes.
 //
 // Files are named path + local time + ".drv" and ".idx"; the path is a folder and the front of a
 // name, "C:\recordings\20240229\Rec_Site1_". A file that exists is continued at its end, one that
 // another recorder holds is passed over for the next second's name, and one that would be begun
-// within the second of the file before it is that file, which stays open.
+// within the second of the file before it is that file, which stays open. A file that got no frame
+// is removed when it is closed.
 //
-// When a write fails the file is closed behind its last written byte, and frames are dropped and
-// counted. Flush then mends the file's end and its index, waits for space if the disk was full, and
-// lets the next key frame begin a new file.
+// The disk thread opens the files too: frames are accepted meanwhile. When a new file cannot be
+// opened the one before it goes on. When there is none, or when a write fails, the file is closed
+// behind its last written byte, and frames are dropped and counted. The thread then mends the
+// file's end and its index; files are tried again after a pause that grows from one second to
+// thirty, once there is space if the disk was full, and the next key frame begins one.
 //
 // Threads: Record and what goes with it on the receiving thread, everything else on any. The
-// virtual operations are called with lock_ held or not; it is recursive. Nothing is allocated for a
-// frame. Files are closed and records stored by whoever causes it; a full queue blocks the caller.
+// virtual operations are called with lock_ held or not; it is recursive, and nothing waits for the
+// disk with it, except that Record waits for room while 80 MiB wait for a slow disk (see
+// NeverWaitForDisk). Nothing is allocated for a frame. Destruction, and the end of the process,
+// write what was accepted, but do not wait for a disk that does not answer.
 class CMS_API CLFXDRVWriter {
  public:
   static constexpr std::uint32_t kBufferSize = 524'288;
@@ -65,15 +77,15 @@ class CMS_API CLFXDRVWriter {
   CLFXDRVWriter(const CLFXDRVWriter&) = delete;
   CLFXDRVWriter& operator=(const CLFXDRVWriter&) = delete;
 
-  // Closes what is open and opens the path's file. Both limits have to be at least 1: the size in
-  // MiB behind which a file ends, and a limit that is kept only; when that is 1, files have no
-  // stream header blocks. The last two arguments are not used.
+  // Closes what is open and opens the path's file: waits until that is done, but no longer than
+  // three seconds, and it goes on behind them. Both limits have to be at least 1: the size in MiB
+  // behind which a file ends, and a limit that is kept only; when that is 1, files have no stream
+  // header blocks. The last two arguments are not used.
   virtual bool StartRecord(const wchar_t* path, int sizeMiB, int limit2, int value3,
                            const wchar_t* text5);
 
   // For the caller's clock: the next key frame begins a new file. A file that has no frame yet, or
-  // whose stream is silent, is changed without waiting for one. False when nothing is open and
-  // nothing could be opened.
+  // whose stream is silent, is changed without waiting for one. False when nothing is open.
   virtual bool ChangeRecordFile();
 
   virtual void SetForceChangeFile();  // the next key frame begins a new file
@@ -81,15 +93,15 @@ class CMS_API CLFXDRVWriter {
   // Appends one frame: header, extension and payload. False when it was dropped.
   virtual bool Record(const void* data, std::uint32_t length, int frameKind);
 
-  // Closes the file, goes over to the path that ChangeRecordPath left, and opens the file of the
-  // path's start time; nothing happens when that file is open.
+  // Goes over to the path that ChangeRecordPath left and has the file of the path's start time
+  // opened in the place of the one before; nothing happens when that file is open.
   virtual bool ChangeFile();
 
   virtual bool IsRecording();  // whether a .drv file is open
 
-  // Hands over what has waited for at least `age` milliseconds, notices failed writes, and settles
-  // what they left behind. For the owner's clock, about once a second, not on the receiving thread:
-  // after a failure it waits for the disk.
+  // Hands over what has waited for at least `age` milliseconds, notices failed writes, has settled
+  // what they left behind, and begins a file again when its time has come. For the owner's clock,
+  // about once a second.
   virtual void Flush(std::uint32_t age = cms::kFlushAgeMilliseconds);
 
   void StopRecord();
@@ -111,12 +123,27 @@ class CMS_API CLFXDRVWriter {
                         std::span<const std::uint8_t> hundredThirtySixBytes,
                         std::span<const std::uint8_t> codecConfiguration);
 
+  // From now on nothing waits for the disk, and a recording that was started goes on until it is
+  // stopped: StartRecord returns at once, a file that cannot be opened is tried again and again,
+  // and frames for which there is no room are dropped and counted, up to the next key frame, with
+  // ETIMEDOUT as the error. Before the first start.
+  void NeverWaitForDisk();
+
+  // Whether the file of a recording that was started can be written to: waits for it to be opened,
+  // and asks for that once more when it failed. True also when the disk has not answered by then.
+  bool WaitOpened(int milliseconds);
+
+  // Hands over what there is and waits until it is written, closed files are mended and the records
+  // of files and events are stored, or cannot be at the moment. False when the time has run out.
+  bool WaitRecorded(int milliseconds);
+
   // From now on files that are finished are remembered for TakeFinished, in the order in which they
   // were begun: one whose end has to be mended first holds up those behind it. They are not
-  // continued any more.
+  // continued any more, nor is what an earlier recorder left.
   void RememberFinished();
   std::vector<cms::FinishedRecording> TakeFinished();  // those that Flush found since the last call
-  bool IsSettled() const;  // no file is open or being closed, and nothing waits to be mended
+  // No file is open or being closed, and nothing waits to be mended or to be taken.
+  bool IsSettled() const;
 
   cms::RecordingStatus GetRecordingStatus() const;
   std::wstring GetDrvPath() const;  // of the open file; empty when none is
@@ -125,9 +152,19 @@ class CMS_API CLFXDRVWriter {
   // Record for a frame in pieces.
   bool RecordBlocks(std::span<const std::span<const std::uint8_t>> blocks, int frameKind)
       CMS_REQUIRES(lock_);
-  bool HasOpenFile() const CMS_REQUIRES(lock_) { return drv_ >= 0; }
+  bool HasOpenFile() const CMS_REQUIRES(lock_) { return file_ != nullptr && !probing_; }
+  std::uint64_t FileNumber() const CMS_REQUIRES(lock_) { return fileNumber_; }  // counts them
   bool StartRecordAgain();  // with the path and the limits that are stored
+  bool GoesOn() const;      // started, and nothing but StopRecord ends it
   void SetTarget(const wchar_t* path, int sizeMiB, int limit2);
+  std::wstring FrontOfPath() const;  // of the current file, up to the stamp
+
+  // Has the disk thread do it behind what it was given before, again and again until it is done.
+  void DoOnDisk(std::function<cms::DiskTaskResult()> task);
+
+  // At the end of the process `stop` ends what is still recorded, up to NoExitStop.
+  void AtExit(std::function<void()> stop);
+  void NoExitStop();
 
   mutable CMSCritical lock_;
   cms::RecordingStatus status_ CMS_GUARDED_BY(lock_);
@@ -140,56 +177,52 @@ class CMS_API CLFXDRVWriter {
   bool Fits(std::uint64_t length) const CMS_REQUIRES(lock_);
   bool MustChange() const CMS_REQUIRES(lock_);
   bool IsSilent() const CMS_REQUIRES(lock_);
-  bool MayOpen() CMS_REQUIRES(lock_);
+  bool Begins(int frameKind) CMS_REQUIRES(lock_);
+  bool HasRoom(std::uint64_t length, bool begins) CMS_REQUIRES(lock_);
+  bool MayOpen() const CMS_REQUIRES(lock_);
   bool Drop() CMS_REQUIRES(lock_);
+  int PendingError() const CMS_REQUIRES(lock_);
 
   // drv_writer_files.cpp
+  bool Prepare() CMS_REQUIRES(lock_);
   bool RollOver() CMS_REQUIRES(lock_);
-  bool OpenFiles() CMS_REQUIRES(lock_);
-  int OpenNamed(std::int64_t startTime) CMS_REQUIRES(lock_);
-  void AppendStreamHeaders() CMS_REQUIRES(lock_);
+  bool BeginFile() CMS_REQUIRES(lock_);
+  void HandOverEnd() CMS_REQUIRES(lock_);
   void CloseFiles(bool failed) CMS_REQUIRES(lock_);
-  bool IsDamaged(const std::wstring& drvPath) const CMS_REQUIRES(lock_);
-  void NoticeFailure() CMS_REQUIRES(lock_);
-  void NoticeVanishedFile() CMS_REQUIRES(lock_);
+  void ForgetFile() CMS_REQUIRES(lock_);
+  void Notice() CMS_REQUIRES(lock_);
+  void NoticeOpened() CMS_REQUIRES(lock_);
   void RecordFailed(int error) CMS_REQUIRES(lock_);
   void CountFailure(int error) CMS_REQUIRES(lock_);
-  void SettleLateRecords();
-  void ForgetSettled() CMS_REQUIRES(lock_);
-  void Finish(const cms::LateRecord& late) CMS_REQUIRES(lock_);
 
   void AddData(std::span<const std::span<const std::uint8_t>> blocks, std::uint64_t length)
       CMS_REQUIRES(lock_);
-  void MemoryRecordToFile(bool close) CMS_REQUIRES(lock_);
-  void MemoryIdxToFile(bool close) CMS_REQUIRES(lock_);
-  void CloseWriteDrvFile() CMS_REQUIRES(lock_);
-  void CloseWriteIdxFile() CMS_REQUIRES(lock_);
+  void MemoryRecordToFile(bool last) CMS_REQUIRES(lock_);
+  void MemoryIdxToFile(bool last) CMS_REQUIRES(lock_);
 
   std::unique_ptr<std::uint8_t[]> data_ CMS_GUARDED_BY(lock_);
   std::unique_ptr<std::uint8_t[]> idxData_ CMS_GUARDED_BY(lock_);
   std::uint32_t buffered_ CMS_GUARDED_BY(lock_) = 0;
   std::uint32_t idxBuffered_ CMS_GUARDED_BY(lock_) = 0;
-  std::uint64_t bufferedSince_ CMS_GUARDED_BY(lock_) = 0;     // tick of the oldest byte
-  std::uint64_t idxBufferedSince_ CMS_GUARDED_BY(lock_) = 0;  // "
+  std::uint64_t bufferedSince_ CMS_GUARDED_BY(lock_) = 0;           // tick of the oldest byte
+  std::uint64_t idxBufferedSince_ CMS_GUARDED_BY(lock_) = 0;        // "
+  std::shared_ptr<cms::RecordingDisk> disk_ CMS_GUARDED_BY(lock_);  // from the first start on
+  bool neverWait_ CMS_GUARDED_BY(lock_) = false;
+  bool rememberFinished_ CMS_GUARDED_BY(lock_) = false;
 
-  // The open file.
-  int drv_ CMS_GUARDED_BY(lock_) = -1;
-  int idx_ CMS_GUARDED_BY(lock_) = -1;
-  std::shared_ptr<cms::WriteStatus> drvStatus_ CMS_GUARDED_BY(lock_);  // kept behind the close
-  std::shared_ptr<cms::WriteStatus> idxStatus_ CMS_GUARDED_BY(lock_);
-  std::wstring drvPath_ CMS_GUARDED_BY(lock_);
-  std::wstring idxPath_ CMS_GUARDED_BY(lock_);
-  cms::FileStatus drvFile_ CMS_GUARDED_BY(lock_);
-  std::uint64_t handedOver_ CMS_GUARDED_BY(lock_) = 0;  // in the file or on its way there
-  std::uint64_t fileBegin_ CMS_GUARDED_BY(lock_) = 0;   // what was in it when it was opened
-  cms::FrameCounts fileCounts_ CMS_GUARDED_BY(lock_);   // accepted since
-  bool hasFrame_ CMS_GUARDED_BY(lock_) = false;         // since it was opened
-  bool idxIncomplete_ CMS_GUARDED_BY(lock_) = false;
+  // The open file. Offsets in it are known once the disk has opened it: until then they count from
+  // where its frames begin.
+  std::shared_ptr<cms::RecordingFile> file_ CMS_GUARDED_BY(lock_);
+  std::uint64_t fileNumber_ CMS_GUARDED_BY(lock_) = 0;
+  bool known_ CMS_GUARDED_BY(lock_) = false;            // what the disk said of it has been noticed
+  bool probing_ CMS_GUARDED_BY(lock_) = false;          // takes no frames before it is open
+  std::uint64_t begin_ CMS_GUARDED_BY(lock_) = 0;       // the offset of its first frame
+  std::uint64_t handedOver_ CMS_GUARDED_BY(lock_) = 0;  // of its frames' bytes
+  cms::FrameCounts fileCounts_ CMS_GUARDED_BY(lock_);   // accepted
+  bool hasFrame_ CMS_GUARDED_BY(lock_) = false;
   std::uint64_t lastFrameTick_ CMS_GUARDED_BY(lock_) = 0;
-  std::int64_t startTime_ CMS_GUARDED_BY(lock_) = 0;  // of its frames
-  std::int64_t endTime_ CMS_GUARDED_BY(lock_) = 0;
+  std::uint64_t lastKeyTick_ CMS_GUARDED_BY(lock_) = 0;  // of a key frame or of the start
   DrvIdx record_ CMS_GUARDED_BY(lock_) = {};
-  std::unique_ptr<FX::FX_RecordDBListWriter> recordList_ CMS_GUARDED_BY(lock_);
 
   // What files are to be.
   std::wstring path_ CMS_GUARDED_BY(lock_);
@@ -204,15 +237,11 @@ class CMS_API CLFXDRVWriter {
 
   // After a failure.
   bool started_ CMS_GUARDED_BY(lock_) = false;  // between StartRecord and StopRecord
+  bool failing_ CMS_GUARDED_BY(lock_) = false;  // no file has been opened since
+  bool stalled_ CMS_GUARDED_BY(lock_) = false;  // there was no room for a frame
   std::uint64_t retryTick_ CMS_GUARDED_BY(lock_) = 0;
   std::uint64_t failureTick_ CMS_GUARDED_BY(lock_) = 0;
-  std::uint64_t retryDelay_ CMS_GUARDED_BY(lock_) = 0;       // milliseconds
-  std::vector<cms::LateRecord> late_ CMS_GUARDED_BY(lock_);  // of closed files, until settled
-  std::uint64_t settleTick_ CMS_GUARDED_BY(lock_) = 0;
-  bool rememberFinished_ CMS_GUARDED_BY(lock_) = false;
-  std::vector<cms::FinishedRecording> finished_ CMS_GUARDED_BY(lock_);
-  std::wstring lastFinished_ CMS_GUARDED_BY(lock_);  // its .drv file
-  CMSCritical settling_;                             // taken before lock_, never inside it
+  std::uint64_t retryDelay_ CMS_GUARDED_BY(lock_) = 0;  // milliseconds
 };
 
 }  // namespace CLFX

@@ -5,13 +5,14 @@
 #include <utility>
 
 #include "cms/recording/drv_writer.h"
+#include "cms/recording/internal/recording_disk.h"
 #include "cms/runtime/clock.h"
 
 namespace CLFX {
 
 void CLFXDRVWriter::WriteDrvIdx() {
   ScopeLock hold(lock_);
-  if (idx_ < 0) {
+  if (!file_) {
     return;
   }
   if (idxBuffered_ > kBufferSize - sizeof record_) {
@@ -20,8 +21,10 @@ void CLFXDRVWriter::WriteDrvIdx() {
   if (idxBuffered_ == 0) {
     idxBufferedSince_ = cms::TickMilliseconds();
   }
-  std::memcpy(idxData_.get() + idxBuffered_, &record_, sizeof record_);
-  idxBuffered_ += sizeof record_;
+  DrvIdx record = record_;
+  record.offset -= static_cast<std::uint32_t>(begin_);
+  std::memcpy(idxData_.get() + idxBuffered_, &record, sizeof record);
+  idxBuffered_ += sizeof record;
 }
 
 void CLFXDRVWriter::AddData(std::span<const std::span<const std::uint8_t>> blocks,
@@ -45,47 +48,26 @@ void CLFXDRVWriter::AddData(std::span<const std::span<const std::uint8_t>> block
   }
 }
 
-void CLFXDRVWriter::MemoryRecordToFile(bool close) {
-  if (drv_ < 0 || (buffered_ == 0 && !close)) {
+void CLFXDRVWriter::MemoryRecordToFile(bool last) {
+  if (!file_ || buffered_ == 0) {
     return;
   }
-  const bool queued =
-      ControlWriteFile::GetInstance()->AddToQueue(drv_, data_.get(), buffered_, close, drvStatus_);
-  if (!queued) {  // the process ends
-    drvStatus_->error = ESHUTDOWN;
+  if (!disk_->Write(cms::RecordingDisk::Part::kDrv, data_.get(), buffered_, last, !neverWait_)) {
     status_.lostBytes += buffered_;
-  }
-  if (close && !queued) {
-    cms::CurrentFileIo().Close(drv_);
-    drvStatus_->closed = true;
+    file_->error = ETIMEDOUT;
   }
   handedOver_ += std::exchange(buffered_, 0);
 }
 
-void CLFXDRVWriter::MemoryIdxToFile(bool close) {
-  if (idx_ < 0 || (idxBuffered_ == 0 && !close)) {
+void CLFXDRVWriter::MemoryIdxToFile(bool last) {
+  if (!file_ || idxBuffered_ == 0) {
     return;
   }
-  const bool queued = ControlWriteFile::GetInstance()->AddToQueue(idx_, idxData_.get(),
-                                                                  idxBuffered_, close, idxStatus_);
-  if (!queued) {
-    idxStatus_->error = ESHUTDOWN;
-  }
-  if (close && !queued) {
-    cms::CurrentFileIo().Close(idx_);
-    idxStatus_->closed = true;
+  if (!disk_->Write(cms::RecordingDisk::Part::kIdx, idxData_.get(), idxBuffered_, last,
+                    !neverWait_)) {
+    file_->error = ETIMEDOUT;
   }
   idxBuffered_ = 0;
-}
-
-void CLFXDRVWriter::CloseWriteDrvFile() {
-  MemoryRecordToFile(true);
-  drv_ = -1;
-}
-
-void CLFXDRVWriter::CloseWriteIdxFile() {
-  MemoryIdxToFile(true);
-  idx_ = -1;
 }
 
 }  // namespace CLFX

@@ -1,34 +1,43 @@
-// The files of a CLFXDRVWriter: how they are opened, changed, closed and given up.
+// The files of a CLFXDRVWriter: how they are begun, changed, closed and given up.
 #include <algorithm>
 #include <cerrno>
 #include <utility>
 
 #include "cms/recording/drv_writer.h"
-#include "cms/recording/internal/late_record.h"
-#include "cms/recording/internal/recording_pair.h"
+#include "cms/recording/internal/recording_disk.h"
+#include "cms/recording/internal/recording_file.h"
 #include "cms/recording/internal/recording_slots.h"
 #include "cms/recording/recording_names.h"
 #include "cms/runtime/clock.h"
-#include "cms/runtime/native_path.h"
-#include "cms/runtime/wide_text.h"
 
 namespace CLFX {
 namespace {
 
-constexpr int kNamesToTry = 16;
-constexpr int kCloseMilliseconds = 2000;  // what the queue may take to close a file
 constexpr std::uint64_t kFirstRetryMilliseconds = 1000;
 constexpr std::uint64_t kLastRetryMilliseconds = 30'000;
-constexpr std::uint64_t kSettleMilliseconds = 5000;
-constexpr std::uint64_t kLargestFile = UINT32_MAX;
 
-// The name is somebody else's; another one may do.
-bool IsTaken(int error) {
-  return error == EWOULDBLOCK || error == EACCES || error == EPERM || error == EISDIR ||
-         error == ETXTBSY;
-}
+using State = cms::RecordingFile::State;
 
 }  // namespace
+
+// What a recording needs in memory.
+bool CLFXDRVWriter::Prepare() {
+  if (!data_) {
+    data_.reset(new std::uint8_t[kBufferSize]);
+    idxData_.reset(new std::uint8_t[kBufferSize]);
+  }
+  if (!disk_) {
+    disk_ = cms::RecordingDisk::Start();
+    if (!disk_) {
+      CountFailure(EAGAIN);
+      return false;
+    }
+    if (rememberFinished_) {
+      disk_->RememberFinished();
+    }
+  }
+  return true;
+}
 
 bool CLFXDRVWriter::RollOver() {
   cms::RecordingSlots::Instance().SetStartTime(hasNewPath_ ? newPath_ : path_, cms::WallSeconds());
@@ -37,197 +46,129 @@ bool CLFXDRVWriter::RollOver() {
 
 bool CLFXDRVWriter::ChangeFile() {
   ScopeLock hold(lock_);
+  if (!disk_) {
+    return false;
+  }
   const std::wstring& target = hasNewPath_ ? newPath_ : path_;
   const std::int64_t startTime =
       cms::RecordingSlots::Instance().Use(target, cms::WallSeconds()).startTime;
-  if (HasOpenFile() && target + cms::RecordingStamp(startTime) + L".drv" == drvPath_) {
+  if (HasOpenFile() && target + cms::RecordingStamp(startTime) + L".drv" == GetDrvPath()) {
     return true;  // still its second: what asked for the change asks again
   }
-  CloseFiles(false);
   if (std::exchange(hasNewPath_, false)) {
     path_ = std::move(newPath_);
   }
-  forceChange_ = false;
-  return HasTarget() && OpenFiles();
+  return HasTarget() && BeginFile();
 }
 
-bool CLFXDRVWriter::OpenFiles() {
-  auto& slots = cms::RecordingSlots::Instance();
-  const auto slot = slots.Use(path_, cms::WallSeconds());
-  sizeStagger_ = slot.SizeStagger();
-  flushThreshold_ = slot.FlushThreshold();
-  int error = EWOULDBLOCK;
-  for (int i = 0; i < kNamesToTry && IsTaken(error); ++i) {
-    error = OpenNamed(slot.startTime + i);
-    if (error == 0 && i > 0) {
-      slots.SetStartTime(path_, slot.startTime + i);
-    }
-  }
-  if (error != 0) {
-    CountFailure(error);
+// The disk ends the file before it once it has opened this one.
+bool CLFXDRVWriter::BeginFile() {
+  if (neverWait_ && !disk_->MayOpen()) {
+    failing_ = failing_ || !file_;  // else the file before it goes on
+    status_.error = file_ ? 0 : ETIMEDOUT;
     return false;
   }
-  status_.resumptions += std::exchange(status_.error, 0) != 0 ? 1 : 0;
+  auto& slots = cms::RecordingSlots::Instance();
+  const auto slot = slots.Use(path_, cms::WallSeconds());
+  auto file = std::make_shared<cms::RecordingFile>();
+  file->front = path_;
+  file->startTime = slot.startTime;
+  if (limit2_ != 1) {
+    file->headers = streamHeaders_[streamHeaders_[0].empty() ? 1 : 0];
+    file->headers.insert(file->headers.end(), streamHeaders_[2].begin(), streamHeaders_[2].end());
+  }
+  file->address = address_;
+  file->siteName = siteName_;
+  file->port = port_;
+  HandOverEnd();
+  ForgetFile();
+  disk_->Open(file, !neverWait_);
+  file_ = std::move(file);
+  ++fileNumber_;
+  probing_ = failing_;
+  forceChange_ = false;
+  lastFrameTick_ = cms::TickMilliseconds();
+  sizeStagger_ = slot.SizeStagger();
+  flushThreshold_ = slot.FlushThreshold();
   ++status_.files;
   return true;
 }
 
-int CLFXDRVWriter::OpenNamed(std::int64_t startTime) {
-  const std::wstring stem = path_ + cms::RecordingStamp(startTime);
-  std::wstring drvPath = stem + L".drv";
-  std::wstring idxPath = stem + L".idx";
-  if (cms::Utf16Length(drvPath) > cms::kLongestRecordedPath) {
-    return ENAMETOOLONG;
+// The rest of the open file's buffers, and what its record will say.
+void CLFXDRVWriter::HandOverEnd() {
+  if (file_) {
+    MemoryRecordToFile(true);
+    MemoryIdxToFile(true);
+    file_->accepted = fileCounts_;
   }
-  if (drvPath == drvPath_ && drvStatus_ && !drvStatus_->closed) {
-    ControlWriteFile::GetInstance()->WaitWritten(kCloseMilliseconds);
-  }
-  if (IsDamaged(drvPath) || drvPath == lastFinished_) {
-    return EWOULDBLOCK;
-  }
-  cms::FileIo& io = cms::CurrentFileIo();
-  cms::RecordingPair pair;
-  if (const int error = cms::OpenRecordingPair(io, drvPath, idxPath, pair); error != 0) {
-    return error;
-  }
-  if (pair.drvSize >= kLargestFile) {
-    io.Close(pair.drv);
-    if (pair.idx >= 0) {
-      io.Close(pair.idx);
-    }
-    return EWOULDBLOCK;
-  }
-  drv_ = pair.drv;
-  idx_ = pair.idx;
-  drvFile_ = pair.drvFile;
-  drvStatus_ = std::make_shared<cms::WriteStatus>();
-  idxStatus_ = idx_ >= 0 ? std::make_shared<cms::WriteStatus>() : nullptr;
-  idxIncomplete_ = idx_ < 0;
-  if (idxIncomplete_) {
-    status_.lastError = pair.idxError;
-    ++status_.failures;
-  }
-  drvPath_ = std::move(drvPath);
-  idxPath_ = std::move(idxPath);
-  handedOver_ = pair.drvSize;
-  fileBegin_ = pair.drvSize;
-  fileCounts_ = {};
-  hasFrame_ = false;
-  lastFrameTick_ = cms::TickMilliseconds();
-  startTime_ = 0;
-  endTime_ = 0;
-  const auto split = cms::SplitAtLastSeparator(drvPath_);
-  recordList_ = std::make_unique<FX::FX_RecordDBListWriter>();
-  recordList_->SetDBListPath(std::wstring(split.folder).c_str());
-  recordList_->InitialRecordDBInfo(std::wstring(split.name).c_str(), address_.c_str(),
-                                   siteName_.c_str(), port_);
-  if (pair.drvSize == 0 && limit2_ != 1) {
-    AppendStreamHeaders();
-  }
-  return 0;
-}
-
-void CLFXDRVWriter::AppendStreamHeaders() {
-  const auto append = [this](const std::vector<std::uint8_t>& header) CMS_REQUIRES(lock_) {
-    const std::span<const std::uint8_t> block(header);
-    AddData({&block, 1}, block.size());
-  };
-  append(streamHeaders_[0].empty() ? streamHeaders_[1] : streamHeaders_[0]);
-  append(streamHeaders_[2]);
 }
 
 void CLFXDRVWriter::CloseFiles(bool failed) {
-  if (!HasOpenFile()) {
-    return;
+  if (file_) {
+    HandOverEnd();
+    disk_->Close(failed);
+    ForgetFile();
   }
-  CloseWriteDrvFile();
-  CloseWriteIdxFile();
-  ForgetSettled();  // also when nobody calls Flush
-  cms::LateRecord late;
-  const auto split = cms::SplitAtLastSeparator(drvPath_);
-  late.folder = split.folder;
-  late.name = split.name;
-  late.address = address_;
-  late.siteName = siteName_;
-  late.port = port_;
-  late.start = startTime_;
-  late.end = endTime_;
-  late.drvPath = drvPath_;
-  late.idxPath = idxPath_;
-  late.drvStatus = drvStatus_;
-  late.idxStatus = idxStatus_;
-  late.begin = fileBegin_;
-  late.accepted = fileCounts_;
-  late.damaged = failed || idxIncomplete_;
-  late.counted = failed;
-  late.stored = !failed && late.Error() == 0 && recordList_->WriteDBInfoIntoList();
-  recordList_.reset();
-  late_.push_back(std::move(late));
 }
 
-void CLFXDRVWriter::ForgetSettled() {
-  const auto settled = [](const auto& late) { return late.IsClosed() && !late.NeedsWork(); };
-  if (!rememberFinished_) {
-    std::erase_if(late_, settled);
-    return;
+void CLFXDRVWriter::ForgetFile() {
+  file_.reset();
+  known_ = false;
+  probing_ = false;
+  begin_ = 0;
+  handedOver_ = 0;
+  fileCounts_ = {};
+  hasFrame_ = false;
+}
+
+// What has become of the open file since it was last looked at.
+void CLFXDRVWriter::Notice() {
+  if (file_ && !known_) {
+    NoticeOpened();
   }
-  // A file that was opened again is not finished, and finished once however often it was.
-  while (!late_.empty() && settled(late_.front()) &&
-         !(HasOpenFile() && late_.front().drvPath == drvPath_)) {
-    const cms::LateRecord late = std::move(late_.front());
-    late_.erase(late_.begin());
-    const bool again = std::any_of(late_.begin(), late_.end(), [&](const auto& other) {
-      return other.drvPath == late.drvPath;
-    });
-    if (!again && !late.removed) {
-      Finish(late);
+  if (file_) {
+    if (const int error = file_->error.load(std::memory_order_acquire); error != 0) {
+      RecordFailed(error);
     }
   }
 }
 
-// Whoever takes the file may move it away: the next recording gets a name of its own.
-void CLFXDRVWriter::Finish(const cms::LateRecord& late) {
-  finished_.push_back({late.drvPath, late.idxPath});
-  lastFinished_ = late.drvPath;
-  auto& slots = cms::RecordingSlots::Instance();
-  const std::int64_t startTime = slots.Use(path_, cms::WallSeconds()).startTime;
-  if (!HasOpenFile() && path_ + cms::RecordingStamp(startTime) + L".drv" == late.drvPath) {
-    slots.SetStartTime(path_, 0);
-  }
-}
-
-bool CLFXDRVWriter::IsDamaged(const std::wstring& drvPath) const {
-  return std::any_of(late_.begin(), late_.end(), [&](const auto& late) {
-    return late.drvPath == drvPath && (late.damaged || late.Error() != 0);
-  });
-}
-
-void CLFXDRVWriter::NoticeFailure() {
-  if (!HasOpenFile()) {
+void CLFXDRVWriter::NoticeOpened() {
+  const State state = file_->state.load(std::memory_order_acquire);
+  if (state == State::kOpening) {
     return;
   }
-  int error = drvStatus_->error.load(std::memory_order_relaxed);
-  if (error == 0 && idxStatus_) {
-    error = idxStatus_->error.load(std::memory_order_relaxed);
+  known_ = true;
+  begin_ = file_->begin;
+  if (state == State::kFailed) {
+    --status_.files;
+    RecordFailed(file_->openError);
+    return;
   }
-  if (error != 0) {
-    RecordFailed(error);
+  const int lasting = stalled_ ? status_.error : 0;  // for which no file helps
+  const int error = std::exchange(status_.error, lasting);
+  if (state == State::kContinued) {  // until it is tried again
+    --status_.files;
+    CountFailure(file_->openError);
+    status_.error = lasting;
+    forceChange_ = true;
+    return;
+  }
+  status_.resumptions += error != 0 && !stalled_ ? 1 : 0;
+  failing_ = false;
+  probing_ = false;
+  if (file_->idxError != 0) {
+    status_.lastError = file_->idxError;
+    ++status_.failures;
   }
 }
 
-void CLFXDRVWriter::NoticeVanishedFile() {
-  if (!HasOpenFile()) {
-    return;
+int CLFXDRVWriter::PendingError() const {
+  if (!file_) {
+    return 0;
   }
-  cms::FileStatus now;
-  const bool there = cms::CurrentFileIo().Status(cms::NativePath(drvPath_), now);
-  if (there && drvFile_.inode == 0) {  // it could not be asked when it was opened
-    drvFile_ = now;
-  }
-  if (there ? now.inode != drvFile_.inode || now.device != drvFile_.device
-            : errno == ENOENT || errno == ENOTDIR) {
-    RecordFailed(ENOENT);
-  }
+  const bool failed = file_->state.load(std::memory_order_acquire) == State::kFailed;
+  return failed ? file_->openError : file_->error.load(std::memory_order_acquire);
 }
 
 void CLFXDRVWriter::RecordFailed(int error) {
@@ -235,6 +176,7 @@ void CLFXDRVWriter::RecordFailed(int error) {
   idxBuffered_ = 0;
   CloseFiles(true);
   CountFailure(error);
+  failing_ = true;
 }
 
 void CLFXDRVWriter::CountFailure(int error) {
@@ -246,45 +188,6 @@ void CLFXDRVWriter::CountFailure(int error) {
   retryDelay_ = again ? std::min(2 * retryDelay_, kLastRetryMilliseconds) : kFirstRetryMilliseconds;
   failureTick_ = now;
   retryTick_ = now + retryDelay_;
-}
-
-void CLFXDRVWriter::SettleLateRecords() {
-  ScopeLock settle(settling_);
-  std::vector<cms::LateRecord> work;
-  {
-    ScopeLock hold(lock_);
-    if (late_.empty() || cms::TickMilliseconds() < settleTick_) {
-      return;
-    }
-    work = late_;
-  }
-  cms::FileIo& io = cms::CurrentFileIo();
-  for (cms::LateRecord& late : work) {
-    const int failure = late.IsClosed() ? late.Error() : 0;
-    const std::uint64_t lost = late.IsClosed() ? late.drvStatus->lost_bytes.exchange(0) : 0;
-    const cms::FrameCounts accepted = late.accepted;
-    const int error = cms::SettleLateRecord(io, late);
-    ScopeLock hold(lock_);
-    status_.lostBytes += lost;
-    status_.lost.frames += accepted.frames - late.accepted.frames;
-    status_.lost.keyFrames += accepted.keyFrames - late.accepted.keyFrames;
-    status_.lost.bytes += accepted.bytes - late.accepted.bytes;
-    if (failure != 0 && !late.counted) {
-      late.counted = true;
-      ++status_.failures;
-      status_.lastError = failure;
-    }
-    const auto entry = std::find_if(late_.begin(), late_.end(), [&](const auto& other) {
-      return other.drvStatus == late.drvStatus;
-    });
-    if (error != 0 && error != EAGAIN) {
-      settleTick_ = cms::TickMilliseconds() + kSettleMilliseconds;
-    }
-    if (entry != late_.end()) {
-      *entry = std::move(late);
-    }
-    ForgetSettled();
-  }
 }
 
 }  // namespace CLFX

@@ -97,7 +97,7 @@ bool GapLogWriter::HasWaiting() const {
 
 void GapLogWriter::EndAbandoned(std::int64_t now) {
   ScopeLock hold(GapLogLock());
-  DatabaseFile file(GapLogPath(number_), sizeof(GapRecord), DatabaseAccess::kChange);
+  DatabaseFile file(GapLogPath(number_), sizeof(GapRecord), DatabaseAccess::kCreate);
   if (!file) {
     return;
   }

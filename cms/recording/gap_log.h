@@ -79,7 +79,8 @@ class CMS_API GapLogWriter {
   void SetSite(const GapSite& site);  // of gaps begun from now on
 
   // Recording begins: ends the gaps that earlier processes left open for this site. A stop lasted
-  // until now, any other gap until it was last known to last.
+  // until now, any other gap until it was last known to last. Makes the log if there is none, so
+  // that a disk without room for another file can still take a gap.
   void EndAbandoned(std::int64_t now);
 
   // A gap with another cause ends where this one begins; the same one goes on.

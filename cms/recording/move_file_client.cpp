@@ -123,8 +123,13 @@ bool CLFX_MOVEFILE_Client::Move(const Pair& pair) {
   if (!pair.IsMove()) {
     return false;
   }
-  const int error = cms::MoveFile(cms::CurrentFileIo(), cms::NativePath(pair.source),
-                                  cms::NativePath(pair.destination));
+  cms::FileIo& io = cms::CurrentFileIo();
+  const std::string destination = cms::NativePath(pair.destination);
+  const int error = cms::MoveFile(io, cms::NativePath(pair.source), destination);
+  if (const std::string folder = cms::NativeFolderOf(destination); error == 0 && folder != swept_) {
+    cms::RemoveMovingFiles(io, folder);
+    swept_ = folder;
+  }
   last_error_ = error;
   return error == 0;
 }

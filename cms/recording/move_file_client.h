@@ -15,8 +15,9 @@
 // Moves files one after the other, in the order in which they were added: replacing, across volumes
 // by a copy that takes the target's name only when it is whole and safe. A move that fails stays at
 // the front, is tried again every two seconds and keeps those behind it waiting, until it succeeds
-// or LastMove gives it up. A pair with a path of fewer than three characters at the front is no
-// move: it stays there, and the thread waits, until LastMove.
+// or LastMove gives it up. What a mover that was killed left half copied in a target's folder is
+// removed with the first move there. A pair with a path of fewer than three characters at the front
+// is no move: it stays there, and the thread waits, until LastMove.
 //
 // The owner starts, stops and destroys it; any thread adds pairs. Destruction stops the thread and
 // waits for the move that runs.
@@ -55,12 +56,13 @@ class CMS_API CLFX_MOVEFILE_Client : public CLFX::CLFXBaseThread {
   void OnMoveFile();
   bool Front(Pair& pair) const;
   void RemoveFront();
-  bool Move(const Pair& pair);
+  bool Move(const Pair& pair) CMS_REQUIRES(moving_);
 
   mutable CMSCritical lock_;
   std::deque<Pair> pairs_ CMS_GUARDED_BY(lock_);
-  CMSCritical moving_;  // held while a file moves, taken before lock_
-  cms::Event changed_;  // the list, or what the thread is to do
+  CMSCritical moving_;                         // held while a file moves, taken before lock_
+  std::string swept_ CMS_GUARDED_BY(moving_);  // the folder without leftovers of killed moves
+  cms::Event changed_;                         // the list, or what the thread is to do
   std::atomic<bool> high_priority_{false};
   std::atomic<int> last_error_{0};
 };

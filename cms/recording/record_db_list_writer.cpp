@@ -66,6 +66,12 @@ void FX_RecordDBListWriter::SetRecordTime(std::int64_t time) {
 }
 
 bool FX_RecordDBListWriter::WriteDBInfoIntoList() {
+  {
+    ScopeLock hold(lock_);
+    if (record_.pending == 0) {  // another folder's search may hold the databases for long
+      return true;
+    }
+  }
   ScopeLock databases(cms::RecordDatabaseLock());
   stRecordDB record;
   {

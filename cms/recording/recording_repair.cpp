@@ -13,6 +13,7 @@
 #include "cms/recording/database_reader.h"
 #include "cms/recording/idx_file.h"
 #include "cms/recording/internal/error_of.h"
+#include "cms/recording/internal/file_move.h"
 #include "cms/recording/internal/folder_mend.h"
 #include "cms/recording/record_db_list_writer.h"
 #include "cms/recording/recording_names.h"
@@ -27,7 +28,7 @@ namespace {
 // A recorder stores the record right after it closed the file.
 constexpr std::int64_t kRecordDelayMilliseconds = 2000;
 
-// Seconds since 1970-01-01 UTC; the end is that of the last frame, as a recorder reports it.
+// Seconds since 1970-01-01 UTC.
 struct Times {
   std::int64_t start = 0;
   std::int64_t end = 0;
@@ -42,30 +43,33 @@ class RecordedTimes {
     times_.clear();
     for (const RecordRow& row : list.rows) {
       const std::wstring path = WideFromUtf8(row.file);
-      const auto [entry, added] = times_.try_emplace(std::wstring(SplitAtLastSeparator(path).name),
-                                                     Times{row.start, row.end});
-      if (!added) {
-        entry->second = {std::min(entry->second.start, row.start),
-                         std::max(entry->second.end, row.end)};
-      }
+      times_[std::wstring(SplitAtLastSeparator(path).name)].push_back({row.start, row.end});
     }
     return list.state != DatabaseState::kUnreadable;
   }
 
-  // From the earliest to the latest time of the records that name the file; null when none does.
-  const Times* Of(const std::wstring& name) const {
+  // Of the records that name the file; empty when none does.
+  const std::vector<Times>& Of(const std::wstring& name) const {
+    static const std::vector<Times> none;
     const auto entry = times_.find(name);
-    return entry != times_.end() ? &entry->second : nullptr;
+    return entry != times_.end() ? entry->second : none;
   }
 
+  // From the earliest of its frames to the latest.
   bool Cover(const std::wstring& name, const DrvWalkReport& walk) const {
-    const Times* const times = Of(name);
-    return times != nullptr && times->start <= walk.earliest_seconds &&
-           times->end >= walk.last_seconds;
+    const std::vector<Times>& times = Of(name);
+    if (times.empty()) {
+      return false;
+    }
+    Times whole = times.front();
+    for (const Times& each : times) {
+      whole = {std::min(whole.start, each.start), std::max(whole.end, each.end)};
+    }
+    return whole.start <= walk.earliest_seconds && whole.end >= walk.latest_seconds;
   }
 
  private:
-  std::map<std::wstring, Times> times_;
+  std::map<std::wstring, std::vector<Times>> times_;
 };
 
 class Repair {
@@ -110,26 +114,38 @@ class Repair {
   RepairReport report_;
 };
 
-// Of the video frames that no record covers: a recording that was continued has a record for each
-// time that it was closed. Nothing when reading fails.
-std::optional<Times> Uncovered(FileIo& io, const std::string& drv, const Times* recorded) {
+// A clock that was set back further than this begins another span: channels of one file may be a
+// pre-alarm apart. So does a hole of a day.
+constexpr std::int64_t kStepBack = 300;
+constexpr std::int64_t kHole = 86'400;
+
+// The spans of the video frames that no record covers: a recording that was continued has a record
+// for each time that it was closed. Nothing when reading fails.
+std::optional<std::vector<Times>> Uncovered(FileIo& io, const std::string& drv,
+                                            const std::vector<Times>& recorded) {
   const ScopedFile file(io, drv, kFileRead);
   if (!file) {
     return std::nullopt;
   }
-  Times times;
+  std::vector<Times> spans;
   DrvWalker walker(io, file.Handle());
   while (const auto frame = walker.Next()) {
     const std::int64_t seconds = frame->header.Seconds();
-    const bool covered =
-        recorded != nullptr && seconds >= recorded->start && seconds <= recorded->end;
-    if (!frame->header.IsAudio() && !covered) {
-      times.start = times.start == 0 ? seconds : std::min(times.start, seconds);
-      times.end = seconds;
+    const bool covered = std::any_of(recorded.begin(), recorded.end(), [&](const Times& times) {
+      return seconds >= times.start && seconds <= times.end;
+    });
+    if (frame->header.IsAudio() || covered) {
+      continue;
     }
+    if (spans.empty() || seconds < spans.back().end - kStepBack ||
+        seconds > spans.back().end + kHole) {
+      spans.push_back({seconds, seconds});
+    }
+    spans.back().start = std::min(spans.back().start, seconds);
+    spans.back().end = std::max(spans.back().end, seconds);
   }
   errno = walker.Report().error;
-  return errno == 0 ? std::optional(times) : std::nullopt;
+  return errno == 0 ? std::optional(spans) : std::nullopt;
 }
 
 bool Repair::Fail(Recording& recording, int error) {
@@ -184,7 +200,7 @@ bool Repair::RemoveEmpty(Recording& recording) {
   if (!recorded_.Read(recording.folder)) {
     return Fail(recording, EIO);
   }
-  if (recorded_.Of(recording.name) != nullptr) {
+  if (!recorded_.Of(recording.name).empty()) {
     return true;
   }
   const ScopedFile file(io_, recording.drv, kFileReadWrite | kFileExclusive);
@@ -236,24 +252,26 @@ void Repair::MendRecord(Recording& recording) {
   if (recorded_.Cover(recording.name, recording.walk)) {
     return;
   }
-  const auto times = Uncovered(io_, recording.drv, recorded_.Of(recording.name));
-  if (!times) {
+  const auto spans = Uncovered(io_, recording.drv, recorded_.Of(recording.name));
+  if (!spans) {
     Fail(recording, errno);
     return;
   }
   const auto site = static_cast<std::uint32_t>(SiteNumberOf(recording.name).value_or(0));
   const auto known = sites_.find(site);
   const RecordRow row = known != sites_.end() ? known->second : RecordRow();
-  FX::FX_RecordDBListWriter writer;
-  writer.SetDBListPath(recording.folder.c_str());
-  writer.InitialRecordDBInfo(recording.name.c_str(), WideFromUtf8(row.address).c_str(),
-                             WideFromUtf8(row.siteName).c_str(), row.port);
-  writer.SetRecordTime(times->start);
-  writer.SetRecordTime(times->end);
-  if (writer.WriteDBInfoIntoList()) {
+  for (const Times& span : *spans) {
+    FX::FX_RecordDBListWriter writer;
+    writer.SetDBListPath(recording.folder.c_str());
+    writer.InitialRecordDBInfo(recording.name.c_str(), WideFromUtf8(row.address).c_str(),
+                               WideFromUtf8(row.siteName).c_str(), row.port);
+    writer.SetRecordTime(span.start);
+    writer.SetRecordTime(std::max(span.end, span.start + 1));  // a search looks for spans
+    if (!writer.WriteDBInfoIntoList()) {
+      Fail(recording, errno);
+      return;
+    }
     recording.result.recordAdded = true;
-  } else {
-    Fail(recording, errno);
   }
 }
 
@@ -277,11 +295,8 @@ bool Repair::Folder(const std::wstring& folder) {
     std::error_code ignored;
     if (at->path().extension() == ".drv" && at->is_regular_file(ignored)) {
       paths.push_back(at->path().string());
-    } else if (at->path().string().ends_with(".idx.new")) {
-      // What a killed repair left; one that runs holds it.
-      if (const ScopedFile left(io_, at->path().string(), kFileReadWrite | kFileExclusive); left) {
-        io_.Remove(at->path().string());
-      }
+    } else if (at->path().string().ends_with(".idx.new") || IsMovingFile(at->path().string())) {
+      RemoveLeftover(io_, at->path().string());
     }
   }
   if (error || !recorded_.Read(folder)) {

@@ -28,7 +28,7 @@ struct RepairedRecording {
   bool indexRebuilt = false;
   std::uint64_t indexed = 0;    // frames that had no index record
   std::uint64_t unindexed = 0;  // index records that pointed at no frame
-  bool recordAdded = false;     // to the folder's record list
+  bool recordAdded = false;     // to the folder's record list, one or more
 };
 
 struct RepairReport {
@@ -47,10 +47,13 @@ struct RepairReport {
 // Repairs every recording of the folders (as the system writes paths, without a separator behind
 // them):
 //
-//  1. A torn frame at the end is cut off; an empty recording that no record names is removed.
+//  1. A torn frame at the end is cut off; an empty recording that no record names is removed, and
+//  so
+//     is what a move or a repair that was killed left half copied.
 //  2. The index is made to fit, as ModifyDrvIdxFile does.
-//  3. Frames that the folder's record list does not cover get a record, with the address, the name
-//     and the port of the site's other records in any of the folders.
+//  3. Frames that the folder's record list does not cover get a record, one for each span where a
+//     clock was set back between them, with the address, the name and the port of the site's other
+//     records in any of the folders.
 //  4. A record list's torn tail is cut, and the folder's span made that of its records.
 //
 // Each step leaves what it finds sound as it is, byte for byte, so that a second repair changes

@@ -40,6 +40,10 @@ class SiteRecordingTest : public testing::Test {
   }
   void Silence(int seconds) { site_.clock.Advance(seconds); }
 
+  static std::vector<cms::EventRow> EventRows() {  // those of the events that are over
+    WaitForDisk();
+    return cms::ReadEventList(0).rows;
+  }
   std::vector<cms::GapRow> Gaps() const { return cms::ReadGapLog(0).rows; }
   // The clock's thread looks by itself; it needs two looks a second apart.
   bool WaitForGap(cms::GapCause cause) {

@@ -65,7 +65,7 @@ TEST_F(SiteEvents, NoMarkedPictureIsLostWhereverItFalls) {
   for (const std::uint32_t sequence : marked) {
     EXPECT_TRUE(recorded.contains(sequence)) << sequence;
   }
-  const auto events = cms::ReadEventList(0).rows;
+  const auto events = EventRows();
   for (const std::int64_t second : markedSeconds) {
     EXPECT_TRUE(std::any_of(events.begin(), events.end(), [&](const auto& event) {
       return event.start <= second && second <= event.end;
@@ -99,7 +99,7 @@ TEST_F(SiteEvents, AnEventInFrontOfTheFirstKeyFrameIsRecordedFromThere) {
   const auto video = Video(site_.Files());
   ASSERT_FALSE(video.empty());
   EXPECT_EQ(video[0].type, 1u);
-  const auto events = cms::ReadEventList(0).rows;
+  const auto events = EventRows();
   ASSERT_EQ(events.size(), 1u);
   EXPECT_EQ(events[0].start, begin);
   EXPECT_GE(events[0].end, video[0].seconds);
@@ -116,7 +116,7 @@ TEST_F(SiteEvents, AnEventWithoutAPictureToComeEnds) {
     Silence(10);
     return client_->IsRecording(0) == 0;
   }));
-  EXPECT_EQ(cms::ReadEventList(0).rows.size(), 1u);
+  EXPECT_EQ(EventRows().size(), 1u);
 }
 
 // A folder that is away: asked for now and then, not for each frame; the gap says why; and the
@@ -149,22 +149,29 @@ TEST_F(SiteEvents, AnEventThatCannotBeginIsAGapAndTriedAgain) {
   fault.io.AwayFrom("");
   Seconds(60);
   EXPECT_EQ(client_->IsRecording(0), 0);
-  Seconds(2, kAlarm);
-  EXPECT_EQ(client_->IsRecording(0), 1);
+  EXPECT_TRUE(test::WaitFor([&] {
+    Seconds(1, kAlarm);
+    return client_->IsRecording(0) == 1;
+  }));
 }
 
 TEST_F(SiteEvents, AnEventBeginsWhenItsFolderComesBackWhileItLasts) {
   test::FaultScope fault;
   fault.io.AwayFrom("../rec/");
   client_->TurnOnRecordingState(0, kRecordAlarm);
-  Seconds(5, kAlarm);
-  EXPECT_EQ(client_->IsRecording(0), 0);
+  EXPECT_TRUE(test::WaitFor([&] {
+    Seconds(1, kAlarm);
+    return client_->IsRecording(0) == 0;
+  }));
   fault.io.AwayFrom("");
-  Seconds(60, kAlarm);
-  EXPECT_EQ(client_->IsRecording(0), 1);
+  EXPECT_TRUE(test::WaitFor([&] {
+    Seconds(1, kAlarm);
+    return client_->IsRecording(0) == 1;
+  }));
+  Seconds(30, kAlarm);
   client_->StopRecordAll();
   EXPECT_GT(Video(site_.Files()).size(), 200u);
-  EXPECT_EQ(cms::ReadEventList(0).rows.size(), 1u);
+  EXPECT_EQ(EventRows().size(), 1u);
 }
 
 // By hand, and on two channels of one site, of which the second begins inside the first's file:
@@ -213,7 +220,7 @@ TEST_F(SiteEvents, EachChannelHasItsOwnPreAlarmAlsoWhenStartedByHand) {
     ASSERT_FALSE(each.empty());
     EXPECT_EQ(*each.rbegin() - *each.begin() + 1, each.size());
   }
-  const auto events = cms::ReadEventList(0).rows;
+  const auto events = EventRows();
   ASSERT_EQ(events.size(), 2u);
   EXPECT_EQ(events[0].channel, 0u);
   EXPECT_EQ(events[0].start, first);

@@ -5,8 +5,8 @@
 
 #include <string>
 
-#include "cms/recording/control_write_file.h"
 #include "cms/recording/drv_recorder.h"
+#include "cms/recording/internal/recording_disk.h"
 #include "cms/recording/internal/recording_slots.h"
 #include "tests/recording/database_bytes.h"
 #include "tests/support/recording_reader.h"
@@ -28,7 +28,7 @@ inline void Prepare(FX::FX_DRVRecorder& recorder, const stRecordParam& param = P
 }
 
 inline void WaitForDisk() {
-  ControlWriteFile::GetInstance()->WaitWritten(-1);
+  cms::RecordingDisk::WaitAll(-1);
 }
 
 // An empty folder "rec" beside the working folder, and a clock that stands still.
@@ -44,8 +44,12 @@ struct RecordingFolder {
     WaitForDisk();
     return ReadRecordings(Rec());
   }
-  std::string Records() const { return ReadWholeFile(folder.Beside("rec/RecordDB")); }
-  std::string Events() const { return ReadWholeFile(folder.Beside("EventList0")); }
+  std::string Records() const { return Database("rec/RecordDB"); }
+  std::string Events() const { return Database("EventList0"); }
+  std::string Database(const std::string& name) const {
+    WaitForDisk();
+    return ReadWholeFile(folder.Beside(name));
+  }
 
   WorkFolder folder;
   TestClock clock;

@@ -102,6 +102,7 @@ TEST_F(RecordingRepair, ACrashIsMendedWholly) {
   Write(last + ".drv", recording_.bytes.substr(0, tornAt + 40));
   Write(last + ".idx", recording_.Idx().substr(0, 100));
   Write(last + ".idx.new", "left by a repair that was killed");
+  Write(last + "1.drv.moving", "left by a move that was killed");
   Write("day2/Rec_Site1_20260102000000.drv", recording_.bytes);
   Write("day2/Rec_Site9_20260102000000.drv", recording_.bytes);
   Write("day2/Rec_Site1_20260102001000.drv", "");
@@ -130,7 +131,7 @@ TEST_F(RecordingRepair, ACrashIsMendedWholly) {
   EXPECT_EQ(ReadWholeFile("day2.DB"), SpanBytes(kStart, kStart + 7));
   EXPECT_FALSE(fs::exists("day2/Rec_Site1_20260102001000.drv"));
   EXPECT_FALSE(fs::exists("day2/Rec_Site1_20260102001000.idx"));
-  EXPECT_FALSE(fs::exists(last + ".idx.new"));
+  EXPECT_FALSE(fs::exists(last + ".idx.new") || fs::exists(last + "1.drv.moving"));
   ExpectUnchangedByRepair();
 }
 
@@ -146,6 +147,37 @@ TEST_F(RecordingRepair, AContinuedRecordingGetsTheRecordOfItsRest) {
   EXPECT_EQ(test::TimeAt(list, test::kRecordBytes + 720), kStart + 3);
   EXPECT_EQ(test::TimeAt(list, test::kRecordBytes + 728), kStart + 7);
   EXPECT_EQ(ReadWholeFile("rec.DB"), SpanBytes(kStart, kStart + 7));
+  ExpectUnchangedByRepair();
+}
+
+// The record of a file that bears both sides of a step back tells of one of them.
+TEST_F(RecordingRepair, EachSpanOfAClockThatWasSetBackIsFoundAgain) {
+  test::DrvRecording file;
+  std::uint32_t sequence = 0;
+  const auto add = [&](std::int64_t from, std::int64_t to) {
+    for (std::int64_t second = from; second <= to; ++second) {
+      file.Add({.frame_type = second == from ? 1u : 2u,
+                .seconds = static_cast<std::uint32_t>(second),
+                .sequence = ++sequence});
+    }
+  };
+  add(kStart, kStart + 20);
+  add(kStart - 3600, kStart - 3588);
+  add(kStart - 90'000, kStart - 90'000);
+  Write(std::string(kOne) + ".drv", file.bytes);
+  Write(std::string(kOne) + ".idx", file.Idx());
+  Write("rec/RecordDB",
+        RecordBytes({u"rec\\Rec_Site1_20260101000000.drv", kStart - 3600, kStart - 3588}));
+  Write("rec.DB", SpanBytes(kStart - 3600, kStart - 3588));
+  EXPECT_EQ(Repair().recordsAdded, 1u);  // recordings that got one or more
+  const std::string list = ReadWholeFile("rec/RecordDB");
+  ASSERT_EQ(list.size(), 3 * test::kRecordBytes);
+  const auto times = [&](std::size_t record) {
+    return std::pair(test::TimeAt(list, record * test::kRecordBytes + 720),
+                     test::TimeAt(list, record * test::kRecordBytes + 728));
+  };
+  EXPECT_EQ(times(1), std::pair(kStart, kStart + 20));
+  EXPECT_EQ(times(2), std::pair(kStart - 90'000, kStart - 89'999));  // searches look for spans
   ExpectUnchangedByRepair();
 }
 

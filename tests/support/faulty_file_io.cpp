@@ -114,6 +114,10 @@ int FaultyFileIo::Open(const std::string& path, unsigned flags) {
   if (Fails(path)) {
     return -1;
   }
+  if (without_locks_ && (flags & cms::kFileExclusive) != 0) {
+    errno = ENOLCK;
+    return -1;
+  }
   const std::lock_guard lock(mutex_);
   const bool creates =
       (flags & (cms::kFileCreate | cms::kFileCreateNew)) != 0 && !real_.Exists(path);

@@ -39,6 +39,7 @@ class FaultyFileIo final : public cms::FileIo {
   // call of this; "" lets them all go on.
   void HangAt(const std::string& prefix);
   int Hanging() const { return hanging_; }  // operations that wait at this moment
+  void WithoutLocks(bool without) { without_locks_ = without; }  // exclusive opens: ENOLCK
   // Renames between paths of which only one begins so are refused with EXDEV.
   void OtherVolume(const std::string& prefix);
 
@@ -84,6 +85,7 @@ class FaultyFileIo final : public cms::FileIo {
   std::atomic<int> write_error_{0};
   std::atomic<int> open_handles_{0};
   std::atomic<int> hanging_{0};
+  std::atomic<bool> without_locks_{false};
 
   std::mutex mutex_;
   std::string away_;

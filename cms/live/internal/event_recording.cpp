@@ -288,10 +288,11 @@ std::uint32_t EventRecording::RecordKept(FX_DRVRecorder& recorder) {
   std::uint32_t since = 0;
   kept_->ForEach([&](const PreAlarmBuffer::Frame& frame) {
     const bool taken =
-        frame.audio ? RecordAudio(recorder, frame, channel_)
-                    : recorder.RecordPreAlarmFrame(
-                          frame.header.data(), static_cast<int>(frame.header.size()),
-                          frame.payload.data(), static_cast<int>(frame.payload.size()), channel_);
+        frame.audio
+            ? RecordAudio(recorder, frame, channel_)
+            : recorder.RecordPreAlarmFrame(
+                  frame.header.data(), static_cast<int>(frame.header.size()), frame.payload.data(),
+                  static_cast<int>(frame.payload.size()), channel_, frame.tick);
     if (taken && !frame.audio && since == 0) {
       since = frame.seconds;
     }

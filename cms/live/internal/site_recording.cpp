@@ -8,7 +8,6 @@
 #include <thread>
 #include <utility>
 
-#include "cms/recording/control_write_file.h"
 #include "cms/recording/internal/record_text.h"
 #include "cms/recording/recording_names.h"
 #include "cms/runtime/clock.h"
@@ -20,6 +19,8 @@ namespace {
 constexpr int kAllKinds[] = {kRecordDeviceEvent, kRecordAlarm, kRecordVideoLoss, kRecordInstant,
                              kRecordSchedule};
 
+constexpr int kOpenMs = 3000;  // by hand one is told whether it could begin
+
 // A disk that will not take more for a while.
 bool IsLasting(int error) {
   return error == ENOSPC || error == EDQUOT || error == EROFS;
@@ -28,6 +29,7 @@ bool IsLasting(int error) {
 }  // namespace
 
 SiteRecording::SiteRecording(ConnectionSource connection) : connection_(std::move(connection)) {
+  recorder_.NeverWaitForDisk();
   recorder_.RememberFinished();
   events_.reserve(kChannels);
   for (unsigned channel = 0; channel < kChannels; ++channel) {
@@ -85,12 +87,19 @@ void SiteRecording::Wake() {
 }
 
 bool SiteRecording::Start(unsigned channel, int kind) {
+  const bool ran = IsKindRunning(recorder_, channel, kind);
   bool started = false;
   if (IsEventKind(kind)) {
     ScopeLock hold(lock_);  // its kept frames come before the next one
     started = events_[channel].Start(recorder_, kind);
   } else {
     started = StartKind(recorder_, channel, kind);
+  }
+  if (started && !recorder_.WaitOpened(kOpenMs)) {
+    started = false;
+    if (!ran) {
+      StopStarted(channel, kind);
+    }
   }
   RefuseStart(started ? std::string() : WhyNotStarted(kind));
   Wake();
@@ -286,19 +295,17 @@ bool SiteRecording::WaitRecorded(int milliseconds) {
   using HostClock = std::chrono::steady_clock;
   constexpr std::chrono::milliseconds kAgain{20};
   const auto end = HostClock::now() + std::chrono::milliseconds(milliseconds);
-  recorder_.Flush(0);
   while (true) {
     const auto left =
         std::chrono::duration_cast<std::chrono::milliseconds>(end - HostClock::now()).count();
-    if (!ControlWriteFile::GetInstance()->WaitWritten(static_cast<int>(left > 0 ? left : 0))) {
+    if (!recorder_.WaitRecorded(static_cast<int>(left > 0 ? left : 0))) {
       return false;
     }
-    recorder_.Flush(0);
     CollectFinished();
     if (recorder_.IsRecording() || recorder_.IsSettled()) {
       return true;
     }
-    // What the queue is through with and is not settled has failed.
+    // What the disk is through with and is not settled has failed.
     if (IsLasting(recorder_.GetRecordingStatus().lastError) || HostClock::now() >= end) {
       return false;
     }

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <thread>
 
+#include "cms/recording/internal/file_locks.h"
 #include "cms/runtime/native_path.h"
 
 namespace cms {
@@ -19,11 +20,6 @@ constexpr int kShortPauses = 50;
 
 bool IsHeld(int error) {
   return error == EWOULDBLOCK || error == EAGAIN;
-}
-
-// File systems without locks: there, as without our own kind, files are used unlocked.
-bool CannotLock(int error) {
-  return error == ENOLCK || error == EOPNOTSUPP || error == ENOSYS || error == EINVAL;
 }
 
 }  // namespace

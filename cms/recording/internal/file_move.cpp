@@ -2,12 +2,13 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <string_view>
 #include <vector>
 
 namespace cms {
 namespace {
 
-constexpr char kMovingSuffix[] = ".moving";
+constexpr std::string_view kMovingSuffix = ".moving";
 constexpr std::size_t kChunk = 1024 * 1024;
 
 int LastError() {
@@ -41,7 +42,9 @@ int MoveAcross(FileIo& io, const std::string& from, const std::string& to) {
   if (!source) {
     return LastError();
   }
-  const std::string moving = to + kMovingSuffix;
+  const std::string moving = to + std::string(kMovingSuffix);
+  FileStatus before;
+  const bool replaces = io.Status(to, before) || errno != ENOENT;
   int error = CopyTo(io, source.Handle(), moving);
   if (error == EWOULDBLOCK) {
     return error;  // another process moves to the same place: its copy is not ours to remove
@@ -56,7 +59,9 @@ int MoveAcross(FileIo& io, const std::string& from, const std::string& to) {
   // The source stays until the target's name is safe.
   if (io.SyncFolder(NativeFolderOf(to)) != 0 || io.Remove(from) != 0) {
     error = LastError();
-    io.Remove(to);
+    if (!replaces) {  // what it replaced is gone: the copy is the best there is under that name
+      io.Remove(to);
+    }
     return error;
   }
   io.SyncFolder(NativeFolderOf(from));
@@ -82,6 +87,29 @@ int MoveFile(FileIo& io, const std::string& from, const std::string& to) {
     return 0;
   }
   return errno == EXDEV ? MoveAcross(io, from, to) : LastError();
+}
+
+bool IsMovingFile(const std::string& path) {
+  return path.ends_with(".drv" + std::string(kMovingSuffix)) ||
+         path.ends_with(".idx" + std::string(kMovingSuffix));
+}
+
+void RemoveLeftover(FileIo& io, const std::string& path) {
+  if (const ScopedFile left(io, path, kFileReadWrite | kFileExclusive); left) {
+    io.Remove(path);
+  }
+}
+
+void RemoveMovingFiles(FileIo& io, const std::string& folder) {
+  std::vector<std::string> left;
+  io.List(folder, [&](std::string_view name, EntryKind) {
+    if (IsMovingFile(std::string(name))) {
+      left.push_back(folder + "/" + std::string(name));
+    }
+  });
+  for (const std::string& path : left) {
+    RemoveLeftover(io, path);
+  }
 }
 
 }  // namespace cms

@@ -4,7 +4,10 @@
 #include <cerrno>
 
 #include "cms/recording/database_reader.h"
+#include "cms/recording/internal/database_file.h"
+#include "cms/recording/internal/database_locks.h"
 #include "cms/recording/internal/database_maintenance.h"
+#include "cms/recording/internal/database_paths.h"
 #include "cms/recording/internal/recording_pair.h"
 #include "cms/recording/record_db_list_writer.h"
 #include "cms/runtime/native_path.h"
@@ -22,8 +25,8 @@ bool IsListed(const LateRecord& late) {
   });
 }
 
-bool Store(const LateRecord& late) {
-  if (IsListed(late)) {
+bool Store(const LateRecord& late, bool again) {
+  if (again && IsListed(late)) {
     return MakeFolderSpan(late.folder);
   }
   FX::FX_RecordDBListWriter writer;
@@ -37,46 +40,40 @@ bool Store(const LateRecord& late) {
 
 }  // namespace
 
-bool LateRecord::IsClosed() const {
-  return drvStatus->closed.load(std::memory_order_acquire) &&
-         (!idxStatus || idxStatus->closed.load(std::memory_order_acquire));
-}
-
-int LateRecord::Error() const {
-  const int error = drvStatus->error;
-  return error != 0 || !idxStatus ? error : idxStatus->error.load();
-}
-
 int SettleLateRecord(FileIo& io, LateRecord& late) {
-  if (!late.IsClosed()) {
-    return EAGAIN;
-  }
-  if (late.damaged || late.Error() != 0) {
+  if (late.damaged) {
     const MendedPair mended =
         MendRecordingPair(io, NativePath(late.drvPath), NativePath(late.idxPath), late.begin);
     if (!mended.done) {
       return mended.error != 0 ? mended.error : EIO;
     }
-    if (mended.empty) {
-      if (late.stored) {
-        RemoveRecord(late.folder, late.name);
-      }
-      late.removed = true;
-      late.stored = true;
-    }
+    late.removed = mended.empty;
+    late.stored = mended.empty;
     late.end = mended.lastSeconds != 0 ? mended.lastSeconds : late.end;
     late.accepted = mended.kept;
     late.damaged = false;
-    late.drvStatus->error = 0;
-    if (late.idxStatus) {
-      late.idxStatus->error = 0;
-    }
   }
-  if (!late.stored && !Store(late)) {
-    return EIO;
+  if (late.stored) {
+    return 0;
   }
-  late.stored = true;
-  return 0;
+  const TryDatabaseLock hold(RecordDatabaseLock());
+  if (!hold) {
+    return EBUSY;
+  }
+  late.end = late.start > 0 ? std::max(late.end, late.start + 1) : late.end;
+  late.stored = Store(late, late.tried);
+  late.tried = true;
+  return late.stored ? 0 : EIO;
+}
+
+void PrepareRecordList(const std::wstring& folder) {
+  if (CurrentFileIo().Exists(NativePath(RecordListPath(folder)))) {
+    return;
+  }
+  if (const TryDatabaseLock hold(RecordDatabaseLock()); hold) {
+    const DatabaseFile list(RecordListPath(folder), sizeof(FX_RecordDBInfo),
+                            DatabaseAccess::kCreate);
+  }
 }
 
 }  // namespace cms

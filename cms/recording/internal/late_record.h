@@ -1,18 +1,16 @@
-// A recorded file from its close until its writes are known to have succeeded and its record is
-// stored.
+// A recorded file from its close until it is mended, if it has to be, and its record is stored.
 #pragma once
 
 #include <cstdint>
-#include <memory>
 #include <string>
 
-#include "cms/recording/control_write_file.h"
 #include "cms/recording/recording_status.h"
 #include "cms/runtime/file_io.h"
 
 namespace cms {
 
 struct LateRecord {
+  std::wstring front;   // of its path, as the recorder was given it
   std::wstring folder;  // as the system writes paths
   std::wstring name;
   std::wstring address;
@@ -24,21 +22,22 @@ struct LateRecord {
 
   std::wstring drvPath;
   std::wstring idxPath;
-  std::shared_ptr<WriteStatus> drvStatus;
-  std::shared_ptr<WriteStatus> idxStatus;  // null: there is no index
-  std::uint64_t begin = 0;                 // where the recording began in the .drv file
-  FrameCounts accepted;                    // from there on; in the file, once it has been mended
-  bool damaged = false;  // the end of the file has to be cut, or its index made to fit
-  bool removed = false;  // nothing was in it
-  bool counted = false;  // its failure and its lost bytes are in the recorder's status
+  std::uint64_t begin = 0;  // where the recording began in the .drv file
+  FrameCounts accepted;     // from there on; in the file, once it has been mended
+  bool damaged = false;     // the end of the file has to be cut, or its index made to fit
+  bool removed = false;     // nothing was in it
+  bool tried = false;       // storing it: it may be in the list and not in the span
 
-  bool IsClosed() const;  // by the queue
-  int Error() const;      // errno of its first failed write
-  bool NeedsWork() const { return damaged || !stored || Error() != 0; }
+  bool NeedsWork() const { return damaged || !stored; }
 };
 
-// Mends the file if a write of it failed, then stores its record. Returns 0 when nothing is left to
-// do, else the errno of what failed; EAGAIN while the queue still has the file. Waits for the disk.
+// Mends the file if that is needed, then stores its record, whose end is at least a second behind
+// its start: a search looks for spans. Returns 0 when nothing is left to do, EBUSY while another
+// thread has the record databases, else the errno of what failed. Waits for the disk.
 int SettleLateRecord(FileIo& io, LateRecord& late);
+
+// Makes the record list of a folder if there is none, so that a disk without room for another file
+// can still tell what it holds. Nothing while another thread has the record databases.
+void PrepareRecordList(const std::wstring& folder);
 
 }  // namespace cms

@@ -7,13 +7,23 @@
 #include "cms/recording/drv_walker.h"
 #include "cms/recording/idx_file.h"
 #include "cms/recording/internal/error_of.h"
+#include "cms/recording/internal/file_locks.h"
 #include "cms/runtime/file.h"
 #include "cms/runtime/native_path.h"
 
 namespace cms {
 namespace {
 
-constexpr unsigned kRecording = kFileReadWrite | kFileCreate | kFileExclusive;
+constexpr unsigned kRecording = kFileReadWrite | kFileCreate;
+
+// Without sharing, where the file system knows how.
+bool OpenForRecording(FileIo& io, const std::string& path, std::optional<ScopedFile>& file) {
+  file.emplace(io, path, kRecording | kFileExclusive);
+  if (!*file && CannotLock(errno)) {
+    file.emplace(io, path, kRecording);
+  }
+  return static_cast<bool>(*file);
+}
 
 bool SeekToEnd(FileIo& io, int handle, std::uint64_t& size) {
   const std::int64_t end = io.Seek(handle, 0, SEEK_END);
@@ -22,17 +32,17 @@ bool SeekToEnd(FileIo& io, int handle, std::uint64_t& size) {
 }
 
 bool OpenIdx(FileIo& io, const std::string& path, RecordingPair& pair) {
-  ScopedFile idx(io, path, kRecording);
+  std::optional<ScopedFile> idx;
   std::uint64_t size = 0;
-  if (!idx || !SeekToEnd(io, idx.Handle(), size)) {
+  if (!OpenForRecording(io, path, idx) || !SeekToEnd(io, idx->Handle(), size)) {
     return false;
   }
   const std::uint64_t whole = pair.drvSize == 0 ? 0 : size - size % sizeof(DrvIdx);
   if (size != whole &&
-      (io.Truncate(idx.Handle(), whole) != 0 || !SeekToEnd(io, idx.Handle(), size))) {
+      (io.Truncate(idx->Handle(), whole) != 0 || !SeekToEnd(io, idx->Handle(), size))) {
     return false;
   }
-  pair.idx = idx.Release();
+  pair.idx = idx->Release();
   return true;
 }
 
@@ -78,11 +88,11 @@ int OpenRecordingPair(FileIo& io, const std::wstring& drvPath, const std::wstrin
   pair = {};
   const std::string path = NativePath(drvPath);
   const bool fresh = !io.Exists(path);
-  std::optional<ScopedFile> drv(std::in_place, io, path, kRecording);
-  if (!*drv && errno == ENOENT) {
+  std::optional<ScopedFile> drv;
+  if (!OpenForRecording(io, path, drv) && errno == ENOENT) {
     const auto split = SplitAtLastSeparator(drvPath);
     if (split.has_folder && File(std::wstring(split.folder)).mkdirs()) {
-      drv.emplace(io, path, kRecording);
+      OpenForRecording(io, path, drv);
     } else {
       errno = ENOENT;
     }

@@ -1,0 +1,55 @@
+#include "cms/recording/internal/picture_format.h"
+
+#include <algorithm>
+#include <cstddef>
+
+#include "cms/live/frame_header.h"
+#include "cms/streaming/stream_probes.h"
+
+namespace cms {
+namespace {
+
+using Bytes = std::span<const std::uint8_t>;
+
+constexpr std::size_t kSearched = 1024;  // parameter sets stand in front of a key frame
+constexpr int kMjpeg = 2;
+constexpr int kMpeg4 = 3;
+
+// Up to the next start code.
+Bytes UnitAt(Bytes data, int position) {
+  if (position < 0 || static_cast<std::size_t>(position) >= data.size()) {
+    return {};
+  }
+  const Bytes unit = data.subspan(static_cast<std::size_t>(position));
+  constexpr std::uint8_t kStart[] = {0, 0, 1};
+  const auto end = std::search(unit.begin(), unit.end(), std::begin(kStart), std::end(kStart));
+  return unit.first(static_cast<std::size_t>(end - unit.begin()));
+}
+
+std::uint64_t Mixed(std::uint64_t hash, std::uint64_t value) {
+  return (hash ^ value) * 0x100000001B3;
+}
+
+}  // namespace
+
+std::uint64_t PictureFormatOf(Bytes area, Bytes payload) {
+  const int type = VideoTypeOfHeader(area);
+  if (type == 0) {
+    return 0;
+  }
+  std::uint64_t hash = Mixed(0xCBF29CE484222325, static_cast<std::uint64_t>(type));
+  if (type == kMjpeg) {
+    const PictureSize size = MjpegSize(payload);
+    hash = Mixed(Mixed(hash, static_cast<std::uint64_t>(size.width)),
+                 static_cast<std::uint64_t>(size.height));
+    return hash | 1;
+  }
+  const Bytes front = payload.first(std::min(payload.size(), kSearched));
+  const Bytes unit = UnitAt(front, type == kMpeg4 ? Mpeg4VolDataPos(front) : H264SpsDataPos(front));
+  for (const std::uint8_t byte : unit) {
+    hash = Mixed(hash, byte);
+  }
+  return unit.empty() ? 0 : hash | 1;
+}
+
+}  // namespace cms
