@@ -90,7 +90,7 @@ bool ParseWholeRequest(std::string_view head, ParsedRequest& parsed) {
   parsed.authorization = WithoutScheme(FindHeader(head, "Authorization").value_or(""));
   parsed.userName = ParseDigestFields(parsed.authorization).userName;
   const std::string_view browser = FindHeader(head, "User-Agent").value_or("");
-  parsed.clientIsIe = browser.find("MSIE") != kNowhere || browser.find("Trident") != kNone;
+  parsed.clientIsIe = browser.find("MSIE") != kNowhere || browser.find("Trident") != kNowhere;
   return true;
 }
 

@@ -20,8 +20,8 @@ namespace {
 
 constexpr std::uint64_t kNoAnswerMilliseconds = 2000;  // one operation: the disk hangs
 constexpr int kEndMilliseconds = 10'000;
-constexpr std::chrono::milliseconds kShortPause{10};  // before a database is asked for again
-constexpr std::chrono::milliseconds kLongPause{500};
+constexpr std::chrono::milliseconds kShortRetry{10};  // before a database is asked for again
+constexpr std::chrono::milliseconds kLongRetry{500};
 
 std::atomic<unsigned> spareBuffers{RecordingDisk::kSpareBuffers};
 
@@ -309,7 +309,7 @@ std::vector<FinishedRecording> RecordingDisk::TakeFinished() {
 void RecordingDisk::Work() {
   pthread_setname_np(pthread_self(), "disk writer");
   PreferThisThread();
-  std::chrono::milliseconds pause = kShortPause;
+  std::chrono::milliseconds pause = kShortRetry;
   Lock lock(mutex_);
   for (;;) {
     if (count_ > 0) {
@@ -339,7 +339,7 @@ void RecordingDisk::Work() {
       }
       lock.lock();
       again_ = again;
-      pause = again ? std::min(2 * pause, kLongPause) : kShortPause;
+      pause = again ? std::min(2 * pause, kLongRetry) : kShortRetry;
     } else if (ending_ && !again_) {
       break;
     } else if (again_) {
