@@ -23,11 +23,13 @@ TEST_P(ReceiveAllocation, NothingIsAllocatedPerPacketOrFrame) {
   ASSERT_EQ(client.Play(), 1);
   test::H264Packets packets;
   CMSFrameData data;
+  std::uint16_t sound = 0;  // a number that came before would be a doubled datagram
   const auto sendUntil = [&](std::uint64_t frames) {
     return test::WaitFor([&] {
       server.SendRtp(0, packets.Picture());
       server.SendRtp(0, packets.KeyFrame(5'000));
-      server.SendRtp(1, test::RtpPacket({.payload_type = 0}, std::string(160, 'a')));
+      server.SendRtp(
+          1, test::RtpPacket({.payload_type = 0, .sequence = ++sound}, std::string(160, 'a')));
       client.GetFrameData(&data, sizeof data);
       return data.videoFrames >= frames;
     });
