@@ -33,7 +33,7 @@ GapRecord RecordOf(const GapSite& site) {
   return record;
 }
 
-GapRow RowOf(const GapRecord& record) {
+GapRow GapRowOf(const GapRecord& record) {
   GapRow row;
   row.siteName = Utf8FromWide(LoadUtf16(record.siteName));
   row.address = Utf8FromWide(LoadUtf16(record.address));
@@ -60,7 +60,7 @@ std::string GapCauseName(GapCause cause) {
 }
 
 DatabaseContent<GapRow> ReadGapLog(int number) {
-  return ReadDatabase<GapRecord, GapRow>(GapLogPath(number), GapLogLock(), RowOf);
+  return ReadDatabase<GapRecord, GapRow>(GapLogPath(number), GapLogLock(), GapRowOf);
 }
 
 // A record and, once it is in the file, where and how.

@@ -54,7 +54,8 @@ std::uint64_t Wanted(std::size_t size, std::size_t count) {
 }
 
 // Where a seek leads; false for an unknown origin or a number beyond what can be counted.
-bool Target(long offset, int origin, std::int64_t position, std::int64_t size, std::int64_t& out) {
+bool SeekTarget(long offset, int origin, std::int64_t position, std::int64_t size,
+                std::int64_t& out) {
   const std::int64_t base = origin == SEEK_SET ? 0 : origin == SEEK_CUR ? position : size;
   return (origin == SEEK_SET || origin == SEEK_CUR || origin == SEEK_END) &&
          !__builtin_add_overflow(base, offset, &out);
@@ -132,7 +133,7 @@ int fseek(_MEMFILE* file, long offset, int origin) {
     return std::fseek(file->stream.get(), offset, origin);
   }
   std::int64_t target = 0;
-  if (Target(offset, origin, file->position, file->size, target)) {
+  if (SeekTarget(offset, origin, file->position, file->size, target)) {
     file->position = target;
   }
   return 0;
@@ -184,7 +185,7 @@ int fseek(_MEMPARTIALFILE* file, long offset, int origin) {
     return std::fseek(file->stream.get(), offset, origin);
   }
   std::int64_t target = 0;
-  if (!Target(offset, origin, file->position, file->size, target) || target < 0) {
+  if (!SeekTarget(offset, origin, file->position, file->size, target) || target < 0) {
     return -1;
   }
   file->position = target;

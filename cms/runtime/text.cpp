@@ -54,7 +54,7 @@ int AllInBrace(View<Char> text, View<Char> key, Char open, Char close,
 }
 
 template <class Char>
-int Line(View<Char> text, std::basic_string<Char>& line, int start) {
+int LineAt(View<Char> text, std::basic_string<Char>& line, int start) {
   text = WithinInt(text);
   const auto begin = start < 0 ? text.size() : static_cast<std::size_t>(start);
   auto end = text.find(Char{'\n'}, begin);
@@ -111,11 +111,11 @@ int StrsInBrace(std::wstring_view text, std::wstring_view key, wchar_t open, wch
 }
 
 int GetLine(std::string_view text, std::string& line, int start) {
-  return Line(text, line, start);
+  return LineAt(text, line, start);
 }
 
 int GetLine(std::wstring_view text, std::wstring& line, int start) {
-  return Line(text, line, start);
+  return LineAt(text, line, start);
 }
 
 int CompareAnyCase(std::string_view a, std::string_view b) {

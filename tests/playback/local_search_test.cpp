@@ -117,7 +117,6 @@ class RandomDatabases {
       Change();
     }
   }
-
   // One thing that recorders, retention, maintenance and accidents do.
   void Change() {
     const std::string folder = Folder();

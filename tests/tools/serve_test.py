@@ -231,7 +231,7 @@ def wrong_usage(data):
             (["--port", "0", "--data", data, "--allow", "1.2.3.4-1.2.3.3"], 2, "1.2.3.4-1.2.3.3"),
             (["--port", "0", "--data", data, "--deny", "here"], 2, "here"),
             (["--port", "0", "--data", data, "--bind", "1.2.3"], 2, "--bind"),
-            (["--port", "0", "--data", data, "rtps://x"], 1, "rtps://x"),
+            (["--port", "0", "--data", data, "rtps://x"], 2, "rtps://x"),
             (["--port", port, "--data", data], 1, port)):
         result = subprocess.run([PROGRAM, "serve", *arguments], capture_output=True, text=True,
                                 timeout=LIMIT, check=False)

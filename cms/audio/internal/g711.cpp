@@ -16,7 +16,7 @@ constexpr auto MakeEncoder() {
 }
 
 template <std::int16_t (*kDecode)(std::uint8_t)>
-constexpr auto MakeDecoder() {
+constexpr auto MakeSamples() {
   std::array<std::int16_t, 256> table{};
   for (unsigned i = 0; i < table.size(); ++i) {
     table[i] = kDecode(static_cast<std::uint8_t>(i));
@@ -26,8 +26,8 @@ constexpr auto MakeDecoder() {
 
 constexpr auto kALawCodes = MakeEncoder<3, EncodeALaw>();
 constexpr auto kMuLawCodes = MakeEncoder<2, EncodeMuLaw>();
-constexpr auto kALawSamples = MakeDecoder<DecodeALaw>();
-constexpr auto kMuLawSamples = MakeDecoder<DecodeMuLaw>();
+constexpr auto kALawSamples = MakeSamples<DecodeALaw>();
+constexpr auto kMuLawSamples = MakeSamples<DecodeMuLaw>();
 
 // Four at a time: the look-ups are as fast as the loop around them.
 template <typename In, typename Out, typename LookUp>

@@ -27,7 +27,7 @@ stMulticastConfiguration Multicast(std::wstring_view block) {
   return multicast;
 }
 
-stResolution Resolution(std::wstring_view block) {
+stResolution ResolutionOf(std::wstring_view block) {
   return {IntegerOf(block, L"tt:Width"), IntegerOf(block, L"tt:Height")};
 }
 
@@ -40,7 +40,7 @@ stVideoEncoderConfiguration VideoEncoder(std::wstring_view block) {
   if (encoder.encoding == L"MJPEG") {  // some cameras' word for what ONVIF calls JPEG
     encoder.encoding = L"JPEG";
   }
-  encoder.resolution = Resolution(ElementContent(block, L"tt:Resolution"));
+  encoder.resolution = ResolutionOf(ElementContent(block, L"tt:Resolution"));
   encoder.quality = NumberOf(block, L"tt:Quality").value_or(0);
   encoder.frameRateLimit = IntegerOf(block, L"tt:FrameRateLimit");
   encoder.encodingInterval = IntegerOf(block, L"tt:EncodingInterval", encoder.encodingInterval);
@@ -94,7 +94,7 @@ void AddCodec(std::wstring_view answer, std::wstring_view encoding,
   stCodecOptions codec;
   codec.encoding = encoding;
   for (std::wstring_view sizes = block, one; TakeElement(sizes, L"tt:ResolutionsAvailable", one);) {
-    codec.resolutions.push_back(Resolution(one));
+    codec.resolutions.push_back(ResolutionOf(one));
   }
   codec.frameRate = RangeOf(block, L"tt:FrameRateRange");
   codec.encodingInterval = RangeOf(block, L"tt:EncodingIntervalRange");

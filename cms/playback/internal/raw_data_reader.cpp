@@ -22,7 +22,7 @@ namespace {
 constexpr std::size_t kChunk = 64 * 1024;
 constexpr double kLowestRate = 0.1;
 
-AVCodecID CodecOf(std::span<const std::uint8_t> head) {
+AVCodecID StreamCodec(std::span<const std::uint8_t> head) {
   switch (cms::VideoTypeOf(head)) {
     case CMS_VIDEO_H264:
       return AV_CODEC_ID_H264;
@@ -68,7 +68,7 @@ bool CPlaybackRAWDataReader::Open(std::string& error) {
 bool CPlaybackRAWDataReader::Parse() {
   std::vector<std::uint8_t> chunk(kChunk + AV_INPUT_BUFFER_PADDING_SIZE);
   std::size_t held = io_.ReadAllAt(file_.Handle(), chunk.data(), kChunk, 0);
-  const AVCodecID codec = CodecOf(std::span(chunk).first(held));
+  const AVCodecID codec = StreamCodec(std::span(chunk).first(held));
   const AVCodec* const decoder = avcodec_find_decoder(codec);
   const std::unique_ptr<AVCodecParserContext, ParserClose> parser(av_parser_init(codec));
   const std::unique_ptr<AVCodecContext, ContextFree> context(

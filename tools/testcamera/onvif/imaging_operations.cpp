@@ -51,7 +51,7 @@ void SetImagingSettings(Call& call) {
   call.camera.settings.imaging = imaging;
 }
 
-void AddRange(Element parent, const char* name, double highest) {
+void AddRangeFromZero(Element parent, const char* name, double highest) {
   Element range = parent.Add(name);
   range.Add("tt:Min", 0);
   range.Add("tt:Max", highest);
@@ -67,16 +67,16 @@ void GetOptions(Call& call) {
   CheckSource(call);
   Element options = call.answer.Add("timg:ImagingOptions");
   AddWords(options.Add("tt:BacklightCompensation"), "tt:Mode", kOnOff);
-  AddRange(options, "tt:Brightness", kHighest);
-  AddRange(options, "tt:ColorSaturation", kHighest);
-  AddRange(options, "tt:Contrast", kHighest);
+  AddRangeFromZero(options, "tt:Brightness", kHighest);
+  AddRangeFromZero(options, "tt:ColorSaturation", kHighest);
+  AddRangeFromZero(options, "tt:Contrast", kHighest);
   AddWords(options, "tt:IrCutFilterModes", kOnOffAuto);
-  AddRange(options, "tt:Sharpness", kHighest);
+  AddRangeFromZero(options, "tt:Sharpness", kHighest);
   AddWords(options.Add("tt:WideDynamicRange"), "tt:Mode", kOnOff);
   Element balance = options.Add("tt:WhiteBalance");
   AddWords(balance, "tt:Mode", kBalances);
-  AddRange(balance, "tt:YrGain", kHighestGain);
-  AddRange(balance, "tt:YbGain", kHighestGain);
+  AddRangeFromZero(balance, "tt:YrGain", kHighestGain);
+  AddRangeFromZero(balance, "tt:YbGain", kHighestGain);
 }
 
 }  // namespace

@@ -18,7 +18,7 @@ constexpr char kDigestType[] =
     "http://docs.oasis-open.org/wss/2004/01/"
     "oasis-200401-wss-username-token-profile-1.0#PasswordDigest";
 
-[[noreturn]] void Refuse(const std::string& reason) {
+[[noreturn]] void RefuseToken(const std::string& reason) {
   throw SoapFault{"ter:NotAuthorized", "", "Sender not authorized: " + reason};
 }
 
@@ -30,7 +30,7 @@ const xmlNode* Part(const xmlNode* parent, const char* space, const char* name) 
       return child;
     }
   }
-  Refuse(std::string("there is no ") + name);
+  RefuseToken(std::string("there is no ") + name);
 }
 
 std::string DecodeBase64(const std::string& text) {
@@ -65,28 +65,28 @@ void UsernameTokenCheck::Check(const xmlNode* header, std::int64_t now) {
   const xmlNode* token =
       Part(Part(header, kSecuritySpace, "Security"), kSecuritySpace, "UsernameToken");
   if (Text(Part(token, kSecuritySpace, "Username")) != user_) {
-    Refuse("no such user");
+    RefuseToken("no such user");
   }
   const xmlNode* password = Part(token, kSecuritySpace, "Password");
   if (Attribute(password, "Type") != kDigestType) {
-    Refuse("the password is no digest");
+    RefuseToken("the password is no digest");
   }
   const std::string nonce = DecodeBase64(Text(Part(token, kSecuritySpace, "Nonce")));
   const std::string created = Text(Part(token, kUtilitySpace, "Created"));
   const auto time = ParseDateTime(created);
   if (nonce.empty() || !time) {
-    Refuse("the nonce or the created time cannot be read");
+    RefuseToken("the nonce or the created time cannot be read");
   }
   if (std::llabs(*time - now) > window_) {
-    Refuse("the created time is " + std::to_string(*time - now) + " s off");
+    RefuseToken("the created time is " + std::to_string(*time - now) + " s off");
   }
   if (Text(password) != PasswordDigest(nonce, created, password_)) {
-    Refuse("wrong password digest");
+    RefuseToken("wrong password digest");
   }
   std::erase_if(seen_,
                 [&](const auto& each) { return std::llabs(now - each.second) > 2LL * window_; });
   if (!seen_.try_emplace({nonce, created}, now).second) {
-    Refuse("this nonce was used before");
+    RefuseToken("this nonce was used before");
   }
 }
 
