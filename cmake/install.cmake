@@ -29,6 +29,11 @@ configure_file(cmake/orvanta-cms.pc.in orvanta-cms.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/orvanta-cms.pc DESTINATION ${pkgconfig_dir}
         COMPONENT development)
 
+# Headers refer to the guides, and applications start from the examples. The packages have places of their
+# own for both.
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs ${PROJECT_SOURCE_DIR}/examples
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/orvanta-cms COMPONENT documents)
+
 if(TARGET orvanta)
   # The tool finds the library that it was installed with; in /usr the system does that.
   if(NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")

@@ -80,5 +80,8 @@ endforeach()
 install(DIRECTORY examples/ COMPONENT development EXCLUDE_FROM_ALL
         DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${development_package}/examples
         FILES_MATCHING PATTERN "*.cpp")
+install(DIRECTORY docs/ COMPONENT development EXCLUDE_FROM_ALL
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${development_package}/docs
+        FILES_MATCHING PATTERN "*.md")
 
 include(CPack)

@@ -33,6 +33,11 @@ find cms -name '*.h' -print0 |
   xargs -0 -P 2 -I{} "$cxx" "${flags[@]}" -fsyntax-only -I. -include {} -x c++ /dev/null
 cd "$work"
 
+echo "== guides and examples"
+for document in docs/rtsp.md examples/live_client.cpp; do
+  [[ -f $tree/share/doc/orvanta-cms/$document ]] || { echo "no $document"; exit 1; }
+done
+
 echo "== find_package"
 cmake -G Ninja -S "$here/consumer" -B "$work/by-cmake" -DCMAKE_CXX_COMPILER="$cxx" \
   -DCMAKE_CXX_FLAGS="$sanitize" -DCMAKE_PREFIX_PATH="$tree" >>"$work/log"

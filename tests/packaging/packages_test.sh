@@ -45,7 +45,7 @@ echo "== contents"
 grep -vE '^\./usr/(lib/([^/]+/)?liborvanta-cms\.so\.0(\.[0-9.]+)?|share/doc/liborvanta-cms0/.*)$' "$work/liborvanta-cms0.files" &&
   fail "the files above are in the library's package"
 for wanted in include/cms/cms.h 'lib/.*liborvanta-cms\.so' 'lib/.*orvanta-cms-config\.cmake' 'lib/.*orvanta-cms\.pc' \
-  'share/doc/.*/examples/live_client\.cpp'; do
+  'share/doc/.*/examples/live_client\.cpp' 'share/doc/.*/docs/rtsp\.md'; do
   grep -qxE "\./usr/$wanted" "$work/liborvanta-cms-dev.files" || fail "no $wanted in the development package"
 done
 grep -E '/internal/|\.cpp$' "$work/liborvanta-cms-dev.files" | grep -v /examples/ && fail "the files above are for nobody"
