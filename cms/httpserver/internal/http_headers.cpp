@@ -90,7 +90,7 @@ std::string_view StatusText(std::uint32_t index) {
 }
 
 std::string CodeText(std::uint32_t code) {
-  const std::string number = std::to_string(code) + ' ';
+  std::string number = std::to_string(code) + ' ';
   for (const std::string_view text : kOtherStatuses) {
     if (text.starts_with(number)) {
       return std::string(text);
