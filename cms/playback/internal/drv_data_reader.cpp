@@ -27,7 +27,8 @@ std::optional<int> SiteOf(const std::string& name) {
 
 bool IsDay(std::string_view folder) {
   constexpr std::size_t kLength = 8;  // 20240229
-  return folder.size() == kLength && folder.find_first_not_of("0123456789") == std::string_view::npos;
+  return folder.size() == kLength &&
+         folder.find_first_not_of("0123456789") == std::string_view::npos;
 }
 
 }  // namespace
