@@ -50,9 +50,8 @@ class RecordedTimes {
 
   // Of the records that name the file; empty when none does.
   const std::vector<Times>& Of(const std::wstring& name) const {
-    static const std::vector<Times> none;
     const auto entry = times_.find(name);
-    return entry != times_.end() ? entry->second : none;
+    return entry != times_.end() ? entry->second : none_;
   }
 
   // From the earliest of its frames to the latest.
@@ -70,6 +69,7 @@ class RecordedTimes {
 
  private:
   std::map<std::wstring, std::vector<Times>> times_;
+  const std::vector<Times> none_{};
 };
 
 class Repair {

@@ -24,7 +24,8 @@ done
 mapfile -t objects < <(find "$build/cms" -name '*.o')
 ((${#objects[@]} > 0))
 for object in "${objects[@]}"; do
-  if nm "$object" | grep -q ' U __cxa_atexit'; then
+  symbols=$(nm "$object")
+  if [[ $symbols == *" U __cxa_atexit"* ]]; then
     echo "$object has a static object with a destructor, which threads may use while the process ends"
     exit 1
   fi
