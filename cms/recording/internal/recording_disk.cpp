@@ -38,14 +38,19 @@ std::uint64_t SteadyMilliseconds() {
       std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
 }
 
-// Never destroyed: threads may outlive static objects.
+// Never destroyed: threads may outlive static objects. A thread leaves it as the last thing it does.
 struct Registry {
   std::mutex mutex;
-  std::vector<std::weak_ptr<RecordingDisk>> disks;
+  std::vector<std::shared_ptr<RecordingDisk>> disks;
 };
 Registry& Disks() {
   static auto& registry = *new Registry;
   return registry;
+}
+
+void Forget(const std::shared_ptr<RecordingDisk>& disk) {
+  const std::lock_guard lock(Disks().mutex);
+  std::erase(Disks().disks, disk);
 }
 
 }  // namespace
@@ -65,14 +70,19 @@ std::shared_ptr<RecordingDisk> RecordingDisk::Start() {
   if (!disk->memory_) {
     return nullptr;
   }
+  {
+    const std::lock_guard lock(Disks().mutex);
+    Disks().disks.push_back(disk);
+  }
   try {
-    std::thread([disk] { disk->Work(); }).detach();
+    std::thread([disk] {
+      disk->Work();
+      Forget(disk);
+    }).detach();
   } catch (const std::system_error&) {
+    Forget(disk);
     return nullptr;
   }
-  const std::lock_guard lock(Disks().mutex);
-  std::erase_if(Disks().disks, [](const auto& each) { return each.expired(); });
-  Disks().disks.push_back(disk);
   return disk;
 }
 
@@ -260,11 +270,7 @@ bool RecordingDisk::WaitAll(int milliseconds, bool giveUp) {
   std::vector<std::shared_ptr<RecordingDisk>> disks;
   {
     const std::lock_guard lock(Disks().mutex);
-    for (const auto& each : Disks().disks) {
-      if (auto disk = each.lock()) {
-        disks.push_back(std::move(disk));
-      }
-    }
+    disks = Disks().disks;
   }
   const std::uint64_t begin = SteadyMilliseconds();
   return std::all_of(disks.begin(), disks.end(), [&](const auto& disk) {
