@@ -8,7 +8,7 @@ source "$(dirname "${BASH_SOURCE[0]}")/../scripts/setup.sh"
 packages=$(realpath -m "${1:-$root/build/packages}")
 
 # shellcheck disable=SC2154  # set by setup.sh
-install_packages "${run_packages[@]}" dpkg-dev
+install_packages "${build_packages[@]}" "${play_packages[@]}" dpkg-dev
 with_build_lock package build_preset package
 mkdir -p "$packages"
 rm -f "$packages"/*.deb

@@ -4,17 +4,22 @@
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
-# What the library and the command line are built with, and what the test camera plays with.
-run_packages=(
+# What the library and the command line are built with.
+# shellcheck disable=SC2034
+build_packages=(
   cmake ninja-build g++ pkg-config
   libssl-dev libcurl4-openssl-dev libasound2-dev libavcodec-dev libavutil-dev libswscale-dev libavformat-dev
   libcli11-dev nlohmann-json3-dev libpng-dev libturbojpeg0-dev libsndfile1-dev libsamplerate0-dev
   libgstrtspserver-1.0-dev libgstreamer-plugins-base1.0-dev libsoup-3.0-dev libxml2-dev
+)
+# What the test camera plays with.
+# shellcheck disable=SC2034
+play_packages=(
   gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad
   gstreamer1.0-plugins-ugly gstreamer1.0-libav
 )
 # The tests and their peers.
-test_packages=("${run_packages[@]}" libgtest-dev libgmock-dev ffmpeg sox python3 curl iproute2 procps
+test_packages=("${build_packages[@]}" "${play_packages[@]}" libgtest-dev libgmock-dev ffmpeg sox python3 curl iproute2 procps
   dpkg-dev chromium chromium-driver python3-selenium)
 # The slower checks of .ci/run.
 # shellcheck disable=SC2034
