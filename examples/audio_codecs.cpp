@@ -8,7 +8,7 @@
 
 #include "cms/audio/g711_decoders.h"
 #include "cms/exports/audio_exports.h"
-#include "cms/live/codec_id.h"
+#include "cms/live/media/codec_id.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // The orvanta command line: a client application of the library.
-#include "tools/command.h"
-#include "tools/stop_signal.h"
+#include "tools/commands/command.h"
+#include "tools/support/stop_signal.h"
 
 int main(int argc, char** argv) {
   tools::CommandLine line("Orvanta CMS media SDK: watch, record and configure IP cameras",

@@ -7,7 +7,7 @@
 #include <thread>
 #include <vector>
 
-#include "cms/live/frame_buffer.h"
+#include "cms/live/media/frame_buffer.h"
 
 namespace {
 

@@ -26,7 +26,7 @@
 #include <vector>
 
 #include "cms/live/decoder.h"
-#include "cms/live/frame_header.h"
+#include "cms/live/media/frame_header.h"
 #include "cms/playback/multi_site_playback_ctrl.h"
 #include "cms/recording/drv_format.h"
 #include "cms/runtime/native_path.h"

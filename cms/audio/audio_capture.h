@@ -5,7 +5,7 @@
 #include <memory>
 #include <string>
 
-#include "cms/live/audio_endpoint.h"
+#include "cms/live/media/audio_endpoint.h"
 #include "cms/runtime/api.h"
 
 // Captures 20 ms blocks, encodes them (mu-law, A-law or 16-bit PCM of either byte order) and hands

@@ -5,7 +5,7 @@
 #include <memory>
 #include <string>
 
-#include "cms/live/audio_endpoint.h"
+#include "cms/live/media/audio_endpoint.h"
 #include "cms/runtime/api.h"
 
 struct CMSAudioPlayerStatus {

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "cms/live/codec_id.h"
+#include "cms/live/media/codec_id.h"
 
 int PCMDecoder::Decode(const unsigned char* block, int length, unsigned int /*channelMode*/) {
   if (!TakeOrSilence(block, length, 1)) {

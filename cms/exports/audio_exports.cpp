@@ -7,7 +7,7 @@
 
 #include "cms/audio/internal/g711.h"
 #include "cms/audio/internal/ima_adpcm.h"
-#include "cms/live/codec_id.h"
+#include "cms/live/media/codec_id.h"
 
 namespace {
 

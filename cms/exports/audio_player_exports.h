@@ -6,7 +6,7 @@
 // GetEncodeAudioData from one at a time for each handle.
 #pragma once
 
-#include "cms/live/audio_endpoint.h"
+#include "cms/live/media/audio_endpoint.h"
 #include "cms/runtime/api.h"
 
 using CMSAudioPlayerHandle = void*;

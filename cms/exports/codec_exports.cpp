@@ -11,8 +11,8 @@ extern "C" {
 }
 
 #include "cms/live/decoder.h"
-#include "cms/live/internal/codec_map.h"
-#include "cms/live/internal/video_codec.h"
+#include "cms/live/media/internal/codec_map.h"
+#include "cms/live/media/internal/video_codec.h"
 
 namespace {
 

@@ -8,10 +8,10 @@
 #include <string>
 #include <vector>
 
-#include "cms/live/codec_id.h"
 #include "cms/live/decoder.h"
-#include "cms/live/fisheye.h"
-#include "cms/live/size.h"
+#include "cms/live/media/codec_id.h"
+#include "cms/live/media/fisheye.h"
+#include "cms/live/media/size.h"
 #include "cms/runtime/api.h"
 #include "cms/runtime/critical.h"
 

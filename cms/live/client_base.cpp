@@ -3,15 +3,16 @@
 #include <algorithm>
 #include <cstring>
 
+#include "cms/live/internal/connection_sight.h"
 #include "cms/live/internal/keeper.h"
-#include "cms/live/internal/site_recording.h"
+#include "cms/recording/site/internal/site_recording.h"
 #include "cms/runtime/clock.h"
 
 CMSClientBase::CMSClientBase()
     : keeper_(std::make_unique<Keeper>(*this)),
       recording_(std::make_unique<cms::SiteRecording>([this] {
         ScopeLock lock(statusLock_);
-        return cms::ConnectionSight{status_.state, status_.fault, rate_.LastVideo()};
+        return cms::SightOf(status_.state, status_.fault, rate_.LastVideo());
       })) {}
 
 // A derived client has stopped the keeping in its own destructor: the keeping calls its operations.

@@ -9,15 +9,15 @@
 #include <string>
 #include <vector>
 
-#include "cms/live/audio_endpoint.h"
 #include "cms/live/channel_data.h"
 #include "cms/live/connection_status.h"
 #include "cms/live/fps_report.h"
+#include "cms/live/media/audio_endpoint.h"
 #include "cms/live/rate_meter.h"
 #include "cms/live/reconnect_policy.h"
-#include "cms/live/recording_kind.h"
 #include "cms/recording/gap_log.h"
 #include "cms/recording/record_param.h"
+#include "cms/recording/recording_kind.h"
 #include "cms/recording/recording_status.h"
 #include "cms/runtime/api.h"
 #include "cms/runtime/critical.h"

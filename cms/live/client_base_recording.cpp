@@ -2,8 +2,8 @@
 #include <algorithm>
 
 #include "cms/live/client_base.h"
-#include "cms/live/internal/site_recording.h"
 #include "cms/recording/drv_format.h"
+#include "cms/recording/site/internal/site_recording.h"
 
 namespace {
 

@@ -2,8 +2,8 @@
 
 #include <new>
 
-#include "cms/live/internal/codec_map.h"
 #include "cms/live/internal/decoder_impl.h"
+#include "cms/live/media/internal/codec_map.h"
 
 CMSDecoder::CMSDecoder() : impl_(new (std::nothrow) Impl) {}
 CMSDecoder::~CMSDecoder() = default;

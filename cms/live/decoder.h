@@ -3,16 +3,12 @@
 
 #include <memory>
 
-#include "cms/live/fisheye.h"
-#include "cms/live/size.h"
+#include "cms/live/media/codec_id.h"
+#include "cms/live/media/fisheye.h"
+#include "cms/live/media/size.h"
 #include "cms/runtime/api.h"
 
 struct IDirect3DSurface9;  // the display's surface; on this platform there is none
-
-enum DECODE_CODEC : int {
-  DECODE_CODEC_MJPEG = 0,
-  DECODE_CODEC_H264 = 1,
-};
 
 enum DECODE_RESULT : int {
   DECODE_RESULT_PICTURE = 0,     // a picture was decoded and converted

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <thread>
 
-#include "cms/live/frame_buffer.h"
+#include "cms/live/media/frame_buffer.h"
 #include "cms/net/socket_endpoint.h"
 #include "cms/runtime/api.h"
 #include "cms/runtime/critical.h"

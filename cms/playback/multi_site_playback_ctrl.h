@@ -6,8 +6,8 @@
 #include <string>
 
 #include "cms/live/decoder.h"
-#include "cms/live/fisheye.h"
-#include "cms/live/size.h"
+#include "cms/live/media/fisheye.h"
+#include "cms/live/media/size.h"
 #include "cms/playback/playback_config.h"
 #include "cms/runtime/api.h"
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "cms/live/fisheye.h"
+#include "cms/live/media/fisheye.h"
 
 // All times of playback are milliseconds since 1970-01-01 UTC.
 inline constexpr std::int64_t kPlaybackNoTargetTime = std::numeric_limits<std::int64_t>::max();

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "cms/live/frame_header.h"
+#include "cms/live/media/frame_header.h"
 
 namespace cms {
 namespace {

@@ -2,7 +2,7 @@
 #include <algorithm>
 #include <array>
 
-#include "cms/live/frame_header.h"
+#include "cms/live/media/frame_header.h"
 #include "cms/recording/drv_recorder.h"
 #include "cms/recording/event_marks.h"
 #include "cms/recording/internal/picture_format.h"

@@ -8,8 +8,8 @@
 #include <thread>
 
 #include "cms/live/client_base.h"
-#include "cms/live/codec_id.h"
-#include "cms/live/raw_buffer.h"
+#include "cms/live/media/codec_id.h"
+#include "cms/live/media/raw_buffer.h"
 #include "cms/runtime/api.h"
 #include "cms/runtime/wake_up.h"
 #include "cms/streaming/io_group.h"

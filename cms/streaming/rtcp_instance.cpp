@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <chrono>
 
-#include "cms/live/frame_buffer.h"
+#include "cms/live/media/frame_buffer.h"
 #include "cms/runtime/clock.h"
 #include "cms/streaming/internal/rtcp_report.h"
 

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "cms/live/frame_header.h"
+#include "cms/live/media/frame_header.h"
 #include "cms/runtime/clock.h"
 #include "cms/streaming/internal/picture_size.h"
 #include "cms/streaming/internal/rtsp_session.h"

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "cms/live/client_base.h"
-#include "cms/live/frame_header.h"
+#include "cms/live/media/frame_header.h"
 #include "cms/runtime/api.h"
 #include "cms/streaming/io_group.h"
 #include "cms/streaming/login.h"

@@ -8,7 +8,7 @@
 #include <random>
 #include <utility>
 
-#include "cms/live/frame_header.h"
+#include "cms/live/media/frame_header.h"
 #include "cms/streaming/internal/parameter_sets.h"
 #include "cms/streaming/internal/picture_size.h"
 #include "cms/streaming/internal/rtsp_message.h"

@@ -12,7 +12,7 @@
 #include "cms/audio/ms_adpcm_decoder.h"
 #include "cms/audio/pcm_decoder.h"
 #include "cms/exports/audio_exports.h"
-#include "cms/live/codec_id.h"
+#include "cms/live/media/codec_id.h"
 #include "fuzz/support/check.h"
 
 namespace {

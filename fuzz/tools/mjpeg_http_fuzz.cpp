@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "fuzz/support/check.h"
-#include "tools/mjpeg_http_client.h"
+#include "tools/support/mjpeg_http_client.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size == 0) return 0;

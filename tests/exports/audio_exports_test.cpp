@@ -7,7 +7,7 @@
 #include <memory>
 #include <vector>
 
-#include "cms/live/codec_id.h"
+#include "cms/live/media/codec_id.h"
 
 namespace {
 

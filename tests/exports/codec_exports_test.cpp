@@ -4,7 +4,7 @@
 
 #include <vector>
 
-#include "cms/live/codec_id.h"
+#include "cms/live/media/codec_id.h"
 #include "tests/support/encoded_clip.h"
 
 namespace {

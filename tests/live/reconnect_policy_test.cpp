@@ -7,8 +7,8 @@
 #include <thread>
 #include <vector>
 
-#include "cms/live/internal/site_supervisor.h"
 #include "cms/runtime/clock.h"
+#include "cms/runtime/internal/turns.h"
 #include "tests/support/wait.h"
 
 TEST(ReconnectPause, GrowsToItsLimitAndJitterTakesAtMostHalf) {
@@ -58,7 +58,7 @@ TEST(ReconnectPause, ARefusedPasswordIsTriedAtMostFiveTimesInTheFirstHour) {
 
 namespace {
 
-class CountingSite final : public cms::SiteSupervisor::Site {
+class CountingSite final : public cms::Turns::Member {
  public:
   std::uint64_t Turn(std::uint64_t now) override {
     EXPECT_FALSE(inTurn_.exchange(true)) << "two turns at once";
@@ -73,8 +73,8 @@ class CountingSite final : public cms::SiteSupervisor::Site {
 
 }  // namespace
 
-TEST(SiteSupervisor, TurnsNeverOverlapAndNoneRunsAfterRemove) {
-  auto& supervisor = cms::SiteSupervisor::Keeping();
+TEST(Turns, TurnsNeverOverlapAndNoneRunsAfterRemove) {
+  auto& supervisor = cms::Turns::Keeping();
   std::vector<std::thread> users;
   for (int user = 0; user < 8; ++user) {
     users.emplace_back([&] {

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "cms/live/frame_header.h"
+#include "cms/live/media/frame_header.h"
 #include "cms/recording/event_marks.h"
 #include "cms/runtime/native_path.h"
 #include "tests/recording/recorder_site.h"

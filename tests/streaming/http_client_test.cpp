@@ -14,7 +14,7 @@
 #include <thread>
 #include <vector>
 
-#include "cms/live/frame_header.h"
+#include "cms/live/media/frame_header.h"
 #include "cms/runtime/clock.h"
 #include "tests/net/loopback.h"
 #include "tests/support/encoded_clip.h"

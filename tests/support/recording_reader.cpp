@@ -5,7 +5,7 @@
 #include <filesystem>
 #include <stdexcept>
 
-#include "cms/live/frame_header.h"
+#include "cms/live/media/frame_header.h"
 #include "tests/support/faulty_file_io.h"
 
 namespace test {

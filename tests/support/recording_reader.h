@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "cms/live/frame_header.h"
+#include "cms/live/media/frame_header.h"
 #include "cms/recording/drv_recorder.h"
 #include "cms/runtime/clock.h"
 #include "tests/support/encoded_clip.h"

@@ -4,9 +4,9 @@
 #include <mutex>
 #include <string>
 
-#include "tools/live_site.h"
 #include "tools/serve/jpeg_encoder.h"
 #include "tools/serve/picture_record.h"
+#include "tools/support/live_site.h"
 
 namespace tools {
 

@@ -7,7 +7,7 @@
 #include <stdexcept>
 
 #include "cms/runtime/wide_text.h"
-#include "tools/stop_signal.h"
+#include "tools/support/stop_signal.h"
 
 namespace tools {
 namespace {

@@ -4,9 +4,9 @@
 #include <mutex>
 #include <nlohmann/json.hpp>
 
-#include "tools/live_site.h"
 #include "tools/serve/live_pictures.h"
 #include "tools/serve/site_recorder.h"
+#include "tools/support/live_site.h"
 
 namespace tools {
 

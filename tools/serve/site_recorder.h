@@ -1,8 +1,8 @@
 // Recording of one site, begun and ended while it is watched.
 #pragma once
 
-#include "tools/day_folder.h"
-#include "tools/live_site.h"
+#include "tools/data/day_folder.h"
+#include "tools/support/live_site.h"
 
 namespace tools {
 

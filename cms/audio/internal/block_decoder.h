@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "cms/audio/audio_decoder_base.h"
-#include "cms/live/audio_endpoint.h"
+#include "cms/live/media/audio_endpoint.h"
 
 namespace cms {
 

@@ -7,8 +7,8 @@
 
 #include "cms/live/decoder.h"
 #include "cms/live/internal/decode_queue.h"
-#include "cms/live/internal/picture_converter.h"
-#include "cms/live/internal/video_codec.h"
+#include "cms/live/media/internal/picture_converter.h"
+#include "cms/live/media/internal/video_codec.h"
 #include "cms/runtime/critical.h"
 #include "cms/runtime/thread_annotations.h"
 

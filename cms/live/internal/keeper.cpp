@@ -7,7 +7,7 @@
 
 #include "cms/runtime/clock.h"
 
-using cms::SiteSupervisor;
+using cms::Turns;
 
 bool CMSClientBase::Keeper::Start(bool playing) {
   if (gaveUp_.exchange(false)) {
@@ -17,7 +17,7 @@ bool CMSClientBase::Keeper::Start(bool playing) {
   if (kept_.exchange(true)) {
     if (playing) {
       opened_.store(true);
-      SiteSupervisor::Openings().Poke(&opening_);
+      Turns::Openings().Poke(&opening_);
     }
     return false;
   }
@@ -49,14 +49,14 @@ void CMSClientBase::Keeper::Stop() {
     stopping_ = true;  // from now on no turn of one kind leads to one of the other
   }
   client_.CancelOpening();
-  SiteSupervisor::Keeping().Remove(&watching_);
-  SiteSupervisor::Openings().Remove(&opening_);
+  Turns::Keeping().Remove(&watching_);
+  Turns::Openings().Remove(&opening_);
   client_.ResumeOpening();
   kept_.store(false);
 }
 
 void CMSClientBase::Keeper::Poke() {
-  SiteSupervisor::Keeping().Poke(&watching_);
+  Turns::Keeping().Poke(&watching_);
 }
 
 std::uint64_t CMSClientBase::Keeper::RetryInMs() const {
@@ -72,9 +72,9 @@ void CMSClientBase::Keeper::HandOver(bool watched, std::uint64_t now) {
     return;
   }
   if (watched) {
-    SiteSupervisor::Keeping().Add(&watching_, now);
+    Turns::Keeping().Add(&watching_, now);
   } else {
-    SiteSupervisor::Openings().Add(&opening_, now);
+    Turns::Openings().Add(&opening_, now);
   }
 }
 
@@ -91,7 +91,7 @@ void CMSClientBase::Keeper::StartWatching(std::uint64_t now) {
 
 std::uint64_t CMSClientBase::Keeper::OpenTurn(std::uint64_t now) {
   if (watched_.load()) {
-    return SiteSupervisor::kNever;
+    return Turns::kNever;
   }
   if (std::exchange(isToClose_, false)) {
     client_.CloseForKeeping();
@@ -111,12 +111,12 @@ std::uint64_t CMSClientBase::Keeper::OpenTurn(std::uint64_t now) {
   const std::uint64_t opened = cms::TickMilliseconds();
   StartWatching(opened);
   HandOver(true, opened);
-  return SiteSupervisor::kNever;
+  return Turns::kNever;
 }
 
 std::uint64_t CMSClientBase::Keeper::WatchTurn() {
   if (!watched_.load()) {
-    return SiteSupervisor::kNever;
+    return Turns::kNever;
   }
   const std::uint64_t now = cms::TickMilliseconds();  // not before the watching began
   const ReconnectPolicy policy = client_.GetPolicy();
@@ -143,7 +143,7 @@ std::uint64_t CMSClientBase::Keeper::WatchTurn() {
 
   isToClose_ = true;
   HandOver(false, now);
-  return SiteSupervisor::kNever;
+  return Turns::kNever;
 }
 
 std::uint64_t CMSClientBase::Keeper::PauseAfterFailure() {
@@ -152,7 +152,7 @@ std::uint64_t CMSClientBase::Keeper::PauseAfterFailure() {
   if (!policy.enabled || status.fault == ConnectionFault::kCancelled) {
     client_.SetState(ConnectionState::kClosed);
     gaveUp_.store(true);
-    return SiteSupervisor::kNever;
+    return Turns::kNever;
   }
   ++failures_;
   static thread_local std::minstd_rand random{std::random_device{}()};

@@ -5,7 +5,7 @@
 #include <cstdint>
 
 #include "cms/live/client_base.h"
-#include "cms/live/internal/site_supervisor.h"
+#include "cms/runtime/internal/turns.h"
 
 // A site is either watched, by turns that wait for nobody, or opened (and what it had before
 // closed), by turns that wait for the camera: each kind has threads of its own.
@@ -22,7 +22,7 @@ class CMSClientBase::Keeper final {
   std::uint64_t RetryInMs() const;
 
  private:
-  class Watching final : public cms::SiteSupervisor::Site {
+  class Watching final : public cms::Turns::Member {
    public:
     explicit Watching(Keeper& keeper) : keeper_(keeper) {}
     std::uint64_t Turn(std::uint64_t) override { return keeper_.WatchTurn(); }
@@ -30,7 +30,7 @@ class CMSClientBase::Keeper final {
    private:
     Keeper& keeper_;
   };
-  class Opening final : public cms::SiteSupervisor::Site {
+  class Opening final : public cms::Turns::Member {
    public:
     explicit Opening(Keeper& keeper) : keeper_(keeper) {}
     std::uint64_t Turn(std::uint64_t now) override { return keeper_.OpenTurn(now); }

@@ -2,9 +2,9 @@
 
 #include <algorithm>
 
-#include "cms/live/codec_id.h"
 #include "cms/live/decoder.h"
-#include "cms/live/frame_header.h"
+#include "cms/live/media/codec_id.h"
+#include "cms/live/media/frame_header.h"
 #include "cms/streaming/stream_probes.h"
 
 namespace cms {

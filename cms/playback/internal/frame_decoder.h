@@ -5,7 +5,7 @@
 #include <span>
 #include <vector>
 
-#include "cms/live/internal/video_codec.h"
+#include "cms/live/media/internal/video_codec.h"
 #include "cms/playback/internal/playback_track.h"
 
 namespace cms {

@@ -8,8 +8,8 @@
 #include <memory>
 #include <vector>
 
-#include "cms/live/internal/picture_converter.h"
-#include "cms/live/size.h"
+#include "cms/live/media/internal/picture_converter.h"
+#include "cms/live/media/size.h"
 #include "cms/playback/internal/playback_track.h"
 #include "cms/runtime/critical.h"
 #include "cms/runtime/thread_annotations.h"

@@ -7,7 +7,7 @@
 #include <system_error>
 #include <utility>
 
-#include "cms/live/frame_header.h"
+#include "cms/live/media/frame_header.h"
 #include "cms/runtime/clock.h"
 
 using cms::FrameRef;

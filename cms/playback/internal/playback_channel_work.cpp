@@ -4,7 +4,7 @@
 #include <cstring>
 #include <ctime>
 
-#include "cms/live/frame_header.h"
+#include "cms/live/media/frame_header.h"
 #include "cms/playback/internal/playback_channel_data.h"
 
 using cms::FrameRef;

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 
-#include "cms/live/frame_header.h"
+#include "cms/live/media/frame_header.h"
 #include "cms/streaming/stream_probes.h"
 
 namespace cms {

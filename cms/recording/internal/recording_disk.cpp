@@ -38,7 +38,8 @@ std::uint64_t SteadyMilliseconds() {
       std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
 }
 
-// Never destroyed: threads may outlive static objects. A thread leaves it as the last thing it does.
+// Never destroyed: threads may outlive static objects. A thread leaves it as the last thing it
+// does.
 struct Registry {
   std::mutex mutex;
   std::vector<std::shared_ptr<RecordingDisk>> disks;

@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-#include "cms/live/audio_endpoint.h"
+#include "cms/live/media/audio_endpoint.h"
 #include "cms/runtime/critical.h"
 #include "cms/streaming/media_session.h"
 

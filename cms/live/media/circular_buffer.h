@@ -1,0 +1,38 @@
+// CCircularBuffer, a byte stream carried across the slots of a ring.
+#pragma once
+
+#include <vector>
+
+#include "cms/live/media/buffer.h"
+#include "cms/runtime/api.h"
+
+// A ring of slots that never refuses bytes: when the reader is behind, unread slots other than the
+// one being read are overwritten. What is in the slot being written is read only after the writer
+// has moved on. Takes no lock; its users serialise access.
+class CMS_API CCircularBuffer {
+ public:
+  static constexpr long kDefaultSlotCount = 128;
+
+  CCircularBuffer();
+  CCircularBuffer(long count, long size);
+  CCircularBuffer(const CCircularBuffer&) = delete;
+  CCircularBuffer& operator=(const CCircularBuffer&) = delete;
+
+  // A new, empty ring in place of any earlier one. 1, or 0 when the memory does not suffice; then,
+  // as with fewer than two slots, nothing can be written or read.
+  int AllocateBuffer(long count, long size);
+
+  long Write(const void* data, long len);  // returns the bytes placed
+  long Read(void* dest, long len);         // returns the bytes copied
+
+  bool IsWriteReadSameBuf() const { return write_slot_ == read_slot_; }
+  long GetWriteIdx() const { return write_slot_ != nullptr ? write_slot_->GetIdx() : 0; }
+  long GetReadIdx() const { return read_slot_ != nullptr ? read_slot_->GetIdx() : 0; }
+
+ private:
+  long slot_size_ = CBuffer::kDefaultSize;
+  long slot_count_ = 0;
+  std::vector<CBuffer> slots_;
+  CBuffer* read_slot_ = nullptr;
+  CBuffer* write_slot_ = nullptr;
+};

@@ -1,0 +1,45 @@
+#include "cms/live/media/internal/codec_map.h"
+
+namespace cms {
+
+AVCodecID ToLibraryCodec(CMSCodecID codec) {
+  switch (codec) {
+    case CMS_CODEC_MJPEG:
+      return AV_CODEC_ID_MJPEG;
+    case CMS_CODEC_MPEG4:
+      return AV_CODEC_ID_MPEG4;
+    case CMS_CODEC_H264:
+      return AV_CODEC_ID_H264;
+    default:
+      return AV_CODEC_ID_NONE;
+  }
+}
+
+CMSCodecID ToCodecID(DECODE_CODEC codec) {
+  switch (codec) {
+    case DECODE_CODEC_MJPEG:
+      return CMS_CODEC_MJPEG;
+    case DECODE_CODEC_H264:
+      return CMS_CODEC_H264;
+  }
+  return CMS_CODEC_NONE;
+}
+
+AVPixelFormat PlainFormat(int format) {
+  switch (format) {
+    case AV_PIX_FMT_YUVJ420P:
+      return AV_PIX_FMT_YUV420P;
+    case AV_PIX_FMT_YUVJ422P:
+      return AV_PIX_FMT_YUV422P;
+    case AV_PIX_FMT_YUVJ444P:
+      return AV_PIX_FMT_YUV444P;
+    case AV_PIX_FMT_YUVJ440P:
+      return AV_PIX_FMT_YUV440P;
+    case AV_PIX_FMT_YUVJ411P:
+      return AV_PIX_FMT_YUV411P;
+    default:
+      return static_cast<AVPixelFormat>(format);
+  }
+}
+
+}  // namespace cms

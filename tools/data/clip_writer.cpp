@@ -1,0 +1,254 @@
+#include "tools/data/clip_writer.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavcodec/bsf.h>
+#include <libavformat/avformat.h>
+}
+
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+#include "cms/live/media/codec_id.h"
+#include "tools/data/avc_units.h"
+#include "tools/data/clip_codec.h"
+#include "tools/data/clip_file.h"
+#include "tools/support/time_text.h"
+
+namespace tools {
+namespace {
+
+constexpr AVRational kMicroseconds{1, 1'000'000};
+constexpr AVRational kVideoClock{1, 90'000};
+
+AVCodecID AudioCodec(std::uint32_t codecId) {
+  switch (codecId) {
+    case CMS_CODEC_PCM_MULAW:
+      return AV_CODEC_ID_PCM_MULAW;
+    case CMS_CODEC_PCM_ALAW:
+      return AV_CODEC_ID_PCM_ALAW;
+    case CMS_CODEC_PCM_S16LE:
+      return AV_CODEC_ID_PCM_S16LE;
+    case CMS_CODEC_PCM_S16BE:
+      return AV_CODEC_ID_PCM_S16BE;
+    default:
+      return AV_CODEC_ID_NONE;
+  }
+}
+
+const char* NameOf(ClipContainer container) {
+  return container == ClipContainer::kMp4 ? "mp4" : "matroska";
+}
+
+struct FreePacket {
+  void operator()(AVPacket* packet) const { av_packet_free(&packet); }
+};
+struct FreeFilter {
+  void operator()(AVBSFContext* filter) const { av_bsf_free(&filter); }
+};
+using Packet = std::unique_ptr<AVPacket, FreePacket>;
+
+void SetExtradata(AVCodecParameters& parameters, std::span<const std::uint8_t> bytes) {
+  av_freep(&parameters.extradata);
+  parameters.extradata =
+      static_cast<std::uint8_t*>(av_mallocz(bytes.size() + AV_INPUT_BUFFER_PADDING_SIZE));
+  std::memcpy(parameters.extradata, bytes.data(), bytes.size());
+  parameters.extradata_size = static_cast<int>(bytes.size());
+}
+
+// The parameter sets of a key frame, as the container's header wants them: the filter tells what it
+// found in the frame.
+void ReadParameterSets(std::span<const std::uint8_t> frame, AVCodecParameters& parameters) {
+  AVBSFContext* made = nullptr;
+  if (av_bsf_alloc(av_bsf_get_by_name("extract_extradata"), &made) < 0) {
+    return;
+  }
+  const std::unique_ptr<AVBSFContext, FreeFilter> filter(made);
+  const Packet packet(av_packet_alloc());
+  if (avcodec_parameters_copy(filter->par_in, &parameters) < 0 || av_bsf_init(filter.get()) < 0 ||
+      av_new_packet(packet.get(), static_cast<int>(frame.size())) < 0) {
+    return;
+  }
+  std::memcpy(packet->data, frame.data(), frame.size());
+  std::size_t size = 0;
+  if (av_bsf_send_packet(filter.get(), packet.get()) < 0 ||
+      av_bsf_receive_packet(filter.get(), packet.get()) < 0) {
+    return;
+  }
+  const std::uint8_t* found =
+      av_packet_get_side_data(packet.get(), AV_PKT_DATA_NEW_EXTRADATA, &size);
+  if (found != nullptr) {
+    SetExtradata(parameters, {found, size});
+  }
+}
+
+}  // namespace
+
+std::size_t ClipPadding() {
+  return AV_INPUT_BUFFER_PADDING_SIZE;
+}
+
+bool TakesAudio(ClipContainer container, const ClipAudio& audio) {
+  const AVCodecID codec = AudioCodec(audio.codecId);
+  const AVOutputFormat* format = av_guess_format(NameOf(container), nullptr, nullptr);
+  // Matroska's own list lacks what it takes over from WAV.
+  return codec != AV_CODEC_ID_NONE && audio.sampleRate > 0 && audio.channels > 0 &&
+         (avformat_query_codec(format, codec, FF_COMPLIANCE_NORMAL) == 1 ||
+          (format->codec_tag != nullptr && av_codec_get_tag(format->codec_tag, codec) != 0));
+}
+
+struct ClipWriter::State {
+  explicit State(const std::string& path) : file(path) {}
+  ~State() { avformat_free_context(context); }
+
+  ClipFile file;
+  AVFormatContext* context = nullptr;
+  AVStream* video = nullptr;
+  AVStream* audio = nullptr;
+  Packet packet{av_packet_alloc()};
+  std::int64_t begin = -1;                // microseconds
+  std::int64_t end = 0;                   // of the last picture, from `begin` on
+  std::optional<std::int64_t> lastVideo;  // decoding, in the stream's units
+  std::int64_t samples = -1;  // of audio, up to which it was written; -1 before the first block
+  int sampleBytes = 1;        // of all channels
+  bool lengths = false;       // units of video carry theirs instead of start codes
+  std::vector<std::uint8_t> scratch;
+
+  void Check(int result) const { file.Check(result); }
+  void AddVideo(const ClipFormat& format);
+  void AddAudio(const ClipAudio& audio);
+  struct Times {  // in the stream's units
+    std::int64_t decoding = 0;
+    std::int64_t presentation = 0;
+    std::int64_t duration = 0;
+  };
+  void Write(AVStream& stream, std::span<const std::uint8_t> data, const Times& times, bool key);
+};
+
+void ClipWriter::State::AddVideo(const ClipFormat& format) {
+  video = avformat_new_stream(context, nullptr);
+  Check(video == nullptr ? AVERROR(ENOMEM) : 0);
+  video->time_base = kVideoClock;
+  AVCodecParameters& parameters = *video->codecpar;
+  parameters.codec_type = AVMEDIA_TYPE_VIDEO;
+  parameters.codec_id = CodecOf(format.video);
+  parameters.width = format.width;
+  parameters.height = format.height;
+  if (format.video != ClipVideo::kMjpeg) {
+    ReadParameterSets(format.keyFrame, parameters);
+  }
+  if (format.video == ClipVideo::kH264) {
+    // The muxers could make lengths of start codes as well; this is several times as fast.
+    const auto record = AvcConfiguration(
+        {parameters.extradata, static_cast<std::size_t>(parameters.extradata_size)},
+        format.chromaFormat, format.bitDepth);
+    lengths = !record.empty();
+    if (lengths) {
+      SetExtradata(parameters, record);
+    }
+  }
+}
+
+void ClipWriter::State::AddAudio(const ClipAudio& wanted) {
+  audio = avformat_new_stream(context, nullptr);
+  Check(audio == nullptr ? AVERROR(ENOMEM) : 0);
+  audio->time_base = {1, wanted.sampleRate};
+  AVCodecParameters& parameters = *audio->codecpar;
+  parameters.codec_type = AVMEDIA_TYPE_AUDIO;
+  parameters.codec_id = AudioCodec(wanted.codecId);
+  parameters.sample_rate = wanted.sampleRate;
+  av_channel_layout_default(&parameters.ch_layout, wanted.channels);
+  parameters.bits_per_coded_sample = av_get_bits_per_sample(parameters.codec_id);
+  sampleBytes = parameters.bits_per_coded_sample / 8 * wanted.channels;
+  parameters.block_align = sampleBytes;
+}
+
+void ClipWriter::State::Write(AVStream& stream, std::span<const std::uint8_t> data,
+                              const Times& times, bool key) {
+  // Not reference-counted: the muxer writes what it needs before it returns.
+  packet->data = const_cast<std::uint8_t*>(data.data());
+  packet->size = static_cast<int>(data.size());
+  packet->stream_index = stream.index;
+  packet->pts = times.presentation;
+  packet->dts = times.decoding;
+  packet->duration = times.duration;
+  packet->flags = key ? AV_PKT_FLAG_KEY : 0;
+  Check(av_write_frame(context, packet.get()));
+  Check(context->pb->error);
+}
+
+ClipWriter::ClipWriter(const std::string& path, const ClipFormat& format)
+    : state_(std::make_unique<State>(path)) {
+  State& state = *state_;
+  state.Check(avformat_alloc_output_context2(&state.context, nullptr, NameOf(format.container),
+                                             path.c_str()));
+  state.context->pb = state.file.Context();
+  // Times of decoding may lie in front of the beginning: those of presentation do not.
+  state.context->avoid_negative_ts = AVFMT_AVOID_NEG_TS_DISABLED;
+  state.AddVideo(format);
+  if (format.audio) {
+    state.AddAudio(*format.audio);
+  }
+  av_dict_set(&state.context->metadata, "creation_time", UtcTime(format.begin).c_str(), 0);
+  AVDictionary* muxing = nullptr;
+  av_dict_set(&muxing, "write_crc32", "0", 0);  // Matroska's, which would take half of the time
+  const int written = avformat_write_header(state.context, &muxing);
+  av_dict_free(&muxing);
+  state.Check(written);
+}
+
+ClipWriter::~ClipWriter() = default;
+
+void ClipWriter::WriteVideo(std::span<std::uint8_t> frame, const PictureTimes& times, bool key) {
+  State& state = *state_;
+  const std::span<const std::uint8_t> written =
+      state.lengths ? LengthsForStartCodes(frame, state.scratch) : frame;
+  if (written.empty()) {
+    return;  // nothing of it is H.264
+  }
+  state.begin = state.begin < 0 ? times.presentation : state.begin;
+  AVStream& stream = *state.video;
+  const auto units = [&](std::int64_t time) {
+    return av_rescale_q(time, kMicroseconds, stream.time_base);
+  };
+  // Matroska counts milliseconds: pictures closer than that must still follow each other.
+  State::Times at;
+  at.decoding = state.lastVideo
+                    ? std::max(units(times.decoding - state.begin), *state.lastVideo + 1)
+                    : units(times.decoding - state.begin);
+  at.presentation = std::max(units(times.presentation - state.begin), at.decoding);
+  at.duration = units(times.interval);
+  state.lastVideo = at.decoding;
+  state.end = std::max(state.end, times.presentation - state.begin + times.interval);
+  state.Write(stream, written, at, key || stream.codecpar->codec_id == AV_CODEC_ID_MJPEG);
+}
+
+void ClipWriter::WriteAudio(std::span<const std::uint8_t> block, std::int64_t time) {
+  State& state = *state_;
+  const int rate = state.audio->codecpar->sample_rate;
+  const std::int64_t arrived = av_rescale(time - state.begin, rate, kMicroseconds.den);
+  // Blocks follow each other without a seam, unless they stayed away.
+  const std::int64_t tolerance = rate / 2;
+  if (state.samples < 0 || arrived > state.samples + tolerance) {
+    state.samples = std::max(state.samples, arrived);
+  }
+  AVStream& stream = *state.audio;
+  const std::int64_t count = static_cast<std::int64_t>(block.size()) / state.sampleBytes;
+  const AVRational clock{1, rate};
+  const std::int64_t at = av_rescale_q(state.samples, clock, stream.time_base);
+  state.Write(stream, block, {at, at, av_rescale_q(count, clock, stream.time_base)}, true);
+  state.samples += count;
+}
+
+void ClipWriter::Finish() {
+  State& state = *state_;
+  state.Check(av_write_trailer(state.context));
+  state.file.Keep();
+}
+
+double ClipWriter::Duration() const {
+  return static_cast<double>(state_->end) / kMicroseconds.den;
+}
+
+}  // namespace tools

@@ -1,0 +1,49 @@
+#include "tools/data/day_folder.h"
+
+#include <stdexcept>
+
+#include "cms/recording/recording_names.h"
+#include "cms/runtime/clock.h"
+#include "cms/runtime/native_path.h"
+#include "cms/runtime/wide_text.h"
+#include "tools/data/recording_folders.h"
+
+namespace tools {
+namespace {
+
+constexpr std::size_t kDayLength = 8;
+
+std::wstring Today() {
+  return cms::RecordingStamp(cms::WallSeconds()).substr(0, kDayLength);
+}
+
+}  // namespace
+
+DayFolder::DayFolder(LiveSite& live, const LiveOptions& options, int fileSizeMiB)
+    : client_(live.Client()), number_(options.number + 1), day_(Today()) {
+  stRecordParam param;
+  Path().copy(param.path, std::size(param.path) - 1);
+  param.fileSizeMiB = fileSizeMiB;
+  client_.SetRecordParam(param);
+  if (const auto url = cms::ParseCameraUrl(options.url)) {
+    client_.SetRecordDevice(cms::WideFromUtf8(url->host).c_str(),
+                            (L"Site " + std::to_wstring(number_)).c_str(), url->port);
+  }
+}
+
+std::wstring DayFolder::Path() const {
+  return std::wstring(kRecordings) + L"\\" + day_ + L"\\Rec_Site" + std::to_wstring(number_) + L"_";
+}
+
+void DayFolder::Follow() {
+  if (const std::wstring day = Today(); day != day_) {
+    day_ = day;
+    client_.ChangeRecordPath(Path().c_str());
+  }
+}
+
+void DayFolder::Refuse() const {
+  throw std::runtime_error("cannot record into " + client_.GetStartRecordError());
+}
+
+}  // namespace tools

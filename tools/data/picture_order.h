@@ -1,0 +1,34 @@
+// PictureOrder: where encoded pictures stand in the order of presentation, which is not that of
+// decoding when a camera uses B-frames.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <span>
+
+#include "tools/data/clip_writer.h"
+
+namespace tools {
+
+// H.264 and MPEG-4. One thread at a time.
+class PictureOrder {
+ public:
+  explicit PictureOrder(ClipVideo video);
+  ~PictureOrder();
+  PictureOrder(const PictureOrder&) = delete;
+  PictureOrder& operator=(const PictureOrder&) = delete;
+
+  // A number that grows in the order of presentation, also from key frame to key frame. Pictures
+  // are given in the order of decoding, with ClipPadding() readable bytes behind them; only the
+  // headers are read.
+  std::int64_t Of(std::span<const std::uint8_t> picture, bool key);
+
+ private:
+  struct State;
+  std::unique_ptr<State> state_;
+};
+
+// How many pictures come in front of one that is shown before them, at most. Numbers as above.
+int ReorderingOf(std::span<const std::int64_t> numbers);
+
+}  // namespace tools

@@ -1,0 +1,248 @@
+#include "tools/support/live_site.h"
+
+#include <cmath>
+#include <cstdio>
+#include <stdexcept>
+#include <utility>
+
+#include "cms/streaming/rtsp_client.h"
+#include "cms/streaming/rtsp_url.h"
+#include "tools/support/camera_url.h"
+#include "tools/support/mjpeg_http_client.h"
+#include "tools/support/picture_file.h"
+
+namespace tools {
+namespace {
+
+std::string WithoutPassword(const cms::CameraUrl& url, const std::string& user) {
+  if (user.empty()) {
+    return url.plain;
+  }
+  const std::string scheme = url.scheme + "://";
+  return scheme + user + "@" + url.plain.substr(scheme.size());
+}
+
+}  // namespace
+
+std::string WhyNothingArrived(const ConnectionStatus& status) {
+  return status.fault == ConnectionFault::kNone
+             ? "no frame arrived"
+             : std::string(ConnectionFaultName(status.fault)) + ": " + status.detail;
+}
+
+LiveSite::LiveSite(const LiveOptions& options) : options_(options) {
+  const cms::CameraUrl url = ReadCameraUrl(options.url, {"rtsp", "http"},
+                                           "rtsp://[user:password@]host[:port]/path or http://...");
+  const std::string user = url.user.empty() ? options.user : url.user;
+  const std::string password = url.user.empty() ? options.password : url.password;
+  shownUrl_ = WithoutPassword(url, user);
+  client_ = MakeClient(url, user, password);
+  client_->SetThreadedDecode(true);
+  const tagSIZE size{options.width, options.height};
+  client_->SetDecoder(0, DECODER_PARAMETER_DISPLAY_SIZE, &size);
+  if (options.decode) {
+    SetDecoding(true);
+  }
+  if (options.listen) {
+    Listen();
+  }
+}
+
+// The format is a first guess: the client tells the player what the camera really sends.
+void LiveSite::Listen() {
+  player_ = std::make_unique<CCMSAudioPlayer>(tCMSAudioPlayerConfig{}, options_.listenDevice);
+  if (!player_->Start()) {
+    throw std::runtime_error(player_->GetStatus().error +
+                             " (orvanta audio devices lists what there is)");
+  }
+  client_->SetAudioPlayer(player_.get());
+  client_->EnableAudio(0);
+  client_->SetAudioOn(0);
+}
+
+std::unique_ptr<CMSClientBase> LiveSite::MakeClient(const cms::CameraUrl& url,
+                                                    const std::string& user,
+                                                    const std::string& password) const {
+  if (url.scheme == "http") {
+    auto client = std::make_unique<MjpegHttpClient>();
+    client->Configure(url, user, password, options_.number);
+    return client;
+  }
+  stRTSPClientConfig config;
+  config.path = url.plain;
+  config.user = user;
+  config.password = password;
+  config.siteNumber = options_.number;
+  config.transport = options_.interleaved ? kRtspTransportInterleaved : kRtspTransportUdp;
+  config.ignoreDelimiters = true;
+  auto client = std::make_unique<CMSRTSPClient>();
+  client->AllocChannelData(1);
+  if (client->SetConfig(&config) == 0) {
+    throw std::runtime_error(client->GetConnectionStatus().detail);
+  }
+  return client;
+}
+
+LiveSite::~LiveSite() {
+  Close();
+}
+
+void LiveSite::Open() {
+  opened_ = Clock::now();
+  lastLine_ = opened_;
+  client_->KeepOpen();
+}
+
+void LiveSite::Close() {
+  client_->StopPlay();
+  client_->CloseStream();
+}
+
+CMSFrameData LiveSite::Totals() const {
+  CMSFrameData totals;
+  client_->GetFrameData(&totals, sizeof totals);
+  return totals;
+}
+
+std::string LiveSite::StatusLine() {
+  const CMSFrameData totals = Totals();
+  const ConnectionStatus status = Status();
+  const auto now = Clock::now();
+  const std::chrono::duration<double> elapsed = now - std::exchange(lastLine_, now);
+  const CMSFrameData last = std::exchange(lastTotals_, totals);
+  char text[512];
+  if (status.state != ConnectionState::kPlaying) {
+    const bool waiting = status.state == ConnectionState::kWaiting;
+    std::snprintf(text, sizeof text, "#%d %s  %s%s%s", options_.number + 1, shownUrl_.c_str(),
+                  waiting ? "waiting to try again: " : ConnectionStateName(status.state),
+                  waiting ? ConnectionFaultName(status.fault) : "",
+                  (status.detail.empty() ? "" : ": " + status.detail).c_str());
+    return text;
+  }
+  unsigned decoded = 0;
+  unsigned notDecoded = 0;
+  unsigned errors = 0;
+  client_->GetDecodeStatus(0, &decoded, &notDecoded, &errors);
+  const double seconds = SecondsDelivering();
+  const auto frames = static_cast<double>(totals.videoFrames);
+  std::snprintf(text, sizeof text,
+                "#%d %s  %5.1f fps (average %5.1f)  %6.0f kbit/s  lost %llu  decoded %u  "
+                "dropped %llu",
+                options_.number + 1, shownUrl_.c_str(),
+                static_cast<double>(totals.videoFrames - last.videoFrames) / elapsed.count(),
+                seconds > 0 && frames > 0 ? frames / seconds : 0.0,
+                static_cast<double>(totals.bytes - last.bytes) * 8 / 1000 / elapsed.count(),
+                static_cast<unsigned long long>(totals.lostPackets), decoded,
+                static_cast<unsigned long long>(totals.oversizeFrames +
+                                                (options_.decode ? notDecoded + errors : 0)));
+  return text;
+}
+
+// Since the first frame, pauses of a lost camera included.
+double LiveSite::SecondsDelivering() const {
+  const std::chrono::duration<double> open = Clock::now() - opened_;
+  return open.count() - Totals().firstFrameMs / 1000.0;
+}
+
+std::string LiveSite::Codec() const {
+  constexpr const char* kNames[] = {"", "H264", "JPEG", "MP4V-ES"};
+  const int type = client_->GetVideoType(0);
+  return type >= 0 && type <= 3 ? kNames[type] : "";
+}
+
+std::string LiveSite::AudioCodec() const {
+  const auto* const rtsp = dynamic_cast<const CMSRTSPClient*>(client_.get());
+  return rtsp != nullptr ? rtsp->GetAudioEncoding() : "";
+}
+
+nlohmann::ordered_json LiveSite::Json() const {
+  const CMSFrameData totals = Totals();
+  unsigned width = 0;
+  unsigned height = 0;
+  unsigned decoded = 0;
+  unsigned notDecoded = 0;
+  unsigned errors = 0;
+  client_->GetWidthAndHeight(0, &width, &height);
+  client_->GetDecodeStatus(0, &decoded, &notDecoded, &errors);
+  const double seconds = SecondsDelivering();
+  const auto perSecond = [seconds](double count) {
+    return seconds > 0 ? std::round(count / seconds * 100) / 100 : 0.0;
+  };
+  return {{"url", shownUrl_},
+          {"codec", Codec()},
+          {"width", width},
+          {"height", height},
+          {"frames", totals.videoFrames},
+          {"key_frames", totals.keyFrames},
+          {"bytes", totals.bytes},
+          {"decoded", decoded},
+          {"not_decoded", options_.decode ? notDecoded : totals.videoFrames},
+          {"decode_errors", errors},
+          {"lost_packets", totals.lostPackets},
+          {"audio_frames", totals.audioFrames},
+          {"audio_codec", AudioCodec()},
+          {"fps", perSecond(static_cast<double>(totals.videoFrames))},
+          {"kbps", perSecond(static_cast<double>(totals.bytes) * 8 / 1000)},
+          {"open_ms", totals.openMs},
+          {"first_frame_ms", totals.firstFrameMs},
+          {"first_picture_ms", totals.firstPictureMs},
+          {"oversize_frames", totals.oversizeFrames},
+          {"reconnects", Status().reconnects}};
+}
+
+nlohmann::ordered_json LiveSite::StatusJson() {
+  const ConnectionStatus status = Status();
+  const bool playing = status.state == ConnectionState::kPlaying;
+  nlohmann::ordered_json told = Json();
+  told["state"] = ConnectionStateName(status.state);
+  told["fault"] = playing || status.fault == ConnectionFault::kNone
+                      ? ""
+                      : std::string(ConnectionFaultName(status.fault));
+  told["detail"] = playing ? "" : status.detail;
+  const CMSFrameData totals = Totals();
+  told["recent_fps"] = totals.fps;
+  told["recent_kbps"] = totals.kbps;
+  return told;
+}
+
+void LiveSite::SetDecoding(bool decode) {
+  if (decode) {
+    client_->EnableDecode(0, 0);
+  } else {
+    client_->DisableDecode(0);
+  }
+  client_->SetMustDecode(decode ? 1 : 0);
+}
+
+unsigned LiveSite::DecodedPictures() const {
+  unsigned decoded = 0;
+  client_->GetDecodeStatus(0, &decoded, nullptr, nullptr);
+  return decoded;
+}
+
+bool LiveSite::WithPicture(const std::function<void(const unsigned char*, const tagSIZE&)>& use) {
+  // The unlocking is owed for no picture as well.
+  struct Unlock {
+    CMSClientBase& client;
+    ~Unlock() { client.unlockDecodedImage(0); }
+  };
+  tagSIZE size{};
+  const unsigned char* const picture = client_->lockDecodedImage(0, &size);
+  const Unlock unlock{*client_};
+  if (picture != nullptr) {
+    use(picture, size);
+  }
+  return picture != nullptr;
+}
+
+void LiveSite::WriteSnapshot(const std::string& path) {
+  if (!WithPicture([&](const unsigned char* picture, const tagSIZE& size) {
+        WritePng(path, picture, size.cx, size.cy);
+      })) {
+    throw std::runtime_error((Codec() == "MP4V-ES" ? "MPEG-4 video is received but not decoded"
+                                                   : "no picture was decoded") +
+                             std::string(", so ") + path + " was not written");
+  }
+}
+
+}  // namespace tools
