@@ -28,3 +28,11 @@ class CMS_API CCMSAudioCapture final : public cms::AudioCapture {
   class Impl;
   std::unique_ptr<Impl> impl_;
 };
+
+namespace cms {
+
+// A microphone of the device that the configuration counts; nullptr when either cannot be used.
+CMS_API std::unique_ptr<AudioCapture> MakeAudioCapture(const tCMSAudioPlayerConfig& config,
+                                                       AudioCapture::OnBlock onBlock);
+
+}  // namespace cms

@@ -61,3 +61,10 @@ class CMS_API CCMSAudioPlayer final : public cms::AudioPlayer {
   class Impl;
   std::unique_ptr<Impl> impl_;
 };
+
+namespace cms {
+
+// A player of the device that the configuration counts; nullptr when the configuration is unusable.
+CMS_API std::unique_ptr<AudioPlayer> MakeAudioPlayer(const tCMSAudioPlayerConfig& config);
+
+}  // namespace cms

@@ -1,108 +1,22 @@
 #include "cms/exports/audio_player_exports.h"
 
 #include <algorithm>
-#include <chrono>
-#include <condition_variable>
 #include <cstring>
 #include <memory>
-#include <stdexcept>
 #include <string>
-#include <vector>
 
 #include "cms/audio/audio_capture.h"
 #include "cms/audio/audio_player.h"
 #include "cms/audio/internal/alsa_device.h"
-#include "cms/runtime/critical.h"
-#include "cms/runtime/thread_annotations.h"
+#include "cms/audio/internal/microphone.h"
 
 namespace {
 
 using Direction = cms::AlsaDevice::Direction;
 
-// A microphone whose blocks wait for GetEncodeAudioData, in a ring.
-class Microphone {
- public:
-  Microphone(const tCMSAudioPlayerConfig& config, std::string device)
-      : config_(config),
-        device_(std::move(device)),
-        blockBytes_(CCMSAudioCapture::BlockBytes(config)),
-        ring_(kKept * blockBytes_) {}
-
-  bool Start() {
-    const ScopeLock life(lifeLock_);
-    if (!capture_) {
-      try {
-        capture_ = std::make_unique<CCMSAudioCapture>(
-            config_, [this](const unsigned char* block, int) { Keep(block); }, device_);
-      } catch (const std::runtime_error&) {
-        return false;
-      }
-    }
-    return true;
-  }
-
-  bool Stop() {
-    const ScopeLock life(lifeLock_);
-    const bool started = capture_ != nullptr;
-    capture_.reset();
-    const ScopeLock blocks(blocksLock_);
-    count_ = 0;
-    return started;
-  }
-
-  int Fetch(unsigned char* buffer, int size, unsigned timeoutMs) {
-    const auto end = Clock::now() + std::chrono::milliseconds(timeoutMs);
-    const ScopeLock blocks(blocksLock_);
-    while (count_ == 0) {
-      if (arrived_.wait_until(blocksLock_, end) == std::cv_status::timeout && count_ == 0) {
-        return 0;
-      }
-    }
-    if (size < 0 || static_cast<std::size_t>(size) < blockBytes_) {
-      return -1;
-    }
-    std::copy_n(Slot(first_), blockBytes_, buffer);
-    DropFirst();
-    return static_cast<int>(blockBytes_);
-  }
-
- private:
-  using Clock = std::chrono::steady_clock;
-  static constexpr std::size_t kKept = 100;  // blocks: two seconds
-
-  void Keep(const unsigned char* block) {
-    const ScopeLock blocks(blocksLock_);
-    if (count_ == kKept) {
-      DropFirst();
-    }
-    std::copy_n(block, blockBytes_, Slot((first_ + count_) % kKept));
-    ++count_;
-    arrived_.notify_one();
-  }
-
-  unsigned char* Slot(std::size_t number) CMS_REQUIRES(blocksLock_) {
-    return ring_.data() + number * blockBytes_;
-  }
-  void DropFirst() CMS_REQUIRES(blocksLock_) {
-    first_ = (first_ + 1) % kKept;
-    --count_;
-  }
-
-  const tCMSAudioPlayerConfig config_;
-  const std::string device_;
-  const std::size_t blockBytes_;
-  CMSCritical blocksLock_;
-  std::condition_variable_any arrived_;
-  std::vector<unsigned char> ring_ CMS_GUARDED_BY(blocksLock_);
-  std::size_t first_ CMS_GUARDED_BY(blocksLock_) = 0;
-  std::size_t count_ CMS_GUARDED_BY(blocksLock_) = 0;
-  CMSCritical lifeLock_;                                                 // goes before the other
-  std::unique_ptr<CCMSAudioCapture> capture_ CMS_GUARDED_BY(lifeLock_);  // calls Keep
-};
-
 struct Endpoint {
   std::unique_ptr<CCMSAudioPlayer> player;  // one of the two
-  std::unique_ptr<Microphone> microphone;
+  std::unique_ptr<cms::Microphone> microphone;
 };
 
 Endpoint* Of(CMSAudioPlayerHandle handle) {
@@ -134,7 +48,7 @@ CMSAudioPlayerHandle CreateCMSAudioPlayer(const tCMSAudioPlayerConfig* config, i
   if (kind == kCMSAudioOutput && CCMSAudioPlayer::IsUsable(*config)) {
     endpoint->player = std::make_unique<CCMSAudioPlayer>(*config, name);
   } else if (kind == kCMSAudioInput && CCMSAudioCapture::IsUsable(*config)) {
-    endpoint->microphone = std::make_unique<Microphone>(*config, name);
+    endpoint->microphone = std::make_unique<cms::Microphone>(*config, name);
   } else {
     return nullptr;
   }

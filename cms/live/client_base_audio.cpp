@@ -1,6 +1,7 @@
 // The sound of a site: what it sends goes to a player, what a microphone hears goes to it.
 #include <cstdint>
 
+#include "cms/audio/audio_capture.h"
 #include "cms/live/client_base.h"
 
 namespace {

@@ -7,6 +7,7 @@
 #include <new>
 #include <system_error>
 
+#include "cms/audio/audio_player.h"
 #include "cms/net/tcp_client.h"
 #include "cms/streaming/internal/group_allocator.h"
 

@@ -1,9 +1,8 @@
-// What the live pipeline knows of sound: something that plays blocks, something that captures them.
+// Sound as a stream of blocks: something that plays them, something that captures them.
 #pragma once
 
 #include <cstdint>
 #include <functional>
-#include <memory>
 
 #include "cms/live/media/codec_id.h"
 #include "cms/runtime/api.h"
@@ -45,11 +44,5 @@ class CMS_API AudioCapture {
 
   virtual ~AudioCapture() = default;
 };
-
-// Made by the audio subsystem, which the live pipeline is below of. nullptr for a configuration or
-// a device that cannot be used.
-CMS_API std::unique_ptr<AudioPlayer> MakeAudioPlayer(const tCMSAudioPlayerConfig& config);
-CMS_API std::unique_ptr<AudioCapture> MakeAudioCapture(const tCMSAudioPlayerConfig& config,
-                                                       AudioCapture::OnBlock onBlock);
 
 }  // namespace cms

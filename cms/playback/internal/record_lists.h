@@ -39,8 +39,8 @@ struct RecordQuery {
 // 1. A list that was asked for twice and did not change is watched, where the kernel sees all that
 //    could change it. Until it tells of a change, nobody asks.
 // 2. A watch is on a file, whatever leads to it. So the folder of a list must be the one that it
-// was
-//    when the watch was added: once what holds the folders has changed, their watches are removed.
+//    was when the watch was added: once what holds the folders has changed, their watches are
+//    removed.
 // 3. Any other list is asked for its stamp.
 class RecordLists {
  public:

@@ -27,8 +27,7 @@ enum class DatabaseAccess {
 // 2. Appending and changing in place write the one record and nothing else. An append that fails is
 //    taken back, so the records before it stay as they were.
 // 3. Removing records writes a new file beside the old one ("<name>.tmp"), makes it durable and
-// puts
-//    it in the old one's place in one step. A failure leaves the old file.
+//    puts it in the old one's place in one step. A failure leaves the old file.
 // 4. Processes that change a file take turns by an exclusive advisory lock on it. A lock that
 //    somebody keeps for longer than about two seconds is no longer respected by appends and changes
 //    in place, so that recording goes on; removing records is refused then. Readers never wait:
