@@ -106,23 +106,30 @@ TEST(HttpCommand, HeadersAreAddedOnceAndAProxyOfTheEnvironmentIsNotUsed) {
 }
 
 TEST(HttpCommand, AServerThatWantsDigestCredentialsGetsThem) {
-  ScriptedHttpServer server([](const HttpRequestText& request) {
-    const std::string credentials = request.Header("Authorization");
-    const std::string expected =
-        cms::Md5Hex(cms::Md5Hex("admin:cam:secret") + ":n1:" + cms::Md5Hex("POST:/x?a=1,2&b=%20"));
-    return credentials.find("response=\"" + expected + "\"") != std::string::npos
-               ? ScriptedHttpServer::Ok(request.body)
-               : "HTTP/1.1 401 Unauthorized\r\n"
-                 "www-authenticate: digest realm=\"cam\", nonce=\"n1\"\r\n\r\n";
-  });
-  Exchange exchange(server.Port());
-  exchange.param.verb = kHttpVerbPost;
-  exchange.param.body = L"b\u00e4";
-  exchange.param.headers = L"Content-Length: 3\r\n";
-  EXPECT_EQ(exchange.Run(), kHttpCommandOk) << exchange.utility.LastError();
-  EXPECT_EQ(exchange.Answer(), "b\u00e4");
-  exchange.param.password = L"wrong";
-  EXPECT_EQ(exchange.Run(), kHttpCommandUnauthorized);
+  for (const std::string challenge :
+       {"www-authenticate: digest realm=\"cam\", nonce=\"n1\"",
+        "WWW-Authenticate:Digest nonce=\"n1\", realm=\"cam\"",
+        "WWW-Authenticate: Basic realm=\"cam\", Digest realm=\"cam\", nonce=\"n1\"",
+        "WWW-Authenticate: Basic realm=\"cam\"\r\n"
+        "WWW-Authenticate: Digest realm=\"cam\", nonce=\"n1\""}) {
+    SCOPED_TRACE(challenge);
+    ScriptedHttpServer server([&](const HttpRequestText& request) {
+      const std::string credentials = request.Header("Authorization");
+      const std::string expected = cms::Md5Hex(cms::Md5Hex("admin:cam:secret") +
+                                               ":n1:" + cms::Md5Hex("POST:/x?a=1,2&b=%20"));
+      return credentials.find("response=\"" + expected + "\"") != std::string::npos
+                 ? ScriptedHttpServer::Ok(request.body)
+                 : "HTTP/1.1 401 Unauthorized\r\n" + challenge + "\r\n\r\n";
+    });
+    Exchange exchange(server.Port());
+    exchange.param.verb = kHttpVerbPost;
+    exchange.param.body = L"b\u00e4";
+    exchange.param.headers = L"Content-Length: 3\r\n";
+    EXPECT_EQ(exchange.Run(), kHttpCommandOk) << exchange.utility.LastError();
+    EXPECT_EQ(exchange.Answer(), "b\u00e4");
+    exchange.param.password = L"wrong";
+    EXPECT_EQ(exchange.Run(), kHttpCommandUnauthorized);
+  }
 }
 
 TEST(HttpCommand, ANonceThatIsStaleEachTimeEndsTheExchange) {

@@ -81,6 +81,26 @@ bool IsRequestTarget(std::string_view path) {
          });
 }
 
+// Whether the header line offers Digest, by itself or as one of several schemes: "Basic realm=x,
+// Digest realm=y" (RFC 9110, section 11.6.1).
+bool IsDigestChallenge(std::string_view line) {
+  constexpr std::string_view kName = "WWW-Authenticate:";
+  constexpr std::string_view kScheme = "Digest";
+  if (!EqualAnyCase(line.substr(0, kName.size()), kName)) {
+    return false;
+  }
+  line.remove_prefix(kName.size());
+  while (!line.empty()) {
+    line.remove_prefix(std::min(line.find_first_not_of(" \t,"), line.size()));
+    if (EqualAnyCase(line.substr(0, kScheme.size()), kScheme) &&
+        line.substr(kScheme.size()).starts_with(' ')) {
+      return true;
+    }
+    line.remove_prefix(std::min(line.find(','), line.size()));
+  }
+  return false;
+}
+
 // "http://host:port", empty for an address or a port that is none.
 std::string Origin(const _SEND_HTTP_COMMAND_PARAM& param) {
   const std::unique_ptr<CURLU, FreeUrl> url(curl_url());
@@ -212,8 +232,7 @@ bool Attempt::OnHeader(std::string_view line) {
     header_.clear();
     headerEnded_ = false;
   }
-  constexpr std::string_view kChallenge = "WWW-Authenticate: Digest";
-  digestWanted_ = digestWanted_ || EqualAnyCase(line.substr(0, kChallenge.size()), kChallenge);
+  digestWanted_ = digestWanted_ || IsDigestChallenge(line);
   header_ += line;
   // After an interim answer the wait for the final one goes on: its limit does not begin anew.
   headerEnded_ = headerEnded_ || ((line == "\r\n" || line == "\n") && StatusCode() >= kOk);
