@@ -1,6 +1,7 @@
 # `cpack -G DEB` makes three Debian packages: the library, what is needed to build with it, and the
 # command line. packaging/build_packages.sh does it from a clean tree for /usr.
-set(runtime_package liborvanta-cms${PROJECT_VERSION_MAJOR})
+set(soversion ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR})
+set(runtime_package liborvanta-cms${soversion})
 set(development_package liborvanta-cms-dev)
 set(tools_package orvanta-cms-tools)
 
@@ -29,13 +30,10 @@ playback, camera configuration, embedded HTTP and TCP servers.
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${runtime_package})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "${about}This package has the shared library.")
-# Before 1.0 every minor version may change the interface, so packages that are built with this one
-# depend on its like.
-math(EXPR next_minor "${PROJECT_VERSION_MINOR} + 1")
+# The soname holds for one minor version.
 set(control_files ${PROJECT_BINARY_DIR}/package_control)
 file(CONFIGURE OUTPUT ${control_files}/shlibs NEWLINE_STYLE UNIX CONTENT
-     "liborvanta-cms ${PROJECT_VERSION_MAJOR} ${runtime_package} (>= ${PROJECT_VERSION}), \
-${runtime_package} (<< ${PROJECT_VERSION_MAJOR}.${next_minor})\n")
+     "liborvanta-cms ${soversion} ${runtime_package} (>= ${PROJECT_VERSION})\n")
 file(CONFIGURE OUTPUT ${control_files}/triggers NEWLINE_STYLE UNIX CONTENT
      "activate-noawait ldconfig\n")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${control_files}/shlibs ${control_files}/triggers)

@@ -41,7 +41,7 @@ say() { printf '== %s\n' "$*"; }
 quietly() { "$@" >/log 2>&1 || { tail -n 30 /log; exit 1; }; }
 
 say "the library alone"
-quietly apt-get -y --no-install-recommends install /packages/liborvanta-cms0_*.deb
+quietly apt-get -y --no-install-recommends install /packages/liborvanta-cms0.1_*.deb
 ! command -v c++ >/dev/null
 say "the command line"
 quietly apt-get -y --no-install-recommends install /packages/orvanta-cms-tools_*.deb
@@ -68,7 +68,7 @@ quietly cmake -S . -B build
 quietly cmake --build build
 build/by_cmake
 say "and away"
-quietly apt-get -y purge liborvanta-cms0 liborvanta-cms-dev orvanta-cms-tools
+quietly apt-get -y purge liborvanta-cms0.1 liborvanta-cms-dev orvanta-cms-tools
 left=$(find /usr /etc -iname '*orvanta*')
 [[ -z $left ]] || { echo "left behind: $left"; exit 1; }
 say "all as expected"

@@ -16,11 +16,11 @@ fail() {
 mapfile -t made < <(cd "$work" && printf '%s\n' *.deb)
 architecture=$(dpkg --print-architecture)
 version=$(sed -n 's/^orvanta-cms (\(.*\)) .*/\1/p;q' "$(dirname "${BASH_SOURCE[0]}")/../../packaging/changelog")
-[[ ${made[*]} == "liborvanta-cms-dev_${version}_$architecture.deb liborvanta-cms0_${version}_$architecture.deb orvanta-cms-tools_${version}_$architecture.deb" ]] ||
+[[ ${made[*]} == "liborvanta-cms-dev_${version}_$architecture.deb liborvanta-cms0.1_${version}_$architecture.deb orvanta-cms-tools_${version}_$architecture.deb" ]] ||
   fail "made ${made[*]}, the changelog says $version"
 
 field() { dpkg-deb --field "$work/$1_${version}_$architecture.deb" "$2"; }
-for package in liborvanta-cms0 liborvanta-cms-dev orvanta-cms-tools; do
+for package in liborvanta-cms0.1 liborvanta-cms-dev orvanta-cms-tools; do
   dpkg-deb --extract "$work/${package}_${version}_$architecture.deb" "$work/$package"
   (cd "$work/$package" && find . ! -type d | sort) >"$work/$package.files"
   documents=$work/$package/usr/share/doc/$package
@@ -30,26 +30,26 @@ done
 
 echo "== dependencies"
 for needed in libc6 libavcodec libavutil libswscale libssl; do
-  [[ ", $(field liborvanta-cms0 Depends)" == *", $needed"* ]] || fail "the library's package does not depend on $needed"
+  [[ ", $(field liborvanta-cms0.1 Depends)" == *", $needed"* ]] || fail "the library's package does not depend on $needed"
 done
-[[ $(field liborvanta-cms-dev Depends) == "liborvanta-cms0 (= $version)" ]] || fail "the development package's dependencies"
-for needed in "liborvanta-cms0 (= $version)" libgstrtspserver-1.0-0 libpng16 libsndfile1; do
+[[ $(field liborvanta-cms-dev Depends) == "liborvanta-cms0.1 (= $version)" ]] || fail "the development package's dependencies"
+for needed in "liborvanta-cms0.1 (= $version)" libgstrtspserver-1.0-0 libpng16 libsndfile1; do
   [[ ", $(field orvanta-cms-tools Depends)" == *", $needed"* ]] || fail "the tools do not depend on $needed"
 done
 dpkg-deb --control "$work/${made[1]}" "$work/control"
-grep -qx "liborvanta-cms 0 liborvanta-cms0 (>= .*), liborvanta-cms0 (<< .*)" "$work/control/shlibs" ||
+grep -qx "liborvanta-cms 0.1 liborvanta-cms0.1 (>= .*)" "$work/control/shlibs" ||
   fail "the library's package does not say which library it has"
 grep -qx 'activate-noawait ldconfig' "$work/control/triggers" || fail "nobody calls ldconfig"
 
 echo "== contents"
-grep -vE '^\./usr/(lib/([^/]+/)?liborvanta-cms\.so\.0(\.[0-9.]+)?|share/doc/liborvanta-cms0/.*)$' "$work/liborvanta-cms0.files" &&
+grep -vE '^\./usr/(lib/([^/]+/)?liborvanta-cms\.so\.0(\.[0-9.]+)?|share/doc/liborvanta-cms0.1/.*)$' "$work/liborvanta-cms0.1.files" &&
   fail "the files above are in the library's package"
 for wanted in include/cms/cms.h 'lib/.*liborvanta-cms\.so' 'lib/.*orvanta-cms-config\.cmake' 'lib/.*orvanta-cms\.pc' \
   'share/doc/.*/examples/live_client\.cpp' 'share/doc/.*/docs/rtsp\.md'; do
   grep -qxE "\./usr/$wanted" "$work/liborvanta-cms-dev.files" || fail "no $wanted in the development package"
 done
 grep -E '/internal/|\.cpp$' "$work/liborvanta-cms-dev.files" | grep -v /examples/ && fail "the files above are for nobody"
-for binary in "$work"/liborvanta-cms0/usr/lib/**/liborvanta-cms.so.0.*.* "$work/orvanta-cms-tools/usr/bin/orvanta"; do
+for binary in "$work"/liborvanta-cms0.1/usr/lib/**/liborvanta-cms.so.0.*.* "$work/orvanta-cms-tools/usr/bin/orvanta"; do
   [[ -f $binary ]] || continue
   readelf -S "$binary" | grep '\.debug_info' >/dev/null && fail "$binary carries debug information"
 done

@@ -19,6 +19,7 @@
 #include "tools/data/data_folder.h"
 #include "tools/data/recording_folders.h"
 #include "tools/support/record_site.h"
+#include "tools/support/status_lines.h"
 #include "tools/support/stop_signal.h"
 #include "tools/support/stream_options.h"
 #include "tools/support/time_text.h"
@@ -115,15 +116,15 @@ class Record {
     return false;
   }
 
-  void Report() const {
-    std::FILE* const out = arguments_.json ? stderr : stdout;
+  void Report() {
     if (arguments_.json && isatty(STDERR_FILENO) == 0) {
       return;
     }
+    std::vector<std::string> lines;
     for (const auto& site : sites_) {
-      std::fprintf(out, "%s\n", site->StatusLine().c_str());
+      lines.push_back(site->StatusLine());
     }
-    std::fflush(out);
+    lines_.Show(lines);
   }
 
   static void Print(const nlohmann::ordered_json& site) {
@@ -178,6 +179,7 @@ class Record {
   }
 
   const Arguments& arguments_;
+  StatusLines lines_{arguments_.json ? stderr : stdout};
   std::vector<std::unique_ptr<RecordSite>> sites_;
 };
 
