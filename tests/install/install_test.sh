@@ -24,7 +24,7 @@ if grep -rlF -e "$work/staging" -e "$build" "$lib/cmake" "$lib/pkgconfig"; then
   echo "the files above name a folder of the build"
   exit 1
 fi
-readelf -d "$lib/liborvanta-cms.so" | grep -q 'SONAME.*liborvanta-cms\.so\.[0-9]' ||
+readelf -d "$lib/liborvanta-cms.so" | grep 'SONAME.*liborvanta-cms\.so\.[0-9]' >/dev/null ||
   { echo "the library's name has no version"; exit 1; }
 
 echo "== every header compiles on its own"
