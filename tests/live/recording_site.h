@@ -40,7 +40,9 @@ class SiteRecordingTest : public testing::Test {
   }
   void Silence(int seconds) { site_.clock.Advance(seconds); }
 
-  static std::vector<cms::EventRow> EventRows() {  // those of the events that are over
+  // Those of the events that are over; the disk's thread is told of an end a moment behind it.
+  static std::vector<cms::EventRow> EventRows(std::size_t expected) {
+    WaitFor([&] { return cms::ReadEventList(0).rows.size() >= expected; });
     WaitForDisk();
     return cms::ReadEventList(0).rows;
   }

@@ -51,7 +51,7 @@ TEST_F(SiteRecording, EventsBeginWithTheirMarksAndEndAfterTheDuration) {
   Seconds(2);
   EXPECT_EQ(client_->IsRecording(), 0);
 
-  const auto events = EventRows();
+  const auto events = EventRows(2);
   ASSERT_EQ(events.size(), 2u);
   EXPECT_EQ(events[0].type, 1u);
   EXPECT_EQ(events[0].start, begin);
@@ -76,7 +76,7 @@ TEST_F(SiteRecording, AnEventOfASilentStreamEndsByTheClock) {
     Silence(1);
     return client_->IsRecording() == 0;
   }));
-  EXPECT_EQ(EventRows().size(), 1u);
+  EXPECT_EQ(EventRows(1).size(), 1u);
 }
 
 // Two events with a pre-alarm: every frame from the first group that is needed on is there once,
@@ -106,7 +106,7 @@ TEST_F(SiteRecording, ThePreAlarmIsOnDiskAndTheEventSaysHowMuch) {
   EXPECT_GE(Video({files[0]}).back().sequence, mark);
   EXPECT_GE(files[0].frames.size(), 2 * Video({files[0]}).size() - 3);  // the audio between them
 
-  const auto events = EventRows();
+  const auto events = EventRows(2);
   ASSERT_EQ(events.size(), 2u);
   EXPECT_EQ(events[0].start, begin);
   EXPECT_EQ(events[0].start - events[0].preAlarm, files[0].frames[0].seconds);
@@ -128,7 +128,7 @@ TEST_F(SiteRecording, WhatIsRecordedAnywayIsNotKeptTwice) {
   Seconds(1, kAlarm);
   client_->StopRecordAll();
   test::CheckSeams(site_.Files(), first);
-  const auto events = EventRows();
+  const auto events = EventRows(1);
   ASSERT_EQ(events.size(), 1u);
   EXPECT_EQ(events[0].preAlarm, 3u);  // since the recording began
   EXPECT_EQ(client_->GetRecordingStatus().frames, 80u);
@@ -143,7 +143,7 @@ TEST_F(SiteRecording, MemoryForThePreAlarmIsBounded) {
   const auto files = site_.Files();
   ASSERT_EQ(files.size(), 1u);
   EXPECT_LT(std::filesystem::file_size(site_.Rec() + "/" + files[0].name), 60'000u);
-  const auto events = EventRows();
+  const auto events = EventRows(1);
   ASSERT_EQ(events.size(), 1u);
   EXPECT_LT(events[0].preAlarm, 30u);
   EXPECT_EQ(events[0].start - events[0].preAlarm, files[0].frames[0].seconds);

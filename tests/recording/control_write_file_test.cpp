@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <future>
 #include <map>
 #include <memory>
 #include <random>
@@ -143,8 +144,12 @@ TEST(ControlWriteFile, StopDrainsAlsoWhatABlockedProducerOffers) {
     ASSERT_TRUE(Add(*queue, pipe.WriteEnd(), "x"));
     expected += 'x';
   }
-  std::thread producer([&] { EXPECT_TRUE(Add(*queue, pipe.WriteEnd(), "last", true)); });
-  std::this_thread::sleep_for(std::chrono::milliseconds(50));  // it waits for room by now
+  std::promise<int> begins;
+  std::thread producer([&] {
+    begins.set_value(gettid());
+    EXPECT_TRUE(Add(*queue, pipe.WriteEnd(), "last", true));
+  });
+  test::WaitUntilItWaits(begins.get_future().get());  // for room
   std::thread stopper([&] { queue->stop(); });
   const std::string got = pipe.ReadAll();  // ends with the close
   stopper.join();

@@ -38,7 +38,7 @@ TEST(RecorderThreads, StartsStopsChangesAndFlushesNeverTearAFile) {
       std::this_thread::yield();
     }
   });
-  for (int round = 0; round < 100; ++round) {
+  for (int round = 0; round < 100 || (recorded == 0 && round < 10'000); ++round) {
     for (int site = 0; site < kSites; ++site) {
       auto& recorder = recorders[site];
       recorder.StartScheNormalRecord(0);

@@ -1,7 +1,11 @@
 #include "tests/support/process_state.h"
 
+#include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <iterator>
+#include <string>
+#include <thread>
 
 namespace test {
 namespace {
@@ -18,6 +22,18 @@ std::size_t OpenDescriptors() {
 }
 std::size_t RunningThreads() {
   return Entries("/proc/self/task");
+}
+
+// Waiting time and again: a lock that is taken for a moment is no wait.
+void WaitUntilItWaits(int thread) {
+  for (int waiting = 0; waiting < 5;) {
+    std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
+    std::string text;
+    std::getline(file, text);
+    const std::size_t state = text.rfind(") ");
+    waiting = state != std::string::npos && text[state + 2] == 'S' ? waiting + 1 : 0;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
 }
 
 }  // namespace test

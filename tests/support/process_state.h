@@ -8,4 +8,7 @@ namespace test {
 std::size_t OpenDescriptors();
 std::size_t RunningThreads();
 
+// Until a thread of this process (gettid) has begun to wait for something.
+void WaitUntilItWaits(int thread);
+
 }  // namespace test
