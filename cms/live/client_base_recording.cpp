@@ -1,28 +1,15 @@
 // CMSClientBase: the recording half.
-#include <algorithm>
-
 #include "cms/live/client_base.h"
-#include "cms/recording/drv_format.h"
+#include "cms/live/media/frame.h"
 #include "cms/recording/site/internal/site_recording.h"
+#include "cms/runtime/clock.h"
 
 namespace {
 
-std::span<const std::uint8_t> BlockOf(const void* data, int size) {
-  return {static_cast<const std::uint8_t*>(data), static_cast<std::size_t>(std::max(size, 0))};
-}
-
 // The recorder's frames are whole headers with their payloads; anything else stays its to refuse.
-cms::PreAlarmBuffer::Frame FrameOf(const void* header, int headerSize, const void* data, int size) {
-  cms::PreAlarmBuffer::Frame frame;
-  frame.header = BlockOf(header, headerSize);
-  frame.payload = BlockOf(data, size);
-  if (frame.header.size() >= cms::kDrvHeaderSize) {
-    const cms::DrvHeader fields(frame.header.first<cms::kDrvHeaderSize>());
-    frame.key = fields.IsKeyFrame();
-    frame.audio = fields.IsAudio();
-    frame.seconds = fields.Seconds();
-  }
-  return frame;
+cms::FrameView ArrivedFrame(const void* header, int headerSize, const void* data, int size,
+                            unsigned channel) {
+  return cms::FrameOf(header, headerSize, data, size, channel, cms::TickMilliseconds() * 1000);
 }
 
 }  // namespace
@@ -33,8 +20,8 @@ void CMSClientBase::OnRecordVideoFrame(void* header, int headerSize, void* data,
   if (state == nullptr || channel >= cms::kChannels) {
     return;
   }
-  const auto frame = FrameOf(header, headerSize, data, size);
-  unsigned marks = recording_->OnVideo(frame, channel);
+  const auto frame = ArrivedFrame(header, headerSize, data, size, channel);
+  unsigned marks = recording_->OnVideo(frame);
   for (int kind = 0; marks != 0; ++kind, marks >>= 1u) {
     if ((marks & 1u) != 0) {
       state->SetLastEventTime(kind, frame.seconds);
@@ -45,7 +32,7 @@ void CMSClientBase::OnRecordVideoFrame(void* header, int headerSize, void* data,
 void CMSClientBase::OnRecordAudioFrame(void* header, int headerSize, void* data, int size,
                                        unsigned channel) {
   if (Channel(channel) != nullptr && channel < cms::kChannels) {
-    recording_->OnAudio(FrameOf(header, headerSize, data, size), channel);
+    recording_->OnAudio(ArrivedFrame(header, headerSize, data, size, channel));
   }
 }
 

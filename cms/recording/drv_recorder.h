@@ -6,6 +6,7 @@
 #include <span>
 #include <string>
 
+#include "cms/live/media/frame.h"
 #include "cms/recording/channel_set.h"
 #include "cms/recording/drv_writer.h"
 #include "cms/recording/record_param.h"
@@ -16,7 +17,7 @@ namespace FX {
 
 // Set the path and the limits with SetRecParam and the site with SetDevice, then start kinds.
 //
-// Threads: RecordVideoFrame and RecordAudioFrame on the receiving thread, Flush on the owner's
+// Threads: RecordFrame and its kin on the receiving thread, Flush on the owner's
 // clock, everything else on any. The records of events are stored by the disk thread, also while
 // somebody holds EventDBLock for long: behind that. Channels are 0 to 31; others throw
 // std::out_of_range.
@@ -88,7 +89,7 @@ class CMS_API FX_DRVRecorder : public CLFX::CLFXDRVWriter {
   bool GetDeviceEventStatus(unsigned channel);     // the record of an event is open
 
   // For every recorded video frame: widens the records of the channel's running events and of the
-  // file by the frame's time. RecordVideoFrame does it.
+  // file by the frame's time. RecordFrame does it.
   void SetRecordTime(std::int64_t time, unsigned channel);
 
   // The same for the events alone: a frame of theirs that is in no file.
@@ -104,17 +105,23 @@ class CMS_API FX_DRVRecorder : public CLFX::CLFXDRVWriter {
   void SetRecParam(const stRecordParam& param);
   stRecordParam GetRecParam() const;
 
-  // One frame as the streaming client hands it on: the header area, then the payload. Nothing
-  // happens unless a kind runs for the channel. The header is written with the device-event mark if
-  // asked for and with fresh check bytes; the caller's stays as it is. False when the frame was not
-  // recorded, also when its header contradicts the sizes.
+  enum class FrameUse {
+    kPlain,
+    kMarked,       // video: written with the device-event mark
+    kBeforeEvent,  // from before the event that just began, whose times stay as they are
+  };
+  // One frame as the streaming client hands it on. Nothing happens unless a kind runs for its
+  // channel. The header is written with fresh check bytes; the caller's stays as it is. The time of
+  // a video frame's arrival tells its place within its second; when it is not known, that of the
+  // call does. False when the frame was not recorded, also when its header contradicts the sizes.
+  bool RecordFrame(const cms::FrameView& frame, FrameUse use);
+
+  // The same for the header area and the payload by themselves.
   bool RecordVideoFrame(const void* header, int headerSize, const void* data, int size,
                         unsigned channel, bool markDeviceEvent = false);
   bool RecordAudioFrame(const void* header, int headerSize, const void* data, int size,
                         unsigned channel);
-  // A video frame from before the event that just began: the event's times stay as they are. The
-  // tick (cms::TickMilliseconds) at which it arrived tells its place within its second; 0: not
-  // known.
+  // The tick (cms::TickMilliseconds) is that of the arrival; 0: not known.
   bool RecordPreAlarmFrame(const void* header, int headerSize, const void* data, int size,
                            unsigned channel, std::uint64_t arrivalTick = 0);
 
@@ -145,9 +152,6 @@ class CMS_API FX_DRVRecorder : public CLFX::CLFXDRVWriter {
   void StoreEvent(Kind kind, unsigned channel) CMS_REQUIRES(starting_);
   bool AnyRuns() const;
   unsigned RunningKinds(unsigned channel) const;  // a bit for each
-  enum class FrameUse { kPlain, kMarked, kBeforeEvent };
-  bool RecordFrame(std::span<const std::uint8_t> header, std::span<const std::uint8_t> payload,
-                   unsigned channel, FrameUse use, std::uint64_t arrivalTick);
   bool RecordAudioBlocks(std::span<const std::span<const std::uint8_t>> blocks,
                          std::uint32_t seconds) CMS_REQUIRES(lock_);
   Shown& ShownOf(unsigned channel) CMS_REQUIRES(lock_);

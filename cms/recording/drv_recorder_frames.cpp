@@ -4,107 +4,90 @@
 
 #include "cms/live/media/frame_header.h"
 #include "cms/recording/drv_recorder.h"
-#include "cms/recording/event_marks.h"
 #include "cms/recording/internal/picture_format.h"
 #include "cms/runtime/clock.h"
 
 namespace FX {
-namespace {
-
-std::span<const std::uint8_t> BlockOf(const void* data, int size) {
-  return {static_cast<const std::uint8_t*>(data), static_cast<std::size_t>(std::max(size, 0))};
-}
-
-}  // namespace
 
 bool FX_DRVRecorder::RecordVideoFrame(const void* header, int headerSize, const void* data,
                                       int size, unsigned channel, bool markDeviceEvent) {
-  return RecordFrame(BlockOf(header, headerSize), BlockOf(data, size), channel,
-                     markDeviceEvent ? FrameUse::kMarked : FrameUse::kPlain, 0);
+  return RecordFrame(cms::FrameOf(header, headerSize, data, size, channel, 0),
+                     markDeviceEvent ? FrameUse::kMarked : FrameUse::kPlain);
 }
 
 bool FX_DRVRecorder::RecordAudioFrame(const void* header, int headerSize, const void* data,
                                       int size, unsigned channel) {
-  return RecordFrame(BlockOf(header, headerSize), BlockOf(data, size), channel, FrameUse::kPlain,
-                     0);
+  return RecordFrame(cms::FrameOf(header, headerSize, data, size, channel, 0), FrameUse::kPlain);
 }
 
 bool FX_DRVRecorder::RecordPreAlarmFrame(const void* header, int headerSize, const void* data,
                                          int size, unsigned channel, std::uint64_t arrivalTick) {
-  return RecordFrame(BlockOf(header, headerSize), BlockOf(data, size), channel,
-                     FrameUse::kBeforeEvent, arrivalTick);
+  return RecordFrame(cms::FrameOf(header, headerSize, data, size, channel, arrivalTick * 1000),
+                     FrameUse::kBeforeEvent);
 }
 
-bool FX_DRVRecorder::RecordFrame(std::span<const std::uint8_t> area,
-                                 std::span<const std::uint8_t> payload, unsigned channel,
-                                 FrameUse use, std::uint64_t arrivalTick) {
-  cms::ChannelSet::Check(channel);
+bool FX_DRVRecorder::RecordFrame(const cms::FrameView& frame, FrameUse use) {
+  cms::ChannelSet::Check(frame.channel);
   // Stopping clears the running bit before it closes the files under this lock: no frame opens them
   // again behind it.
   ScopeLock hold(lock_);
-  const unsigned kinds = RunningKinds(channel);
+  const unsigned kinds = RunningKinds(frame.channel);
   if (kinds == 0) {
     return false;
   }
-  if (area.size() < cms::kDrvHeaderSize) {
+  // A reader steps from frame to frame by these numbers.
+  if (!frame.fields.HasSync() || frame.fields.AreaLength() != frame.header.size() ||
+      frame.fields.PayloadLength() != frame.payload.size()) {
     ++status_.refusedFrames;
     return false;
   }
   std::array<std::uint8_t, cms::kDrvHeaderSize> sealed;
-  std::copy_n(area.begin(), sealed.size(), sealed.begin());
-  if (use == FrameUse::kMarked) {
-    cms::SetDeviceEventMark(sealed, channel);
+  std::copy_n(frame.header.begin(), sealed.size(), sealed.begin());
+  cms::EventMarks marks = frame.marks;
+  if (use == FrameUse::kMarked && cms::SetDeviceEventMark(sealed, frame.channel)) {
+    marks.deviceEvent = true;
   }
   cms::SealFrameHeader(sealed);
-  const cms::DrvHeader header(sealed);
-  // A reader steps from frame to frame by these numbers.
-  if (!header.HasSync() || header.AreaLength() != area.size() ||
-      header.PayloadLength() != payload.size()) {
-    ++status_.refusedFrames;
-    return false;
+  const std::array blocks{std::span<const std::uint8_t>(sealed),
+                          frame.header.subspan(cms::kDrvHeaderSize), frame.payload};
+  if (frame.audio) {
+    return RecordAudioBlocks(blocks, frame.seconds);
   }
-  const std::array blocks{std::span<const std::uint8_t>(sealed), area.subspan(cms::kDrvHeaderSize),
-                          payload};
-  if (header.IsAudio()) {
-    return RecordAudioBlocks(blocks, header.Seconds());
-  }
-  const cms::EventMarks marks = cms::ReadEventMarks(header, channel);
   const bool live = use != FrameUse::kBeforeEvent;
   const std::uint64_t format =
-      live && header.IsKeyFrame() ? cms::PictureFormatOf(area, payload) : 0;
-  if (const Shown& shown = ShownOf(channel);
-      live && header.IsKeyFrame() &&
-      (header.Seconds() < shown.seconds ||
+      live && frame.key ? cms::PictureFormatOf(frame.header, frame.payload) : 0;
+  if (const Shown& shown = ShownOf(frame.channel);
+      live && frame.key &&
+      (frame.seconds < shown.seconds ||
        (format != 0 && shown.format != 0 && format != shown.format))) {
     SetForceChangeFile();
   }
   DrvIdx record{};
-  record.channel = channel;
+  record.channel = frame.channel;
   record.state = kinds;
-  record.milliseconds = Milliseconds(header.Seconds(), arrivalTick);
-  record.frame_type = header.FrameType();
-  record.second_state =
-      (marks.deviceEvent ? 1u : 0u) | (marks.alarm ? 2u : 0u) | (marks.videoLoss ? 4u : 0u);
+  record.milliseconds = Milliseconds(frame.seconds, frame.arrivalUs / 1000);
+  record.frame_type = frame.fields.FrameType();
+  record.second_state = marks.State();
   SetDrvIdx(record);
-  if (!RecordBlocks(blocks, header.IsKeyFrame() ? cms::kBeginsFile : cms::kDependent)) {
+  if (!RecordBlocks(blocks, frame.key ? cms::kBeginsFile : cms::kDependent)) {
     return false;
   }
   status_.AddVideo({cms::TickMilliseconds(), cms::WallSeconds()});
-  if (header.IsKeyFrame() || !param_.indexKeyFramesOnly) {
+  if (frame.key || !param_.indexKeyFramesOnly) {
     WriteDrvIdx();
   }
   hasVideo_ = true;
   if (!live) {
-    CLFXDRVWriter::SetRecordTime(header.Seconds());
+    CLFXDRVWriter::SetRecordTime(frame.seconds);
     return true;
   }
   // Behind a clock that was set back, and until the next file begins, the record keeps its times:
   // they would shrink to those behind the step.
-  Shown& shown = ShownOf(channel);
-  const std::int64_t fileTime = std::max(header.Seconds(), shown.seconds);
-  SetEventTime(header.Seconds(), channel);
+  Shown& shown = ShownOf(frame.channel);
+  const std::int64_t fileTime = std::max(frame.seconds, shown.seconds);
+  SetEventTime(frame.seconds, frame.channel);
   CLFXDRVWriter::SetRecordTime(fileTime);
-  shown.seconds = std::max(header.Seconds(), shown.seconds);
+  shown.seconds = std::max(frame.seconds, shown.seconds);
   shown.format = format != 0 ? format : shown.format;
   return true;
 }

@@ -188,7 +188,7 @@ bool IndexesKeyFramesOnly(FileIo& io, int drv, const std::string& idx_path) {
   std::uint32_t first = UINT32_MAX;
   std::uint32_t last = 0;
   while (const auto record = reader.Next()) {
-    if (record->frame_type != kKeyFrameType) {
+    if (record->frame_type != kKeyFrame) {
       return false;
     }
     first = std::min(first, record->offset);

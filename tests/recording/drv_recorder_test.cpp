@@ -6,8 +6,8 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "cms/live/media/event_marks.h"
 #include "cms/live/media/frame_header.h"
-#include "cms/recording/event_marks.h"
 #include "cms/runtime/native_path.h"
 #include "tests/recording/recorder_site.h"
 #include "tests/support/drv_generator.h"

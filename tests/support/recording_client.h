@@ -2,7 +2,7 @@
 #pragma once
 
 #include "cms/live/client_base.h"
-#include "cms/recording/event_marks.h"
+#include "cms/live/media/event_marks.h"
 #include "tests/support/recording_reader.h"
 
 namespace test {

@@ -35,7 +35,7 @@ std::uint64_t StartNear(int handle, const std::string& path, std::int64_t first)
     if (static_cast<std::int64_t>(record->milliseconds / 1000) + kLead >= first) {
       break;
     }
-    start = record->frame_type == cms::kKeyFrameType ? record->offset : start;
+    start = record->frame_type == cms::kKeyFrame ? record->offset : start;
   }
   std::array<std::uint8_t, cms::kDrvHeaderSize> bytes{};
   const bool holds = io.ReadAllAt(handle, bytes.data(), bytes.size(), start) == bytes.size() &&

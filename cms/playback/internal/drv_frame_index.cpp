@@ -232,9 +232,8 @@ void DrvFrameIndex::LearnStream(bool otherChannels) {
 }
 
 bool DrvFrameIndex::HasOtherFramesBetweenKeys() {
-  if (raw_.size() < 2 || std::any_of(raw_.begin(), raw_.end(), [](const Raw& frame) {
-        return frame.type != kKeyFrameType;
-      })) {
+  if (raw_.size() < 2 || std::any_of(raw_.begin(), raw_.end(),
+                                     [](const Raw& frame) { return frame.type != kKeyFrame; })) {
     return false;
   }
   DrvWalker walker(io_, drv_);
@@ -290,7 +289,7 @@ void DrvFrameIndex::MakeTimes() {
   std::vector<std::int64_t> times = TimesOf(raw_);
   keys_.clear();
   for (std::size_t i = 0; i < raw_.size(); ++i) {
-    if (raw_[i].type == kKeyFrameType) {
+    if (raw_[i].type == kKeyFrame) {
       keys_.push_back(i);
     }
   }

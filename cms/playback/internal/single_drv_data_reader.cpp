@@ -115,7 +115,7 @@ bool CPlaybackSingleDRVDataReader::ReadEnds() {
   const auto last = HeaderAt(tail.back().offset);
   if (!first || !first->IsKeyFrame() || first->Seconds() != head.front().Second() || !last ||
       last->Seconds() != tail.back().Second() || head.front().Second() > tail.back().Second() ||
-      head.front().type != cms::kKeyFrameType) {
+      head.front().type != cms::kKeyFrame) {
     return false;
   }
   const std::int64_t drvSize = io_.Size(file_->Handle());

@@ -9,10 +9,22 @@
 
 namespace {
 
+using cms::FrameView;
 using cms::PreAlarmBuffer;
 
 std::span<const std::uint8_t> BytesOf(const std::string& text) {
   return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
+}
+
+FrameView FrameAt(std::uint64_t tick, const std::string& header, const std::string& payload,
+                  bool key, bool audio = false) {
+  FrameView frame;
+  frame.header = BytesOf(header);
+  frame.payload = BytesOf(payload);
+  frame.key = key;
+  frame.audio = audio;
+  frame.arrivalUs = tick * 1000;
+  return frame;
 }
 
 struct Kept {
@@ -24,11 +36,11 @@ struct Kept {
 
 std::vector<Kept> FramesOf(const PreAlarmBuffer& buffer) {
   std::vector<Kept> frames;
-  buffer.ForEach([&](const PreAlarmBuffer::Frame& frame) {
+  buffer.ForEach([&](const FrameView& frame) {
     frames.push_back({{frame.header.begin(), frame.header.end()},
                       {frame.payload.begin(), frame.payload.end()},
                       frame.key,
-                      frame.seconds});
+                      frame.arrivalUs / 1000});
   });
   return frames;
 }
@@ -50,9 +62,7 @@ TEST(PreAlarmBuffer, KeepsTheNewestGroupsThatAreNeeded) {
       const std::string payload(below(i % 100 == 99 ? 3'000 : 300),
                                 static_cast<char>('a' + i % 26));
       const Kept frame{std::to_string(i), payload, below(12) == 0, tick};
-      buffer.Add({BytesOf(frame.header), BytesOf(frame.payload), frame.key, below(5) == 0,
-                  static_cast<std::uint32_t>(tick)},
-                 tick);
+      buffer.Add(FrameAt(tick, frame.header, frame.payload, frame.key, below(5) == 0));
       all.push_back(frame);
       if (below(10) != 0) {
         continue;
@@ -83,14 +93,14 @@ TEST(PreAlarmBuffer, DropsNothingThatFitsAndIsNeeded) {
   const std::string header(116, 'h');
   const std::string payload(500, 'p');
   for (unsigned i = 0; i <= 100; ++i) {  // a key frame each second, ten frames a second
-    buffer.Add({BytesOf(header), BytesOf(payload), i % 10 == 0, false, i}, i * 100);
+    buffer.Add(FrameAt(i * 100, header, payload, i % 10 == 0));
   }
   const auto kept = FramesOf(buffer);
-  EXPECT_EQ(kept.front().tick, 60u);
+  EXPECT_EQ(kept.front().tick, 6'000u);
   EXPECT_EQ(kept.size(), 41u);
   buffer.Clear();
   EXPECT_TRUE(FramesOf(buffer).empty());
-  buffer.Add({BytesOf(header), BytesOf(payload), false, false, 0}, 20'000);
+  buffer.Add(FrameAt(20'000, header, payload, false));
   EXPECT_TRUE(buffer.IsEmpty());
 }
 

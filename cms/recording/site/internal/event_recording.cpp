@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <new>
 
-#include "cms/recording/event_marks.h"
 #include "cms/runtime/clock.h"
 
 namespace cms {
@@ -48,23 +47,9 @@ const KindOperations* Operations(int kind) {
   return found == std::end(kOperations) ? nullptr : found;
 }
 
-unsigned StateOf(const EventMarks& marks) {
-  return (marks.deviceEvent ? kEventStateDeviceEvent : 0u) | (marks.alarm ? kEventStateAlarm : 0u) |
-         (marks.videoLoss ? kEventStateVideoLoss : 0u);
-}
-
-bool Record(FX_DRVRecorder& recorder, const PreAlarmBuffer::Frame& frame, unsigned channel,
-            bool mark) {
-  return recorder.RecordVideoFrame(frame.header.data(), static_cast<int>(frame.header.size()),
-                                   frame.payload.data(), static_cast<int>(frame.payload.size()),
-                                   channel, mark);
-}
-
-bool RecordAudio(FX_DRVRecorder& recorder, const PreAlarmBuffer::Frame& frame, unsigned channel) {
-  return recorder.RecordAudioFrame(frame.header.data(), static_cast<int>(frame.header.size()),
-                                   frame.payload.data(), static_cast<int>(frame.payload.size()),
-                                   channel);
-}
+static_assert(EventMarks{true, false, false}.State() == kEventStateDeviceEvent &&
+              EventMarks{false, true, false}.State() == kEventStateAlarm &&
+              EventMarks{false, false, true}.State() == kEventStateVideoLoss);
 
 std::uint8_t SecondsBetween(std::uint32_t from, std::uint32_t to) {
   return static_cast<std::uint8_t>(to > from ? std::min(to - from, 255u) : 0u);
@@ -151,15 +136,10 @@ bool EventRecording::IsOver(const FX_DRVRecorder& recorder, unsigned kind, std::
          recorder.GetRecordingStatus().state == RecordingState::kFailed;
 }
 
-unsigned EventRecording::OnVideo(FX_DRVRecorder& recorder, const PreAlarmBuffer::Frame& frame,
-                                 unsigned state, unsigned durationSeconds) {
-  if (frame.header.size() < kDrvHeaderSize) {
-    return state;
-  }
-  const DrvHeader header(frame.header.first<kDrvHeaderSize>());
-  const unsigned inHeader = StateOf(ReadEventMarks(header, channel_));
-  const unsigned marks = inHeader | state;
-  const std::uint64_t now = TickMilliseconds();
+EventRecording::Decision EventRecording::Decide(FX_DRVRecorder& recorder, const FrameView& frame,
+                                                unsigned state, unsigned durationSeconds) {
+  const unsigned marks = frame.marks.State() | state;
+  const std::uint64_t now = frame.arrivalUs / 1000;
   lastFrame_ = now;
   for (unsigned kind = 0; kind < running_.size(); ++kind) {
     Running& event = running_[kind];
@@ -180,30 +160,32 @@ unsigned EventRecording::OnVideo(FX_DRVRecorder& recorder, const PreAlarmBuffer:
       StopKind(recorder, channel_, kKinds[kind]);
     }
   }
+  const bool markIt =
+      IsKindRunning(recorder, channel_, kRecordDeviceEvent) && !frame.marks.deviceEvent;
+  return {marks, markIt ? FX_DRVRecorder::FrameUse::kMarked : FX_DRVRecorder::FrameUse::kPlain};
+}
 
-  const bool markIt = IsKindRunning(recorder, channel_, kRecordDeviceEvent) &&
-                      (inHeader & kEventStateDeviceEvent) == 0;
-  if (Record(recorder, frame, channel_, markIt)) {
-    recordedSince_ = recordedSince_ == 0 ? frame.seconds : recordedSince_;
-    for (Running& event : running_) {
-      event.recorded = true;
-    }
-    if (kept_) {
-      kept_->Clear();
-    }
-  } else {
+void EventRecording::NoteVideo(FX_DRVRecorder& recorder, const FrameView& frame, bool recorded) {
+  if (!recorded) {
     recordedSince_ = 0;
     recorder.SetEventTime(frame.seconds, channel_);
     if (kept_) {
-      kept_->Add(frame, now);
+      kept_->Add(frame);
     }
+    return;
   }
-  return marks;
+  recordedSince_ = recordedSince_ == 0 ? frame.seconds : recordedSince_;
+  for (Running& event : running_) {
+    event.recorded = true;
+  }
+  if (kept_) {
+    kept_->Clear();
+  }
 }
 
-void EventRecording::OnAudio(FX_DRVRecorder& recorder, const PreAlarmBuffer::Frame& frame) {
-  if (!RecordAudio(recorder, frame, channel_) && kept_) {
-    kept_->Add(frame, TickMilliseconds());
+void EventRecording::NoteAudio(const FrameView& frame, bool recorded) {
+  if (!recorded && kept_) {
+    kept_->Add(frame);
   }
 }
 
@@ -286,13 +268,8 @@ bool EventRecording::Begin(FX_DRVRecorder& recorder, unsigned kind, std::uint32_
 // The header time of the first frame that was taken, 0 when none was.
 std::uint32_t EventRecording::RecordKept(FX_DRVRecorder& recorder) {
   std::uint32_t since = 0;
-  kept_->ForEach([&](const PreAlarmBuffer::Frame& frame) {
-    const bool taken =
-        frame.audio
-            ? RecordAudio(recorder, frame, channel_)
-            : recorder.RecordPreAlarmFrame(
-                  frame.header.data(), static_cast<int>(frame.header.size()), frame.payload.data(),
-                  static_cast<int>(frame.payload.size()), channel_, frame.tick);
+  kept_->ForEach([&](const FrameView& frame) {
+    const bool taken = recorder.RecordFrame(frame, FX_DRVRecorder::FrameUse::kBeforeEvent);
     if (taken && !frame.audio && since == 0) {
       since = frame.seconds;
     }

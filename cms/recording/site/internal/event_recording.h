@@ -32,11 +32,17 @@ class EventRecording {
   // To be called when a state was turned on or off: frames are kept while an event may begin.
   void FollowStates(const FX::FX_DRVRecorder& recorder);
 
-  // Each records the frame if anything of the channel is recorded and keeps it otherwise. Returns
-  // the marks of the frame as bits of the event state, those of `state` included.
-  unsigned OnVideo(FX::FX_DRVRecorder& recorder, const PreAlarmBuffer::Frame& frame, unsigned state,
-                   unsigned durationSeconds);
-  void OnAudio(FX::FX_DRVRecorder& recorder, const PreAlarmBuffer::Frame& frame);
+  // In front of every video frame: begins and ends what is to begin and to end with it. `state` is
+  // the channel's event state.
+  struct Decision {
+    unsigned marks;  // the frame's and the state's, as bits of the event state
+    FX::FX_DRVRecorder::FrameUse use;
+  };
+  Decision Decide(FX::FX_DRVRecorder& recorder, const FrameView& frame, unsigned state,
+                  unsigned durationSeconds);
+  // Behind it: a frame that was not recorded is kept.
+  void NoteVideo(FX::FX_DRVRecorder& recorder, const FrameView& frame, bool recorded);
+  void NoteAudio(const FrameView& frame, bool recorded);
 
   // For a stream that fell silent: ends what is over.
   void OnClock(FX::FX_DRVRecorder& recorder, unsigned state, unsigned durationSeconds);

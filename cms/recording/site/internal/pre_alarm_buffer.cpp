@@ -19,7 +19,7 @@ std::size_t RoundUp(std::size_t bytes) {
 }  // namespace
 
 PreAlarmBuffer::PreAlarmBuffer(unsigned seconds, std::size_t bytes)
-    : keepMs_(std::uint64_t{seconds} * 1000),
+    : keepUs_(std::uint64_t{seconds} * 1'000'000),
       size_(RoundUp(std::max(bytes, sizeof(Entry)))),
       ring_(new std::uint8_t[size_]) {}
 
@@ -49,8 +49,8 @@ std::size_t PreAlarmBuffer::SkipGap(std::size_t at) const {
   return size_ - at < sizeof(Entry) || EntryAt(at).length == 0 ? 0 : at;
 }
 
-void PreAlarmBuffer::Add(const Frame& frame, std::uint64_t tick) {
-  if (frame.key && keepMs_ == 0) {
+void PreAlarmBuffer::Add(const FrameView& frame) {
+  if (frame.key && keepUs_ == 0) {
     Clear();
   }
   if (frames_ == 0 && !frame.key) {
@@ -61,22 +61,17 @@ void PreAlarmBuffer::Add(const Frame& frame, std::uint64_t tick) {
     Clear();
     return;
   }
-  Entry entry{};
-  entry.tick = tick;
-  entry.length = static_cast<std::uint32_t>(length);
-  entry.header = static_cast<std::uint32_t>(frame.header.size());
-  entry.payload = static_cast<std::uint32_t>(frame.payload.size());
-  entry.seconds = frame.seconds;
-  entry.key = frame.key;
-  entry.audio = frame.audio;
+  Entry entry{frame, length};
+  std::uint8_t* const header = ring_.get() + tail_ + sizeof entry;
+  std::uint8_t* const payload = std::copy(frame.header.begin(), frame.header.end(), header);
+  std::copy(frame.payload.begin(), frame.payload.end(), payload);
+  entry.frame.header = {header, frame.header.size()};
+  entry.frame.payload = {payload, frame.payload.size()};
   Put(tail_, entry);
-  std::uint8_t* const bytes = ring_.get() + tail_ + sizeof entry;
-  std::copy(frame.header.begin(), frame.header.end(), bytes);
-  std::copy(frame.payload.begin(), frame.payload.end(), bytes + frame.header.size());
   tail_ += length;
   ++frames_;
   if (frame.key) {
-    DropOld(tick);
+    DropOld(frame.arrivalUs);
   }
 }
 
@@ -113,7 +108,7 @@ void PreAlarmBuffer::DropGroup() {
   while (frames_ > 0) {
     head_ = SkipGap(head_);
     const Entry entry = EntryAt(head_);
-    if (entry.key && !first) {
+    if (entry.frame.key && !first) {
       return;
     }
     first = false;
@@ -123,15 +118,15 @@ void PreAlarmBuffer::DropGroup() {
 }
 
 // As long as the second key frame is old enough, the first group is not needed.
-void PreAlarmBuffer::DropOld(std::uint64_t tick) {
+void PreAlarmBuffer::DropOld(std::uint64_t nowUs) {
   while (true) {
     std::size_t at = head_;
     bool found = false;
     for (std::size_t i = 0; i < frames_ && !found; ++i) {
       at = SkipGap(at);
       const Entry entry = EntryAt(at);
-      found = i > 0 && entry.key && tick - entry.tick >= keepMs_;
-      if (i > 0 && entry.key && !found) {
+      found = i > 0 && entry.frame.key && nowUs - entry.frame.arrivalUs >= keepUs_;
+      if (i > 0 && entry.frame.key && !found) {
         return;
       }
       at += entry.length;

@@ -4,7 +4,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <span>
+
+#include "cms/live/media/frame.h"
 
 namespace cms {
 
@@ -15,23 +16,14 @@ namespace cms {
 // as much is touched as the largest group has. Not for concurrent use.
 class PreAlarmBuffer {
  public:
-  struct Frame {
-    std::span<const std::uint8_t> header;
-    std::span<const std::uint8_t> payload;
-    bool key = false;
-    bool audio = false;
-    std::uint32_t seconds = 0;  // of the header
-    std::uint64_t tick = 0;     // of the arrival, milliseconds; what Add was told
-  };
-
   PreAlarmBuffer(unsigned seconds, std::size_t bytes);
 
   // The bytes that hold so many seconds of a stream at 8 Mbit/s, and at least two large frames;
   // with 0 seconds a group of pictures of 16 seconds.
   static std::size_t DefaultBytes(unsigned seconds);
 
-  // Dropped while there is no key frame in front of it. `tick` is the arrival in milliseconds.
-  void Add(const Frame& frame, std::uint64_t tick);
+  // Dropped while there is no key frame in front of it. Its arrival has to be known.
+  void Add(const FrameView& frame);
   void Clear();
   bool IsEmpty() const { return frames_ == 0; }
 
@@ -42,26 +34,16 @@ class PreAlarmBuffer {
     for (std::size_t i = 0; i < frames_; ++i) {
       at = SkipGap(at);
       const Entry entry = EntryAt(at);
-      const std::uint8_t* const bytes = ring_.get() + at + sizeof(Entry);
-      visit(Frame{{bytes, entry.header},
-                  {bytes + entry.header, entry.payload},
-                  entry.key,
-                  entry.audio,
-                  entry.seconds,
-                  entry.tick});
+      visit(entry.frame);
       at += entry.length;
     }
   }
 
  private:
+  // In front of the bytes of its frame's header and payload.
   struct Entry {
-    std::uint64_t tick;
-    std::uint32_t length;  // with this, rounded up; 0: nothing more before the ring's end
-    std::uint32_t header;
-    std::uint32_t payload;
-    std::uint32_t seconds;
-    bool key;
-    bool audio;
+    FrameView frame;
+    std::size_t length = 0;  // with this, rounded up; 0: nothing more before the ring's end
   };
 
   Entry EntryAt(std::size_t at) const;
@@ -69,9 +51,9 @@ class PreAlarmBuffer {
   std::size_t SkipGap(std::size_t at) const;
   bool MakeRoom(std::size_t length);
   void DropGroup();
-  void DropOld(std::uint64_t tick);
+  void DropOld(std::uint64_t nowUs);
 
-  const std::uint64_t keepMs_;
+  const std::uint64_t keepUs_;
   const std::size_t size_;
   const std::unique_ptr<std::uint8_t[]> ring_;
   std::size_t head_ = 0;  // of the first frame

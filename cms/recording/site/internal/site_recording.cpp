@@ -197,20 +197,27 @@ void SiteRecording::FollowDue(unsigned channel) {
   }
 }
 
-unsigned SiteRecording::OnVideo(const PreAlarmBuffer::Frame& frame, unsigned channel) {
+unsigned SiteRecording::OnVideo(const FrameView& frame) {
   ScopeLock hold(lock_);
+  const unsigned state = state_[frame.channel];
+  if (frame.header.size() < kDrvHeaderSize) {
+    return state;
+  }
   const bool wasWanted = IsWanted();
-  const unsigned marks = events_[channel].OnVideo(recorder_, frame, state_[channel], Duration());
-  FollowDue(channel);
+  EventRecording& events = events_[frame.channel];
+  const auto decision = events.Decide(recorder_, frame, state, Duration());
+  events.NoteVideo(recorder_, frame, recorder_.RecordFrame(frame, decision.use));
+  FollowDue(frame.channel);
   if (!wasWanted && IsWanted()) {
     Wake();
   }
-  return marks;
+  return decision.marks;
 }
 
-void SiteRecording::OnAudio(const PreAlarmBuffer::Frame& frame, unsigned channel) {
+void SiteRecording::OnAudio(const FrameView& frame) {
   ScopeLock hold(lock_);
-  events_[channel].OnAudio(recorder_, frame);
+  const bool recorded = recorder_.RecordFrame(frame, FX::FX_DRVRecorder::FrameUse::kPlain);
+  events_[frame.channel].NoteAudio(frame, recorded);
 }
 
 // --- The clock ----------------------------------------------------------------------------------

@@ -51,8 +51,10 @@ class SiteRecording final : public Turns::Member {
   void TurnState(unsigned channel, int kind, bool on);
   void TurnOffAllStates();
 
-  unsigned OnVideo(const PreAlarmBuffer::Frame& frame, unsigned channel);
-  void OnAudio(const PreAlarmBuffer::Frame& frame, unsigned channel);
+  // Record the frame if anything of its channel is recorded. What comes with it in marks and as the
+  // channel's event state is returned as bits of that state.
+  unsigned OnVideo(const FrameView& frame);
+  void OnAudio(const FrameView& frame);
 
   // Waits until what was recorded is in its files and the closed ones are finished; false at once
   // when all that is left waits for a disk that is full or read-only.

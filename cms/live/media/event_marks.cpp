@@ -1,4 +1,4 @@
-#include "cms/recording/event_marks.h"
+#include "cms/live/media/event_marks.h"
 
 namespace cms {
 namespace {
@@ -23,14 +23,18 @@ EventMarks ReadEventMarks(const DrvHeader& header, unsigned channel) {
           (header.VideoLossMask() & bit) != 0};
 }
 
-void SetDeviceEventMark(std::span<std::uint8_t, kDrvHeaderSize> header, unsigned channel) {
+bool SetDeviceEventMark(std::span<std::uint8_t, kDrvHeaderSize> header, unsigned channel) {
   if ((header[kFlags] & kDrvFlagMarksInFlags) != 0) {
     header[kFlags] |= kDrvFlagDeviceEvent;
-  } else if (channel < kMaskedChannels) {
-    const std::size_t low = IsLittleEndianKind(header[1]) ? kEventMask : kEventMask + 1;
-    const std::size_t high = 2 * kEventMask + 1 - low;
-    header[channel < 8 ? low : high] |= static_cast<std::uint8_t>(1u << channel % 8);
+    return true;
   }
+  if (channel >= kMaskedChannels) {
+    return false;
+  }
+  const std::size_t low = IsLittleEndianKind(header[1]) ? kEventMask : kEventMask + 1;
+  const std::size_t high = 2 * kEventMask + 1 - low;
+  header[channel < 8 ? low : high] |= static_cast<std::uint8_t>(1u << channel % 8);
+  return true;
 }
 
 }  // namespace cms
