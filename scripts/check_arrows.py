@@ -20,11 +20,11 @@ LEVELS = {
     "net": 2,
     "recording": 2,
     "live/media": 1,
-    "probes": 1,
+    "probes": 2,
     "runtime": 0,
 }
 
-# The stream probes are for everybody.
+# The stream probes are for everybody who has frames.
 PROBES = ("cms/streaming/stream_probes", "cms/streaming/internal/bit_reader")
 
 # Of a folder's internal headers cms/exports/ may include all, and other folders these.

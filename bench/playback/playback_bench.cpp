@@ -87,7 +87,7 @@ int Record(const std::filesystem::path& drvPath, std::uint64_t bytes, int mostSe
     info.hostSeconds = kStart + frames / kFps;
     info.frameRate = kFps;
     info.frameType = frame.key ? 1 : 2;
-    info.videoType = 1;
+    info.videoType = CMS_VIDEO_H264;
     info.sequence = frames + 1;
     std::array<std::uint8_t, cms::kVideoHeaderRoom> area;
     cms::BuildVideoFrameHeader(area, info);

@@ -13,16 +13,7 @@ CMSChannelDataBase::~CMSChannelDataBase() {
 }
 
 int CMSChannelDataBase::GetVideoType() const {
-  switch (codec_.load(std::memory_order_relaxed)) {
-    case CMS_CODEC_MJPEG:
-      return 2;
-    case CMS_CODEC_MPEG4:
-      return 3;
-    case CMS_CODEC_H264:
-      return 1;
-    default:
-      return 0;
-  }
+  return cms::VideoTypeOfCodec(codec_.load(std::memory_order_relaxed));
 }
 
 int CMSChannelDataBase::InitialCodec(CMSCodecID codec) {

@@ -32,7 +32,7 @@ class CMS_API CMSChannelDataBase {
 
   // --- Decoding -------------------------------------------------------------------------------
   void SetVideoType(CMSCodecID codec) { codec_.store(codec, std::memory_order_relaxed); }
-  int GetVideoType() const;  // 1 H.264, 2 MJPEG, 3 MPEG-4, else 0
+  int GetVideoType() const;  // a CMSVideoType
 
   // Opens the decoder for the codec; 1 on success. MPEG-4 has no decoder here: 0.
   int InitialCodec(CMSCodecID codec);
@@ -46,7 +46,7 @@ class CMS_API CMSChannelDataBase {
   void SetThreadedDecode(bool threaded) { threaded_.store(threaded, std::memory_order_relaxed); }
 
   // Returns 1 for a picture, 0 when none came out yet, -1 on an error or without an open decoder.
-  // The caller owes CMSDecoder::kInputPadding readable bytes behind the data. With a decode thread
+  // The caller owes cms::kInputPadding readable bytes behind the data. With a decode thread
   // 0 means queued; a full queue drops the frame and waits for the next key frame.
   int DecodeFrame(const std::uint8_t* data, int size);
 

@@ -2,9 +2,12 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 
 #include "cms/live/internal/connection_sight.h"
 #include "cms/live/internal/keeper.h"
+#include "cms/live/media/codec_id.h"
+#include "cms/live/media/frame_type.h"
 #include "cms/recording/site/internal/site_recording.h"
 #include "cms/runtime/clock.h"
 
@@ -78,7 +81,7 @@ CMSClientBase::Channels CMSClientBase::CopyOfChannels() const {
 void CMSClientBase::OnGetVideoFrame(void* header, int headerSize, void* data, int size,
                                     unsigned channel, int frameType) {
   videoFrames_.fetch_add(1, std::memory_order_relaxed);
-  keyFrames_.fetch_add(frameType == 1 ? 1 : 0, std::memory_order_relaxed);
+  keyFrames_.fetch_add(frameType == cms::kKeyFrame ? 1 : 0, std::memory_order_relaxed);
   bytes_.fetch_add(static_cast<std::uint64_t>(size), std::memory_order_relaxed);
   const std::uint64_t now = cms::TickMilliseconds();
   rate_.Add(now, true, static_cast<std::uint64_t>(size));
@@ -113,7 +116,7 @@ void CMSClientBase::OnDecodeVideoFrame(void* data, int size, unsigned channel, i
     state->AddNotDecoded();
     return;
   }
-  if (state->WaitsForKeyFrame() && frameType != 1) {
+  if (state->WaitsForKeyFrame() && frameType != cms::kKeyFrame) {
     state->AddNotDecoded();
     return;
   }
@@ -213,39 +216,29 @@ void CMSClientBase::SetThreadedDecode(bool threaded) {
 }
 
 void CMSClientBase::GetDRVTypeHeader(unsigned char* tag) {
-  const int video = GetVideoType(0);  // 1 H.264, 2 MJPEG, 3 MPEG-4
-  if (video < 1 || video > 3) {
+  // By the number of the site type: the third byte for H.264, MJPEG and MPEG-4; 0: there is no tag.
+  struct Family {
+    int siteType;
+    char letters[3];
+  };
+  constexpr Family kFamilies[] = {{1, {'V', 'V', 'V'}},   {2, {'W', 'W', 'W'}},
+                                  {3, {'\0', 'X', 'X'}},  {5, {'\0', 'V', 'V'}},
+                                  {9, {'V', '\0', '\0'}}, {10, {'V', 'V', 'V'}}};
+  constexpr char kCodecLetters[] = {'V', 'U', 'T'};
+  const int video = GetVideoType(0);
+  const auto* const family =
+      std::find_if(std::begin(kFamilies), std::end(kFamilies),
+                   [&](const Family& each) { return each.siteType == siteType_; });
+  if (family == std::end(kFamilies) || video < CMS_VIDEO_H264 || video > CMS_VIDEO_MPEG4) {
     return;
   }
-  char family = 0;
-  switch (siteType_) {
-    case 1:
-    case 10:
-      family = 'V';
-      break;
-    case 2:
-      family = 'W';
-      break;
-    case 3:
-      family = video == 1 ? '\0' : 'X';
-      break;
-    case 5:
-      family = video == 1 ? '\0' : 'V';
-      break;
-    case 9:
-      family = video == 1 ? 'V' : '\0';
-      break;
-    default:
-      break;
+  const int codec = video - CMS_VIDEO_H264;
+  if (family->letters[codec] != '\0') {
+    tag[0] = 0;
+    tag[1] = 0;
+    tag[2] = static_cast<unsigned char>(family->letters[codec]);
+    tag[3] = static_cast<unsigned char>(kCodecLetters[codec]);
   }
-  if (family == '\0') {
-    return;
-  }
-  constexpr char kCodecLetter[] = {'V', 'U', 'T'};
-  tag[0] = 0;
-  tag[1] = 0;
-  tag[2] = static_cast<unsigned char>(family);
-  tag[3] = static_cast<unsigned char>(kCodecLetter[video - 1]);
 }
 
 // --- Status -------------------------------------------------------------------------------------

@@ -117,7 +117,7 @@ class CMS_API CMSClientBase {
   virtual int GetWidthAndHeight(unsigned channel, unsigned* width, unsigned* height);
   // When the last frame came, with the configured offset: seconds since 1970-01-01 UTC.
   virtual std::int64_t GetTime(unsigned channel);
-  virtual int GetVideoType(unsigned channel);  // 1 H.264, 2 MJPEG, 3 MPEG-4, 0 not known yet
+  virtual int GetVideoType(unsigned channel);  // a CMSVideoType
   virtual int GetAudioType();                  // a CMSCodecID, or what the configuration says
   // Decoding starts with the next key frame, also on a channel that decodes already. The second
   // argument is not used.
@@ -148,7 +148,7 @@ class CMS_API CMSClientBase {
                                           unsigned headerLength);
 
   // Every frame goes through these, on the receiving thread. The buffers are the stream's and valid
-  // during the call only; CMSDecoder::kInputPadding bytes behind a video frame are readable.
+  // during the call only; cms::kInputPadding bytes behind a video frame are readable.
   virtual void OnGetVideoFrame(void* header, int headerSize, void* data, int size, unsigned channel,
                                int frameType);
   virtual void OnGetAudioFrame(void* header, int headerSize, void* data, int size,

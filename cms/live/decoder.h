@@ -5,6 +5,7 @@
 
 #include "cms/live/media/codec_id.h"
 #include "cms/live/media/fisheye.h"
+#include "cms/live/media/input_padding.h"
 #include "cms/live/media/size.h"
 #include "cms/runtime/api.h"
 
@@ -34,7 +35,7 @@ enum DECODE_RESULT : int {
 class CMS_API CMSDecoder {
  public:
   // Bytes behind the data of Decode that must be readable; their values do not matter.
-  static constexpr int kInputPadding = 64;
+  static constexpr int kInputPadding = cms::kInputPadding;
 
   // Runs on the decode thread after each frame with no lock held. It must not call StartThread or
   // EndThread, nor destroy the decoder; Reset and the other members are allowed.

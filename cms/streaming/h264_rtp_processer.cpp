@@ -64,7 +64,7 @@ H264RTPProcesser::~H264RTPProcesser() = default;
 
 void H264RTPProcesser::GetFrameData(void* frame, int* /*length*/, int* frameType) {
   const unsigned int type = TypeOf(static_cast<const unsigned char*>(frame)[sizeof(kStartCode)]);
-  *frameType = type == kIdrSlice || type == kSps ? 1 : 2;
+  *frameType = type == kIdrSlice || type == kSps ? cms::kKeyFrame : cms::kOtherFrame;
 }
 
 bool H264RTPProcesser::HasNothingButDelimiters(Payload payload) const {

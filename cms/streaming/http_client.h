@@ -61,7 +61,7 @@ class CMS_API CMSHTTPClient : public CMSClientBase {
   int ChangeRecordFile() override;
   int ChangeRecordPath(const wchar_t* path) override;
 
-  // `data` is the front of the raw buffer, valid during the call; CMSDecoder::kInputPadding bytes
+  // `data` is the front of the raw buffer, valid during the call; cms::kInputPadding bytes
   // behind it are readable. `channel` and `reserved` are always 0.
   virtual void OnStreamVideoFrame(unsigned channel, int reserved, unsigned char* data, int length,
                                   int extra, int videoFlag) = 0;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "cms/live/media/codec_id.h"
 #include "cms/streaming/internal/text_scanner.h"
 
 using cms::TextScanner;
@@ -123,7 +124,14 @@ void NameStaticPayload(_RTSPSUBSESSION_CONFIG& stream) {
 }
 
 bool IsSupportedAudio(std::string_view name) {
-  return name == "PCMU" || name == "PCMA" || name == "L16";
+  switch (cms::CodecOfEncodingName(name)) {
+    case CMS_CODEC_PCM_MULAW:
+    case CMS_CODEC_PCM_ALAW:
+    case CMS_CODEC_PCM_S16BE:
+      return true;
+    default:
+      return false;
+  }
 }
 
 }  // namespace
@@ -180,7 +188,8 @@ int MediaSession::ParseDescription(std::string_view description, _RTSPSUBSESSION
   if (!IsSupportedAudio(audio.encodingName)) {
     audio.payloadType = kNoPayloadType;
   } else if (audio.clockRate == 0) {
-    audio.clockRate = std::string_view(audio.encodingName) == "L16" ? 44100 : 8000;
+    const bool l16 = cms::CodecOfEncodingName(audio.encodingName) == CMS_CODEC_PCM_S16BE;
+    audio.clockRate = l16 ? 44100 : 8000;
   }
   return found_video ? 1 : 0;
 }

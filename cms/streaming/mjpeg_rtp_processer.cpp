@@ -35,9 +35,9 @@ void MJPEGRTPProcesser::GetFrameData(void* /*frame*/, int* /*length*/, int* fram
   if (now != keyFrameSecond_) {
     keyFrameSecond_ = now;
     frameCounter_ = 0;
-    *frameType = 1;
+    *frameType = cms::kKeyFrame;
   } else {
-    *frameType = frameCounter_ % 2 != 0 ? 2 : 3;
+    *frameType = frameCounter_ % 2 != 0 ? cms::kOtherFrame : cms::kEvenFrame;
   }
 }
 

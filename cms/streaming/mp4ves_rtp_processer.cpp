@@ -13,7 +13,7 @@ void MP4VESRTPProcesser::GetFrameData(void* frame, int* /*length*/, int* frameTy
   const int readable = frame == FrameData() ? std::min(kSearched, FrameLength()) : kSearched;
   const cms::Bytes head(static_cast<const unsigned char*>(frame),
                         static_cast<std::size_t>(readable));
-  *frameType = cms::StartsWithMpeg4IVop(head) ? 1 : 2;
+  *frameType = cms::StartsWithMpeg4IVop(head) ? cms::kKeyFrame : cms::kOtherFrame;
 }
 
 int MP4VESRTPProcesser::AddDataToFrameBuff(void* packet, int length, unsigned int headerSize) {

@@ -7,6 +7,8 @@
 #include <cstring>
 #include <memory>
 
+#include "cms/live/media/frame_type.h"
+#include "cms/live/media/input_padding.h"
 #include "cms/runtime/api.h"
 
 // Turns the RTP packets of one media stream (RFC 3550) into whole frames. Each packet goes to
@@ -29,7 +31,7 @@ class CMS_API RTPProcesserBase {
 
   static constexpr int kFrameCapacity = 512000;  // longest frame, inserted headers included
   static constexpr int kFrontRoom = 128;
-  static constexpr int kTailRoom = 64;
+  static constexpr int kTailRoom = cms::kInputPadding;
   static constexpr int kMinFrameLength = 21;  // shorter frames are dropped
   static constexpr int kMaxMetadata = 256;
 
@@ -41,7 +43,7 @@ class CMS_API RTPProcesserBase {
   // 0. Padding (RFC 3550, 5.1) is taken off; lengths inside the packet that lie fail it.
   virtual int ProcessData(void* packet, int length);
 
-  // Sets the frame type of a finished frame: 1 key frame, 2 other frame (MJPEG: 2 or 3). `length`
+  // Sets the frame type of a finished frame, a cms::FrameType. `length`
   // is not read; the caller owes as many readable bytes as the codec's class says.
   virtual void GetFrameData(void* frame, int* length, int* frameType) = 0;
 

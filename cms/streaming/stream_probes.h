@@ -11,15 +11,8 @@
 #include <optional>
 #include <span>
 
+#include "cms/live/media/codec_id.h"
 #include "cms/runtime/api.h"
-
-// What the first bytes of a frame say about its codec. The numbers are stored in frame headers.
-enum CMSVideoType : int {
-  CMS_VIDEO_UNKNOWN = 0,
-  CMS_VIDEO_H264 = 1,   // 00 00 00 01
-  CMS_VIDEO_MJPEG = 2,  // FF D8
-  CMS_VIDEO_MPEG4 = 3,  // 00 00 01, also for H.264 with 3-byte start codes
-};
 
 // A calendar time. Months and days count from 1, Sunday is day 0 of the week.
 struct CMSSystemTime {

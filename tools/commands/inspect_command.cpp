@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
+#include "cms/live/media/codec_id.h"
 #include "cms/recording/database_reader.h"
 #include "cms/recording/drv_walker.h"
 #include "cms/recording/idx_file.h"
@@ -50,17 +51,8 @@ std::string CodecOf(cms::DrvWalker& walker, const cms::DrvFrame& frame) {
   if (frame.header.IsAudio()) {
     std::uint32_t codec = 0;
     std::memcpy(&codec, &frame.header.Bytes()[16], sizeof codec);
-    switch (codec) {
-      case 0x10000:
-      case 0x10001:
-        return "L16";
-      case 0x10006:
-        return "PCMU";
-      case 0x10007:
-        return "PCMA";
-      default:
-        return codec == 0 ? "" : std::to_string(codec);
-    }
+    const auto name = cms::EncodingNameOf(static_cast<int>(codec));
+    return !name.empty() || codec == CMS_CODEC_NONE ? std::string(name) : std::to_string(codec);
   }
   constexpr std::size_t kProbed = 4;
   std::array<std::uint8_t, 4096> bytes;
@@ -71,8 +63,8 @@ std::string CodecOf(cms::DrvWalker& walker, const cms::DrvFrame& frame) {
   if (read < area + kProbed) {
     return "";
   }
-  constexpr const char* kNames[] = {"", "H264", "JPEG", "MP4V-ES"};
-  return kNames[cms::VideoTypeOf(std::span(bytes).subspan(area, kProbed))];
+  const CMSVideoType type = cms::VideoTypeOf(std::span(bytes).subspan(area, kProbed));
+  return std::string(cms::EncodingNameOf(cms::CodecOfVideoType(type)));
 }
 
 const char* KindOf(const cms::DrvHeader& header) {

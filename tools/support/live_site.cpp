@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "cms/live/media/codec_id.h"
 #include "cms/streaming/rtsp_client.h"
 #include "cms/streaming/rtsp_url.h"
 #include "tools/support/camera_url.h"
@@ -145,9 +146,7 @@ double LiveSite::SecondsDelivering() const {
 }
 
 std::string LiveSite::Codec() const {
-  constexpr const char* kNames[] = {"", "H264", "JPEG", "MP4V-ES"};
-  const int type = client_->GetVideoType(0);
-  return type >= 0 && type <= 3 ? kNames[type] : "";
+  return std::string(cms::EncodingNameOf(cms::CodecOfVideoType(client_->GetVideoType(0))));
 }
 
 std::string LiveSite::AudioCodec() const {

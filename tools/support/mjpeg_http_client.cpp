@@ -54,7 +54,7 @@ void MjpegHttpClient::Configure(const cms::CameraUrl& url, const std::string& us
   config.port = url.port;
   config.request = request.data();
   config.requestLength = static_cast<int>(request.size());
-  config.videoType = 2;
+  config.videoType = CMS_VIDEO_MJPEG;
   SetConfig(&config);
   fpsReport_.SetReportFormat("[LiveRecord]Site=%2d(%s),Stream=%d", siteNumber + 1, url.host.c_str(),
                              0);
@@ -224,7 +224,6 @@ int MjpegHttpClient::FindFrame(CRawBuffer* buffer) {
 
 void MjpegHttpClient::OnStreamVideoFrame(unsigned channel, int, unsigned char* data, int length,
                                          int, int) {
-  constexpr int kKeyFrame = 1;
   const bool jpeg = length > 2 && data[0] == 0xFF && data[1] == 0xD8;
   if (!jpeg) {
     return;
@@ -233,11 +232,11 @@ void MjpegHttpClient::OnStreamVideoFrame(unsigned channel, int, unsigned char* d
   info.payloadSize = static_cast<std::uint32_t>(length);
   info.hostSeconds = cms::WallSeconds();
   info.frameRate = fpsReport_.GetRecentFps();
-  info.frameType = kKeyFrame;
-  info.videoType = 2;
+  info.frameType = cms::kKeyFrame;
+  info.videoType = CMS_VIDEO_MJPEG;
   info.sequence = ++sequence_;
   cms::BuildVideoFrameHeader(std::span<std::uint8_t, cms::kVideoHeaderRoom>(header_), info);
-  OnGetVideoFrame(header_, sizeof header_, data, length, channel, kKeyFrame);
+  OnGetVideoFrame(header_, sizeof header_, data, length, channel, cms::kKeyFrame);
 }
 
 }  // namespace tools

@@ -3,7 +3,7 @@
 #include <cstring>
 #include <new>
 
-#include "cms/live/decoder.h"
+#include "cms/live/media/input_padding.h"
 
 namespace cms {
 
@@ -46,7 +46,7 @@ bool DecodeQueue::Put(const std::uint8_t* data, int length) {
   }
   const int index = free_[static_cast<std::size_t>(free_count_ - 1)];
   Slot& slot = slots_[static_cast<std::size_t>(index)];
-  const std::size_t needed = size + CMSDecoder::kInputPadding;
+  const std::size_t needed = size + kInputPadding;
   if (slot.capacity < needed) {
     const std::size_t capacity = needed + needed / 4;
     slot.memory.reset(new (std::nothrow) std::uint8_t[capacity]);
@@ -56,7 +56,7 @@ bool DecodeQueue::Put(const std::uint8_t* data, int length) {
     }
   }
   std::memcpy(slot.memory.get(), data, size);
-  std::memset(slot.memory.get() + size, 0, CMSDecoder::kInputPadding);
+  std::memset(slot.memory.get() + size, 0, kInputPadding);
   slot.length = length;
   --free_count_;
   order_[static_cast<std::size_t>((first_ + queued_) % kMaxFrames)] = index;

@@ -21,7 +21,7 @@ class DecodeQueue {
   static constexpr std::size_t kMaxBytes = 8U << 20U;
 
   struct Frame {
-    const std::uint8_t* data;  // followed by CMSDecoder::kInputPadding zero bytes
+    const std::uint8_t* data;  // followed by kInputPadding zero bytes
     int length;
   };
 

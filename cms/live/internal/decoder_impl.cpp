@@ -4,7 +4,9 @@
 
 #include <system_error>
 
-static_assert(CMSDecoder::kInputPadding >= AV_INPUT_BUFFER_PADDING_SIZE,
+#include "cms/live/media/input_padding.h"
+
+static_assert(cms::kInputPadding >= AV_INPUT_BUFFER_PADDING_SIZE,
               "the codec reads further behind the data than callers provide for");
 
 CMSDecoder::Impl::~Impl() {

@@ -16,11 +16,11 @@ constexpr std::size_t kLastMarkFromEnd = 4;
 
 std::uint8_t CodecMark(int videoType) {
   switch (videoType) {
-    case 1:
+    case CMS_VIDEO_H264:
       return 0xF0;
-    case 2:
+    case CMS_VIDEO_MJPEG:
       return 0xD0;
-    case 3:
+    case CMS_VIDEO_MPEG4:
       return 0xE0;
     default:
       return 0;
@@ -53,17 +53,17 @@ DRVFrameHeader FirstHalf(const FrameInfo& info, std::uint32_t size, std::uint32_
 
 }  // namespace
 
-int VideoTypeOfHeader(std::span<const std::uint8_t> area) {
+CMSVideoType VideoTypeOfHeader(std::span<const std::uint8_t> area) {
   if (area.size() != kVideoHeaderRoom) {
-    return 0;
+    return CMS_VIDEO_UNKNOWN;
   }
   const std::uint8_t mark = area[kVideoHeaderRoom - kCodecMarkFromEnd];
-  for (const int type : {1, 2, 3}) {
+  for (const CMSVideoType type : {CMS_VIDEO_H264, CMS_VIDEO_MJPEG, CMS_VIDEO_MPEG4}) {
     if (mark == CodecMark(type)) {
       return type;
     }
   }
-  return 0;
+  return CMS_VIDEO_UNKNOWN;
 }
 
 std::uint8_t XorCheck(std::span<const std::uint8_t> bytes) {
@@ -97,8 +97,8 @@ void BuildVideoFrameHeader(std::span<std::uint8_t, kVideoHeaderRoom> area,
 
 void BuildAudioFrameHeader(std::span<std::uint8_t, kAudioHeaderRoom> area,
                            const AudioFrameInfo& info) {
-  const DRVFrameHeader header =
-      FirstHalf(info, info.payloadSize, kFlagAudio | 1u << kFlagFrameTypeShift);
+  const DRVFrameHeader header = FirstHalf(
+      info, info.payloadSize, kFlagAudio | std::uint32_t{kKeyFrame} << kFlagFrameTypeShift);
   std::memcpy(area.data(), &header, sizeof(header));
   std::memcpy(area.data() + kHalf, &info.format, sizeof(info.format));
   SealFrameHeader(area);

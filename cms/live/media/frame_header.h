@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <span>
 
+#include "cms/live/media/codec_id.h"
+#include "cms/live/media/frame_type.h"
 #include "cms/runtime/api.h"
 
 // 32 bytes, little-endian, at any alignment. Each half is closed by the XOR of its other 15 bytes.
@@ -65,8 +67,8 @@ struct FrameInfo {
 
 struct VideoFrameInfo : FrameInfo {
   double frameRate = 30.0;
-  int frameType = 0;           // 1 key frame, 2 or 3 other; the low 3 bits count
-  int videoType = 0;           // 1 H.264, 2 MJPEG, 3 MPEG-4
+  int frameType = 0;           // a FrameType; the low 3 bits count
+  int videoType = 0;           // a CMSVideoType
   std::uint32_t sequence = 0;  // of the connection, from 1
 };
 
@@ -91,9 +93,8 @@ CMS_API void BuildVideoFrameHeader(std::span<std::uint8_t, kVideoHeaderRoom> are
 CMS_API void BuildAudioFrameHeader(std::span<std::uint8_t, kAudioHeaderRoom> area,
                                    const AudioFrameInfo& info);
 
-// The video type that a whole video header area tells: 1 H.264, 2 MJPEG, 3 MPEG-4; 0 when it does
-// not.
-CMS_API int VideoTypeOfHeader(std::span<const std::uint8_t> area);
+// The video type that a whole video header area tells, if it does.
+CMS_API CMSVideoType VideoTypeOfHeader(std::span<const std::uint8_t> area);
 
 // The exclusive-or of the bytes.
 CMS_API std::uint8_t XorCheck(std::span<const std::uint8_t> bytes);

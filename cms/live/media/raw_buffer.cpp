@@ -3,11 +3,12 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "cms/live/media/input_padding.h"
 #include "cms/live/media/internal/zeroed.h"
 
 namespace {
 
-constexpr long kReadableBehind = 64;  // what a decoder may read behind a frame
+constexpr long kReadableBehind = cms::kInputPadding;
 
 }  // namespace
 

@@ -8,8 +8,8 @@
 #include "cms/runtime/critical.h"
 
 // Bytes up to a maximum; every change is locked. Data() is valid until the next Append, and only
-// the thread that appends and erases may look at the bytes. 64 bytes behind the capacity are
-// readable too, so that a frame can be decoded where it lies.
+// the thread that appends and erases may look at the bytes. cms::kInputPadding bytes behind
+// the capacity are readable too, so that a frame can be decoded where it lies.
 class CMS_API CRawBuffer {
  public:
   static constexpr long kDefaultMaximum = 10240;

@@ -2,28 +2,11 @@
 
 #include <algorithm>
 
-#include "cms/live/decoder.h"
-#include "cms/live/media/codec_id.h"
 #include "cms/live/media/frame_header.h"
+#include "cms/live/media/input_padding.h"
 #include "cms/streaming/stream_probes.h"
 
 namespace cms {
-namespace {
-
-CMSCodecID CodecOf(int videoType) {
-  switch (videoType) {
-    case CMS_VIDEO_H264:
-      return CMS_CODEC_H264;
-    case CMS_VIDEO_MJPEG:
-      return CMS_CODEC_MJPEG;
-    case CMS_VIDEO_MPEG4:
-      return CMS_CODEC_MPEG4;
-    default:
-      return CMS_CODEC_NONE;
-  }
-}
-
-}  // namespace
 
 FrameRef FrameDecoder::NextTowards(const FrameRef& target) const {
   const bool cut = drained_ && !Ended(target);  // nothing can follow, though there is more
@@ -45,8 +28,8 @@ std::size_t FrameDecoder::StepsTo(const FrameRef& target) const {
 
 std::span<const std::uint8_t> FrameDecoder::Read(const FrameRef& frame) {
   const std::size_t size = frame.Frame().area + frame.Frame().payload;
-  if (bytes_.size() < size + CMSDecoder::kInputPadding) {
-    bytes_.resize(size + CMSDecoder::kInputPadding);
+  if (bytes_.size() < size + kInputPadding) {
+    bytes_.resize(size + kInputPadding);
   }
   length_ = reader_.Read(frame.Place(), frame.Frame(), std::span(bytes_).first(size));
   if (length_ < size) {
@@ -89,10 +72,10 @@ bool FrameDecoder::Feed(const FrameRef& frame) {
     const auto bytes = std::span(bytes_).first(length_);
     const auto payload = bytes.subspan(frame.Frame().area);
     if (frame.index == 0) {
-      const int marked = VideoTypeOfHeader(bytes.first(frame.Frame().area));
-      const int type = marked != 0 ? marked : VideoTypeOf(payload);
-      if (type != 0 && type != videoType_) {
-        videoType_ = codec_.Open(CodecOf(type), true) ? type : 0;
+      const CMSVideoType marked = VideoTypeOfHeader(bytes.first(frame.Frame().area));
+      const CMSVideoType type = marked != CMS_VIDEO_UNKNOWN ? marked : VideoTypeOf(payload);
+      if (type != CMS_VIDEO_UNKNOWN && type != videoType_) {
+        videoType_ = codec_.Open(CodecOfVideoType(type), true) ? type : CMS_VIDEO_UNKNOWN;
         deepest_ = 0;
       }
     }

@@ -5,6 +5,7 @@
 #include <span>
 #include <vector>
 
+#include "cms/live/media/codec_id.h"
 #include "cms/live/media/internal/video_codec.h"
 #include "cms/playback/internal/playback_track.h"
 
@@ -49,8 +50,8 @@ class FrameDecoder {
   std::size_t Pixels() const {  // of a picture; 0: none yet
     return static_cast<std::size_t>(codec_.Width()) * static_cast<std::size_t>(codec_.Height());
   }
-  std::uint64_t Lost() const { return lost_; }  // frames that gave no picture, so far
-  int VideoType() const { return videoType_; }  // 1 H.264, 2 MJPEG, 3 MPEG-4, 0: none yet
+  std::uint64_t Lost() const { return lost_; }           // frames that gave no picture, so far
+  CMSVideoType VideoType() const { return videoType_; }  // of what is decoded
 
  private:
   bool IsIn(const FrameRef& frame) const { return fed_ && fed_.Place() == frame.Place(); }
@@ -63,7 +64,7 @@ class FrameDecoder {
 
   PlaybackDataReader& reader_;
   VideoCodec codec_;
-  int videoType_ = 0;
+  CMSVideoType videoType_ = CMS_VIDEO_UNKNOWN;
   FrameRef fed_;            // last, to the codec
   bool drained_ = false;    // the codec was told that the group ends
   std::size_t failed_ = 0;  // of the group, frames that the codec refused

@@ -10,6 +10,7 @@ extern "C" {
 #include <libavcodec/avcodec.h>
 }
 
+#include "cms/live/media/internal/codec_map.h"
 #include "cms/runtime/native_path.h"
 #include "cms/streaming/stream_probes.h"
 
@@ -21,19 +22,6 @@ namespace {
 
 constexpr std::size_t kChunk = 64 * 1024;
 constexpr double kLowestRate = 0.1;
-
-AVCodecID StreamCodec(std::span<const std::uint8_t> head) {
-  switch (cms::VideoTypeOf(head)) {
-    case CMS_VIDEO_H264:
-      return AV_CODEC_ID_H264;
-    case CMS_VIDEO_MJPEG:
-      return AV_CODEC_ID_MJPEG;
-    case CMS_VIDEO_MPEG4:
-      return AV_CODEC_ID_MPEG4;
-    default:
-      return AV_CODEC_ID_NONE;
-  }
-}
 
 struct ParserClose {
   void operator()(AVCodecParserContext* parser) const { av_parser_close(parser); }
@@ -68,7 +56,8 @@ bool CPlaybackRAWDataReader::Open(std::string& error) {
 bool CPlaybackRAWDataReader::Parse() {
   std::vector<std::uint8_t> chunk(kChunk + AV_INPUT_BUFFER_PADDING_SIZE);
   std::size_t held = io_.ReadAllAt(file_.Handle(), chunk.data(), kChunk, 0);
-  const AVCodecID codec = StreamCodec(std::span(chunk).first(held));
+  const AVCodecID codec =
+      cms::ToLibraryCodec(cms::CodecOfVideoType(cms::VideoTypeOf(std::span(chunk).first(held))));
   const AVCodec* const decoder = avcodec_find_decoder(codec);
   const std::unique_ptr<AVCodecParserContext, ParserClose> parser(av_parser_init(codec));
   const std::unique_ptr<AVCodecContext, ContextFree> context(

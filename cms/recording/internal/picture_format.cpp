@@ -12,8 +12,6 @@ namespace {
 using Bytes = std::span<const std::uint8_t>;
 
 constexpr std::size_t kSearched = 1024;  // parameter sets stand in front of a key frame
-constexpr int kMjpeg = 2;
-constexpr int kMpeg4 = 3;
 
 // Up to the next start code.
 Bytes UnitAt(Bytes data, int position) {
@@ -33,19 +31,20 @@ std::uint64_t Mixed(std::uint64_t hash, std::uint64_t value) {
 }  // namespace
 
 std::uint64_t PictureFormatOf(Bytes area, Bytes payload) {
-  const int type = VideoTypeOfHeader(area);
-  if (type == 0) {
+  const CMSVideoType type = VideoTypeOfHeader(area);
+  if (type == CMS_VIDEO_UNKNOWN) {
     return 0;
   }
   std::uint64_t hash = Mixed(0xCBF29CE484222325, static_cast<std::uint64_t>(type));
-  if (type == kMjpeg) {
+  if (type == CMS_VIDEO_MJPEG) {
     const PictureSize size = MjpegSize(payload);
     hash = Mixed(Mixed(hash, static_cast<std::uint64_t>(size.width)),
                  static_cast<std::uint64_t>(size.height));
     return hash | 1;
   }
   const Bytes front = payload.first(std::min(payload.size(), kSearched));
-  const Bytes unit = UnitAt(front, type == kMpeg4 ? Mpeg4VolDataPos(front) : H264SpsDataPos(front));
+  const Bytes unit =
+      UnitAt(front, type == CMS_VIDEO_MPEG4 ? Mpeg4VolDataPos(front) : H264SpsDataPos(front));
   for (const std::uint8_t byte : unit) {
     hash = Mixed(hash, byte);
   }

@@ -5,6 +5,7 @@
 #include <random>
 #include <utility>
 
+#include "cms/live/media/codec_id.h"
 #include "cms/runtime/clock.h"
 
 namespace cms {
@@ -71,10 +72,7 @@ tCMSAudioPlayerConfig TalkBackFormat(const _RTSPSUBSESSION_CONFIG& talk) {
   if (talk.payloadType == kNoPayloadType || talk.clockRate == 0) {
     return format;
   }
-  const std::string_view encoding = talk.encodingName;
-  format.codecId = encoding == "PCMU"   ? CMS_CODEC_PCM_MULAW
-                   : encoding == "PCMA" ? CMS_CODEC_PCM_ALAW
-                                        : CMS_CODEC_PCM_S16BE;
+  format.codecId = cms::CodecOfEncodingName(talk.encodingName);
   format.sampleRate = talk.clockRate;
   format.channels = talk.channels;
   return format;
