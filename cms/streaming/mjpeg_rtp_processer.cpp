@@ -21,12 +21,12 @@ bool IsMadeFor(const tMJPEGJFIFHeaderParam& header, Header::Payload payload) {
 }  // namespace
 
 MJPEGRTPProcesser::MJPEGRTPProcesser()
-    : RTPProcesserBase(true), header_(CMJPEGMainHeader::CreateParam()) {}
+    : RTPProcesserBase(true, false), header_(CMJPEGMainHeader::CreateParam()) {}
 
 MJPEGRTPProcesser::~MJPEGRTPProcesser() = default;
 
 int MJPEGRTPProcesser::ProcessData(void* packet, int length) {
-  return Process<false>(packet, length);
+  return RTPProcesserBase::ProcessData(packet, length);
 }
 
 void MJPEGRTPProcesser::GetFrameData(void* /*frame*/, int* /*length*/, int* frameType) {

@@ -4,18 +4,14 @@
 #include <new>
 
 #include "cms/runtime/clock.h"
+#include "cms/streaming/internal/rtp_packet.h"
 
 namespace {
 
 constexpr int kMaxDropout = 3000;
 constexpr int kMaxMisorder = 100;
 
-constexpr unsigned int kFixedHeader = 12;
 constexpr std::uint64_t kIntervalMilliseconds = 1000;
-
-unsigned int Read16(const unsigned char* data) {
-  return static_cast<unsigned int>(data[0] << 8 | data[1]);
-}
 
 void Add(std::atomic<unsigned int>& counter, unsigned int value) {
   counter.store(counter.load(std::memory_order_relaxed) + value, std::memory_order_relaxed);
@@ -27,7 +23,8 @@ void RTPProcesserBase::FreeBuffer::operator()(unsigned char* buffer) const {
   ::operator delete (buffer, std::align_val_t{kAlignment});
 }
 
-RTPProcesserBase::RTPProcesserBase(bool isVideo) : isVideo_(isVideo) {
+RTPProcesserBase::RTPProcesserBase(bool isVideo, bool checksSequence)
+    : isVideo_(isVideo), checksSequence_(checksSequence) {
   // Left as it comes: pages that no frame reaches cost nothing.
   constexpr std::size_t size = kFrameOffset + kFrameCapacity + kTailRoom;
   buffer_.reset(static_cast<unsigned char*>(
@@ -127,15 +124,8 @@ int RTPProcesserBase::InsertDataToFrameBuff(const void* data, int offset, int le
 }
 
 unsigned int RTPProcesserBase::GetRTPHeaderSize(const void* packet, int length) {
-  const auto* bytes = static_cast<const unsigned char*>(packet);
-  unsigned int size = kFixedHeader + 4u * (bytes[0] & 0x0Fu);
-  if ((bytes[0] & 0x10) != 0) {
-    if (size + 4 > static_cast<unsigned int>(length)) {
-      return size + 4;
-    }
-    size += 4 + 4 * Read16(bytes + size + 2);
-  }
-  return size;
+  const std::span bytes(static_cast<const std::uint8_t*>(packet), static_cast<std::size_t>(length));
+  return static_cast<unsigned int>(cms::RtpPacket(bytes).HeaderSize());
 }
 
 void RTPProcesserBase::Count(std::uint16_t sequence, unsigned int length) {
@@ -166,41 +156,7 @@ void RTPProcesserBase::Count(std::uint16_t sequence, unsigned int length) {
   s.intervalPackets = 1;
 }
 
-void RTPProcesserBase::NoteGap(std::uint16_t last, std::uint16_t sequence) {
-  // The wrapped case counts one too few, see the header.
-  const int gap = sequence > last ? sequence - last - 1 : sequence - last + 65534;
-  totalLost_.fetch_add(static_cast<unsigned int>(gap), std::memory_order_relaxed);
-  recentLost_.fetch_add(static_cast<unsigned int>(gap), std::memory_order_relaxed);
-}
-
-int RTPProcesserBase::DeliverFrame() {
-  int delivered = 0;
-  if (frameLength_ >= kMinFrameLength && callback_ != nullptr) {
-    std::memset(frame_ + frameLength_, 0, kTailRoom);
-    callback_(callbackContext_, frame_, frameLength_);
-    delivered = 1;
-  } else if (frameLength_ > 0) {
-    Add(dropped_, 1);
-  }
-  ResetFrameBuffer();
-  return delivered;
-}
-
-template <bool kCheckSequence>
-int RTPProcesserBase::Process(void* packet, int length) {
-  if (packet == nullptr || length < static_cast<int>(kFixedHeader)) {
-    return 0;
-  }
-  const auto* bytes = static_cast<const unsigned char*>(packet);
-  const unsigned int headerSize = GetRTPHeaderSize(packet, length);
-  const auto sequence = static_cast<std::uint16_t>(Read16(bytes + 2));
-  if (statistics_.on.load(std::memory_order_acquire)) [[unlikely]] {
-    Count(sequence, static_cast<unsigned int>(length));
-  }
-  if (headerSize >= static_cast<unsigned int>(length)) {
-    return 0;
-  }
-
+void RTPProcesserBase::NoteSequence(std::uint16_t sequence) {
   const bool first = !anyPacket_;
   if (const auto step = static_cast<std::uint16_t>(sequence - observedSequence_);
       step == 1 || first) [[likely]] {
@@ -211,27 +167,52 @@ int RTPProcesserBase::Process(void* packet, int length) {
     Add(missing_, step < kMaxDropout ? step - 1u : 0u);
     observedSequence_ = sequence;
   }
-  if constexpr (kCheckSequence) {
-    const std::uint16_t last = lastSequence_.load(std::memory_order_relaxed);
-    if (sequence != static_cast<std::uint16_t>(last + 1)) [[unlikely]] {
-      discard_ = true;
-      boundary_ = false;
-      NoteGap(last, sequence);
-    }
-    if (first) [[unlikely]] {
-      resetSequence_.store(static_cast<std::uint16_t>(sequence - 1), std::memory_order_relaxed);
-      notLost_.store(GetLostCount(), std::memory_order_relaxed);
-    }
-    lastSequence_.store(sequence, std::memory_order_relaxed);
+  if (!checksSequence_) {
+    return;
   }
+  const std::uint16_t last = lastSequence_.load(std::memory_order_relaxed);
+  if (sequence != static_cast<std::uint16_t>(last + 1)) [[unlikely]] {
+    discard_ = true;
+    boundary_ = false;
+    // The wrapped case counts one too few, see the header.
+    const int gap = sequence > last ? sequence - last - 1 : sequence - last + 65534;
+    totalLost_.fetch_add(static_cast<unsigned int>(gap), std::memory_order_relaxed);
+    recentLost_.fetch_add(static_cast<unsigned int>(gap), std::memory_order_relaxed);
+  }
+  if (first) [[unlikely]] {
+    resetSequence_.store(static_cast<std::uint16_t>(sequence - 1), std::memory_order_relaxed);
+    notLost_.store(GetLostCount(), std::memory_order_relaxed);
+  }
+  lastSequence_.store(sequence, std::memory_order_relaxed);
+}
 
-  if ((bytes[0] & 0x20) != 0) [[unlikely]] {
-    // A packet of nothing but padding has its place in the sequence and no payload.
-    length -= bytes[length - 1];
-    if (length <= static_cast<int>(headerSize)) {
-      return 0;
-    }
+std::span<const std::uint8_t> RTPProcesserBase::NotePacket(std::span<const std::uint8_t> bytes) {
+  if (bytes.size() < cms::RtpPacket::kFixedHeader) {
+    return {};
   }
+  const cms::RtpPacket packet(bytes);
+  if (statistics_.on.load(std::memory_order_acquire)) [[unlikely]] {
+    Count(packet.Sequence(), static_cast<unsigned int>(bytes.size()));
+  }
+  if (packet.HeaderSize() >= bytes.size()) {
+    return {};
+  }
+  // A packet of nothing but padding has its place in the sequence and no payload.
+  NoteSequence(packet.Sequence());
+  return packet.Payload();
+}
+
+int RTPProcesserBase::ProcessData(void* packet, int length) {
+  if (packet == nullptr || length < 0) {
+    return 0;
+  }
+  const auto* const bytes = static_cast<const std::uint8_t*>(packet);
+  const auto payload = NotePacket({bytes, static_cast<std::size_t>(length)});
+  if (payload.empty()) {
+    return 0;
+  }
+  const auto headerSize = static_cast<unsigned int>(payload.data() - bytes);
+  length = static_cast<int>(headerSize + payload.size());
 
   if (boundary_) {
     boundary_ = false;
@@ -242,28 +223,25 @@ int RTPProcesserBase::Process(void* packet, int length) {
       discard_ = false;
     }
   }
-  if (!discard_) [[likely]] {
-    if (AddDataToFrameBuff(packet, length, headerSize) == 0) {
-      discard_ = true;
-      ResetFrameBuffer();
-      if (IsEndOfFrame(packet, length, headerSize) != 0) {
-        Add(dropped_, 1);
-      }
-      return 0;
-    }
-    return IsEndOfFrame(packet, length, headerSize) != 0 ? DeliverFrame() : 0;
-  }
-  if (IsEndOfFrame(packet, length, headerSize) != 0) {
-    boundary_ = true;
-    Add(dropped_, 1);
+  if (!discard_ && AddDataToFrameBuff(packet, length, headerSize) == 0) [[unlikely]] {
+    discard_ = true;
     ResetFrameBuffer();
+    if (IsEndOfFrame(packet, length, headerSize) != 0) {
+      Add(dropped_, 1);
+    }
+    return 0;
   }
-  return 0;
-}
-
-template int RTPProcesserBase::Process<true>(void* packet, int length);
-template int RTPProcesserBase::Process<false>(void* packet, int length);
-
-int RTPProcesserBase::ProcessData(void* packet, int length) {
-  return Process<true>(packet, length);
+  if (IsEndOfFrame(packet, length, headerSize) == 0) {
+    return 0;
+  }
+  const bool delivers = !discard_ && frameLength_ >= kMinFrameLength && callback_ != nullptr;
+  if (delivers) {
+    std::memset(frame_ + frameLength_, 0, kTailRoom);
+    callback_(callbackContext_, frame_, frameLength_);
+  } else if (discard_ || frameLength_ > 0) {
+    Add(dropped_, 1);
+  }
+  boundary_ = discard_;
+  ResetFrameBuffer();
+  return delivers ? 1 : 0;
 }

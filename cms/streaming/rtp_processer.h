@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <span>
 
 #include "cms/live/media/frame_type.h"
 #include "cms/live/media/input_padding.h"
@@ -46,6 +47,11 @@ class CMS_API RTPProcesserBase {
   // Sets the frame type of a finished frame, a cms::FrameType. `length`
   // is not read; the caller owes as many readable bytes as the codec's class says.
   virtual void GetFrameData(void* frame, int* length, int* frameType) = 0;
+
+  // What ProcessData does with a packet in front of its payload: statistics, sequence and losses.
+  // Returns the payload, empty when there is none to use. For streams whose packets are handed on
+  // one by one, instead of ProcessData.
+  std::span<const std::uint8_t> NotePacket(std::span<const std::uint8_t> packet);
 
   // The steps that a codec supplies; `headerSize` is the RTP header's and smaller than `length`.
   // AddDataToFrameBuff appends the payload to the frame: 0 when it does not fit or is malformed.
@@ -109,7 +115,8 @@ class CMS_API RTPProcesserBase {
   void ResetMetadada() { metadataLength_ = 0; }
 
  protected:
-  explicit RTPProcesserBase(bool isVideo);
+  // Without the sequence check gaps neither discard nor count as lost.
+  explicit RTPProcesserBase(bool isVideo, bool checksSequence = true);
 
   // 0 when the frame would pass kFrameCapacity; the frame is then as it was.
   int AppendDataToFrameBuff(const void* data, int length);
@@ -120,10 +127,6 @@ class CMS_API RTPProcesserBase {
   // Size of the RTP header with contributing sources and extension (RFC 3550, 5.1 and 5.3.1). Not
   // smaller than `length` when the header does not lie in the packet. `length` is 12 or more.
   static unsigned int GetRTPHeaderSize(const void* packet, int length);
-
-  // The procedure behind ProcessData; without the sequence check gaps neither discard nor count.
-  template <bool kCheckSequence>
-  int Process(void* packet, int length);
 
   const unsigned char* FrameData() const { return frame_; }
   int FrameLength() const { return frameLength_; }
@@ -157,8 +160,7 @@ class CMS_API RTPProcesserBase {
   };
 
   void Count(std::uint16_t sequence, unsigned int length);
-  void NoteGap(std::uint16_t last, std::uint16_t sequence);
-  int DeliverFrame();
+  void NoteSequence(std::uint16_t sequence);
 
   // What every packet touches comes first.
   unsigned char* frame_ = nullptr;  // start of the frame in progress
@@ -168,6 +170,7 @@ class CMS_API RTPProcesserBase {
   bool boundary_ = false;  // a frame end was seen while discarding: the next packet may start one
   bool anyPacket_ = false;
   const bool isVideo_;
+  const bool checksSequence_;
   std::uint16_t observedSequence_ = 0;
   std::atomic<std::uint16_t> lastSequence_{0};
   Statistics statistics_;

@@ -1,12 +1,14 @@
 #include "cms/streaming/rtsp_sub_session.h"
 
+#include <algorithm>
 #include <cstring>
 #include <new>
-#include <string_view>
 
+#include "cms/live/media/codec_id.h"
+#include "cms/live/media/frame_type.h"
+#include "cms/live/media/input_padding.h"
 #include "cms/streaming/h264_rtp_processer.h"
 #include "cms/streaming/internal/parameter_sets.h"
-#include "cms/streaming/internal/rtp_packet.h"
 #include "cms/streaming/mjpeg_rtp_processer.h"
 #include "cms/streaming/mp4ves_rtp_processer.h"
 #include "cms/streaming/simple_rtp_processer.h"
@@ -14,7 +16,6 @@
 namespace {
 
 constexpr int kLargestPacket = 65536;
-constexpr int kPadding = 64;  // what decoders may read behind a frame
 
 }  // namespace
 
@@ -29,24 +30,31 @@ int RTSPSubSession::SetConfig(const _RTSPSUBSESSION_CONFIG& config,
 }
 
 int RTSPSubSession::CreateRTPProcesser() {
-  const std::string_view encoding = config_.encodingName;
-  if (encoding == "H264") {
-    auto h264 = std::make_unique<H264RTPProcesser>();
-    h264->SetIgnoreDelimiters(options_.ignoreDelimiters);
-    cms::ParameterSets sets = cms::DecodeParameterSets(config_.parameterSets);
-    if (!sets.sps.empty() && !sets.pps.empty()) {
-      h264->SetSPSSet(sets.sps.data(), static_cast<unsigned int>(sets.sps.size()));
-      h264->SetPPSSet(sets.pps.data(), static_cast<unsigned int>(sets.pps.size()));
+  switch (cms::CodecOfEncodingName(config_.encodingName)) {
+    case CMS_CODEC_H264: {
+      auto h264 = std::make_unique<H264RTPProcesser>();
+      h264->SetIgnoreDelimiters(options_.ignoreDelimiters);
+      cms::ParameterSets sets = cms::DecodeParameterSets(config_.parameterSets);
+      if (!sets.sps.empty() && !sets.pps.empty()) {
+        h264->SetSPSSet(sets.sps.data(), static_cast<unsigned int>(sets.sps.size()));
+        h264->SetPPSSet(sets.pps.data(), static_cast<unsigned int>(sets.pps.size()));
+      }
+      processer_ = std::move(h264);
+      break;
     }
-    processer_ = std::move(h264);
-  } else if (encoding == "JPEG") {
-    processer_ = std::make_unique<MJPEGRTPProcesser>();
-  } else if (encoding == "MP4V-ES") {
-    processer_ = std::make_unique<MP4VESRTPProcesser>();
-  } else if (encoding == "PCMU" || encoding == "PCMA" || encoding == "L16") {
-    processer_ = std::make_unique<SimpleRTPProcesser>();
-  } else {
-    return 0;
+    case CMS_CODEC_MJPEG:
+      processer_ = std::make_unique<MJPEGRTPProcesser>();
+      break;
+    case CMS_CODEC_MPEG4:
+      processer_ = std::make_unique<MP4VESRTPProcesser>();
+      break;
+    case CMS_CODEC_PCM_MULAW:
+    case CMS_CODEC_PCM_ALAW:
+    case CMS_CODEC_PCM_S16BE:
+      processer_ = std::make_unique<SimpleRTPProcesser>();
+      break;
+    default:
+      return 0;
   }
   processer_->SetSiteNum(options_.siteNumber);
   processer_->SetIsBPSCounting(!options_.video);
@@ -54,7 +62,7 @@ int RTSPSubSession::CreateRTPProcesser() {
     processer_->SetFrameCallback(&RTSPSubSession::OnFrame, this);
   } else {
     audioFrame_.reset(new (std::nothrow) unsigned char[static_cast<std::size_t>(
-        options_.headerRoom + kLargestPacket + kPadding)]);
+        options_.headerRoom + kLargestPacket + cms::kInputPadding)]);
     if (!audioFrame_) {
       return 0;
     }
@@ -86,27 +94,22 @@ int RTSPSubSession::RTPOverRTSPAddPacket(const void* data, int length) {
     leftOut_ = false;
     processer_->NoteBreak();
   }
-  if (!options_.video) {
-    DeliverAudio({static_cast<const std::uint8_t*>(data), static_cast<std::size_t>(length)});
+  if (options_.video) {
+    return processer_->ProcessData(const_cast<void*>(data), length);
   }
-  const int result = processer_->ProcessData(const_cast<void*>(data), length);
-  if (!options_.video) {
-    processer_->ResetFrameBuffer();
-  }
-  return result;
+  DeliverAudio(processer_->NotePacket(
+      {static_cast<const std::uint8_t*>(data), static_cast<std::size_t>(std::max(length, 0))}));
+  return 0;
 }
 
-void RTSPSubSession::DeliverAudio(std::span<const std::uint8_t> packet) {
-  const auto payload = cms::RTPPayload(packet);
-  if (!payload || payload->empty() || payload->size() > kLargestPacket ||
-      options_.callback == nullptr) {
+void RTSPSubSession::DeliverAudio(std::span<const std::uint8_t> payload) {
+  if (payload.empty() || payload.size() > kLargestPacket || options_.callback == nullptr) {
     return;
   }
   unsigned char* const frame = audioFrame_.get() + options_.headerRoom;
-  std::memcpy(frame, payload->data(), payload->size());
-  constexpr int kAudioFrameType = 1;
+  std::memcpy(frame, payload.data(), payload.size());
   options_.callback(options_.context, audioFrame_.get(), options_.headerRoom, frame,
-                    static_cast<int>(payload->size()), kAudioFrameType);
+                    static_cast<int>(payload.size()), cms::kKeyFrame);
 }
 
 void RTSPSubSession::OnFrame(void* context, void* frame, int length) {
@@ -114,8 +117,7 @@ void RTSPSubSession::OnFrame(void* context, void* frame, int length) {
   if (self->options_.callback == nullptr) {
     return;
   }
-  constexpr int kUnknownFrameType = 5;
-  int frameType = kUnknownFrameType;
+  int frameType = cms::kUntoldFrame;
   self->processer_->GetFrameData(frame, &length, &frameType);
   auto* const payload = static_cast<unsigned char*>(frame);
   self->options_.callback(self->options_.context, payload - self->options_.headerRoom,

@@ -70,7 +70,7 @@ class CMS_API RTSPSubSession final : public RTCPStatistics {
 
  private:
   static void OnFrame(void* context, void* frame, int length);
-  void DeliverAudio(std::span<const std::uint8_t> packet);
+  void DeliverAudio(std::span<const std::uint8_t> payload);
 
   _RTSPSUBSESSION_CONFIG config_{};
   RTSPSubSessionOptions options_;

@@ -5,14 +5,6 @@
 namespace cms {
 namespace {
 
-std::uint16_t Read16(std::span<const std::uint8_t> packet, std::size_t at) {
-  return static_cast<std::uint16_t>(packet[at] << 8 | packet[at + 1]);
-}
-
-std::uint32_t Read32(std::span<const std::uint8_t> packet, std::size_t at) {
-  return static_cast<std::uint32_t>(Read16(packet, at)) << 16 | Read16(packet, at + 2);
-}
-
 // What RTCP's packet types look like where RTP has its payload type (RFC 3550, 12; RFC 5761, 4).
 bool LooksLikeRtcp(unsigned type) {
   return type >= 72 && type <= 76;
@@ -49,22 +41,23 @@ std::span<const std::uint8_t> RtpGate::PlaceOf(std::span<const std::uint8_t> pac
   return place_;
 }
 
-std::span<const std::uint8_t> RtpGate::Admit(std::span<const std::uint8_t> packet) {
-  if (packet.size() < kFixedHeader || packet[0] >> 6 != 2) {
+std::span<const std::uint8_t> RtpGate::Admit(std::span<const std::uint8_t> bytes) {
+  if (bytes.size() < kFixedHeader || RtpPacket(bytes).Version() != RtpPacket::kVersion) {
     return {};
   }
-  const std::uint16_t sequence = Read16(packet, 2);
-  const std::uint32_t source = Read32(packet, 8);
-  if (!IsOwnType(packet[1] & 0x7Fu)) {
+  const RtpPacket packet(bytes);
+  const std::uint16_t sequence = packet.Sequence();
+  const std::uint32_t source = packet.Source();
+  if (!IsOwnType(packet.PayloadType())) {
     if (!any_ || source != source_ || sequence != static_cast<std::uint16_t>(last_ + 1)) {
       return {};
     }
     last_ = sequence;
-    return PlaceOf(packet);
+    return PlaceOf(bytes);
   }
   if (dropDoubled_) {
-    const Seen now{Read32(packet, 4), source, sequence,
-                   static_cast<std::uint16_t>(std::min<std::size_t>(packet.size(), 0xFFFF))};
+    const Seen now{packet.Timestamp(), source, sequence,
+                   static_cast<std::uint16_t>(std::min<std::size_t>(bytes.size(), 0xFFFF))};
     Seen& before = seen_[sequence % kWindow];
     if (before == now) {
       return {};
@@ -74,7 +67,7 @@ std::span<const std::uint8_t> RtpGate::Admit(std::span<const std::uint8_t> packe
   any_ = true;
   source_ = source;
   last_ = sequence;
-  return packet;
+  return bytes;
 }
 
 }  // namespace cms

@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <span>
 
+#include "cms/streaming/internal/rtp_packet.h"
+
 namespace cms {
 
 // Strangers' datagrams, RTCP on the wrong port and packets of another payload type would cost a
@@ -25,10 +27,10 @@ class RtpGate {
 
   // What the depacketizer is to be given: the packet itself, a packet of the gate's own with
   // padding only (valid until the next call), or nothing.
-  std::span<const std::uint8_t> Admit(std::span<const std::uint8_t> packet);
+  std::span<const std::uint8_t> Admit(std::span<const std::uint8_t> bytes);
 
  private:
-  static constexpr std::size_t kFixedHeader = 12;
+  static constexpr std::size_t kFixedHeader = RtpPacket::kFixedHeader;
   static constexpr unsigned kNoType = 0xFF;
 
   // One of the latest packets, kept at its number's place.
