@@ -1,0 +1,43 @@
+#include "cms/live/media/frame.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+
+#include "cms/live/media/frame_header.h"
+
+namespace {
+
+constexpr std::array<std::uint8_t, 7> kPayload = {1, 2, 3, 4, 5, 6, 7};
+
+cms::FrameView ViewOf(const std::array<std::uint8_t, cms::kVideoHeaderRoom>& area, int size) {
+  return cms::FrameOf(area.data(), size, kPayload.data(), kPayload.size(), 9, 12'345);
+}
+
+TEST(FrameView, KnowsWhatItsHeaderSays) {
+  std::array<std::uint8_t, cms::kVideoHeaderRoom> area;
+  cms::VideoFrameInfo info;
+  info.payloadSize = kPayload.size();
+  info.hostSeconds = 1'700'000'000;
+  info.frameType = cms::kKeyFrame;
+  cms::BuildVideoFrameHeader(area, info);
+  ASSERT_TRUE(cms::SetDeviceEventMark(std::span(area).first<cms::kDrvHeaderSize>(), 9));
+
+  const cms::FrameView frame = ViewOf(area, static_cast<int>(area.size()));
+  EXPECT_TRUE(frame.key);
+  EXPECT_FALSE(frame.audio);
+  EXPECT_EQ(frame.seconds, 1'700'000'000u);
+  EXPECT_EQ(frame.marks, (cms::EventMarks{true, false, false})) << "those of its own channel";
+  EXPECT_EQ(frame.fields.AreaLength(), frame.header.size());
+  EXPECT_EQ(frame.fields.PayloadLength(), frame.payload.size());
+  EXPECT_EQ(frame.payload.data(), kPayload.data()) << "a view";
+  EXPECT_EQ(frame.arrivalUs, 12'345u);
+
+  for (const int size : {-1, 0, 31}) {
+    const cms::FrameView none = ViewOf(area, size);
+    EXPECT_FALSE(none.fields.HasSync()) << "no header for the recorder, of " << size << " bytes";
+    EXPECT_FALSE(none.key);
+  }
+}
+
+}  // namespace
