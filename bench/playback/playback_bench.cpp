@@ -86,7 +86,7 @@ int Record(const std::filesystem::path& drvPath, std::uint64_t bytes, int mostSe
     info.payloadSize = static_cast<std::uint32_t>(frame.data.size());
     info.hostSeconds = kStart + frames / kFps;
     info.frameRate = kFps;
-    info.frameType = frame.key ? 1 : 2;
+    info.frameType = frame.key ? cms::kKeyFrame : cms::kOtherFrame;
     info.videoType = CMS_VIDEO_H264;
     info.sequence = frames + 1;
     std::array<std::uint8_t, cms::kVideoHeaderRoom> area;
@@ -95,7 +95,7 @@ int Record(const std::filesystem::path& drvPath, std::uint64_t bytes, int mostSe
     record.offset = static_cast<std::uint32_t>(offset);
     record.milliseconds =
         static_cast<std::uint64_t>(info.hostSeconds) * 1000 + frames % kFps * 1000 / kFps;
-    record.frame_type = frame.key ? 1 : 2;
+    record.frame_type = frame.key ? cms::kKeyFrame : cms::kOtherFrame;
     drv.write(reinterpret_cast<const char*>(area.data()), area.size());
     drv.write(reinterpret_cast<const char*>(frame.data.data()),
               static_cast<std::streamsize>(frame.data.size()));

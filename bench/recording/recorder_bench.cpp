@@ -66,7 +66,7 @@ class Camera {
     cms::VideoFrameInfo info;
     info.payloadSize = kFrame;
     info.hostSeconds = cms::WallSeconds();
-    info.frameType = sequence_ % kGop == 0 ? 1 : 2;
+    info.frameType = sequence_ % kGop == 0 ? cms::kKeyFrame : cms::kOtherFrame;
     info.videoType = CMS_VIDEO_H264;
     info.sequence = ++sequence_;
     std::array<std::uint8_t, cms::kVideoHeaderRoom> area;

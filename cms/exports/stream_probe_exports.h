@@ -10,7 +10,7 @@
 
 extern "C" {
 
-// Video type of a frame: 0 unknown, 1 H.264, 2 MJPEG, 3 MPEG-4. Reads up to 4 bytes.
+// Video type of a frame, a CMSVideoType. Reads up to 4 bytes.
 CMS_API int CMSGetVideoType(const void* data);
 
 // Offset just behind the first VOP (00 00 01 B6) or video-object-layer (00 00 01 20 to 2F) start

@@ -75,7 +75,7 @@ struct _MULTI_PB_GET_FRAME_CALL_BACK_PARAM {
   unsigned site = 0;  // index
   unsigned channel = 0;
   std::int64_t time = 0;
-  int frameType = 0;            // 1: key frame
+  int frameType = 0;            // a cms::FrameType
   std::uint64_t serial = 0;     // the synchronisation that the reader works for
   std::int64_t wantedTime = 0;  // of the picture that it is on its way to
   int show = 0;                 // answer: 0: decode it for those that follow, 1: it is that picture

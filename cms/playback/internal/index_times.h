@@ -13,7 +13,7 @@ namespace cms {
 struct IndexedFrame {
   std::uint64_t milliseconds = 0;  // since 1970-01-01 UTC
   std::uint64_t offset = 0;        // of its header
-  std::uint8_t type = 0;           // 1: key frame
+  std::uint8_t type = 0;           // a FrameType
   bool timed = false;              // else its second alone is known
 
   std::uint64_t Second() const { return milliseconds / 1000; }

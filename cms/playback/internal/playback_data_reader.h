@@ -23,7 +23,7 @@ struct PlaybackFrame {
   std::uint64_t offset = 0;
   std::uint32_t area = 0;     // bytes of its header, in front of the payload
   std::uint32_t payload = 0;  // bytes
-  std::uint8_t type = 0;      // 1: key frame
+  std::uint8_t type = 0;      // a FrameType
 };
 
 // Where a group of pictures is: a file of the reader and a key frame of that file.

@@ -10,6 +10,7 @@ extern "C" {
 #include <libavcodec/avcodec.h>
 }
 
+#include "cms/live/media/frame_type.h"
 #include "cms/live/media/internal/codec_map.h"
 #include "cms/runtime/native_path.h"
 #include "cms/streaming/stream_probes.h"
@@ -106,7 +107,7 @@ void CPlaybackRAWDataReader::Add(std::uint64_t offset, std::size_t size, bool ke
       startTime_ + static_cast<std::int64_t>(static_cast<double>(frames_.size()) * interval_);
   frame.offset = offset;
   frame.payload = static_cast<std::uint32_t>(size);
-  frame.type = key ? 1 : 2;
+  frame.type = key ? cms::kKeyFrame : cms::kOtherFrame;
   frames_.push_back(frame);
 }
 
