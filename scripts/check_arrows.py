@@ -10,17 +10,17 @@ from pathlib import Path
 
 # A room may include itself and the rooms of lower levels; never its neighbours of one level.
 LEVELS = {
-    "exports": 5,
-    "httpserver": 4,
-    "ipcam": 4,
-    "playback": 4,
-    "streaming": 4,
-    "live": 3,
-    "audio": 2,
-    "net": 2,
-    "recording": 2,
-    "live/media": 1,
+    "exports": 6,
+    "httpserver": 5,
+    "ipcam": 5,
+    "playback": 5,
+    "streaming": 5,
+    "live": 4,
+    "audio": 3,
+    "net": 3,
+    "recording": 3,
     "probes": 2,
+    "live/media": 1,
     "runtime": 0,
 }
 
@@ -29,6 +29,7 @@ PROBES = ("cms/streaming/stream_probes", "cms/streaming/internal/bit_reader")
 
 # Of a folder's internal headers cms/exports/ may include all, and other folders these.
 SHARED_INTERNALS = {
+    "cms/live/media/internal/codec_map.h",
     "cms/live/media/internal/picture_converter.h",
     "cms/live/media/internal/video_codec.h",
     "cms/net/internal/listening_socket.h",
