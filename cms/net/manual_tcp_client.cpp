@@ -10,7 +10,7 @@ class ManualTCPClient::Call {
  public:
   explicit Call(ManualTCPClient& client, bool connecting = false)
       : client_(client), connecting_(connecting) {
-    ScopeLock lock(client_.calls_lock_);
+    ScopeLock lock(client_.callsLock_);
     entered_ = !client_.ending_;
     if (entered_) {
       ++client_.calls_;
@@ -19,10 +19,10 @@ class ManualTCPClient::Call {
   }
   ~Call() {
     if (entered_) {
-      ScopeLock lock(client_.calls_lock_);
+      ScopeLock lock(client_.callsLock_);
       --client_.calls_;
       client_.connecting_ = client_.connecting_ && !connecting_;
-      client_.call_ended_.NotifyAll();
+      client_.callEnded_.NotifyAll();
     }
   }
   Call(const Call&) = delete;
@@ -46,7 +46,7 @@ ManualTCPClient::~ManualTCPClient() {
 
 int ManualTCPClient::OnConnect(unsigned long address, unsigned long port) {
   const Call call(*this, true);
-  if (!call.Entered() || ConnectSocket(address, port, -1, &end_connect_) == 0) {
+  if (!call.Entered() || ConnectSocket(address, port, -1, &endConnect_) == 0) {
     return 0;
   }
   const int flags = fcntl(Socket(), F_GETFL);
@@ -67,19 +67,19 @@ int ManualTCPClient::OnStopTCPClient(bool) {
 }
 
 void ManualTCPClient::EndCalls() {
-  ScopeLock lock(calls_lock_);
+  ScopeLock lock(callsLock_);
   ending_ = true;
-  end_connect_.Signal();
+  endConnect_.Signal();
   while (calls_ > 0) {
     // Closing alone would wake nobody, and give the number away that they still use. A connecting
     // call closes its socket by itself.
     if (!connecting_ && Socket() >= 0) {
       shutdown(Socket(), SHUT_RDWR);
     }
-    call_ended_.Wait();
+    callEnded_.Wait();
   }
   CloseSocket();
-  end_connect_.Clear();
+  endConnect_.Clear();
   ending_ = false;
 }
 

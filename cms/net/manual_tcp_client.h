@@ -32,10 +32,10 @@ class CMS_API ManualTCPClient : protected TCPClientBase {
   class Call;
   void EndCalls();
 
-  CMSCritical calls_lock_;
-  CMSCondition call_ended_{calls_lock_};
-  int calls_ CMS_GUARDED_BY(calls_lock_) = 0;            // in progress
-  bool connecting_ CMS_GUARDED_BY(calls_lock_) = false;  // one of them
-  bool ending_ CMS_GUARDED_BY(calls_lock_) = false;      // no new ones
-  cms::WakeUp end_connect_;
+  CMSCritical callsLock_;
+  CMSCondition callEnded_{callsLock_};
+  int calls_ CMS_GUARDED_BY(callsLock_) = 0;            // in progress
+  bool connecting_ CMS_GUARDED_BY(callsLock_) = false;  // one of them
+  bool ending_ CMS_GUARDED_BY(callsLock_) = false;      // no new ones
+  cms::WakeUp endConnect_;
 };

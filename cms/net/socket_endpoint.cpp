@@ -13,16 +13,16 @@ SocketEndpoint::SocketEndpoint() = default;
 SocketEndpoint::~SocketEndpoint() = default;
 
 void SocketEndpoint::WakeSender() {
-  ScopeLock lock(signal_lock_);
-  if (send_signal_ != nullptr) {
-    send_signal_->Wake();
+  ScopeLock lock(signalLock_);
+  if (sendSignal_ != nullptr) {
+    sendSignal_->Wake();
   }
 }
 
 void SocketEndpoint::ResumeReceiver() {
-  ScopeLock lock(signal_lock_);
-  if (receive_signal_ != nullptr) {
-    receive_signal_->Change();
+  ScopeLock lock(signalLock_);
+  if (receiveSignal_ != nullptr) {
+    receiveSignal_->Change();
   }
 }
 
@@ -47,13 +47,13 @@ void SocketEndpoint::SetReceiveSignal(std::shared_ptr<IoSignal> signal) {
   if (signal == nullptr) {
     unregistrations_.fetch_add(1, std::memory_order_relaxed);
   }
-  ScopeLock lock(signal_lock_);
-  receive_signal_ = std::move(signal);
+  ScopeLock lock(signalLock_);
+  receiveSignal_ = std::move(signal);
 }
 
 void SocketEndpoint::SetSendSignal(std::shared_ptr<IoSignal> signal) {
-  ScopeLock lock(signal_lock_);
-  send_signal_ = std::move(signal);
+  ScopeLock lock(signalLock_);
+  sendSignal_ = std::move(signal);
 }
 
 }  // namespace cms

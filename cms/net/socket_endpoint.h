@@ -30,15 +30,15 @@ class CMS_API SocketEndpoint {
   int Socket() const { return socket_.load(std::memory_order_relaxed); }  // -1: none
 
   // errno of the last connect, receive or send that failed; 0 when none did since the last connect.
-  int LastSocketError() const { return last_error_.load(std::memory_order_relaxed); }
+  int LastSocketError() const { return lastError_.load(std::memory_order_relaxed); }
 
   // Has the send thread look for bytes to send.
   void WakeSender();
-  // Has the receive thread look at wants_receive_ again.
+  // Has the receive thread look at wantsReceive_ again.
   void ResumeReceiver();
 
   void SetSocket(int descriptor) { socket_.store(descriptor, std::memory_order_relaxed); }
-  void SetLastError(int error) { last_error_.store(error, std::memory_order_relaxed); }
+  void SetLastError(int error) { lastError_.store(error, std::memory_order_relaxed); }
   // 0 when there was no socket, else whether closing succeeded. The client is not registered.
   int CloseEndpoint();
   // The option when there is a socket and it took it: 1, else 0.
@@ -50,12 +50,12 @@ class CMS_API SocketEndpoint {
    public:
     explicit ReceiveStep(SocketEndpoint& client)
         : client_(client), begun_(client.unregistrations_.load(std::memory_order_relaxed)) {
-      client.step_was_burst_ = false;
+      client.stepWasBurst_ = false;
     }
     bool IsCancelled() const {
       return client_.unregistrations_.load(std::memory_order_relaxed) != begun_;
     }
-    void NoteBurst() { client_.step_was_burst_ = true; }
+    void NoteBurst() { client_.stepWasBurst_ = true; }
 
    private:
     SocketEndpoint& client_;
@@ -64,7 +64,7 @@ class CMS_API SocketEndpoint {
 
   // While unset the receive thread does not wait for the socket. Whoever sets it again while the
   // client may be registered calls ResumeReceiver.
-  std::atomic<bool> wants_receive_{true};
+  std::atomic<bool> wantsReceive_{true};
 
  private:
   friend class ::EachClientSRManager;
@@ -76,12 +76,12 @@ class CMS_API SocketEndpoint {
   void SetSendSignal(std::shared_ptr<IoSignal> signal);
 
   std::atomic<int> socket_{-1};
-  std::atomic<int> last_error_{0};
+  std::atomic<int> lastError_{0};
   std::atomic<unsigned> unregistrations_{0};  // from a receive thread
-  bool step_was_burst_ = false;               // receive thread
-  CMSCritical signal_lock_;                   // innermost: nothing is locked inside
-  std::shared_ptr<IoSignal> receive_signal_ CMS_GUARDED_BY(signal_lock_);
-  std::shared_ptr<IoSignal> send_signal_ CMS_GUARDED_BY(signal_lock_);
+  bool stepWasBurst_ = false;                 // receive thread
+  CMSCritical signalLock_;                    // innermost: nothing is locked inside
+  std::shared_ptr<IoSignal> receiveSignal_ CMS_GUARDED_BY(signalLock_);
+  std::shared_ptr<IoSignal> sendSignal_ CMS_GUARDED_BY(signalLock_);
 };
 
 }  // namespace cms

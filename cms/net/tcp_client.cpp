@@ -47,57 +47,56 @@ int TCPClientBase::OnInitialVariable() {
 int TCPClientBase::OnInitialVariable(tTcpClientParam param) {
   const tTcpClientParam standard;
   const auto size = [](int given, int otherwise) { return given > 0 ? given : otherwise; };
-  recv_queue_depth_ = size(param.recvQueueDepth, standard.recvQueueDepth);
-  recv_chunk_size_ = size(param.recvChunkSize, standard.recvChunkSize);
-  send_queue_depth_ = size(param.sendQueueDepth, standard.sendQueueDepth);
-  send_chunk_size_ = size(param.sendChunkSize, standard.sendChunkSize);
-  recv_callback_ = param.recvCallback;
-  recv_context_ = param.recvContext;
+  recvQueueDepth_ = size(param.recvQueueDepth, standard.recvQueueDepth);
+  recvChunkSize_ = size(param.recvChunkSize, standard.recvChunkSize);
+  sendQueueDepth_ = size(param.sendQueueDepth, standard.sendQueueDepth);
+  sendChunkSize_ = size(param.sendChunkSize, standard.sendChunkSize);
+  recvCallback_ = param.recvCallback;
+  recvContext_ = param.recvContext;
   running_.store(1, std::memory_order_relaxed);
   connected_.store(0, std::memory_order_relaxed);
-  remote_address_ = 0;
-  remote_port_ = 0;
+  remoteAddress_ = 0;
+  remotePort_ = 0;
   remote_ = {};
-  recv_scratch_.reset();
-  send_scratch_.reset();
+  recvScratch_.reset();
+  sendScratch_.reset();
   CloseSocket();
   return OnAllocateMemory();
 }
 
 int TCPClientBase::OnAllocateMemory() {
-  const auto ring = static_cast<std::int64_t>(send_queue_depth_) * send_chunk_size_;
+  const auto ring = static_cast<std::int64_t>(sendQueueDepth_) * sendChunkSize_;
   if (ring > std::numeric_limits<int>::max()) {
     return 0;
   }
   // Nothing is queued for OnRecv while a callback takes the bytes, so that mode has no queue.
-  if (recv_callback_ == nullptr &&
-      recv_queue_.AllocateBuffer(recv_queue_depth_, recv_chunk_size_) == 0) {
+  if (recvCallback_ == nullptr && recvQueue_.AllocateBuffer(recvQueueDepth_, recvChunkSize_) == 0) {
     return 0;
   }
-  recv_scratch_.reset(new (std::nothrow) char[static_cast<std::size_t>(recv_chunk_size_)]());
-  send_scratch_.reset(new (std::nothrow) char[static_cast<std::size_t>(send_chunk_size_)]());
-  ScopeLock lock(send_lock_);
-  send_ring_.reset(new (std::nothrow) CSimpleBuffer);
-  send_ring_used_ = 0;
-  pending_send_length_ = 0;
-  send_ring_size_ = static_cast<int>(ring);
-  if (recv_scratch_ == nullptr || send_scratch_ == nullptr || send_ring_ == nullptr ||
-      send_ring_->AllocateBuffer(send_queue_depth_, send_chunk_size_) == 0) {
-    send_ring_.reset();
+  recvScratch_.reset(new (std::nothrow) char[static_cast<std::size_t>(recvChunkSize_)]());
+  sendScratch_.reset(new (std::nothrow) char[static_cast<std::size_t>(sendChunkSize_)]());
+  ScopeLock lock(sendLock_);
+  sendRing_.reset(new (std::nothrow) CSimpleBuffer);
+  sendRingUsed_ = 0;
+  pendingSendLength_ = 0;
+  sendRingSize_ = static_cast<int>(ring);
+  if (recvScratch_ == nullptr || sendScratch_ == nullptr || sendRing_ == nullptr ||
+      sendRing_->AllocateBuffer(sendQueueDepth_, sendChunkSize_) == 0) {
+    sendRing_.reset();
     return 0;
   }
   return 1;
 }
 
 int TCPClientBase::OnReleaseMemory() {
-  recv_queue_.StopBuffer();
-  recv_queue_.ReleaseBuffer();
-  recv_scratch_.reset();
-  send_scratch_.reset();
-  ScopeLock lock(send_lock_);
-  send_ring_.reset();
-  send_ring_used_ = 0;
-  pending_send_length_ = 0;
+  recvQueue_.StopBuffer();
+  recvQueue_.ReleaseBuffer();
+  recvScratch_.reset();
+  sendScratch_.reset();
+  ScopeLock lock(sendLock_);
+  sendRing_.reset();
+  sendRingUsed_ = 0;
+  pendingSendLength_ = 0;
   return 1;
 }
 
@@ -109,13 +108,13 @@ int TCPClientBase::ConnectSocket(unsigned long address, unsigned long port, int 
                                  cms::WakeUp* cancel) {
   CloseSocket();
   SetLastError(0);
-  remote_address_ = static_cast<std::uint32_t>(address);
-  remote_port_ = port;
+  remoteAddress_ = static_cast<std::uint32_t>(address);
+  remotePort_ = port;
   if (port > std::numeric_limits<std::uint16_t>::max()) {
     SetLastError(EINVAL);
     return 0;
   }
-  remote_ = cms::MakeAddress(remote_address_, static_cast<std::uint16_t>(port));
+  remote_ = cms::MakeAddress(remoteAddress_, static_cast<std::uint16_t>(port));
   const int descriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   if (descriptor < 0) {
     SetLastError(errno);
@@ -131,9 +130,9 @@ int TCPClientBase::ConnectSocket(unsigned long address, unsigned long port, int 
   // Requests are small and answered one by one; waiting to fill segments would only delay them.
   const int on = 1;
   setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-  peer_closed_ = false;
-  wants_receive_.store(true, std::memory_order_relaxed);
-  send_failed_.store(false, std::memory_order_relaxed);
+  peerClosed_ = false;
+  wantsReceive_.store(true, std::memory_order_relaxed);
+  sendFailed_.store(false, std::memory_order_relaxed);
   connected_.store(1, std::memory_order_relaxed);
   return 1;
 }
@@ -143,8 +142,8 @@ int TCPClientBase::OnStartTCPClient(unsigned long address, unsigned long port, u
     return 0;
   }
   {
-    ScopeLock lock(send_lock_);
-    pending_send_length_ = 0;
+    ScopeLock lock(sendLock_);
+    pendingSendLength_ = 0;
   }
   running_.store(1, std::memory_order_relaxed);
   if (group != kNoIoGroup &&
@@ -158,7 +157,7 @@ int TCPClientBase::OnStartTCPClient(unsigned long address, unsigned long port, u
 int TCPClientBase::OnStopTCPClient(bool closeSocket) {
   running_.store(0, std::memory_order_relaxed);
   EachClientGroupTable::Instance().Unregister(this);
-  if (closeSocket && !recv_thread_.joinable() && !send_thread_.joinable()) {
+  if (closeSocket && !recvThread_.joinable() && !sendThread_.joinable()) {
     CloseSocket();
   }
   JoinThreads();
@@ -174,15 +173,15 @@ int TCPClientBase::OnSend(char* data, int length) {
   }
   int accepted = 0;
   {
-    ScopeLock lock(send_lock_);
-    if (send_ring_ == nullptr) {
+    ScopeLock lock(sendLock_);
+    if (sendRing_ == nullptr) {
       return 0;
     }
     // The ring itself would take a write that fills it to its last byte for an empty ring.
-    const int room = send_ring_size_ - 1 - send_ring_used_;
+    const int room = sendRingSize_ - 1 - sendRingUsed_;
     if (room > 0) {
-      accepted = send_ring_->Write(data, std::min(length, room));
-      send_ring_used_ += accepted;
+      accepted = sendRing_->Write(data, std::min(length, room));
+      sendRingUsed_ += accepted;
     }
   }
   if (accepted > 0) {
@@ -192,25 +191,25 @@ int TCPClientBase::OnSend(char* data, int length) {
 }
 
 int TCPClientBase::OnRecv(char* buffer, int size) {
-  if (buffer == nullptr || size <= 0 || recv_callback_ != nullptr) {
+  if (buffer == nullptr || size <= 0 || recvCallback_ != nullptr) {
     return 0;
   }
   int got = 0;
-  if (size >= recv_chunk_size_) {
-    got = static_cast<int>(recv_queue_.Read(buffer, recv_chunk_size_));
+  if (size >= recvChunkSize_) {
+    got = static_cast<int>(recvQueue_.Read(buffer, recvChunkSize_));
   } else {
     const std::unique_ptr<char[]> frame(
-        new (std::nothrow) char[static_cast<std::size_t>(recv_chunk_size_)]);
+        new (std::nothrow) char[static_cast<std::size_t>(recvChunkSize_)]);
     if (frame == nullptr) {
       return 0;
     }
-    got = static_cast<int>(recv_queue_.Read(frame.get(), recv_chunk_size_));
+    got = static_cast<int>(recvQueue_.Read(frame.get(), recvChunkSize_));
     got = std::clamp(got, 0, size);
     std::memcpy(buffer, frame.get(), static_cast<std::size_t>(got));
   }
   // The step set the flag with the queue's count lock held, which the read has taken since.
-  if (!wants_receive_.load(std::memory_order_relaxed) && !peer_closed_.load() && !QueueIsFull() &&
-      !wants_receive_.exchange(true, std::memory_order_relaxed)) {
+  if (!wantsReceive_.load(std::memory_order_relaxed) && !peerClosed_.load() && !QueueIsFull() &&
+      !wantsReceive_.exchange(true, std::memory_order_relaxed)) {
     ResumeReceiver();
   }
   return got;
@@ -218,9 +217,9 @@ int TCPClientBase::OnRecv(char* buffer, int size) {
 
 // Also while another thread releases the queue, which then counts as full.
 bool TCPClientBase::QueueIsFull() {
-  recv_queue_.Lock();
-  const bool full = recv_queue_.IsBufFull();
-  recv_queue_.UnLock();
+  recvQueue_.Lock();
+  const bool full = recvQueue_.IsBufFull();
+  recvQueue_.UnLock();
   return full;
 }
 
@@ -231,15 +230,15 @@ int TCPClientBase::IsConnecting() {
 void TCPClientBase::OnPeerClosed() {}
 
 int TCPClientBase::IsDataAvail() {
-  return recv_callback_ == nullptr && !recv_queue_.IsBufEmpty() ? 1 : 0;
+  return recvCallback_ == nullptr && !recvQueue_.IsBufEmpty() ? 1 : 0;
 }
 
 int TCPClientBase::SetRecvThrdPriority(int) {
-  return recv_thread_.joinable() ? 1 : 0;
+  return recvThread_.joinable() ? 1 : 0;
 }
 
 int TCPClientBase::SetSendThrdPriority(int) {
-  return send_thread_.joinable() ? 1 : 0;
+  return sendThread_.joinable() ? 1 : 0;
 }
 
 int TCPClientBase::TCPClientRecv() {
@@ -250,11 +249,11 @@ int TCPClientBase::TCPClientRecv() {
     if (descriptor < 0) {
       return reads == 0 ? -1 : total;  // a callback may have closed it
     }
-    if (recv_callback_ == nullptr && PauseWhenFull()) {
+    if (recvCallback_ == nullptr && PauseWhenFull()) {
       return total;
     }
-    const auto got = static_cast<int>(recv(
-        descriptor, recv_scratch_.get(), static_cast<std::size_t>(recv_chunk_size_), MSG_DONTWAIT));
+    const auto got = static_cast<int>(recv(descriptor, recvScratch_.get(),
+                                           static_cast<std::size_t>(recvChunkSize_), MSG_DONTWAIT));
     if (got < 0 && errno == EINTR) {
       continue;
     }
@@ -267,18 +266,18 @@ int TCPClientBase::TCPClientRecv() {
       return got < 0 ? -1 : total;
     }
     total += got;
-    if (recv_callback_ != nullptr) {
-      recv_callback_(recv_scratch_.get(), got, recv_context_);
+    if (recvCallback_ != nullptr) {
+      recvCallback_(recvScratch_.get(), got, recvContext_);
       if (step.IsCancelled()) {
         return total;
       }
     } else {
-      recv_queue_.Write(recv_scratch_.get(), got, 1);
+      recvQueue_.Write(recvScratch_.get(), got, 1);
     }
     if (total >= kBurstBytes) {
       step.NoteBurst();
     }
-    if (got < recv_chunk_size_) {
+    if (got < recvChunkSize_) {
       return total;  // a short read emptied the socket; what comes later makes it ready again
     }
   }
@@ -287,40 +286,40 @@ int TCPClientBase::TCPClientRecv() {
 }
 
 bool TCPClientBase::PauseWhenFull() {
-  if (!recv_queue_.IsBufFull()) {
+  if (!recvQueue_.IsBufFull()) {
     return false;
   }
   // OnRecv looks at the flag after it took a frame under the same lock: either it sees the flag, or
   // the queue is seen to have room here.
-  recv_queue_.Lock();
-  const bool full = recv_queue_.IsBufFull();
+  recvQueue_.Lock();
+  const bool full = recvQueue_.IsBufFull();
   if (full) {
-    wants_receive_.store(false, std::memory_order_relaxed);
+    wantsReceive_.store(false, std::memory_order_relaxed);
   }
-  recv_queue_.UnLock();
+  recvQueue_.UnLock();
   return full;
 }
 
 void TCPClientBase::ReportClosed() {
-  wants_receive_.store(false, std::memory_order_relaxed);
-  if (!peer_closed_.exchange(true)) {
+  wantsReceive_.store(false, std::memory_order_relaxed);
+  if (!peerClosed_.exchange(true)) {
     OnPeerClosed();
   }
 }
 
 bool TCPClientBase::HasPendingSend() {
-  ScopeLock lock(send_lock_);
-  return !send_failed_.load(std::memory_order_relaxed) &&
-         (pending_send_length_ > 0 || send_ring_used_ > 0);
+  ScopeLock lock(sendLock_);
+  return !sendFailed_.load(std::memory_order_relaxed) &&
+         (pendingSendLength_ > 0 || sendRingUsed_ > 0);
 }
 
 int TCPClientBase::TakeFromRing() {
-  ScopeLock lock(send_lock_);
-  if (pending_send_length_ == 0 && send_ring_ != nullptr) {
-    pending_send_length_ = send_ring_->Read(send_scratch_.get(), send_chunk_size_);
-    send_ring_used_ -= pending_send_length_;
+  ScopeLock lock(sendLock_);
+  if (pendingSendLength_ == 0 && sendRing_ != nullptr) {
+    pendingSendLength_ = sendRing_->Read(sendScratch_.get(), sendChunkSize_);
+    sendRingUsed_ -= pendingSendLength_;
   }
-  return pending_send_length_;
+  return pendingSendLength_;
 }
 
 int TCPClientBase::TCPClientSend() {
@@ -332,16 +331,16 @@ int TCPClientBase::TCPClientSend() {
   if (pending == 0) {
     return 0;
   }
-  const int sent = NBLSend(descriptor, send_scratch_.get(), pending);
+  const int sent = NBLSend(descriptor, sendScratch_.get(), pending);
   if (sent < 0) {
-    send_failed_.store(true, std::memory_order_relaxed);  // nothing more will go out; stay silent
+    sendFailed_.store(true, std::memory_order_relaxed);  // nothing more will go out; stay silent
   }
-  send_would_block_ = sent < pending;
+  sendWouldBlock_ = sent < pending;
   if (sent > 0) {
-    ScopeLock lock(send_lock_);
-    pending_send_length_ = pending - sent;
-    std::memmove(send_scratch_.get(), send_scratch_.get() + sent,
-                 static_cast<std::size_t>(pending_send_length_));
+    ScopeLock lock(sendLock_);
+    pendingSendLength_ = pending - sent;
+    std::memmove(sendScratch_.get(), sendScratch_.get() + sent,
+                 static_cast<std::size_t>(pendingSendLength_));
   }
   return 0;
 }

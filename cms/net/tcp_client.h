@@ -88,14 +88,14 @@ class CMS_API TCPClientBase : public cms::SocketEndpoint {
 
   // Waits until OnRecv has something to take (true) or the milliseconds are over; a negative limit
   // is none. OnReleaseMemory ends every wait, with true.
-  bool WaitForData(int milliseconds) { return recv_queue_.WaitForFrame(milliseconds); }
+  bool WaitForData(int milliseconds) { return recvQueue_.WaitForFrame(milliseconds); }
 
   // Change nothing; non-zero when that stand-alone thread exists.
   int SetRecvThrdPriority(int priority);
   int SetSendThrdPriority(int priority);
 
-  unsigned long RemoteAddress() const { return remote_address_; }
-  unsigned long RemotePort() const { return remote_port_; }
+  unsigned long RemoteAddress() const { return remoteAddress_; }
+  unsigned long RemotePort() const { return remotePort_; }
 
  protected:
   // OnConnect's work with a limit in milliseconds (-1: the system's own) and an optional signal
@@ -120,11 +120,11 @@ class CMS_API TCPClientBase : public cms::SocketEndpoint {
   int CloseSocket();
 
   // Bodies for threads of a client's own, in place of a group's. A derived class starts them on
-  // recv_thread_ and send_thread_ once connected with kNoIoGroup; OnStopTCPClient ends them.
+  // recvThread_ and sendThread_ once connected with kNoIoGroup; OnStopTCPClient ends them.
   static void TCPClientRecvThrd(TCPClientBase* client);
   static void TCPClientSendThrd(TCPClientBase* client);
-  std::thread recv_thread_;
-  std::thread send_thread_;
+  std::thread recvThread_;
+  std::thread sendThread_;
 
  private:
   friend class ::EachClientSRManager;
@@ -132,33 +132,33 @@ class CMS_API TCPClientBase : public cms::SocketEndpoint {
   friend class ::EachClientRecvManager;
 
   bool HasPendingSend();
-  bool SendWouldBlock() const { return send_would_block_; }
+  bool SendWouldBlock() const { return sendWouldBlock_; }
   bool PauseWhenFull();
   bool QueueIsFull();
   void ReportClosed();
   int TakeFromRing();
   void JoinThreads();
 
-  int pending_send_length_ CMS_GUARDED_BY(send_lock_) = 0;  // unsent bytes in the send scratch
-  void* recv_context_ = nullptr;
-  TcpReceiveCallback recv_callback_ = nullptr;
-  int recv_chunk_size_ = 0;
-  int recv_queue_depth_ = 0;
-  int send_chunk_size_ = 0;
-  int send_queue_depth_ = 0;
-  std::unique_ptr<char[]> recv_scratch_;  // receive thread
-  std::unique_ptr<char[]> send_scratch_;  // send thread
+  int pendingSendLength_ CMS_GUARDED_BY(sendLock_) = 0;  // unsent bytes in the send scratch
+  void* recvContext_ = nullptr;
+  TcpReceiveCallback recvCallback_ = nullptr;
+  int recvChunkSize_ = 0;
+  int recvQueueDepth_ = 0;
+  int sendChunkSize_ = 0;
+  int sendQueueDepth_ = 0;
+  std::unique_ptr<char[]> recvScratch_;  // receive thread
+  std::unique_ptr<char[]> sendScratch_;  // send thread
   std::atomic<int> running_{0};
   std::atomic<int> connected_{0};
-  std::uint32_t remote_address_ = 0;
-  unsigned long remote_port_ = 0;
+  std::uint32_t remoteAddress_ = 0;
+  unsigned long remotePort_ = 0;
   sockaddr_in remote_{};
-  std::atomic<bool> peer_closed_{false};  // OnPeerClosed was called
-  bool send_would_block_ = false;         // send thread
-  std::atomic<bool> send_failed_{false};
-  CFrameBuffer recv_queue_;
-  CMSCritical send_lock_;  // the ring takes no lock of its own
-  std::unique_ptr<CSimpleBuffer> send_ring_ CMS_GUARDED_BY(send_lock_);
-  int send_ring_used_ CMS_GUARDED_BY(send_lock_) = 0;
-  int send_ring_size_ CMS_GUARDED_BY(send_lock_) = 0;
+  std::atomic<bool> peerClosed_{false};  // OnPeerClosed was called
+  bool sendWouldBlock_ = false;          // send thread
+  std::atomic<bool> sendFailed_{false};
+  CFrameBuffer recvQueue_;
+  CMSCritical sendLock_;  // the ring takes no lock of its own
+  std::unique_ptr<CSimpleBuffer> sendRing_ CMS_GUARDED_BY(sendLock_);
+  int sendRingUsed_ CMS_GUARDED_BY(sendLock_) = 0;
+  int sendRingSize_ CMS_GUARDED_BY(sendLock_) = 0;
 };

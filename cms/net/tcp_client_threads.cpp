@@ -17,25 +17,25 @@ constexpr std::chrono::milliseconds kPauseAfterEnd{20};
 }  // namespace
 
 void TCPClientBase::TCPClientRecvThrd(TCPClientBase* client) {
-  const auto chunk = static_cast<std::size_t>(client->recv_chunk_size_);
+  const auto chunk = static_cast<std::size_t>(client->recvChunkSize_);
   while (client->running_.load(std::memory_order_relaxed) != 0) {
     if (!cms::WaitSocket(client->Socket(), POLLIN, kWaitMilliseconds)) {
       continue;
     }
     const int got =
-        client->Recv(client->Socket(), client->recv_scratch_.get(), client->recv_chunk_size_);
+        client->Recv(client->Socket(), client->recvScratch_.get(), client->recvChunkSize_);
     if (got < 1) {
       std::this_thread::sleep_for(kPauseAfterEnd);
       client->connected_.store(0, std::memory_order_relaxed);
       client->WakeSender();
       return;
     }
-    if (client->recv_callback_ != nullptr) {
-      client->recv_callback_(client->recv_scratch_.get(), got, client->recv_context_);
+    if (client->recvCallback_ != nullptr) {
+      client->recvCallback_(client->recvScratch_.get(), got, client->recvContext_);
     } else {
-      client->recv_queue_.Write(client->recv_scratch_.get(), got, 1);
+      client->recvQueue_.Write(client->recvScratch_.get(), got, 1);
     }
-    std::memset(client->recv_scratch_.get(), 0, chunk);
+    std::memset(client->recvScratch_.get(), 0, chunk);
   }
 }
 
@@ -50,7 +50,7 @@ void TCPClientBase::TCPClientSendThrd(TCPClientBase* client) {
 
 void TCPClientBase::JoinThreads() {
   WakeSender();
-  for (std::thread* thread : {&recv_thread_, &send_thread_}) {
+  for (std::thread* thread : {&recvThread_, &sendThread_}) {
     if (thread->joinable()) {
       thread->join();
     }

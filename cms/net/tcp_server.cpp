@@ -37,14 +37,14 @@ tTcpServerConfig WithDefaults(tTcpServerConfig config) {
 }  // namespace
 
 CTcpServer::CTcpServer(tTcpServerConfig* config)
-    : shared_config_(config), config_(WithDefaults(*config)) {}
+    : sharedConfig_(config), config_(WithDefaults(*config)) {}
 
 CTcpServer::~CTcpServer() {
   Stop();
 }
 
 bool CTcpServer::Start() {
-  if (accept_thread_.joinable()) {
+  if (acceptThread_.joinable()) {
     return false;
   }
   auto stop = std::make_unique<cms::WakeUp>();
@@ -58,14 +58,14 @@ bool CTcpServer::Start() {
   }
   const sockaddr_in bound = cms::BoundAddress(listening);
   stop_ = std::move(stop);
-  accept_wake_ = std::move(accept_wake);
+  acceptWake_ = std::move(accept_wake);
   listening_ = listening;
   running_ = true;
   // Before the thread: its accept callback may read them.
-  shared_config_->localAddress = ntohl(bound.sin_addr.s_addr);
-  shared_config_->localPort = ntohs(bound.sin_port);
+  sharedConfig_->localAddress = ntohl(bound.sin_addr.s_addr);
+  sharedConfig_->localPort = ntohs(bound.sin_port);
   try {
-    accept_thread_ = std::thread(&CTcpServer::AcceptLoop, this);
+    acceptThread_ = std::thread(&CTcpServer::AcceptLoop, this);
   } catch (const std::system_error&) {
     running_ = false;
     close(std::exchange(listening_, -1));
@@ -75,33 +75,33 @@ bool CTcpServer::Start() {
 }
 
 void CTcpServer::Stop() {
-  if (!accept_thread_.joinable()) {
+  if (!acceptThread_.joinable()) {
     return;
   }
   running_ = false;
-  accept_wake_->Signal();
-  accept_thread_.join();
+  acceptWake_->Signal();
+  acceptThread_.join();
   stop_->Signal();
   // Connections that end by themselves just now move from the one list to the other; their threads
   // take the lock for that, so it is not held while they are waited for.
   std::vector<std::unique_ptr<CTcpCtrl>> connections;
   {
-    ScopeLock lock(connections_lock_);
+    ScopeLock lock(connectionsLock_);
     connections.swap(connections_);
   }
   connections.clear();
   BuryEnded();
-  ScopeLock lock(permissions_lock_);
+  ScopeLock lock(permissionsLock_);
   permissions_.clear();
 }
 
 void CTcpServer::AcceptLoop() {
   pthread_setname_np(pthread_self(), "cms-tcp-accept");
-  const int wake = accept_wake_->Descriptor();
+  const int wake = acceptWake_->Descriptor();
   while (running_) {
     if (!HasRoom()) {
       cms::WaitReady(-1, 0, wake);
-      accept_wake_->Clear();
+      acceptWake_->Clear();
       BuryEnded();
       continue;
     }
@@ -116,7 +116,7 @@ void CTcpServer::AcceptLoop() {
     } else {
       cms::WaitReady(-1, 0, wake, kExhaustedPause);
     }
-    accept_wake_->Clear();
+    acceptWake_->Clear();
     BuryEnded();
   }
   close(std::exchange(listening_, -1));
@@ -132,7 +132,7 @@ void CTcpServer::Adopt(int descriptor, const sockaddr_in& peer) {
     EnableSend(made->PeerAddress(), false);
     CTcpCtrl* const connection = made.get();
     // Listed first, for the receive thread to be found whenever it ends.
-    ScopeLock lock(connections_lock_);
+    ScopeLock lock(connectionsLock_);
     connections_.push_back(std::move(made));
     if (!connection->Start()) {
       made = std::move(connections_.back());
@@ -146,7 +146,7 @@ void CTcpServer::Adopt(int descriptor, const sockaddr_in& peer) {
 }
 
 void CTcpServer::Remove(CTcpCtrl* connection) {
-  ScopeLock lock(connections_lock_);
+  ScopeLock lock(connectionsLock_);
   const auto found =
       std::find_if(connections_.begin(), connections_.end(),
                    [&](const std::unique_ptr<CTcpCtrl>& one) { return one.get() == connection; });
@@ -156,15 +156,15 @@ void CTcpServer::Remove(CTcpCtrl* connection) {
   ended_.push_back(std::move(*found));
   connections_.erase(found);
   {
-    ScopeLock permissions(permissions_lock_);
+    ScopeLock permissions(permissionsLock_);
     permissions_.erase(connection->PeerAddress());
   }
-  accept_wake_->Signal();
+  acceptWake_->Signal();
 }
 
 void CTcpServer::BuryEnded() {
   std::vector<std::unique_ptr<CTcpCtrl>> ended;
-  ScopeLock lock(connections_lock_);
+  ScopeLock lock(connectionsLock_);
   ended.swap(ended_);
   lock.UnLock();
 }
@@ -174,12 +174,12 @@ bool CTcpServer::HasRoom() {
 }
 
 int CTcpServer::TotalClients() {
-  ScopeLock lock(connections_lock_);
+  ScopeLock lock(connectionsLock_);
   return static_cast<int>(connections_.size());
 }
 
 void CTcpServer::EnableSend(std::uint32_t address, bool enable) {
-  ScopeLock lock(permissions_lock_);
+  ScopeLock lock(permissionsLock_);
   permissions_[address] = enable;
 }
 
@@ -189,8 +189,8 @@ int CTcpServer::Send(const char* data, int length) {
   }
   CTcpSender::Block block;
   int result = 0;
-  ScopeLock lock(connections_lock_);
-  ScopeLock permissions(permissions_lock_);
+  ScopeLock lock(connectionsLock_);
+  ScopeLock permissions(permissionsLock_);
   for (const std::unique_ptr<CTcpCtrl>& connection : connections_) {
     const auto found = permissions_.find(connection->PeerAddress());
     if (found == permissions_.end() || !found->second) {
@@ -205,7 +205,7 @@ int CTcpServer::Send(const char* data, int length) {
 }
 
 std::size_t CTcpServer::QueuedBytes() {
-  ScopeLock lock(connections_lock_);
+  ScopeLock lock(connectionsLock_);
   std::size_t sum = 0;
   for (const std::unique_ptr<CTcpCtrl>& connection : connections_) {
     sum += connection->Sender().QueuedBytes();

@@ -75,17 +75,17 @@ class CMS_API CTcpServer {
   void BuryEnded();
   bool HasRoom();
 
-  tTcpServerConfig* const shared_config_;
+  tTcpServerConfig* const sharedConfig_;
   const tTcpServerConfig config_;
   std::atomic<bool> running_{false};
   int listening_ = -1;  // the accept thread's while that runs
-  std::thread accept_thread_;
-  std::unique_ptr<cms::WakeUp> stop_;         // signalled for good by Stop; made anew by Start
-  std::unique_ptr<cms::WakeUp> accept_wake_;  // there are connections to bury, or it is time to end
+  std::thread acceptThread_;
+  std::unique_ptr<cms::WakeUp> stop_;        // signalled for good by Stop; made anew by Start
+  std::unique_ptr<cms::WakeUp> acceptWake_;  // there are connections to bury, or it is time to end
 
-  CMSCritical connections_lock_;  // taken before the permissions' lock
-  std::vector<std::unique_ptr<CTcpCtrl>> connections_ CMS_GUARDED_BY(connections_lock_);
-  std::vector<std::unique_ptr<CTcpCtrl>> ended_ CMS_GUARDED_BY(connections_lock_);
-  CMSCritical permissions_lock_;
-  std::map<std::uint32_t, bool> permissions_ CMS_GUARDED_BY(permissions_lock_);
+  CMSCritical connectionsLock_;  // taken before the permissions' lock
+  std::vector<std::unique_ptr<CTcpCtrl>> connections_ CMS_GUARDED_BY(connectionsLock_);
+  std::vector<std::unique_ptr<CTcpCtrl>> ended_ CMS_GUARDED_BY(connectionsLock_);
+  CMSCritical permissionsLock_;
+  std::map<std::uint32_t, bool> permissions_ CMS_GUARDED_BY(permissionsLock_);
 };

@@ -82,33 +82,33 @@ void UDPClientBase::AdoptSocket(int descriptor) {
 }
 
 int UDPClientBase::OnAllocateMemory() {
-  queued_receives_.store(0, std::memory_order_relaxed);
-  queued_sends_.store(0, std::memory_order_relaxed);
+  queuedReceives_.store(0, std::memory_order_relaxed);
+  queuedSends_.store(0, std::memory_order_relaxed);
   {
-    ScopeLock lock(send_lock_);
-    if (send_queue_made_) {
-      send_queue_.ReleaseBuffer();
-      send_queue_made_ = false;
+    ScopeLock lock(sendLock_);
+    if (sendQueueMade_) {
+      sendQueue_.ReleaseBuffer();
+      sendQueueMade_ = false;
     }
-    send_queue_open_ = true;
+    sendQueueOpen_ = true;
   }
   if (config_.recvCallback != nullptr && config_.recvContext != nullptr) {
     return 1;
   }
-  return recv_queue_.AllocateBuffer(config_.recvQueueDepth, config_.recvDatagramSize) != 0 ? 1 : 0;
+  return recvQueue_.AllocateBuffer(config_.recvQueueDepth, config_.recvDatagramSize) != 0 ? 1 : 0;
 }
 
 int UDPClientBase::OnReleaseMemory() {
-  recv_queue_.StopBuffer();
-  recv_queue_.ReleaseBuffer();
-  queued_receives_.store(0, std::memory_order_relaxed);
-  queued_sends_.store(0, std::memory_order_relaxed);
-  ScopeLock lock(send_lock_);
-  send_queue_open_ = false;
-  if (send_queue_made_) {
-    send_queue_.StopBuffer();
-    send_queue_.ReleaseBuffer();
-    send_queue_made_ = false;
+  recvQueue_.StopBuffer();
+  recvQueue_.ReleaseBuffer();
+  queuedReceives_.store(0, std::memory_order_relaxed);
+  queuedSends_.store(0, std::memory_order_relaxed);
+  ScopeLock lock(sendLock_);
+  sendQueueOpen_ = false;
+  if (sendQueueMade_) {
+    sendQueue_.StopBuffer();
+    sendQueue_.ReleaseBuffer();
+    sendQueueMade_ = false;
   }
   return 1;
 }
@@ -133,25 +133,25 @@ int UDPClientBase::OnSend(char* data, int length) {
     return 0;
   }
   {
-    ScopeLock lock(send_lock_);
-    if (!send_queue_open_) {
+    ScopeLock lock(sendLock_);
+    if (!sendQueueOpen_) {
       return 0;
     }
-    if (!send_queue_made_) {
-      if (send_queue_.AllocateBuffer(config_.sendQueueDepth, config_.sendDatagramSize) == 0) {
+    if (!sendQueueMade_) {
+      if (sendQueue_.AllocateBuffer(config_.sendQueueDepth, config_.sendDatagramSize) == 0) {
         return 0;
       }
-      send_queue_made_ = true;
+      sendQueueMade_ = true;
     }
-    if (send_queue_.IsBufFull() != 0) {
+    if (sendQueue_.IsBufFull() != 0) {
       return 0;
     }
     length =
-        static_cast<int>(send_queue_.Write(data, std::min(length, config_.sendDatagramSize), 1));
+        static_cast<int>(sendQueue_.Write(data, std::min(length, config_.sendDatagramSize), 1));
     if (length <= 0) {
       return 0;
     }
-    queued_sends_.fetch_add(1, std::memory_order_release);
+    queuedSends_.fetch_add(1, std::memory_order_release);
   }
   WakeSender();
   return length;
@@ -161,16 +161,16 @@ int UDPClientBase::OnRecv(char* buffer, int size) {
   if (buffer == nullptr) {
     return 0;
   }
-  const auto got = static_cast<int>(recv_queue_.Read(buffer, size));
+  const auto got = static_cast<int>(recvQueue_.Read(buffer, size));
   if (got > 0) {
-    queued_receives_.fetch_sub(1, std::memory_order_relaxed);
+    queuedReceives_.fetch_sub(1, std::memory_order_relaxed);
   }
   return got;
 }
 
 int UDPClientBase::OnRecvNB(char* buffer, int size) {
   // The count and not IsBufEmpty: a new queue's empty first slot would have the read wait.
-  return queued_receives_.load(std::memory_order_acquire) > 0 ? OnRecv(buffer, size) : 0;
+  return queuedReceives_.load(std::memory_order_acquire) > 0 ? OnRecv(buffer, size) : 0;
 }
 
 int UDPClientBase::SetRecvSocketBuffer(int bytes) {
@@ -182,11 +182,11 @@ int UDPClientBase::SetSendSocketBuffer(int bytes) {
 }
 
 int UDPClientBase::SetRecvThrdPriority(int) {
-  return recv_thread_.joinable() ? 1 : 0;
+  return recvThread_.joinable() ? 1 : 0;
 }
 
 int UDPClientBase::SetSendThrdPriority(int) {
-  return send_thread_.joinable() ? 1 : 0;
+  return sendThread_.joinable() ? 1 : 0;
 }
 
 std::uint16_t UDPClientBase::BoundPort() const {
@@ -200,8 +200,8 @@ std::uint16_t UDPClientBase::BoundPort() const {
 void UDPClientBase::Deliver(char* data, int length) {
   if (config_.recvCallback != nullptr && config_.recvContext != nullptr) {
     config_.recvCallback(config_.recvContext, data, length);
-  } else if (length <= config_.recvDatagramSize && recv_queue_.Write(data, length, 1) > 0) {
-    queued_receives_.fetch_add(1, std::memory_order_release);
+  } else if (length <= config_.recvDatagramSize && recvQueue_.Write(data, length, 1) > 0) {
+    queuedReceives_.fetch_add(1, std::memory_order_release);
   }
 }
 
@@ -250,11 +250,11 @@ int UDPClientBase::SendOne(int descriptor) {
   if (datagram.size() < static_cast<std::size_t>(size)) {
     datagram.resize(static_cast<std::size_t>(size));
   }
-  auto length = static_cast<int>(send_queue_.Read(datagram.data(), size));
+  auto length = static_cast<int>(sendQueue_.Read(datagram.data(), size));
   if (length <= 0) {  // the empty slot that a new queue starts with
-    length = static_cast<int>(send_queue_.Read(datagram.data(), size));
+    length = static_cast<int>(sendQueue_.Read(datagram.data(), size));
   }
-  queued_sends_.fetch_sub(1, std::memory_order_relaxed);
+  queuedSends_.fetch_sub(1, std::memory_order_relaxed);
   if (length <= 0) {
     return 0;
   }
@@ -277,11 +277,11 @@ int UDPClientBase::UDPClientSend() {
     return -1;
   }
   const std::uint64_t start = cms::TickMilliseconds();
-  send_would_block_ = false;
+  sendWouldBlock_ = false;
   int total = 0;
   while (HasPendingSend() && cms::TickMilliseconds() - start < kSendStepMilliseconds) {
     if (!cms::WaitSocket(descriptor, POLLOUT, 0)) {
-      send_would_block_ = true;
+      sendWouldBlock_ = true;
       return total;
     }
     const int sent = SendOne(descriptor);

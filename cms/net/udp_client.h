@@ -95,22 +95,22 @@ class CMS_API UDPClientBase : public cms::SocketEndpoint {
   int UDPClientSend();
 
   // Bodies for threads of a client's own, in place of a group's, until OnClose; a derived class
-  // starts them on recv_thread_ and send_thread_. The receiver takes datagrams of the configured
+  // starts them on recvThread_ and sendThread_. The receiver takes datagrams of the configured
   // remote address and port only.
   static void UDPClientRecvThrd(UDPClientBase* client);
   static void UDPClientSendThrd(UDPClientBase* client);
   void UDPClientRecvFn();
   void UDPClientSendFn();
-  std::thread recv_thread_;
-  std::thread send_thread_;
+  std::thread recvThread_;
+  std::thread sendThread_;
 
  private:
   friend class ::EachClientSRManager;
   friend class ::EachClientSendManager;
   friend class ::EachClientRecvManager;
 
-  bool HasPendingSend() const { return queued_sends_.load(std::memory_order_acquire) > 0; }
-  bool SendWouldBlock() const { return send_would_block_; }
+  bool HasPendingSend() const { return queuedSends_.load(std::memory_order_acquire) > 0; }
+  bool SendWouldBlock() const { return sendWouldBlock_; }
   void Deliver(char* data, int length);
   int SendOne(int descriptor);
   void JoinThreads();
@@ -118,14 +118,14 @@ class CMS_API UDPClientBase : public cms::SocketEndpoint {
   _UDPCLIENT_CONFIG config_;
   std::atomic<int> running_{0};
   bool adopted_ = false;
-  bool send_would_block_ = false;  // send thread
+  bool sendWouldBlock_ = false;  // send thread
   sockaddr_in local_{};
   sockaddr_in remote_{};
-  CFrameBuffer recv_queue_;
-  std::atomic<int> queued_receives_{0};
-  CMSCritical send_lock_;  // serialises senders; the queue's reader is the send thread
-  CFrameBuffer send_queue_;
-  bool send_queue_open_ CMS_GUARDED_BY(send_lock_) = false;  // OnSend may make and fill it
-  bool send_queue_made_ CMS_GUARDED_BY(send_lock_) = false;
-  std::atomic<int> queued_sends_{0};
+  CFrameBuffer recvQueue_;
+  std::atomic<int> queuedReceives_{0};
+  CMSCritical sendLock_;  // serialises senders; the queue's reader is the send thread
+  CFrameBuffer sendQueue_;
+  bool sendQueueOpen_ CMS_GUARDED_BY(sendLock_) = false;  // OnSend may make and fill it
+  bool sendQueueMade_ CMS_GUARDED_BY(sendLock_) = false;
+  std::atomic<int> queuedSends_{0};
 };

@@ -51,7 +51,7 @@ void UDPClientBase::UDPClientSendFn() {
 
 void UDPClientBase::JoinThreads() {
   WakeSender();
-  for (std::thread* thread : {&recv_thread_, &send_thread_}) {
+  for (std::thread* thread : {&recvThread_, &sendThread_}) {
     if (thread->joinable()) {
       thread->join();
     }

@@ -32,8 +32,8 @@ int CLFXBaseThread::StartThread() {
     return 0;
   }
   handle_ = handle;
-  thread_id_.store(handle->Id(), std::memory_order_relaxed);
-  keep_working_.store(true, std::memory_order_release);
+  threadId_.store(handle->Id(), std::memory_order_relaxed);
+  keepWorking_.store(true, std::memory_order_release);
   handle->Resume();
   return 2;
 }

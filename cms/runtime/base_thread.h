@@ -46,11 +46,11 @@ class CMS_API CLFXBaseThread {
   // Gives the handle up. A thread that still runs goes on.
   void CloseThread();
 
-  bool IsKeepWorking() const { return keep_working_.load(std::memory_order_acquire); }
+  bool IsKeepWorking() const { return keepWorking_.load(std::memory_order_acquire); }
 
   // An opaque handle of the thread, nullptr when there is none.
   void* GetHandle();
-  std::uint32_t ThreadId() const { return thread_id_.load(std::memory_order_relaxed); }
+  std::uint32_t ThreadId() const { return threadId_.load(std::memory_order_relaxed); }
 
   // Does nothing: priorities are never changed.
   void SetThreadPriority(int priority);
@@ -59,7 +59,7 @@ class CMS_API CLFXBaseThread {
   void SetName(const char* name);
 
  protected:
-  void EndThread() { keep_working_.store(false, std::memory_order_release); }
+  void EndThread() { keepWorking_.store(false, std::memory_order_release); }
 
  private:
   static std::uint32_t StaticThreadFunc(CLFXBaseThread* thread);
@@ -67,8 +67,8 @@ class CMS_API CLFXBaseThread {
 
   CMSCritical lock_;
   std::shared_ptr<cms::NativeThread> handle_ CMS_GUARDED_BY(lock_);
-  std::atomic<std::uint32_t> thread_id_{0};
-  std::atomic<bool> keep_working_{false};
+  std::atomic<std::uint32_t> threadId_{0};
+  std::atomic<bool> keepWorking_{false};
   std::string name_ CMS_GUARDED_BY(lock_);
 };
 

@@ -26,11 +26,11 @@ void CMSCondition::Wait() {
 // long.
 bool CMSCondition::Claim(std::uint32_t generation) {
   ScopeLock lock(internal_);
-  if (release_count_ <= 0 || generation_ == generation) {
+  if (releaseCount_ <= 0 || generation_ == generation) {
     return false;
   }
   --waiters_;
-  if (--release_count_ == 0) {
+  if (--releaseCount_ == 0) {
     event_.Reset();
   }
   return true;
@@ -42,9 +42,9 @@ int CMSCondition::WaitForMilliseconds(unsigned int) {
 
 void CMSCondition::Notify() {
   ScopeLock lock(internal_);
-  if (waiters_ > release_count_) {
+  if (waiters_ > releaseCount_) {
     event_.Set();
-    ++release_count_;
+    ++releaseCount_;
     ++generation_;
   }
 }
@@ -54,6 +54,6 @@ void CMSCondition::NotifyAll() {
   if (waiters_ > 0) {
     event_.Set();
     ++generation_;
-    release_count_ = waiters_;
+    releaseCount_ = waiters_;
   }
 }

@@ -35,7 +35,7 @@ class CMS_API CMSCondition {
   CMSCritical& external_;
   std::int32_t waiters_ CMS_GUARDED_BY(internal_) = 0;
   CMSCritical internal_;
-  std::int32_t release_count_ CMS_GUARDED_BY(internal_) = 0;
+  std::int32_t releaseCount_ CMS_GUARDED_BY(internal_) = 0;
   std::uint32_t generation_ CMS_GUARDED_BY(internal_) = 0;
   cms::Event event_;
 };

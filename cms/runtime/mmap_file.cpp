@@ -50,26 +50,26 @@ void* MMapFile::FileOpen(const std::wstring& path, std::uint64_t size) {
   if (measured < 0) {
     Fail("CreateFile", errno);
   }
-  file_size_ = static_cast<std::uint64_t>(measured);
-  if (file_size_ > kMaximumFileSize) {
+  fileSize_ = static_cast<std::uint64_t>(measured);
+  if (fileSize_ > kMaximumFileSize) {
     Close();
     throw std::runtime_error("file size too large");
   }
   path_ = path;
-  mapped_size_ = size != 0 ? size : file_size_;
-  if (mapped_size_ == 0) {
+  mappedSize_ = size != 0 ? size : fileSize_;
+  if (mappedSize_ == 0) {
     Fail("CreateFileMapping", EINVAL);
   }
-  if (mapped_size_ > file_size_) {
+  if (mappedSize_ > fileSize_) {
     // Reserved now: a page that has no place on the disk would end the process when it is written.
-    const int error = Reserve(handle_, file_size_, mapped_size_);
+    const int error = Reserve(handle_, fileSize_, mappedSize_);
     if (error != 0) {
-      io.Truncate(handle_, file_size_);
+      io.Truncate(handle_, fileSize_);
       Fail("CreateFileMapping", error);
     }
-    file_size_ = mapped_size_;
+    fileSize_ = mappedSize_;
   }
-  view_ = Map(handle_, mapped_size_);
+  view_ = Map(handle_, mappedSize_);
   if (view_ == nullptr) {
     Fail("MapViewOfFile", errno);
   }
@@ -96,20 +96,20 @@ void* MMapFile::MemOpen(const std::wstring& name, std::uint64_t size) {
     Fail("MapViewOfFile", error);
   }
   path_ = name;
-  mapped_size_ = size;
+  mappedSize_ = size;
   return view_;
 }
 
 void MMapFile::Close() {
   if (view_ != nullptr) {
-    munmap(view_, mapped_size_);
+    munmap(view_, mappedSize_);
   }
   if (handle_ >= 0) {
     cms::CurrentFileIo().Close(handle_);
   }
   view_ = nullptr;
   handle_ = -1;
-  file_size_ = 0;
-  mapped_size_ = 0;
+  fileSize_ = 0;
+  mappedSize_ = 0;
   path_.clear();
 }

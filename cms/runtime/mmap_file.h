@@ -34,8 +34,8 @@ class CMS_API MMapFile {
   void Close();
 
   void* View() const { return view_; }  // nullptr when nothing is open
-  std::uint64_t FileSize() const { return file_size_; }
-  std::uint64_t MappedSize() const { return mapped_size_; }
+  std::uint64_t FileSize() const { return fileSize_; }
+  std::uint64_t MappedSize() const { return mappedSize_; }
   const std::wstring& Path() const { return path_; }
 
  private:
@@ -43,7 +43,7 @@ class CMS_API MMapFile {
 
   int handle_ = -1;
   void* view_ = nullptr;
-  std::uint64_t file_size_ = 0;
-  std::uint64_t mapped_size_ = 0;
+  std::uint64_t fileSize_ = 0;
+  std::uint64_t mappedSize_ = 0;
   std::wstring path_;
 };

@@ -71,8 +71,8 @@ void Thread::start() {
       throw std::runtime_error("thread creation failed");
     }
     worker_ = worker;
-    has_handle_ = true;
-    thread_id_.store(worker->Id(), std::memory_order_relaxed);
+    hasHandle_ = true;
+    threadId_.store(worker->Id(), std::memory_order_relaxed);
     running_.store(true, std::memory_order_release);
     worker->Resume();
   }
@@ -90,14 +90,14 @@ void Thread::run() {
 void Thread::finish() {
   ScopeLock lock(lock_);
   running_.store(false, std::memory_order_release);
-  has_handle_ = false;
-  stop_requested_.store(false, std::memory_order_release);
+  hasHandle_ = false;
+  stopRequested_.store(false, std::memory_order_release);
 }
 
 void Thread::notifyStop() {
   ScopeLock lock(lock_);
-  if (running_.load(std::memory_order_relaxed) && has_handle_) {
-    stop_requested_.store(true, std::memory_order_release);
+  if (running_.load(std::memory_order_relaxed) && hasHandle_) {
+    stopRequested_.store(true, std::memory_order_release);
   }
 }
 

@@ -66,8 +66,8 @@ class CMS_API Thread : public Runnable {
   void SetName(const char* name);
 
   bool IsRunning() const { return running_.load(std::memory_order_acquire); }
-  bool IsStopRequested() const { return stop_requested_.load(std::memory_order_acquire); }
-  std::uint32_t ThreadId() const { return thread_id_.load(std::memory_order_relaxed); }
+  bool IsStopRequested() const { return stopRequested_.load(std::memory_order_acquire); }
+  std::uint32_t ThreadId() const { return threadId_.load(std::memory_order_relaxed); }
 
  private:
   static void start_address(Runnable* runnable, Thread* thread, cms::NativeThread& native);
@@ -76,10 +76,10 @@ class CMS_API Thread : public Runnable {
   CMSCritical lock_;
   // The native thread outlives its handle, so that the owner can wait for finish() to return.
   std::shared_ptr<cms::NativeThread> worker_ CMS_GUARDED_BY(lock_);
-  bool has_handle_ CMS_GUARDED_BY(lock_) = false;
-  std::atomic<bool> running_{false};         // written under lock_
-  std::atomic<bool> stop_requested_{false};  // written under lock_
+  bool hasHandle_ CMS_GUARDED_BY(lock_) = false;
+  std::atomic<bool> running_{false};        // written under lock_
+  std::atomic<bool> stopRequested_{false};  // written under lock_
   Runnable* const runnable_ = nullptr;
-  std::atomic<std::uint32_t> thread_id_{0};
+  std::atomic<std::uint32_t> threadId_{0};
   std::string name_ CMS_GUARDED_BY(lock_);
 };

@@ -125,8 +125,8 @@ class TcpClient : public TCPClientBase {
   ~TcpClient() override { OnStopTCPClient(true); }
   void OnPeerClosed() override { ++peer_closed; }
   void RunOwnThreads() {
-    recv_thread_ = std::thread(TCPClientRecvThrd, this);
-    send_thread_ = std::thread(TCPClientSendThrd, this);
+    recvThread_ = std::thread(TCPClientRecvThrd, this);
+    sendThread_ = std::thread(TCPClientSendThrd, this);
   }
   bool Start(std::uint16_t port, unsigned group) {
     return OnStartTCPClient(INADDR_LOOPBACK, port, group) != 0;
@@ -149,8 +149,8 @@ class UdpClient : public UDPClientBase {
   explicit UdpClient(_UDPCLIENT_CONFIG config) { SetConfig(config); }
   ~UdpClient() override { OnStopUDPClient(); }
   void RunOwnThreads() {
-    recv_thread_ = std::thread(UDPClientRecvThrd, this);
-    send_thread_ = std::thread(UDPClientSendThrd, this);
+    recvThread_ = std::thread(UDPClientRecvThrd, this);
+    sendThread_ = std::thread(UDPClientSendThrd, this);
   }
   bool Start(int group) {
     return OnStartUDPClient() != 0 && EachClientGroupTable::Instance().Register(this, group) != 0;

@@ -69,7 +69,7 @@ bool HttpRequest::Serve() {
     // Memory is short, or it is the handler's or the password lookup's: the connection ends, the
     // host goes on.
   }
-  return thread_as_made_;
+  return threadAsMade_;
 }
 
 HttpRequest::Access HttpRequest::CheckAccess() {
@@ -221,7 +221,7 @@ bool HttpRequest::LogIn() {
 
 void HttpRequest::Refuse(std::uint32_t status, std::string_view body) {
   status_ = status;
-  keep_alive_ = false;
+  keepAlive_ = false;
   disconnect_ = true;
   body_ = body;
   SendAnswer(body_);

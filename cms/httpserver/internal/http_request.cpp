@@ -36,7 +36,7 @@ HttpRequest::~HttpRequest() {
 }
 
 pthread_t HttpRequest::HandOutThread() {
-  thread_as_made_ = false;
+  threadAsMade_ = false;
   return pthread_self();
 }
 
@@ -59,7 +59,7 @@ bool HttpRequest::SetContentType(std::string_view type) {
   if (!cms::IsHeaderValue(type)) {
     return false;
   }
-  content_type_ = type;
+  contentType_ = type;
   return true;
 }
 
@@ -87,7 +87,7 @@ int HttpRequest::Flush(const char* data, int length) {
 // told truly that the connection will be closed.
 void HttpRequest::FillHead(cms::AnswerHead& head) const {
   head.keepAlive = !whole_;
-  head.contentType = content_type_;
+  head.contentType = contentType_;
   head.challenge = challenge_;
 }
 
@@ -95,7 +95,7 @@ void HttpRequest::FillHead(cms::AnswerHead& head) const {
 // at once, so that short answers on their way arrive.
 int HttpRequest::SendAnswer(std::string_view data) {
   std::string block;
-  if (!headers_sent_) {
+  if (!headersSent_) {
     const std::int64_t now = cms::WallSeconds();
     if (challenge_.empty() &&
         (status_ == kHttpAuthorizationRequired || status_ == kHttpAuthenticationError)) {
@@ -106,7 +106,7 @@ int HttpRequest::SendAnswer(std::string_view data) {
     const std::string code = whole_ && status_ > kHttpInBlackList ? cms::CodeText(status_) : "";
     cms::AnswerHead head;
     FillHead(head);
-    head.keepAlive = head.keepAlive && keep_alive_;
+    head.keepAlive = head.keepAlive && keepAlive_;
     head.status = code.empty() ? cms::StatusText(status_) : std::string_view(code);
     block = cms::HeaderBlock(head, body_.size(), now);
   }
@@ -116,12 +116,12 @@ int HttpRequest::SendAnswer(std::string_view data) {
   if (!SendAll(block, data)) {
     return 0;
   }
-  headers_sent_ = true;
+  headersSent_ = true;
   return 1;
 }
 
 int HttpRequest::SendFileHeader(std::int64_t length, std::string_view lastModified) {
-  if (headers_sent_) {
+  if (headersSent_) {
     return 0;
   }
   cms::AnswerHead head;
@@ -134,7 +134,7 @@ int HttpRequest::SendFileHeader(std::int64_t length, std::string_view lastModifi
     disconnect_ = true;
     return 0;
   }
-  headers_sent_ = true;
+  headersSent_ = true;
   return 1;
 }
 
@@ -168,7 +168,7 @@ bool HttpRequest::SendAll(std::string_view head, std::string_view data) {
 
 // Priorities above 0 are more urgent. The system may refuse them, which is no failure.
 int HttpRequest::SetPriority(int priority) {
-  thread_as_made_ = false;
+  threadAsMade_ = false;
   constexpr int kNicePerStep = 5;
   setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()),
               -kNicePerStep * std::clamp(priority, -3, 3));

@@ -56,7 +56,7 @@ class HttpRequest {
   bool SetStatus(std::uint32_t status);
   // False for what no header can say.
   bool SetContentType(std::string_view type);
-  void SetKeepAlive(bool keep) { keep_alive_ = keep; }
+  void SetKeepAlive(bool keep) { keepAlive_ = keep; }
   void Disconnect() { disconnect_ = true; }
   int SetPriority(int priority);
 
@@ -86,12 +86,12 @@ class HttpRequest {
   std::string text_;  // as received
   cms::ParsedRequest parsed_;
   std::string body_;
-  std::string content_type_;
+  std::string contentType_;
   std::string challenge_;
   std::uint32_t status_ = 0;  // an index, or a code of at least 200 where whole requests are read
   std::uint64_t sent_ = 0;    // bytes
-  bool thread_as_made_ = true;
+  bool threadAsMade_ = true;
   bool disconnect_ = false;
-  bool keep_alive_ = true;
-  bool headers_sent_ = false;
+  bool keepAlive_ = true;
+  bool headersSent_ = false;
 };

@@ -23,7 +23,7 @@ constexpr int kSilentSeconds = 10;
 
 HttpServer::HttpServer(cms::HttpServerOptions options)
     : options_(std::move(options)),
-      bound_port_(options_.port),
+      boundPort_(options_.port),
       stop_(std::make_unique<cms::WakeUp>()) {}
 
 HttpServer::~HttpServer() {
@@ -54,7 +54,7 @@ bool HttpServer::Start() {
     setsockopt(listening, IPPROTO_TCP, TCP_DEFER_ACCEPT, &kSilentSeconds, sizeof kSilentSeconds);
   }
   stop_ = std::move(stop);
-  bound_port_ = ntohs(cms::BoundAddress(listening).sin_port);
+  boundPort_ = ntohs(cms::BoundAddress(listening).sin_port);
   const std::size_t most = options_.maxConnections > 0 ? options_.maxConnections : UsualMost();
   pauses_.SetMost(static_cast<int>(most / 4));
   lingers_.SetMost(static_cast<int>(most / 4));
@@ -64,7 +64,7 @@ bool HttpServer::Start() {
                         return HttpRequest(*this, descriptor, client).Serve();
                       })) {
     running_ = false;
-    bound_port_ = options_.port;
+    boundPort_ = options_.port;
     close(listening);
     return false;
   }
@@ -78,16 +78,16 @@ void HttpServer::Close() {
   running_ = false;
   stop_->Signal();
   threads_.Close();
-  bound_port_ = options_.port;
+  boundPort_ = options_.port;
 }
 
 void HttpServer::Register(cms::HttpHandler handler) {
-  ScopeLock lock(settings_lock_);
+  ScopeLock lock(settingsLock_);
   handlers_.push_back(std::move(handler));
 }
 
 const cms::HttpHandler* HttpServer::FindHandler(std::string_view command) const {
-  ScopeLock lock(settings_lock_);
+  ScopeLock lock(settingsLock_);
   const auto found =
       std::find_if(handlers_.begin(), handlers_.end(),
                    [&](const cms::HttpHandler& handler) { return handler.name == command; });
@@ -95,23 +95,23 @@ const cms::HttpHandler* HttpServer::FindHandler(std::string_view command) const 
 }
 
 void HttpServer::ChangeAccessList(const AccessRange& range, int operation) {
-  ScopeLock lock(settings_lock_);
+  ScopeLock lock(settingsLock_);
   if (operation == kAccessListAdd) {
-    access_list_.Add(range);
+    accessList_.Add(range);
   } else if (operation == kAccessListRemove) {
-    access_list_.Remove(range);
+    accessList_.Remove(range);
   }
 }
 
 void HttpServer::ClearAccessList() {
-  ScopeLock lock(settings_lock_);
-  access_list_.Clear();
+  ScopeLock lock(settingsLock_);
+  accessList_.Clear();
 }
 
 int HttpServer::AllowAccess(std::uint32_t address) const {
   if (!rules_.checksAccess.load(std::memory_order_relaxed)) {
     return kAccessAllowed;
   }
-  ScopeLock lock(settings_lock_);
-  return access_list_.Answer(address);
+  ScopeLock lock(settingsLock_);
+  return accessList_.Answer(address);
 }

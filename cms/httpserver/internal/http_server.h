@@ -59,7 +59,7 @@ class HttpServer {
   void Close();
   int StopListening() { return threads_.StopAccepting(); }
   // While started the port that is bound, else the configured one.
-  std::uint16_t Port() const { return bound_port_.load(std::memory_order_relaxed); }
+  std::uint16_t Port() const { return boundPort_.load(std::memory_order_relaxed); }
 
   // Handlers stay where they are for as long as the server.
   void Register(cms::HttpHandler handler);
@@ -93,14 +93,14 @@ class HttpServer {
   const cms::DigestNonces nonces_;
   Rules rules_;
   std::atomic<bool> running_{false};
-  std::atomic<std::uint16_t> bound_port_;
+  std::atomic<std::uint16_t> boundPort_;
   cms::Share pauses_;
   cms::Share lingers_;
   std::unique_ptr<cms::WakeUp> stop_;  // signalled for good by Close; made anew by Start
 
-  mutable CMSCritical settings_lock_;
-  std::deque<cms::HttpHandler> handlers_ CMS_GUARDED_BY(settings_lock_);
-  cms::AccessList access_list_ CMS_GUARDED_BY(settings_lock_);
+  mutable CMSCritical settingsLock_;
+  std::deque<cms::HttpHandler> handlers_ CMS_GUARDED_BY(settingsLock_);
+  cms::AccessList accessList_ CMS_GUARDED_BY(settingsLock_);
 
   cms::ConnectionThreads threads_;
 };

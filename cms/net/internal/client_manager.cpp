@@ -52,7 +52,7 @@ EachClientManager::State EachClientManager::start() {
   if (CurrentState() == State::kStarted) {
     return State::kStarted;
   }
-  ScopeLock lock(start_lock_);
+  ScopeLock lock(startLock_);
   if (CurrentState() != State::kNew || !receiver_->IsUsable() || !sender_->IsUsable()) {
     return CurrentState();
   }
@@ -73,7 +73,7 @@ EachClientManager::State EachClientManager::start() {
 void EachClientManager::stop() {
   {
     // Not held while waiting: a callback may be about to ask whether the threads run.
-    ScopeLock lock(start_lock_);
+    ScopeLock lock(startLock_);
     state_.store(State::kStopped, std::memory_order_release);
   }
   sender_->stop();

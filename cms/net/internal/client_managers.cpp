@@ -45,7 +45,7 @@ void EachClientSRManager::RegisterClient(TCPClientBase* client) {
   entry.tcp = client;
   const Visitor visitor(*this);
   ScopeLock lock(lock_);
-  Add(tcp_clients_, entry);
+  Add(tcpClients_, entry);
 }
 
 void EachClientSRManager::RegisterClient(UDPClientBase* client) {
@@ -54,20 +54,20 @@ void EachClientSRManager::RegisterClient(UDPClientBase* client) {
   entry.udp = client;
   const Visitor visitor(*this);
   ScopeLock lock(lock_);
-  Add(udp_clients_, entry);
+  Add(udpClients_, entry);
 }
 
 void EachClientSRManager::UnRegisterClient(TCPClientBase* client) {
   const Visitor visitor(*this);
   ScopeLock lock(lock_);
-  Remove(tcp_clients_, client);
+  Remove(tcpClients_, client);
   signal_->Wake();
 }
 
 void EachClientSRManager::UnRegisterClient(UDPClientBase* client) {
   const Visitor visitor(*this);
   ScopeLock lock(lock_);
-  Remove(udp_clients_, client);
+  Remove(udpClients_, client);
   signal_->Wake();
 }
 
@@ -114,7 +114,7 @@ void EachClientSRManager::FreeSlot(Entry& entry) {
     return;
   }
   const auto uses_it = [place](const auto& other) { return other->slot == place; };
-  if (std::ranges::any_of(tcp_clients_, uses_it) || std::ranges::any_of(udp_clients_, uses_it)) {
+  if (std::ranges::any_of(tcpClients_, uses_it) || std::ranges::any_of(udpClients_, uses_it)) {
     return;
   }
   Empty(slots_[static_cast<std::size_t>(place)]);
@@ -153,7 +153,7 @@ int EachClientSRManager::PlaceOf(int descriptor) {
 
 template <class Function>
 void EachClientSRManager::ForEachEntry(Function function) {
-  for (const List* list : {&tcp_clients_, &udp_clients_}) {
+  for (const List* list : {&tcpClients_, &udpClients_}) {
     for (const std::shared_ptr<Entry>& entry : *list) {
       function(*entry);
     }

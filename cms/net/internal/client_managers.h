@@ -55,7 +55,7 @@ class EachClientSRManager : public Thread {
   // Whether a step of that client, which calls somebody, is running. The client may have been
   // unregistered by it, or be gone.
   bool IsInStepOf(const void* client) const {
-    return in_step_.load(std::memory_order_acquire) == client;
+    return inStep_.load(std::memory_order_acquire) == client;
   }
   // Returns when the step that runs now has ended; at once on the thread that runs it.
   void WaitForStep();
@@ -82,15 +82,15 @@ class EachClientSRManager : public Thread {
   // Names the client whose step is running. Made and destroyed with the lock held.
   class Step {
    public:
-    Step(EachClientSRManager& manager, const void* client) : in_step_(manager.in_step_) {
-      in_step_.store(client, std::memory_order_release);
+    Step(EachClientSRManager& manager, const void* client) : inStep_(manager.inStep_) {
+      inStep_.store(client, std::memory_order_release);
     }
-    ~Step() { in_step_.store(nullptr, std::memory_order_release); }
+    ~Step() { inStep_.store(nullptr, std::memory_order_release); }
     Step(const Step&) = delete;
     Step& operator=(const Step&) = delete;
 
    private:
-    std::atomic<const void*>& in_step_;
+    std::atomic<const void*>& inStep_;
   };
 
   // The events to wait for; whether a client is to be waited on; where its waking signal goes.
@@ -125,8 +125,8 @@ class EachClientSRManager : public Thread {
 
   CMSCritical lock_;
   const std::shared_ptr<cms::IoSignal> signal_ = std::make_shared<cms::IoSignal>();
-  List tcp_clients_ CMS_GUARDED_BY(lock_);
-  List udp_clients_ CMS_GUARDED_BY(lock_);
+  List tcpClients_ CMS_GUARDED_BY(lock_);
+  List udpClients_ CMS_GUARDED_BY(lock_);
 
  private:
   struct Slot {
@@ -156,7 +156,7 @@ class EachClientSRManager : public Thread {
   const std::uint32_t events_;
   std::atomic<int> visitors_{0};
   std::atomic<unsigned> visits_{0};  // that have ended
-  std::atomic<const void*> in_step_{nullptr};
+  std::atomic<const void*> inStep_{nullptr};
   std::atomic<std::uint64_t> passes_{0};
   std::array<epoll_event, kMaxSockets + 1> received_{};  // this thread's
   std::array<Slot, kMaxSockets> slots_ CMS_GUARDED_BY(lock_);
@@ -221,10 +221,10 @@ class EachClientSendManager final : public EachClientSRManager {
   static bool HasPending(const Entry& entry);
 
   EachClientRecvManager& receiver_;
-  std::vector<RTCPStep*> rtcp_steps_ CMS_GUARDED_BY(lock_);
-  std::vector<RTCPStep*> rtcp_snapshot_ CMS_GUARDED_BY(lock_);
-  std::chrono::steady_clock::time_point next_rtcp_{};  // this thread's
-  bool more_to_send_ = false;                          // this thread's
+  std::vector<RTCPStep*> rtcpSteps_ CMS_GUARDED_BY(lock_);
+  std::vector<RTCPStep*> rtcpSnapshot_ CMS_GUARDED_BY(lock_);
+  std::chrono::steady_clock::time_point nextRtcp_{};  // this thread's
+  bool moreToSend_ = false;                           // this thread's
 };
 
 // One group. Any thread may call any member; a stopped pair stays stopped, and is destroyed only
@@ -262,8 +262,8 @@ class EachClientManager {
   template <class Client>
   void UnRegisterBoth(Client* client);
 
-  CMSCritical start_lock_;
-  std::atomic<State> state_{State::kNew};  // written under start_lock_
+  CMSCritical startLock_;
+  std::atomic<State> state_{State::kNew};  // written under startLock_
   const std::unique_ptr<EachClientRecvManager> receiver_;
   const std::unique_ptr<EachClientSendManager> sender_;  // uses the receiver
 };

@@ -10,20 +10,20 @@ namespace cms {
 // Any thread may signal; only the I/O thread clears, and it clears before it looks.
 class IoSignal {
  public:
-  void Wake() { wake_up_.Signal(); }
+  void Wake() { wakeUp_.Signal(); }
   // Wake, and have the set of watched sockets worked out anew.
   void Change() {
     MarkChanged();
-    wake_up_.Signal();
+    wakeUp_.Signal();
   }
   void MarkChanged() { changed_.store(true, std::memory_order_release); }  // by the thread itself
   bool TakeChange() { return changed_.exchange(false, std::memory_order_acq_rel); }
-  void Clear() { wake_up_.Clear(); }
-  int Descriptor() const { return wake_up_.Descriptor(); }  // readable while signalled
+  void Clear() { wakeUp_.Clear(); }
+  int Descriptor() const { return wakeUp_.Descriptor(); }  // readable while signalled
 
  private:
   std::atomic<bool> changed_{false};
-  WakeUp wake_up_;
+  WakeUp wakeUp_;
 };
 
 }  // namespace cms

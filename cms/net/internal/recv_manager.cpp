@@ -12,7 +12,7 @@ EachClientRecvManager::~EachClientRecvManager() {
 }
 
 bool EachClientRecvManager::IsWaitedOn(const Entry& entry) {
-  return entry.endpoint->wants_receive_.load(std::memory_order_relaxed);
+  return entry.endpoint->wantsReceive_.load(std::memory_order_relaxed);
 }
 
 void EachClientRecvManager::SetSignal(cms::SocketEndpoint& endpoint,
@@ -30,8 +30,8 @@ void EachClientRecvManager::run() {
       ScopeLock lock(lock_);
       MarkReady(count);
       UpdateSet();
-      Dispatch(tcp_clients_, result);
-      Dispatch(udp_clients_, result);
+      Dispatch(tcpClients_, result);
+      Dispatch(udpClients_, result);
       ClearReady();
       UpdateSet();
     }
@@ -58,7 +58,7 @@ void EachClientRecvManager::Dispatch(List& list, PassResult& result) {
     if (entry->endpoint == nullptr) {
       continue;  // unregistered by its own step; the client may be gone
     }
-    result.burst = result.burst || entry->endpoint->step_was_burst_;
+    result.burst = result.burst || entry->endpoint->stepWasBurst_;
     if (taken < 0) {
       Remove(list, entry->endpoint);
     } else if (!IsWaitedOn(*entry)) {

@@ -21,8 +21,8 @@ EachClientSendManager::~EachClientSendManager() {
 void EachClientSendManager::RegisterClient(RTCPStep* step) {
   const Visitor visitor(*this);
   ScopeLock lock(lock_);
-  if (std::ranges::find(rtcp_steps_, step) == rtcp_steps_.end()) {
-    rtcp_steps_.push_back(step);
+  if (std::ranges::find(rtcpSteps_, step) == rtcpSteps_.end()) {
+    rtcpSteps_.push_back(step);
     signal_->Wake();
   }
 }
@@ -30,7 +30,7 @@ void EachClientSendManager::RegisterClient(RTCPStep* step) {
 void EachClientSendManager::UnRegisterClient(RTCPStep* step) {
   const Visitor visitor(*this);
   ScopeLock lock(lock_);
-  std::erase(rtcp_steps_, step);
+  std::erase(rtcpSteps_, step);
 }
 
 bool EachClientSendManager::IsWaitedOn(const Entry& entry) {
@@ -45,14 +45,14 @@ void EachClientSendManager::SetSignal(cms::SocketEndpoint& endpoint,
 void EachClientSendManager::run() {
   while (!IsStopRequested()) {
     LetVisitorsIn();
-    const int count = Wait(more_to_send_ ? 0 : MillisecondsToRtcp());
-    more_to_send_ = false;
+    const int count = Wait(moreToSend_ ? 0 : MillisecondsToRtcp());
+    moreToSend_ = false;
     {
       ScopeLock lock(lock_);
       MarkReady(count);
       UpdateSet();
-      Dispatch(tcp_clients_);
-      Dispatch(udp_clients_);
+      Dispatch(tcpClients_);
+      Dispatch(udpClients_);
       ClearReady();
       UpdateSet();
     }
@@ -85,7 +85,7 @@ void EachClientSendManager::Dispatch(List& list) {
       continue;
     }
     const bool pending = HasPending(*entry);
-    more_to_send_ = more_to_send_ || (pending && !would_block);
+    moreToSend_ = moreToSend_ || (pending && !would_block);
     if (entry->blocked != (pending && would_block)) {
       entry->blocked = pending && would_block;
       signal_->MarkChanged();
@@ -103,42 +103,42 @@ bool EachClientSendManager::HasPending(const Entry& entry) {
 
 int EachClientSendManager::MillisecondsToRtcp() {
   ScopeLock lock(lock_);
-  if (rtcp_steps_.empty()) {
+  if (rtcpSteps_.empty()) {
     return -1;
   }
   const auto left =
-      std::chrono::ceil<std::chrono::milliseconds>(next_rtcp_ - std::chrono::steady_clock::now());
+      std::chrono::ceil<std::chrono::milliseconds>(nextRtcp_ - std::chrono::steady_clock::now());
   return static_cast<int>(std::clamp(left, std::chrono::milliseconds(0), kRtcpInterval).count());
 }
 
 void EachClientSendManager::CallRtcpSteps() {
   const auto now = std::chrono::steady_clock::now();
-  if (now < next_rtcp_) {
+  if (now < nextRtcp_) {
     return;
   }
   {
     ScopeLock lock(lock_);
-    if (rtcp_steps_.empty()) {
+    if (rtcpSteps_.empty()) {
       return;
     }
   }
-  next_rtcp_ = now + kRtcpInterval;
+  nextRtcp_ = now + kRtcpInterval;
   // The receive thread's lock first, as everywhere: a step may unregister clients, which takes
   // both.
   const Visitor visitor(receiver_);
   ScopeLock callbacks(receiver_.CallbackLock());
   ScopeLock lock(lock_);
-  rtcp_snapshot_ = rtcp_steps_;
-  for (RTCPStep* step : rtcp_snapshot_) {
+  rtcpSnapshot_ = rtcpSteps_;
+  for (RTCPStep* step : rtcpSnapshot_) {
     if (IsStopRequested()) {
       return;
     }
-    if (std::ranges::find(rtcp_steps_, step) == rtcp_steps_.end()) {
+    if (std::ranges::find(rtcpSteps_, step) == rtcpSteps_.end()) {
       continue;  // unregistered by a step before
     }
     const Step running(*this, step);
     if (step->RTCPProcessNB() < 0) {
-      std::erase(rtcp_steps_, step);
+      std::erase(rtcpSteps_, step);
     }
   }
 }

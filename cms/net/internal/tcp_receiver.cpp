@@ -17,7 +17,7 @@ CTcpReceiver::CTcpReceiver(int descriptor, int stop, const tTcpServerConfig& con
       scratch_(static_cast<std::size_t>(config.recvFrameSize)) {}
 
 bool CTcpReceiver::Start(std::function<void()> on_gone) {
-  on_gone_ = std::move(on_gone);
+  onGone_ = std::move(on_gone);
   running_ = true;
   try {
     thread_ = std::thread(&CTcpReceiver::Run, this);
@@ -47,6 +47,6 @@ void CTcpReceiver::Run() {
     }
   }
   if (running_.exchange(false)) {
-    on_gone_();
+    onGone_();
   }
 }

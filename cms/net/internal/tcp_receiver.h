@@ -30,7 +30,7 @@ class CTcpReceiver {
   const int stop_;
   const tTcpServerConfig& config_;
   std::atomic<bool> running_{false};
-  std::function<void()> on_gone_;
+  std::function<void()> onGone_;
   std::vector<char> scratch_;
   std::thread thread_;
 };

@@ -18,7 +18,7 @@ std::shared_ptr<NativeThread> NativeThread::CreateSuspended(const std::string& n
       self->id_ = static_cast<std::uint32_t>(gettid());
       self->born_.Set();
       self->gate_.Wait();
-      self->exit_code_ = work(*self);
+      self->exitCode_ = work(*self);
       self->ended_.Set();
     });
   } catch (const std::system_error&) {

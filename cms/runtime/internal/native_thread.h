@@ -28,14 +28,14 @@ class NativeThread {
   void Resume() { gate_.Set(); }
   std::uint32_t Id() const { return id_; }
   bool IsCaller() const;
-  std::uint32_t ExitCode() const { return exit_code_; }  // once ended
+  std::uint32_t ExitCode() const { return exitCode_; }  // once ended
 
   // Waits until the thread has ended (negative: without limit) and sees it off.
   bool WaitEnded(int milliseconds);
 
   // The thread's last call into its owner and the owner's destruction exclude each other: whoever
   // comes first gets true, the other false.
-  bool ClaimOwner() { return !owner_claimed_.exchange(true, std::memory_order_acq_rel); }
+  bool ClaimOwner() { return !ownerClaimed_.exchange(true, std::memory_order_acq_rel); }
 
  private:
   NativeThread() = default;
@@ -43,10 +43,10 @@ class NativeThread {
   Event born_;
   Event gate_;
   Event ended_;
-  std::atomic<bool> owner_claimed_{false};
+  std::atomic<bool> ownerClaimed_{false};
   std::atomic<bool> released_{false};  // joined or detached
   std::uint32_t id_ = 0;
-  std::uint32_t exit_code_ = 0;
+  std::uint32_t exitCode_ = 0;
   std::thread thread_;
 };
 
