@@ -1,19 +1,17 @@
 #include "cms/audio/audio_capture.h"
 
-#include <pthread.h>
-
 #include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <span>
 #include <stdexcept>
-#include <thread>
 #include <utility>
 #include <vector>
 
 #include "cms/audio/audio_player.h"
 #include "cms/audio/internal/alsa_device.h"
 #include "cms/audio/internal/g711.h"
+#include "cms/runtime/internal/named_thread.h"
 #include "cms/runtime/wake_up.h"
 
 namespace {
@@ -61,13 +59,15 @@ class CCMSAudioCapture::Impl {
     if (!Open()) {
       throw std::runtime_error(pcm_.ErrorText());
     }
-    thread_ = std::thread([this] { Run(); });
+    if (!thread_.Start("cms-audio-in", [this] { Run(); })) {
+      throw std::runtime_error("there is no thread to capture with");
+    }
   }
 
   ~Impl() {
     stopping_.store(true);
     wake_.Signal();
-    thread_.join();
+    thread_.Join();
   }
 
  private:
@@ -85,7 +85,6 @@ class CCMSAudioCapture::Impl {
   }
 
   void Run() {
-    pthread_setname_np(pthread_self(), "audio capture");
     while (!stopping_.load()) {
       if (!pcm_.IsOpen()) {
         Wait(kRetryMs);
@@ -122,7 +121,7 @@ class CCMSAudioCapture::Impl {
   cms::WakeUp wake_;
   std::vector<pollfd> waits_;
   std::atomic<bool> stopping_{false};
-  std::thread thread_;
+  cms::NamedThread thread_;
 };
 
 bool CCMSAudioCapture::IsUsable(const tCMSAudioPlayerConfig& config) {

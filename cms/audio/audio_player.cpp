@@ -1,13 +1,10 @@
 #include "cms/audio/audio_player.h"
 
-#include <pthread.h>
-
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <span>
 #include <system_error>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -16,6 +13,7 @@
 #include "cms/audio/internal/playout_buffer.h"
 #include "cms/runtime/clock.h"
 #include "cms/runtime/critical.h"
+#include "cms/runtime/internal/named_thread.h"
 #include "cms/runtime/wake_up.h"
 
 namespace {
@@ -57,7 +55,7 @@ class CCMSAudioPlayer::Impl {
   void Wait(bool device, int timeoutMs);
 
   CMSCritical life_;  // orders Start and Stop
-  std::thread thread_ CMS_GUARDED_BY(life_);
+  cms::NamedThread thread_ CMS_GUARDED_BY(life_);
 
   CMSCritical format_;  // Play and SetFormat
   tCMSAudioPlayerConfig config_ CMS_GUARDED_BY(format_);
@@ -114,7 +112,13 @@ bool CCMSAudioPlayer::Impl::Start() {
   buffer_.Clear();
   wake_.Clear();
   started_.store(true);
-  thread_ = std::thread([this] { Run(); });
+  if (!thread_.Start("cms-audio-out", [this] { Run(); })) {
+    started_.store(false);
+    CloseDevice(-errno);
+    ScopeLock errorLock(errorLock_);
+    error_ = "there is no thread to play with";
+    return false;
+  }
   return true;
 }
 
@@ -124,7 +128,7 @@ void CCMSAudioPlayer::Impl::Stop() {
     return;
   }
   wake_.Signal();
-  thread_.join();
+  thread_.Join();
 }
 
 bool CCMSAudioPlayer::Impl::SetFormat(const tCMSAudioPlayerConfig& config) {
@@ -220,7 +224,6 @@ void CCMSAudioPlayer::Impl::Wait(bool device, int timeoutMs) {
 }
 
 void CCMSAudioPlayer::Impl::Run() {
-  pthread_setname_np(pthread_self(), "audio player");
   while (started_.load()) {
     const cms::PcmFormat next = buffer_.NextFormat();
     if (next.sampleRate == 0) {

@@ -1,17 +1,15 @@
 #include "cms/recording/control_write_file.h"
 
-#include <pthread.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <new>
-#include <system_error>
 #include <utility>
 
 #include "cms/recording/internal/write_out.h"
 #include "cms/runtime/clock.h"
+#include "cms/runtime/internal/named_thread.h"
 
 namespace {
 
@@ -33,7 +31,9 @@ ControlWriteFile* ControlWriteFile::GetInstance() {
 }
 
 ControlWriteFile::ControlWriteFile(cms::FileIo* io)
-    : io_(io), memory_(new (std::nothrow) std::uint8_t[std::size_t{kSlots} * kSlotSize]) {
+    : io_(io),
+      memory_(new (std::nothrow) std::uint8_t[std::size_t{kSlots} * kSlotSize]),
+      thread_(std::make_unique<cms::NamedThread>()) {
   if (!memory_) {
     return;
   }
@@ -47,9 +47,7 @@ ControlWriteFile::ControlWriteFile(cms::FileIo* io)
   }
   ScopeLock lock(thread_lock_);
   running_ = true;
-  try {
-    thread_ = std::thread([this] { WriteQueueThrd(); });
-  } catch (const std::system_error&) {
+  if (!thread_->Start("cms-write-queue", [this] { WriteQueueThrd(); })) {
     running_ = false;  // nothing is taken then
   }
 }
@@ -101,9 +99,7 @@ void ControlWriteFile::stop() {
   }
   work_.Set();
   ScopeLock lock(thread_lock_);
-  if (thread_.joinable()) {
-    thread_.join();
-  }
+  thread_->Join();
 }
 
 bool ControlWriteFile::WaitWritten(int milliseconds) {
@@ -128,7 +124,6 @@ bool ControlWriteFile::WaitWritten(int milliseconds) {
 }
 
 void ControlWriteFile::WriteQueueThrd() {
-  pthread_setname_np(pthread_self(), "disk writer");
   cms::PreferThisThread();
   WriteQueueFn();
 }

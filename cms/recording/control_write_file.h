@@ -8,7 +8,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <thread>
 #include <vector>
 
 #include "cms/runtime/api.h"
@@ -17,6 +16,8 @@
 #include "cms/runtime/file_io.h"
 
 namespace cms {
+
+class NamedThread;
 
 // What became of the buffers that were queued with it; one for each open file, shared by the queue
 // and the file's owner, who reads it at any time from any thread.
@@ -116,5 +117,5 @@ class CMS_API ControlWriteFile {
   std::atomic<std::uint64_t> lost_bytes_{0};
 
   CMSCritical thread_lock_;
-  std::thread thread_ CMS_GUARDED_BY(thread_lock_);
+  std::unique_ptr<cms::NamedThread> thread_ CMS_GUARDED_BY(thread_lock_);
 };

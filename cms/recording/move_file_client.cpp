@@ -17,7 +17,7 @@ constexpr int kHighPriority = -10;
 }  // namespace
 
 CLFX_MOVEFILE_Client::CLFX_MOVEFILE_Client() {
-  SetName("file mover");
+  SetName("cms-file-mover");
 }
 
 CLFX_MOVEFILE_Client::~CLFX_MOVEFILE_Client() {

@@ -4,7 +4,6 @@
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <poll.h>
-#include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -12,19 +11,67 @@
 #include <cstdint>
 #include <cstring>
 #include <iterator>
-#include <system_error>
+#include <map>
+#include <string>
+
+#include "cms/runtime/internal/named_thread.h"
+#include "cms/runtime/wake_up.h"
+
+class CNetworkCableMonitor::Impl {
+ public:
+  Impl(NetworkCableCallback callback, void* context) : callback_(callback), context_(context) {}
+  ~Impl();
+  Impl(const Impl&) = delete;
+  Impl& operator=(const Impl&) = delete;
+
+  bool Start();
+  void Stop();
+
+ private:
+  struct Link {
+    std::string name;
+    bool connected = false;
+    bool seen = true;  // in the list that the kernel is just sending
+  };
+
+  void Run();
+  void AskForAll();
+  void Read();
+  void Take(const void* message, bool gone);
+  void EndOfList();
+  void Tell(const Link& link) { callback_(context_, link.name.c_str(), link.connected ? 1 : 0); }
+
+  const NetworkCableCallback callback_;
+  void* const context_;
+  cms::WakeUp stop_;
+  int socket_ = -1;
+  cms::NamedThread thread_;
+  std::map<int, Link> links_;  // by the interface's number; the thread's own
+  bool listing_ = false;
+  bool lost_ = false;  // messages, while a list was on its way
+};
 
 CNetworkCableMonitor::CNetworkCableMonitor(NetworkCableCallback callback, void* context)
-    : callback_(callback), context_(context) {}
+    : impl_(std::make_unique<Impl>(callback, context)) {}
 
-CNetworkCableMonitor::~CNetworkCableMonitor() {
+CNetworkCableMonitor::~CNetworkCableMonitor() = default;
+
+bool CNetworkCableMonitor::Start() {
+  return impl_->Start();
+}
+
+void CNetworkCableMonitor::Stop() {
+  impl_->Stop();
+}
+
+CNetworkCableMonitor::Impl::~Impl() {
   Stop();
   if (socket_ >= 0) {
     close(socket_);
   }
 }
 
-bool CNetworkCableMonitor::Start() {
+bool CNetworkCableMonitor::Impl::Start() {
   if (callback_ == nullptr || socket_ >= 0) {
     errno = callback_ == nullptr ? EINVAL : EALREADY;
     return false;
@@ -37,26 +84,17 @@ bool CNetworkCableMonitor::Start() {
       bind(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
     return false;
   }
-  try {
-    thread_ = std::thread([this] {
-      pthread_setname_np(pthread_self(), "cms-cable");
-      Run();
-    });
-  } catch (const std::system_error& error) {
-    errno = error.code().value();
-    return false;
-  }
-  return true;
+  return thread_.Start("cms-cable", [this] { Run(); });
 }
 
-void CNetworkCableMonitor::Stop() {
-  if (thread_.joinable()) {
+void CNetworkCableMonitor::Impl::Stop() {
+  if (thread_.IsStarted()) {
     stop_.Signal();
-    thread_.join();
+    thread_.Join();
   }
 }
 
-void CNetworkCableMonitor::Run() {
+void CNetworkCableMonitor::Impl::Run() {
   AskForAll();
   pollfd waited[] = {{socket_, POLLIN, 0}, {stop_.Descriptor(), POLLIN, 0}};
   for (;;) {
@@ -72,7 +110,7 @@ void CNetworkCableMonitor::Run() {
   }
 }
 
-void CNetworkCableMonitor::AskForAll() {
+void CNetworkCableMonitor::Impl::AskForAll() {
   struct {
     nlmsghdr header;
     ifinfomsg body;
@@ -87,7 +125,7 @@ void CNetworkCableMonitor::AskForAll() {
   listing_ = send(socket_, &request, sizeof request, 0) == sizeof request;
 }
 
-void CNetworkCableMonitor::Read() {
+void CNetworkCableMonitor::Impl::Read() {
   alignas(nlmsghdr) char buffer[32 * 1024];
   sockaddr_nl sender{};
   socklen_t sender_size = sizeof sender;
@@ -116,7 +154,7 @@ void CNetworkCableMonitor::Read() {
   }
 }
 
-void CNetworkCableMonitor::Take(const void* message, bool gone) {
+void CNetworkCableMonitor::Impl::Take(const void* message, bool gone) {
   const auto* const header = static_cast<const nlmsghdr*>(message);
   if (header->nlmsg_len < NLMSG_LENGTH(sizeof(ifinfomsg))) {
     return;
@@ -149,7 +187,7 @@ void CNetworkCableMonitor::Take(const void* message, bool gone) {
   }
 }
 
-void CNetworkCableMonitor::EndOfList() {
+void CNetworkCableMonitor::Impl::EndOfList() {
   if (!listing_) {
     return;
   }

@@ -1,12 +1,9 @@
 // CNetworkCableMonitor tells when network cables are plugged in and pulled out.
 #pragma once
 
-#include <map>
-#include <string>
-#include <thread>
+#include <memory>
 
 #include "cms/runtime/api.h"
-#include "cms/runtime/wake_up.h"
 
 // An interface ("eth0") that has a link now (non-zero) or has none any more (0). Runs on the
 // monitor's thread; the name is valid only during the call.
@@ -30,25 +27,6 @@ class CMS_API CNetworkCableMonitor {
   void Stop();
 
  private:
-  struct Link {
-    std::string name;
-    bool connected = false;
-    bool seen = true;  // in the list that the kernel is just sending
-  };
-
-  void Run();
-  void AskForAll();
-  void Read();
-  void Take(const void* message, bool gone);
-  void EndOfList();
-  void Tell(const Link& link) { callback_(context_, link.name.c_str(), link.connected ? 1 : 0); }
-
-  const NetworkCableCallback callback_;
-  void* const context_;
-  cms::WakeUp stop_;
-  int socket_ = -1;
-  std::thread thread_;
-  std::map<int, Link> links_;  // by the interface's number; the thread's own
-  bool listing_ = false;
-  bool lost_ = false;  // messages, while a list was on its way
+  class Impl;
+  std::unique_ptr<Impl> impl_;
 };

@@ -1,14 +1,12 @@
 #include "cms/streaming/http_client.h"
 
-#include <pthread.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <new>
-#include <system_error>
 
 #include "cms/audio/audio_player.h"
 #include "cms/net/tcp_client.h"
+#include "cms/runtime/internal/named_thread.h"
 #include "cms/streaming/internal/group_allocator.h"
 
 namespace {
@@ -63,7 +61,7 @@ class CMSHTTPClient::Connection final : public TCPClientBase {
   cms::GroupClaim group_;
 };
 
-CMSHTTPClient::CMSHTTPClient() = default;
+CMSHTTPClient::CMSHTTPClient() : processThread_(std::make_unique<cms::NamedThread>()) {}
 
 CMSHTTPClient::~CMSHTTPClient() {
   OnStopAudioRecorder();
@@ -123,7 +121,7 @@ int CMSHTTPClient::Play() {
 }
 
 int CMSHTTPClient::OpenLocked() {
-  if (connection_ != nullptr || raw_ != nullptr || processThread_.joinable()) {
+  if (connection_ != nullptr || raw_ != nullptr || processThread_->IsStarted()) {
     return 0;
   }
   MarkOpening();
@@ -198,9 +196,7 @@ int CMSHTTPClient::InitialCodecs() {
 
 int CMSHTTPClient::StartProcessThread() {
   running_.store(1, std::memory_order_relaxed);
-  try {
-    processThread_ = std::thread(&CMSHTTPClient::Process, this);
-  } catch (const std::system_error&) {
+  if (!processThread_->Start("cms-http-client", [this] { Process(); })) {
     running_.store(0, std::memory_order_relaxed);
     return Fail(ConnectionFault::kOutOfResources, "cannot start a thread");
   }
@@ -232,9 +228,7 @@ void CMSHTTPClient::CloseLocked() {
   if (connection_ != nullptr) {
     connection_->End();
   }
-  if (processThread_.joinable()) {
-    processThread_.join();
-  }
+  processThread_->Join();
   connection_.reset();
   raw_.reset();
   if (audioPlayer_) {
@@ -320,7 +314,6 @@ std::uint64_t CMSHTTPClient::OversizeFrameCount() const {
 // --- The process thread -------------------------------------------------------------------------
 
 void CMSHTTPClient::Process() {
-  pthread_setname_np(pthread_self(), "cms-http");
   const std::unique_ptr<char[]> received(new (std::nothrow) char[kReceiveChunk]);
   if (received == nullptr) {
     running_.store(0, std::memory_order_relaxed);

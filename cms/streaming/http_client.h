@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <thread>
 
 #include "cms/live/client_base.h"
 #include "cms/live/media/codec_id.h"
@@ -13,6 +12,10 @@
 #include "cms/runtime/api.h"
 #include "cms/runtime/wake_up.h"
 #include "cms/streaming/io_group.h"
+
+namespace cms {
+class NamedThread;
+}
 
 // Given to CMSHTTPClient::SetConfig, which copies it with the request bytes.
 struct stHTTPClientConfig {
@@ -116,7 +119,7 @@ class CMS_API CMSHTTPClient : public CMSClientBase {
   std::unique_ptr<Connection> connection_;
   std::unique_ptr<CRawBuffer> raw_;
   std::unique_ptr<cms::AudioPlayer> audioPlayer_;
-  std::thread processThread_;
+  std::unique_ptr<cms::NamedThread> processThread_;
   std::atomic<int> running_{0};
 
   CMSCritical cancelLock_;

@@ -3,7 +3,7 @@
 
 namespace test {
 
-// By threads whose name began with "cms-recv" or "audio capture" when they first allocated, since
+// By threads whose name began with "cms-recv" or "cms-audio-in" when they first allocated, since
 // the program began.
 long Allocations();
 

@@ -16,7 +16,7 @@ std::atomic<long> allocations{0};
 bool OnMediaThread() {
   char name[16] = "";
   pthread_getname_np(pthread_self(), name, sizeof name);
-  return std::strncmp(name, "cms-recv", 8) == 0 || std::strcmp(name, "audio capture") == 0;
+  return std::strncmp(name, "cms-recv", 8) == 0 || std::strcmp(name, "cms-audio-in") == 0;
 }
 
 void* Counted(std::size_t size) {

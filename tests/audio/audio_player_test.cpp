@@ -36,7 +36,7 @@ long WakeUpsOfThePlayer() {
     std::string line;
     std::getline(name, line);
     std::ifstream status(task.path() / "status");
-    for (std::string key; line == "audio player" && status >> key;) {
+    for (std::string key; line == "cms-audio-out" && status >> key;) {
       if (long count = 0; key == "voluntary_ctxt_switches:" && status >> count) {
         return count;
       }

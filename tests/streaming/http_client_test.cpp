@@ -359,7 +359,7 @@ long Sleeps() {
     std::string name;
     std::ifstream(task.path() / "comm") >> name;
     std::ifstream status(task.path() / "status");
-    for (std::string line; name == "cms-http" && std::getline(status, line);) {
+    for (std::string line; name == "cms-http-client" && std::getline(status, line);) {
       if (line.rfind("voluntary_ctxt_switches:", 0) == 0) {
         return std::stol(line.substr(24));
       }

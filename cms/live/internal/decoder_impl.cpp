@@ -1,9 +1,5 @@
 #include "cms/live/internal/decoder_impl.h"
 
-#include <pthread.h>
-
-#include <system_error>
-
 #include "cms/live/media/input_padding.h"
 
 static_assert(cms::kInputPadding >= AV_INPUT_BUFFER_PADDING_SIZE,
@@ -151,13 +147,13 @@ int CMSDecoder::Impl::StartThread() {
       return 1;
     }
   }
-  if (thread_.joinable()) {
+  if (thread_.IsStarted()) {
     return 0;
   }
   queue_.Start();
-  try {
-    thread_ = std::thread(&Impl::DecodeQueued, this, result_callback_, result_context_);
-  } catch (const std::system_error&) {
+  if (!thread_.Start("cms-decode", [this, callback = result_callback_, context = result_context_] {
+        DecodeQueued(callback, context);
+      })) {
     queue_.Stop();
     return 1;
   }
@@ -167,11 +163,11 @@ int CMSDecoder::Impl::StartThread() {
 
 void CMSDecoder::Impl::EndThread() {
   const ScopeLock guard(control_lock_);
-  if (!thread_.joinable()) {
+  if (!thread_.IsStarted()) {
     return;
   }
   queue_.Stop();
-  thread_.join();
+  thread_.Join();
   running_.store(false, std::memory_order_relaxed);
 }
 
@@ -182,7 +178,6 @@ void CMSDecoder::Impl::SetResultCallback(ResultCallback callback, void* context)
 }
 
 void CMSDecoder::Impl::DecodeQueued(ResultCallback callback, void* context) {
-  pthread_setname_np(pthread_self(), "cms-decode");
   cms::DecodeQueue::Frame frame{};
   while (queue_.Take(frame)) {
     const DECODE_RESULT result = Decode(frame.data, frame.length, nullptr);

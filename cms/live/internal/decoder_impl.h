@@ -3,13 +3,13 @@
 
 #include <atomic>
 #include <memory>
-#include <thread>
 
 #include "cms/live/decoder.h"
 #include "cms/live/internal/decode_queue.h"
 #include "cms/live/media/internal/picture_converter.h"
 #include "cms/live/media/internal/video_codec.h"
 #include "cms/runtime/critical.h"
+#include "cms/runtime/internal/named_thread.h"
 #include "cms/runtime/thread_annotations.h"
 
 // Locks, in the order in which they nest: control_lock_ (starting and ending the thread),
@@ -77,7 +77,7 @@ class CMSDecoder::Impl {
   float dewarp_zoom_ CMS_GUARDED_BY(lock_) = 1;
 
   cms::DecodeQueue queue_;
-  std::thread thread_ CMS_GUARDED_BY(control_lock_);
+  cms::NamedThread thread_ CMS_GUARDED_BY(control_lock_);
   ResultCallback result_callback_ CMS_GUARDED_BY(control_lock_) = nullptr;
   void* result_context_ CMS_GUARDED_BY(control_lock_) = nullptr;
   std::atomic<bool> running_{false};

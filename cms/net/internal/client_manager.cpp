@@ -1,12 +1,25 @@
-#include <future>
 #include <memory>
 #include <stdexcept>
 
 #include "cms/net/internal/client_managers.h"
+#include "cms/runtime/internal/named_thread.h"
 
 EachClientManager::EachClientManager(int group)
     : receiver_(std::make_unique<EachClientRecvManager>(group)),
       sender_(std::make_unique<EachClientSendManager>(group, *receiver_)) {}
+
+namespace {
+
+bool HasStarted(Thread& thread) {
+  try {
+    thread.start();
+    return true;
+  } catch (const std::runtime_error&) {  // there is no thread to be had
+    return false;
+  }
+}
+
+}  // namespace
 
 template <class Client>
 void EachClientManager::RegisterBoth(Client* client) {
@@ -57,11 +70,12 @@ EachClientManager::State EachClientManager::start() {
     return CurrentState();
   }
   // Side by side: each start lasts 100 ms, and a camera's opening waits for both.
-  try {
-    auto receiving = std::async(std::launch::async, [this] { receiver_->start(); });
-    sender_->start();
-    receiving.get();
-  } catch (const std::runtime_error&) {  // std::system_error included
+  bool receiving = false;
+  cms::NamedThread helper;
+  const bool sending = helper.Start("cms-group", [&] { receiving = HasStarted(*receiver_); }) &&
+                       HasStarted(*sender_);
+  helper.Join();
+  if (!sending || !receiving) {
     sender_->stop();
     receiver_->stop();
     return State::kNew;

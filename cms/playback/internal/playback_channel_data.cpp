@@ -1,10 +1,7 @@
 #include "cms/playback/internal/playback_channel_data.h"
 
-#include <pthread.h>
-
 #include <algorithm>
 #include <cstring>
-#include <system_error>
 #include <utility>
 
 #include "cms/live/media/frame_header.h"
@@ -38,18 +35,11 @@ bool CCMSPlaybackChannelData::Start(cms::PlaybackTransport& transport, std::size
   transport_ = &transport;
   index_ = index;
   sink_ = &sink;
-  try {
-    thread_ = std::thread(&CCMSPlaybackChannelData::Run, this);
-  } catch (const std::system_error&) {
-    return false;
-  }
-  return true;
+  return thread_.Start("cms-playback", [this] { Run(); });
 }
 
 void CCMSPlaybackChannelData::Join() {
-  if (thread_.joinable()) {
-    thread_.join();
-  }
+  thread_.Join();
 }
 
 void CCMSPlaybackChannelData::PlayForward(int normalSpeed) {
@@ -63,7 +53,6 @@ cms::PlaybackReaderStatus CCMSPlaybackChannelData::ReaderStatus() const {
 }
 
 void CCMSPlaybackChannelData::Run() {
-  pthread_setname_np(pthread_self(), "cms-playback");
   while (true) {
     const View view = transport_->Look(index_);
     if (view.quit) {

@@ -5,7 +5,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <thread>
 #include <vector>
 
 #include "cms/playback/internal/frame_decoder.h"
@@ -15,6 +14,7 @@
 #include "cms/playback/internal/playback_transport.h"
 #include "cms/playback/internal/reverse_window.h"
 #include "cms/playback/playback_config.h"
+#include "cms/runtime/internal/named_thread.h"
 
 namespace cms {
 
@@ -135,7 +135,7 @@ class CCMSPlaybackChannelData {
   cms::PlaybackTransport* transport_ = nullptr;
   std::size_t index_ = 0;
   cms::PlaybackSink* sink_ = nullptr;
-  std::thread thread_;
+  cms::NamedThread thread_;
 
   // Of the reader thread.
   cms::PlaybackTrack track_;

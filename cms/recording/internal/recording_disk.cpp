@@ -2,18 +2,16 @@
 // recording_disk_files.cpp.
 #include "cms/recording/internal/recording_disk.h"
 
-#include <pthread.h>
-
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstring>
 #include <new>
-#include <system_error>
 #include <thread>
 #include <utility>
 
 #include "cms/recording/internal/write_out.h"
+#include "cms/runtime/internal/named_thread.h"
 
 namespace cms {
 namespace {
@@ -75,12 +73,10 @@ std::shared_ptr<RecordingDisk> RecordingDisk::Start() {
     const std::lock_guard lock(Disks().mutex);
     Disks().disks.push_back(disk);
   }
-  try {
-    std::thread([disk] {
-      disk->Work();
-      Forget(disk);
-    }).detach();
-  } catch (const std::system_error&) {
+  if (!NamedThread::StartDetached("cms-disk", [disk] {
+        disk->Work();
+        Forget(disk);
+      })) {
     Forget(disk);
     return nullptr;
   }
@@ -314,7 +310,6 @@ std::vector<FinishedRecording> RecordingDisk::TakeFinished() {
 // --- The thread ---------------------------------------------------------------------------------
 
 void RecordingDisk::Work() {
-  pthread_setname_np(pthread_self(), "disk writer");
   PreferThisThread();
   std::chrono::milliseconds pause = kShortRetry;
   Lock lock(mutex_);

@@ -1,7 +1,5 @@
 #include "cms/runtime/internal/turns.h"
 
-#include <pthread.h>
-
 #include <algorithm>
 #include <chrono>
 
@@ -83,12 +81,10 @@ void Turns::StartThreadIfNeeded() {
   if (waiting_ > 0) {
     return;
   }
-  try {
-    std::thread([this] { Work(); }).detach();
-  } catch (const std::system_error&) {
-    return;  // the threads that run take over when their turns end
+  // Where there is none to be had, the threads that run take over when their turns end.
+  if (NamedThread::StartDetached(threadName_, [this] { Work(); })) {
+    ++threads_;
   }
-  ++threads_;
 }
 
 std::uint64_t Turns::NextPlace(std::uint64_t now) const {
@@ -104,7 +100,6 @@ std::uint64_t Turns::NextPlace(std::uint64_t now) const {
 }
 
 void Turns::Work() {
-  pthread_setname_np(pthread_self(), threadName_);
   std::unique_lock lock(mutex_);
   std::uint64_t idleSince = members_.empty() ? 0 : TickMilliseconds();
   while (!members_.empty()) {

@@ -8,6 +8,8 @@
 #include <mutex>
 #include <thread>
 
+#include "cms/runtime/internal/named_thread.h"
+
 namespace cms {
 
 // A process-wide timer with a few threads. A turn may block, so a thread that goes into a turn
@@ -43,7 +45,7 @@ class Turns {
   // For looking at network storage, which may hang for as long as it likes.
   static Turns& Moves();
 
-  explicit Turns(const char* threadName) : threadName_(threadName) {}
+  explicit Turns(ThreadName threadName) : threadName_(threadName) {}
 
   void Add(Member* member, std::uint64_t due);  // an added member is only given the new time
   void Poke(Member* member);                    // its turn comes at once; unknown sites are ignored
@@ -66,7 +68,7 @@ class Turns {
   void StartThreadIfNeeded();
   std::uint64_t NextPlace(std::uint64_t now) const;  // the tick from which another turn may begin
 
-  const char* const threadName_;
+  const ThreadName threadName_;
   std::mutex mutex_;  // guards all below
   std::condition_variable changed_;
   std::condition_variable turnEnded_;

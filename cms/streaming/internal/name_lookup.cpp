@@ -1,17 +1,15 @@
 #include "cms/streaming/internal/name_lookup.h"
 
 #include <poll.h>
-#include <pthread.h>
 
 #include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
-#include <system_error>
-#include <thread>
 #include <vector>
 
 #include "cms/runtime/clock.h"
+#include "cms/runtime/internal/named_thread.h"
 #include "cms/streaming/rtsp_url.h"
 
 namespace cms {
@@ -38,7 +36,6 @@ Questions& TheQuestions() {
 std::atomic<Resolver> resolver_in_use{nullptr};
 
 void Ask(const std::string& host, const std::shared_ptr<Question>& question) {
-  pthread_setname_np(pthread_self(), "cms-lookup");
   const Resolver resolver = resolver_in_use.load();
   const auto address = resolver != nullptr ? resolver(host) : ResolveIPv4(host);
   Questions& questions = TheQuestions();
@@ -58,9 +55,7 @@ std::shared_ptr<Question> Join(const std::string& host, const std::shared_ptr<Wa
   auto& question = questions.open[host];
   if (question == nullptr) {
     question = std::make_shared<Question>();
-    try {
-      std::thread([host, asked = question] { Ask(host, asked); }).detach();
-    } catch (const std::system_error&) {
+    if (!NamedThread::StartDetached("cms-lookup", [host, asked = question] { Ask(host, asked); })) {
       questions.open.erase(host);
       return nullptr;
     }
