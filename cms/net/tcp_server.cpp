@@ -1,27 +1,26 @@
 #include "cms/net/tcp_server.h"
 
-#include <poll.h>
-#include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <chrono>
+#include <atomic>
+#include <map>
 #include <memory>
 #include <new>
 #include <string>
-#include <system_error>
 #include <utility>
+#include <vector>
 
 #include "cms/net/internal/listening_socket.h"
 #include "cms/net/internal/tcp_ctrl.h"
+#include "cms/net/internal/thread_team.h"
 #include "cms/net/internal/wait_ready.h"
+#include "cms/runtime/critical.h"
+#include "cms/runtime/internal/named_thread.h"
+#include "cms/runtime/wake_up.h"
 
 namespace {
-
-// How long to wait for a descriptor or memory to come back.
-constexpr std::chrono::milliseconds kExhaustedPause{10};
 
 tTcpServerConfig WithDefaults(tTcpServerConfig config) {
   const tTcpServerConfig defaults;
@@ -36,15 +35,45 @@ tTcpServerConfig WithDefaults(tTcpServerConfig config) {
 
 }  // namespace
 
-CTcpServer::CTcpServer(tTcpServerConfig* config)
-    : sharedConfig_(config), config_(WithDefaults(*config)) {}
+class CTcpServer::Impl {
+ public:
+  explicit Impl(tTcpServerConfig* config) : sharedConfig_(config), config_(WithDefaults(*config)) {}
+  ~Impl() { Stop(); }
+  Impl(const Impl&) = delete;
+  Impl& operator=(const Impl&) = delete;
 
-CTcpServer::~CTcpServer() {
-  Stop();
-}
+  bool Start();
+  void Stop();
+  int TotalClients();
+  void EnableSend(std::uint32_t address, bool enable);
+  int Send(const char* data, int length);
+  std::size_t QueuedBytes();
 
-bool CTcpServer::Start() {
-  if (acceptThread_.joinable()) {
+ private:
+  void AcceptLoop();
+  bool HasRoom() {
+    return config_.maximumConnections < 1 || TotalClients() < config_.maximumConnections;
+  }
+  void Adopt(int descriptor, const sockaddr_in& peer);
+  void Serve(CTcpCtrl* connection);
+
+  tTcpServerConfig* const sharedConfig_;
+  const tTcpServerConfig config_;
+  std::atomic<bool> running_{false};
+  int listening_ = -1;  // the accept thread's while that runs
+  cms::NamedThread acceptThread_;
+  cms::ThreadTeam receivers_;                // a thread for each connection
+  std::unique_ptr<cms::WakeUp> stop_;        // signalled for good by Stop; made anew by Start
+  std::unique_ptr<cms::WakeUp> acceptWake_;  // a connection has ended, or it is time to end
+
+  CMSCritical connectionsLock_;  // taken before the permissions' lock
+  std::vector<std::unique_ptr<CTcpCtrl>> connections_ CMS_GUARDED_BY(connectionsLock_);
+  CMSCritical permissionsLock_;
+  std::map<std::uint32_t, bool> permissions_ CMS_GUARDED_BY(permissionsLock_);
+};
+
+bool CTcpServer::Impl::Start() {
+  if (acceptThread_.IsStarted()) {
     return false;
   }
   auto stop = std::make_unique<cms::WakeUp>();
@@ -64,9 +93,7 @@ bool CTcpServer::Start() {
   // Before the thread: its accept callback may read them.
   sharedConfig_->localAddress = ntohl(bound.sin_addr.s_addr);
   sharedConfig_->localPort = ntohs(bound.sin_port);
-  try {
-    acceptThread_ = std::thread(&CTcpServer::AcceptLoop, this);
-  } catch (const std::system_error&) {
+  if (!acceptThread_.Start("cms-tcp-accept", [this] { AcceptLoop(); })) {
     running_ = false;
     close(std::exchange(listening_, -1));
     return false;
@@ -74,67 +101,49 @@ bool CTcpServer::Start() {
   return true;
 }
 
-void CTcpServer::Stop() {
-  if (!acceptThread_.joinable()) {
+void CTcpServer::Impl::Stop() {
+  if (!acceptThread_.IsStarted()) {
     return;
   }
   running_ = false;
   acceptWake_->Signal();
-  acceptThread_.join();
+  acceptThread_.Join();
   stop_->Signal();
-  // Connections that end by themselves just now move from the one list to the other; their threads
-  // take the lock for that, so it is not held while they are waited for.
-  std::vector<std::unique_ptr<CTcpCtrl>> connections;
-  {
-    ScopeLock lock(connectionsLock_);
-    connections.swap(connections_);
-  }
-  connections.clear();
-  BuryEnded();
-  ScopeLock lock(permissionsLock_);
+  receivers_.WaitAll();
+  const ScopeLock lock(permissionsLock_);
   permissions_.clear();
 }
 
-void CTcpServer::AcceptLoop() {
-  pthread_setname_np(pthread_self(), "cms-tcp-accept");
+void CTcpServer::Impl::AcceptLoop() {
   const int wake = acceptWake_->Descriptor();
   while (running_) {
+    sockaddr_in peer{};
     if (!HasRoom()) {
       cms::WaitReady(-1, 0, wake);
-      acceptWake_->Clear();
-      BuryEnded();
-      continue;
-    }
-    sockaddr_in peer{};
-    socklen_t size = sizeof peer;
-    const int accepted =
-        accept4(listening_, reinterpret_cast<sockaddr*>(&peer), &size, SOCK_CLOEXEC);
-    if (accepted >= 0) {
+    } else if (const int accepted = cms::AcceptNext(listening_, wake, peer); accepted >= 0) {
       Adopt(accepted, peer);
-    } else if (cms::WhyAcceptFailed(errno) == cms::AcceptFailure::kTryAgain) {
-      cms::WaitReady(listening_, POLLIN, wake);
-    } else {
-      cms::WaitReady(-1, 0, wake, kExhaustedPause);
     }
     acceptWake_->Clear();
-    BuryEnded();
   }
   close(std::exchange(listening_, -1));
 }
 
-void CTcpServer::Adopt(int descriptor, const sockaddr_in& peer) {
+void CTcpServer::Impl::Adopt(int descriptor, const sockaddr_in& peer) {
   if (config_.acceptCallback != nullptr) {
     config_.acceptCallback(&peer, static_cast<int>(sizeof peer));
   }
   std::unique_ptr<CTcpCtrl> made;
   try {
-    made = std::make_unique<CTcpCtrl>(*this, descriptor, peer);
-    EnableSend(made->PeerAddress(), false);
+    made = std::make_unique<CTcpCtrl>(descriptor, peer, stop_->Descriptor(), config_);
     CTcpCtrl* const connection = made.get();
-    // Listed first, for the receive thread to be found whenever it ends.
-    ScopeLock lock(connectionsLock_);
+    EnableSend(connection->PeerAddress(), false);
+    if (!connection->Sender().Start()) {
+      return;
+    }
+    // Listed first, for its thread to find it whenever it ends.
+    const ScopeLock lock(connectionsLock_);
     connections_.push_back(std::move(made));
-    if (!connection->Start()) {
+    if (!receivers_.Start("cms-tcp-recv", [this, connection] { Serve(connection); })) {
       made = std::move(connections_.back());
       connections_.pop_back();
     }
@@ -145,45 +154,33 @@ void CTcpServer::Adopt(int descriptor, const sockaddr_in& peer) {
   }
 }
 
-void CTcpServer::Remove(CTcpCtrl* connection) {
-  ScopeLock lock(connectionsLock_);
-  const auto found =
-      std::find_if(connections_.begin(), connections_.end(),
-                   [&](const std::unique_ptr<CTcpCtrl>& one) { return one.get() == connection; });
-  if (found == connections_.end()) {
-    return;  // the server is stopping and has taken it
-  }
-  ended_.push_back(std::move(*found));
-  connections_.erase(found);
+// The thread of a connection, which sees it off.
+void CTcpServer::Impl::Serve(CTcpCtrl* connection) {
+  connection->Receiver().Run();
+  std::unique_ptr<CTcpCtrl> gone;
   {
-    ScopeLock permissions(permissionsLock_);
+    const ScopeLock lock(connectionsLock_);
+    const auto found = std::ranges::find(connections_, connection, &std::unique_ptr<CTcpCtrl>::get);
+    gone = std::move(*found);
+    connections_.erase(found);
+    const ScopeLock permissions(permissionsLock_);
     permissions_.erase(connection->PeerAddress());
   }
+  gone.reset();  // waits for the send thread, which the lock must not be held for
   acceptWake_->Signal();
 }
 
-void CTcpServer::BuryEnded() {
-  std::vector<std::unique_ptr<CTcpCtrl>> ended;
-  ScopeLock lock(connectionsLock_);
-  ended.swap(ended_);
-  lock.UnLock();
-}
-
-bool CTcpServer::HasRoom() {
-  return config_.maximumConnections < 1 || TotalClients() < config_.maximumConnections;
-}
-
-int CTcpServer::TotalClients() {
+int CTcpServer::Impl::TotalClients() {
   ScopeLock lock(connectionsLock_);
   return static_cast<int>(connections_.size());
 }
 
-void CTcpServer::EnableSend(std::uint32_t address, bool enable) {
+void CTcpServer::Impl::EnableSend(std::uint32_t address, bool enable) {
   ScopeLock lock(permissionsLock_);
   permissions_[address] = enable;
 }
 
-int CTcpServer::Send(const char* data, int length) {
+int CTcpServer::Impl::Send(const char* data, int length) {
   if (data == nullptr || length < 1) {
     return 0;
   }
@@ -204,11 +201,39 @@ int CTcpServer::Send(const char* data, int length) {
   return result;
 }
 
-std::size_t CTcpServer::QueuedBytes() {
+std::size_t CTcpServer::Impl::QueuedBytes() {
   ScopeLock lock(connectionsLock_);
   std::size_t sum = 0;
   for (const std::unique_ptr<CTcpCtrl>& connection : connections_) {
     sum += connection->Sender().QueuedBytes();
   }
   return sum;
+}
+
+CTcpServer::CTcpServer(tTcpServerConfig* config) : impl_(std::make_unique<Impl>(config)) {}
+
+CTcpServer::~CTcpServer() = default;
+
+bool CTcpServer::Start() {
+  return impl_->Start();
+}
+
+void CTcpServer::Stop() {
+  impl_->Stop();
+}
+
+int CTcpServer::TotalClients() {
+  return impl_->TotalClients();
+}
+
+void CTcpServer::EnableSend(std::uint32_t address, bool enable) {
+  impl_->EnableSend(address, enable);
+}
+
+int CTcpServer::Send(const char* data, int length) {
+  return impl_->Send(data, length);
+}
+
+std::size_t CTcpServer::QueuedBytes() {
+  return impl_->QueuedBytes();
 }

@@ -3,19 +3,11 @@
 
 #include <netinet/in.h>
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <map>
 #include <memory>
-#include <thread>
-#include <vector>
 
 #include "cms/runtime/api.h"
-#include "cms/runtime/critical.h"
-#include "cms/runtime/wake_up.h"
-
-class CTcpCtrl;
 
 // Bytes that a peer sent; valid only during the call, and unread by anybody without a callback.
 // Runs on the connection's own thread, so for several connections at once.
@@ -67,25 +59,6 @@ class CMS_API CTcpServer {
   std::size_t QueuedBytes();
 
  private:
-  friend class CTcpCtrl;
-  void AcceptLoop();
-  void Adopt(int descriptor, const sockaddr_in& peer);
-  // From a connection's receive thread: the peer is gone.
-  void Remove(CTcpCtrl* connection);
-  void BuryEnded();
-  bool HasRoom();
-
-  tTcpServerConfig* const sharedConfig_;
-  const tTcpServerConfig config_;
-  std::atomic<bool> running_{false};
-  int listening_ = -1;  // the accept thread's while that runs
-  std::thread acceptThread_;
-  std::unique_ptr<cms::WakeUp> stop_;        // signalled for good by Stop; made anew by Start
-  std::unique_ptr<cms::WakeUp> acceptWake_;  // there are connections to bury, or it is time to end
-
-  CMSCritical connectionsLock_;  // taken before the permissions' lock
-  std::vector<std::unique_ptr<CTcpCtrl>> connections_ CMS_GUARDED_BY(connectionsLock_);
-  std::vector<std::unique_ptr<CTcpCtrl>> ended_ CMS_GUARDED_BY(connectionsLock_);
-  CMSCritical permissionsLock_;
-  std::map<std::uint32_t, bool> permissions_ CMS_GUARDED_BY(permissionsLock_);
+  class Impl;
+  std::unique_ptr<Impl> impl_;
 };

@@ -3,18 +3,13 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <chrono>
 #include <utility>
 
 #include "cms/net/internal/listening_socket.h"
-#include "cms/net/internal/wait_ready.h"
 
 namespace cms {
 namespace {
 
-// How long to wait for a descriptor or memory to come back.
-constexpr std::chrono::milliseconds kExhaustedPause{10};
 // As much as handlers have on other platforms. Only what they use is ever committed.
 constexpr std::size_t kStack = std::size_t{1} << 20;
 
@@ -25,7 +20,6 @@ bool ConnectionThreads::Start(int listening, int stop, std::size_t most, Serve s
   stop_ = stop;
   most_ = most;
   serve_ = std::move(serve);
-  none_.Reset();
   if (AddThread(most_) != Added::kYes) {
     listening_ = -1;
     return false;
@@ -42,25 +36,15 @@ void ConnectionThreads::Close() {
     return;
   }
   StopAccepting();  // wakes the threads that accept
-  none_.Wait();
-  ScopeLock lock(lock_);
-  const std::optional<pthread_t> last = std::exchange(ended_, std::nullopt);
-  lock.UnLock();
-  pthread_join(last.value(), nullptr);
+  team_.WaitAll();
   close(std::exchange(listening_, -1));
-}
-
-void* ConnectionThreads::Run(void* self) {
-  pthread_setname_np(pthread_self(), "cms-http-server");
-  static_cast<ConnectionThreads*>(self)->Work();
-  return nullptr;
 }
 
 void ConnectionThreads::Work() {
   bool fit = true;
   do {
     sockaddr_in client{};
-    const int accepted = Accept(client);
+    const int accepted = AcceptNext(listening_, stop_, client);
     if (accepted < 0) {
       --waiting_;
       break;
@@ -73,28 +57,8 @@ void ConnectionThreads::Work() {
     }
     --serving_;
   } while (WaitForMore(fit));
-  Leave();
-}
-
-// The descriptor of a connection; -1 once no more are to be accepted.
-int ConnectionThreads::Accept(sockaddr_in& client) const {
-  while (true) {
-    socklen_t size = sizeof client;
-    const int accepted =
-        accept4(listening_, reinterpret_cast<sockaddr*>(&client), &size, SOCK_CLOEXEC);
-    if (accepted >= 0) {
-      return accepted;
-    }
-    switch (WhyAcceptFailed(errno)) {
-      case AcceptFailure::kTryAgain:
-        break;
-      case AcceptFailure::kExhausted:
-        WaitReady(-1, 0, stop_, kExhaustedPause);
-        break;
-      case AcceptFailure::kClosed:
-        return -1;
-    }
-  }
+  ScopeLock lock(lock_);
+  --threads_;
 }
 
 // Gives up the caller's place among those that wait. False when it was the last one and the system
@@ -123,33 +87,14 @@ ConnectionThreads::Added ConnectionThreads::AddThread(std::size_t most) {
   if (waiting_ > 0 || threads_ >= most) {
     return Added::kEnough;
   }
-  pthread_attr_t attributes;
-  pthread_attr_init(&attributes);
-  pthread_attr_setstacksize(&attributes, kStack);
-  pthread_t thread{};
   ++waiting_;
-  const bool made = pthread_create(&thread, &attributes, &ConnectionThreads::Run, this) == 0;
-  pthread_attr_destroy(&attributes);
-  if (!made) {
+  if (!team_.Start(
+          "cms-http-server", [this] { Work(); }, kStack)) {
     --waiting_;
     return Added::kRefused;
   }
   ++threads_;
   return Added::kYes;
-}
-
-// The last step of a thread. It joins the one that left before it, so that whoever joins the last
-// one has joined them all.
-void ConnectionThreads::Leave() {
-  ScopeLock lock(lock_);
-  const std::optional<pthread_t> earlier = std::exchange(ended_, pthread_self());
-  if (--threads_ == 0) {
-    none_.Set();
-  }
-  lock.UnLock();
-  if (earlier) {
-    pthread_join(*earlier, nullptr);
-  }
 }
 
 }  // namespace cms

@@ -2,15 +2,13 @@
 #pragma once
 
 #include <netinet/in.h>
-#include <pthread.h>
 
 #include <atomic>
 #include <cstddef>
 #include <functional>
-#include <optional>
 
+#include "cms/net/internal/thread_team.h"
 #include "cms/runtime/critical.h"
-#include "cms/runtime/event.h"
 
 namespace cms {
 
@@ -49,13 +47,10 @@ class ConnectionThreads {
 
  private:
   enum class Added { kYes, kEnough, kRefused };
-  static void* Run(void* self);
   void Work();
-  int Accept(sockaddr_in& client) const;
   bool SomebodyElseWaits();
   bool WaitForMore(bool fit);
   Added AddThread(std::size_t most);
-  void Leave();
 
   int listening_ = -1;  // these four do not change while there are threads
   int stop_ = -1;
@@ -66,8 +61,7 @@ class ConnectionThreads {
 
   CMSCritical lock_;
   std::size_t threads_ CMS_GUARDED_BY(lock_) = 0;
-  std::optional<pthread_t> ended_ CMS_GUARDED_BY(lock_);  // the last that left, to be joined
-  Event none_;  // set under the lock when the last thread leaves
+  ThreadTeam team_;
 };
 
 }  // namespace cms

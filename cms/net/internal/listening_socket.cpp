@@ -1,12 +1,15 @@
 #include "cms/net/internal/listening_socket.h"
 
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 
 #include "cms/net/internal/socket_io.h"
+#include "cms/net/internal/wait_ready.h"
 
 namespace cms {
 namespace {
@@ -16,6 +19,8 @@ namespace {
 constexpr int kKeepAliveAfter = 60;
 constexpr int kKeepAliveEvery = 10;
 constexpr int kKeepAliveTries = 6;
+// How long to wait for a descriptor or memory to come back.
+constexpr std::chrono::milliseconds kExhaustedPause{10};
 
 }  // namespace
 
@@ -52,20 +57,31 @@ sockaddr_in BoundAddress(int descriptor) {
   return address;
 }
 
-AcceptFailure WhyAcceptFailed(int error) {
-  switch (error) {
-    case EMFILE:
-    case ENFILE:
-    case ENOBUFS:
-    case ENOMEM:
-      return AcceptFailure::kExhausted;
-    case EINVAL:
-    case EBADF:
-    case ENOTSOCK:
-      return AcceptFailure::kClosed;
-    default:
-      return AcceptFailure::kTryAgain;
+int AcceptNext(int listening, int stop, sockaddr_in& peer) {
+  Readiness waited = Readiness::kReady;
+  while (waited != Readiness::kStopped) {
+    socklen_t size = sizeof peer;
+    const int accepted =
+        accept4(listening, reinterpret_cast<sockaddr*>(&peer), &size, SOCK_CLOEXEC);
+    if (accepted >= 0) {
+      return accepted;
+    }
+    switch (errno) {
+      case EMFILE:
+      case ENFILE:
+      case ENOBUFS:
+      case ENOMEM:
+        waited = WaitReady(-1, 0, stop, kExhaustedPause);
+        break;
+      case EINVAL:
+      case EBADF:
+      case ENOTSOCK:
+        return -1;
+      default:  // nothing to accept, or a connection that is gone already
+        waited = WaitReady(listening, POLLIN, stop);
+    }
   }
+  return -1;
 }
 
 }  // namespace cms

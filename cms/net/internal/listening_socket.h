@@ -16,12 +16,10 @@ int OpenListeningSocket(std::uint16_t port, int backlog, std::uint32_t address =
 // Where a socket is bound; all zero when it is not.
 sockaddr_in BoundAddress(int descriptor);
 
-// What accept's failure means for the loop around it.
-enum class AcceptFailure {
-  kTryAgain,   // nothing to accept, or a connection that is gone already
-  kExhausted,  // no descriptors or memory now: the connection stays in the backlog
-  kClosed      // the socket does not listen any more
-};
-AcceptFailure WhyAcceptFailed(int error);
+// The descriptor of the next connection, waited for, and its peer's address. While the process is
+// out of descriptors or memory, connections stay in the backlog. -1 when the socket listens no more
+// or, with nothing there to accept, `stop` is readable. Where several threads accept from one
+// socket, blocking mode wakes only one of them for a connection.
+int AcceptNext(int listening, int stop, sockaddr_in& peer);
 
 }  // namespace cms

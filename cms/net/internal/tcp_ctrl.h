@@ -3,33 +3,26 @@
 
 #include <netinet/in.h>
 
-#include <atomic>
 #include <cstdint>
-#include <memory>
 
 #include "cms/net/internal/tcp_receiver.h"
 #include "cms/net/internal/tcp_sender.h"
 #include "cms/net/tcp_server.h"
 
-// Made and destroyed by the server, whose stop signal both threads obey.
+// Made and destroyed by the server, whose stop signal both sides obey.
 class CTcpCtrl {
  public:
-  // Owns the socket from here on.
-  CTcpCtrl(CTcpServer& server, int descriptor, const sockaddr_in& peer);
-  ~CTcpCtrl();  // ends both threads
+  // Owns the socket from here on, but not `stop`.
+  CTcpCtrl(int descriptor, const sockaddr_in& peer, int stop, const tTcpServerConfig& config);
+  ~CTcpCtrl();  // closes the socket, once its send thread has ended; nobody receives any more
   CTcpCtrl(const CTcpCtrl&) = delete;
   CTcpCtrl& operator=(const CTcpCtrl&) = delete;
 
-  // Starts the send thread and the receive thread; false when the system refuses one of them.
-  bool Start();
-
   std::uint32_t PeerAddress() const { return ntohl(peer_.sin_addr.s_addr); }
   CTcpSender& Sender() { return sender_; }
+  CTcpReceiver& Receiver() { return receiver_; }
 
  private:
-  void OnPeerGone();
-
-  CTcpServer& server_;
   const int socket_;
   const sockaddr_in peer_;
   CTcpSender sender_;

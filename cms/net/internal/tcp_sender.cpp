@@ -1,12 +1,10 @@
 #include "cms/net/internal/tcp_sender.h"
 
 #include <poll.h>
-#include <pthread.h>
 #include <sys/socket.h>
 
 #include <cerrno>
 #include <string_view>
-#include <system_error>
 
 #include "cms/net/internal/wait_ready.h"
 
@@ -18,9 +16,7 @@ CTcpSender::CTcpSender(int descriptor, int stop, const tTcpServerConfig& config)
 
 bool CTcpSender::Start() {
   running_ = true;
-  try {
-    thread_ = std::thread(&CTcpSender::Run, this);
-  } catch (const std::system_error&) {
+  if (!thread_.Start("cms-tcp-send", [this] { Run(); })) {
     running_ = false;
   }
   return running_;
@@ -29,9 +25,7 @@ bool CTcpSender::Start() {
 void CTcpSender::Stop() {
   running_ = false;
   filled_.Set();
-  if (thread_.joinable()) {
-    thread_.join();
-  }
+  thread_.Join();
 }
 
 int CTcpSender::Queue(const Block& block) {
@@ -51,7 +45,6 @@ std::size_t CTcpSender::QueuedBytes() {
 }
 
 void CTcpSender::Run() {
-  pthread_setname_np(pthread_self(), "cms-tcp-send");
   while (running_) {
     filled_.Wait();
     Block block;

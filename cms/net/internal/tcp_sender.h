@@ -6,11 +6,11 @@
 #include <deque>
 #include <memory>
 #include <string>
-#include <thread>
 
 #include "cms/net/tcp_server.h"
 #include "cms/runtime/critical.h"
 #include "cms/runtime/event.h"
+#include "cms/runtime/internal/named_thread.h"
 
 // A queue of blocks and the thread that sends them. A block that is broadcast is shared by all
 // queues that it is in.
@@ -40,7 +40,7 @@ class CTcpSender {
   const int stop_;
   const std::size_t capacity_;  // bytes
   std::atomic<bool> running_{false};
-  std::thread thread_;
+  cms::NamedThread thread_;
 
   CMSCritical lock_;
   std::deque<Block> queue_ CMS_GUARDED_BY(lock_);
