@@ -1,21 +1,41 @@
 #include "cms/net/client_group.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <iterator>
+#include <map>
 #include <utility>
+#include <vector>
 
-#include "cms/net/internal/client_managers.h"
-#include "cms/net/rtcp_step.h"
+#include "cms/net/internal/io_group.h"
 #include "cms/net/tcp_client.h"
 #include "cms/net/udp_client.h"
+#include "cms/runtime/critical.h"
 
-EachClientGroupTable& EachClientGroupTable::Instance() {
-  static auto* const table = new EachClientGroupTable;
-  return *table;
-}
+class EachClientGroupTable::Impl {
+ public:
+  int Register(const cms::IoClient& client, int group);
+  void Unregister(const cms::IoClient& client);
+  void Stop();
+  std::shared_ptr<EachClientManager> Find(int group);
 
-template <class Client>
-int EachClientGroupTable::RegisterClient(Client* client, int group) {
+ private:
+  struct Registration {
+    std::shared_ptr<EachClientManager> manager;
+    std::uint64_t number = 0;  // tells a later registration apart
+  };
+
+  using Managers = std::vector<std::shared_ptr<EachClientManager>>;
+  Managers ManagersInStepOf(const cms::IoClient& client) CMS_REQUIRES(lock_);
+
+  CMSCritical lock_;
+  std::map<int, std::shared_ptr<EachClientManager>> groups_ CMS_GUARDED_BY(lock_);
+  Managers stopping_ CMS_GUARDED_BY(lock_);  // no groups any more, but their threads run
+  std::map<cms::IoClient, Registration> clients_ CMS_GUARDED_BY(lock_);
+  std::uint64_t registrations_ CMS_GUARDED_BY(lock_) = 0;
+};
+
+int EachClientGroupTable::Impl::Register(const cms::IoClient& client, int group) {
   for (;;) {
     std::shared_ptr<EachClientManager> manager;
     std::shared_ptr<EachClientManager> earlier;
@@ -44,7 +64,7 @@ int EachClientGroupTable::RegisterClient(Client* client, int group) {
       case EachClientManager::State::kNew:
         break;
     }
-    UnregisterClient(client);
+    Unregister(client);
     ScopeLock lock(lock_);
     const auto failed = groups_.find(group);
     if (failed != groups_.end() && failed->second == manager &&
@@ -58,8 +78,7 @@ int EachClientGroupTable::RegisterClient(Client* client, int group) {
   }
 }
 
-template <class Client>
-void EachClientGroupTable::UnregisterClient(Client* client) {
+void EachClientGroupTable::Impl::Unregister(const cms::IoClient& client) {
   Registration registration;
   Managers busy;
   {
@@ -85,7 +104,8 @@ void EachClientGroupTable::UnregisterClient(Client* client) {
 }
 
 // Where its step runs although the table may know it under another key, or not at all.
-EachClientGroupTable::Managers EachClientGroupTable::ManagersInStepOf(const void* client) {
+EachClientGroupTable::Impl::Managers EachClientGroupTable::Impl::ManagersInStepOf(
+    const cms::IoClient& client) {
   Managers found;
   for (const auto& [key, manager] : groups_) {
     if (manager->IsInStepOf(client)) {
@@ -97,27 +117,7 @@ EachClientGroupTable::Managers EachClientGroupTable::ManagersInStepOf(const void
   return found;
 }
 
-int EachClientGroupTable::Register(TCPClientBase* client, int group) {
-  return RegisterClient(client, group);
-}
-int EachClientGroupTable::Register(UDPClientBase* client, int group) {
-  return RegisterClient(client, group);
-}
-int EachClientGroupTable::Register(RTCPStep* step, int group) {
-  return RegisterClient(step, group);
-}
-
-void EachClientGroupTable::Unregister(TCPClientBase* client) {
-  UnregisterClient(client);
-}
-void EachClientGroupTable::Unregister(UDPClientBase* client) {
-  UnregisterClient(client);
-}
-void EachClientGroupTable::Unregister(RTCPStep* step) {
-  UnregisterClient(step);
-}
-
-void EachClientGroupTable::Stop() {
+void EachClientGroupTable::Impl::Stop() {
   Managers managers;
   {
     ScopeLock lock(lock_);
@@ -140,8 +140,43 @@ void EachClientGroupTable::Stop() {
   }
 }
 
-std::shared_ptr<EachClientManager> EachClientGroupTable::Find(int group) {
+std::shared_ptr<EachClientManager> EachClientGroupTable::Impl::Find(int group) {
   ScopeLock lock(lock_);
   const auto found = groups_.find(group);
   return found != groups_.end() ? found->second : nullptr;
+}
+
+EachClientGroupTable::EachClientGroupTable() : impl_(std::make_unique<Impl>()) {}
+
+EachClientGroupTable& EachClientGroupTable::Instance() {
+  static auto* const table = new EachClientGroupTable;
+  return *table;
+}
+
+int EachClientGroupTable::Register(TCPClientBase* client, int group) {
+  return impl_->Register(&client->Endpoint(), group);
+}
+int EachClientGroupTable::Register(UDPClientBase* client, int group) {
+  return impl_->Register(&client->Endpoint(), group);
+}
+int EachClientGroupTable::Register(RTCPStep* step, int group) {
+  return impl_->Register(step, group);
+}
+
+void EachClientGroupTable::Unregister(TCPClientBase* client) {
+  impl_->Unregister(&client->Endpoint());
+}
+void EachClientGroupTable::Unregister(UDPClientBase* client) {
+  impl_->Unregister(&client->Endpoint());
+}
+void EachClientGroupTable::Unregister(RTCPStep* step) {
+  impl_->Unregister(step);
+}
+
+void EachClientGroupTable::Stop() {
+  impl_->Stop();
+}
+
+std::shared_ptr<EachClientManager> EachClientGroupTable::Find(int group) {
+  return impl_->Find(group);
 }

@@ -1,13 +1,9 @@
 // EachClientGroupTable, which pair of I/O threads serves which client.
 #pragma once
 
-#include <cstdint>
-#include <map>
 #include <memory>
-#include <vector>
 
 #include "cms/runtime/api.h"
-#include "cms/runtime/critical.h"
 
 class EachClientManager;
 class RTCPStep;
@@ -57,23 +53,9 @@ class CMS_API EachClientGroupTable {
   std::shared_ptr<EachClientManager> Find(int group);
 
  private:
-  EachClientGroupTable() = default;
-  template <class Client>
-  int RegisterClient(Client* client, int group);
-  template <class Client>
-  void UnregisterClient(Client* client);
+  class Impl;
+  EachClientGroupTable();
+  ~EachClientGroupTable() = delete;
 
-  struct Registration {
-    std::shared_ptr<EachClientManager> manager;
-    std::uint64_t number = 0;  // tells a later registration apart
-  };
-
-  using Managers = std::vector<std::shared_ptr<EachClientManager>>;
-  Managers ManagersInStepOf(const void* client) CMS_REQUIRES(lock_);
-
-  CMSCritical lock_;
-  std::map<int, std::shared_ptr<EachClientManager>> groups_ CMS_GUARDED_BY(lock_);
-  Managers stopping_ CMS_GUARDED_BY(lock_);  // no groups any more, but their threads run
-  std::map<const void*, Registration> clients_ CMS_GUARDED_BY(lock_);
-  std::uint64_t registrations_ CMS_GUARDED_BY(lock_) = 0;
+  const std::unique_ptr<Impl> impl_;
 };

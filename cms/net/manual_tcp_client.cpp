@@ -5,24 +5,35 @@
 
 #include <cerrno>
 
+#include "cms/runtime/condition.h"
+#include "cms/runtime/critical.h"
+
+struct ManualTCPClient::Calls {
+  CMSCritical lock;
+  CMSCondition ended{lock};
+  int running CMS_GUARDED_BY(lock) = 0;
+  bool connecting CMS_GUARDED_BY(lock) = false;  // one of them
+  bool ending CMS_GUARDED_BY(lock) = false;      // no new ones
+  cms::WakeUp endConnect;
+};
+
 // A call that uses the socket, which is not closed meanwhile.
 class ManualTCPClient::Call {
  public:
-  explicit Call(ManualTCPClient& client, bool connecting = false)
-      : client_(client), connecting_(connecting) {
-    ScopeLock lock(client_.callsLock_);
-    entered_ = !client_.ending_;
+  explicit Call(Calls& calls, bool connecting = false) : calls_(calls), connecting_(connecting) {
+    ScopeLock lock(calls_.lock);
+    entered_ = !calls_.ending;
     if (entered_) {
-      ++client_.calls_;
-      client_.connecting_ = client_.connecting_ || connecting_;
+      ++calls_.running;
+      calls_.connecting = calls_.connecting || connecting_;
     }
   }
   ~Call() {
     if (entered_) {
-      ScopeLock lock(client_.callsLock_);
-      --client_.calls_;
-      client_.connecting_ = client_.connecting_ && !connecting_;
-      client_.callEnded_.NotifyAll();
+      ScopeLock lock(calls_.lock);
+      --calls_.running;
+      calls_.connecting = calls_.connecting && !connecting_;
+      calls_.ended.NotifyAll();
     }
   }
   Call(const Call&) = delete;
@@ -31,22 +42,23 @@ class ManualTCPClient::Call {
   bool Entered() const { return entered_; }
 
  private:
-  ManualTCPClient& client_;
+  Calls& calls_;
   const bool connecting_;
   bool entered_ = false;
 };
 
-ManualTCPClient::ManualTCPClient() = default;
+ManualTCPClient::ManualTCPClient() : calls_(std::make_unique<Calls>()) {}
 
-ManualTCPClient::ManualTCPClient(tTcpClientParam param) : TCPClientBase(param) {}
+ManualTCPClient::ManualTCPClient(tTcpClientParam param)
+    : TCPClientBase(param), calls_(std::make_unique<Calls>()) {}
 
 ManualTCPClient::~ManualTCPClient() {
   EndCalls();
 }
 
 int ManualTCPClient::OnConnect(unsigned long address, unsigned long port) {
-  const Call call(*this, true);
-  if (!call.Entered() || ConnectSocket(address, port, -1, &endConnect_) == 0) {
+  const Call call(*calls_, true);
+  if (!call.Entered() || ConnectSocket(address, port, -1, &calls_->endConnect) == 0) {
     return 0;
   }
   const int flags = fcntl(Socket(), F_GETFL);
@@ -67,28 +79,28 @@ int ManualTCPClient::OnStopTCPClient(bool) {
 }
 
 void ManualTCPClient::EndCalls() {
-  ScopeLock lock(callsLock_);
-  ending_ = true;
-  endConnect_.Signal();
-  while (calls_ > 0) {
+  ScopeLock lock(calls_->lock);
+  calls_->ending = true;
+  calls_->endConnect.Signal();
+  while (calls_->running > 0) {
     // Closing alone would wake nobody, and give the number away that they still use. A connecting
     // call closes its socket by itself.
-    if (!connecting_ && Socket() >= 0) {
+    if (!calls_->connecting && Socket() >= 0) {
       shutdown(Socket(), SHUT_RDWR);
     }
-    callEnded_.Wait();
+    calls_->ended.Wait();
   }
   CloseSocket();
-  endConnect_.Clear();
-  ending_ = false;
+  calls_->endConnect.Clear();
+  calls_->ending = false;
 }
 
 int ManualTCPClient::OnSend(char* data, int length) {
-  const Call call(*this);
+  const Call call(*calls_);
   return call.Entered() ? Send(Socket(), data, length) : -1;
 }
 
 int ManualTCPClient::OnRecv(char* buffer, int size) {
-  const Call call(*this);
+  const Call call(*calls_);
   return call.Entered() ? Recv(Socket(), buffer, size) : -1;
 }

@@ -1,8 +1,9 @@
 // ManualTCPClient, a TCP connection whose owner sends and receives synchronously.
 #pragma once
 
+#include <memory>
+
 #include "cms/net/tcp_client.h"
-#include "cms/runtime/condition.h"
 
 // Never served by I/O threads: every operation works on the blocking socket itself. One thread at a
 // time, except that one may send while another receives, and that any thread may stop it: that ends
@@ -30,12 +31,8 @@ class CMS_API ManualTCPClient : protected TCPClientBase {
 
  private:
   class Call;
+  struct Calls;
   void EndCalls();
 
-  CMSCritical callsLock_;
-  CMSCondition callEnded_{callsLock_};
-  int calls_ CMS_GUARDED_BY(callsLock_) = 0;            // in progress
-  bool connecting_ CMS_GUARDED_BY(callsLock_) = false;  // one of them
-  bool ending_ CMS_GUARDED_BY(callsLock_) = false;      // no new ones
-  cms::WakeUp endConnect_;
+  const std::unique_ptr<Calls> calls_;
 };

@@ -1,18 +1,16 @@
 // TCPClientBase, one IPv4 TCP connection with bounded queues, served by a group's I/O threads.
 #pragma once
 
-#include <netinet/in.h>
-
 #include <cstdint>
 #include <memory>
 #include <thread>
 
-#include "cms/live/media/frame_buffer.h"
-#include "cms/live/media/simple_buffer.h"
-#include "cms/net/socket_endpoint.h"
 #include "cms/runtime/api.h"
-#include "cms/runtime/critical.h"
 #include "cms/runtime/wake_up.h"
+
+namespace cms {
+class SocketEndpoint;
+}
 
 // Bytes as they arrived; valid only during the call. Runs on the receive thread with the group's
 // lock held; it may unregister or stop clients of its own group, but not destroy its own client.
@@ -42,10 +40,12 @@ inline constexpr unsigned int kNoIoGroup = 0xFFFFFFFFu;
 //
 // A derived class that overrides OnPeerClosed or passes its own state to the callback calls
 // OnStopTCPClient(true) in its own destructor, before that state goes.
-class CMS_API TCPClientBase : public cms::SocketEndpoint {
+class CMS_API TCPClientBase {
  public:
   TCPClientBase();
   explicit TCPClientBase(tTcpClientParam param);
+  TCPClientBase(const TCPClientBase&) = delete;
+  TCPClientBase& operator=(const TCPClientBase&) = delete;
 
   // Connects, with the system's own time-out of minutes; leaves the socket non-blocking. On failure
   // there is no socket and LastSocketError tells why: EINVAL for a port above 65535.
@@ -88,16 +88,20 @@ class CMS_API TCPClientBase : public cms::SocketEndpoint {
 
   // Waits until OnRecv has something to take (true) or the milliseconds are over; a negative limit
   // is none. OnReleaseMemory ends every wait, with true.
-  bool WaitForData(int milliseconds) { return recvQueue_.WaitForFrame(milliseconds); }
+  bool WaitForData(int milliseconds);
 
   // Change nothing; non-zero when that stand-alone thread exists.
   int SetRecvThrdPriority(int priority);
   int SetSendThrdPriority(int priority);
 
-  unsigned long RemoteAddress() const { return remoteAddress_; }
-  unsigned long RemotePort() const { return remotePort_; }
+  unsigned long RemoteAddress() const;
+  unsigned long RemotePort() const;
 
  protected:
+  int Socket() const;  // -1: none
+  // errno of the last connect, receive or send that failed; 0 when none did since the last connect.
+  int LastSocketError() const;
+
   // OnConnect's work with a limit in milliseconds (-1: the system's own) and an optional signal
   // that ends it at once; the signal stays set. LastSocketError is ETIMEDOUT or ECANCELED then.
   int ConnectSocket(unsigned long address, unsigned long port, int timeoutMilliseconds,
@@ -127,38 +131,9 @@ class CMS_API TCPClientBase : public cms::SocketEndpoint {
   std::thread sendThread_;
 
  private:
-  friend class ::EachClientSRManager;
-  friend class ::EachClientSendManager;
-  friend class ::EachClientRecvManager;
+  friend class EachClientGroupTable;
+  class Impl;
+  cms::SocketEndpoint& Endpoint();  // what the I/O threads serve
 
-  bool HasPendingSend();
-  bool SendWouldBlock() const { return sendWouldBlock_; }
-  bool PauseWhenFull();
-  bool QueueIsFull();
-  void ReportClosed();
-  int TakeFromRing();
-  void JoinThreads();
-
-  int pendingSendLength_ CMS_GUARDED_BY(sendLock_) = 0;  // unsent bytes in the send scratch
-  void* recvContext_ = nullptr;
-  TcpReceiveCallback recvCallback_ = nullptr;
-  int recvChunkSize_ = 0;
-  int recvQueueDepth_ = 0;
-  int sendChunkSize_ = 0;
-  int sendQueueDepth_ = 0;
-  std::unique_ptr<char[]> recvScratch_;  // receive thread
-  std::unique_ptr<char[]> sendScratch_;  // send thread
-  std::atomic<int> running_{0};
-  std::atomic<int> connected_{0};
-  std::uint32_t remoteAddress_ = 0;
-  unsigned long remotePort_ = 0;
-  sockaddr_in remote_{};
-  std::atomic<bool> peerClosed_{false};  // OnPeerClosed was called
-  bool sendWouldBlock_ = false;          // send thread
-  std::atomic<bool> sendFailed_{false};
-  CFrameBuffer recvQueue_;
-  CMSCritical sendLock_;  // the ring takes no lock of its own
-  std::unique_ptr<CSimpleBuffer> sendRing_ CMS_GUARDED_BY(sendLock_);
-  int sendRingUsed_ CMS_GUARDED_BY(sendLock_) = 0;
-  int sendRingSize_ CMS_GUARDED_BY(sendLock_) = 0;
+  const std::unique_ptr<Impl> impl_;
 };

@@ -7,7 +7,7 @@
 
 #include "cms/net/internal/own_send_thread.h"
 #include "cms/net/internal/socket_io.h"
-#include "cms/net/tcp_client.h"
+#include "cms/net/internal/tcp_client_impl.h"
 
 namespace {
 
@@ -17,42 +17,34 @@ constexpr std::chrono::milliseconds kPauseAfterEnd{20};
 }  // namespace
 
 void TCPClientBase::TCPClientRecvThrd(TCPClientBase* client) {
-  const auto chunk = static_cast<std::size_t>(client->recvChunkSize_);
-  while (client->running_.load(std::memory_order_relaxed) != 0) {
-    if (!cms::WaitSocket(client->Socket(), POLLIN, kWaitMilliseconds)) {
+  Impl& impl = *client->impl_;
+  const int chunk = impl.param.recvChunkSize;
+  while (impl.running.load(std::memory_order_relaxed) != 0) {
+    if (!cms::WaitSocket(impl.Socket(), POLLIN, kWaitMilliseconds)) {
       continue;
     }
-    const int got =
-        client->Recv(client->Socket(), client->recvScratch_.get(), client->recvChunkSize_);
+    const int got = client->Recv(impl.Socket(), impl.recvScratch.get(), chunk);
     if (got < 1) {
       std::this_thread::sleep_for(kPauseAfterEnd);
-      client->connected_.store(0, std::memory_order_relaxed);
-      client->WakeSender();
+      impl.connected.store(0, std::memory_order_relaxed);
+      impl.WakeSender();
       return;
     }
-    if (client->recvCallback_ != nullptr) {
-      client->recvCallback_(client->recvScratch_.get(), got, client->recvContext_);
+    if (impl.param.recvCallback != nullptr) {
+      impl.param.recvCallback(impl.recvScratch.get(), got, impl.param.recvContext);
     } else {
-      client->recvQueue_.Write(client->recvScratch_.get(), got, 1);
+      impl.recvQueue.Write(impl.recvScratch.get(), got, 1);
     }
-    std::memset(client->recvScratch_.get(), 0, chunk);
+    std::memset(impl.recvScratch.get(), 0, static_cast<std::size_t>(chunk));
   }
 }
 
 void TCPClientBase::TCPClientSendThrd(TCPClientBase* client) {
-  cms::OwnSendThread own(*client);
-  while (client->running_.load(std::memory_order_relaxed) != 0 && client->IsConnecting() != 0) {
-    if (own.WaitWritable(client->HasPendingSend())) {
-      client->TCPClientSend();
-    }
-  }
-}
-
-void TCPClientBase::JoinThreads() {
-  WakeSender();
-  for (std::thread* thread : {&recvThread_, &sendThread_}) {
-    if (thread->joinable()) {
-      thread->join();
+  Impl& impl = *client->impl_;
+  cms::OwnSendThread own(impl);
+  while (impl.running.load(std::memory_order_relaxed) != 0 && client->IsConnecting() != 0) {
+    if (own.WaitWritable(impl.HasPending())) {
+      impl.SendOnce();
     }
   }
 }

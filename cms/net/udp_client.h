@@ -1,16 +1,15 @@
 // UDPClientBase, one bound IPv4 UDP socket with bounded queues, served by a group's I/O threads.
 #pragma once
 
-#include <netinet/in.h>
-
-#include <atomic>
 #include <cstdint>
+#include <memory>
 #include <thread>
 
-#include "cms/live/media/frame_buffer.h"
-#include "cms/net/socket_endpoint.h"
 #include "cms/runtime/api.h"
-#include "cms/runtime/critical.h"
+
+namespace cms {
+class SocketEndpoint;
+}
 
 // One whole datagram; valid only during the call. Runs on the receive thread with the group's lock
 // held; it may unregister or stop clients of its own group, but not destroy its own client.
@@ -39,9 +38,11 @@ struct _UDPCLIENT_CONFIG {
 // One owner thread at a time configures, starts, stops and destroys; OnSend, OnRecv and the
 // questions may come from any thread. Statuses: non-zero success, 0 failure. A derived class that
 // passes its own state to the callback calls OnStopUDPClient in its own destructor.
-class CMS_API UDPClientBase : public cms::SocketEndpoint {
+class CMS_API UDPClientBase {
  public:
   UDPClientBase();
+  UDPClientBase(const UDPClientBase&) = delete;
+  UDPClientBase& operator=(const UDPClientBase&) = delete;
 
   // Copied whole, for the next start. Not while registered.
   void SetConfig(_UDPCLIENT_CONFIG& config);
@@ -84,6 +85,10 @@ class CMS_API UDPClientBase : public cms::SocketEndpoint {
   std::uint16_t BoundPort() const;  // the open socket's local port, 0 without one
 
  protected:
+  int Socket() const;  // -1: none
+  // errno of the last bind, receive or send that failed; 0 when none did since the last OnCreate.
+  int LastSocketError() const;
+
   // Takes over an already bound socket, which OnCreate then keeps and OnClose closes. Closes an
   // earlier one.
   void AdoptSocket(int descriptor);
@@ -105,27 +110,9 @@ class CMS_API UDPClientBase : public cms::SocketEndpoint {
   std::thread sendThread_;
 
  private:
-  friend class ::EachClientSRManager;
-  friend class ::EachClientSendManager;
-  friend class ::EachClientRecvManager;
+  friend class EachClientGroupTable;
+  class Impl;
+  cms::SocketEndpoint& Endpoint();  // what the I/O threads serve
 
-  bool HasPendingSend() const { return queuedSends_.load(std::memory_order_acquire) > 0; }
-  bool SendWouldBlock() const { return sendWouldBlock_; }
-  void Deliver(char* data, int length);
-  int SendOne(int descriptor);
-  void JoinThreads();
-
-  _UDPCLIENT_CONFIG config_;
-  std::atomic<int> running_{0};
-  bool adopted_ = false;
-  bool sendWouldBlock_ = false;  // send thread
-  sockaddr_in local_{};
-  sockaddr_in remote_{};
-  CFrameBuffer recvQueue_;
-  std::atomic<int> queuedReceives_{0};
-  CMSCritical sendLock_;  // serialises senders; the queue's reader is the send thread
-  CFrameBuffer sendQueue_;
-  bool sendQueueOpen_ CMS_GUARDED_BY(sendLock_) = false;  // OnSend may make and fill it
-  bool sendQueueMade_ CMS_GUARDED_BY(sendLock_) = false;
-  std::atomic<int> queuedSends_{0};
+  const std::unique_ptr<Impl> impl_;
 };

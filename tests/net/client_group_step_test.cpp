@@ -10,7 +10,7 @@
 
 #include "cms/exports/net_exports.h"
 #include "cms/net/client_group.h"
-#include "cms/net/internal/client_managers.h"
+#include "cms/net/internal/io_group.h"
 #include "tests/net/acting_clients.h"
 #include "tests/net/loopback.h"
 #include "tests/support/no_more_threads.h"

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "cms/exports/net_exports.h"
-#include "cms/net/internal/client_managers.h"
+#include "cms/net/internal/io_group.h"
 #include "cms/net/rtcp_step.h"
 #include "tests/net/acting_clients.h"
 #include "tests/net/loopback.h"

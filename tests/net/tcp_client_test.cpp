@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "cms/exports/net_exports.h"
-#include "cms/net/internal/client_managers.h"
+#include "cms/net/internal/io_group.h"
 #include "cms/net/manual_tcp_client.h"
 #include "cms/runtime/wake_up.h"
 #include "tests/net/loopback.h"

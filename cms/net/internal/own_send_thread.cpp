@@ -26,4 +26,13 @@ bool OwnSendThread::WaitWritable(bool toSend) {
   return items[1].revents != 0;
 }
 
+void JoinOwnThreads(SocketEndpoint& client, std::initializer_list<std::thread*> threads) {
+  client.WakeSender();
+  for (std::thread* thread : threads) {
+    if (thread->joinable()) {
+      thread->join();
+    }
+  }
+}
+
 }  // namespace cms

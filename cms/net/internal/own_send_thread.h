@@ -1,10 +1,12 @@
-// OwnSendThread, what a client's own send thread waits on.
+// OwnSendThread, what a client's own send thread waits on, and the end of a client's own threads.
 #pragma once
 
+#include <initializer_list>
 #include <memory>
+#include <thread>
 
 #include "cms/net/internal/io_signal.h"
-#include "cms/net/socket_endpoint.h"
+#include "cms/net/internal/socket_endpoint.h"
 
 namespace cms {
 
@@ -25,5 +27,8 @@ class OwnSendThread {
   SocketEndpoint& client_;
   const std::shared_ptr<IoSignal> signal_ = std::make_shared<IoSignal>();
 };
+
+// Waits for those of a client's own threads that exist, which it has told to end.
+void JoinOwnThreads(SocketEndpoint& client, std::initializer_list<std::thread*> threads);
 
 }  // namespace cms

@@ -1,4 +1,4 @@
-#include "cms/net/internal/client_managers.h"
+#include "cms/net/internal/io_thread.h"
 
 #include <unistd.h>
 
@@ -39,35 +39,26 @@ bool EachClientSRManager::IsUsable() const {
   return epoll_ >= 0 && signal_->Descriptor() >= 0;
 }
 
-void EachClientSRManager::RegisterClient(TCPClientBase* client) {
-  Entry entry;
-  entry.endpoint = client;
-  entry.tcp = client;
+void EachClientSRManager::RegisterClient(cms::SocketEndpoint* client) {
   const Visitor visitor(*this);
   ScopeLock lock(lock_);
-  Add(tcpClients_, entry);
+  const auto found = std::ranges::find(clients_, client, &Entry::endpoint);
+  if (found == clients_.end()) {
+    const auto place = std::ranges::find_if(clients_, [client](const auto& other) {
+      return other->endpoint->GetTransport() > client->GetTransport();
+    });
+    clients_.insert(place, std::make_shared<Entry>(Entry{client}));
+    SetSignal(*client, signal_);
+  } else {
+    FreeSlot(**found);  // it may have another socket by now, even under the same number
+  }
+  signal_->Change();
 }
 
-void EachClientSRManager::RegisterClient(UDPClientBase* client) {
-  Entry entry;
-  entry.endpoint = client;
-  entry.udp = client;
+void EachClientSRManager::UnRegisterClient(cms::SocketEndpoint* client) {
   const Visitor visitor(*this);
   ScopeLock lock(lock_);
-  Add(udpClients_, entry);
-}
-
-void EachClientSRManager::UnRegisterClient(TCPClientBase* client) {
-  const Visitor visitor(*this);
-  ScopeLock lock(lock_);
-  Remove(tcpClients_, client);
-  signal_->Wake();
-}
-
-void EachClientSRManager::UnRegisterClient(UDPClientBase* client) {
-  const Visitor visitor(*this);
-  ScopeLock lock(lock_);
-  Remove(udpClients_, client);
+  Remove(client);
   signal_->Wake();
 }
 
@@ -81,30 +72,17 @@ void EachClientSRManager::stop() {
   Thread::stop();
 }
 
-void EachClientSRManager::Add(List& list, const Entry& entry) {
-  const auto found = std::ranges::find(list, entry.endpoint, &Entry::endpoint);
-  if (found == list.end()) {
-    list.push_back(std::make_shared<Entry>(entry));
-    SetSignal(*entry.endpoint, signal_);
-  } else {
-    FreeSlot(**found);  // it may have another socket by now, even under the same number
-  }
-  signal_->Change();
-}
-
-void EachClientSRManager::Remove(List& list, const cms::SocketEndpoint* endpoint) {
-  const auto found = std::ranges::find(list, endpoint, &Entry::endpoint);
-  if (found == list.end()) {
+void EachClientSRManager::Remove(const cms::SocketEndpoint* endpoint) {
+  const auto found = std::ranges::find(clients_, endpoint, &Entry::endpoint);
+  if (found == clients_.end()) {
     return;
   }
   const std::shared_ptr<Entry> entry = *found;
-  list.erase(found);
+  clients_.erase(found);
   // At once, since the owner closes the socket next and its number may come back as another's.
   FreeSlot(*entry);
   SetSignal(*entry->endpoint, nullptr);
   entry->endpoint = nullptr;
-  entry->tcp = nullptr;
-  entry->udp = nullptr;
   signal_->MarkChanged();
 }
 
@@ -113,11 +91,9 @@ void EachClientSRManager::FreeSlot(Entry& entry) {
   if (place < 0) {
     return;
   }
-  const auto uses_it = [place](const auto& other) { return other->slot == place; };
-  if (std::ranges::any_of(tcpClients_, uses_it) || std::ranges::any_of(udpClients_, uses_it)) {
-    return;
+  if (std::ranges::find(clients_, place, &Entry::slot) == clients_.end()) {
+    Empty(slots_[static_cast<std::size_t>(place)]);
   }
-  Empty(slots_[static_cast<std::size_t>(place)]);
 }
 
 void EachClientSRManager::Empty(Slot& slot) {
@@ -151,36 +127,27 @@ int EachClientSRManager::PlaceOf(int descriptor) {
   return static_cast<int>(found - slots_.begin());
 }
 
-template <class Function>
-void EachClientSRManager::ForEachEntry(Function function) {
-  for (const List* list : {&tcpClients_, &udpClients_}) {
-    for (const std::shared_ptr<Entry>& entry : *list) {
-      function(*entry);
-    }
-  }
-}
-
 void EachClientSRManager::UpdateSet() {
   if (!signal_->TakeChange()) {
     return;
   }
   wanted_.clear();
-  ForEachEntry([this](Entry& entry) CMS_NO_THREAD_SAFETY_ANALYSIS {
-    const int descriptor = entry.endpoint->Socket();
-    entry.slot = -1;
+  for (const std::shared_ptr<Entry>& entry : clients_) {
+    const int descriptor = entry->endpoint->Socket();
+    entry->slot = -1;
     if (descriptor < 0) {
-      return;
+      continue;
     }
     auto item = std::ranges::find(wanted_, descriptor, &Wanted::descriptor);
     if (item == wanted_.end()) {
       if (wanted_.size() == kMaxSockets) {
-        return;
+        continue;
       }
       item = wanted_.insert(item, Wanted{descriptor});
     }
-    entry.slot = static_cast<int>(item - wanted_.begin());
-    item->watched = item->watched || IsWaitedOn(entry);
-  });
+    entry->slot = static_cast<int>(item - wanted_.begin());
+    item->watched = item->watched || IsWaitedOn(*entry);
+  }
   for (Slot& slot : slots_) {
     if (slot.descriptor >= 0 &&
         std::ranges::find(wanted_, slot.descriptor, &Wanted::descriptor) == wanted_.end()) {
@@ -191,11 +158,11 @@ void EachClientSRManager::UpdateSet() {
     item.place = PlaceOf(item.descriptor);
     Watch(slots_[static_cast<std::size_t>(item.place)], item.watched);
   }
-  ForEachEntry([this](Entry& entry) CMS_NO_THREAD_SAFETY_ANALYSIS {
-    if (entry.slot >= 0) {
-      entry.slot = wanted_[static_cast<std::size_t>(entry.slot)].place;
+  for (const std::shared_ptr<Entry>& entry : clients_) {
+    if (entry->slot >= 0) {
+      entry->slot = wanted_[static_cast<std::size_t>(entry->slot)].place;
     }
-  });
+  }
 }
 
 int EachClientSRManager::Wait(int milliseconds) {

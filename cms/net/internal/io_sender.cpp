@@ -1,15 +1,7 @@
+#include "cms/net/internal/io_sender.h"
+
 #include <algorithm>
-
-#include "cms/net/internal/client_managers.h"
-
-namespace {
-
-// Steps of one client in a pass, before the others have their turn. A TCP client's is one call into
-// the system; a UDP client's may last 31 ms by itself.
-constexpr int kTcpStepsPerPass = 64;
-constexpr int kUdpStepsPerPass = 1;
-
-}  // namespace
+#include <utility>
 
 EachClientSendManager::EachClientSendManager(int group, EachClientRecvManager& receiver)
     : EachClientSRManager("cms-send-", group, EPOLLOUT), receiver_(receiver) {}
@@ -51,8 +43,7 @@ void EachClientSendManager::run() {
       ScopeLock lock(lock_);
       MarkReady(count);
       UpdateSet();
-      Dispatch(tcpClients_);
-      Dispatch(udpClients_);
+      Dispatch();
       ClearReady();
       UpdateSet();
     }
@@ -60,45 +51,27 @@ void EachClientSendManager::run() {
   }
 }
 
-void EachClientSendManager::Dispatch(List& list) {
+void EachClientSendManager::Dispatch() {
+  using Sent = cms::SocketEndpoint::Sent;
   const auto can_send = [this](const Entry& entry) CMS_NO_THREAD_SAFETY_ANALYSIS {
-    return IsReady(entry) || (!entry.blocked && HasPending(entry));
+    return IsReady(entry) || (!entry.blocked && entry.endpoint->HasPending());
   };
-  for (const std::shared_ptr<Entry>& entry : Snapshot(list, can_send)) {
+  for (const std::shared_ptr<Entry>& entry : Snapshot(can_send)) {
     if (IsStopRequested()) {
       return;
     }
     // Send steps call nobody, so the entry stays what it is meanwhile.
-    bool would_block = false;
-    int result = 0;
-    const int steps = entry->tcp != nullptr ? kTcpStepsPerPass : kUdpStepsPerPass;
-    for (int step = 0; step < steps && result >= 0 && !would_block; ++step) {
-      if (!HasPending(*entry)) {
-        break;
-      }
-      result = StepOnce(*entry);
-      would_block =
-          entry->tcp != nullptr ? entry->tcp->SendWouldBlock() : entry->udp->SendWouldBlock();
-    }
-    if (result < 0) {
-      Remove(list, entry->endpoint);
+    const Sent sent = entry->endpoint->SendStep();
+    if (sent == Sent::kFailed) {
+      Remove(entry->endpoint);
       continue;
     }
-    const bool pending = HasPending(*entry);
-    moreToSend_ = moreToSend_ || (pending && !would_block);
-    if (entry->blocked != (pending && would_block)) {
-      entry->blocked = pending && would_block;
+    moreToSend_ = moreToSend_ || sent == Sent::kMore;
+    if (entry->blocked != (sent == Sent::kBlocked)) {
+      entry->blocked = sent == Sent::kBlocked;
       signal_->MarkChanged();
     }
   }
-}
-
-int EachClientSendManager::StepOnce(const Entry& entry) {
-  return entry.tcp != nullptr ? entry.tcp->TCPClientSend() : entry.udp->UDPClientSend();
-}
-
-bool EachClientSendManager::HasPending(const Entry& entry) {
-  return entry.tcp != nullptr ? entry.tcp->HasPendingSend() : entry.udp->HasPendingSend();
 }
 
 int EachClientSendManager::MillisecondsToRtcp() {
@@ -136,7 +109,7 @@ void EachClientSendManager::CallRtcpSteps() {
     if (std::ranges::find(rtcpSteps_, step) == rtcpSteps_.end()) {
       continue;  // unregistered by a step before
     }
-    const Step running(*this, step);
+    const StepInProgress<RTCPStep>::Scope running(step_, step);
     if (step->RTCPProcessNB() < 0) {
       std::erase(rtcpSteps_, step);
     }

@@ -1,8 +1,9 @@
+#include "cms/net/internal/io_receiver.h"
+
 #include <poll.h>
 
 #include <ctime>
-
-#include "cms/net/internal/client_managers.h"
+#include <utility>
 
 EachClientRecvManager::EachClientRecvManager(int group)
     : EachClientSRManager("cms-recv-", group, EPOLLIN) {}
@@ -12,7 +13,7 @@ EachClientRecvManager::~EachClientRecvManager() {
 }
 
 bool EachClientRecvManager::IsWaitedOn(const Entry& entry) {
-  return entry.endpoint->wantsReceive_.load(std::memory_order_relaxed);
+  return entry.endpoint->WantsReceive();
 }
 
 void EachClientRecvManager::SetSignal(cms::SocketEndpoint& endpoint,
@@ -30,8 +31,7 @@ void EachClientRecvManager::run() {
       ScopeLock lock(lock_);
       MarkReady(count);
       UpdateSet();
-      Dispatch(tcpClients_, result);
-      Dispatch(udpClients_, result);
+      result = Dispatch();
       ClearReady();
       UpdateSet();
     }
@@ -41,30 +41,31 @@ void EachClientRecvManager::run() {
   }
 }
 
-void EachClientRecvManager::Dispatch(List& list, PassResult& result) {
+EachClientRecvManager::PassResult EachClientRecvManager::Dispatch() {
+  PassResult result;
   const auto ready = [this](const Entry& entry)
                          CMS_NO_THREAD_SAFETY_ANALYSIS { return IsReady(entry); };
-  for (const std::shared_ptr<Entry>& entry : Snapshot(list, ready)) {
+  for (const std::shared_ptr<Entry>& entry : Snapshot(ready)) {
     if (IsStopRequested()) {
-      return;
+      break;
     }
-    if (entry->endpoint == nullptr) {
-      continue;  // unregistered by a step before
+    if (!IsReady(*entry)) {
+      continue;  // unregistered by a step before, or given another socket
     }
-    const Step step(*this, entry->Client());
-    const int taken =
-        entry->tcp != nullptr ? entry->tcp->TCPClientRecv() : entry->udp->UDPClientRecv();
-    result.moved = result.moved || taken > 0;
+    const StepInProgress<cms::SocketEndpoint>::Scope running(step_, entry->endpoint);
+    const cms::SocketEndpoint::Received taken = entry->endpoint->ReceiveStep();
+    result.moved = result.moved || taken.bytes > 0;
     if (entry->endpoint == nullptr) {
       continue;  // unregistered by its own step; the client may be gone
     }
-    result.burst = result.burst || entry->endpoint->stepWasBurst_;
-    if (taken < 0) {
-      Remove(list, entry->endpoint);
+    result.burst = result.burst || taken.burst;
+    if (taken.bytes < 0) {
+      Remove(entry->endpoint);
     } else if (!IsWaitedOn(*entry)) {
       signal_->MarkChanged();
     }
   }
+  return result;
 }
 
 // Ends early when the thread is signalled.

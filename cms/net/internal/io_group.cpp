@@ -1,12 +1,8 @@
-#include <memory>
+#include "cms/net/internal/io_group.h"
+
 #include <stdexcept>
 
-#include "cms/net/internal/client_managers.h"
 #include "cms/runtime/internal/named_thread.h"
-
-EachClientManager::EachClientManager(int group)
-    : receiver_(std::make_unique<EachClientRecvManager>(group)),
-      sender_(std::make_unique<EachClientSendManager>(group, *receiver_)) {}
 
 namespace {
 
@@ -21,39 +17,32 @@ bool HasStarted(Thread& thread) {
 
 }  // namespace
 
-template <class Client>
-void EachClientManager::RegisterBoth(Client* client) {
-  receiver_->RegisterClient(client);
-  sender_->RegisterClient(client);
+EachClientManager::EachClientManager(int group)
+    : receiver_(std::make_unique<EachClientRecvManager>(group)),
+      sender_(std::make_unique<EachClientSendManager>(group, *receiver_)) {}
+
+void EachClientManager::RegisterClient(const cms::IoClient& client) {
+  if (auto* const* const endpoint = std::get_if<cms::SocketEndpoint*>(&client)) {
+    receiver_->RegisterClient(*endpoint);
+    sender_->RegisterClient(*endpoint);
+  } else {
+    sender_->RegisterClient(std::get<RTCPStep*>(client));
+  }
 }
 
-template <class Client>
-void EachClientManager::UnRegisterBoth(Client* client) {
-  receiver_->UnRegisterClient(client);
-  sender_->UnRegisterClient(client);
+void EachClientManager::UnRegisterClient(const cms::IoClient& client) {
+  if (auto* const* const endpoint = std::get_if<cms::SocketEndpoint*>(&client)) {
+    receiver_->UnRegisterClient(*endpoint);
+    sender_->UnRegisterClient(*endpoint);
+  } else {
+    sender_->UnRegisterClient(std::get<RTCPStep*>(client));
+  }
 }
 
-void EachClientManager::RegisterClient(TCPClientBase* client) {
-  RegisterBoth(client);
-}
-void EachClientManager::RegisterClient(UDPClientBase* client) {
-  RegisterBoth(client);
-}
-void EachClientManager::RegisterClient(RTCPStep* step) {
-  sender_->RegisterClient(step);
-}
-void EachClientManager::UnRegisterClient(TCPClientBase* client) {
-  UnRegisterBoth(client);
-}
-void EachClientManager::UnRegisterClient(UDPClientBase* client) {
-  UnRegisterBoth(client);
-}
-void EachClientManager::UnRegisterClient(RTCPStep* step) {
-  sender_->UnRegisterClient(step);
-}
-
-bool EachClientManager::IsInStepOf(const void* client) const {
-  return receiver_->IsInStepOf(client) || sender_->IsInStepOf(client);
+bool EachClientManager::IsInStepOf(const cms::IoClient& client) const {
+  auto* const* const endpoint = std::get_if<cms::SocketEndpoint*>(&client);
+  return endpoint != nullptr ? receiver_->IsInStepOf(*endpoint)
+                             : sender_->IsInStepOf(std::get<RTCPStep*>(client));
 }
 
 void EachClientManager::WaitForSteps() {

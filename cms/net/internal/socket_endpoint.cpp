@@ -1,4 +1,4 @@
-#include "cms/net/socket_endpoint.h"
+#include "cms/net/internal/socket_endpoint.h"
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -9,9 +9,6 @@
 
 namespace cms {
 
-SocketEndpoint::SocketEndpoint() = default;
-SocketEndpoint::~SocketEndpoint() = default;
-
 void SocketEndpoint::WakeSender() {
   ScopeLock lock(signalLock_);
   if (sendSignal_ != nullptr) {
@@ -20,6 +17,9 @@ void SocketEndpoint::WakeSender() {
 }
 
 void SocketEndpoint::ResumeReceiver() {
+  if (wantsReceive_.exchange(true, std::memory_order_relaxed)) {
+    return;
+  }
   ScopeLock lock(signalLock_);
   if (receiveSignal_ != nullptr) {
     receiveSignal_->Change();
