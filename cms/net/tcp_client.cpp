@@ -316,5 +316,5 @@ int TCPClientBase::Recv(int descriptor, char* buffer, int length) {
 
 int TCPClientBase::CloseSocket() {
   impl_->connected.store(0, std::memory_order_relaxed);
-  return impl_->CloseEndpoint();
+  return impl_->CloseEndpoint() ? 1 : 0;
 }

@@ -166,11 +166,11 @@ int UDPClientBase::OnRecvNB(char* buffer, int size) {
 }
 
 int UDPClientBase::SetRecvSocketBuffer(int bytes) {
-  return impl_->SetBufferOption(SO_RCVBUFFORCE, SO_RCVBUF, bytes);
+  return impl_->SetBufferOption(SO_RCVBUFFORCE, SO_RCVBUF, bytes) ? 1 : 0;
 }
 
 int UDPClientBase::SetSendSocketBuffer(int bytes) {
-  return impl_->SetBufferOption(SO_SNDBUFFORCE, SO_SNDBUF, bytes);
+  return impl_->SetBufferOption(SO_SNDBUFFORCE, SO_SNDBUF, bytes) ? 1 : 0;
 }
 
 int UDPClientBase::SetRecvThrdPriority(int) {

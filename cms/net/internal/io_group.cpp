@@ -6,7 +6,7 @@
 
 namespace {
 
-bool HasStarted(Thread& thread) {
+bool TryStart(Thread& thread) {
   try {
     thread.start();
     return true;
@@ -61,8 +61,8 @@ EachClientManager::State EachClientManager::start() {
   // Side by side: each start lasts 100 ms, and a camera's opening waits for both.
   bool receiving = false;
   cms::NamedThread helper;
-  const bool sending = helper.Start("cms-group", [&] { receiving = HasStarted(*receiver_); }) &&
-                       HasStarted(*sender_);
+  const bool sending =
+      helper.Start("cms-group", [&] { receiving = TryStart(*receiver_); }) && TryStart(*sender_);
   helper.Join();
   if (!sending || !receiving) {
     sender_->stop();

@@ -26,21 +26,17 @@ void SocketEndpoint::ResumeReceiver() {
   }
 }
 
-int SocketEndpoint::CloseEndpoint() {
+bool SocketEndpoint::CloseEndpoint() {
   const int descriptor = socket_.exchange(-1, std::memory_order_relaxed);
-  return descriptor >= 0 && close(descriptor) == 0 ? 1 : 0;
+  return descriptor >= 0 && close(descriptor) == 0;
 }
 
-int SocketEndpoint::SetBufferOption(int forced, int option, int bytes) {
+bool SocketEndpoint::SetBufferOption(int forced, int option, int bytes) {
   // The forced option goes past the system's limit, where the process has the right to.
   const int descriptor = Socket();
-  if (descriptor < 0) {
-    return 0;
-  }
-  return setsockopt(descriptor, SOL_SOCKET, forced, &bytes, sizeof bytes) == 0 ||
-                 setsockopt(descriptor, SOL_SOCKET, option, &bytes, sizeof bytes) == 0
-             ? 1
-             : 0;
+  return descriptor >= 0 &&
+         (setsockopt(descriptor, SOL_SOCKET, forced, &bytes, sizeof bytes) == 0 ||
+          setsockopt(descriptor, SOL_SOCKET, option, &bytes, sizeof bytes) == 0);
 }
 
 void SocketEndpoint::SetReceiveSignal(std::shared_ptr<IoSignal> signal) {

@@ -43,10 +43,10 @@ class SocketEndpoint {
 
   int Socket() const { return socket_.load(std::memory_order_relaxed); }  // -1: none
   void SetSocket(int descriptor) { socket_.store(descriptor, std::memory_order_relaxed); }
-  // 0 when there was no socket, else whether closing succeeded. The client is not registered.
-  int CloseEndpoint();
-  // The option when there is a socket and it took it: 1, else 0.
-  int SetBufferOption(int forced, int option, int bytes);
+  // Whether there was a socket and closing it succeeded. The client is not registered.
+  bool CloseEndpoint();
+  // Whether there is a socket and it took the option.
+  bool SetBufferOption(int forced, int option, int bytes);
 
   // errno of the last connect, receive or send that failed; 0 when none did since the last connect.
   int LastError() const { return lastError_.load(std::memory_order_relaxed); }
