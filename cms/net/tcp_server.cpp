@@ -77,8 +77,8 @@ bool CTcpServer::Impl::Start() {
     return false;
   }
   auto stop = std::make_unique<cms::WakeUp>();
-  auto accept_wake = std::make_unique<cms::WakeUp>();
-  if (stop->Descriptor() < 0 || accept_wake->Descriptor() < 0) {
+  auto acceptWake = std::make_unique<cms::WakeUp>();
+  if (stop->Descriptor() < 0 || acceptWake->Descriptor() < 0) {
     return false;
   }
   const int listening = cms::OpenListeningSocket(0, SOMAXCONN);
@@ -87,7 +87,7 @@ bool CTcpServer::Impl::Start() {
   }
   const sockaddr_in bound = cms::BoundAddress(listening);
   stop_ = std::move(stop);
-  acceptWake_ = std::move(accept_wake);
+  acceptWake_ = std::move(acceptWake);
   listening_ = listening;
   running_ = true;
   // Before the thread: its accept callback may read them.

@@ -53,10 +53,10 @@ void EachClientSendManager::run() {
 
 void EachClientSendManager::Dispatch() {
   using Sent = cms::SocketEndpoint::Sent;
-  const auto can_send = [this](const Entry& entry) CMS_NO_THREAD_SAFETY_ANALYSIS {
+  const auto canSend = [this](const Entry& entry) CMS_NO_THREAD_SAFETY_ANALYSIS {
     return IsReady(entry) || (!entry.blocked && entry.endpoint->HasPending());
   };
-  for (const std::shared_ptr<Entry>& entry : Snapshot(can_send)) {
+  for (const std::shared_ptr<Entry>& entry : Snapshot(canSend)) {
     if (IsStopRequested()) {
       return;
     }
