@@ -34,6 +34,7 @@ SHARED_INTERNALS = {
     "cms/live/media/internal/video_codec.h",
     "cms/net/internal/listening_socket.h",
     "cms/net/internal/socket_io.h",
+    "cms/net/internal/thread_team.h",
     "cms/net/internal/wait_ready.h",
     "cms/recording/internal/database_file.h",
     "cms/recording/internal/database_locks.h",
@@ -41,6 +42,7 @@ SHARED_INTERNALS = {
     "cms/recording/internal/record_bytes.h",
     "cms/recording/site/internal/site_gaps.h",
     "cms/recording/site/internal/site_recording.h",
+    "cms/runtime/internal/named_thread.h",
     "cms/runtime/internal/turns.h",
     "cms/streaming/internal/bit_reader.h",
 }
