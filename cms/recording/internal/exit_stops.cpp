@@ -23,18 +23,18 @@ ExitStops& ExitStops::Instance() {
 }
 
 void ExitStops::Add(const void* owner, std::function<void()> stop) {
-  const std::lock_guard lock(mutex_);
+  const ScopeLock hold(lock_);
   stops_[owner] = std::move(stop);
 }
 
 void ExitStops::Remove(const void* owner) {
-  const std::lock_guard lock(mutex_);
+  const ScopeLock hold(lock_);
   stops_.erase(owner);
 }
 
 void ExitStops::StopAll() {
   {
-    const std::lock_guard lock(mutex_);
+    const ScopeLock hold(lock_);
     for (const auto& [owner, stop] : stops_) {
       stop();
     }

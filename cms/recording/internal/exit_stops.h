@@ -3,7 +3,8 @@
 
 #include <functional>
 #include <map>
-#include <mutex>
+
+#include "cms/runtime/critical.h"
 
 namespace cms {
 
@@ -20,8 +21,8 @@ class ExitStops {
  private:
   void StopAll();
 
-  std::recursive_mutex mutex_;
-  std::map<const void*, std::function<void()>> stops_;
+  CMSCritical lock_;
+  std::map<const void*, std::function<void()>> stops_ CMS_GUARDED_BY(lock_);
 };
 
 }  // namespace cms

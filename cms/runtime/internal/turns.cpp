@@ -35,14 +35,14 @@ Turns& Turns::Moves() {
 }
 
 void Turns::Add(Member* member, std::uint64_t due) {
-  std::lock_guard lock(mutex_);
+  const ScopeLock hold(lock_);
   members_[member].due = due;
   StartThreadIfNeeded();
   changed_.notify_one();
 }
 
 void Turns::Poke(Member* member) {
-  std::lock_guard lock(mutex_);
+  const ScopeLock hold(lock_);
   const auto found = members_.find(member);
   if (found == members_.end()) {
     return;
@@ -57,7 +57,7 @@ void Turns::Poke(Member* member) {
 }
 
 void Turns::Remove(Member* member) {
-  std::unique_lock lock(mutex_);
+  ScopeLock hold(lock_);
   const auto found = members_.find(member);
   if (found == members_.end()) {
     return;
@@ -67,7 +67,7 @@ void Turns::Remove(Member* member) {
     members_.erase(found);
     return;
   }
-  turnEnded_.wait(lock, [&] {
+  turnEnded_.wait(lock_, [&]() CMS_REQUIRES(lock_) {
     const auto entry = members_.find(member);
     return entry == members_.end() || !entry->second.running;
   });
@@ -100,7 +100,7 @@ std::uint64_t Turns::NextPlace(std::uint64_t now) const {
 }
 
 void Turns::Work() {
-  std::unique_lock lock(mutex_);
+  ScopeLock hold(lock_);
   std::uint64_t idleSince = members_.empty() ? 0 : TickMilliseconds();
   while (!members_.empty()) {
     const auto next = std::min_element(
@@ -115,7 +115,7 @@ void Turns::Work() {
       ++waiting_;
       const std::uint64_t idleLimit = waiting_ > 2 ? kIdleThreadMs : kLongestWaitMs;
       const std::uint64_t wait = std::min({due - now, kLongestWaitMs, idleLimit + 1});
-      changed_.wait_for(lock, std::chrono::milliseconds(wait));
+      changed_.wait_for(lock_, std::chrono::milliseconds(wait));
       --waiting_;
       continue;
     }
@@ -127,9 +127,9 @@ void Turns::Work() {
     next->second.runner = std::this_thread::get_id();
     next->second.began = now;
     StartThreadIfNeeded();
-    lock.unlock();
+    hold.UnLock();
     const std::uint64_t nextDue = member->Turn(now);
-    lock.lock();
+    hold.Lock();
     if (const auto entry = members_.find(member);
         entry != members_.end() && entry->second.runner == std::this_thread::get_id()) {
       entry->second.running = false;

@@ -5,9 +5,9 @@
 #include <condition_variable>
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <thread>
 
+#include "cms/runtime/critical.h"
 #include "cms/runtime/internal/named_thread.h"
 
 namespace cms {
@@ -65,16 +65,17 @@ class Turns {
   };
 
   void Work();
-  void StartThreadIfNeeded();
-  std::uint64_t NextPlace(std::uint64_t now) const;  // the tick from which another turn may begin
+  void StartThreadIfNeeded() CMS_REQUIRES(lock_);
+  // The tick from which another turn may begin.
+  std::uint64_t NextPlace(std::uint64_t now) const CMS_REQUIRES(lock_);
 
   const ThreadName threadName_;
-  std::mutex mutex_;  // guards all below
-  std::condition_variable changed_;
-  std::condition_variable turnEnded_;
-  std::map<Member*, Entry> members_;
-  int threads_ = 0;
-  int waiting_ = 0;  // threads that wait for a due turn
+  CMSCritical lock_;
+  std::condition_variable_any changed_;
+  std::condition_variable_any turnEnded_;
+  std::map<Member*, Entry> members_ CMS_GUARDED_BY(lock_);
+  int threads_ CMS_GUARDED_BY(lock_) = 0;
+  int waiting_ CMS_GUARDED_BY(lock_) = 0;  // threads that wait for a due turn
 };
 
 }  // namespace cms
