@@ -97,7 +97,12 @@ int CMSClientBase::StartRecord(unsigned channel, int kind) {
                             ": the site has no such channel");
     return 0;
   }
-  return recording_->Start(channel, kind) ? 1 : 0;
+  const auto which = cms::RecordKindOf(kind);
+  if (!which) {
+    recording_->RefuseStart("kind " + std::to_string(kind) + " is no CMSRecordKind");
+    return 0;
+  }
+  return recording_->Start(channel, *which) ? 1 : 0;
 }
 
 std::string CMSClientBase::GetStartRecordError() const {
@@ -105,8 +110,8 @@ std::string CMSClientBase::GetStartRecordError() const {
 }
 
 void CMSClientBase::StopRecord(unsigned channel, int kind) {
-  if (MayRecord(channel)) {
-    recording_->Stop(channel, kind);
+  if (const auto which = cms::RecordKindOf(kind); which && MayRecord(channel)) {
+    recording_->Stop(channel, *which);
   }
 }
 
@@ -127,14 +132,14 @@ int CMSClientBase::IsMotionRecording(unsigned channel) const {
 }
 
 void CMSClientBase::TurnOnRecordingState(unsigned channel, int kind) {
-  if (MayRecord(channel)) {
-    recording_->TurnState(channel, kind, true);
+  if (const auto which = cms::RecordKindOf(kind); which && MayRecord(channel)) {
+    recording_->TurnState(channel, *which, true);
   }
 }
 
 void CMSClientBase::TurnOffRecordingState(unsigned channel, int kind) {
-  if (MayRecord(channel)) {
-    recording_->TurnState(channel, kind, false);
+  if (const auto which = cms::RecordKindOf(kind); which && MayRecord(channel)) {
+    recording_->TurnState(channel, *which, false);
   }
 }
 

@@ -14,6 +14,7 @@
 #include "cms/recording/internal/database_paths.h"
 #include "cms/recording/internal/record_bytes.h"
 #include "cms/recording/rec_folder_db_writer.h"
+#include "cms/recording/recording_kind.h"
 #include "cms/runtime/native_path.h"
 #include "cms/runtime/wide_text.h"
 
@@ -31,11 +32,9 @@ std::int64_t MonthBegin(int year, int month) {
 }
 
 int KindOf(unsigned type) {
-  constexpr unsigned kTypeAlarm = 3;
-  constexpr unsigned kTypeVideoLoss = 4;
-  return type == kTypeAlarm       ? stLocalEvent::kAlarm
-         : type == kTypeVideoLoss ? stLocalEvent::kVideoLoss
-                                  : stLocalEvent::kDeviceEvent;
+  return type == kRecordAlarm       ? stLocalEvent::kAlarm
+         : type == kRecordVideoLoss ? stLocalEvent::kVideoLoss
+                                    : stLocalEvent::kDeviceEvent;
 }
 
 stLocalEvent EventOf(const FX_EventDBInfo& info) {

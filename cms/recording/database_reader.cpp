@@ -9,6 +9,7 @@
 #include "cms/recording/rec_folder_db_writer.h"
 #include "cms/recording/rec_sub_folder_db_info.h"
 #include "cms/recording/record_db_info.h"
+#include "cms/recording/recording_kind.h"
 #include "cms/runtime/wide_text.h"
 
 namespace cms {
@@ -92,11 +93,11 @@ std::string TextOfRecordTime(std::int64_t seconds) {
 
 std::string TextOfEventType(unsigned type) {
   switch (type) {
-    case 1:
+    case kRecordDeviceEvent:
       return "device event";
-    case 3:
+    case kRecordAlarm:
       return "alarm";
-    case 4:
+    case kRecordVideoLoss:
       return "video loss";
     default:
       return "type " + std::to_string(type);

@@ -29,7 +29,7 @@ struct EventRow {
   unsigned cmsNumber = 0;
   unsigned groupNumber = 0;
   unsigned channel = 0;  // from 0
-  unsigned type = 0;     // 1 device event, 3 alarm, 4 video loss
+  unsigned type = 0;     // an event of CMSRecordKind
   unsigned index = 0;
   unsigned preAlarm = 0;  // seconds
   std::uint32_t siteNumber = 0;

@@ -8,11 +8,6 @@
 #include "cms/recording/internal/record_text.h"
 
 namespace FX {
-namespace {
-
-constexpr unsigned kEventTypes[] = {1, 3, 4};  // device event, alarm, video loss
-
-}  // namespace
 
 FX_DRVRecorder::FX_DRVRecorder() {
   AtExit([this] { StopAtExit(); });
@@ -28,28 +23,28 @@ void FX_DRVRecorder::StopAtExit() {
   StopRecordAll();
 }
 
-bool FX_DRVRecorder::Start(Kind kind, unsigned channel) {
+bool FX_DRVRecorder::Start(cms::RecordKind kind, unsigned channel) {
   cms::ChannelSet::Check(channel);
   ScopeLock hold(starting_);
   const bool goesOn = GoesOn();
-  if (goesOn && running_[kind].Has(channel)) {
+  if (goesOn && IsRunning(kind, channel)) {
     return true;
   }
   if (!goesOn && !StartRecordAgain()) {
     return false;
   }
-  if (kind < kEventKinds) {
+  if (IsEvent(kind)) {
     OpenEvent(kind, channel);
   }
-  running_[kind].Set(channel);
+  running_[IndexOf(kind)].Set(channel);
   return true;
 }
 
-void FX_DRVRecorder::Stop(Kind kind, unsigned channel) {
+void FX_DRVRecorder::Stop(cms::RecordKind kind, unsigned channel) {
   cms::ChannelSet::Check(channel);
   ScopeLock hold(starting_);
-  running_[kind].Clear(channel);
-  if (kind < kEventKinds) {
+  running_[IndexOf(kind)].Clear(channel);
+  if (IsEvent(kind)) {
     StoreEvent(kind, channel);
   }
   if (!AnyRuns()) {
@@ -63,26 +58,26 @@ void FX_DRVRecorder::StopRecordAll() {
     set.ClearAll();
   }
   for (unsigned channel = 0; channel < cms::kChannels; ++channel) {
-    for (const Kind kind : {kEvent, kAlarm, kLoss}) {
+    for (const cms::RecordKind kind : cms::kEventKinds) {
       StoreEvent(kind, channel);
     }
   }
   StopRecord();
 }
 
-void FX_DRVRecorder::OpenEvent(Kind kind, unsigned channel) {
+void FX_DRVRecorder::OpenEvent(cms::RecordKind kind, unsigned channel) {
   StoreEvent(kind, channel);
   ScopeLock hold(lock_);
-  Event& event = events_[kind][channel];
+  Event& event = EventOf(kind, channel);
   event.isOpen = true;
   event.drvPath = FrontOfPath();
   event.preAlarm = preAlarmEnabled_ ? preAlarm_ : std::uint8_t{0};
 }
 
 // An event without frames leaves no record.
-void FX_DRVRecorder::StoreEvent(Kind kind, unsigned channel) {
+void FX_DRVRecorder::StoreEvent(cms::RecordKind kind, unsigned channel) {
   ScopeLock hold(lock_);
-  const Event event = std::exchange(events_[kind][channel], {});
+  const Event event = std::exchange(EventOf(kind, channel), {});
   if (event.start == 0) {
     return;
   }
@@ -92,7 +87,7 @@ void FX_DRVRecorder::StoreEvent(Kind kind, unsigned channel) {
       return cms::DiskTaskResult::kBusy;
     }
     FX_EventDBListWriter list;
-    list.InitialEventDBInfo(event.drvPath.c_str(), channel, kEventTypes[kind], event.preAlarm, port,
+    list.InitialEventDBInfo(event.drvPath.c_str(), channel, EventTypeOf(kind), event.preAlarm, port,
                             siteName.c_str(), address.c_str());
     list.SetRecordTime(event.start, channel);
     list.SetRecordTime(event.end, channel);
@@ -113,8 +108,8 @@ bool FX_DRVRecorder::AnyRuns() const {
 
 unsigned FX_DRVRecorder::RunningKinds(unsigned channel) const {
   unsigned kinds = 0;
-  for (unsigned kind = 0; kind < kKinds; ++kind) {
-    kinds |= running_[kind].Has(channel) ? 1u << kind : 0u;
+  for (const cms::RecordKind kind : cms::kRecordKinds) {
+    kinds |= IsRunning(kind, channel) ? BitOf(kind) : 0u;
   }
   return kinds;
 }
@@ -134,7 +129,7 @@ bool FX_DRVRecorder::GetDeviceEventRecStatus(unsigned channel) {
 bool FX_DRVRecorder::GetDeviceEventStatus(unsigned channel) {
   cms::ChannelSet::Check(channel);
   ScopeLock hold(lock_);
-  return events_[kEvent][channel].isOpen;
+  return EventOf(kDeviceEvent, channel).isOpen;
 }
 
 void FX_DRVRecorder::SetRecordTime(std::int64_t time, unsigned channel) {
@@ -147,9 +142,9 @@ void FX_DRVRecorder::SetEventTime(std::int64_t time, unsigned channel) {
   cms::ChannelSet::Check(channel);
   constexpr std::int64_t kNoFramesTime = 100;  // as the event's record has it
   ScopeLock hold(lock_);
-  for (const Kind kind : {kEvent, kAlarm, kLoss}) {
-    if (time > kNoFramesTime && running_[kind].Has(channel)) {
-      Event& event = events_[kind][channel];
+  for (const cms::RecordKind kind : cms::kEventKinds) {
+    if (time > kNoFramesTime && IsRunning(kind, channel)) {
+      Event& event = EventOf(kind, channel);
       cms::WidenRecordTimes(time, event.start, event.end);
     }
   }
@@ -164,8 +159,8 @@ void FX_DRVRecorder::SetPreAlarm(std::uint8_t seconds, bool enabled) {
 void FX_DRVRecorder::SetEventPreAlarm(unsigned channel, std::uint8_t seconds) {
   cms::ChannelSet::Check(channel);
   ScopeLock hold(lock_);
-  for (const Kind kind : {kEvent, kAlarm, kLoss}) {
-    events_[kind][channel].preAlarm = seconds;
+  for (const cms::RecordKind kind : cms::kEventKinds) {
+    EventOf(kind, channel).preAlarm = seconds;
   }
 }
 

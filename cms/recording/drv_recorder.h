@@ -10,6 +10,7 @@
 #include "cms/recording/channel_set.h"
 #include "cms/recording/drv_writer.h"
 #include "cms/recording/record_param.h"
+#include "cms/recording/recording_kind.h"
 #include "cms/runtime/api.h"
 #include "cms/runtime/critical.h"
 
@@ -30,56 +31,72 @@ class CMS_API FX_DRVRecorder : public CLFX::CLFXDRVWriter {
   FX_DRVRecorder();
   ~FX_DRVRecorder() override;  // as StopRecordAll
 
-  // Open the files when none are, and the record of an event; nothing changes when the kind runs
+  // Opens the files when none are, and the record of an event; nothing changes when the kind runs
   // already. False when no file could be opened: the kind does not run then.
-  bool StartDeviceEventRecord(unsigned channel) { return Start(kEvent, channel); }
-  bool StartDeviceAlarmRecord(unsigned channel) { return Start(kAlarm, channel); }
-  bool StartDeviceVideoLossRecord(unsigned channel) { return Start(kLoss, channel); }
-  bool StartInstNormalRecord(unsigned channel) { return Start(kInst, channel); }
-  bool StartScheNormalRecord(unsigned channel) { return Start(kSche, channel); }
-
-  // Store the record of an event. The files are closed when nothing runs any more.
-  void StopDeviceEventRecord(unsigned channel) { Stop(kEvent, channel); }
-  void StopDeviceAlarmRecord(unsigned channel) { Stop(kAlarm, channel); }
-  void StopDeviceVideoLossRecord(unsigned channel) { Stop(kLoss, channel); }
-  void StopInstNormalRecord(unsigned channel) { Stop(kInst, channel); }
-  void StopScheNormalRecord(unsigned channel) { Stop(kSche, channel); }
+  bool Start(cms::RecordKind kind, unsigned channel);
+  // Stores the record of an event. The files are closed when nothing runs any more.
+  void Stop(cms::RecordKind kind, unsigned channel);
   void StopRecordAll();
-
-  bool IsDeviceEventRecording(unsigned channel) const { return running_[kEvent].Has(channel); }
-  bool IsDeviceAlarmRecording(unsigned channel) const { return running_[kAlarm].Has(channel); }
-  bool IsDeviceVideoLossRecording(unsigned channel) const { return running_[kLoss].Has(channel); }
-  bool IsInstNormalRecording(unsigned channel) const { return running_[kInst].Has(channel); }
-  bool IsScheNormalRecording(unsigned channel) const { return running_[kSche].Has(channel); }
-  bool IsDeviceEventRecording() const { return running_[kEvent].Any(); }
-  bool IsDeviceAlarmRecording() const { return running_[kAlarm].Any(); }
-  bool IsDeviceVideoLossRecording() const { return running_[kLoss].Any(); }
-  bool IsInstNormalRecording() const { return running_[kInst].Any(); }
-  bool IsScheNormalRecording() const { return running_[kSche].Any(); }
+  bool IsRunning(cms::RecordKind kind, unsigned channel) const {
+    return running_[IndexOf(kind)].Has(channel);
+  }
+  bool IsRunning(cms::RecordKind kind) const { return running_[IndexOf(kind)].Any(); }
 
   // The recording states: which kinds the client application has enabled. The recorder keeps them
   // for whoever decides on starting.
-  bool IsDeviceEventRecStateOn(unsigned channel) const { return enabled_[kEvent].Has(channel); }
-  bool IsDeviceAlarmRecStateOn(unsigned channel) const { return enabled_[kAlarm].Has(channel); }
-  bool IsDeviceVideoLossRecStateOn(unsigned channel) const { return enabled_[kLoss].Has(channel); }
-  bool IsInstNormalRecStateOn(unsigned channel) const { return enabled_[kInst].Has(channel); }
-  bool IsScheNormalRecStateOn(unsigned channel) const { return enabled_[kSche].Has(channel); }
-  bool IsDeviceEventRecStateOn() const { return enabled_[kEvent].Any(); }
-  bool IsDeviceAlarmRecStateOn() const { return enabled_[kAlarm].Any(); }
-  bool IsDeviceVideoLossRecStateOn() const { return enabled_[kLoss].Any(); }
-  bool IsInstNormalRecStateOn() const { return enabled_[kInst].Any(); }
-  bool IsScheNormalRecStateOn() const { return enabled_[kSche].Any(); }
-  void TurnOnDeviceEventRecState(unsigned channel) { enabled_[kEvent].Set(channel); }
-  void TurnOnDeviceAlarmRecState(unsigned channel) { enabled_[kAlarm].Set(channel); }
-  void TurnOnDeviceVideoLossRecState(unsigned channel) { enabled_[kLoss].Set(channel); }
-  void TurnOnInstNormalRecState(unsigned channel) { enabled_[kInst].Set(channel); }
-  void TurnOnScheNormalRecState(unsigned channel) { enabled_[kSche].Set(channel); }
-  void TurnOffDeviceEventRecState(unsigned channel) { enabled_[kEvent].Clear(channel); }
-  void TurnOffDeviceAlarmRecState(unsigned channel) { enabled_[kAlarm].Clear(channel); }
-  void TurnOffDeviceVideoLossRecState(unsigned channel) { enabled_[kLoss].Clear(channel); }
-  void TurnOffInstNormalRecState(unsigned channel) { enabled_[kInst].Clear(channel); }
-  void TurnOffScheNormalRecState(unsigned channel) { enabled_[kSche].Clear(channel); }
+  bool IsStateOn(cms::RecordKind kind, unsigned channel) const {
+    return enabled_[IndexOf(kind)].Has(channel);
+  }
+  bool IsStateOn(cms::RecordKind kind) const { return enabled_[IndexOf(kind)].Any(); }
+  void TurnOnState(cms::RecordKind kind, unsigned channel) { enabled_[IndexOf(kind)].Set(channel); }
+  void TurnOffState(cms::RecordKind kind, unsigned channel) {
+    enabled_[IndexOf(kind)].Clear(channel);
+  }
   void TurnOffAllRecordState();
+
+  // The same by the name of the kind.
+  bool StartDeviceEventRecord(unsigned channel) { return Start(kDeviceEvent, channel); }
+  bool StartDeviceAlarmRecord(unsigned channel) { return Start(kAlarm, channel); }
+  bool StartDeviceVideoLossRecord(unsigned channel) { return Start(kVideoLoss, channel); }
+  bool StartInstNormalRecord(unsigned channel) { return Start(kInstant, channel); }
+  bool StartScheNormalRecord(unsigned channel) { return Start(kSchedule, channel); }
+  void StopDeviceEventRecord(unsigned channel) { Stop(kDeviceEvent, channel); }
+  void StopDeviceAlarmRecord(unsigned channel) { Stop(kAlarm, channel); }
+  void StopDeviceVideoLossRecord(unsigned channel) { Stop(kVideoLoss, channel); }
+  void StopInstNormalRecord(unsigned channel) { Stop(kInstant, channel); }
+  void StopScheNormalRecord(unsigned channel) { Stop(kSchedule, channel); }
+  bool IsDeviceEventRecording(unsigned channel) const { return IsRunning(kDeviceEvent, channel); }
+  bool IsDeviceAlarmRecording(unsigned channel) const { return IsRunning(kAlarm, channel); }
+  bool IsDeviceVideoLossRecording(unsigned channel) const { return IsRunning(kVideoLoss, channel); }
+  bool IsInstNormalRecording(unsigned channel) const { return IsRunning(kInstant, channel); }
+  bool IsScheNormalRecording(unsigned channel) const { return IsRunning(kSchedule, channel); }
+  bool IsDeviceEventRecording() const { return IsRunning(kDeviceEvent); }
+  bool IsDeviceAlarmRecording() const { return IsRunning(kAlarm); }
+  bool IsDeviceVideoLossRecording() const { return IsRunning(kVideoLoss); }
+  bool IsInstNormalRecording() const { return IsRunning(kInstant); }
+  bool IsScheNormalRecording() const { return IsRunning(kSchedule); }
+  bool IsDeviceEventRecStateOn(unsigned channel) const { return IsStateOn(kDeviceEvent, channel); }
+  bool IsDeviceAlarmRecStateOn(unsigned channel) const { return IsStateOn(kAlarm, channel); }
+  bool IsDeviceVideoLossRecStateOn(unsigned channel) const {
+    return IsStateOn(kVideoLoss, channel);
+  }
+  bool IsInstNormalRecStateOn(unsigned channel) const { return IsStateOn(kInstant, channel); }
+  bool IsScheNormalRecStateOn(unsigned channel) const { return IsStateOn(kSchedule, channel); }
+  bool IsDeviceEventRecStateOn() const { return IsStateOn(kDeviceEvent); }
+  bool IsDeviceAlarmRecStateOn() const { return IsStateOn(kAlarm); }
+  bool IsDeviceVideoLossRecStateOn() const { return IsStateOn(kVideoLoss); }
+  bool IsInstNormalRecStateOn() const { return IsStateOn(kInstant); }
+  bool IsScheNormalRecStateOn() const { return IsStateOn(kSchedule); }
+  void TurnOnDeviceEventRecState(unsigned channel) { TurnOnState(kDeviceEvent, channel); }
+  void TurnOnDeviceAlarmRecState(unsigned channel) { TurnOnState(kAlarm, channel); }
+  void TurnOnDeviceVideoLossRecState(unsigned channel) { TurnOnState(kVideoLoss, channel); }
+  void TurnOnInstNormalRecState(unsigned channel) { TurnOnState(kInstant, channel); }
+  void TurnOnScheNormalRecState(unsigned channel) { TurnOnState(kSchedule, channel); }
+  void TurnOffDeviceEventRecState(unsigned channel) { TurnOffState(kDeviceEvent, channel); }
+  void TurnOffDeviceAlarmRecState(unsigned channel) { TurnOffState(kAlarm, channel); }
+  void TurnOffDeviceVideoLossRecState(unsigned channel) { TurnOffState(kVideoLoss, channel); }
+  void TurnOffInstNormalRecState(unsigned channel) { TurnOffState(kInstant, channel); }
+  void TurnOffScheNormalRecState(unsigned channel) { TurnOffState(kSchedule, channel); }
 
   bool IsRecording() override;  // whether a .drv file is open
   // Whether any kind runs for the channel, and, if asked for, a .drv file is open as well.
@@ -126,9 +143,7 @@ class CMS_API FX_DRVRecorder : public CLFX::CLFXDRVWriter {
                            unsigned channel, std::uint64_t arrivalTick = 0);
 
  private:
-  enum Kind : unsigned { kEvent, kAlarm, kLoss, kInst, kSche };
-  static constexpr unsigned kEventKinds = 3;
-  static constexpr unsigned kKinds = 5;
+  using enum cms::RecordKind;
 
   // An event that runs while `isOpen`, with what it takes to store its record.
   struct Event {
@@ -145,26 +160,28 @@ class CMS_API FX_DRVRecorder : public CLFX::CLFXDRVWriter {
     std::uint64_t format = 0;
   };
 
-  bool Start(Kind kind, unsigned channel);
-  void Stop(Kind kind, unsigned channel);
+  Event& EventOf(cms::RecordKind kind, unsigned channel) CMS_REQUIRES(lock_) {
+    return events_[IndexOf(kind)][channel];
+  }
   void StopAtExit();
-  void OpenEvent(Kind kind, unsigned channel) CMS_REQUIRES(starting_);
-  void StoreEvent(Kind kind, unsigned channel) CMS_REQUIRES(starting_);
+  void OpenEvent(cms::RecordKind kind, unsigned channel) CMS_REQUIRES(starting_);
+  void StoreEvent(cms::RecordKind kind, unsigned channel) CMS_REQUIRES(starting_);
   bool AnyRuns() const;
-  unsigned RunningKinds(unsigned channel) const;  // a bit for each
+  unsigned RunningKinds(unsigned channel) const;  // as bits
   bool RecordAudioBlocks(std::span<const std::span<const std::uint8_t>> blocks,
                          std::uint32_t seconds) CMS_REQUIRES(lock_);
   Shown& ShownOf(unsigned channel) CMS_REQUIRES(lock_);
   std::uint64_t Milliseconds(std::uint32_t seconds, std::uint64_t tick) CMS_REQUIRES(lock_);
 
-  std::array<cms::ChannelSet, kKinds> running_;  // changed under starting_
-  std::array<cms::ChannelSet, kKinds> enabled_;
+  std::array<cms::ChannelSet, cms::kRecordKinds.size()> running_;  // changed under starting_
+  std::array<cms::ChannelSet, cms::kRecordKinds.size()> enabled_;
   CMSCritical starting_;  // orders starts and stops; taken before lock_, not by recorded frames
 
   stRecordParam param_ CMS_GUARDED_BY(lock_);
   std::uint8_t preAlarm_ CMS_GUARDED_BY(lock_) = 0;
   bool preAlarmEnabled_ CMS_GUARDED_BY(lock_) = false;
-  std::array<std::array<Event, cms::kChannels>, kEventKinds> events_ CMS_GUARDED_BY(lock_);
+  std::array<std::array<Event, cms::kChannels>, cms::kEventKinds.size()> events_
+      CMS_GUARDED_BY(lock_);
   std::array<Shown, cms::kChannels> shown_ CMS_GUARDED_BY(lock_);
   std::uint64_t shownFile_ CMS_GUARDED_BY(lock_) = 0;  // whose frames they are
   bool hasVideo_ CMS_GUARDED_BY(lock_) = false;        // that file

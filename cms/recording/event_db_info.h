@@ -44,7 +44,7 @@ class CMS_API FX_EventDBInfo {
   unsigned GetCMSNumber() const { return numbers_ & 0xFu; }
   unsigned GetGroupNumber() const { return numbers_ >> 4u; }
   std::uint16_t GetChNumber() const { return channel_; }
-  unsigned GetType() const { return type_ & 0xFu; }  // 1 device event, 3 alarm, 4 video loss
+  unsigned GetType() const { return type_ & 0xFu; }  // an event of CMSRecordKind
   std::uint16_t GetIndex() const { return index_; }
   std::uint8_t GetPreAlarm() const { return preAlarm_; }  // seconds
   std::uint32_t GetSiteNumber() const { return siteNumber_; }

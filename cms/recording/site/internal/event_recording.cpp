@@ -10,43 +10,6 @@ namespace {
 
 using FX::FX_DRVRecorder;
 
-struct KindOperations {
-  int kind;
-  bool (FX_DRVRecorder::*start)(unsigned);
-  void (FX_DRVRecorder::*stop)(unsigned);
-  bool (FX_DRVRecorder::*isRunning)(unsigned) const;
-  void (FX_DRVRecorder::*turnOn)(unsigned);
-  void (FX_DRVRecorder::*turnOff)(unsigned);
-  bool (FX_DRVRecorder::*isOn)(unsigned) const;
-};
-
-constexpr KindOperations kOperations[] = {
-    {kRecordDeviceEvent, &FX_DRVRecorder::StartDeviceEventRecord,
-     &FX_DRVRecorder::StopDeviceEventRecord, &FX_DRVRecorder::IsDeviceEventRecording,
-     &FX_DRVRecorder::TurnOnDeviceEventRecState, &FX_DRVRecorder::TurnOffDeviceEventRecState,
-     &FX_DRVRecorder::IsDeviceEventRecStateOn},
-    {kRecordAlarm, &FX_DRVRecorder::StartDeviceAlarmRecord, &FX_DRVRecorder::StopDeviceAlarmRecord,
-     &FX_DRVRecorder::IsDeviceAlarmRecording, &FX_DRVRecorder::TurnOnDeviceAlarmRecState,
-     &FX_DRVRecorder::TurnOffDeviceAlarmRecState, &FX_DRVRecorder::IsDeviceAlarmRecStateOn},
-    {kRecordVideoLoss, &FX_DRVRecorder::StartDeviceVideoLossRecord,
-     &FX_DRVRecorder::StopDeviceVideoLossRecord, &FX_DRVRecorder::IsDeviceVideoLossRecording,
-     &FX_DRVRecorder::TurnOnDeviceVideoLossRecState,
-     &FX_DRVRecorder::TurnOffDeviceVideoLossRecState, &FX_DRVRecorder::IsDeviceVideoLossRecStateOn},
-    {kRecordInstant, &FX_DRVRecorder::StartInstNormalRecord, &FX_DRVRecorder::StopInstNormalRecord,
-     &FX_DRVRecorder::IsInstNormalRecording, &FX_DRVRecorder::TurnOnInstNormalRecState,
-     &FX_DRVRecorder::TurnOffInstNormalRecState, &FX_DRVRecorder::IsInstNormalRecStateOn},
-    {kRecordSchedule, &FX_DRVRecorder::StartScheNormalRecord, &FX_DRVRecorder::StopScheNormalRecord,
-     &FX_DRVRecorder::IsScheNormalRecording, &FX_DRVRecorder::TurnOnScheNormalRecState,
-     &FX_DRVRecorder::TurnOffScheNormalRecState, &FX_DRVRecorder::IsScheNormalRecStateOn},
-};
-
-const KindOperations* Operations(int kind) {
-  const auto* const found =
-      std::find_if(std::begin(kOperations), std::end(kOperations),
-                   [kind](const KindOperations& each) { return each.kind == kind; });
-  return found == std::end(kOperations) ? nullptr : found;
-}
-
 static_assert(EventMarks{true, false, false}.State() == kEventStateDeviceEvent &&
               EventMarks{false, true, false}.State() == kEventStateAlarm &&
               EventMarks{false, false, true}.State() == kEventStateVideoLoss);
@@ -56,38 +19,6 @@ std::uint8_t SecondsBetween(std::uint32_t from, std::uint32_t to) {
 }
 
 }  // namespace
-
-bool StartKind(FX_DRVRecorder& recorder, unsigned channel, int kind) {
-  const KindOperations* const operations = Operations(kind);
-  return operations != nullptr && (recorder.*operations->start)(channel);
-}
-
-void StopKind(FX_DRVRecorder& recorder, unsigned channel, int kind) {
-  if (const KindOperations* const operations = Operations(kind)) {
-    (recorder.*operations->stop)(channel);
-  }
-}
-
-bool IsKindRunning(const FX_DRVRecorder& recorder, unsigned channel, int kind) {
-  const KindOperations* const operations = Operations(kind);
-  return operations != nullptr && (recorder.*operations->isRunning)(channel);
-}
-
-void TurnKind(FX_DRVRecorder& recorder, unsigned channel, int kind, bool on) {
-  if (const KindOperations* const operations = Operations(kind)) {
-    (recorder.*(on ? operations->turnOn : operations->turnOff))(channel);
-  }
-}
-
-bool IsKindOn(const FX_DRVRecorder& recorder, unsigned channel, int kind) {
-  const KindOperations* const operations = Operations(kind);
-  return operations != nullptr && (recorder.*operations->isOn)(channel);
-}
-
-bool IsEventKind(int kind) {
-  return std::find(std::begin(EventRecording::kKinds), std::end(EventRecording::kKinds), kind) !=
-         std::end(EventRecording::kKinds);
-}
 
 void EventRecording::SetPreAlarm(const FX_DRVRecorder& recorder, unsigned seconds, bool enabled,
                                  std::size_t bytes) {
@@ -99,8 +30,9 @@ void EventRecording::SetPreAlarm(const FX_DRVRecorder& recorder, unsigned second
 }
 
 void EventRecording::FollowStates(const FX_DRVRecorder& recorder) {
-  for (unsigned kind = 0; kind < running_.size(); ++kind) {
-    running_[kind].due = running_[kind].due && IsKindOn(recorder, channel_, kKinds[kind]);
+  for (const RecordKind kind : kEventKinds) {
+    Running& event = EventOf(kind);
+    event.due = event.due && recorder.IsStateOn(kind, channel_);
   }
   try {
     Keep(recorder);
@@ -110,9 +42,9 @@ void EventRecording::FollowStates(const FX_DRVRecorder& recorder) {
 }
 
 void EventRecording::Keep(const FX_DRVRecorder& recorder) {
-  const bool mayBegin = std::any_of(std::begin(kKinds), std::end(kKinds), [&](const int kind) {
-    return IsKindOn(recorder, channel_, kind);
-  });
+  const bool mayBegin =
+      std::any_of(kEventKinds.begin(), kEventKinds.end(),
+                  [&](const RecordKind kind) { return recorder.IsStateOn(kind, channel_); });
   if (!preAlarmEnabled_ && !mayBegin) {
     kept_ = nullptr;
   } else if (!kept_) {
@@ -121,15 +53,14 @@ void EventRecording::Keep(const FX_DRVRecorder& recorder) {
   }
 }
 
-bool EventRecording::IsPast(unsigned kind, std::uint64_t now, unsigned durationSeconds) const {
-  return now - running_[kind].lastMark >= std::uint64_t{durationSeconds} * 1000;
+bool EventRecording::Running::IsPast(std::uint64_t now, unsigned durationSeconds) const {
+  return now - lastMark >= std::uint64_t{durationSeconds} * 1000;
 }
 
-bool EventRecording::IsOver(const FX_DRVRecorder& recorder, unsigned kind, std::uint64_t now,
+bool EventRecording::IsOver(const FX_DRVRecorder& recorder, RecordKind kind, std::uint64_t now,
                             unsigned durationSeconds) const {
-  const Running& event = running_[kind];
-  if (!event.own || !IsPast(kind, now, durationSeconds) ||
-      !IsKindRunning(recorder, channel_, kKinds[kind])) {
+  const Running& event = running_[IndexOf(kind)];
+  if (!event.own || !event.IsPast(now, durationSeconds) || !recorder.IsRunning(kind, channel_)) {
     return false;
   }
   return event.recorded || now - event.lastMark >= kLongestGroupMs ||
@@ -141,15 +72,15 @@ EventRecording::Decision EventRecording::Decide(FX_DRVRecorder& recorder, const 
   const unsigned marks = frame.marks.State() | state;
   const std::uint64_t now = frame.arrivalUs / 1000;
   lastFrame_ = now;
-  for (unsigned kind = 0; kind < running_.size(); ++kind) {
-    Running& event = running_[kind];
-    const bool runs = IsKindRunning(recorder, channel_, kKinds[kind]);
-    const bool marked = (marks & 1u << kind) != 0;
+  for (const RecordKind kind : kEventKinds) {
+    Running& event = EventOf(kind);
+    const bool runs = recorder.IsRunning(kind, channel_);
+    const bool marked = (marks & BitOf(kind)) != 0;
     event.own = event.own && runs;
     if (marked) {
       event.lastMark = now;
-      event.due = !runs && IsKindOn(recorder, channel_, kKinds[kind]);
-    } else if (IsPast(kind, now, durationSeconds)) {
+      event.due = !runs && recorder.IsStateOn(kind, channel_);
+    } else if (event.IsPast(now, durationSeconds)) {
       event.due = false;
     }
     if (event.due && now >= retryTick_) {
@@ -157,11 +88,11 @@ EventRecording::Decision EventRecording::Decide(FX_DRVRecorder& recorder, const 
       retryTick_ = event.own ? 0 : now + kRetryMs;
     } else if (!marked && (frame.key || !kept_ || now - event.lastMark >= kLongestGroupMs) &&
                IsOver(recorder, kind, now, durationSeconds)) {
-      StopKind(recorder, channel_, kKinds[kind]);
+      recorder.Stop(kind, channel_);
     }
   }
   const bool markIt =
-      IsKindRunning(recorder, channel_, kRecordDeviceEvent) && !frame.marks.deviceEvent;
+      recorder.IsRunning(RecordKind::kDeviceEvent, channel_) && !frame.marks.deviceEvent;
   return {marks, markIt ? FX_DRVRecorder::FrameUse::kMarked : FX_DRVRecorder::FrameUse::kPlain};
 }
 
@@ -194,29 +125,27 @@ void EventRecording::OnClock(FX_DRVRecorder& recorder, unsigned state, unsigned 
   if (now - lastFrame_ < kSilentMs) {
     return;
   }
-  for (unsigned kind = 0; kind < running_.size(); ++kind) {
-    if ((state & 1u << kind) != 0) {
+  for (const RecordKind kind : kEventKinds) {
+    if ((state & BitOf(kind)) != 0) {
       continue;
     }
-    if (IsPast(kind, now, durationSeconds)) {
-      running_[kind].due = false;
+    if (Running& event = EventOf(kind); event.IsPast(now, durationSeconds)) {
+      event.due = false;
     }
     if (IsOver(recorder, kind, now, durationSeconds)) {
-      StopKind(recorder, channel_, kKinds[kind]);
+      recorder.Stop(kind, channel_);
     }
   }
 }
 
 // What was kept is in front of the first frame to come; without it that frame begins the event.
-bool EventRecording::Start(FX_DRVRecorder& recorder, int kind) {
-  const auto number =
-      static_cast<unsigned>(std::find(std::begin(kKinds), std::end(kKinds), kind) - kKinds);
-  running_[number].own = false;
-  if (IsKindRunning(recorder, channel_, kind)) {
-    return StartKind(recorder, channel_, kind);  // opens a file when none is
+bool EventRecording::Start(FX_DRVRecorder& recorder, RecordKind kind) {
+  EventOf(kind).own = false;
+  if (recorder.IsRunning(kind, channel_)) {
+    return recorder.Start(kind, channel_);  // opens a file when none is
   }
   const std::int64_t now = WallSeconds();
-  if (!Begin(recorder, number, static_cast<std::uint32_t>(now))) {
+  if (!Begin(recorder, kind, static_cast<std::uint32_t>(now))) {
     return false;
   }
   if (recordedSince_ != 0) {
@@ -225,13 +154,10 @@ bool EventRecording::Start(FX_DRVRecorder& recorder, int kind) {
   return true;
 }
 
-void EventRecording::Forget(int kind) {
-  for (unsigned number = 0; number < running_.size(); ++number) {
-    if (kKinds[number] == kind) {
-      running_[number].own = false;
-      running_[number].due = false;
-    }
-  }
+void EventRecording::Forget(RecordKind kind) {
+  Running& event = EventOf(kind);
+  event.own = false;
+  event.due = false;
 }
 
 bool EventRecording::IsDue() const {
@@ -240,7 +166,7 @@ bool EventRecording::IsDue() const {
 
 // What the event's record says is what is recorded: that of the kept frames, or, when the channel
 // is being recorded anyway, of as many seconds as were asked for and are there.
-bool EventRecording::Begin(FX_DRVRecorder& recorder, unsigned kind, std::uint32_t seconds) {
+bool EventRecording::Begin(FX_DRVRecorder& recorder, RecordKind kind, std::uint32_t seconds) {
   if (!recorder.IsRecording(channel_, true)) {
     recordedSince_ = 0;
   }
@@ -249,15 +175,16 @@ bool EventRecording::Begin(FX_DRVRecorder& recorder, unsigned kind, std::uint32_
           ? std::min(SecondsBetween(recordedSince_, seconds), static_cast<std::uint8_t>(preAlarm_))
           : std::uint8_t{0},
       preAlarmEnabled_);
-  if (!StartKind(recorder, channel_, kKinds[kind])) {
+  if (!recorder.Start(kind, channel_)) {
     return false;
   }
-  running_[kind].due = false;
-  running_[kind].recorded = false;
+  Running& event = EventOf(kind);
+  event.due = false;
+  event.recorded = false;
   if (kept_ && !kept_->IsEmpty()) {
     const std::uint32_t since = RecordKept(recorder);
     if (since != 0) {
-      running_[kind].recorded = true;
+      event.recorded = true;
       recordedSince_ = since;
       recorder.SetEventPreAlarm(channel_, SecondsBetween(since, seconds));
     }

@@ -22,8 +22,6 @@ namespace cms {
 // Under the site's recorder lock, which the calls of the receiving thread and of the clock hold.
 class EventRecording {
  public:
-  static constexpr int kKinds[] = {kRecordDeviceEvent, kRecordAlarm, kRecordVideoLoss};
-
   explicit EventRecording(unsigned channel) : channel_(channel) {}
 
   // Seconds 0 to 255, the buffer's bytes (0: PreAlarmBuffer::DefaultBytes); what was kept is gone.
@@ -47,11 +45,11 @@ class EventRecording {
   // For a stream that fell silent: ends what is over.
   void OnClock(FX::FX_DRVRecorder& recorder, unsigned state, unsigned durationSeconds);
 
-  // A kind of event by hand, with the frames that were kept: it goes on until it is stopped. False
+  // An event by hand, with the frames that were kept: it goes on until it is stopped. False
   // when no file could be opened.
-  bool Start(FX::FX_DRVRecorder& recorder, int kind);
+  bool Start(FX::FX_DRVRecorder& recorder, RecordKind kind);
   // In front of a stop by hand: nothing begins without a new mark.
-  void Forget(int kind);
+  void Forget(RecordKind kind);
 
   bool IsDue() const;  // a recording that could not begin yet
 
@@ -66,12 +64,13 @@ class EventRecording {
     bool due = false;            // marked while its kind is on, and not begun yet
     bool recorded = false;       // a frame of it
     std::uint64_t lastMark = 0;  // tick
+    bool IsPast(std::uint64_t now, unsigned durationSeconds) const;
   };
 
-  bool IsPast(unsigned kind, std::uint64_t now, unsigned durationSeconds) const;
-  bool IsOver(const FX::FX_DRVRecorder& recorder, unsigned kind, std::uint64_t now,
+  Running& EventOf(RecordKind kind) { return running_[IndexOf(kind)]; }
+  bool IsOver(const FX::FX_DRVRecorder& recorder, RecordKind kind, std::uint64_t now,
               unsigned durationSeconds) const;
-  bool Begin(FX::FX_DRVRecorder& recorder, unsigned kind, std::uint32_t seconds);
+  bool Begin(FX::FX_DRVRecorder& recorder, RecordKind kind, std::uint32_t seconds);
   std::uint32_t RecordKept(FX::FX_DRVRecorder& recorder);
   void Keep(const FX::FX_DRVRecorder& recorder);
 
@@ -80,18 +79,10 @@ class EventRecording {
   unsigned preAlarm_ = 0;
   std::size_t bytes_ = 0;                 // as SetPreAlarm was told
   std::unique_ptr<PreAlarmBuffer> kept_;  // frames that are not recorded
-  std::array<Running, 3> running_;
+  std::array<Running, kEventKinds.size()> running_;
   std::uint64_t retryTick_ = 0;
   std::uint32_t recordedSince_ = 0;  // header time of the first frame of the unbroken recording
   std::uint64_t lastFrame_ = 0;      // tick
 };
-
-// The recorder's operations by kind; false or no effect for a number that is none.
-bool StartKind(FX::FX_DRVRecorder& recorder, unsigned channel, int kind);
-void StopKind(FX::FX_DRVRecorder& recorder, unsigned channel, int kind);
-bool IsKindRunning(const FX::FX_DRVRecorder& recorder, unsigned channel, int kind);
-void TurnKind(FX::FX_DRVRecorder& recorder, unsigned channel, int kind, bool on);
-bool IsKindOn(const FX::FX_DRVRecorder& recorder, unsigned channel, int kind);
-bool IsEventKind(int kind);
 
 }  // namespace cms

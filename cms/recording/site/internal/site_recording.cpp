@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <iterator>
 #include <thread>
 #include <utility>
 
@@ -15,9 +14,6 @@
 
 namespace cms {
 namespace {
-
-constexpr int kAllKinds[] = {kRecordDeviceEvent, kRecordAlarm, kRecordVideoLoss, kRecordInstant,
-                             kRecordSchedule};
 
 constexpr int kOpenMs = 3000;  // by hand one is told whether it could begin
 
@@ -86,14 +82,14 @@ void SiteRecording::Wake() {
   Turns::Recordings().Add(this, TickMilliseconds());
 }
 
-bool SiteRecording::Start(unsigned channel, int kind) {
-  const bool ran = IsKindRunning(recorder_, channel, kind);
+bool SiteRecording::Start(unsigned channel, RecordKind kind) {
+  const bool ran = recorder_.IsRunning(kind, channel);
   bool started = false;
-  if (IsEventKind(kind)) {
+  if (IsEvent(kind)) {
     ScopeLock hold(lock_);  // its kept frames come before the next one
     started = events_[channel].Start(recorder_, kind);
   } else {
-    started = StartKind(recorder_, channel, kind);
+    started = recorder_.Start(kind, channel);
   }
   if (started && !recorder_.WaitOpened(kOpenMs)) {
     started = false;
@@ -101,15 +97,12 @@ bool SiteRecording::Start(unsigned channel, int kind) {
       StopStarted(channel, kind);
     }
   }
-  RefuseStart(started ? std::string() : WhyNotStarted(kind));
+  RefuseStart(started ? std::string() : WhyNotStarted());
   Wake();
   return started;
 }
 
-std::string SiteRecording::WhyNotStarted(int kind) const {
-  if (std::find(std::begin(kAllKinds), std::end(kAllKinds), kind) == std::end(kAllKinds)) {
-    return "kind " + std::to_string(kind) + " is no CMSRecordKind";
-  }
+std::string SiteRecording::WhyNotStarted() const {
   const stRecordParam param = recorder_.GetRecParam();
   if (param.path[0] == L'\0') {
     return "no path: SetRecordParam comes first";
@@ -132,21 +125,21 @@ std::string SiteRecording::StartError() const {
 }
 
 // A schedule's recording would begin again by itself.
-void SiteRecording::Stop(unsigned channel, int kind) {
-  if (kind == kRecordSchedule) {
-    TurnKind(recorder_, channel, kind, false);
+void SiteRecording::Stop(unsigned channel, RecordKind kind) {
+  if (kind == RecordKind::kSchedule) {
+    recorder_.TurnOffState(kind, channel);
   }
   StopStarted(channel, kind);
   Wake();
 }
 
-void SiteRecording::StopStarted(unsigned channel, int kind) {
-  {
+void SiteRecording::StopStarted(unsigned channel, RecordKind kind) {
+  if (IsEvent(kind)) {
     ScopeLock hold(lock_);
     events_[channel].Forget(kind);
     FollowDue(channel);
   }
-  StopKind(recorder_, channel, kind);
+  recorder_.Stop(kind, channel);
 }
 
 // What is off when the lock is left begins with no frame any more.
@@ -162,24 +155,24 @@ void SiteRecording::StopAll() {
   Wake();
 }
 
-void SiteRecording::TurnState(unsigned channel, int kind, bool on) {
+void SiteRecording::TurnState(unsigned channel, RecordKind kind, bool on) {
   {
     ScopeLock hold(lock_);
-    TurnKind(recorder_, channel, kind, on);
+    on ? recorder_.TurnOnState(kind, channel) : recorder_.TurnOffState(kind, channel);
     FollowStates(channel);
   }
   if (!on) {
     StopStarted(channel, kind);
-  } else if (kind == kRecordSchedule) {
-    StartKind(recorder_, channel, kind);
+  } else if (kind == RecordKind::kSchedule) {
+    recorder_.Start(kind, channel);
   }
   Wake();
 }
 
 void SiteRecording::TurnOffAllStates() {
   for (unsigned channel = 0; channel < kChannels; ++channel) {
-    for (const int kind : kAllKinds) {
-      if (IsKindOn(recorder_, channel, kind)) {
+    for (const RecordKind kind : kRecordKinds) {
+      if (recorder_.IsStateOn(kind, channel)) {
         TurnState(channel, kind, false);
       }
     }

@@ -43,12 +43,12 @@ class SiteRecording final : public Turns::Member {
   void SetEventState(unsigned channel, unsigned state) { state_[channel] = state; }
   unsigned EventState(unsigned channel) const { return state_[channel]; }
 
-  bool Start(unsigned channel, int kind);
+  bool Start(unsigned channel, RecordKind kind);
   std::string StartError() const;  // of the last start, empty when it succeeded
   void RefuseStart(std::string error);
-  void Stop(unsigned channel, int kind);
+  void Stop(unsigned channel, RecordKind kind);
   void StopAll();
-  void TurnState(unsigned channel, int kind, bool on);
+  void TurnState(unsigned channel, RecordKind kind, bool on);
   void TurnOffAllStates();
 
   // Record the frame if anything of its channel is recorded. What comes with it in marks and as the
@@ -79,8 +79,8 @@ class SiteRecording final : public Turns::Member {
   bool IsWanted() const;
   bool IsArmed() const;
   void Wake();
-  void StopStarted(unsigned channel, int kind);
-  std::string WhyNotStarted(int kind) const;
+  void StopStarted(unsigned channel, RecordKind kind);
+  std::string WhyNotStarted() const;
   void FollowStates(unsigned channel) CMS_REQUIRES(lock_);
   void FollowDue(unsigned channel) CMS_REQUIRES(lock_);
   void StartSchedule();
