@@ -19,7 +19,7 @@ constexpr std::uint64_t kSilentMilliseconds = 10'000;   // no frame for so long:
 constexpr std::uint64_t kKeylessMilliseconds = 10'000;  // no key frame for so long: likewise
 constexpr int kOpenMilliseconds = 3000;
 constexpr unsigned kBackedUp = 4;  // jobs that wait: handing over small buffers would not help
-constexpr unsigned kRoomToResume = cms::RecordingDisk::kOwnBuffers - cms::RecordingDisk::kReserved;
+constexpr unsigned kRoomToResume = cms::DiskBuffers::kOwn - cms::RecordingDisk::kReserved;
 
 }  // namespace
 
@@ -399,13 +399,13 @@ cms::RecordingStatus CLFXDRVWriter::GetRecordingStatus() const {
                  : HasOpenFile() || started_  ? cms::RecordingState::kWaitingForKeyFrame
                                               : cms::RecordingState::kIdle;
   if (disk_) {
-    const cms::RecordingDisk::Counts counts = disk_->GetCounts();
+    const cms::RecordingFiles::Counts counts = disk_->GetCounts();
     status.lostBytes += counts.lostBytes;
     status.lost = counts.lost;
     status.failures += counts.failures;
     status.lastError = status.lastError != 0 ? status.lastError : counts.lastError;
     status.lateRecords = counts.lateRecords;
-    status.lateEvents = counts.tasks;
+    status.lateEvents = disk_->Tasks();
   }
   return status;
 }

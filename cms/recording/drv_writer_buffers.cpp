@@ -52,7 +52,7 @@ void CLFXDRVWriter::MemoryRecordToFile(bool last) {
   if (!file_ || buffered_ == 0) {
     return;
   }
-  if (!disk_->Write(cms::RecordingDisk::Part::kDrv, data_.get(), buffered_, last, !neverWait_)) {
+  if (!disk_->Write(cms::RecordingPart::kDrv, {data_.get(), buffered_}, last, !neverWait_)) {
     status_.lostBytes += buffered_;
     file_->error = ETIMEDOUT;
   }
@@ -63,8 +63,7 @@ void CLFXDRVWriter::MemoryIdxToFile(bool last) {
   if (!file_ || idxBuffered_ == 0) {
     return;
   }
-  if (!disk_->Write(cms::RecordingDisk::Part::kIdx, idxData_.get(), idxBuffered_, last,
-                    !neverWait_)) {
+  if (!disk_->Write(cms::RecordingPart::kIdx, {idxData_.get(), idxBuffered_}, last, !neverWait_)) {
     file_->error = ETIMEDOUT;
   }
   idxBuffered_ = 0;

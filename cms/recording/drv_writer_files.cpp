@@ -77,9 +77,7 @@ bool CLFXDRVWriter::BeginFile() {
     file->headers = streamHeaders_[streamHeaders_[0].empty() ? 1 : 0];
     file->headers.insert(file->headers.end(), streamHeaders_[2].begin(), streamHeaders_[2].end());
   }
-  file->address = address_;
-  file->siteName = siteName_;
-  file->port = port_;
+  file->device = {address_, siteName_, port_};
   HandOverEnd();
   ForgetFile();
   disk_->Open(file, !neverWait_);

@@ -1,13 +1,8 @@
-// How a recorder's disk thread takes work and is waited for; what it does is in
-// recording_disk_files.cpp.
 #include "cms/recording/internal/recording_disk.h"
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <cstring>
-#include <new>
-#include <thread>
 #include <utility>
 
 #include "cms/recording/internal/write_out.h"
@@ -21,15 +16,6 @@ constexpr int kEndMilliseconds = 10'000;
 constexpr std::chrono::milliseconds kShortRetry{10};  // before a database is asked for again
 constexpr std::chrono::milliseconds kLongRetry{500};
 
-std::atomic<unsigned> spareBuffers{RecordingDisk::kSpareBuffers};
-
-bool TakeSpare() {
-  unsigned left = spareBuffers.load(std::memory_order_relaxed);
-  while (left > 0 && !spareBuffers.compare_exchange_weak(left, left - 1)) {
-  }
-  return left > 0;
-}
-
 std::uint64_t SteadyMilliseconds() {
   const auto now = std::chrono::steady_clock::now().time_since_epoch();
   return static_cast<std::uint64_t>(
@@ -39,8 +25,8 @@ std::uint64_t SteadyMilliseconds() {
 // Never destroyed: threads may outlive static objects. A thread leaves it as the last thing it
 // does.
 struct Registry {
-  std::mutex mutex;
-  std::vector<std::shared_ptr<RecordingDisk>> disks;
+  CMSCritical lock;
+  std::vector<std::shared_ptr<RecordingDisk>> disks CMS_GUARDED_BY(lock);
 };
 Registry& Disks() {
   static auto& registry = *new Registry;
@@ -48,30 +34,28 @@ Registry& Disks() {
 }
 
 void Forget(const std::shared_ptr<RecordingDisk>& disk) {
-  const std::lock_guard lock(Disks().mutex);
-  std::erase(Disks().disks, disk);
+  Registry& registry = Disks();
+  const ScopeLock hold(registry.lock);
+  std::erase(registry.disks, disk);
 }
 
 }  // namespace
 
-RecordingDisk::RecordingDisk()
-    : memory_(new (std::nothrow) std::uint8_t[std::size_t{kOwnBuffers} * kBufferSize]) {
-  free_.reserve(kOwnBuffers);
-  for (unsigned i = kOwnBuffers; memory_ && i > 0; --i) {
-    free_.push_back(memory_.get() + std::size_t{i - 1} * kBufferSize);
-  }
-}
-
+RecordingDisk::RecordingDisk() = default;
 RecordingDisk::~RecordingDisk() = default;
 
 std::shared_ptr<RecordingDisk> RecordingDisk::Start() {
   auto disk = std::make_shared<RecordingDisk>();
-  if (!disk->memory_) {
-    return nullptr;
+  {
+    const ScopeLock hold(disk->lock_);
+    if (!disk->buffers_.IsReady()) {
+      return nullptr;
+    }
   }
   {
-    const std::lock_guard lock(Disks().mutex);
-    Disks().disks.push_back(disk);
+    Registry& registry = Disks();
+    const ScopeLock hold(registry.lock);
+    registry.disks.push_back(disk);
   }
   if (!NamedThread::StartDetached("cms-disk", [disk] {
         disk->Work();
@@ -83,71 +67,35 @@ std::shared_ptr<RecordingDisk> RecordingDisk::Start() {
   return disk;
 }
 
-// --- Memory -------------------------------------------------------------------------------------
-
-// The process may have fewer to spare by the time that one is taken.
-unsigned RecordingDisk::FreeBuffers() const {
-  const unsigned spare = spareBuffers.load(std::memory_order_relaxed);
-  return static_cast<unsigned>(free_.size()) +
-         std::min(spare, kMostBuffers - kOwnBuffers - spareUsed_);
-}
-
-bool RecordingDisk::HasJobs(unsigned jobs) const {
-  return count_ + jobs <= kMostJobs;
-}
+// --- Work for the thread ------------------------------------------------------------------------
 
 bool RecordingDisk::HasRoom(unsigned buffers) const {
-  const Lock lock(mutex_);
-  return FreeBuffers() >= buffers + kReserved && HasJobs(buffers + kReservedJobs);
+  const ScopeLock hold(lock_);
+  return buffers_.Free() >= buffers + kReserved && HasJobs(buffers + kReservedJobs);
 }
 
-// One of the recorder's own if there is any, of those the one used last: it is in the processor's
-// cache. Null when there is none, or none is left beside those reserved.
+bool RecordingDisk::HasBuffer(unsigned reserved) const {
+  return buffers_.Free() > reserved && HasJobs(1 + (reserved > 0 ? kReservedJobs : 1));
+}
+
+// Null when there is none beside those reserved. A spare one may have gone to another recorder.
 std::uint8_t* RecordingDisk::TakeBuffer(unsigned reserved, bool wait) {
-  Lock lock(mutex_);
-  const auto isThere = [&] {
-    return FreeBuffers() > reserved && HasJobs(1 + (reserved > 0 ? kReservedJobs : 1));
-  };
-  for (bool spare = false; !spare;) {
+  const ScopeLock hold(lock_);
+  std::uint8_t* buffer = nullptr;
+  do {
     if (wait) {
-      changed_.wait(lock, isThere);
-    } else if (!isThere()) {
+      changed_.wait(lock_, [&]() CMS_REQUIRES(lock_) { return HasBuffer(reserved); });
+    } else if (!HasBuffer(reserved)) {
       return nullptr;
     }
-    if (!free_.empty()) {
-      std::uint8_t* const buffer = free_.back();
-      free_.pop_back();
-      return buffer;
-    }
-    spare = TakeSpare();
-  }
-  ++spareUsed_;
-  lock.unlock();
-  auto* const buffer = new (std::nothrow) std::uint8_t[kBufferSize];
-  if (buffer == nullptr) {
-    lock.lock();
-    --spareUsed_;
-    ++spareBuffers;
-  }
+    buffer = buffers_.Take();
+  } while (buffer == nullptr && !HasBuffer(reserved));
   return buffer;
 }
 
-void RecordingDisk::GiveBuffer(std::uint8_t* buffer) {
-  const std::uint8_t* const begin = memory_.get();
-  if (buffer >= begin && buffer < begin + std::size_t{kOwnBuffers} * kBufferSize) {
-    free_.push_back(buffer);
-    return;
-  }
-  delete[] buffer;
-  --spareUsed_;
-  ++spareBuffers;
-}
-
-// --- Work for the thread ------------------------------------------------------------------------
-
 void RecordingDisk::Push(Job job) {
   {
-    const Lock lock(mutex_);
+    const ScopeLock hold(lock_);
     jobs_[(first_ + count_) % kMostJobs] = std::move(job);
     ++count_;
   }
@@ -155,19 +103,19 @@ void RecordingDisk::Push(Job job) {
 }
 
 bool RecordingDisk::MayOpen() const {
-  const Lock lock(mutex_);
+  const ScopeLock hold(lock_);
   return HasJobs(1 + kReservedJobs);
 }
 
 unsigned RecordingDisk::Waiting() const {
-  const Lock lock(mutex_);
+  const ScopeLock hold(lock_);
   return count_ + (busySince_ != 0 ? 1u : 0u);
 }
 
 bool RecordingDisk::Open(const std::shared_ptr<RecordingFile>& file, bool wait) {
   if (wait) {
-    Lock lock(mutex_);
-    changed_.wait(lock, [this] { return HasJobs(1 + kReservedJobs); });
+    const ScopeLock hold(lock_);
+    changed_.wait(lock_, [this]() CMS_REQUIRES(lock_) { return HasJobs(1 + kReservedJobs); });
   } else if (!MayOpen()) {
     return false;
   }
@@ -178,17 +126,17 @@ bool RecordingDisk::Open(const std::shared_ptr<RecordingFile>& file, bool wait) 
   return true;
 }
 
-bool RecordingDisk::Write(Part part, const std::uint8_t* data, std::uint32_t length, bool last,
+bool RecordingDisk::Write(RecordingPart part, std::span<const std::uint8_t> bytes, bool last,
                           bool wait) {
   std::uint8_t* const buffer = TakeBuffer(last ? 0 : kReserved, wait);
   if (buffer == nullptr) {
     return false;
   }
-  std::memcpy(buffer, data, length);
+  std::memcpy(buffer, bytes.data(), bytes.size());
   Job job;
   job.kind = Kind::kWrite;
   job.part = part;
-  job.length = length;
+  job.length = static_cast<std::uint32_t>(bytes.size());
   job.buffer = buffer;
   Push(std::move(job));
   return true;
@@ -202,7 +150,7 @@ void RecordingDisk::Close(bool counted) {
 
 void RecordingDisk::Look() {
   {
-    const Lock lock(mutex_);
+    const ScopeLock hold(lock_);
     if (!isOpen_ && count_ == 0 && unsettled_ == 0 && tasks_.empty()) {
       return;
     }
@@ -214,7 +162,7 @@ void RecordingDisk::Look() {
 
 void RecordingDisk::Store(Task task) {
   {
-    const Lock lock(mutex_);
+    const ScopeLock hold(lock_);
     tasks_.push_back(std::move(task));
     settle_ = true;
   }
@@ -227,8 +175,7 @@ bool RecordingDisk::IsIdle() const {
   return count_ == 0 && busySince_ == 0 && !look_ && !settle_ && !again_;
 }
 
-bool RecordingDisk::Await(Lock& lock, int milliseconds, bool giveUp,
-                          const std::function<bool()>& done) const {
+bool RecordingDisk::Await(int milliseconds, bool giveUp, const std::function<bool()>& done) const {
   const std::uint64_t begin = SteadyMilliseconds();
   while (!done()) {
     const std::uint64_t now = SteadyMilliseconds();
@@ -246,28 +193,29 @@ bool RecordingDisk::Await(Lock& lock, int milliseconds, bool giveUp,
       }
       left = std::min(left, kNoAnswerMilliseconds - (now - busySince_));
     }
-    changed_.wait_for(lock, std::chrono::milliseconds(left));
+    changed_.wait_for(lock_, std::chrono::milliseconds(left));
   }
   return true;
 }
 
 bool RecordingDisk::WaitOpened(const RecordingFile& file, int milliseconds) const {
-  Lock lock(mutex_);
-  return Await(lock, milliseconds, false, [&] {
+  const ScopeLock hold(lock_);
+  return Await(milliseconds, false, [&] {
     return file.state.load(std::memory_order_acquire) != RecordingFile::State::kOpening;
   });
 }
 
 bool RecordingDisk::WaitIdle(int milliseconds, bool giveUp) const {
-  Lock lock(mutex_);
-  return Await(lock, milliseconds, giveUp, [this] { return ended_ || IsIdle(); });
+  const ScopeLock hold(lock_);
+  return Await(milliseconds, giveUp, [this]() CMS_REQUIRES(lock_) { return ended_ || IsIdle(); });
 }
 
 bool RecordingDisk::WaitAll(int milliseconds, bool giveUp) {
   std::vector<std::shared_ptr<RecordingDisk>> disks;
   {
-    const std::lock_guard lock(Disks().mutex);
-    disks = Disks().disks;
+    Registry& registry = Disks();
+    const ScopeLock hold(registry.lock);
+    disks = registry.disks;
   }
   const std::uint64_t begin = SteadyMilliseconds();
   return std::all_of(disks.begin(), disks.end(), [&](const auto& disk) {
@@ -278,32 +226,34 @@ bool RecordingDisk::WaitAll(int milliseconds, bool giveUp) {
 }
 
 void RecordingDisk::End() {
-  Lock lock(mutex_);
+  const ScopeLock hold(lock_);
   ending_ = true;
   settle_ = true;
   changed_.notify_all();
-  Await(lock, kEndMilliseconds, true, [this] { return ended_; });
+  Await(kEndMilliseconds, true, [this]() CMS_REQUIRES(lock_) { return ended_; });
 }
 
-RecordingDisk::Counts RecordingDisk::GetCounts() const {
-  const Lock lock(mutex_);
-  Counts counts = counts_;
-  counts.tasks = tasks_.size();
-  return counts;
+RecordingFiles::Counts RecordingDisk::GetCounts() const {
+  const ScopeLock hold(lock_);
+  return counts_;
+}
+
+std::size_t RecordingDisk::Tasks() const {
+  const ScopeLock hold(lock_);
+  return tasks_.size();
 }
 
 bool RecordingDisk::IsSettled() const {
-  const Lock lock(mutex_);
+  const ScopeLock hold(lock_);
   return count_ == 0 && busySince_ == 0 && !isOpen_ && unsettled_ == 0 && finished_.empty();
 }
 
 void RecordingDisk::RememberFinished() {
-  const Lock lock(mutex_);
-  rememberFinished_ = true;
+  files_.RememberFinished();
 }
 
 std::vector<FinishedRecording> RecordingDisk::TakeFinished() {
-  const Lock lock(mutex_);
+  const ScopeLock hold(lock_);
   return std::exchange(finished_, {});
 }
 
@@ -312,51 +262,107 @@ std::vector<FinishedRecording> RecordingDisk::TakeFinished() {
 void RecordingDisk::Work() {
   PreferThisThread();
   std::chrono::milliseconds pause = kShortRetry;
-  Lock lock(mutex_);
+  ScopeLock hold(lock_);
   for (;;) {
     if (count_ > 0) {
       Job job = std::move(jobs_[first_]);
       first_ = (first_ + 1) % kMostJobs;
       --count_;
       busySince_ = SteadyMilliseconds();
-      lock.unlock();
+      hold.UnLock();
       Do(job);
       job.file.reset();
-      lock.lock();
+      hold.Lock();
       if (job.buffer != nullptr) {
-        GiveBuffer(job.buffer);
+        buffers_.Give(job.buffer);
       }
       settle_ = settle_ || job.kind != Kind::kWrite;
     } else if (look_ || settle_) {
       const bool look = std::exchange(look_, false);
+      const bool last = ending_;
       settle_ = false;
       busySince_ = SteadyMilliseconds();
-      lock.unlock();
-      if (look) {
-        LookForFile();
-      }
-      const bool again = Settle();
-      if (look) {
-        ForgetSettled();
-      }
-      lock.lock();
+      hold.UnLock();
+      const bool again = Settle(look, last);
+      hold.Lock();
       again_ = again;
       pause = again ? std::min(2 * pause, kLongRetry) : kShortRetry;
     } else if (ending_ && !again_) {
       break;
     } else if (again_) {
-      if (!changed_.wait_for(lock, pause, [this] { return count_ > 0 || look_ || settle_; })) {
+      if (!changed_.wait_for(lock_, pause, [this]() CMS_REQUIRES(lock_) {
+            return count_ > 0 || look_ || settle_;
+          })) {
         settle_ = true;
       }
     } else {
-      changed_.wait(lock);
+      changed_.wait(lock_);
     }
-    isOpen_ = current_.IsOpen() || !current_.parts.empty();
+    Publish();
     busySince_ = 0;
     changed_.notify_all();
   }
   ended_ = true;
   changed_.notify_all();
+}
+
+void RecordingDisk::Do(Job& job) {
+  switch (job.kind) {
+    case Kind::kOpen:
+      files_.Open(job.file);
+      break;
+    case Kind::kWrite:
+      files_.Write(job.part, {job.buffer, job.length});
+      break;
+    case Kind::kClose:
+      files_.Close(job.counted);
+      break;
+  }
+}
+
+// True when another thread was in the way.
+bool RecordingDisk::Settle(bool look, bool last) {
+  if (look) {
+    files_.LookForFile();
+  }
+  const bool busy = files_.Settle(last);
+  {
+    const ScopeLock hold(lock_);  // a task may find that the disk does not answer
+    Publish();
+  }
+  const bool tasksBusy = DoTasks();
+  if (look) {
+    files_.FinishSettled();
+  }
+  return busy || tasksBusy;
+}
+
+bool RecordingDisk::DoTasks() {
+  for (;;) {
+    Task task;
+    {
+      const ScopeLock hold(lock_);
+      if (tasks_.empty()) {
+        return false;
+      }
+      task = tasks_.front();
+    }
+    const DiskTaskResult result = task();
+    if (result != DiskTaskResult::kDone) {
+      return result == DiskTaskResult::kBusy;
+    }
+    const ScopeLock hold(lock_);
+    tasks_.pop_front();
+  }
+}
+
+void RecordingDisk::Publish() {
+  isOpen_ = files_.IsOpen();
+  unsettled_ = files_.Unsettled();
+  counts_ = files_.GetCounts();
+  for (FinishedRecording& file : files_.TakeFinished()) {
+    finished_.push_back(std::move(file));
+  }
 }
 
 }  // namespace cms

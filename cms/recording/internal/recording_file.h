@@ -10,6 +10,13 @@
 
 namespace cms {
 
+// Whose recordings they are, as the databases name it.
+struct RecordedDevice {
+  std::wstring address;
+  std::wstring siteName;
+  std::uint16_t port = 0;
+};
+
 // Shared by a recorder and its RecordingDisk. Frames are accepted while the file is still being
 // opened: their offsets count from where the file will turn out to begin.
 struct RecordingFile {
@@ -24,9 +31,7 @@ struct RecordingFile {
   std::wstring front;                 // of the path, up to the stamp
   std::int64_t startTime = 0;         // in the name; a later second when that name is taken
   std::vector<std::uint8_t> headers;  // in front of the frames, unless the file has some already
-  std::wstring address;
-  std::wstring siteName;
-  std::uint16_t port = 0;
+  RecordedDevice device;
 
   // The recorder's until the disk is told to close the file or to open the next one.
   std::int64_t start = 0;  // of the frames' times
