@@ -6,6 +6,7 @@
 #include "cms/recording/event_db_list_writer.h"
 #include "cms/recording/internal/database_locks.h"
 #include "cms/recording/internal/record_text.h"
+#include "cms/recording/internal/recording_file.h"
 
 namespace FX {
 
@@ -81,14 +82,14 @@ void FX_DRVRecorder::StoreEvent(cms::RecordKind kind, unsigned channel) {
   if (event.start == 0) {
     return;
   }
-  DoOnDisk([event, kind, channel, siteName = siteName_, address = address_, port = port_] {
+  DoOnDisk([event, kind, channel, device = Device()] {
     const cms::TryDatabaseLock database(cms::EventDatabaseLock());
     if (!database) {
       return cms::DiskTaskResult::kBusy;
     }
     FX_EventDBListWriter list;
-    list.InitialEventDBInfo(event.drvPath.c_str(), channel, EventTypeOf(kind), event.preAlarm, port,
-                            siteName.c_str(), address.c_str());
+    list.InitialEventDBInfo(event.drvPath.c_str(), channel, EventTypeOf(kind), event.preAlarm,
+                            device.port, device.siteName.c_str(), device.address.c_str());
     list.SetRecordTime(event.start, channel);
     list.SetRecordTime(event.end, channel);
     return list.WriteDBInfoIntoList(channel) ? cms::DiskTaskResult::kDone

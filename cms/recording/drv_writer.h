@@ -1,7 +1,6 @@
 // CLFXDRVWriter: frames into a rolling series of .drv and .idx files.
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -17,8 +16,8 @@
 
 namespace cms {
 
-class RecordingDisk;
-struct RecordingFile;
+class RecordingSeries;
+struct RecordedDevice;
 
 // A recording that is written, closed and listed.
 struct FinishedRecording {
@@ -152,8 +151,8 @@ class CMS_API CLFXDRVWriter {
   // Record for a frame in pieces.
   bool RecordBlocks(std::span<const std::span<const std::uint8_t>> blocks, int frameKind)
       CMS_REQUIRES(lock_);
-  bool HasOpenFile() const CMS_REQUIRES(lock_) { return file_ != nullptr && !probing_; }
-  std::uint64_t FileNumber() const CMS_REQUIRES(lock_) { return fileNumber_; }  // counts them
+  std::uint64_t FileNumber() const CMS_REQUIRES(lock_);  // counts them
+  const cms::RecordedDevice& Device() const CMS_REQUIRES(lock_);
   bool StartRecordAgain();  // with the path and the limits that are stored
   bool GoesOn() const;      // started, and nothing but StopRecord ends it
   void SetTarget(const wchar_t* path, int sizeMiB, int limit2);
@@ -168,80 +167,14 @@ class CMS_API CLFXDRVWriter {
 
   mutable CMSCritical lock_;
   cms::RecordingStatus status_ CMS_GUARDED_BY(lock_);
-  std::wstring address_ CMS_GUARDED_BY(lock_);
-  std::wstring siteName_ CMS_GUARDED_BY(lock_);
-  std::uint16_t port_ CMS_GUARDED_BY(lock_) = 0;
 
  private:
-  bool HasTarget() const CMS_REQUIRES(lock_);
-  bool Fits(std::uint64_t length) const CMS_REQUIRES(lock_);
-  bool MustChange() const CMS_REQUIRES(lock_);
-  bool IsSilent() const CMS_REQUIRES(lock_);
-  bool Begins(int frameKind) CMS_REQUIRES(lock_);
-  bool HasRoom(std::uint64_t length, bool begins) CMS_REQUIRES(lock_);
-  bool MayOpen() const CMS_REQUIRES(lock_);
-  bool Drop() CMS_REQUIRES(lock_);
-  int PendingError() const CMS_REQUIRES(lock_);
-
-  // drv_writer_files.cpp
-  bool Prepare() CMS_REQUIRES(lock_);
   bool RollOver() CMS_REQUIRES(lock_);
-  bool BeginFile() CMS_REQUIRES(lock_);
-  void HandOverEnd() CMS_REQUIRES(lock_);
-  void CloseFiles(bool failed) CMS_REQUIRES(lock_);
-  void ForgetFile() CMS_REQUIRES(lock_);
-  void Notice() CMS_REQUIRES(lock_);
-  void NoticeOpened() CMS_REQUIRES(lock_);
-  void RecordFailed(int error) CMS_REQUIRES(lock_);
-  void CountFailure(int error) CMS_REQUIRES(lock_);
-
   void AddData(std::span<const std::span<const std::uint8_t>> blocks, std::uint64_t length)
       CMS_REQUIRES(lock_);
-  void MemoryRecordToFile(bool last) CMS_REQUIRES(lock_);
-  void MemoryIdxToFile(bool last) CMS_REQUIRES(lock_);
 
-  std::unique_ptr<std::uint8_t[]> data_ CMS_GUARDED_BY(lock_);
-  std::unique_ptr<std::uint8_t[]> idxData_ CMS_GUARDED_BY(lock_);
-  std::uint32_t buffered_ CMS_GUARDED_BY(lock_) = 0;
-  std::uint32_t idxBuffered_ CMS_GUARDED_BY(lock_) = 0;
-  std::uint64_t bufferedSince_ CMS_GUARDED_BY(lock_) = 0;           // tick of the oldest byte
-  std::uint64_t idxBufferedSince_ CMS_GUARDED_BY(lock_) = 0;        // "
-  std::shared_ptr<cms::RecordingDisk> disk_ CMS_GUARDED_BY(lock_);  // from the first start on
-  bool neverWait_ CMS_GUARDED_BY(lock_) = false;
-  bool rememberFinished_ CMS_GUARDED_BY(lock_) = false;
-
-  // The open file. Offsets in it are known once the disk has opened it: until then they count from
-  // where its frames begin.
-  std::shared_ptr<cms::RecordingFile> file_ CMS_GUARDED_BY(lock_);
-  std::uint64_t fileNumber_ CMS_GUARDED_BY(lock_) = 0;
-  bool known_ CMS_GUARDED_BY(lock_) = false;            // what the disk said of it has been noticed
-  bool probing_ CMS_GUARDED_BY(lock_) = false;          // takes no frames before it is open
-  std::uint64_t begin_ CMS_GUARDED_BY(lock_) = 0;       // the offset of its first frame
-  std::uint64_t handedOver_ CMS_GUARDED_BY(lock_) = 0;  // of its frames' bytes
-  cms::FrameCounts fileCounts_ CMS_GUARDED_BY(lock_);   // accepted
-  bool hasFrame_ CMS_GUARDED_BY(lock_) = false;
-  std::uint64_t lastFrameTick_ CMS_GUARDED_BY(lock_) = 0;
-  std::uint64_t lastKeyTick_ CMS_GUARDED_BY(lock_) = 0;  // of a key frame or of the start
+  const std::unique_ptr<cms::RecordingSeries> series_ CMS_GUARDED_BY(lock_);
   DrvIdx record_ CMS_GUARDED_BY(lock_) = {};
-
-  // What files are to be.
-  std::wstring path_ CMS_GUARDED_BY(lock_);
-  std::wstring newPath_ CMS_GUARDED_BY(lock_);
-  bool hasNewPath_ CMS_GUARDED_BY(lock_) = false;
-  bool forceChange_ CMS_GUARDED_BY(lock_) = false;
-  int sizeMiB_ CMS_GUARDED_BY(lock_) = 0;
-  int limit2_ CMS_GUARDED_BY(lock_) = 0;
-  std::uint64_t sizeStagger_ CMS_GUARDED_BY(lock_) = 0;
-  std::uint32_t flushThreshold_ CMS_GUARDED_BY(lock_) = kBufferSize;
-  std::array<std::vector<std::uint8_t>, 3> streamHeaders_ CMS_GUARDED_BY(lock_);
-
-  // After a failure.
-  bool started_ CMS_GUARDED_BY(lock_) = false;  // between StartRecord and StopRecord
-  bool failing_ CMS_GUARDED_BY(lock_) = false;  // no file has been opened since
-  bool stalled_ CMS_GUARDED_BY(lock_) = false;  // there was no room for a frame
-  std::uint64_t retryTick_ CMS_GUARDED_BY(lock_) = 0;
-  std::uint64_t failureTick_ CMS_GUARDED_BY(lock_) = 0;
-  std::uint64_t retryDelay_ CMS_GUARDED_BY(lock_) = 0;  // milliseconds
 };
 
 }  // namespace CLFX
