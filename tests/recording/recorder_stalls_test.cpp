@@ -32,9 +32,7 @@ class RecorderStalls : public testing::Test {
 
   RecorderStalls() {
     std::filesystem::create_directories(Slow());
-    const auto slow = test::ParamFor(1, 256, L"..\\slow");
-    cms::RecordingSlots::Instance().SetStartTime(slow.path, 0);  // what the test before left
-    Prepare(slow_, slow);
+    Prepare(slow_, test::ParamFor(1, 256, L"..\\slow"));
     Prepare(sound_, test::ParamFor(2));
   }
   ~RecorderStalls() override { faults_.io.HangAt(""); }
