@@ -10,7 +10,10 @@ extern "C" {
 #include <charconv>
 #include <cstdio>
 #include <optional>
+#include <utility>
 
+#include "cms/runtime/critical.h"
+#include "cms/runtime/file_io.h"
 #include "cms/runtime/internal/line_text.h"
 
 namespace cms {
@@ -139,19 +142,29 @@ bool ReadCircularLog(const std::string& path, std::vector<CircularLogEntry>& ent
 
 }  // namespace cms
 
-CCircularLogWriter::CCircularLogWriter(const std::string& path)
-    : io_(cms::CurrentFileIo()),
-      file_(io_, path, cms::kFileReadWrite | cms::kFileCreate | cms::kFileExclusive) {}
+class CCircularLogWriter::Impl {
+ public:
+  explicit Impl(const std::string& path)
+      : io_(cms::CurrentFileIo()),
+        file_(io_, path, cms::kFileReadWrite | cms::kFileCreate | cms::kFileExclusive) {}
 
-std::unique_ptr<CCircularLogWriter> CCircularLogWriter::Open(const std::string& path,
-                                                             std::uint32_t size, int& error) {
-  std::unique_ptr<CCircularLogWriter> writer(new CCircularLogWriter(path));
-  error = writer->file_ ? writer->Continue(size) : errno;
-  return error == 0 ? std::move(writer) : nullptr;
-}
+  bool IsOpen() const { return static_cast<bool>(file_); }
+  int Continue(std::uint32_t size);
+  bool Write(std::string_view text);
+
+ private:
+  bool Put(std::uint64_t position, std::string_view bytes) CMS_REQUIRES(lock_);
+
+  cms::FileIo& io_;
+  const cms::ScopedFile file_;
+  CMSCritical lock_;
+  std::uint64_t size_ CMS_GUARDED_BY(lock_) = 0;      // of the whole file when it is full
+  std::uint64_t position_ CMS_GUARDED_BY(lock_) = 0;  // where the next entry goes
+  std::uint64_t number_ CMS_GUARDED_BY(lock_) = 0;    // of the next entry
+};
 
 // Finds the place behind the newest entry, or begins a log: 0, or an error number.
-int CCircularLogWriter::Continue(std::uint32_t size) {
+int CCircularLogWriter::Impl::Continue(std::uint32_t size) {
   ScopeLock lock(lock_);
   const auto bytes = cms::ReadLog(io_, file_.Handle());
   if (!bytes) {
@@ -183,12 +196,12 @@ int CCircularLogWriter::Continue(std::uint32_t size) {
   return 0;
 }
 
-bool CCircularLogWriter::Put(std::uint64_t position, std::string_view bytes) {
+bool CCircularLogWriter::Impl::Put(std::uint64_t position, std::string_view bytes) {
   return io_.Seek(file_.Handle(), static_cast<std::int64_t>(position), SEEK_SET) >= 0 &&
          io_.WriteAll(file_.Handle(), bytes.data(), bytes.size()) == bytes.size();
 }
 
-bool CCircularLogWriter::Write(std::string_view text) {
+bool CCircularLogWriter::Impl::Write(std::string_view text) {
   const std::string safe = cms::OneLine(text, kLongestText);
   ScopeLock lock(lock_);
   std::string line = cms::Line(number_, safe);
@@ -210,4 +223,20 @@ bool CCircularLogWriter::Write(std::string_view text) {
   position_ += length;
   ++number_;
   return true;
+}
+
+CCircularLogWriter::CCircularLogWriter(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+
+CCircularLogWriter::~CCircularLogWriter() = default;
+
+std::unique_ptr<CCircularLogWriter> CCircularLogWriter::Open(const std::string& path,
+                                                             std::uint32_t size, int& error) {
+  auto impl = std::make_unique<Impl>(path);
+  error = impl->IsOpen() ? impl->Continue(size) : errno;
+  return error == 0 ? std::unique_ptr<CCircularLogWriter>(new CCircularLogWriter(std::move(impl)))
+                    : nullptr;
+}
+
+bool CCircularLogWriter::Write(std::string_view text) {
+  return impl_->Write(text);
 }

@@ -8,8 +8,6 @@
 #include <vector>
 
 #include "cms/runtime/api.h"
-#include "cms/runtime/critical.h"
-#include "cms/runtime/file_io.h"
 
 namespace cms {
 
@@ -49,6 +47,7 @@ class CMS_API CCircularLogWriter {
   // is left as it is.
   static std::unique_ptr<CCircularLogWriter> Open(const std::string& path, std::uint32_t size,
                                                   int& error);
+  ~CCircularLogWriter();
   CCircularLogWriter(const CCircularLogWriter&) = delete;
   CCircularLogWriter& operator=(const CCircularLogWriter&) = delete;
 
@@ -58,14 +57,8 @@ class CMS_API CCircularLogWriter {
   bool Write(std::string_view text);
 
  private:
-  explicit CCircularLogWriter(const std::string& path);
-  int Continue(std::uint32_t size);
-  bool Put(std::uint64_t position, std::string_view bytes) CMS_REQUIRES(lock_);
+  class Impl;
+  explicit CCircularLogWriter(std::unique_ptr<Impl> impl);
 
-  cms::FileIo& io_;
-  const cms::ScopedFile file_;
-  CMSCritical lock_;
-  std::uint64_t size_ CMS_GUARDED_BY(lock_) = 0;      // of the whole file when it is full
-  std::uint64_t position_ CMS_GUARDED_BY(lock_) = 0;  // where the next entry goes
-  std::uint64_t number_ CMS_GUARDED_BY(lock_) = 0;    // of the next entry
+  const std::unique_ptr<Impl> impl_;
 };
