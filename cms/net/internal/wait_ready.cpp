@@ -9,13 +9,13 @@
 namespace cms {
 
 Readiness WaitReady(int descriptor, short events, int stop, std::chrono::microseconds limit) {
-  using Clock = std::chrono::steady_clock;
-  const auto deadline = Clock::now() + limit;
+  using std::chrono::steady_clock;
+  const auto deadline = steady_clock::now() + limit;
   pollfd waited[] = {{stop, POLLIN, 0}, {descriptor, events, 0}};
   while (true) {
     timespec left{};
     if (limit != kNoLimit) {
-      const auto rest = std::max(deadline - Clock::now(), Clock::duration::zero());
+      const auto rest = std::max(deadline - steady_clock::now(), steady_clock::duration::zero());
       left.tv_sec = std::chrono::duration_cast<std::chrono::seconds>(rest).count();
       left.tv_nsec = std::chrono::nanoseconds(rest - std::chrono::seconds(left.tv_sec)).count();
     }
