@@ -1,8 +1,4 @@
 // Packets of a sender that knows nothing of ours: FFmpeg's RTP muxer.
-extern "C" {
-#include <libavformat/avformat.h>
-}
-
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -15,6 +11,7 @@ extern "C" {
 #include "tests/streaming/frame_collector.h"
 #include "tests/support/decoded_picture.h"
 #include "tests/support/encoded_clip.h"
+#include "tests/support/ffmpeg_sender.h"
 #include "tests/support/rtp_packetizer.h"
 
 namespace {
@@ -22,59 +19,6 @@ namespace {
 using test::FrameCollector;
 using test::RtpPackets;
 using Frames = std::vector<std::vector<std::uint8_t>>;
-
-int CollectPacket(void* opaque, std::uint8_t* data, int size) {
-  const bool isRtcp = size >= 2 && data[1] >= 200 && data[1] <= 204;
-  if (!isRtcp) {
-    static_cast<RtpPackets*>(opaque)->emplace_back(data, data + size);
-  }
-  return size;
-}
-
-// The frames as the muxer sends them, 1472 bytes at most a packet.
-RtpPackets Mux(AVCodecID codec, const Frames& frames, const char* flags = nullptr) {
-  RtpPackets packets;
-  AVFormatContext* format = nullptr;
-  EXPECT_GE(avformat_alloc_output_context2(&format, nullptr, "rtp", nullptr), 0);
-  AVStream* stream = avformat_new_stream(format, nullptr);
-  const bool audio = avcodec_get_type(codec) == AVMEDIA_TYPE_AUDIO;
-  stream->codecpar->codec_id = codec;
-  stream->codecpar->codec_type = avcodec_get_type(codec);
-  if (audio) {
-    stream->codecpar->sample_rate = 8000;
-    stream->codecpar->ch_layout = AV_CHANNEL_LAYOUT_MONO;
-    stream->time_base = {1, 8000};
-  } else {
-    stream->codecpar->width = 320;
-    stream->codecpar->height = 240;
-    stream->codecpar->format = AV_PIX_FMT_YUVJ420P;
-    stream->time_base = {1, 90000};
-  }
-  auto* buffer = static_cast<unsigned char*>(av_malloc(1472));
-  format->pb = avio_alloc_context(buffer, 1472, 1, &packets, nullptr, CollectPacket, nullptr);
-  format->pb->max_packet_size = 1472;
-  AVDictionary* options = nullptr;
-  av_dict_set(&options, "seq", "65500", 0);
-  if (flags != nullptr) {
-    av_dict_set(&options, "rtpflags", flags, 0);
-  }
-  EXPECT_GE(avformat_write_header(format, &options), 0);
-  av_dict_free(&options);
-  AVPacket* packet = av_packet_alloc();
-  for (std::size_t i = 0; i < frames.size(); ++i) {
-    EXPECT_GE(av_new_packet(packet, static_cast<int>(frames[i].size())), 0);
-    std::copy(frames[i].begin(), frames[i].end(), packet->data);
-    packet->pts = packet->dts = static_cast<std::int64_t>(i) * (audio ? 160 : 3600);
-    EXPECT_GE(av_write_frame(format, packet), 0);
-    av_packet_unref(packet);
-  }
-  av_write_trailer(format);
-  av_packet_free(&packet);
-  av_freep(&format->pb->buffer);
-  avio_context_free(&format->pb);
-  avformat_free_context(format);
-  return packets;
-}
 
 Frames Clip(const test::ClipSpec& spec) {
   Frames frames;
@@ -103,7 +47,7 @@ TEST(RealSender, H264) {
                               .noise = c.noise});
     H264RTPProcesser processer;
     FrameCollector collector(processer);
-    collector.Feed(Mux(AV_CODEC_ID_H264, clip, c.flags));
+    collector.Feed(test::MuxRtp(AV_CODEC_ID_H264, clip, c.flags));
     ASSERT_EQ(collector.frames.size(), 15u) << c.width << c.noise;
     for (std::size_t i = 0; i < 15; ++i) {
       EXPECT_EQ(collector.frames[i], test::WithLongStartCodes(clip[i + 5])) << c.width << i;
@@ -117,7 +61,7 @@ TEST(RealSender, Mpeg4) {
       Clip({.codec = test::ClipCodec::kMpeg4, .frames = 20, .gop = 5, .noise = true});
   MP4VESRTPProcesser processer;
   FrameCollector collector(processer);
-  collector.Feed(Mux(AV_CODEC_ID_MPEG4, clip));
+  collector.Feed(test::MuxRtp(AV_CODEC_ID_MPEG4, clip));
   EXPECT_EQ(collector.frames, Frames(clip.begin() + 5, clip.end()));
 }
 
@@ -125,7 +69,7 @@ TEST(RealSender, Mjpeg) {
   const Frames clip = Clip({.codec = test::ClipCodec::kMjpeg, .frames = 5, .noise = true});
   MJPEGRTPProcesser processer;
   FrameCollector collector(processer);
-  collector.Feed(Mux(AV_CODEC_ID_MJPEG, clip));
+  collector.Feed(test::MuxRtp(AV_CODEC_ID_MJPEG, clip));
   ASSERT_EQ(collector.frames.size(), 4u);
   for (std::size_t i = 0; i < 4; ++i) {
     const auto picture = test::DecodePicture(AV_CODEC_ID_MJPEG, clip[i + 1]);
@@ -139,7 +83,7 @@ TEST(RealSender, AudioComesWithoutMarkers) {
   for (int i = 0; i < 20; ++i) {
     chunks.emplace_back(1460, static_cast<std::uint8_t>(i));  // a full packet each
   }
-  const RtpPackets packets = Mux(AV_CODEC_ID_PCM_MULAW, chunks);
+  const RtpPackets packets = test::MuxRtp(AV_CODEC_ID_PCM_MULAW, chunks);
   SimpleRTPProcesser by_the_rule;
   FrameCollector none(by_the_rule);
   none.Feed(packets);

@@ -6,7 +6,7 @@
 
 namespace test {
 
-enum class ClipCodec { kH264, kMjpeg, kMpeg4 };
+enum class ClipCodec { kH264, kMjpeg, kMpeg4, kH265 };
 enum class ClipProfile { kBaseline, kHigh };  // H.264 only
 
 struct ClipSpec {
@@ -18,20 +18,21 @@ struct ClipSpec {
   ClipProfile profile = ClipProfile::kBaseline;
   int fps = 25;
   int bitrate = 0;          // bits per second; 0: constant quality
-  bool delimiters = false;  // an access-unit delimiter (NAL type 9) before each H.264 picture
+  int slices = 1;           // of each H.264 or H.265 picture
+  bool delimiters = false;  // an access-unit delimiter before each H.264 or H.265 picture
   bool noise = false;       // pictures that are hard to compress
-  int bframes = 0;          // in a row, H.264 of the high profile and MPEG-4
+  int bframes = 0;          // in a row; of H.264 with the high profile
   bool openGroups = false;  // those in front of a key frame refer to the group before it
 };
 
 struct EncodedFrame {
   std::vector<std::uint8_t>
-      data;  // one picture: H.264 Annex B, a whole JPEG, MPEG-4 with in-band VOL
+      data;  // one picture: H.264 or H.265 Annex B, a whole JPEG, MPEG-4 with in-band VOL
   bool key = false;
   std::int64_t pts = 0;  // in frames, from 0; the frame's number
 };
 
-// In decoding order, one slice a picture, parameter sets in front of each key frame. JPEGs use the
+// In decoding order, parameter sets in front of each key frame. JPEGs use the
 // standard Huffman tables and 4:2:0, as RTP carries them. Throws std::runtime_error when an encoder
 // fails.
 std::vector<EncodedFrame> EncodeClip(const ClipSpec& spec);

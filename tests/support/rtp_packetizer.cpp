@@ -154,6 +154,66 @@ RtpPackets RtpPacketizer::H264Units(const std::vector<Bytes>& units, bool aggreg
   return packets;
 }
 
+RtpPackets RtpPacketizer::H265(Bytes annexB, bool aggregate, bool orderNumbers) {
+  return H265Units(SplitAnnexB(annexB), aggregate, orderNumbers);
+}
+
+RtpPackets RtpPacketizer::H265Units(const std::vector<Bytes>& units, bool aggregate,
+                                    bool orderNumbers) {
+  const auto type = [](Bytes unit) { return static_cast<unsigned>(unit[0]) >> 1 & 0x3F; };
+  const auto number = [&](std::vector<std::uint8_t>& payload) {
+    if (orderNumbers) {
+      Append16(payload, orderNumber_);
+    }
+    ++orderNumber_;
+  };
+  RtpPackets packets;
+  std::size_t next = 0;
+  if (aggregate) {
+    std::vector<std::uint8_t> payload = {48 << 1, 1};
+    while (next < units.size() && type(units[next]) > 31 &&
+           payload.size() + 4 + units[next].size() <= maxPayload_) {
+      if (next == 0) {
+        number(payload);
+      } else if (orderNumbers) {
+        payload.push_back(0);  // the difference, less 1
+        ++orderNumber_;
+      }
+      Append16(payload, units[next].size());
+      Append(payload, units[next]);
+      ++next;
+    }
+    if (next > 0) {
+      packets.push_back(Packet(payload, next == units.size()));
+    }
+  }
+  for (; next < units.size(); ++next) {
+    const Bytes unit = units[next];
+    const bool last = next + 1 == units.size();
+    if (unit.size() + (orderNumbers ? 2 : 0) <= maxPayload_) {
+      std::vector<std::uint8_t> payload(unit.begin(), unit.begin() + 2);
+      number(payload);
+      Append(payload, unit.subspan(2));
+      packets.push_back(Packet(payload, last));
+      continue;
+    }
+    for (Bytes rest = unit.subspan(2); !rest.empty();) {
+      const bool first = rest.size() == unit.size() - 2;
+      const Bytes part = rest.first(std::min(rest.size(), maxPayload_ - 5));
+      rest = rest.subspan(part.size());
+      std::vector<std::uint8_t> payload = {
+          static_cast<std::uint8_t>((unit[0] & 0x81) | 49 << 1), unit[1],
+          static_cast<std::uint8_t>(type(unit) | (first ? 0x80 : 0) | (rest.empty() ? 0x40 : 0))};
+      if (first) {
+        number(payload);
+      }
+      Append(payload, part);
+      packets.push_back(Packet(payload, last && rest.empty()));
+    }
+  }
+  return packets;
+}
+
 RtpPackets RtpPacketizer::Jpeg(Bytes jpeg, const JpegOptions& options) {
   const JpegParts parts = ParseJpeg(jpeg);
   const Bytes scan = options.endMarker ? parts.scan : parts.scan.first(parts.scan.size() - 2);

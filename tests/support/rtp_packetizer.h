@@ -35,6 +35,9 @@ class RtpPacketizer {
   // ones in FU-A fragments. The marker is on the last packet.
   RtpPackets H264(Bytes annexB, bool aggregate = false);
   RtpPackets H264Units(const std::vector<Bytes>& units, bool aggregate = false);
+  // RFC 7798, likewise; with `orderNumbers` each unit has its decoding order number.
+  RtpPackets H265(Bytes annexB, bool aggregate = false, bool orderNumbers = false);
+  RtpPackets H265Units(const std::vector<Bytes>& units, bool aggregate, bool orderNumbers);
   // RFC 2435; restart markers when the JPEG has a restart interval. The JPEG is baseline, 4:2:0,
   // with the standard Huffman tables.
   RtpPackets Jpeg(Bytes jpeg, const JpegOptions& options = {});
@@ -47,6 +50,7 @@ class RtpPacketizer {
   std::uint16_t sequence_;
   std::size_t maxPayload_;
   std::uint32_t timestamp_ = 0;
+  std::uint16_t orderNumber_ = 0;
 };
 
 }  // namespace test
