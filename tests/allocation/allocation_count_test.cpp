@@ -19,11 +19,15 @@ bool OnMediaThread() {
   return std::strncmp(name, "cms-recv", 8) == 0 || std::strcmp(name, "cms-audio-in") == 0;
 }
 
-void* Counted(std::size_t size) {
+void Count() {
   static thread_local const bool counted = OnMediaThread();
   if (counted) {
     allocations.fetch_add(1, std::memory_order_relaxed);
   }
+}
+
+void* Counted(std::size_t size) {
+  Count();
   if (void* const memory = std::malloc(size != 0 ? size : 1)) {
     return memory;
   }
@@ -54,6 +58,14 @@ void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
 }
 void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
   return Counted(size);
+}
+void* operator new(std::size_t size, std::align_val_t alignment, const std::nothrow_t&) noexcept {
+  Count();
+  void* memory = nullptr;
+  return posix_memalign(&memory, static_cast<std::size_t>(alignment), size) == 0 ? memory : nullptr;
+}
+void operator delete(void* memory, std::align_val_t) noexcept {
+  std::free(memory);
 }
 void operator delete(void* memory, const std::nothrow_t&) noexcept {
   std::free(memory);
