@@ -17,6 +17,7 @@ extern "C" {
 #include <random>
 
 #include "cms/streaming/h264_rtp_processer.h"
+#include "cms/streaming/internal/access_unit_assembler.h"
 #include "tests/support/encoded_clip.h"
 #include "tests/support/rtp_packetizer.h"
 
@@ -176,6 +177,29 @@ void BM_ours(benchmark::State& state) {
   state.counters["lost"] = processer->GetMissingPacketCount();
 }
 
+// The same packets to whole access units, markers and time stamps looked at.
+void BM_access_units(benchmark::State& state) {
+  struct Sink final : cms::AccessUnitSink {
+    void OnAccessUnit(const cms::AccessUnit& unit) override {
+      benchmark::DoNotOptimize(unit.data.data());
+      ++units;
+    }
+    std::uint64_t units = 0;
+  };
+  Feeder feeder(state.range(0) != 0);
+  Sink sink;
+  cms::AccessUnitAssembler assembler(sink, {});
+  for (auto _ : state) {
+    const PacketRef packet = feeder.Next();
+    const std::span<const std::uint8_t> bytes(packet.data, static_cast<std::size_t>(packet.length));
+    const std::uint32_t timestamp = std::uint32_t{bytes[4]} << 24 | std::uint32_t{bytes[5]} << 16 |
+                                    std::uint32_t{bytes[6]} << 8 | std::uint32_t{bytes[7]};
+    assembler.Take({bytes.subspan(12), timestamp, (bytes[1] & 0x80) != 0, false});
+  }
+  Report(state, sink.units);
+  state.counters["dropped"] = assembler.DroppedUnits();
+}
+
 // The element alone: packets are pushed into its sink pad, frames are taken from its source pad.
 void BM_gstreamer_rtph264depay(benchmark::State& state) {
   gst_init(nullptr, nullptr);
@@ -306,6 +330,7 @@ void BM_ffmpeg_rtp(benchmark::State& state) {
 
 BENCHMARK(BM_memcpy)->ArgName("cold")->Arg(0)->Arg(1);
 BENCHMARK(BM_ours)->ArgName("cold")->Arg(0)->Arg(1);
+BENCHMARK(BM_access_units)->ArgName("cold")->Arg(0)->Arg(1);
 BENCHMARK(BM_gstreamer_rtph264depay)->ArgName("cold")->Arg(0)->Arg(1);
 BENCHMARK(BM_ffmpeg_rtp)->ArgName("cold")->Arg(0)->Arg(1);
 
