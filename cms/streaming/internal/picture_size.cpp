@@ -2,9 +2,10 @@
 
 #include <algorithm>
 #include <array>
-#include <cstring>
 
+#include "cms/streaming/internal/annex_b.h"
 #include "cms/streaming/internal/bit_reader.h"
+#include "cms/streaming/internal/nal_unit.h"
 
 namespace cms {
 namespace {
@@ -58,35 +59,16 @@ std::optional<CropUnit> ReadColours(GolombReader& bits) {
   return CropUnit{!grey && format != 3 ? 2u : 1u, !grey && format == 1 ? 2u : 1u};
 }
 
-// The position behind the next 00 00 01, or the size of the data.
-std::size_t BehindStartCode(Bytes data, std::size_t at) {
-  for (at += 2; at < data.size(); ++at) {
-    const void* const one = std::memchr(data.data() + at, 1, data.size() - at);
-    if (one == nullptr) {
-      break;
-    }
-    at = static_cast<std::size_t>(static_cast<const unsigned char*>(one) - data.data());
-    if (data[at - 1] == 0 && data[at - 2] == 0) {
-      return at + 1;
-    }
-  }
-  return data.size();
-}
-
 std::optional<PictureSize> SizeInAnnexB(Bytes frame) {
-  constexpr unsigned kSlice = 1;
-  constexpr unsigned kLastSlice = 5;
-  constexpr unsigned kSps = 7;
-  for (std::size_t at = BehindStartCode(frame, 0); at < frame.size();
-       at = BehindStartCode(frame, at)) {
-    const unsigned type = frame[at] & 0x1Fu;
-    if (type == kSps) {
-      constexpr std::size_t kStartCode = 3;
-      const std::size_t next = BehindStartCode(frame, at);
-      const std::size_t end = next < frame.size() ? next - kStartCode : next;
+  for (std::size_t at = EndOfStartCode(frame, 0); at < frame.size();
+       at = EndOfStartCode(frame, at)) {
+    const unsigned type = NalType(NalCodec::kH264, frame[at]);
+    if (type == kH264Sps) {
+      const std::size_t next = EndOfStartCode(frame, at);
+      const std::size_t end = next < frame.size() ? next - kShortStartCode : next;
       return FullH264Size(frame.subspan(at + 1, end - at - 1));
     }
-    if (type >= kSlice && type <= kLastSlice) {
+    if (NalPlaceOf(NalCodec::kH264, type) == NalPlace::kPicture) {
       break;
     }
   }
