@@ -1,6 +1,6 @@
 # What `cmake --install` lays down: the shared library, its public headers as they lie, the CMake package
-# orvanta-cms (target orvanta::cms), the pkg-config file, and the orvanta command line with its man pages
-# and its bash completion. The components are the packages of cmake/packages.cmake.
+# orvanta-cms (target orvanta::cms), the pkg-config file, the orvanta command line with its man pages
+# and its bash completion, and the test camera, which uses nothing of the library. The components are the packages of cmake/packages.cmake.
 include(CMakePackageConfigHelpers)
 
 install(TARGETS orvanta-cms EXPORT orvanta-cms-targets
@@ -41,7 +41,7 @@ if(TARGET orvanta)
     cmake_path(RELATIVE_PATH bin_to_lib BASE_DIRECTORY ${CMAKE_INSTALL_FULL_BINDIR})
     set_target_properties(orvanta PROPERTIES INSTALL_RPATH "$ORIGIN/${bin_to_lib}")
   endif()
-  install(TARGETS orvanta RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+  install(TARGETS orvanta orvanta-camera RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
   install(DIRECTORY ${PROJECT_BINARY_DIR}/tools/manual/man1 DESTINATION ${CMAKE_INSTALL_MANDIR}
           COMPONENT tools)
   install(FILES ${PROJECT_BINARY_DIR}/tools/manual/completions/orvanta COMPONENT tools

@@ -55,7 +55,8 @@ string(CONCAT CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS
        "gstreamer1.0-plugins-base, gstreamer1.0-plugins-good, gstreamer1.0-plugins-bad, "
        "gstreamer1.0-plugins-ugly, gstreamer1.0-libav")
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION
-    "${about}This package has the orvanta command, its man pages and its completion.")
+    "${about}This package has the orvanta command with its man pages and its completion,
+and the test camera that it starts.")
 
 # What every Debian package has in its folder of documents.
 find_program(GZIP gzip REQUIRED)

@@ -46,6 +46,7 @@ quietly apt-get -y --no-install-recommends install /packages/liborvanta-cms0.1_*
 say "the command line"
 quietly apt-get -y --no-install-recommends install /packages/orvanta-cms-tools_*.deb
 orvanta --help >/help
+orvanta-camera --help >/help
 orvanta live rtsp://127.0.0.1:1/none --seconds 1 2>/error && exit 1
 cat /error
 [[ $(wc -l </error) == 1 ]]

@@ -10,7 +10,7 @@ import pathlib
 import re
 import sys
 
-FOLDERS = ("cms", "tools/serve", "tools/testcamera")
+FOLDERS = ("cms", "tools/data", "tools/serve", "tools/support", "tools/testcamera")
 FUNCTION = re.compile(r"(?:\[\[.*?\]\] )?[A-Za-z_][\w:<>,*& ]*?[ *&](\w+)\(")
 TYPE = re.compile(r"(?:struct|class|enum class|enum|using) (\w+)")
 CONSTANT = re.compile(r"(?:constexpr|const|std::|static|thread_local).*?[ &*](\w+)(?:\[\w*\])?(?: =|\{|;)")

@@ -10,7 +10,7 @@ int main(int argc, char** argv) {
   tools::AddLiveCommand(app, result);
   tools::AddTalkCommand(app, result);
   tools::AddRecordCommand(app, result);
-  tools::AddCameraCommand(app, result);
+  tools::AddCameraCommand(app, argv + 1);
   tools::AddServeCommand(app, result);
   tools::AddAudioCommand(app, result);
   tools::AddBroadcastCommand(app, result);

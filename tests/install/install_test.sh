@@ -54,4 +54,12 @@ LD_LIBRARY_PATH=$lib "$work/by-pkg-config"
 if [[ -e $build/tools/orvanta ]]; then
   echo "== the command line"
   "$tree/bin/orvanta" --help >/dev/null
+  "$tree/bin/orvanta-camera" --help >/dev/null
+  mkdir "$work/alone"
+  mv "$tree/bin/orvanta-camera" "$work/alone"
+  error=$("$tree/bin/orvanta" camera --port 0 2>&1) && { echo "a camera without its program"; exit 1; }
+  [[ $error == "orvanta camera: orvanta-camera"*cannot* && $error != *$'\n'* ]] || { echo "said: $error"; exit 1; }
+  # From the path, and with the tool's name in what it says.
+  error=$(PATH=$work/alone:$PATH "$tree/bin/orvanta" camera --port 0 --size 12x 2>&1) && { echo "a wrong size"; exit 1; }
+  [[ $error == "orvanta camera: --size: "* ]] || { echo "said: $error"; exit 1; }
 fi

@@ -49,7 +49,7 @@ for wanted in include/cms/cms.h 'lib/.*liborvanta-cms\.so' 'lib/.*orvanta-cms-co
   grep -qxE "\./usr/$wanted" "$work/liborvanta-cms-dev.files" || fail "no $wanted in the development package"
 done
 grep -E '/internal/|\.cpp$' "$work/liborvanta-cms-dev.files" | grep -v /examples/ && fail "the files above are for nobody"
-for binary in "$work"/liborvanta-cms0.1/usr/lib/**/liborvanta-cms.so.0.*.* "$work/orvanta-cms-tools/usr/bin/orvanta"; do
+for binary in "$work"/liborvanta-cms0.1/usr/lib/**/liborvanta-cms.so.0.*.* "$work"/orvanta-cms-tools/usr/bin/*; do
   [[ -f $binary ]] || continue
   readelf -S "$binary" | grep '\.debug_info' >/dev/null && fail "$binary carries debug information"
 done

@@ -17,7 +17,6 @@ struct CommandResult {
 
 void AddAudioCommand(Command app, CommandResult& result);
 void AddBroadcastCommand(Command app, CommandResult& result);
-void AddCameraCommand(Command app, CommandResult& result);
 void AddDbCommand(Command app, CommandResult& result);
 void AddDiscoverCommand(Command app, CommandResult& result);
 void AddExportCommand(Command app, CommandResult& result);
@@ -32,5 +31,8 @@ void AddRepairCommand(Command app, CommandResult& result);
 void AddSearchCommand(Command app, CommandResult& result);
 void AddServeCommand(Command app, CommandResult& result);
 void AddTalkCommand(Command app, CommandResult& result);
+
+// Another program does the job: `arguments` are the command line's, from "camera" on.
+void AddCameraCommand(Command app, char** arguments);
 
 }  // namespace tools

@@ -12,8 +12,6 @@
 namespace tools {
 namespace {
 
-constexpr std::size_t kFrames = 8192;  // of a chunk, where the codec knows no blocks
-constexpr std::size_t kUsualImaBlock = 504;
 constexpr std::size_t kUsualMsBlock = 256;
 constexpr std::size_t kMsHeader = 7;
 
@@ -91,7 +89,7 @@ class EightBitStream : public BlockStream {
 // IMA ADPCM without blocks, low nibble first.
 class CodeStream : public AudioDecodeStream {
  public:
-  std::size_t ChunkSize() const override { return kFrames; }
+  std::size_t ChunkSize() const override { return kChunkFrames; }
 
   AudioSamples Decode(std::span<const std::uint8_t> chunk) override {
     AudioSamples samples;
@@ -109,7 +107,7 @@ class CodeStream : public AudioDecodeStream {
 // The devices' 8-bit ADPCM; of its doubled samples each is heard twice, as there.
 class EightBitCodeStream : public AudioDecodeStream {
  public:
-  std::size_t ChunkSize() const override { return kFrames; }
+  std::size_t ChunkSize() const override { return kChunkFrames; }
 
   AudioSamples Decode(std::span<const std::uint8_t> chunk) override {
     std::vector<std::uint8_t> output(chunk.size() * 4);
@@ -133,7 +131,7 @@ std::unique_ptr<AudioDecodeStream> Sampled(const AudioStreamOptions& options, in
   const std::size_t frameSize = sampleSize * static_cast<std::size_t>(options.channels);
   return std::make_unique<Stream>(
       std::make_unique<Decoder>(), options, codecId,
-      BlockStream::Layout{.dataSize = kFrames * frameSize, .frameSize = frameSize});
+      BlockStream::Layout{.dataSize = kChunkFrames * frameSize, .frameSize = frameSize});
 }
 
 std::unique_ptr<AudioDecodeStream> Ima(const AudioStreamOptions& options) {

@@ -9,14 +9,11 @@
 namespace tools {
 namespace {
 
-constexpr std::size_t kFrames = 8192;
-constexpr std::size_t kUsualImaBlock = 504;
-
 class G711Stream : public AudioEncodeStream {
  public:
   explicit G711Stream(decltype(&g711_aEncoder) encode) : encode_(encode) {}
 
-  std::size_t ChunkSamples() const override { return kFrames; }
+  std::size_t ChunkSamples() const override { return kChunkFrames; }
 
   std::vector<std::uint8_t> Encode(const AudioSamples& samples) override {
     std::vector<std::uint8_t> codes(samples.size());
@@ -34,7 +31,7 @@ class PcmStream : public AudioEncodeStream {
   enum class Form { kLittleEndian, kBigEndian, kEightBit };
   explicit PcmStream(Form form) : form_(form) {}
 
-  std::size_t ChunkSamples() const override { return kFrames; }
+  std::size_t ChunkSamples() const override { return kChunkFrames; }
 
   std::vector<std::uint8_t> Encode(const AudioSamples& samples) override {
     std::vector<std::uint8_t> bytes;
@@ -72,9 +69,9 @@ class ImaEncoder {
   int code_ = 0;
 };
 
-class CodeStream : public AudioEncodeStream {
+class CodeEncodeStream : public AudioEncodeStream {
  public:
-  std::size_t ChunkSamples() const override { return kFrames; }
+  std::size_t ChunkSamples() const override { return kChunkFrames; }
 
   std::vector<std::uint8_t> Encode(const AudioSamples& samples) override {
     std::vector<std::uint8_t> bytes;
@@ -166,7 +163,7 @@ std::unique_ptr<AudioEncodeStream> MakeAudioEncodeStream(const AudioStreamOption
   if (options.channels != 1) {
     throw std::runtime_error(codec + " is mono");
   }
-  return std::make_unique<CodeStream>();
+  return std::make_unique<CodeEncodeStream>();
 }
 
 }  // namespace tools

@@ -10,6 +10,9 @@
 
 namespace tools {
 
+inline constexpr std::size_t kChunkFrames = 8192;  // of a chunk, where the codec knows no blocks
+inline constexpr std::size_t kUsualImaBlock = 504;
+
 struct AudioStreamOptions {
   std::string codec;
   int channels = 1;

@@ -41,12 +41,6 @@ std::vector<const CLI::Option*> ShownOptions(const CLI::App& app, bool positiona
   });
 }
 
-// "orvanta audio decode"
-std::string PathOf(const CLI::App& app) {
-  return app.get_parent() != nullptr ? PathOf(*app.get_parent()) + " " + app.get_name()
-                                     : app.get_name();
-}
-
 void WriteSynopsis(std::ostream& out, const CLI::App& app) {
   const CLI::Formatter formatter;
   out << ".B " << Roff(PathOf(app)) << "\n";

@@ -26,11 +26,6 @@ const CLI::App& Deepest(const CLI::App& app) {
   return chosen.empty() ? app : Deepest(*chosen.front());
 }
 
-std::string PathOf(const CLI::App& app) {
-  return app.get_parent() == nullptr ? app.get_name()
-                                     : PathOf(*app.get_parent()) + " " + app.get_name();
-}
-
 std::vector<const CLI::App*> CommandsOf(const CLI::App& app) {
   return app.get_subcommands([](const CLI::App*) { return true; });
 }
@@ -93,6 +88,11 @@ int Fail(const CLI::App& app, std::string message, const std::string& hint, int 
 }
 
 }  // namespace
+
+std::string PathOf(const CLI::App& command) {
+  return command.get_parent() == nullptr ? command.get_name()
+                                         : PathOf(*command.get_parent()) + " " + command.get_name();
+}
 
 Option Option::Required(bool required) const {
   option_->required(required);
@@ -278,7 +278,7 @@ int CommandLine::Run(int argc, char** argv) {
   } catch (const std::exception& error) {
     return Fail(*app_, error.what(), "", kFailed);
   }
-  if (app_->get_subcommands().empty()) {
+  if (!CommandsOf(*app_).empty() && app_->get_subcommands().empty()) {
     return Fail(*app_, "say what to do (see " + app_->get_name() + " --help)", "", kWrongUsage);
   }
   return 0;

@@ -26,6 +26,9 @@ class UsageError : public std::runtime_error {
       : std::runtime_error(option + ": " + text) {}
 };
 
+// "orvanta audio decode"
+std::string PathOf(const CLI::App& command);
+
 class Option {
  public:
   explicit Option(CLI::Option* option) : option_(option) {}
@@ -89,9 +92,9 @@ class CommandLine {
   ~CommandLine();
 
   Command Root();
-  // Reads the arguments and does the job. Returns 0, 1 after a failed job and 2 for wrong usage,
-  // with one line on standard error. --help is answered for the last command that stands in front
-  // of it, whatever else is missing.
+  // Reads the arguments and does the job, the root's own if there are no commands. Returns 0, 1
+  // after a failed job and 2 for wrong usage, with one line on standard error. --help is answered
+  // for the last command that stands in front of it, whatever else is missing.
   int Run(int argc, char** argv);
 
  private:
