@@ -33,6 +33,7 @@
 #include "cms/live/media/simple_buffer.h"
 #include "cms/net/client_group.h"
 #include "cms/net/manual_tcp_client.h"
+#include "cms/playback/clip/recording_export.h"
 #include "cms/playback/local_pb_search_engine.h"
 #include "cms/playback/multi_site_playback_ctrl.h"
 #include "cms/recording/control_write_file.h"

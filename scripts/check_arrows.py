@@ -30,6 +30,7 @@ PROBES = ("cms/streaming/stream_probes", "cms/streaming/internal/bit_reader")
 # Of a folder's internal headers cms/exports/ may include all, and other folders these.
 SHARED_INTERNALS = {
     "cms/live/media/internal/codec_map.h",
+    "cms/live/media/internal/library_silence.h",
     "cms/live/media/internal/picture_converter.h",
     "cms/live/media/internal/video_codec.h",
     "cms/net/internal/listening_socket.h",

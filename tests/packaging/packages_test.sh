@@ -29,7 +29,7 @@ for package in liborvanta-cms0.1 liborvanta-cms-dev orvanta-cms-tools; do
 done
 
 echo "== dependencies"
-for needed in libc6 libavcodec libavutil libswscale libssl; do
+for needed in libc6 libavcodec libavformat libavutil libswscale libssl; do
   [[ ", $(field liborvanta-cms0.1 Depends)" == *", $needed"* ]] || fail "the library's package does not depend on $needed"
 done
 [[ $(field liborvanta-cms-dev Depends) == "liborvanta-cms0.1 (= $version)" ]] || fail "the development package's dependencies"

@@ -4,15 +4,17 @@
 #include <filesystem>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "cms/playback/local_pb_search_engine.h"
-#include "cms/runtime/native_path.h"
+#include "cms/playback/clip/recording_export.h"
 #include "tools/commands/command.h"
 #include "tools/data/data_folder.h"
-#include "tools/data/recording_export.h"
+#include "tools/support/picture_file.h"
+#include "tools/support/progress.h"
+#include "tools/support/stop_signal.h"
 #include "tools/support/time_text.h"
 
 namespace tools {
@@ -56,28 +58,8 @@ void CheckUsage(const Arguments& arguments, const Command& command) {
   }
 }
 
-// The recordings of a site in an interval, in the order of play.
-std::vector<RecordingPart> FindParts(std::uint32_t site, std::int64_t from, std::int64_t to) {
-  LocalPBSearchEngine engine;
-  engine.searchByInterval(from, to);
-  std::vector<RecordingPart> parts;
-  for (const stPBTimeInfo& span : engine.getNormalPBInfo()) {
-    for (std::size_t i = 0; span.siteNumber == site && i < span.records.size(); ++i) {
-      const auto& record = span.records[i];
-      RecordingPart part;
-      part.path = cms::NativePath(record.GetFilenameW());
-      part.first = from;
-      part.last = std::min(record.GetEndTime(), to);
-      part.sharesSecond = i + 1 < span.records.size() &&
-                          span.records[i + 1].GetStartTime() == part.last + 1 && part.last < to;
-      parts.push_back(std::move(part));
-    }
-  }
-  return parts;
-}
-
-std::vector<RecordingPart> PartsOf(const Arguments& arguments, const std::string& out) {
-  ExportInterval interval;
+std::vector<cms::RecordingPart> PartsOf(const Arguments& arguments, const std::string& out) {
+  cms::RecordingPart interval;
   if (!arguments.from.empty()) {
     interval.first = ReadTime("--from", arguments.from);
   }
@@ -89,13 +71,14 @@ std::vector<RecordingPart> PartsOf(const Arguments& arguments, const std::string
   if (interval.first > interval.last) {
     throw UsageError("--to", "lies before --from");
   }
-  std::vector<RecordingPart> parts;
+  std::vector<cms::RecordingPart> parts;
   for (std::size_t i = 0; arguments.data.empty() && i + 1 < arguments.files.size(); ++i) {
-    parts.push_back({AbsolutePath(arguments.files[i]), interval.first, interval.last, false});
+    interval.path = AbsolutePath(arguments.files[i]);
+    parts.push_back(interval);
   }
   if (!arguments.data.empty()) {
     EnterDataFolder(arguments.data, DataFolderUse::kRead);
-    parts = FindParts(arguments.site, interval.first, interval.last);
+    parts = cms::RecordingPartsOf(arguments.site, interval.first, interval.last);
     if (parts.empty()) {
       throw std::runtime_error("site " + std::to_string(arguments.site) +
                                " has no recording there (see orvanta search)");
@@ -104,18 +87,50 @@ std::vector<RecordingPart> PartsOf(const Arguments& arguments, const std::string
   return parts;
 }
 
+// The clip or picture is written, or the reason why not is thrown.
+cms::ExportResult Write(const cms::RecordingSource& source, const std::string& out,
+                        bool firstPicture) {
+  std::optional<Progress> shown;
+  const auto watch = [&shown](std::uint64_t done, std::uint64_t total) {
+    if (!shown) {
+      shown.emplace(total);
+    }
+    shown->Show(done);
+    return !StopRequested();
+  };
+  cms::ExportResult result;
+  if (!IsPicture(out)) {
+    const auto container =
+        EndsWith(out, ".mp4") ? cms::ClipContainer::kMp4 : cms::ClipContainer::kMatroska;
+    result = cms::ExportRecording({source, out, container}, watch);
+  } else {
+    const cms::RecordedPicture picture = cms::DecodeRecordedPicture(
+        source, firstPicture ? cms::WhichPicture::kFirst : cms::WhichPicture::kLast, watch);
+    result.error = picture.error;
+    if (picture.error.empty()) {
+      WriteJpeg(out, picture);
+    }
+    result.frames = 1;
+    result.first = result.last = picture.second;
+    result.skippedBytes = picture.skippedBytes;
+    result.skippedFrames = picture.skippedFrames;
+  }
+  if (!result.error.empty()) {
+    throw std::runtime_error(result.error);
+  }
+  return result;
+}
+
 int Run(const Arguments& arguments, const Command& command) {
   CheckUsage(arguments, command);
   const std::string out = AbsolutePath(arguments.files.back());
-  ExportOptions options;
-  options.path = out;
-  options.parts = PartsOf(arguments, out);
+  cms::RecordingSource source;
+  source.parts = PartsOf(arguments, out);
   if (arguments.stream >= 0) {
-    options.stream = static_cast<unsigned>(arguments.stream);
+    source.stream = static_cast<unsigned>(arguments.stream);
   }
-  options.firstPicture = arguments.from.empty() && arguments.to.empty();
-  options.container = EndsWith(out, ".mp4") ? ClipContainer::kMp4 : ClipContainer::kMatroska;
-  const ExportSummary summary = IsPicture(out) ? ExportPicture(options) : ExportClip(options);
+  const cms::ExportResult summary =
+      Write(source, out, arguments.from.empty() && arguments.to.empty());
   if (arguments.json) {
     nlohmann::ordered_json json = {
         {"frames", summary.frames},        {"duration", summary.duration},
@@ -136,6 +151,11 @@ int Run(const Arguments& arguments, const Command& command) {
   }
   for (const std::string& note : summary.notes) {
     std::fprintf(stderr, "orvanta export: %s\n", note.c_str());
+  }
+  if (summary.otherFrames != 0) {
+    std::fprintf(stderr,
+                 "orvanta export: there are pictures of other streams as well; choose with "
+                 "--stream\n");
   }
   return 0;
 }

@@ -1,4 +1,4 @@
-#include "tools/data/clip_writer.h"
+#include "cms/playback/clip/internal/clip_writer.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -10,13 +10,12 @@ extern "C" {
 #include <cstring>
 #include <vector>
 
-#include "cms/live/media/codec_id.h"
-#include "tools/data/avc_units.h"
-#include "tools/data/clip_codec.h"
-#include "tools/data/clip_file.h"
-#include "tools/support/time_text.h"
+#include "cms/live/media/internal/codec_map.h"
+#include "cms/playback/clip/internal/avc_units.h"
+#include "cms/playback/clip/internal/clip_file.h"
+#include "cms/recording/database_reader.h"
 
-namespace tools {
+namespace cms {
 namespace {
 
 constexpr AVRational kMicroseconds{1, 1'000'000};
@@ -37,7 +36,7 @@ AVCodecID AudioCodec(std::uint32_t codecId) {
   }
 }
 
-const char* NameOf(ClipContainer container) {
+const char* MuxerOf(ClipContainer container) {
   return container == ClipContainer::kMp4 ? "mp4" : "matroska";
 }
 
@@ -85,13 +84,9 @@ void ReadParameterSets(std::span<const std::uint8_t> frame, AVCodecParameters& p
 
 }  // namespace
 
-std::size_t ClipPadding() {
-  return AV_INPUT_BUFFER_PADDING_SIZE;
-}
-
 bool TakesAudio(ClipContainer container, const ClipAudio& audio) {
   const AVCodecID codec = AudioCodec(audio.codecId);
-  const AVOutputFormat* format = av_guess_format(NameOf(container), nullptr, nullptr);
+  const AVOutputFormat* format = av_guess_format(MuxerOf(container), nullptr, nullptr);
   // Matroska's own list lacks what it takes over from WAV.
   return codec != AV_CODEC_ID_NONE && audio.sampleRate > 0 && audio.channels > 0 &&
          (avformat_query_codec(format, codec, FF_COMPLIANCE_NORMAL) == 1 ||
@@ -132,13 +127,13 @@ void ClipWriter::State::AddVideo(const ClipFormat& format) {
   video->time_base = kVideoClock;
   AVCodecParameters& parameters = *video->codecpar;
   parameters.codec_type = AVMEDIA_TYPE_VIDEO;
-  parameters.codec_id = CodecOf(format.video);
+  parameters.codec_id = ToLibraryCodec(format.video);
   parameters.width = format.width;
   parameters.height = format.height;
-  if (format.video != ClipVideo::kMjpeg) {
+  if (format.video != CMS_CODEC_MJPEG) {
     ReadParameterSets(format.keyFrame, parameters);
   }
-  if (format.video == ClipVideo::kH264) {
+  if (format.video == CMS_CODEC_H264) {
     // The muxers could make lengths of start codes as well; this is several times as fast.
     const auto record = AvcConfiguration(
         {parameters.extradata, static_cast<std::size_t>(parameters.extradata_size)},
@@ -181,7 +176,7 @@ void ClipWriter::State::Write(AVStream& stream, std::span<const std::uint8_t> da
 ClipWriter::ClipWriter(const std::string& path, const ClipFormat& format)
     : state_(std::make_unique<State>(path)) {
   State& state = *state_;
-  state.Check(avformat_alloc_output_context2(&state.context, nullptr, NameOf(format.container),
+  state.Check(avformat_alloc_output_context2(&state.context, nullptr, MuxerOf(format.container),
                                              path.c_str()));
   state.context->pb = state.file.Context();
   // Times of decoding may lie in front of the beginning: those of presentation do not.
@@ -190,7 +185,9 @@ ClipWriter::ClipWriter(const std::string& path, const ClipFormat& format)
   if (format.audio) {
     state.AddAudio(*format.audio);
   }
-  av_dict_set(&state.context->metadata, "creation_time", UtcTime(format.begin).c_str(), 0);
+  const std::string begin =
+      format.begin == 0 ? "1970-01-01T00:00:00Z" : TextOfRecordTime(format.begin);
+  av_dict_set(&state.context->metadata, "creation_time", begin.c_str(), 0);
   AVDictionary* muxing = nullptr;
   av_dict_set(&muxing, "write_crc32", "0", 0);  // Matroska's, which would take half of the time
   const int written = avformat_write_header(state.context, &muxing);
@@ -251,4 +248,4 @@ double ClipWriter::Duration() const {
   return static_cast<double>(state_->end) / kMicroseconds.den;
 }
 
-}  // namespace tools
+}  // namespace cms

@@ -7,10 +7,10 @@
 #include <span>
 #include <string>
 
-namespace tools {
+#include "cms/live/media/codec_id.h"
+#include "cms/playback/clip/recording_export.h"
 
-enum class ClipContainer { kMp4, kMatroska };
-enum class ClipVideo { kH264, kMjpeg, kMpeg4 };
+namespace cms {
 
 struct ClipAudio {
   std::uint32_t codecId = 0;  // CMSCodecID
@@ -29,7 +29,7 @@ struct PictureTimes {
 // What a file has to know before its first frame.
 struct ClipFormat {
   ClipContainer container = ClipContainer::kMp4;
-  ClipVideo video = ClipVideo::kH264;
+  CMSCodecID video = CMS_CODEC_H264;
   int width = 0;
   int height = 0;
   int chromaFormat = 1;  // 4:2:0
@@ -38,9 +38,6 @@ struct ClipFormat {
   std::optional<ClipAudio> audio;
   std::int64_t begin = 0;  // seconds since 1970-01-01 UTC, for the file's creation time
 };
-
-// Bytes that have to be readable behind a frame.
-std::size_t ClipPadding();
 
 // Whether the container has a place for such sound.
 bool TakesAudio(ClipContainer container, const ClipAudio& audio);
@@ -67,4 +64,4 @@ class ClipWriter {
   std::unique_ptr<State> state_;
 };
 
-}  // namespace tools
+}  // namespace cms

@@ -11,14 +11,14 @@ extern "C" {
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "cms/runtime/critical.h"
 #include "cms/runtime/file_io.h"
+#include "cms/runtime/internal/named_thread.h"
 #include "cms/runtime/thread_annotations.h"
 
-namespace tools {
+namespace cms {
 
 // Writes "<path>.part" in large pieces, on a thread of its own, so that the next frames are read
 // meanwhile. Keep renames it to `path`; without Keep it is removed. Throws std::runtime_error with
@@ -52,8 +52,8 @@ class ClipFile {
 
   const std::string path_;
   const std::string part_;
-  cms::FileIo& io_;
-  cms::ScopedFile file_;
+  FileIo& io_;
+  ScopedFile file_;
   std::unique_ptr<AVIOContext, FreeContext> context_;
   bool kept_ = false;
 
@@ -71,7 +71,7 @@ class ClipFile {
   std::uint64_t position_ = 0;
   std::uint64_t end_ = 0;  // of what was written
   std::uint64_t reserved_ = 0;
-  std::thread thread_;
+  NamedThread thread_;
 };
 
-}  // namespace tools
+}  // namespace cms

@@ -1,8 +1,8 @@
-#include "tools/data/frame_times.h"
+#include "cms/playback/clip/internal/frame_times.h"
 
 #include <algorithm>
 
-namespace tools {
+namespace cms {
 namespace {
 
 constexpr std::int64_t kSecond = 1'000'000;
@@ -89,4 +89,4 @@ std::optional<TimedFrame> FrameTimes::Next() {
   return frame;
 }
 
-}  // namespace tools
+}  // namespace cms

@@ -1,9 +1,9 @@
-#include "tools/data/avc_units.h"
+#include "cms/playback/clip/internal/avc_units.h"
 
 #include <algorithm>
 #include <cstddef>
 
-namespace tools {
+namespace cms {
 namespace {
 
 struct Unit {
@@ -134,4 +134,4 @@ std::span<const std::uint8_t> LengthsForStartCodes(std::span<std::uint8_t> frame
   return scratch;
 }
 
-}  // namespace tools
+}  // namespace cms

@@ -1,4 +1,4 @@
-#include "tools/data/clip_file.h"
+#include "cms/playback/clip/internal/clip_file.h"
 
 #include <fcntl.h>
 
@@ -13,7 +13,7 @@ extern "C" {
 #include <limits>
 #include <stdexcept>
 
-namespace tools {
+namespace cms {
 namespace {
 
 constexpr int kBufferSize = 4096;              // of the muxer's small writes
@@ -30,8 +30,8 @@ void ClipFile::FreeContext::operator()(AVIOContext* context) const {
 ClipFile::ClipFile(const std::string& path)
     : path_(path),
       part_(path + ".part"),
-      io_(cms::SystemFileIo()),
-      file_(io_, part_, cms::kFileWrite | cms::kFileCreate | cms::kFileTruncate) {
+      io_(SystemFileIo()),
+      file_(io_, part_, kFileWrite | kFileCreate | kFileTruncate) {
   Check(file_ ? 0 : AVERROR(errno));
   // Bytes to write are const for some releases of the muxer.
   context_.reset(avio_alloc_context(
@@ -46,18 +46,20 @@ ClipFile::ClipFile(const std::string& path)
   for (auto& piece : pieces_) {
     piece.reserve(kPieceSize);
   }
-  thread_ = std::thread(&ClipFile::Run, this);
+  if (!thread_.Start("cms-export", [this] { Run(); })) {
+    const int error = errno;
+    io_.Remove(part_);
+    Check(AVERROR(error));
+  }
 }
 
 ClipFile::~ClipFile() {
-  if (thread_.joinable()) {
-    {
-      const ScopeLock guard(lock_);
-      quit_ = true;
-      changed_.notify_all();
-    }
-    thread_.join();
+  {
+    const ScopeLock guard(lock_);
+    quit_ = true;
+    changed_.notify_all();
   }
+  thread_.Join();
   if (!kept_) {
     io_.Remove(part_);
   }
@@ -173,4 +175,4 @@ void ClipFile::Keep() {
   kept_ = true;
 }
 
-}  // namespace tools
+}  // namespace cms

@@ -7,9 +7,9 @@
 #include <limits>
 #include <optional>
 
-#include "tools/data/frame_times.h"
+#include "cms/playback/clip/internal/frame_times.h"
 
-namespace tools {
+namespace cms {
 
 struct OrderedFrame {
   TimedFrame timed;               // its time is that of presentation
@@ -52,4 +52,4 @@ class PresentationOrder {
   std::int64_t shown_ = std::numeric_limits<std::int64_t>::min();  // number that last got a time
 };
 
-}  // namespace tools
+}  // namespace cms

@@ -6,7 +6,7 @@
 #include <span>
 #include <vector>
 
-namespace tools {
+namespace cms {
 
 // The decoder configuration record of parameter sets with start codes; empty without an SPS and a
 // PPS. `chromaFormat` is 0 to 3 (4:2:0 is 1); it and the bit depth stand in it for high profiles.
@@ -19,4 +19,4 @@ std::vector<std::uint8_t> AvcConfiguration(std::span<const std::uint8_t> paramet
 std::span<const std::uint8_t> LengthsForStartCodes(std::span<std::uint8_t> frame,
                                                    std::vector<std::uint8_t>& scratch);
 
-}  // namespace tools
+}  // namespace cms

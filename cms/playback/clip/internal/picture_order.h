@@ -6,21 +6,21 @@
 #include <memory>
 #include <span>
 
-#include "tools/data/clip_writer.h"
+#include "cms/live/media/codec_id.h"
 
-namespace tools {
+namespace cms {
 
 // H.264 and MPEG-4. One thread at a time.
 class PictureOrder {
  public:
-  explicit PictureOrder(ClipVideo video);
+  explicit PictureOrder(CMSCodecID codec);
   ~PictureOrder();
   PictureOrder(const PictureOrder&) = delete;
   PictureOrder& operator=(const PictureOrder&) = delete;
 
   // A number that grows in the order of presentation, also from key frame to key frame. Pictures
-  // are given in the order of decoding, with ClipPadding() readable bytes behind them; only the
-  // headers are read.
+  // are given in the order of decoding, with kInputPadding readable bytes behind them;
+  // only the headers are read.
   std::int64_t Of(std::span<const std::uint8_t> picture, bool key);
 
  private:
@@ -31,4 +31,4 @@ class PictureOrder {
 // How many pictures come in front of one that is shown before them, at most. Numbers as above.
 int ReorderingOf(std::span<const std::int64_t> numbers);
 
-}  // namespace tools
+}  // namespace cms

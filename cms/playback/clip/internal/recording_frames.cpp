@@ -1,4 +1,4 @@
-#include "tools/data/recording_frames.h"
+#include "cms/playback/clip/internal/recording_frames.h"
 
 #include <algorithm>
 #include <array>
@@ -8,11 +8,12 @@
 #include <stdexcept>
 #include <utility>
 
+#include "cms/live/media/input_padding.h"
 #include "cms/recording/idx_file.h"
 #include "cms/recording/recording_names.h"
 #include "cms/runtime/native_path.h"
 
-namespace tools {
+namespace cms {
 namespace {
 
 [[noreturn]] void Fail(const std::string& path, int error) {
@@ -23,30 +24,29 @@ namespace {
 // key frames leads past it; 0 without one.
 std::uint64_t StartNear(int handle, const std::string& path, std::int64_t first) {
   constexpr std::int64_t kLead = 120;
-  auto& io = cms::SystemFileIo();
-  const cms::ScopedFile idx(io, cms::NativePath(cms::IdxPathOf(cms::SystemPath(path))),
-                            cms::kFileRead);
+  auto& io = SystemFileIo();
+  const ScopedFile idx(io, NativePath(IdxPathOf(SystemPath(path))), kFileRead);
   std::uint64_t start = 0;
   if (!idx) {
     return start;
   }
-  cms::IdxReader reader(io, idx.Handle());
+  IdxReader reader(io, idx.Handle());
   while (const auto record = reader.Next()) {
     if (static_cast<std::int64_t>(record->milliseconds / 1000) + kLead >= first) {
       break;
     }
-    start = record->frame_type == cms::kKeyFrame ? record->offset : start;
+    start = record->frame_type == kKeyFrame ? record->offset : start;
   }
-  std::array<std::uint8_t, cms::kDrvHeaderSize> bytes{};
+  std::array<std::uint8_t, kDrvHeaderSize> bytes{};
   const bool holds = io.ReadAllAt(handle, bytes.data(), bytes.size(), start) == bytes.size() &&
-                     cms::DrvHeader(bytes).Holds();
+                     DrvHeader(bytes).Holds();
   return holds ? start : 0;
 }
 
 }  // namespace
 
-RecordingFrames::RecordingFrames(std::vector<RecordingPart> parts, std::optional<unsigned> stream)
-    : parts_(std::move(parts)), stream_(stream) {
+RecordingFrames::RecordingFrames(RecordingSource source, ExportProgress progress)
+    : parts_(std::move(source.parts)), stream_(source.stream), progress_(std::move(progress)) {
   for (const RecordingPart& part : parts_) {
     std::error_code missing;
     const auto size = std::filesystem::file_size(part.path, missing);
@@ -54,14 +54,20 @@ RecordingFrames::RecordingFrames(std::vector<RecordingPart> parts, std::optional
   }
 }
 
+void RecordingFrames::ReportDone() {
+  if (progress_ && !progress_(done_, total_)) {
+    throw std::runtime_error("stopped; nothing was written");
+  }
+}
+
 void RecordingFrames::OpenPart() {
   const RecordingPart& part = parts_[part_++];
-  auto& io = cms::SystemFileIo();
-  auto file = std::make_shared<cms::ScopedFile>(io, part.path, cms::kFileRead);
+  auto& io = SystemFileIo();
+  auto file = std::make_shared<ScopedFile>(io, part.path, kFileRead);
   if (!*file) {
     Fail(part.path, errno);
   }
-  walker_ = std::make_unique<cms::DrvWalker>(io, file->Handle());
+  walker_ = std::make_unique<DrvWalker>(io, file->Handle());
   if (part.first > 0) {
     walker_->Seek(StartNear(file->Handle(), part.path, part.first));
   }
@@ -81,10 +87,10 @@ void RecordingFrames::ClosePart() {
 }
 
 // The walker's next frame. Damage in front of it means that a key frame has to come first.
-std::optional<cms::DrvFrame> RecordingFrames::Walk() {
+std::optional<DrvFrame> RecordingFrames::Walk() {
   for (;;) {
     const auto frame = walker_->Next();
-    const cms::DrvWalkReport& report = walker_->Report();
+    const DrvWalkReport& report = walker_->Report();
     if (report.error != 0) {
       Fail(parts_[part_ - 1].path, report.error);
     }
@@ -103,7 +109,7 @@ std::optional<cms::DrvFrame> RecordingFrames::Walk() {
 
 // Whether the file has nothing later than this second behind `offset`.
 bool RecordingFrames::EndsWithin(std::int64_t second, std::uint64_t offset) {
-  cms::DrvWalker ahead(cms::SystemFileIo(), file_->Handle());
+  DrvWalker ahead(SystemFileIo(), file_->Handle());
   ahead.Seek(offset);
   while (const auto frame = ahead.Next()) {
     if (frame->header.Seconds() > second) {
@@ -114,17 +120,17 @@ bool RecordingFrames::EndsWithin(std::int64_t second, std::uint64_t offset) {
 }
 
 // Whether nothing is needed to show it. Every JPEG is such a frame, whatever its header says.
-bool RecordingFrames::StandsAlone(const cms::DrvFrame& frame) {
+bool RecordingFrames::StandsAlone(const DrvFrame& frame) {
   std::array<std::uint8_t, 2> begin{};
   return frame.header.IsKeyFrame() ||
          (frame.payload_length >= begin.size() &&
-          cms::SystemFileIo().ReadAllAt(file_->Handle(), begin.data(), begin.size(),
-                                        frame.payload_offset) == begin.size() &&
+          SystemFileIo().ReadAllAt(file_->Handle(), begin.data(), begin.size(),
+                                   frame.payload_offset) == begin.size() &&
           begin[0] == 0xFF && begin[1] == 0xD8);
 }
 
 // A frame that is not behind the part's last second.
-void RecordingFrames::Take(const cms::DrvFrame& frame) {
+void RecordingFrames::Take(const DrvFrame& frame) {
   RecordedFrame taken{file_, frame, frame.header.IsKeyFrame(), frame.header.IsAudio()};
   if (taken.audio) {
     if (!needsKey_) {
@@ -161,6 +167,7 @@ std::optional<RecordedFrame> RecordingFrames::Next() {
       continue;
     }
     done_ = doneBefore_ + frame->End();
+    ReportDone();
     if (!frame->header.IsAudio() && !stream_) {
       stream_ = frame->header.StreamNumber();
     }
@@ -188,16 +195,16 @@ std::optional<RecordedFrame> RecordingFrames::Next() {
   return frame;
 }
 
-std::span<std::uint8_t> RecordingFrames::Payload(const RecordedFrame& frame, std::size_t padding) {
+std::span<std::uint8_t> RecordingFrames::Payload(const RecordedFrame& frame) {
   const std::size_t size = frame.frame.payload_length;
-  payload_.resize(std::max(payload_.size(), size + padding));
-  if (cms::SystemFileIo().ReadAllAt(frame.file->Handle(), payload_.data(), size,
-                                    frame.frame.payload_offset) != size) {
+  payload_.resize(std::max(payload_.size(), size + kInputPadding));
+  if (SystemFileIo().ReadAllAt(frame.file->Handle(), payload_.data(), size,
+                               frame.frame.payload_offset) != size) {
     throw std::runtime_error(std::string("a recording became shorter while it was read: ") +
                              std::strerror(errno == 0 ? EIO : errno));
   }
-  std::fill_n(payload_.begin() + static_cast<std::ptrdiff_t>(size), padding, std::uint8_t{0});
+  std::fill_n(payload_.begin() + static_cast<std::ptrdiff_t>(size), kInputPadding, std::uint8_t{0});
   return std::span(payload_).first(size);
 }
 
-}  // namespace tools
+}  // namespace cms

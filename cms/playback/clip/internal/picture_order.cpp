@@ -1,4 +1,4 @@
-#include "tools/data/picture_order.h"
+#include "cms/playback/clip/internal/picture_order.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -6,12 +6,12 @@ extern "C" {
 
 #include <algorithm>
 
-#include "tools/data/clip_codec.h"
+#include "cms/live/media/internal/codec_map.h"
 
-namespace tools {
+namespace cms {
 namespace {
 
-struct Free {
+struct FreeParser {
   void operator()(AVCodecContext* context) const { avcodec_free_context(&context); }
   void operator()(AVCodecParserContext* parser) const { av_parser_close(parser); }
 };
@@ -19,15 +19,15 @@ struct Free {
 }  // namespace
 
 struct PictureOrder::State {
-  std::unique_ptr<AVCodecContext, Free> context;
-  std::unique_ptr<AVCodecParserContext, Free> parser;
+  std::unique_ptr<AVCodecContext, FreeParser> context;
+  std::unique_ptr<AVCodecParserContext, FreeParser> parser;
   std::int64_t group = 0;    // H.264: from key frame to key frame; MPEG-4: from I or P to I or P
   std::int64_t between = 0;  // B-frames of MPEG-4 in this group
 };
 
-PictureOrder::PictureOrder(ClipVideo video) : state_(std::make_unique<State>()) {
-  state_->context.reset(avcodec_alloc_context3(avcodec_find_decoder(CodecOf(video))));
-  state_->parser.reset(av_parser_init(CodecOf(video)));
+PictureOrder::PictureOrder(CMSCodecID codec) : state_(std::make_unique<State>()) {
+  state_->context.reset(avcodec_alloc_context3(avcodec_find_decoder(ToLibraryCodec(codec))));
+  state_->parser.reset(av_parser_init(ToLibraryCodec(codec)));
   state_->parser->flags |= PARSER_FLAG_COMPLETE_FRAMES;
 }
 
@@ -64,4 +64,4 @@ int ReorderingOf(std::span<const std::int64_t> numbers) {
   return static_cast<int>(most);
 }
 
-}  // namespace tools
+}  // namespace cms

@@ -1,9 +1,9 @@
-#include "tools/data/presentation_order.h"
+#include "cms/playback/clip/internal/presentation_order.h"
 
 #include <algorithm>
 #include <utility>
 
-namespace tools {
+namespace cms {
 namespace {
 
 constexpr std::size_t kMostReordering = 16;  // pictures that a decoder can hold back
@@ -71,4 +71,4 @@ std::optional<OrderedFrame> PresentationOrder::Next() {
   return frame;
 }
 
-}  // namespace tools
+}  // namespace cms

@@ -1,41 +1,26 @@
-#include "tools/data/recording_export.h"
-
-extern "C" {
-#include <libavutil/log.h>
-}
+#include "cms/playback/clip/internal/clip_export.h"
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
 #include <stdexcept>
+#include <utility>
 
 #include "cms/live/media/codec_id.h"
 #include "cms/live/media/frame_header.h"
+#include "cms/playback/clip/internal/clip_writer.h"
+#include "cms/playback/clip/internal/frame_times.h"
+#include "cms/playback/clip/internal/picture_decoder.h"
+#include "cms/playback/clip/internal/picture_order.h"
+#include "cms/playback/clip/internal/presentation_order.h"
+#include "cms/playback/clip/internal/recording_frames.h"
 #include "cms/streaming/stream_probes.h"
-#include "tools/data/frame_times.h"
-#include "tools/data/picture_decoder.h"
-#include "tools/data/picture_order.h"
-#include "tools/data/presentation_order.h"
-#include "tools/support/progress.h"
-#include "tools/support/stop_signal.h"
 
-namespace tools {
+namespace cms {
 namespace {
 
-std::optional<ClipVideo> VideoOf(std::span<const std::uint8_t> frame) {
-  switch (cms::VideoTypeOf(frame)) {
-    case CMS_VIDEO_H264:
-      return ClipVideo::kH264;
-    case CMS_VIDEO_MJPEG:
-      return ClipVideo::kMjpeg;
-    case CMS_VIDEO_MPEG4:
-      return ClipVideo::kMpeg4;
-    default:
-      return std::nullopt;
-  }
-}
-
 ClipAudio AudioOf(const RecordedFrame& frame) {
-  cms::AudioFormatDescriptor format;
+  AudioFormatDescriptor format;
   std::memcpy(&format, frame.frame.header.Bytes().subspan(16).data(), sizeof(format));
   return {format.codecId, static_cast<int>(std::min<std::uint32_t>(format.sampleRate, 1'000'000)),
           format.channels};
@@ -57,7 +42,7 @@ std::string NameOf(const ClipAudio& audio) {
 
 // What the recordings begin with.
 struct Beginning {
-  std::optional<ClipVideo> video;
+  CMSCodecID video = CMS_CODEC_NONE;
   std::vector<std::uint8_t> keyFrame;
   int width = 0;
   int height = 0;
@@ -69,17 +54,14 @@ struct Beginning {
 };
 
 void TryKeyFrame(std::span<const std::uint8_t> payload, Beginning& beginning) {
-  beginning.video = VideoOf(payload);
+  beginning.video = CodecOfVideoType(VideoTypeOf(payload));
   beginning.keyFrame.assign(payload.begin(), payload.end());
-  if (!beginning.video) {
-    return;
-  }
-  PictureDecoder decoder(*beginning.video);
+  PictureDecoder decoder(beginning.video);
   decoder.Decode(payload);
   decoder.End();
-  if (decoder.HasPicture()) {
-    beginning.width = decoder.Width();
-    beginning.height = decoder.Height();
+  if (const AVFrame* picture = decoder.Picture()) {
+    beginning.width = picture->width;
+    beginning.height = picture->height;
     beginning.chromaFormat = decoder.ChromaFormat();
     beginning.bitDepth = decoder.BitDepth();
     beginning.reordering = decoder.Reordering();
@@ -88,18 +70,20 @@ void TryKeyFrame(std::span<const std::uint8_t> payload, Beginning& beginning) {
 
 // Looks for a key frame that can be decoded, and some way on for sound and for the order in which
 // the pictures are shown, of which not every stream tells.
-Beginning LookAhead(const ExportOptions& options) {
+Beginning LookAhead(const RecordingSource& source, const ExportProgress& progress) {
   constexpr int kFrames = 1000;
   constexpr int kUndecodable = 20;
   constexpr std::size_t kPictures = 100;
   Beginning beginning;
-  RecordingFrames frames(options.parts, options.stream);
+  RecordingFrames frames(source, [&progress](std::uint64_t, std::uint64_t total) {
+    return !progress || progress(0, total);
+  });
   int refused = 0;
   std::unique_ptr<PictureOrder> order;
   std::vector<std::int64_t> numbers;
   for (int i = 0; i < kFrames && !(numbers.size() == kPictures && beginning.audio); ++i) {
     const auto frame = frames.Next();
-    if (!frame || StopRequested()) {
+    if (!frame) {
       break;
     }
     if (frame->audio) {
@@ -107,13 +91,13 @@ Beginning LookAhead(const ExportOptions& options) {
       continue;
     }
     if (frame->key && beginning.width == 0 && refused < kUndecodable) {
-      TryKeyFrame(frames.Payload(*frame, ClipPadding()), beginning);
+      TryKeyFrame(frames.Payload(*frame), beginning);
       refused += beginning.width == 0 ? 1 : 0;
       beginning.first = frame->Seconds();
-      order = beginning.width == 0 ? nullptr : std::make_unique<PictureOrder>(*beginning.video);
+      order = beginning.width == 0 ? nullptr : std::make_unique<PictureOrder>(beginning.video);
     }
     if (order && numbers.size() < kPictures) {
-      numbers.push_back(order->Of(frames.Payload(*frame, ClipPadding()), frame->key));
+      numbers.push_back(order->Of(frames.Payload(*frame), frame->key));
     }
   }
   beginning.reordering = std::max(beginning.reordering, ReorderingOf(numbers));
@@ -129,10 +113,10 @@ Beginning LookAhead(const ExportOptions& options) {
 
 class ClipExport {
  public:
-  ClipExport(const ExportOptions& options, const Beginning& beginning)
-      : video_(*beginning.video),
-        frames_(options.parts, options.stream),
-        progress_(frames_.Total()),
+  ClipExport(const ExportOptions& options, const ExportProgress& progress,
+             const Beginning& beginning)
+      : video_(beginning.video),
+        frames_(options.source, progress),
         writer_(options.path, FormatOf(options, beginning)),
         order_(beginning.reordering),
         firstSound_(beginning.audio) {
@@ -141,23 +125,21 @@ class ClipExport {
     }
   }
 
-  ExportSummary Run() {
+  ExportResult Run() {
     while (auto frame = frames_.Next()) {
       times_.Add(std::move(*frame));
       WriteReady();
-      progress_.Show(frames_.Done());
     }
     times_.End();
     WriteReady();
     order_.End();
     WriteOrdered();
-    progress_.Wipe();
     writer_.Finish();
-    summary_.duration = writer_.Duration();
-    summary_.skippedBytes = frames_.SkippedBytes();
-    summary_.skippedFrames += frames_.SkippedFrames();
+    result_.duration = writer_.Duration();
+    result_.skippedBytes = frames_.SkippedBytes();
+    result_.skippedFrames += frames_.SkippedFrames();
     AddNotes();
-    return summary_;
+    return result_;
   }
 
  private:
@@ -165,12 +147,12 @@ class ClipExport {
     if (beginning.audio && TakesAudio(options.container, *beginning.audio)) {
       audio_ = beginning.audio;
     } else if (beginning.audio) {
-      summary_.notes.push_back("the sound (" + NameOf(*beginning.audio) + ") was left out: " +
-                               (options.container == ClipContainer::kMp4
-                                    ? "MP4 has no place for it; .mkv may have"
-                                    : "Matroska has no place for it"));
+      result_.notes.push_back("the sound (" + NameOf(*beginning.audio) + ") was left out: " +
+                              (options.container == ClipContainer::kMp4
+                                   ? "MP4 has no place for it; .mkv may have"
+                                   : "Matroska has no place for it"));
     }
-    summary_.audio = audio_.has_value();
+    result_.audio = audio_.has_value();
     ClipFormat format;
     format.container = options.container;
     format.video = video_;
@@ -186,9 +168,6 @@ class ClipExport {
 
   void WriteReady() {
     while (auto next = times_.Next()) {
-      if (StopRequested()) {
-        throw std::runtime_error("stopped; nothing was written");
-      }
       const std::int64_t number = NumberOf(next->frame);
       order_.Add(std::move(*next), number);
       WriteOrdered();
@@ -197,8 +176,7 @@ class ClipExport {
 
   // Only where pictures are shown in another order, for their payloads are read twice then.
   std::int64_t NumberOf(const RecordedFrame& frame) {
-    return numbers_ && !frame.audio ? numbers_->Of(frames_.Payload(frame, ClipPadding()), frame.key)
-                                    : 0;
+    return numbers_ && !frame.audio ? numbers_->Of(frames_.Payload(frame), frame.key) : 0;
   }
 
   void WriteOrdered() {
@@ -212,24 +190,24 @@ class ClipExport {
   }
 
   void WriteVideo(const TimedFrame& next, std::int64_t decodingTime) {
-    const auto payload = frames_.Payload(next.frame, ClipPadding());
+    const auto payload = frames_.Payload(next.frame);
     if (next.frame.key) {
-      foreign_ = VideoOf(payload) != video_;
+      foreign_ = CodecOfVideoType(VideoTypeOf(payload)) != video_;
     }
-    begin_ = summary_.frames == 0 ? next.time : begin_;
+    begin_ = result_.frames == 0 ? next.time : begin_;
     if (foreign_ || next.time < begin_) {
       foreignFrames_ += foreign_ ? 1 : 0;
-      summary_.skippedFrames += foreign_ ? 0 : 1;  // needs what came in front of the first
+      result_.skippedFrames += foreign_ ? 0 : 1;  // needs what came in front of the first
       return;
     }
     writer_.WriteVideo(payload, {decodingTime, next.time, next.interval}, next.frame.key);
-    summary_.first = summary_.frames == 0 ? next.frame.Seconds() : summary_.first;
-    summary_.last = next.frame.Seconds();
-    ++summary_.frames;
+    result_.first = result_.frames == 0 ? next.frame.Seconds() : result_.first;
+    result_.last = next.frame.Seconds();
+    ++result_.frames;
   }
 
   void WriteAudio(const TimedFrame& next) {
-    if (summary_.frames == 0) {
+    if (result_.frames == 0) {
       return;
     }
     const ClipAudio own = AudioOf(next.frame);
@@ -237,33 +215,30 @@ class ClipExport {
       otherSound_ = own;
       ++otherBlocks_;
     } else if (audio_) {
-      writer_.WriteAudio(frames_.Payload(next.frame, ClipPadding()), next.time);
+      writer_.WriteAudio(frames_.Payload(next.frame), next.time);
     }
   }
 
   void AddNotes() {
-    summary_.skippedFrames += foreignFrames_;
+    result_.skippedFrames += foreignFrames_;
     if (foreignFrames_ != 0) {
-      summary_.notes.push_back("the video's codec changes: " + std::to_string(foreignFrames_) +
-                               " frames are not in this clip; export them from where it changes");
+      result_.notes.push_back("the video's codec changes: " + std::to_string(foreignFrames_) +
+                              " frames are not in this clip; export them from where it changes");
     }
     if (otherSound_) {
-      summary_.notes.push_back(
+      result_.notes.push_back(
           (firstSound_ ? "the sound changes: " : "sound begins behind the clip's beginning: ") +
           std::to_string(otherBlocks_) + " blocks (" + NameOf(*otherSound_) +
           ") are not in this clip; export them from where it " +
           (firstSound_ ? "changes" : "begins"));
     }
-    if (frames_.OtherFrames() != 0) {
-      summary_.notes.push_back("there are pictures of other streams as well; choose with --stream");
-    }
+    result_.otherFrames = frames_.OtherFrames();
   }
 
-  const ClipVideo video_;
+  const CMSCodecID video_;
   std::optional<ClipAudio> audio_;
-  ExportSummary summary_;
+  ExportResult result_;
   RecordingFrames frames_;
-  Progress progress_;
   ClipWriter writer_;
   FrameTimes times_;
   std::optional<PictureOrder> numbers_;  // where pictures are shown in another order
@@ -278,54 +253,9 @@ class ClipExport {
 
 }  // namespace
 
-ExportSummary ExportClip(const ExportOptions& options) {
-  av_log_set_level(AV_LOG_FATAL);
-  const Beginning beginning = LookAhead(options);
-  return ClipExport(options, beginning).Run();
+ExportResult ExportClip(const ExportOptions& options, const ExportProgress& progress) {
+  const Beginning beginning = LookAhead(options.source, progress);
+  return ClipExport(options, progress, beginning).Run();
 }
 
-ExportSummary ExportPicture(const ExportOptions& options) {
-  av_log_set_level(AV_LOG_FATAL);
-  RecordingFrames frames(options.parts, options.stream);
-  ExportSummary summary;
-  std::optional<ClipVideo> video;
-  std::unique_ptr<PictureDecoder> decoder;
-  std::string jpeg;
-  while (const auto frame = frames.Next()) {
-    if (options.firstPicture && decoder && decoder->HasPicture()) {
-      break;
-    }
-    if (StopRequested()) {
-      throw std::runtime_error("stopped; nothing was written");
-    }
-    if (frame->audio) {
-      continue;
-    }
-    const auto payload = frames.Payload(*frame, ClipPadding());
-    if (frame->key && (!decoder || VideoOf(payload) != video)) {
-      video = VideoOf(payload);
-      decoder = video ? std::make_unique<PictureDecoder>(*video) : nullptr;
-    }
-    if (decoder) {
-      decoder->Decode(payload);
-      summary.first = summary.last = frame->Seconds();
-      if (video == ClipVideo::kMjpeg) {
-        jpeg.assign(payload.begin(), payload.end());
-      }
-    }
-  }
-  if (decoder) {
-    decoder->End();
-  }
-  if (!decoder || !decoder->HasPicture()) {
-    throw std::runtime_error("there is no picture in it that can be decoded");
-  }
-  // A JPEG stays as the camera made it.
-  WriteBeside(options.path, video == ClipVideo::kMjpeg ? jpeg : decoder->Jpeg());
-  summary.frames = 1;
-  summary.skippedBytes = frames.SkippedBytes();
-  summary.skippedFrames = frames.SkippedFrames();
-  return summary;
-}
-
-}  // namespace tools
+}  // namespace cms

@@ -6,9 +6,9 @@
 #include <deque>
 #include <optional>
 
-#include "tools/data/recording_frames.h"
+#include "cms/playback/clip/internal/recording_frames.h"
 
-namespace tools {
+namespace cms {
 
 struct TimedFrame {
   RecordedFrame frame;
@@ -45,4 +45,4 @@ class FrameTimes {
   std::int64_t lastTime_ = 0;
 };
 
-}  // namespace tools
+}  // namespace cms
