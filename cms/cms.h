@@ -69,6 +69,7 @@
 #include "cms/streaming/http_client.h"
 #include "cms/streaming/interleaved.h"
 #include "cms/streaming/login.h"
+#include "cms/streaming/mjpeg_http_client.h"
 #include "cms/streaming/mjpeg_rtp_processer.h"
 #include "cms/streaming/mp4ves_rtp_processer.h"
 #include "cms/streaming/rtsp_client.h"

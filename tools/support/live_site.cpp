@@ -6,10 +6,10 @@
 #include <utility>
 
 #include "cms/live/media/codec_id.h"
+#include "cms/streaming/mjpeg_http_client.h"
 #include "cms/streaming/rtsp_client.h"
 #include "cms/streaming/rtsp_url.h"
 #include "tools/support/camera_url.h"
-#include "tools/support/mjpeg_http_client.h"
 #include "tools/support/picture_file.h"
 
 namespace tools {
@@ -65,8 +65,10 @@ std::unique_ptr<CMSClientBase> LiveSite::MakeClient(const cms::CameraUrl& url,
                                                     const std::string& user,
                                                     const std::string& password) const {
   if (url.scheme == "http") {
-    auto client = std::make_unique<MjpegHttpClient>();
-    client->Configure(url, user, password, options_.number);
+    auto client = std::make_unique<cms::MjpegHttpClient>();
+    if (!client->Configure(url, user, password, options_.number)) {
+      throw std::runtime_error(url.host + " has no IPv4 address");
+    }
     return client;
   }
   stRTSPClientConfig config;
