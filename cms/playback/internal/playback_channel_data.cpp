@@ -1,10 +1,9 @@
 #include "cms/playback/internal/playback_channel_data.h"
 
 #include <algorithm>
-#include <cstring>
+#include <thread>
 #include <utility>
 
-#include "cms/live/media/frame_header.h"
 #include "cms/runtime/clock.h"
 
 using cms::FrameRef;
@@ -24,7 +23,10 @@ CCMSPlaybackChannelData::CCMSPlaybackChannelData(unsigned site, unsigned channel
       end_(reader_->EndTime()),
       pictures_(std::make_shared<cms::PictureStore>()),
       track_(*reader_),
-      decoder_(*reader_) {}
+      plan_(track_, std::max(1U, std::thread::hardware_concurrency())),
+      decoder_(*reader_),
+      reverse_(decoder_, track_),
+      sound_(site, channel, *reader_, track_) {}
 
 CCMSPlaybackChannelData::~CCMSPlaybackChannelData() {
   Join();
@@ -59,6 +61,7 @@ void CCMSPlaybackChannelData::Run() {
       return;
     }
     const int wait = Turn(view);
+    lostCount_.store(decoder_.Lost(), std::memory_order_relaxed);
     if (wait != kAtOnce) {
       transport_->Wait(index_, view.version, imageId_, wait);
     }
@@ -68,8 +71,7 @@ void CCMSPlaybackChannelData::Run() {
 int CCMSPlaybackChannelData::Turn(const View& view) {
   TakeOverShown(view);
   if (!view.displayed) {
-    window_.Clear();
-    ahead_.Clear();
+    reverse_.Clear();
     target_ = shown_ = {};
     Unstage();
     pictures_->Blank();
@@ -82,7 +84,7 @@ int CCMSPlaybackChannelData::Turn(const View& view) {
     ResolveStep(view);
     return kAtOnce;
   }
-  const Place place = Locate(view);
+  const Place place = plan_.Locate(view);
   const Standing standing = Stand(view, place);
   if (standing.last && LookForMore(view)) {
     return kAtOnce;
@@ -107,19 +109,15 @@ void CCMSPlaybackChannelData::BeginEpoch(const View& view) {
   epoch_ = view.epoch;
   reported_ = {};
   target_ = {};
-  leapt_ = true;
-  lost_.clear();
+  sound_.Leap();
   lookedForMore_ = 0;
-  if (otherWay_.exchange(false, std::memory_order_relaxed)) {
-    missed_ = 0;
-  }
+  plan_.BeginEpoch(otherWay_.exchange(false, std::memory_order_relaxed));
   if (anew_.exchange(false, std::memory_order_relaxed)) {
     shown_ = {};
     Unstage();
   }
   if (view.forward) {
-    window_.Clear();
-    ahead_.Clear();
+    reverse_.Clear();
   }
 }
 
@@ -163,9 +161,7 @@ void CCMSPlaybackChannelData::TakeOverShown(const View& view) {
   if (!shown_) {
     return;
   }
-  std::erase_if(lost_, [&](const FrameRef& lost) {
-    return view.forward ? lost.Time() <= shown_.Time() : lost.Time() >= shown_.Time();
-  });
+  plan_.Shown(view, shown_);
   const cms::PlaybackReaderStatus status = reader_->Status();
   skippedBytes_.store(status.skippedBytes, std::memory_order_relaxed);
   rebuilt_.store(status.rebuiltIndexes, std::memory_order_relaxed);
@@ -173,26 +169,10 @@ void CCMSPlaybackChannelData::TakeOverShown(const View& view) {
   if (const auto render = render_.load(std::memory_order_relaxed)) {
     render(nullptr);
   }
-  if (stage_.audible && !stage_.audible.Is(heard_)) {
-    HandOutAudioUpTo(stage_.audible);
-  }
-  leapt_ = leapt_ || !stage_.audible.Is(shown_);
+  sound_.Shown(shown_, stage_.audible, *sink_);
 }
 
 // --- Where the channel stands -------------------------------------------------------------------
-
-CCMSPlaybackChannelData::Place CCMSPlaybackChannelData::Locate(const View& view) {
-  Place place;
-  place.current = track_.At(view.position);
-  place.covered = track_.Covers(place.current, view.position);
-  place.keysOnly = view.keysOnly;
-  if (place.covered) {
-    place.keysOnly =
-        place.keysOnly || (!view.forward && view.running && IsTooSlow(view, *place.current.gop));
-    place.wanted = place.keysOnly ? cms::PlaybackTrack::KeyOf(place.current) : place.current;
-  }
-  return place;
-}
 
 CCMSPlaybackChannelData::Standing CCMSPlaybackChannelData::Stand(const View& view,
                                                                  const Place& place) {
@@ -239,52 +219,4 @@ bool CCMSPlaybackChannelData::LookForMore(const View& view) {
   end_.store(reader_->EndTime(), std::memory_order_relaxed);
   track_.Forget();
   return true;
-}
-
-// --- Audio --------------------------------------------------------------------------------------
-
-// What lies between the pictures: with each picture the blocks that follow it in the recording.
-void CCMSPlaybackChannelData::HandOutAudioUpTo(const FrameRef& shown) {
-  FrameRef from = std::exchange(heard_, shown);
-  if (std::exchange(leapt_, false)) {
-    from = {};
-  }
-  if (!sink_->WantsAudio(site_, channel_)) {
-    return;
-  }
-  std::size_t first = shown.index;
-  if (from && from.Place() == shown.Place()) {
-    first = std::min(from.index + 1, shown.index);
-  } else if (from && track_.KeyAfter(from).Is(cms::PlaybackTrack::KeyOf(shown))) {
-    HandOutAudio(*from.gop, from.index + 1, from.gop->video.size());
-    first = 0;
-  }
-  HandOutAudio(*shown.gop, first, shown.index + 1);
-}
-
-void CCMSPlaybackChannelData::HandOutAudio(const cms::PlaybackGop& gop, std::size_t from,
-                                           std::size_t to) {
-  for (const cms::PlaybackGop::Audio& each : gop.audio) {
-    if (each.after < from || each.after >= to) {
-      continue;
-    }
-    audio_.resize(each.frame.area + each.frame.payload);
-    if (audio_.size() <= sizeof(DRVFrameHeader) ||
-        reader_->Read(gop.place, each.frame, audio_) < audio_.size()) {
-      continue;
-    }
-    cms::AudioFormatDescriptor format;
-    std::memcpy(&format, audio_.data() + sizeof(DRVFrameHeader) / 2, sizeof(format));
-    _MULTI_PB_AUDIO_BLOCK block;
-    block.site = site_;
-    block.channel = channel_;
-    block.time = each.frame.time;
-    block.codecId = format.codecId;
-    block.sampleRate = format.sampleRate;
-    block.channels = format.channels;
-    block.bitsPerSample = format.bitsPerSample;
-    block.data = audio_.data() + each.frame.area;
-    block.size = static_cast<long>(each.frame.payload);
-    sink_->OnAudio(block);
-  }
 }

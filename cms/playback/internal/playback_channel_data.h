@@ -5,42 +5,26 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <vector>
 
 #include "cms/playback/internal/frame_decoder.h"
 #include "cms/playback/internal/picture_store.h"
 #include "cms/playback/internal/playback_data_reader.h"
+#include "cms/playback/internal/playback_plan.h"
+#include "cms/playback/internal/playback_sink.h"
+#include "cms/playback/internal/playback_sound.h"
 #include "cms/playback/internal/playback_track.h"
 #include "cms/playback/internal/playback_transport.h"
-#include "cms/playback/internal/reverse_window.h"
-#include "cms/playback/playback_config.h"
+#include "cms/playback/internal/reverse_decoder.h"
 #include "cms/runtime/internal/named_thread.h"
-
-namespace cms {
-
-// Where a channel's frames and pictures go; on its reader thread, with no lock held.
-class PlaybackSink {
- public:
-  virtual int GetFrameCallBack(const void* frame, long size,
-                               _MULTI_PB_GET_FRAME_CALL_BACK_PARAM* parameter) = 0;
-  virtual void OnPicture(unsigned site, unsigned channel, std::int64_t time) = 0;
-  virtual bool WantsAudio(unsigned site, unsigned channel) = 0;
-  virtual void OnAudio(_MULTI_PB_AUDIO_BLOCK& block) = 0;
-
- protected:
-  ~PlaybackSink() = default;
-};
-
-}  // namespace cms
 
 // The variants (DRV, RAW, single DRV) differ in their reader alone.
 //
 // The reader thread goes round: it asks the transport where the clock is, reports where the channel
 // stands, and does one piece of work: decodes one frame, or converts one picture. The picture that
 // belongs to the clock comes first; then those that follow in the direction of play are prepared
-// ahead, and shown when the clock arrives. A decoder that is behind aims at the first
-// frame that it can still have in time, or at the next key frame. Backward a whole group is decoded
-// and kept (see ReverseWindow), and the one before it while the pictures of the first are shown.
+// ahead, and shown when the clock arrives (PlaybackPlan says which). Backward a whole group is
+// decoded and kept (see ReverseDecoder), and the one before it while the pictures of the first are
+// shown.
 class CCMSPlaybackChannelData {
  public:
   // The reader is open.
@@ -77,6 +61,7 @@ class CCMSPlaybackChannelData {
  private:
   using View = cms::PlaybackTransport::View;
   using Standing = cms::PlaybackTransport::Standing;
+  using Place = cms::PlaybackPlan::Place;
 
   static constexpr int kForever = -1;
   static constexpr int kAtOnce = 0;
@@ -87,14 +72,6 @@ class CCMSPlaybackChannelData {
   void ResolveStep(const View& view);
   void Unstage();
   void TakeOverShown(const View& view);
-  // Where the clock is in the recording.
-  struct Place {
-    cms::FrameRef current;  // the last frame that is not later than the clock
-    bool covered = false;   // and it is the one to show
-    cms::FrameRef wanted;   // what is to be shown, empty when nothing is
-    bool keysOnly = false;
-  };
-  Place Locate(const View& view);
   Standing Stand(const View& view, const Place& place);
   bool LookForMore(const View& view);
 
@@ -102,29 +79,15 @@ class CCMSPlaybackChannelData {
   bool Prepare(const View& view, const Place& place);
   int Rest(const View& view, const Place& place);
   int Play(const View& view, const Place& place);
-  cms::FrameRef Aim(const View& view, const Place& place);
-  cms::FrameRef AimInTime(const View& view, const Place& place);
-  cms::FrameRef Following(const View& view, cms::FrameRef frame, bool keysOnly);
-  std::int64_t EndOf(const cms::FrameRef& frame, bool keysOnly);
-  std::size_t PicturesOfWindow(const View& view) const;
-  bool IsTooSlow(const View& view, const cms::PlaybackGop& gop) const;
-  double MediaTimeOfFrame(const View& view, int channels) const;
-  bool IsOvertaken(const View& view, const Place& place);
-  int UntilDue(const View& view, const Place& place);
 
   // One piece of the way to a picture; true when it is staged, or came too late, or turned out to
   // be lost.
   bool Work(const View& view, const cms::FrameRef& target, bool keysOnly);
-  bool ReadyWindow(const View& view, const cms::FrameRef& target);
-  bool WorkBackward(const View& view, const cms::FrameRef& target);
+  bool ReadyBackward(const View& view, const cms::FrameRef& target);
   bool DecodeOne(const View& view, const cms::FrameRef& frame, const cms::FrameRef& target);
-  bool DecodeInto(cms::ReverseWindow& window, const View& view, const cms::FrameRef& target);
-  bool PrefetchOne(const View& view);
+  cms::ReverseDecoder::DecodeOne Decoding(const View& view);
   void Stage(const View& view, const cms::FrameRef& target, bool keysOnly, const AVFrame* picture);
-  bool IsLost(const cms::FrameRef& frame) const;
-  bool IsDone(const cms::FrameRef& frame) const { return shown_.Is(frame) || IsLost(frame); }
-  void HandOutAudioUpTo(const cms::FrameRef& shown);
-  void HandOutAudio(const cms::PlaybackGop& gop, std::size_t from, std::size_t to);
+  bool IsDone(const cms::FrameRef& frame) const { return shown_.Is(frame) || plan_.IsLost(frame); }
 
   const unsigned site_;
   const unsigned channel_;
@@ -139,15 +102,13 @@ class CCMSPlaybackChannelData {
 
   // Of the reader thread.
   cms::PlaybackTrack track_;
+  cms::PlaybackPlan plan_;
   cms::FrameDecoder decoder_;
-  cms::ReverseWindow window_;
-  cms::ReverseWindow ahead_;           // the part before window_
+  cms::ReverseDecoder reverse_;
+  cms::PlaybackSound sound_;
   cms::FrameRef target_;               // on its way to be staged
   cms::PictureStore::Standing stage_;  // as it was at the beginning of this turn
   cms::FrameRef shown_;
-  std::vector<cms::FrameRef> lost_;  // gave no picture, behind the last one that was shown
-  cms::FrameRef heard_;              // up to which audio was handed out
-  bool leapt_ = true;                // what lies between it and the next picture is not heard
   std::uint64_t epoch_ = 0;
   std::uint64_t prepared_ = 0;  // epoch
   Standing reported_;
@@ -155,10 +116,6 @@ class CCMSPlaybackChannelData {
   std::uint64_t lookAgainAfter_ = 0;  // milliseconds
   bool filling_ = false;
   unsigned imageId_ = 0;
-  double decodeMs_ = 0;                             // processor time of a frame, smoothed
-  int missed_ = 0;                                  // pictures in a row that came too late
-  std::size_t pictureBytes_ = 1920 * 1080 * 3 / 2;  // of one decoded picture, roughly
-  std::vector<std::uint8_t> audio_;
 
   std::atomic<void (*)(struct IDirect3DSurface9*)> render_{nullptr};
   std::atomic<bool> anew_{false};
