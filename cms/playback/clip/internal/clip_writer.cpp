@@ -16,6 +16,12 @@ extern "C" {
 #include "cms/recording/database_reader.h"
 
 namespace cms {
+
+struct FreeClipPacket {
+  void operator()(AVPacket* packet) const { av_packet_free(&packet); }
+};
+using Packet = std::unique_ptr<AVPacket, FreeClipPacket>;
+
 namespace {
 
 constexpr AVRational kMicroseconds{1, 1'000'000};
@@ -40,13 +46,9 @@ const char* MuxerOf(ClipContainer container) {
   return container == ClipContainer::kMp4 ? "mp4" : "matroska";
 }
 
-struct FreePacket {
-  void operator()(AVPacket* packet) const { av_packet_free(&packet); }
-};
 struct FreeFilter {
   void operator()(AVBSFContext* filter) const { av_bsf_free(&filter); }
 };
-using Packet = std::unique_ptr<AVPacket, FreePacket>;
 
 void SetExtradata(AVCodecParameters& parameters, std::span<const std::uint8_t> bytes) {
   av_freep(&parameters.extradata);

@@ -9,18 +9,14 @@ extern "C" {
 #include "cms/live/media/internal/codec_map.h"
 
 namespace cms {
-namespace {
-
-struct FreeParser {
-  void operator()(AVCodecContext* context) const { avcodec_free_context(&context); }
-  void operator()(AVCodecParserContext* parser) const { av_parser_close(parser); }
-};
-
-}  // namespace
-
 struct PictureOrder::State {
-  std::unique_ptr<AVCodecContext, FreeParser> context;
-  std::unique_ptr<AVCodecParserContext, FreeParser> parser;
+  struct Free {
+    void operator()(AVCodecContext* context) const { avcodec_free_context(&context); }
+    void operator()(AVCodecParserContext* parser) const { av_parser_close(parser); }
+  };
+
+  std::unique_ptr<AVCodecContext, Free> context;
+  std::unique_ptr<AVCodecParserContext, Free> parser;
   std::int64_t group = 0;    // H.264: from key frame to key frame; MPEG-4: from I or P to I or P
   std::int64_t between = 0;  // B-frames of MPEG-4 in this group
 };
