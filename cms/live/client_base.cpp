@@ -11,11 +11,11 @@
 #include "cms/recording/site/internal/site_recording.h"
 #include "cms/runtime/clock.h"
 
-CMSClientBase::CMSClientBase()
-    : keeper_(std::make_unique<Keeper>(*this)),
+CMSClientBase::CMSClientBase(cms::KeptStream* stream)
+    : keeper_(std::make_unique<cms::Keeper>(stream)),
       recording_(std::make_unique<cms::SiteRecording>([this] {
-        ScopeLock lock(statusLock_);
-        return cms::SightOf(status_.state, status_.fault, rate_.LastVideo());
+        const ConnectionStatus status = keeper_->Status();
+        return cms::SightOf(status.state, status.fault, rate_.LastVideo());
       })) {}
 
 // A derived client has stopped the keeping in its own destructor: the keeping calls its operations.
@@ -138,8 +138,9 @@ int CMSClientBase::GetFrameData(void* buffer, int size) const {
   data.keyFrames = keyFrames_.load(std::memory_order_relaxed);
   data.audioFrames = audioFrames_.load(std::memory_order_relaxed);
   data.bytes = bytes_.load(std::memory_order_relaxed);
-  data.lostPackets = LostPacketCount();
-  data.oversizeFrames = OversizeFrameCount();
+  const cms::StreamCounts counts = keeper_->Counts();
+  data.lostPackets = counts.lost;
+  data.oversizeFrames = counts.oversize;
   data.openMs = openMs_.load(std::memory_order_relaxed);
   const auto start = openingTick_.load(std::memory_order_relaxed);
   const auto since = [start](std::uint64_t tick) {
@@ -241,37 +242,6 @@ void CMSClientBase::GetDRVTypeHeader(unsigned char* tag) {
   }
 }
 
-// --- Status -------------------------------------------------------------------------------------
-
-void CMSClientBase::SetReconnectPolicy(const ReconnectPolicy& policy) {
-  ScopeLock lock(statusLock_);
-  policy_ = policy;
-}
-
-ReconnectPolicy CMSClientBase::GetPolicy() const {
-  ScopeLock lock(statusLock_);
-  return policy_;
-}
-
-ConnectionStatus CMSClientBase::GetConnectionStatus() const {
-  ScopeLock lock(statusLock_);
-  ConnectionStatus status = status_;
-  status.reconnects = keeper_->Reconnects();
-  status.retryInMs = status.state == ConnectionState::kWaiting ? keeper_->RetryInMs() : 0;
-  return status;
-}
-
-void CMSClientBase::SetFault(ConnectionFault fault, std::string detail) {
-  ScopeLock lock(statusLock_);
-  status_.fault = fault;
-  status_.detail = std::move(detail);
-}
-
-void CMSClientBase::SetState(ConnectionState state) {
-  ScopeLock lock(statusLock_);
-  status_.state = state;
-}
-
 void CMSClientBase::MarkOpening() {
   openingTick_.store(cms::TickMilliseconds(), std::memory_order_relaxed);
   firstFrameTick_.store(0, std::memory_order_relaxed);
@@ -290,32 +260,24 @@ void CMSClientBase::MarkOpened() {
 
 // --- Keeping ------------------------------------------------------------------------------------
 
-int CMSClientBase::OpenForKeeping() {
-  return 0;
+void CMSClientBase::SetReconnectPolicy(const ReconnectPolicy& policy) {
+  keeper_->SetPolicy(policy);
 }
-void CMSClientBase::CloseForKeeping() {}
-void CMSClientBase::CancelOpening() {}
-void CMSClientBase::ResumeOpening() {}
-std::uint64_t CMSClientBase::PacketCount() const {
-  return videoFrames_.load(std::memory_order_relaxed);
+ConnectionStatus CMSClientBase::GetConnectionStatus() const {
+  return keeper_->Status();
 }
-std::uint64_t CMSClientBase::LostPacketCount() const {
-  return 0;
+void CMSClientBase::SetFault(ConnectionFault fault, std::string detail) {
+  keeper_->SetFault(fault, std::move(detail));
 }
-std::uint64_t CMSClientBase::OversizeFrameCount() const {
-  return 0;
-}
-
-ConnectionFault CMSClientBase::KeepAlive(std::uint64_t, std::uint64_t* nextInMs) {
-  *nextInMs = ~std::uint64_t{0};
-  return ConnectionFault::kNone;
+void CMSClientBase::SetState(ConnectionState state) {
+  keeper_->SetState(state);
 }
 
 int CMSClientBase::KeepOpen() {
   return keeper_->Start(false) ? 1 : 0;
 }
 void CMSClientBase::StartKeeping() {
-  if (GetPolicy().enabled) {
+  if (keeper_->Policy().enabled) {
     keeper_->Start(true);
   }
 }
@@ -324,4 +286,7 @@ void CMSClientBase::StopKeeping() {
 }
 void CMSClientBase::PokeKeeping() {
   keeper_->Poke();
+}
+cms::CancelGate& CMSClientBase::OpeningGate() {
+  return keeper_->Gate();
 }

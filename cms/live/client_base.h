@@ -12,6 +12,7 @@
 #include "cms/live/channel_data.h"
 #include "cms/live/connection_status.h"
 #include "cms/live/fps_report.h"
+#include "cms/live/kept_stream.h"
 #include "cms/live/media/audio_endpoint.h"
 #include "cms/live/rate_meter.h"
 #include "cms/live/reconnect_policy.h"
@@ -23,8 +24,10 @@
 #include "cms/runtime/critical.h"
 
 namespace cms {
+class CancelGate;
+class Keeper;
 class SiteRecording;
-}
+}  // namespace cms
 
 // What GetFrameData copies: totals of the connection since the client was made, over all
 // reconnections, and how it fares now.
@@ -76,7 +79,8 @@ struct CMSFrameData {
 // it is to be heard now, and it goes to the player only while both hold.
 class CMS_API CMSClientBase {
  public:
-  CMSClientBase();
+  // `stream` is what can be kept: the derived client's own; nullptr: nothing.
+  explicit CMSClientBase(cms::KeptStream* stream = nullptr);
   virtual ~CMSClientBase();
   CMSClientBase(const CMSClientBase&) = delete;
   CMSClientBase& operator=(const CMSClientBase&) = delete;
@@ -170,7 +174,7 @@ class CMS_API CMSClientBase {
   // --- Keeping the stream ---------------------------------------------------------------------
   void SetReconnectPolicy(const ReconnectPolicy& policy);
   // Opens and plays in the background and keeps trying as the policy says; returns at once. Watch
-  // GetConnectionStatus. 0 when the stream is kept already.
+  // GetConnectionStatus. 0 when the stream is kept already, or is none that can be.
   int KeepOpen();
   // Never waits, whatever the camera does.
   ConnectionStatus GetConnectionStatus() const;
@@ -298,31 +302,16 @@ class CMS_API CMSClientBase {
 
  protected:
   // --- For the streaming clients --------------------------------------------------------------
-  // Opening and playing, and ending both, without touching the keeping. Called with no lock held,
-  // never at the same time. OpenForKeeping reports its failure through SetFault.
-  virtual int OpenForKeeping();
-  virtual void CloseForKeeping();
-  // Between the two, a running OpenForKeeping returns soon and a new one fails at once. Called in
-  // pairs, from any thread.
-  virtual void CancelOpening();
-  virtual void ResumeOpening();
-  // Keeps the session alive when it is time; returns the milliseconds until it is to be called
-  // again. kNone means that all is well; any other fault ends the stream.
-  virtual ConnectionFault KeepAlive(std::uint64_t now, std::uint64_t* nextInMs);
-  // Counts packets of the video (not only frames): the watchdog looks whether it moves.
-  virtual std::uint64_t PacketCount() const;
-  virtual std::uint64_t LostPacketCount() const;
-  virtual std::uint64_t OversizeFrameCount() const;
-
   void StartKeeping();
   // After it no turn of the keeping runs or starts.
   void StopKeeping();
   // Asks for a turn of the keeping at once: an answer came, or the connection broke.
   void PokeKeeping();
+  // What shuts it cancels an opening that runs, and any that would begin.
+  cms::CancelGate& OpeningGate();
 
   void SetFault(ConnectionFault fault, std::string detail);
   void SetState(ConnectionState state);
-  ReconnectPolicy GetPolicy() const;
   void MarkOpening();  // the start of open and first-frame times
   void MarkOpened();
 
@@ -347,8 +336,6 @@ class CMS_API CMSClientBase {
   bool threadedDecode_ = false;
 
  private:
-  class Keeper;
-
   bool MayRecord(unsigned channel) const;
 
   using Channels = std::vector<std::shared_ptr<CMSChannelDataBase>>;
@@ -376,10 +363,6 @@ class CMS_API CMSClientBase {
   std::atomic<std::uint64_t> firstFrameTick_{0};
   cms::RateMeter rate_;
 
-  mutable CMSCritical statusLock_;
-  ConnectionStatus status_ CMS_GUARDED_BY(statusLock_);
-  ReconnectPolicy policy_ CMS_GUARDED_BY(statusLock_);
-
-  std::unique_ptr<Keeper> keeper_;
+  const std::unique_ptr<cms::Keeper> keeper_;
   std::unique_ptr<cms::SiteRecording> recording_;
 };

@@ -104,7 +104,7 @@ int TCPClientBase::OnConnect(unsigned long address, unsigned long port) {
 }
 
 int TCPClientBase::ConnectSocket(unsigned long address, unsigned long port, int timeoutMilliseconds,
-                                 cms::WakeUp* cancel) {
+                                 const cms::WakeUp* cancel) {
   CloseSocket();
   impl_->SetLastError(0);
   impl_->remoteAddress = static_cast<std::uint32_t>(address);

@@ -105,7 +105,7 @@ class CMS_API TCPClientBase {
   // OnConnect's work with a limit in milliseconds (-1: the system's own) and an optional signal
   // that ends it at once; the signal stays set. LastSocketError is ETIMEDOUT or ECANCELED then.
   int ConnectSocket(unsigned long address, unsigned long port, int timeoutMilliseconds,
-                    cms::WakeUp* cancel);
+                    const cms::WakeUp* cancel);
 
   // The step of the receive thread: bytes taken (0 as well when the peer closed or the queue is
   // full), -1 when there is no socket or it failed.

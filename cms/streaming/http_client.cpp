@@ -6,6 +6,7 @@
 
 #include "cms/audio/audio_player.h"
 #include "cms/net/tcp_client.h"
+#include "cms/runtime/internal/cancel_gate.h"
 #include "cms/runtime/internal/named_thread.h"
 #include "cms/streaming/internal/group_allocator.h"
 
@@ -42,7 +43,7 @@ class CMSHTTPClient::Connection final : public TCPClientBase {
   ~Connection() override { Connection::End(); }
 
   int OnConnect(unsigned long address, unsigned long port) override {
-    return ConnectSocket(address, port, kConnectTimeoutMs, &client_.cancel_);
+    return ConnectSocket(address, port, kConnectTimeoutMs, &client_.OpeningGate().Signal());
   }
   void OnPeerClosed() override { client_.OnConnectionClosed(); }
 
@@ -61,7 +62,8 @@ class CMSHTTPClient::Connection final : public TCPClientBase {
   cms::GroupClaim group_;
 };
 
-CMSHTTPClient::CMSHTTPClient() : processThread_(std::make_unique<cms::NamedThread>()) {}
+CMSHTTPClient::CMSHTTPClient()
+    : CMSClientBase(this), processThread_(std::make_unique<cms::NamedThread>()) {}
 
 CMSHTTPClient::~CMSHTTPClient() {
   OnStopAudioRecorder();
@@ -212,14 +214,11 @@ int CMSHTTPClient::SendRequest() {
 }
 
 int CMSHTTPClient::StopPlay() {
-  CancelOpening();
+  const cms::CancelGate::Shut shut(OpeningGate());
   StopKeeping();
-  {
-    ScopeLock lock(lock_);
-    CloseLocked();
-    AllocChannelData(0);
-  }
-  ResumeOpening();
+  ScopeLock lock(lock_);
+  CloseLocked();
+  AllocChannelData(0);
   return 1;
 }
 
@@ -250,34 +249,21 @@ int CMSHTTPClient::Fail(ConnectionFault fault, const std::string& what) {
 
 // --- Keeping ------------------------------------------------------------------------------------
 
-int CMSHTTPClient::OpenForKeeping() {
+bool CMSHTTPClient::OpenForKeeping() {
   ScopeLock lock(lock_);
   if (playing_.load(std::memory_order_relaxed) != 0) {
-    return 1;  // the client application was faster
+    return true;  // the client application was faster
   }
   if (OpenLocked() == 0) {
     CloseLocked();
-    return 0;
+    return false;
   }
-  return 1;
+  return true;
 }
 
 void CMSHTTPClient::CloseForKeeping() {
   ScopeLock lock(lock_);
   CloseLocked();
-}
-
-void CMSHTTPClient::CancelOpening() {
-  ScopeLock lock(cancelLock_);
-  ++cancels_;
-  cancel_.Signal();
-}
-
-void CMSHTTPClient::ResumeOpening() {
-  ScopeLock lock(cancelLock_);
-  if (--cancels_ == 0) {
-    cancel_.Clear();
-  }
 }
 
 void CMSHTTPClient::OnConnectionClosed() {
@@ -303,12 +289,10 @@ ConnectionFault CMSHTTPClient::KeepAlive(std::uint64_t, std::uint64_t* nextInMs)
   return ConnectionFault::kClosedByCamera;
 }
 
-std::uint64_t CMSHTTPClient::PacketCount() const {
-  return packets_.load(std::memory_order_relaxed);
-}
-
-std::uint64_t CMSHTTPClient::OversizeFrameCount() const {
-  return oversize_.load(std::memory_order_relaxed);
+cms::StreamCounts CMSHTTPClient::Counts() const {
+  return {.packets = packets_.load(std::memory_order_relaxed),
+          .lost = 0,
+          .oversize = oversize_.load(std::memory_order_relaxed)};
 }
 
 // --- The process thread -------------------------------------------------------------------------

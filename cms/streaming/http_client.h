@@ -7,10 +7,10 @@
 #include <string>
 
 #include "cms/live/client_base.h"
+#include "cms/live/kept_stream.h"
 #include "cms/live/media/codec_id.h"
 #include "cms/live/media/raw_buffer.h"
 #include "cms/runtime/api.h"
-#include "cms/runtime/wake_up.h"
 #include "cms/streaming/io_group.h"
 
 namespace cms {
@@ -40,7 +40,7 @@ struct stHTTPClientConfig {
 // thread is the only one that reads the socket and changes the raw buffer; it sleeps while nothing
 // arrives. Play makes the audio player that is configured, if any, in place of one that was set; a
 // client whose player cannot start runs without sound.
-class CMS_API CMSHTTPClient : public CMSClientBase {
+class CMS_API CMSHTTPClient : public CMSClientBase, protected cms::KeptStream {
  public:
   // Bytes that wait for the rest of their frame, with the headers around it. A stream in which no
   // frame ends within so many is cleared out, counted as an oversize frame, and parsed on.
@@ -81,13 +81,10 @@ class CMS_API CMSHTTPClient : public CMSClientBase {
                                int* extra, int* more) = 0;
 
  protected:
-  int OpenForKeeping() override;
+  bool OpenForKeeping() override;
   void CloseForKeeping() override;
-  void CancelOpening() override;
-  void ResumeOpening() override;
   ConnectionFault KeepAlive(std::uint64_t now, std::uint64_t* nextInMs) override;
-  std::uint64_t PacketCount() const override;
-  std::uint64_t OversizeFrameCount() const override;
+  cms::StreamCounts Counts() const override;
 
   const stHTTPClientConfig& Config() const { return config_; }
 
@@ -121,10 +118,6 @@ class CMS_API CMSHTTPClient : public CMSClientBase {
   std::unique_ptr<cms::AudioPlayer> audioPlayer_;
   std::unique_ptr<cms::NamedThread> processThread_;
   std::atomic<int> running_{0};
-
-  CMSCritical cancelLock_;
-  int cancels_ CMS_GUARDED_BY(cancelLock_) = 0;
-  cms::WakeUp cancel_;  // signalled while cancels_ is above 0
 
   std::atomic<bool> closedByCamera_{false};
   std::atomic<bool> parsing_{false};  // set before bytes leave the queue, until they are parsed

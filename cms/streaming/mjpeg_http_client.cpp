@@ -71,7 +71,7 @@ std::string MjpegHttpClient::Request() {
          state_->login.AuthorizationLine("GET", url.path) + "\r\n";
 }
 
-int MjpegHttpClient::OpenForKeeping() {
+bool MjpegHttpClient::OpenForKeeping() {
   state_->login.ForgetChallenge();
   SetRequest(Request());
   int status = OpenOnce();
@@ -81,12 +81,12 @@ int MjpegHttpClient::OpenForKeeping() {
     status = OpenOnce();
   }
   if (status == 200) {
-    return 1;
+    return true;
   }
   const ConnectionStatus last = GetConnectionStatus();
   CloseForKeeping();
   SetFault(last.fault, last.detail);
-  return status == 0 ? 0 : FailStatus(status);
+  return status != 0 && FailStatus(status);
 }
 
 bool MjpegHttpClient::ReadChallenges() {
@@ -101,7 +101,7 @@ int MjpegHttpClient::OpenOnce() {
     state.status = 0;
   }
   state.reader.Begin();
-  if (CMSHTTPClient::OpenForKeeping() == 0) {
+  if (!CMSHTTPClient::OpenForKeeping()) {
     return 0;
   }
   const ScopeLock guard(state.lock);
@@ -112,7 +112,7 @@ int MjpegHttpClient::OpenOnce() {
   return state.status;
 }
 
-int MjpegHttpClient::FailStatus(int status) {
+bool MjpegHttpClient::FailStatus(int status) {
   const std::string answered =
       state_->url.plain + " was answered with status " + std::to_string(status);
   switch (status) {
@@ -133,7 +133,7 @@ int MjpegHttpClient::FailStatus(int status) {
     default:
       SetFault(ConnectionFault::kRefused, answered);
   }
-  return 0;
+  return false;
 }
 
 int MjpegHttpClient::ParseStreamFrame(CRawBuffer* buffer, int* isAudio, int* frameLength,

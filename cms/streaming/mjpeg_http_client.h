@@ -33,7 +33,7 @@ class CMS_API MjpegHttpClient final : public CMSHTTPClient {
                        int* extra, int* more) override;
 
  protected:
-  int OpenForKeeping() override;
+  bool OpenForKeeping() override;
 
  private:
   struct State;
@@ -41,7 +41,7 @@ class CMS_API MjpegHttpClient final : public CMSHTTPClient {
   int OpenOnce();  // the status of the answer, 0 when there was none
   std::string Request();
   bool ReadChallenges();  // of the last answer
-  int FailStatus(int status);
+  bool FailStatus(int status);
 
   const std::unique_ptr<State> state_;
 };

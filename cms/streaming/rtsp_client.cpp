@@ -7,18 +7,12 @@
 
 #include "cms/live/media/frame_header.h"
 #include "cms/runtime/clock.h"
+#include "cms/runtime/internal/cancel_gate.h"
 #include "cms/streaming/internal/picture_size.h"
 #include "cms/streaming/internal/rtsp_session.h"
 #include "cms/streaming/rtsp_url.h"
 
-// Counters of the sessions before this one.
-struct CMSRTSPClient::Totals {
-  std::atomic<std::uint64_t> packets{0};  // of the video
-  std::atomic<std::uint64_t> lost{0};
-  std::atomic<std::uint64_t> oversize{0};
-};
-
-CMSRTSPClient::CMSRTSPClient() : totals_(std::make_unique<Totals>()) {}
+CMSRTSPClient::CMSRTSPClient() : CMSClientBase(this) {}
 
 CMSRTSPClient::~CMSRTSPClient() {
   OnStopAudioRecorder();
@@ -100,14 +94,11 @@ int CMSRTSPClient::OpenLocked() {
 }
 
 int CMSRTSPClient::CloseStream() {
-  CancelOpening();
+  const cms::CancelGate::Shut shut(OpeningGate());
   StopKeeping();
-  {
-    ScopeLock lock(lock_);
-    CloseLocked();
-    paused_ = false;
-  }
-  ResumeOpening();
+  ScopeLock lock(lock_);
+  CloseLocked();
+  paused_ = false;
   return 1;
 }
 
@@ -123,12 +114,7 @@ void CMSRTSPClient::CloseLocked() {
     session_->Stop();
     std::shared_ptr<Session> ended;  // destroyed without the lock held
     ScopeLock lock(sessionLock_);
-    for (const bool video : {true, false}) {
-      const RTSPSubSession& stream = session_->Stream(video).subSession;
-      totals_->packets.fetch_add(video ? stream.PacketCount() : 0, std::memory_order_relaxed);
-      totals_->lost.fetch_add(stream.MissingPacketCount(), std::memory_order_relaxed);
-      totals_->oversize.fetch_add(stream.OversizeFrameCount(), std::memory_order_relaxed);
-    }
+    earlier_ = Counts();
     ended.swap(session_);
   }
   SetState(ConnectionState::kClosed);
@@ -157,14 +143,11 @@ int CMSRTSPClient::StartDelivery() {
 }
 
 int CMSRTSPClient::StopPlay() {
-  CancelOpening();
+  const cms::CancelGate::Shut shut(OpeningGate());
   StopKeeping();
-  {
-    ScopeLock lock(lock_);
-    StopDelivery();
-    SetState(opened_ ? ConnectionState::kOpen : ConnectionState::kClosed);
-  }
-  ResumeOpening();
+  ScopeLock lock(lock_);
+  StopDelivery();
+  SetState(opened_ ? ConnectionState::kOpen : ConnectionState::kClosed);
   return 1;
 }
 
@@ -220,12 +203,9 @@ void CMSRTSPClient::InitialChannelCodec() {
 
 // --- Keeping ------------------------------------------------------------------------------------
 
-int CMSRTSPClient::OpenForKeeping() {
+bool CMSRTSPClient::OpenForKeeping() {
   ScopeLock lock(lock_);
-  if (!opened_ && OpenLocked() == 0) {
-    return 0;
-  }
-  return StartDelivery();
+  return (opened_ || OpenLocked() != 0) && StartDelivery() != 0;
 }
 
 void CMSRTSPClient::CloseForKeeping() {
@@ -233,49 +213,20 @@ void CMSRTSPClient::CloseForKeeping() {
   CloseLocked();
 }
 
-void CMSRTSPClient::CancelOpening() {
-  ScopeLock lock(sessionLock_);
-  cancels_.fetch_add(1);
-  if (session_ != nullptr) {
-    session_->Connection().Cancel();
-  }
-}
-
-void CMSRTSPClient::ResumeOpening() {
-  ScopeLock lock(sessionLock_);
-  if (cancels_.fetch_sub(1) == 1 && session_ != nullptr) {
-    session_->Connection().TakeBackCancel();
-  }
-}
-
 // Every description has video; a camera that only goes on with its sound has died as far as anybody
 // is concerned.
-std::uint64_t CMSRTSPClient::PacketCount() const {
+cms::StreamCounts CMSRTSPClient::Counts() const {
   ScopeLock lock(sessionLock_);
-  std::uint64_t count = totals_->packets.load(std::memory_order_relaxed);
+  cms::StreamCounts counts = earlier_;
   if (session_ != nullptr) {
-    count += session_->Stream(true).subSession.PacketCount();
+    counts.packets += session_->Stream(true).subSession.PacketCount();
+    for (const bool video : {true, false}) {
+      const RTSPSubSession& stream = session_->Stream(video).subSession;
+      counts.lost += stream.MissingPacketCount();
+      counts.oversize += stream.OversizeFrameCount();
+    }
   }
-  return count;
-}
-
-std::uint64_t CMSRTSPClient::LostPacketCount() const {
-  ScopeLock lock(sessionLock_);
-  std::uint64_t count = totals_->lost.load(std::memory_order_relaxed);
-  if (session_ != nullptr) {
-    count += session_->Stream(true).subSession.MissingPacketCount() +
-             session_->Stream(false).subSession.MissingPacketCount();
-  }
-  return count;
-}
-
-std::uint64_t CMSRTSPClient::OversizeFrameCount() const {
-  ScopeLock lock(sessionLock_);
-  std::uint64_t count = totals_->oversize.load(std::memory_order_relaxed);
-  if (session_ != nullptr) {
-    count += session_->Stream(true).subSession.OversizeFrameCount();
-  }
-  return count;
+  return counts;
 }
 
 int CMSRTSPClient::SendAudioData(unsigned char* data, int length) {

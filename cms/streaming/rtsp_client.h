@@ -8,6 +8,7 @@
 #include <string>
 
 #include "cms/live/client_base.h"
+#include "cms/live/kept_stream.h"
 #include "cms/live/media/frame_header.h"
 #include "cms/runtime/api.h"
 #include "cms/streaming/io_group.h"
@@ -66,7 +67,7 @@ struct stRTSPClientConfig {
 // call at the wrong time returns 0 and says why in the status's detail. SetMustDecode waits for an
 // opening, Pause and Resume wait for the camera's answer: none of them is called from inside a
 // frame callback.
-class CMS_API CMSRTSPClient : public CMSClientBase {
+class CMS_API CMSRTSPClient : public CMSClientBase, private cms::KeptStream {
  public:
   CMSRTSPClient();
   ~CMSRTSPClient() override;
@@ -105,19 +106,13 @@ class CMS_API CMSRTSPClient : public CMSClientBase {
   std::string GetVideoEncoding() const;
   std::string GetAudioEncoding() const;
 
- protected:
-  int OpenForKeeping() override;
-  void CloseForKeeping() override;
-  void CancelOpening() override;
-  void ResumeOpening() override;
-  ConnectionFault KeepAlive(std::uint64_t now, std::uint64_t* nextInMs) override;
-  std::uint64_t PacketCount() const override;
-  std::uint64_t LostPacketCount() const override;
-  std::uint64_t OversizeFrameCount() const override;
-
  private:
   class Session;  // the connection, the sub-sessions and their RTCP partners of one opening
-  struct Totals;
+
+  bool OpenForKeeping() override;
+  void CloseForKeeping() override;
+  ConnectionFault KeepAlive(std::uint64_t now, std::uint64_t* nextInMs) override;
+  cms::StreamCounts Counts() const override;
 
   // Steps of an opening: each one sends its request, waits for the answer and tells whether it
   // succeeded; a failure has set the fault.
@@ -205,8 +200,7 @@ class CMS_API CMSRTSPClient : public CMSClientBase {
   tCMSAudioPlayerConfig talkFormat_ CMS_GUARDED_BY(sessionLock_){.codecId = CMS_CODEC_NONE};
   bool talkRefused_ = false;  // the camera knows no backchannel
 
-  std::atomic<int> cancels_{0};
-  std::unique_ptr<Totals> totals_;  // of the sessions before this one
+  cms::StreamCounts earlier_ CMS_GUARDED_BY(sessionLock_);  // of the sessions before this one
 
   // Set before the first packet, read by the receiving thread.
   Session* receiving_ = nullptr;

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "cms/live/media/frame_header.h"
+#include "cms/runtime/internal/cancel_gate.h"
 #include "cms/streaming/internal/parameter_sets.h"
 #include "cms/streaming/internal/picture_size.h"
 #include "cms/streaming/internal/rtsp_message.h"
@@ -59,7 +60,7 @@ int CMSRTSPClient::Connect() {
     ScopeLock lock(sessionLock_);
     session_ = session;
   }
-  if (cancels_.load() > 0) {
+  if (OpeningGate().IsShut()) {
     return Fail(ConnectionFault::kCancelled, "closed while opening");
   }
   auto& connection = session->Connection();
@@ -70,7 +71,7 @@ int CMSRTSPClient::Connect() {
                       session->Group())) {
     return 1;
   }
-  if (connection.Cancelled()) {
+  if (OpeningGate().IsShut()) {
     return Fail(ConnectionFault::kCancelled, "closed while opening");
   }
   const int error = connection.LastError();
@@ -347,7 +348,7 @@ void CMSRTSPClient::TearDown() {
   // camera's own session timeout frees the session.
   auto& connection = session_->Connection();
   const int limit =
-      connection.Cancelled() && !opened_ ? kCancelledTearDownTimeoutMs : kTearDownTimeoutMs;
+      OpeningGate().IsShut() && !opened_ ? kCancelledTearDownTimeoutMs : kTearDownTimeoutMs;
   for (const bool mayLogIn : {true, false}) {
     std::string answer;
     if (connection.PeerClosed() || SendTearDown() == 0 ||

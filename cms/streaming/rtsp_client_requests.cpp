@@ -1,4 +1,5 @@
 // CMSRTSPClient's requests as they are sent, and their answers.
+#include "cms/runtime/internal/cancel_gate.h"
 #include "cms/streaming/internal/rtsp_message.h"
 #include "cms/streaming/internal/rtsp_session.h"
 
@@ -160,7 +161,7 @@ unsigned CMSRTSPClient::CheckRTSPResponseCode(const std::string& response) {
 int CMSRTSPClient::Exchange(const char* method, const std::function<int()>& sender,
                             std::string* answer) {
   for (const bool mayLogIn : {true, false}) {
-    if (cancels_.load() > 0) {
+    if (OpeningGate().IsShut()) {
       return Fail(ConnectionFault::kCancelled, "closed while opening");
     }
     if (sender() == 0) {

@@ -7,13 +7,16 @@
 
 #include "cms/runtime/clock.h"
 
-using cms::Turns;
+namespace cms {
 
-bool CMSClientBase::Keeper::Start(bool playing) {
+bool Keeper::Start(bool playing) {
+  if (stream_ == nullptr) {
+    return false;
+  }
   if (gaveUp_.exchange(false)) {
     Stop();
   }
-  const std::uint64_t now = cms::TickMilliseconds();
+  const std::uint64_t now = TickMilliseconds();
   if (kept_.exchange(true)) {
     if (playing) {
       opened_.store(true);
@@ -30,7 +33,7 @@ bool CMSClientBase::Keeper::Start(bool playing) {
   if (playing) {
     StartWatching(now);
   } else {
-    client_.SetState(ConnectionState::kWaiting);
+    SetState(ConnectionState::kWaiting);
   }
   {
     ScopeLock hold(handLock_);
@@ -40,7 +43,7 @@ bool CMSClientBase::Keeper::Start(bool playing) {
   return true;
 }
 
-void CMSClientBase::Keeper::Stop() {
+void Keeper::Stop() {
   if (!kept_.load()) {
     return;
   }
@@ -48,24 +51,55 @@ void CMSClientBase::Keeper::Stop() {
     ScopeLock hold(handLock_);
     stopping_ = true;  // from now on no turn of one kind leads to one of the other
   }
-  client_.CancelOpening();
+  const CancelGate::Shut shut(gate_);
   Turns::Keeping().Remove(&watching_);
   Turns::Openings().Remove(&opening_);
-  client_.ResumeOpening();
   kept_.store(false);
 }
 
-void CMSClientBase::Keeper::Poke() {
+void Keeper::Poke() {
   Turns::Keeping().Poke(&watching_);
 }
 
-std::uint64_t CMSClientBase::Keeper::RetryInMs() const {
-  const std::uint64_t now = cms::TickMilliseconds();
-  const std::uint64_t retry = retryTick_.load(std::memory_order_relaxed);
-  return retry > now ? retry - now : 0;
+ConnectionStatus Keeper::Status() const {
+  ScopeLock lock(statusLock_);
+  ConnectionStatus status = status_;
+  status.reconnects = reconnects_.load(std::memory_order_relaxed);
+  if (status.state == ConnectionState::kWaiting) {
+    const std::uint64_t now = TickMilliseconds();
+    const std::uint64_t retry = retryTick_.load(std::memory_order_relaxed);
+    status.retryInMs = retry > now ? retry - now : 0;
+  }
+  return status;
 }
 
-void CMSClientBase::Keeper::HandOver(bool watched, std::uint64_t now) {
+void Keeper::SetFault(ConnectionFault fault, std::string detail) {
+  ScopeLock lock(statusLock_);
+  status_.fault = fault;
+  status_.detail = std::move(detail);
+}
+
+void Keeper::SetState(ConnectionState state) {
+  ScopeLock lock(statusLock_);
+  status_.state = state;
+}
+
+bool Keeper::IsPaused() const {
+  ScopeLock lock(statusLock_);
+  return status_.state == ConnectionState::kPaused;
+}
+
+ReconnectPolicy Keeper::Policy() const {
+  ScopeLock lock(statusLock_);
+  return policy_;
+}
+
+void Keeper::SetPolicy(const ReconnectPolicy& policy) {
+  ScopeLock lock(statusLock_);
+  policy_ = policy;
+}
+
+void Keeper::HandOver(bool watched, std::uint64_t now) {
   watched_.store(watched);
   ScopeLock hold(handLock_);
   if (stopping_) {
@@ -78,49 +112,44 @@ void CMSClientBase::Keeper::HandOver(bool watched, std::uint64_t now) {
   }
 }
 
-bool CMSClientBase::Keeper::IsPaused() const {
-  ScopeLock hold(client_.statusLock_);
-  return client_.status_.state == ConnectionState::kPaused;
-}
-
-void CMSClientBase::Keeper::StartWatching(std::uint64_t now) {
+void Keeper::StartWatching(std::uint64_t now) {
   openedAt_ = now;
   lastMoved_ = now;
-  lastCount_ = client_.PacketCount();
+  lastCount_ = stream_->Counts().packets;
 }
 
-std::uint64_t CMSClientBase::Keeper::OpenTurn(std::uint64_t now) {
+std::uint64_t Keeper::OpenTurn(std::uint64_t now) {
   if (watched_.load()) {
     return Turns::kNever;
   }
   if (std::exchange(isToClose_, false)) {
-    client_.CloseForKeeping();
+    stream_->CloseForKeeping();
     return PauseAfterFailure();
   }
   const std::uint64_t retry = retryTick_.load(std::memory_order_relaxed);
   if (!opened_.exchange(false) && now < retry) {
     return retry;
   }
-  if (client_.OpenForKeeping() == 0) {
+  if (!stream_->OpenForKeeping()) {
     return PauseAfterFailure();
   }
   if (everOpen_) {
     reconnects_.fetch_add(1, std::memory_order_relaxed);
   }
   everOpen_ = true;
-  const std::uint64_t opened = cms::TickMilliseconds();
+  const std::uint64_t opened = TickMilliseconds();
   StartWatching(opened);
   HandOver(true, opened);
   return Turns::kNever;
 }
 
-std::uint64_t CMSClientBase::Keeper::WatchTurn() {
+std::uint64_t Keeper::WatchTurn() {
   if (!watched_.load()) {
     return Turns::kNever;
   }
-  const std::uint64_t now = cms::TickMilliseconds();  // not before the watching began
-  const ReconnectPolicy policy = client_.GetPolicy();
-  const std::uint64_t count = client_.PacketCount();
+  const std::uint64_t now = TickMilliseconds();  // not before the watching began
+  const ReconnectPolicy policy = Policy();
+  const std::uint64_t count = stream_->Counts().packets;
   if (count != lastCount_ || IsPaused()) {
     lastCount_ = count;
     lastMoved_ = now;
@@ -130,11 +159,11 @@ std::uint64_t CMSClientBase::Keeper::WatchTurn() {
   }
 
   std::uint64_t nextIn = 0;
-  ConnectionFault fault = client_.KeepAlive(now, &nextIn);
+  ConnectionFault fault = stream_->KeepAlive(now, &nextIn);
   if (fault == ConnectionFault::kNone && now - lastMoved_ >= policy.deadStreamMs) {
     fault = ConnectionFault::kStreamDied;
-    client_.SetFault(fault, "no video for " + std::to_string(policy.deadStreamMs / 1000) +
-                                " s although the connection stands; opening it again");
+    SetFault(fault, "no video for " + std::to_string(policy.deadStreamMs / 1000) +
+                        " s although the connection stands; opening it again");
   }
   if (fault == ConnectionFault::kNone) {
     // Four looks within the limit notice a dead stream at most a quarter late.
@@ -146,20 +175,22 @@ std::uint64_t CMSClientBase::Keeper::WatchTurn() {
   return Turns::kNever;
 }
 
-std::uint64_t CMSClientBase::Keeper::PauseAfterFailure() {
-  const ReconnectPolicy policy = client_.GetPolicy();
-  const ConnectionStatus status = client_.GetConnectionStatus();
-  if (!policy.enabled || status.fault == ConnectionFault::kCancelled) {
-    client_.SetState(ConnectionState::kClosed);
+std::uint64_t Keeper::PauseAfterFailure() {
+  const ReconnectPolicy policy = Policy();
+  const ConnectionFault fault = Status().fault;
+  if (!policy.enabled || fault == ConnectionFault::kCancelled) {
+    SetState(ConnectionState::kClosed);
     gaveUp_.store(true);
     return Turns::kNever;
   }
   ++failures_;
   static thread_local std::minstd_rand random{std::random_device{}()};
   const std::uint64_t retry =
-      cms::TickMilliseconds() +
-      cms::ReconnectPause(policy, status.fault, failures_, static_cast<std::uint32_t>(random()));
+      TickMilliseconds() +
+      ReconnectPause(policy, fault, failures_, static_cast<std::uint32_t>(random()));
   retryTick_.store(retry, std::memory_order_relaxed);
-  client_.SetState(ConnectionState::kWaiting);
+  SetState(ConnectionState::kWaiting);
   return retry;
 }
+
+}  // namespace cms

@@ -1,28 +1,41 @@
-// The keeper of a site client: keep-alive, watchdog and reconnection, one turn at a time.
+// The keeper of a stream: its status, keep-alive, watchdog and reconnection, one turn at a time.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
+#include <string>
 
-#include "cms/live/client_base.h"
+#include "cms/live/connection_status.h"
+#include "cms/live/kept_stream.h"
+#include "cms/live/reconnect_policy.h"
+#include "cms/runtime/critical.h"
+#include "cms/runtime/internal/cancel_gate.h"
 #include "cms/runtime/internal/turns.h"
+
+namespace cms {
 
 // A site is either watched, by turns that wait for nobody, or opened (and what it had before
 // closed), by turns that wait for the camera: each kind has threads of its own.
-class CMSClientBase::Keeper final {
+class Keeper final {
  public:
-  explicit Keeper(CMSClientBase& client) : client_(client) {}
+  // Without a stream nothing can be kept; the status is there all the same.
+  explicit Keeper(KeptStream* stream) : stream_(stream) {}
 
   // `playing`: the stream is open already, and is watched from now on. False when kept already.
   bool Start(bool playing);
   void Stop();
   void Poke();
+  CancelGate& Gate() { return gate_; }  // of the openings
 
-  std::uint32_t Reconnects() const { return reconnects_.load(std::memory_order_relaxed); }
-  std::uint64_t RetryInMs() const;
+  ConnectionStatus Status() const;
+  void SetFault(ConnectionFault fault, std::string detail);
+  void SetState(ConnectionState state);
+  ReconnectPolicy Policy() const;
+  void SetPolicy(const ReconnectPolicy& policy);
+  StreamCounts Counts() const { return stream_ != nullptr ? stream_->Counts() : StreamCounts{}; }
 
  private:
-  class Watching final : public cms::Turns::Member {
+  class Watching final : public Turns::Member {
    public:
     explicit Watching(Keeper& keeper) : keeper_(keeper) {}
     std::uint64_t Turn(std::uint64_t) override { return keeper_.WatchTurn(); }
@@ -30,7 +43,7 @@ class CMSClientBase::Keeper final {
    private:
     Keeper& keeper_;
   };
-  class Opening final : public cms::Turns::Member {
+  class Opening final : public Turns::Member {
    public:
     explicit Opening(Keeper& keeper) : keeper_(keeper) {}
     std::uint64_t Turn(std::uint64_t now) override { return keeper_.OpenTurn(now); }
@@ -46,7 +59,13 @@ class CMSClientBase::Keeper final {
   bool IsPaused() const;
   void HandOver(bool watched, std::uint64_t now);
 
-  CMSClientBase& client_;
+  KeptStream* const stream_;
+  CancelGate gate_;
+
+  mutable CMSCritical statusLock_;
+  ConnectionStatus status_ CMS_GUARDED_BY(statusLock_);
+  ReconnectPolicy policy_ CMS_GUARDED_BY(statusLock_);
+
   Watching watching_{*this};
   Opening opening_{*this};
   std::atomic<bool> kept_{false};
@@ -68,3 +87,5 @@ class CMSClientBase::Keeper final {
   std::uint64_t lastCount_ = 0;
   std::uint64_t lastMoved_ = 0;
 };
+
+}  // namespace cms

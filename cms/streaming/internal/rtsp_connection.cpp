@@ -29,14 +29,17 @@ tTcpClientParam RTSPConnection::Parameters(RTSPConnection* self) {
   return parameters;
 }
 
-RTSPConnection::RTSPConnection(Sink& sink)
-    : TCPClientBase(Parameters(this)), sink_(sink), demultiplexer_(*this) {}
+RTSPConnection::RTSPConnection(Sink& sink, CancelGate& gate)
+    : TCPClientBase(Parameters(this)), sink_(sink), demultiplexer_(*this), gate_(gate) {
+  gate_.Enter(*this);
+}
 
 RTSPConnection::~RTSPConnection() {
   Shut();
 }
 
 void RTSPConnection::Shut() {
+  gate_.Leave(*this);
   if (started_.exchange(false)) {
     OnStopTCPClient(true);
   }
@@ -49,7 +52,7 @@ bool RTSPConnection::Open(std::uint32_t address, std::uint16_t port, int timeout
 }
 
 int RTSPConnection::OnConnect(unsigned long address, unsigned long port) {
-  return ConnectSocket(address, port, connectTimeoutMs_, &cancel_);
+  return ConnectSocket(address, port, connectTimeoutMs_, &gate_.Signal());
 }
 
 void RTSPConnection::OnBytes(char* data, int length, void* context) {
@@ -155,7 +158,7 @@ RTSPConnection::Wait RTSPConnection::WaitLastAnswer(int timeoutMs, std::string* 
 RTSPConnection::Wait RTSPConnection::WaitAnswerUnless(bool cancellable, int timeoutMs,
                                                       std::string* answer) {
   std::unique_lock lock(mutex_);
-  const auto cancelled = [&] { return cancellable && cancelled_.load(); };
+  const auto cancelled = [&] { return cancellable && gate_.IsShut(); };
   arrived_.wait_for(lock, std::chrono::milliseconds(timeoutMs),
                     [&] { return answer_ || cancelled() || closed_.load(); });
   expected_ = 0;
@@ -195,17 +198,9 @@ bool RTSPConnection::KeepAliveIsOpen() {
   return keepAlive_ != 0;
 }
 
-void RTSPConnection::Cancel() {
+void RTSPConnection::OnCancel() {
   std::lock_guard lock(mutex_);
-  cancelled_.store(true);
-  cancel_.Signal();
   arrived_.notify_all();
-}
-
-void RTSPConnection::TakeBackCancel() {
-  std::lock_guard lock(mutex_);
-  cancelled_.store(false);
-  cancel_.Clear();
 }
 
 void RTSPConnection::MarkClosed() {

@@ -11,7 +11,7 @@
 #include <string_view>
 
 #include "cms/net/tcp_client.h"
-#include "cms/runtime/wake_up.h"
+#include "cms/runtime/internal/cancel_gate.h"
 #include "cms/streaming/internal/name_lookup.h"
 #include "cms/streaming/internal/rtsp_demultiplexer.h"
 
@@ -19,8 +19,10 @@ namespace cms {
 
 // Everything that the camera sends is cut into packets and messages on the I/O thread; packets go
 // to the sink at once, answers are handed to the one request that waits for their CSeq. Owner's
-// calls may come from any thread, one request at a time; Cancel from any thread at any time.
-class RTSPConnection final : public TCPClientBase, private RTSPDemultiplexer::Sink {
+// calls may come from any thread, one request at a time. What shuts the gate ends their waits.
+class RTSPConnection final : public TCPClientBase,
+                             private RTSPDemultiplexer::Sink,
+                             private CancelGate::Waiter {
  public:
   class Sink {
    public:
@@ -36,22 +38,21 @@ class RTSPConnection final : public TCPClientBase, private RTSPDemultiplexer::Si
 
   enum class Wait { kAnswer, kTimeout, kClosed, kCancelled };
 
-  explicit RTSPConnection(Sink& sink);
+  RTSPConnection(Sink& sink, CancelGate& gate);
   ~RTSPConnection() override;
 
-  // The address of the host to connect to; Cancel ends the wait.
+  // The address of the host to connect to.
   NameLookup LookUp(const std::string& host, int limitMs) const {
-    return LookUpIPv4(host, limitMs, cancel_);
+    return LookUpIPv4(host, limitMs, gate_.Signal());
   }
-  // Connects and registers with the I/O threads of the group; false: see LastError() and
-  // Cancelled().
+  // Connects and registers with the I/O threads of the group; false: see LastError().
   bool Open(std::uint32_t address, std::uint16_t port, int timeoutMs, int group);
   void SetChannels(const RTSPStreamChannels& channels) { demultiplexer_.SetChannels(channels); }
 
   // Sends a whole request and makes its answer the one that WaitAnswer waits for.
   bool SendRequest(std::string_view request, int cseq);
   Wait WaitAnswer(int timeoutMs, std::string* answer);
-  // The same for the last request of all, which waits although the opening was cancelled.
+  // The same for the last request of all, which waits although the gate is shut.
   Wait WaitLastAnswer(int timeoutMs, std::string* answer);
 
   // Sends a keep-alive; its answer comes through TakeKeepAliveAnswer.
@@ -65,9 +66,6 @@ class RTSPConnection final : public TCPClientBase, private RTSPDemultiplexer::Si
   // Ends the connection: no event comes after it.
   void Shut();
 
-  void Cancel();
-  void TakeBackCancel();  // once nobody is left who was to be cancelled
-  bool Cancelled() const { return cancelled_.load(); }
   bool PeerClosed() const { return closed_.load(); }
   int LastError() const { return LastSocketError(); }
 
@@ -84,11 +82,11 @@ class RTSPConnection final : public TCPClientBase, private RTSPDemultiplexer::Si
   Wait WaitAnswerUnless(bool cancellable, int timeoutMs, std::string* answer);
   void AnswerRequest(std::string_view message);
   void MarkClosed();
+  void OnCancel() override;
 
   Sink& sink_;
   RTSPDemultiplexer demultiplexer_;
-  WakeUp cancel_;
-  std::atomic<bool> cancelled_{false};
+  CancelGate& gate_;
   std::atomic<bool> closed_{false};
   int connectTimeoutMs_ = -1;
   std::atomic<bool> started_{false};

@@ -193,7 +193,7 @@ CMSRTSPClient::Session::Session(CMSRTSPClient& client, int group, int transport,
              transport != kRtspTransportUdp
                  ? 1
                  : kSocketsPerUdpSession + (talkBack ? kSocketsPerUdpStream : 0)),
-      connection_(*this),
+      connection_(*this, client.OpeningGate()),
       video_(connection_),
       audio_(connection_),
       talk_(connection_) {}
