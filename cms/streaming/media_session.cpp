@@ -224,3 +224,18 @@ bool MediaSession::ParseFrameRate(std::string_view line) {
   frame_rate_not_30_ = static_cast<int>(frame_rate_) != 30;
   return true;
 }
+
+std::string MediaSession::StreamURL(const std::string& requestUrl,
+                                    const _RTSPSUBSESSION_CONFIG& stream) const {
+  const std::string control = stream.control;
+  const std::size_t colon = control.find(':');
+  if (colon != std::string::npos && colon < control.find('/')) {
+    return control;
+  }
+  const std::string& base = control_url_.empty() || control_url_ == "*" ? requestUrl : control_url_;
+  if (control.empty()) {
+    return base;  // the only stream there is (RFC 2326, C.1.1)
+  }
+  const bool needsSlash = !base.ends_with('/') && !control.starts_with('/');
+  return base + (needsSlash ? "/" : "") + control;
+}

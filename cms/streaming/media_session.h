@@ -66,6 +66,9 @@ class CMS_API MediaSession {
 
   // The session's control URL; empty when the description has none.
   const std::string& ControlURL() const { return control_url_; }
+  // What SETUP of a stream names: its control address, alone when that is a whole URL, else behind
+  // the session's, which is the request's where the description gives none.
+  std::string StreamURL(const std::string& requestUrl, const _RTSPSUBSESSION_CONFIG& stream) const;
 
   // The presentation's normal play time in seconds; negative when it was not given with both ends.
   double RangeStart() const { return range_start_; }

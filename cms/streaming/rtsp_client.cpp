@@ -1,18 +1,13 @@
 #include "cms/streaming/rtsp_client.h"
 
-#include <sys/socket.h>
+#include <utility>
 
-#include <algorithm>
-#include <cstring>
-
-#include "cms/live/media/frame_header.h"
-#include "cms/runtime/clock.h"
 #include "cms/runtime/internal/cancel_gate.h"
-#include "cms/streaming/internal/picture_size.h"
 #include "cms/streaming/internal/rtsp_session.h"
-#include "cms/streaming/rtsp_url.h"
+#include "cms/streaming/internal/rtsp_target.h"
 
-CMSRTSPClient::CMSRTSPClient() : CMSClientBase(this) {}
+CMSRTSPClient::CMSRTSPClient()
+    : CMSClientBase(this), target_(std::make_shared<const cms::RTSPTarget>()) {}
 
 CMSRTSPClient::~CMSRTSPClient() {
   OnStopAudioRecorder();
@@ -25,44 +20,21 @@ int CMSRTSPClient::SetConfig(void* config) {
   }
   ScopeLock lock(lock_);
   if (opened_) {
-    return FailUse("SetConfig: the stream is open; CloseStream comes first");
+    FailUse("SetConfig: the stream is open; CloseStream comes first");
+    return 0;
   }
-  configured_ = false;
-  getParameterWorks_ = false;
-  getParameterEnds_ = false;
-  config_ = *static_cast<const stRTSPClientConfig*>(config);
-  address_ = config_.address;
-  port_ = config_.port;
-  host_ = config_.address != 0 ? cms::IPv4Text(config_.address) : "";
-  if (config_.kind == kSiteKindUrl) {
-    std::string why;
-    const auto url = cms::ParseCameraUrl(config_.path, &why);
-    if (!url || url->scheme != "rtsp") {
-      host_.clear();  // what is wrong is the text, not a place
-      return Fail(ConnectionFault::kBadAddress,
-                  "not an RTSP URL of the form rtsp://[user:password@]host[:port]/path: " +
-                      (url ? url->scheme + ":// is not supported" +
-                                 (url->scheme == "rtsps" ? " (RTSP over TLS)" : "")
-                           : why));
-    }
-    requestUrl_ = url->plain;
-    if (config_.user.empty() && config_.password.empty()) {
-      config_.user = url->user;
-      config_.password = url->password;
-    }
-    if (config_.address == 0) {
-      host_ = url->host;
-      port_ = url->port;
-    }
-  } else {
-    requestUrl_ = "rtsp://" + host_ + config_.path;
+  std::string problem;
+  auto target = cms::TargetOf(*static_cast<const stRTSPClientConfig*>(config), &problem);
+  target_ = std::make_shared<const cms::RTSPTarget>(std::move(target));
+  getParameter_ = cms::GetParameter::kUnknown;
+  if (!target_->usable) {
+    Succeeded({ConnectionFault::kBadAddress, problem});
+    return 0;
   }
-  haveCredentials_ = !config_.user.empty();
-  siteType_ = config_.siteType;
-  fpsReport_.SetReportFormat("[LiveRecord]Site=%2d(%s),Stream=%d", config_.siteNumber + 1,
-                             host_.c_str(), config_.streamNumber);
-  fpsReport_.SetChannel(static_cast<int>(config_.channel));
-  configured_ = true;
+  siteType_ = target_->config.siteType;
+  fpsReport_.SetReportFormat("[LiveRecord]Site=%2d(%s),Stream=%d", target_->config.siteNumber + 1,
+                             target_->host.c_str(), target_->config.streamNumber);
+  fpsReport_.SetChannel(static_cast<int>(target_->config.channel));
   return 1;
 }
 
@@ -71,26 +43,38 @@ int CMSRTSPClient::SetConfig(void* config) {
 int CMSRTSPClient::OpenStream() {
   ScopeLock lock(lock_);
   paused_ = paused_ && opened_;
-  return OpenLocked();
+  return OpenLocked() ? 1 : 0;
 }
 
-int CMSRTSPClient::OpenLocked() {
-  if (!configured_) {
-    return FailUse("OpenStream: SetConfig was not called or has refused the configuration");
+bool CMSRTSPClient::OpenLocked() {
+  if (!target_->usable) {
+    FailUse("OpenStream: SetConfig was not called or has refused the configuration");
+    return false;
   }
   if (opened_) {
-    return FailUse("OpenStream: the stream is open already");
+    FailUse("OpenStream: the stream is open already");
+    return false;
   }
   MarkOpening();
   SetFault(ConnectionFault::kNone, "");
-  opened_ = Negotiate() != 0;
+  session_ = std::make_shared<Session>(*this, target_, getParameter_);
+  {
+    ScopeLock lock(sessionLock_);
+    shownSession_ = session_;
+  }
+  // A paused stream that comes back stays in the state that PAUSE leads to, which is that before
+  // PLAY (RFC 2326, appendix A.1).
+  opened_ = Succeeded(session_->Connect()) && Option() != 0 && Describe() != 0 &&
+            SetupVideo() != 0 && (!session_->Stream(false).Present() || SetupAudio() != 0) &&
+            (!session_->Talk().Present() || Succeeded(session_->SetUpTalk())) &&
+            (paused_ || PlayMedia() != 0);
   if (!opened_) {
     CloseLocked();
-    return 0;
+    return false;
   }
   MarkOpened();
   SetState(ConnectionState::kOpen);
-  return 1;
+  return true;
 }
 
 int CMSRTSPClient::CloseStream() {
@@ -104,26 +88,23 @@ int CMSRTSPClient::CloseStream() {
 
 void CMSRTSPClient::CloseLocked() {
   StopDelivery();
-  // The camera has a session from the first SETUP on, also when the opening fails later.
-  if (session_ != nullptr && !sessionId_.empty()) {
-    TearDown();
-    sessionId_.clear();
-  }
-  opened_ = false;
   if (session_ != nullptr) {
+    TearDown();
     session_->Stop();
-    std::shared_ptr<Session> ended;  // destroyed without the lock held
+    getParameter_ = session_->Dialogue().Known();
     ScopeLock lock(sessionLock_);
     earlier_ = Counts();
-    ended.swap(session_);
+    shownSession_.reset();
   }
+  session_.reset();
+  opened_ = false;
   SetState(ConnectionState::kClosed);
 }
 
 int CMSRTSPClient::Play() {
   {
     ScopeLock lock(lock_);
-    if (StartDelivery() == 0) {
+    if (!StartDelivery()) {
       return 0;
     }
   }
@@ -131,15 +112,15 @@ int CMSRTSPClient::Play() {
   return 1;
 }
 
-int CMSRTSPClient::StartDelivery() {
+bool CMSRTSPClient::StartDelivery() {
   if (!opened_) {
-    return FailUse("Play: the stream is not open; OpenStream comes first");
+    FailUse("Play: the stream is not open; OpenStream comes first");
+    return false;
   }
-  session_->Stream(true).subSession.Play();
-  session_->Stream(false).subSession.Play();
+  session_->SetDelivering(true);
   playing_.store(1, std::memory_order_relaxed);
   SetState(paused_ ? ConnectionState::kPaused : ConnectionState::kPlaying);
-  return 1;
+  return true;
 }
 
 int CMSRTSPClient::StopPlay() {
@@ -153,10 +134,36 @@ int CMSRTSPClient::StopPlay() {
 
 void CMSRTSPClient::StopDelivery() {
   if (session_ != nullptr) {
-    session_->Stream(true).subSession.StopPlay();
-    session_->Stream(false).subSession.StopPlay();
+    session_->SetDelivering(false);
   }
   playing_.store(0, std::memory_order_relaxed);
+}
+
+int CMSRTSPClient::Pause() {
+  ScopeLock lock(lock_);
+  if (!opened_ || !Succeeded(session_->Pause())) {
+    return 0;
+  }
+  paused_ = true;
+  if (IsClientPlaying() != 0) {
+    SetState(ConnectionState::kPaused);
+  }
+  return 1;
+}
+
+int CMSRTSPClient::Resume() {
+  ScopeLock lock(lock_);
+  if (!opened_) {  // it plays once it is open again
+    return std::exchange(paused_, false) ? 1 : 0;
+  }
+  if (PlayMedia() == 0) {
+    return 0;
+  }
+  paused_ = false;
+  if (IsClientPlaying() != 0) {
+    SetState(ConnectionState::kPlaying);
+  }
+  return 1;
 }
 
 int CMSRTSPClient::ChangeRecordFile() {
@@ -166,9 +173,36 @@ int CMSRTSPClient::ChangeRecordPath(const wchar_t* path) {
   return ChangeRecorderPath(path);
 }
 
+// --- What the description says ------------------------------------------------------------------
+
+void CMSRTSPClient::TakeDescription() {
+  const RTSPStream& audio = session_->Stream(false);
+  {
+    ScopeLock lock(sessionLock_);
+    videoEncoding_ = session_->Stream(true).config.encodingName;
+    audioEncoding_ = audio.Present() ? audio.config.encodingName : "";
+    talkFormat_ = cms::TalkBackFormat(session_->Talk().config);
+  }
+  const cms::AudioFormatDescriptor& sound = session_->Frames().Sound();
+  tCMSAudioPlayerConfig format{.codecId = static_cast<std::int32_t>(sound.codecId)};
+  if (format.codecId != CMS_CODEC_NONE) {
+    constexpr std::uint32_t kLongestPacket = 65536;
+    format.sampleRate = sound.sampleRate;
+    format.channels = sound.channels;
+    format.maximumBlockSize = kLongestPacket;
+    audioType_.store(format.codecId, std::memory_order_relaxed);
+  }
+  SetAudioFormat(format);
+  if (MustDecode() != 0) {
+    InitialChannelCodec();
+  } else if (const auto channel = Channel(target_->config.channel)) {
+    channel->SetVideoType(VideoCodec());
+  }
+}
+
 void CMSRTSPClient::SetMustDecode(int decode) {
   ScopeLock lock(lock_);
-  const auto channel = Channel(config_.channel);
+  const auto channel = Channel(target_->config.channel);
   if (channel != nullptr && decode != 0) {
     InitialChannelCodec();
   }
@@ -190,7 +224,7 @@ CMSCodecID CMSRTSPClient::VideoCodec() const {
 }
 
 void CMSRTSPClient::InitialChannelCodec() {
-  const auto channel = Channel(config_.channel);
+  const auto channel = Channel(target_->config.channel);
   if (channel == nullptr) {
     return;
   }
@@ -205,7 +239,7 @@ void CMSRTSPClient::InitialChannelCodec() {
 
 bool CMSRTSPClient::OpenForKeeping() {
   ScopeLock lock(lock_);
-  return (opened_ || OpenLocked() != 0) && StartDelivery() != 0;
+  return (opened_ || OpenLocked()) && StartDelivery();
 }
 
 void CMSRTSPClient::CloseForKeeping() {
@@ -213,15 +247,30 @@ void CMSRTSPClient::CloseForKeeping() {
   CloseLocked();
 }
 
+ConnectionFault CMSRTSPClient::KeepAlive(std::uint64_t now, std::uint64_t* nextInMs) {
+  constexpr std::uint64_t kBusyMs = 1'000;
+  if (lock_.LockTest() == 0) {  // the client application is talking to the camera
+    *nextInMs = kBusyMs;
+    return ConnectionFault::kNone;
+  }
+  const cms::StreamFailure failure =
+      session_ != nullptr
+          ? session_->Dialogue().KeepAlive(now, nextInMs)
+          : cms::StreamFailure{ConnectionFault::kCancelled, "closed by the client application"};
+  Succeeded(failure);
+  lock_.UnLock();
+  return failure.fault;
+}
+
 // Every description has video; a camera that only goes on with its sound has died as far as anybody
 // is concerned.
 cms::StreamCounts CMSRTSPClient::Counts() const {
   ScopeLock lock(sessionLock_);
   cms::StreamCounts counts = earlier_;
-  if (session_ != nullptr) {
-    counts.packets += session_->Stream(true).subSession.PacketCount();
+  if (shownSession_ != nullptr) {
+    counts.packets += shownSession_->Stream(true).subSession.PacketCount();
     for (const bool video : {true, false}) {
-      const RTSPSubSession& stream = session_->Stream(video).subSession;
+      const RTSPSubSession& stream = shownSession_->Stream(video).subSession;
       counts.lost += stream.MissingPacketCount();
       counts.oversize += stream.OversizeFrameCount();
     }
@@ -229,11 +278,32 @@ cms::StreamCounts CMSRTSPClient::Counts() const {
   return counts;
 }
 
+// --- Failures -----------------------------------------------------------------------------------
+
+bool CMSRTSPClient::Succeeded(const cms::StreamFailure& failure) {
+  if (failure) {
+    const std::string where =
+        target_->host.empty() ? "" : target_->host + ":" + std::to_string(target_->port) + ": ";
+    SetFault(failure.fault, where + failure.text);
+  }
+  return !failure;
+}
+
+// A call that cannot be done now. The reason why there is no stream is worth more, where there is
+// one.
+void CMSRTSPClient::FailUse(const std::string& what) {
+  if (GetConnectionStatus().fault == ConnectionFault::kNone) {
+    SetFault(target_->usable ? ConnectionFault::kNone : ConnectionFault::kBadAddress, what);
+  }
+}
+
+// --- Questions ----------------------------------------------------------------------------------
+
 int CMSRTSPClient::SendAudioData(unsigned char* data, int length) {
   std::shared_ptr<Session> session;
   {
     ScopeLock lock(sessionLock_);
-    session = session_;
+    session = shownSession_;
   }
   return session != nullptr ? session->Talker().Send(data, length) : 0;
 }
@@ -246,7 +316,7 @@ int CMSRTSPClient::GetTalkFormat(tCMSAudioPlayerConfig* format) const {
 
 double CMSRTSPClient::GetAudioStreamLossRate() const {
   ScopeLock lock(sessionLock_);
-  return session_ != nullptr ? session_->Stream(false).subSession.LossRate() : 0.0;
+  return shownSession_ != nullptr ? shownSession_->Stream(false).subSession.LossRate() : 0.0;
 }
 
 std::string CMSRTSPClient::GetVideoEncoding() const {
@@ -257,100 +327,4 @@ std::string CMSRTSPClient::GetVideoEncoding() const {
 std::string CMSRTSPClient::GetAudioEncoding() const {
   ScopeLock lock(sessionLock_);
   return audioEncoding_;
-}
-
-// --- Frames -------------------------------------------------------------------------------------
-
-void CMSRTSPClient::OnVideo(void* context, unsigned char* frameBuffer, int, unsigned char* payload,
-                            int length, int frameType) {
-  static_cast<CMSRTSPClient*>(context)->HandVideo(frameBuffer, payload, length, frameType);
-}
-
-void CMSRTSPClient::OnAudio(void* context, unsigned char* frameBuffer, int, unsigned char* payload,
-                            int length, int) {
-  static_cast<CMSRTSPClient*>(context)->HandAudio(frameBuffer, payload, length);
-}
-
-void CMSRTSPClient::HandVideo(unsigned char* header, unsigned char* payload, int length,
-                              int frameType) {
-  const auto channel = Channel(config_.channel);
-  cms::VideoFrameInfo info;
-  info.payloadSize = static_cast<std::uint32_t>(length);
-  info.hostSeconds = cms::WallSeconds();
-  info.clockOffset = config_.clockOffsetSeconds;
-  info.streamNumber = static_cast<unsigned>(config_.streamNumber);
-  info.announcedOtherRate = otherFrameRate_;
-  info.frameRate = announcedFrameRate_ > 0 ? announcedFrameRate_ : fpsReport_.GetRecentFps();
-  info.frameType = frameType;
-  info.videoType = channel != nullptr ? channel->GetVideoType() : 0;
-  info.sequence = ++videoSequence_;
-  const std::span<std::uint8_t, cms::kVideoHeaderRoom> area(header, cms::kVideoHeaderRoom);
-  cms::BuildVideoFrameHeader(area, info);
-
-  RTPProcesserBase* const processer = receiving_->Stream(true).subSession.Processer();
-  if (processer->GotAMetadata() != 0) {
-    unsigned char metadata[RTPProcesserBase::kMaxMetadata];
-    void* destination = metadata;
-    unsigned int metadataLength = 0;
-    processer->GetMetadata(&destination, &metadataLength);
-    ConvertMetadataToDRVHeader(metadata, metadataLength, header, cms::kVideoHeaderRoom);
-    processer->ResetMetadada();
-  }
-  if (channel != nullptr) {
-    channel->SetTime(info.hostSeconds + info.clockOffset);
-    if (frameType == 1) {
-      NotePictureSize(*channel, payload, length);
-    }
-  }
-  OnGetVideoFrame(header, cms::kVideoHeaderRoom, payload, length, config_.channel, frameType);
-}
-
-void CMSRTSPClient::NotePictureSize(CMSChannelDataBase& channel, const unsigned char* payload,
-                                    int length) {
-  const cms::PictureSize size =
-      cms::AnnouncedSize(channel.GetVideoType(), {payload, static_cast<std::size_t>(length)})
-          .value_or(cms::PictureSize{describedWidth_, describedHeight_});
-  if (size.width > 0) {
-    channel.SetVideoWidthAndHeight(static_cast<unsigned>(size.width),
-                                   static_cast<unsigned>(size.height));
-  }
-}
-
-void CMSRTSPClient::HandAudio(unsigned char* header, unsigned char* payload, int length) {
-  cms::AudioFrameInfo info;
-  info.payloadSize = static_cast<std::uint32_t>(length);
-  info.hostSeconds = cms::WallSeconds();
-  info.clockOffset = config_.clockOffsetSeconds;
-  info.streamNumber = static_cast<unsigned>(config_.streamNumber);
-  info.announcedOtherRate = otherFrameRate_;
-  info.format = audioFormat_;
-  const std::span<std::uint8_t, cms::kAudioHeaderRoom> area(header, cms::kAudioHeaderRoom);
-  cms::BuildAudioFrameHeader(area, info);
-  OnGetAudioFrame(header, cms::kAudioHeaderRoom, payload, length, config_.channel);
-}
-
-void CMSRTSPClient::DescribeAudioFormat(const _RTSPSUBSESSION_CONFIG& audio) {
-  audioFormat_ = {};
-  const std::string encoding = GetAudioEncoding();
-  if (encoding == "PCMU") {
-    audioFormat_.codecId = CMS_CODEC_PCM_MULAW;
-    audioFormat_.bitsPerSample = 8;
-  } else if (encoding == "PCMA") {
-    audioFormat_.codecId = CMS_CODEC_PCM_ALAW;
-    audioFormat_.bitsPerSample = 8;
-  } else if (encoding == "L16") {
-    audioFormat_.codecId = CMS_CODEC_PCM_S16BE;  // network byte order (RFC 3551, 4.5.11)
-    audioFormat_.bitsPerSample = 16;
-  } else {
-    SetAudioFormat({.codecId = CMS_CODEC_NONE});
-    return;
-  }
-  audioFormat_.sampleRate = audio.clockRate;
-  audioFormat_.channels = static_cast<std::uint16_t>(audio.channels);
-  audioType_.store(static_cast<int>(audioFormat_.codecId), std::memory_order_relaxed);
-  constexpr std::uint32_t kLongestPacket = 65536;
-  SetAudioFormat({.codecId = static_cast<std::int32_t>(audioFormat_.codecId),
-                  .sampleRate = audioFormat_.sampleRate,
-                  .channels = audioFormat_.channels,
-                  .maximumBlockSize = kLongestPacket});
 }

@@ -1,25 +1,21 @@
 // CMSRTSPClient: one live stream of one camera over RTSP 1.0 (RFC 2326).
 #pragma once
 
-#include <atomic>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <string>
 
 #include "cms/live/client_base.h"
 #include "cms/live/kept_stream.h"
-#include "cms/live/media/frame_header.h"
 #include "cms/runtime/api.h"
 #include "cms/streaming/io_group.h"
-#include "cms/streaming/login.h"
 #include "cms/streaming/media_session.h"
-#include "cms/streaming/rtsp_sub_session.h"
 
-class RTSPStream;
 namespace cms {
-class RTSPConnection;
-}
+struct RTSPTarget;
+struct StreamFailure;
+enum class GetParameter : int;
+}  // namespace cms
 
 // How the media packets travel.
 enum RTSPTransport : int {
@@ -107,107 +103,63 @@ class CMS_API CMSRTSPClient : public CMSClientBase, private cms::KeptStream {
   std::string GetAudioEncoding() const;
 
  private:
-  class Session;  // the connection, the sub-sessions and their RTCP partners of one opening
+  class FrameSource;
+  class Session;
 
   bool OpenForKeeping() override;
   void CloseForKeeping() override;
   ConnectionFault KeepAlive(std::uint64_t now, std::uint64_t* nextInMs) override;
   cms::StreamCounts Counts() const override;
 
-  // Steps of an opening: each one sends its request, waits for the answer and tells whether it
+  // The steps of an opening: each one sends its request, waits for the answer and tells whether it
   // succeeded; a failure has set the fault.
-  int Option();
-  int Describe();
-  int SetupVideo();
-  int SetupAudio();
-  int SetupTalk();
-  int SetupStream(RTSPStream& stream, const char* method);
-  int PlayMedia();
-  void TearDown();
+  int Option() CMS_REQUIRES(lock_);
+  int Describe() CMS_REQUIRES(lock_);
+  int SetupVideo() CMS_REQUIRES(lock_);
+  int SetupAudio() CMS_REQUIRES(lock_);
+  int PlayMedia() CMS_REQUIRES(lock_);
+  void TearDown() CMS_REQUIRES(lock_);
 
-  // Senders: format the request with the next CSeq and the authorization of the moment, and send
-  // it.
-  int SendOption();
-  int SendDescribe();
-  int SendSetup(const std::string& url, _RTSPSUBSESSION_CONFIG& config);
-  const char* TalkRequirement() const;
-  int SendPlayMedia();
-  int SendPause();
-  int SendTearDown();
-  int SendKeepAlive();
-  int SendText(const std::string& request);
-
-  // Sends the request and reads its answer; after a challenge once more with the authorization.
-  int Exchange(const char* method, const std::function<int()>& sender, std::string* answer);
-  int GetResponse(std::string& response, unsigned timeoutMs);
+  // What they consist of. The senders use the next CSeq and the authorization of the moment.
+  int SendOption() CMS_REQUIRES(lock_);
+  int SendDescribe() CMS_REQUIRES(lock_);
+  int SendSetup(const std::string& url, _RTSPSUBSESSION_CONFIG& config) CMS_REQUIRES(lock_);
+  int SendPlayMedia() CMS_REQUIRES(lock_);
+  int SendPause() CMS_REQUIRES(lock_);
+  int SendTearDown() CMS_REQUIRES(lock_);
+  int GetResponse(std::string& response, unsigned timeoutMs) CMS_REQUIRES(lock_);
   static unsigned CheckRTSPResponseCode(const std::string& response);
-  int ParserSetupResponse(const std::string& response, _RTSPSUBSESSION_CONFIG& config);
+  int ParserSetupResponse(const std::string& response, _RTSPSUBSESSION_CONFIG& config)
+      CMS_REQUIRES(lock_);
   std::string ConstructSubsessionURL(const MediaSession& session,
-                                     const _RTSPSUBSESSION_CONFIG& config) const;
-  int CreateSubSessionSocket(_RTSPSUBSESSION_CONFIG& config);
-  std::string CreateAuthStr(const char* method, const std::string& url);
+                                     const _RTSPSUBSESSION_CONFIG& config) const
+      CMS_REQUIRES(lock_);
+  int CreateSubSessionSocket(_RTSPSUBSESSION_CONFIG& config) CMS_REQUIRES(lock_);
+  std::string CreateAuthStr(const char* method, const std::string& url) CMS_REQUIRES(lock_);
 
-  int OpenLocked();
-  int Negotiate();
-  ConnectionFault KeepAliveLocked(std::uint64_t now, std::uint64_t* nextInMs);
-  void DescribeAudioFormat(const _RTSPSUBSESSION_CONFIG& audio);
+  bool OpenLocked() CMS_REQUIRES(lock_);
+  void CloseLocked() CMS_REQUIRES(lock_);
+  bool StartDelivery() CMS_REQUIRES(lock_);
+  void StopDelivery() CMS_REQUIRES(lock_);
+  void TakeDescription() CMS_REQUIRES(lock_);
   CMSCodecID VideoCodec() const;
-  int Connect();
-  int LookUpHost(const cms::RTSPConnection& connection);
-  void CloseLocked();
-  int StartDelivery();
-  void StopDelivery();
-  void InitialChannelCodec();
-  int Fail(ConnectionFault fault, const std::string& what);
-  int FailStatus(const char* method, unsigned status);
-  int FailUse(const std::string& what);
-  bool TakeChallenge(const std::string& answer);
-  std::string Where() const;
+  void InitialChannelCodec() CMS_REQUIRES(lock_);
+  bool Succeeded(const cms::StreamFailure& failure) CMS_REQUIRES(lock_);
+  void FailUse(const std::string& what) CMS_REQUIRES(lock_);
 
-  static void OnVideo(void* context, unsigned char* frameBuffer, int headerRoom,
-                      unsigned char* payload, int length, int frameType);
-  static void OnAudio(void* context, unsigned char* frameBuffer, int headerRoom,
-                      unsigned char* payload, int length, int frameType);
-  void HandVideo(unsigned char* header, unsigned char* payload, int length, int frameType);
-  void NotePictureSize(CMSChannelDataBase& channel, const unsigned char* payload, int length);
-  void HandAudio(unsigned char* header, unsigned char* payload, int length);
+  std::shared_ptr<const cms::RTSPTarget> target_ CMS_GUARDED_BY(lock_);  // never null
+  std::shared_ptr<Session> session_ CMS_GUARDED_BY(lock_);  // from an opening's start to its end
+  cms::GetParameter getParameter_ CMS_GUARDED_BY(lock_){};  // what the openings have shown of it
+  bool opened_ CMS_GUARDED_BY(lock_) = false;
+  bool paused_ CMS_GUARDED_BY(lock_) = false;
 
-  // All but the atomics and the session's own threads: under the client's lock (control lock).
-  stRTSPClientConfig config_;
-  bool configured_ = false;
-  std::string requestUrl_;
-  std::string host_;
-  std::uint16_t port_ = 554;
-  std::uint32_t address_ = 0;
-  cms::Login login_;
-  bool haveCredentials_ = false;
-  int cseq_ = 1;
-  std::string sessionId_;
-  std::uint32_t sessionTimeout_ = 60;
-  unsigned nextChannel_ = 0;
-  bool keepAliveByOptions_ = false;
-  bool keepAliveRetried_ = false;
-  bool getParameterWorks_ = false;  // the camera has answered one
-  bool getParameterEnds_ = false;   // it ended a connection: OPTIONS from the next opening on
-  std::uint64_t nextKeepAlive_ = 0;
-  bool opened_ = false;
-  bool paused_ = false;
-
-  mutable CMSCritical sessionLock_;  // guards the pointer and the names, for other threads' reads
-  std::shared_ptr<Session> session_;
+  // For those who do not wait for an opening.
+  mutable CMSCritical sessionLock_;
+  std::shared_ptr<Session> shownSession_ CMS_GUARDED_BY(sessionLock_);
   std::string videoEncoding_ CMS_GUARDED_BY(sessionLock_);
   std::string audioEncoding_ CMS_GUARDED_BY(sessionLock_);
   tCMSAudioPlayerConfig talkFormat_ CMS_GUARDED_BY(sessionLock_){.codecId = CMS_CODEC_NONE};
-  bool talkRefused_ = false;  // the camera knows no backchannel
-
   cms::StreamCounts earlier_ CMS_GUARDED_BY(sessionLock_);  // of the sessions before this one
 
-  // Set before the first packet, read by the receiving thread.
-  Session* receiving_ = nullptr;
-  cms::AudioFormatDescriptor audioFormat_;
-  bool otherFrameRate_ = false;
-  float announcedFrameRate_ = 0;
-  int describedWidth_ = 0;  // of the picture, for key frames that do not tell; 0: unknown
-  int describedHeight_ = 0;
-  std::uint32_t videoSequence_ = 0;  // the receiving thread's
+  std::uint32_t videoSequence_ = 0;  // the receiving thread's; goes on over all openings
 };

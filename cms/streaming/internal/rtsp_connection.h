@@ -66,6 +66,7 @@ class RTSPConnection final : public TCPClientBase,
   // Ends the connection: no event comes after it.
   void Shut();
 
+  bool Cancelled() const { return gate_.IsShut(); }
   bool PeerClosed() const { return closed_.load(); }
   int LastError() const { return LastSocketError(); }
 

@@ -1,202 +1,47 @@
 #include "cms/streaming/internal/rtsp_session.h"
 
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <utility>
 
-#include "cms/net/client_group.h"
-#include "cms/streaming/internal/sender_filter.h"
+#include "cms/streaming/interleaved.h"
+#include "cms/streaming/internal/port_pair.h"
+#include "cms/streaming/internal/rtsp_message.h"
+#include "cms/streaming/rtsp_url.h"
+
+using cms::RTSPRequest;
+using cms::StreamFailure;
 
 namespace {
 
-// Room for the largest burst that a camera sends at once, a key frame of several hundred packets.
-// The kernel counts about 2.3 KB for a packet of 1.4 KB; without privileges it grants what
-// net.core.rmem_max allows.
-constexpr int kRtpReceiveBuffer = 4 * 1024 * 1024;
-constexpr int kRtcpDepth = 8;
-constexpr int kRtcpDatagram = 1536;
-constexpr int kDirectDepth = 2;  // of queues that a callback stands in for
 constexpr int kSocketsPerUdpStream = 2;
 constexpr int kSocketsPerUdpSession = 1 + 2 * kSocketsPerUdpStream;
-constexpr int kTalkDepth = 16;  // RTP packets of sound on their way out
+constexpr std::size_t kLongestDescription = 256 * 1024;
+constexpr std::size_t kLongestQuote = 120;  // of an answer, in a failure's text
+constexpr unsigned kOptionNotSupported = 551;
 
-// An RTP packet without payload to where the stream will come from: a firewall or address
-// translation in between then lets the stream in. If it is lost, so be it.
-void OpenWay(int socket, std::uint32_t address, std::uint16_t port) {
-  if (port == 0) {
-    return;
-  }
-  constexpr std::array<std::uint8_t, 12> kEmptyPacket = {0x80};
-  sockaddr_in to{};
-  to.sin_family = AF_INET;
-  to.sin_port = htons(port);
-  to.sin_addr.s_addr = htonl(address);
-  sendto(socket, kEmptyPacket.data(), kEmptyPacket.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
-         reinterpret_cast<const sockaddr*>(&to), sizeof to);
+int SocketsFor(const stRTSPClientConfig& config) {
+  return config.transport != kRtspTransportUdp
+             ? 1
+             : kSocketsPerUdpSession + (config.talkBack ? kSocketsPerUdpStream : 0);
 }
 
 }  // namespace
 
-RTSPStream::RTSPStream(cms::RTSPConnection& connection) : connection_(connection) {}
-
-RTSPStream::~RTSPStream() {
-  Stop();
-  if (config.rtpSocket >= 0) {
-    close(config.rtpSocket);
-  }
-  if (config.rtcpSocket >= 0) {
-    close(config.rtcpSocket);
-  }
-}
-
-void RTSPStream::OnDatagram(void* context, char* data, int length) {
-  static_cast<RTSPStream*>(context)->TakePacket(
-      {reinterpret_cast<const std::uint8_t*>(data), static_cast<std::size_t>(length)});
-}
-
-void RTSPStream::TakePacket(std::span<const std::uint8_t> packet) {
-  const auto admitted = gate_.Admit(packet);
-  if (!admitted.empty()) {
-    subSession.RTPOverRTSPAddPacket(admitted.data(), static_cast<int>(admitted.size()));
-  }
-}
-
-bool RTSPStream::Open(int transport, std::uint32_t serverAddress, int group) {
-  const bool udp = transport == kRtspTransportUdp;
-  gate_.Start(config.payloadType, udp);
-  return (!udp || OpenUdp(serverAddress, group)) && StartRtcp(transport, group);
-}
-
-bool RTSPStream::OpenUdp(std::uint32_t serverAddress, int group) {
-  _UDPCLIENT_CONFIG rtp{};
-  rtp.recvQueueDepth = kDirectDepth;
-  rtp.recvDatagramSize = kRtcpDatagram;
-  rtp.sendQueueDepth = kTalkDepth;
-  rtp.sendDatagramSize = kRtcpDatagram;
-  rtp.localPort = config.clientRtpPort;
-  rtp.remotePort = config.serverRtpPort;
-  rtp.remoteAddress = serverAddress;
-  rtp.recvContext = this;
-  rtp.recvCallback = &RTSPStream::OnDatagram;
-
-  _UDPCLIENT_CONFIG control = rtp;
-  control.recvQueueDepth = kRtcpDepth;
-  control.sendQueueDepth = kRtcpDepth;
-  control.localPort = config.clientRtcpPort;
-  control.remotePort = config.serverRtcpPort;
-  control.recvContext = nullptr;
-  control.recvCallback = nullptr;
-
-  OpenWay(config.rtpSocket, config.source != 0 ? config.source : serverAddress,
-          config.serverRtpPort);
-  const std::array<std::uint32_t, 2> senders = {serverAddress, config.source};
-  for (const int socket : {config.rtpSocket, config.rtcpSocket}) {
-    cms::TakeDatagramsOnlyFrom(socket, std::span(senders).first(config.source != 0 ? 2 : 1));
-  }
-  rtpSocket_ = std::make_unique<RTSPUDPClient>();
-  rtpSocket_->SetConfig(rtp);
-  rtpSocket_->SetClientSocket(std::exchange(config.rtpSocket, -1));
-  rtcpSocket_ = std::make_unique<RTSPUDPClient>();
-  rtcpSocket_->SetConfig(control);
-  rtcpSocket_->SetClientSocket(std::exchange(config.rtcpSocket, -1));
-  if (rtpSocket_->OnStartUDPClient() == 0 || rtcpSocket_->OnStartUDPClient() == 0) {
-    return false;
-  }
-  rtpSocket_->SetRecvSocketBuffer(kRtpReceiveBuffer);
-  auto& table = EachClientGroupTable::Instance();
-  return table.Register(rtpSocket_.get(), group) != 0 &&
-         table.Register(rtcpSocket_.get(), group) != 0;
-}
-
-int RTSPStream::ReadUdp(void* context, unsigned char* buffer, int size) {
-  // The interleaved transport's reads begin with its 4-byte prefix; this one leaves room for it.
-  constexpr int kPrefix = static_cast<int>(kInterleavedPrefix);
-  auto* const self = static_cast<RTSPStream*>(context);
-  const int length =
-      self->rtcpSocket_->OnRecvNB(reinterpret_cast<char*>(buffer) + kPrefix, size - kPrefix);
-  return length > 0 ? length + kPrefix : length;
-}
-
-int RTSPStream::SendUdp(void* context, const unsigned char* data, int length) {
-  auto* const self = static_cast<RTSPStream*>(context);
-  return self->rtcpSocket_->OnSend(const_cast<char*>(reinterpret_cast<const char*>(data)), length);
-}
-
-bool RTSPStream::SendRtp(std::span<const std::uint8_t> packet) {
-  if (rtpSocket_ != nullptr) {
-    const auto length = static_cast<int>(packet.size());
-    char* const data = const_cast<char*>(reinterpret_cast<const char*>(packet.data()));
-    return rtpSocket_->OnSend(data, length) == length;
-  }
-  std::array<char, kInterleavedPrefix + kRtcpDatagram> frame;
-  if (packet.size() > kRtcpDatagram) {
-    return false;
-  }
-  const std::size_t length = packet.size();
-  frame[0] = '$';
-  frame[1] = static_cast<char>(config.rtpChannel);
-  frame[2] = static_cast<char>(length >> 8);
-  frame[3] = static_cast<char>(length);
-  std::copy(packet.begin(), packet.end(), frame.begin() + kInterleavedPrefix);
-  return connection_.SendWhole({frame.data(), length + kInterleavedPrefix}) > 0;
-}
-
-int RTSPStream::SendInterleaved(void* context, const unsigned char* data, int length) {
-  auto* const self = static_cast<RTSPStream*>(context);
-  std::array<unsigned char, 256> frame;
-  if (length < 0 || static_cast<std::size_t>(length) + kInterleavedPrefix > frame.size()) {
-    return 0;
-  }
-  frame[0] = '$';
-  frame[1] = static_cast<unsigned char>(self->config.rtcpChannel);
-  frame[2] = static_cast<unsigned char>(length >> 8);
-  frame[3] = static_cast<unsigned char>(length);
-  std::copy(data, data + length, frame.begin() + kInterleavedPrefix);
-  return self->connection_.SendWhole({reinterpret_cast<const char*>(frame.data()),
-                                      static_cast<std::size_t>(length) + kInterleavedPrefix});
-}
-
-bool RTSPStream::StartRtcp(int transport, int group) {
-  _RTCP_CONFIG rtcpConfig{};
-  rtcpConfig.transportMode = transport == kRtspTransportUdp ? kRTCPOverUDP : kRTCPInterleaved;
-  rtcpConfig.statistics = &subSession;
-  if (transport == kRtspTransportUdp) {
-    rtcpConfig.read = &RTSPStream::ReadUdp;
-    rtcpConfig.readContext = this;
-    rtcpConfig.send = &RTSPStream::SendUdp;
-  } else {
-    rtcpConfig.send = &RTSPStream::SendInterleaved;
-  }
-  rtcpConfig.sendContext = this;
-  rtcpRegistered_ = rtcp.SetConfig(rtcpConfig) != 0 && rtcp.Play() != 0 &&
-                    EachClientGroupTable::Instance().Register(&rtcp, group) != 0;
-  return rtcpRegistered_;
-}
-
-void RTSPStream::Stop() {
-  if (rtcpRegistered_) {
-    EachClientGroupTable::Instance().Unregister(&rtcp);
-    rtcp.StopPlay();
-    rtcpRegistered_ = false;
-  }
-  rtpSocket_.reset();
-  rtcpSocket_.reset();
-  subSession.StopPlay();
-}
-
-CMSRTSPClient::Session::Session(CMSRTSPClient& client, int group, int transport, bool talkBack)
+CMSRTSPClient::Session::Session(CMSRTSPClient& client,
+                                std::shared_ptr<const cms::RTSPTarget> target,
+                                cms::GetParameter known)
     : client_(client),
-      group_(group, kAutomaticGroup,
-             transport != kRtspTransportUdp
-                 ? 1
-                 : kSocketsPerUdpSession + (talkBack ? kSocketsPerUdpStream : 0)),
+      target_(std::move(target)),
+      group_(target_->config.group, kAutomaticGroup, SocketsFor(target_->config)),
       connection_(*this, client.OpeningGate()),
+      dialogue_(connection_, target_, known),
+      address_(target_->config.address),
+      asksForTalk_(target_->config.talkBack),
       video_(connection_),
       audio_(connection_),
-      talk_(connection_) {}
+      talk_(connection_),
+      frames_(client, target_->config, video_.subSession) {}
 
 CMSRTSPClient::Session::~Session() {
   Stop();
@@ -210,11 +55,229 @@ void CMSRTSPClient::Session::Stop() {
   audio_.Stop();
 }
 
-void CMSRTSPClient::Session::LeaveOutAudio() {
-  group_.Shrink(kSocketsPerUdpSession - kSocketsPerUdpStream +
-                (talk_.Present() ? kSocketsPerUdpStream : 0));
+// --- The connection -----------------------------------------------------------------------------
+
+StreamFailure CMSRTSPClient::Session::Connect() {
+  const stRTSPClientConfig& config = target_->config;
+  if (config.transport != kRtspTransportUdp && config.transport != kRtspTransportInterleaved) {
+    return {ConnectionFault::kBadAddress,
+            "transport " + std::to_string(config.transport) + " is neither 0 nor 1"};
+  }
+  if (address_ == 0) {
+    if (auto failure = LookUpHost()) {
+      return failure;
+    }
+  }
+  if (!connection_.Cancelled() &&
+      connection_.Open(address_, target_->port, static_cast<int>(config.connectTimeoutMs),
+                       group_.Key())) {
+    return {};
+  }
+  if (connection_.Cancelled()) {
+    return {ConnectionFault::kCancelled, "closed while opening"};
+  }
+  const int error = connection_.LastError();
+  const ConnectionFault fault = error == EMFILE || error == ENFILE || error == ENOMEM
+                                    ? ConnectionFault::kOutOfResources
+                                    : ConnectionFault::kUnreachable;
+  return {fault, std::string("cannot connect: ") + std::strerror(error)};
 }
 
+StreamFailure CMSRTSPClient::Session::LookUpHost() {
+  using Outcome = cms::NameLookup::Outcome;
+  const std::uint32_t limitMs = target_->config.connectTimeoutMs;
+  const auto found = connection_.LookUp(target_->host, static_cast<int>(limitMs));
+  switch (found.outcome) {
+    case Outcome::kFound:
+      address_ = found.address;
+      break;
+    case Outcome::kNoAddress:
+      return {ConnectionFault::kBadAddress, "the host name has no IPv4 address"};
+    case Outcome::kTimeout:
+      return {ConnectionFault::kUnreachable, "the host name could not be looked up within " +
+                                                 std::to_string(limitMs / 1000) + " s"};
+    case Outcome::kCancelled:
+      return {ConnectionFault::kCancelled, "closed while opening"};
+    case Outcome::kNoThread:
+      return {ConnectionFault::kOutOfResources, "no thread to look the host name up"};
+  }
+  return {};
+}
+
+StreamFailure CMSRTSPClient::Session::Options() {
+  std::string answer;
+  if (auto failure = dialogue_.Ask(OptionsRequest(), "OPTIONS", &answer)) {
+    return failure;
+  }
+  dialogue_.TakeMethods(cms::RTSPMessage(answer).Header("Public"));
+  return {};
+}
+
+// --- The description ----------------------------------------------------------------------------
+
+std::string CMSRTSPClient::Session::TalkRequirement() const {
+  return asksForTalk_ ? cms::kBackchannelRequirement : "";
+}
+
+RTSPRequest CMSRTSPClient::Session::DescribeRequest() const {
+  return {"DESCRIBE", target_->url, "Accept: application/sdp\r\n" + TalkRequirement()};
+}
+
+StreamFailure CMSRTSPClient::Session::Describe() {
+  std::string answer;
+  auto failure = dialogue_.Ask(DescribeRequest(), "DESCRIBE", &answer);
+  if (failure && asksForTalk_ && cms::RTSPMessage(answer).Status() == kOptionNotSupported) {
+    asksForTalk_ = false;
+    failure = dialogue_.Ask(DescribeRequest(), "DESCRIBE", &answer);
+  }
+  if (failure) {
+    return failure;
+  }
+  std::string_view body = cms::RTSPMessage(answer).Body();
+  cms::TalkBackDescription split;
+  if (body.size() <= kLongestDescription) {
+    // Cameras describe their backchannel unasked, too: it must not pass for the microphone.
+    split = cms::SplitTalkBack(body);
+    body = split.viewing;
+    if (target_->config.talkBack) {
+      talk_.config = split.talk;
+    }
+  }
+  if (body.size() > kLongestDescription ||
+      description_.ParseDescription(body, video_.config, audio_.config) == 0) {
+    return {ConnectionFault::kNoUsableVideo, "the description has no video section"};
+  }
+  failure = MakeSubSessions();
+  frames_.TakeDescription(description_, video_.config, audio_.config);
+  return failure;
+}
+
+StreamFailure CMSRTSPClient::Session::MakeSubSessions() {
+  RTSPSubSessionOptions options;
+  options.headerRoom = static_cast<int>(cms::kVideoHeaderRoom);
+  options.siteNumber = target_->config.siteNumber;
+  options.ignoreDelimiters = target_->config.ignoreDelimiters;
+  options.callback = &FrameSource::OnVideo;
+  options.context = &frames_;
+  if (video_.subSession.SetConfig(video_.config, options) == 0) {
+    return {ConnectionFault::kNoUsableVideo,
+            std::string("video in the encoding \"") + video_.config.encodingName +
+                "\" is not supported (H264, JPEG and MP4V-ES are)"};
+  }
+  if (audio_.Present()) {
+    options.video = false;
+    options.headerRoom = static_cast<int>(cms::kAudioHeaderRoom);
+    options.callback = &FrameSource::OnAudio;
+    if (audio_.subSession.SetConfig(audio_.config, options) == 0) {
+      audio_.config.payloadType = kNoPayloadType;
+    }
+  }
+  return {};
+}
+
+StreamFailure CMSRTSPClient::Session::BindPorts() {
+  if (target_->config.transport != kRtspTransportUdp) {
+    return {};
+  }
+  if (auto failure = cms::BindPortPair(video_.config)) {
+    return failure;
+  }
+  if (audio_.Present() && cms::BindPortPair(audio_.config)) {
+    audio_.config.payloadType = kNoPayloadType;  // the picture comes all the same
+  }
+  if (!audio_.Present()) {
+    // Fewer threads serve the same number of cameras when its places are given back.
+    group_.Shrink(kSocketsPerUdpSession - kSocketsPerUdpStream +
+                  (talk_.Present() ? kSocketsPerUdpStream : 0));
+  }
+  return talk_.Present() ? cms::BindPortPair(talk_.config) : StreamFailure{};
+}
+
+// --- SETUP --------------------------------------------------------------------------------------
+
+RTSPRequest CMSRTSPClient::Session::SetUpRequest(const std::string& url,
+                                                 const _RTSPSUBSESSION_CONFIG& config) const {
+  const bool udp = target_->config.transport == kRtspTransportUdp;
+  const int first = udp ? config.clientRtpPort : config.rtpChannel;
+  const int second = udp ? config.clientRtcpPort : config.rtcpChannel;
+  const std::string transport = std::string("Transport: RTP/AVP") +
+                                (udp ? ";unicast;client_port=" : "/TCP;unicast;interleaved=") +
+                                std::to_string(first) + "-" + std::to_string(second) + "\r\n";
+  return {"SETUP", url,
+          (dialogue_.HasSession() ? dialogue_.SessionLine() : "") + transport + TalkRequirement()};
+}
+
+StreamFailure CMSRTSPClient::Session::SetUp(RTSPStream& stream, std::string_view name) {
+  const bool interleaved = target_->config.transport == kRtspTransportInterleaved;
+  if (interleaved) {
+    stream.config.rtpChannel = nextChannel_++;
+    stream.config.rtcpChannel = nextChannel_++;
+  }
+  const std::string url = description_.StreamURL(target_->url, stream.config);
+  std::string answer;
+  auto failure = dialogue_.Ask(SetUpRequest(url, stream.config), name, &answer);
+  if (!failure) {
+    failure = TakeSetUpAnswer(answer, stream.config);
+  }
+  if (failure) {
+    return failure;
+  }
+  if (!stream.Open(target_->config.transport, address_, group_.Key())) {
+    return {ConnectionFault::kOutOfResources,
+            "no threads, descriptors or memory left to receive the stream"};
+  }
+  if (interleaved) {
+    SetChannels();
+  }
+  return {};
+}
+
+StreamFailure CMSRTSPClient::Session::SetUpTalk() {
+  auto failure = SetUp(talk_, "SETUP of the backchannel");
+  if (!failure) {
+    talker_.Start(talk_.config,
+                  [this](std::span<const std::uint8_t> packet) { return talk_.SendRtp(packet); });
+  }
+  return failure;
+}
+
+StreamFailure CMSRTSPClient::Session::TakeSetUpAnswer(const std::string& answer,
+                                                      _RTSPSUBSESSION_CONFIG& config) {
+  const cms::RTSPMessage message(answer);
+  if (auto failure = dialogue_.TakeSession(message)) {
+    return failure;
+  }
+  if (!message.HasHeader("Transport")) {
+    return {};
+  }
+  const auto transport = cms::ParseTransport(message.Header("Transport"));
+  if (!transport) {
+    return {ConnectionFault::kBadAnswer,
+            "the answer to SETUP has an impossible transport: " +
+                std::string(message.Header("Transport").substr(0, kLongestQuote))};
+  }
+  const bool udp = target_->config.transport == kRtspTransportUdp;
+  const bool ports = transport->serverPort.has_value();
+  const bool channels = transport->interleaved.has_value() || transport->tcp;
+  if (udp ? channels && !ports : ports && !channels) {
+    return {ConnectionFault::kTransportRefused,
+            std::string("the camera answered SETUP with ") +
+                (udp ? "interleaved TCP although UDP was asked for, try interleaved TCP"
+                     : "UDP although interleaved TCP was asked for, try UDP")};
+  }
+  config.source = cms::ParseIPv4(transport->source).value_or(0);
+  if (transport->serverPort) {
+    config.serverRtpPort = transport->serverPort->rtp;
+    config.serverRtcpPort = transport->serverPort->rtcp;
+  }
+  if (transport->interleaved) {
+    config.rtpChannel = transport->interleaved->rtp;
+    config.rtcpChannel = transport->interleaved->rtcp;
+  }
+  return {};
+}
+
+// Tells the connection which channels carry the streams.
 void CMSRTSPClient::Session::SetChannels() {
   cms::RTSPStreamChannels channels = cms::kNoChannels;
   const RTSPStream* const streams[] = {&video_, &audio_, &talk_};
@@ -225,6 +288,44 @@ void CMSRTSPClient::Session::SetChannels() {
     }
   }
   connection_.SetChannels(channels);
+}
+
+// --- Playing ------------------------------------------------------------------------------------
+
+RTSPRequest CMSRTSPClient::Session::PlayRequest() const {
+  return {"PLAY", target_->url,
+          dialogue_.SessionLine() +
+              cms::RangeLine(description_.RangeStart(), description_.RangeEnd()) +
+              TalkRequirement()};
+}
+
+StreamFailure CMSRTSPClient::Session::Play() {
+  std::string answer;
+  return dialogue_.Ask(PlayRequest(), "PLAY", &answer);
+}
+
+StreamFailure CMSRTSPClient::Session::Pause() {
+  std::string answer;
+  return dialogue_.Ask(PauseRequest(), "PAUSE", &answer);
+}
+
+RTSPRequest CMSRTSPClient::Session::TearDownRequest() const {
+  return {"TEARDOWN", target_->url, dialogue_.SessionLine()};
+}
+
+// The camera has a session from the first SETUP on, also when the opening fails later. The answer
+// tells that the request went out whole, or asks for a new login; without one the camera's own
+// session timeout frees the session.
+void CMSRTSPClient::Session::TearDown(int limitMs) {
+  if (dialogue_.HasSession()) {
+    dialogue_.AskLast(TearDownRequest(), limitMs);
+  }
+}
+
+void CMSRTSPClient::Session::SetDelivering(bool delivering) {
+  for (RTSPStream* const stream : {&video_, &audio_}) {
+    delivering ? stream->subSession.Play() : stream->subSession.StopPlay();
+  }
 }
 
 void CMSRTSPClient::Session::OnPacket(int type, std::span<const std::uint8_t> frame) {
