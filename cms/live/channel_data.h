@@ -125,7 +125,7 @@ class CMS_API CMSChannelDataBase {
   int CountResult(DECODE_RESULT result);
 
   CMSCritical decodeLock_;  // feeding, opening and closing the decoder exclude each other
-  std::shared_ptr<CMSDecoder> decoder_;
+  const std::shared_ptr<CMSDecoder> decoder_;
   std::atomic<bool> decoderOpen_{false};
   std::atomic<bool> threadFailed_{false};  // the decode thread met an error: re-open
   std::atomic<bool> threaded_{false};
@@ -154,5 +154,5 @@ class CMS_API CMSChannelDataBase {
   mutable CMSCritical metadataLock_;
   std::vector<std::uint8_t> metadata_ CMS_GUARDED_BY(metadataLock_);
   std::atomic<unsigned> metadataSerial_{0};
-  CMSCritical imageLock_;
+  CMSCritical imageLock_;  // guards nothing here: it is lent to the client application
 };

@@ -329,11 +329,10 @@ class CMS_API CMSClientBase {
 
   mutable CMSCritical lock_;  // the client's lock: configuration and life cycle
   std::atomic<int> playing_{0};
-  int siteType_ = 0;
-  int videoType_ = 0;
+  std::atomic<int> siteType_{0};
   std::atomic<int> audioType_{0};
   CMSFpsReport fpsReport_;
-  bool threadedDecode_ = false;
+  std::atomic<bool> threadedDecode_{false};
 
  private:
   bool MayRecord(unsigned channel) const;
@@ -346,7 +345,7 @@ class CMS_API CMSClientBase {
   mutable CMSCritical channelsLock_;             // for a moment only, inside all others
   Channels channels_ CMS_GUARDED_BY(channelsLock_);
   std::atomic<int> mustDecode_{0};
-  stFisheyeParameter fisheye_;
+  stFisheyeParameter fisheye_ CMS_GUARDED_BY(lock_);
 
   mutable CMSCritical audioLock_;  // held while the player is called
   cms::AudioPlayer* audioPlayer_ CMS_GUARDED_BY(audioLock_) = nullptr;

@@ -84,7 +84,6 @@ int CMSHTTPClient::SetConfig(void* config) {
     request_.assign(config_.request, static_cast<std::size_t>(config_.requestLength));
   }
   config_.request = request_.data();
-  videoType_ = config_.videoType;
   audioType_.store(config_.audioType, std::memory_order_relaxed);
   return AllocChannelData(config_.channelCount);
 }
@@ -97,6 +96,7 @@ void CMSHTTPClient::SetRequest(std::string request) {
 }
 
 void CMSHTTPClient::SetAudioType() {
+  ScopeLock lock(lock_);
   if (config_.videoType == kVideoTypeWithFixedAudio) {
     audioType_.store(kFixedAudioType, std::memory_order_relaxed);
   }
@@ -114,7 +114,7 @@ int CMSHTTPClient::ChangeRecordPath(const wchar_t* path) {
 int CMSHTTPClient::Play() {
   {
     ScopeLock lock(lock_);
-    if (OpenLocked() == 0) {
+    if (!OpenLocked()) {
       return 0;
     }
   }
@@ -122,25 +122,25 @@ int CMSHTTPClient::Play() {
   return 1;
 }
 
-int CMSHTTPClient::OpenLocked() {
+bool CMSHTTPClient::OpenLocked() {
   if (connection_ != nullptr || raw_ != nullptr || processThread_->IsStarted()) {
-    return 0;
+    return false;
   }
   MarkOpening();
   SetFault(ConnectionFault::kNone, "");
-  if (Connect() == 0 || InitialCodecs() == 0) {
+  if (!Connect() || !InitialCodecs()) {
     SetState(ConnectionState::kClosed);
-    return 0;
+    return false;
   }
   StartAudioPlayer();
-  if (StartProcessThread() == 0 || SendRequest() == 0) {
+  if (!StartProcessThread() || !SendRequest()) {
     SetState(ConnectionState::kClosed);
-    return 0;
+    return false;
   }
   MarkOpened();
   playing_.store(1, std::memory_order_relaxed);
   SetState(ConnectionState::kPlaying);
-  return 1;
+  return true;
 }
 
 void CMSHTTPClient::StartAudioPlayer() {
@@ -152,17 +152,17 @@ void CMSHTTPClient::StartAudioPlayer() {
   }
 }
 
-int CMSHTTPClient::Connect() {
+bool CMSHTTPClient::Connect() {
   closedByCamera_.store(false);
   connection_ = std::make_unique<Connection>(*this, config_.connectOption);
   if (connection_->Start(config_.address, config_.port) == 0) {
     return FailConnect(connection_->Error());
   }
   raw_ = std::make_unique<CRawBuffer>(kMaxRawBytes, kMaxRawBytes);
-  return raw_->Data() != nullptr ? 1 : Fail(ConnectionFault::kOutOfResources, "out of memory");
+  return raw_->Data() != nullptr || Fail(ConnectionFault::kOutOfResources, "out of memory");
 }
 
-int CMSHTTPClient::FailConnect(int error) {
+bool CMSHTTPClient::FailConnect(int error) {
   switch (error) {
     case ECANCELED:
       return Fail(ConnectionFault::kCancelled, "closed while connecting");
@@ -177,7 +177,7 @@ int CMSHTTPClient::FailConnect(int error) {
   }
 }
 
-int CMSHTTPClient::InitialCodecs() {
+bool CMSHTTPClient::InitialCodecs() {
   if (ChannelCount() != config_.channelCount) {
     AllocChannelData(config_.channelCount);  // StopPlay released them
   }
@@ -193,24 +193,26 @@ int CMSHTTPClient::InitialCodecs() {
     }
     channel->SetFindNextIFrameStatus(1);
   }
-  return 1;
+  return true;
 }
 
-int CMSHTTPClient::StartProcessThread() {
-  running_.store(1, std::memory_order_relaxed);
-  if (!processThread_->Start("cms-http-client", [this] { Process(); })) {
-    running_.store(0, std::memory_order_relaxed);
+bool CMSHTTPClient::StartProcessThread() {
+  running_.store(true, std::memory_order_relaxed);
+  if (!processThread_->Start("cms-http-client", [this, &connection = *connection_, &raw = *raw_] {
+        Process(connection, raw);
+      })) {
+    running_.store(false, std::memory_order_relaxed);
     return Fail(ConnectionFault::kOutOfResources, "cannot start a thread");
   }
-  return 1;
+  return true;
 }
 
-int CMSHTTPClient::SendRequest() {
+bool CMSHTTPClient::SendRequest() {
   const int length = static_cast<int>(request_.size());
   if (length > 0 && connection_->OnSend(request_.data(), length) != length) {
     return Fail(ConnectionFault::kOutOfResources, "the request is longer than the send queue");
   }
-  return 1;
+  return true;
 }
 
 int CMSHTTPClient::StopPlay() {
@@ -223,7 +225,7 @@ int CMSHTTPClient::StopPlay() {
 }
 
 void CMSHTTPClient::CloseLocked() {
-  running_.store(0, std::memory_order_relaxed);
+  running_.store(false, std::memory_order_relaxed);
   if (connection_ != nullptr) {
     connection_->End();
   }
@@ -238,13 +240,13 @@ void CMSHTTPClient::CloseLocked() {
   SetState(ConnectionState::kClosed);
 }
 
-int CMSHTTPClient::Fail(ConnectionFault fault, const std::string& what) {
+bool CMSHTTPClient::Fail(ConnectionFault fault, const std::string& what) {
   char address[64];
   std::snprintf(address, sizeof address, "%u.%u.%u.%u:%u: ", config_.address >> 24,
                 config_.address >> 16 & 255, config_.address >> 8 & 255, config_.address & 255,
                 unsigned{config_.port});
   SetFault(fault, address + what);
-  return 0;
+  return false;
 }
 
 // --- Keeping ------------------------------------------------------------------------------------
@@ -254,7 +256,7 @@ bool CMSHTTPClient::OpenForKeeping() {
   if (playing_.load(std::memory_order_relaxed) != 0) {
     return true;  // the client application was faster
   }
-  if (OpenLocked() == 0) {
+  if (!OpenLocked()) {
     CloseLocked();
     return false;
   }
@@ -297,57 +299,57 @@ cms::StreamCounts CMSHTTPClient::Counts() const {
 
 // --- The process thread -------------------------------------------------------------------------
 
-void CMSHTTPClient::Process() {
+void CMSHTTPClient::Process(Connection& connection, CRawBuffer& raw) {
   const std::unique_ptr<char[]> received(new (std::nothrow) char[kReceiveChunk]);
   if (received == nullptr) {
-    running_.store(0, std::memory_order_relaxed);
+    running_.store(false, std::memory_order_relaxed);
     return;
   }
-  while (running_.load(std::memory_order_relaxed) != 0) {
-    connection_->WaitForData(-1);  // ended by End, too
+  while (running_.load(std::memory_order_relaxed)) {
+    connection.WaitForData(-1);  // ended by End, too
     parsing_.store(true);
-    const int length = connection_->OnRecv(received.get(), kReceiveChunk);
+    const int length = connection.OnRecv(received.get(), kReceiveChunk);
     if (length > 0) {
-      Keep(received.get(), length);
+      Keep(raw, received.get(), length);
       // Bytes that ended nothing but sound are no sign that the video lives.
-      packets_.fetch_add(ParseFrames() ? 0 : 1, std::memory_order_relaxed);
+      packets_.fetch_add(ParseFrames(raw) ? 0 : 1, std::memory_order_relaxed);
     }
     parsing_.store(false);
   }
 }
 
-void CMSHTTPClient::Keep(const char* data, int length) {
-  if (raw_->Append(data, length) == 0) {
+void CMSHTTPClient::Keep(CRawBuffer& raw, const char* data, int length) {
+  if (raw.Append(data, length) == 0) {
     oversize_.fetch_add(1, std::memory_order_relaxed);
-    raw_->Clear();
-    raw_->Append(data, length);
+    raw.Clear();
+    raw.Append(data, length);
   }
 }
 
 // True when there was sound and no picture.
-bool CMSHTTPClient::ParseFrames() {
+bool CMSHTTPClient::ParseFrames(CRawBuffer& raw) {
   int more = 1;
   bool sound = false;
   bool picture = false;
-  while (more == 1 && running_.load(std::memory_order_relaxed) != 0) {
+  while (more == 1 && running_.load(std::memory_order_relaxed)) {
     int isAudio = 0;
     int length = 0;
     int videoFlag = 0;
     int extra = 0;
-    if (ParseStreamFrame(raw_.get(), &isAudio, &length, &videoFlag, &extra, &more) == 0) {
+    if (ParseStreamFrame(&raw, &isAudio, &length, &videoFlag, &extra, &more) == 0) {
       continue;
     }
-    if (length <= 0 || length > raw_->Length()) {
+    if (length <= 0 || length > raw.Length()) {
       break;  // no frame of this length is there: asking again would not end
     }
     (isAudio != 0 ? sound : picture) = true;
     if (isAudio != 0) {
-      OnStreamAudioFrame(0, 0, raw_->Data(), length, extra);
+      OnStreamAudioFrame(0, 0, raw.Data(), length, extra);
     } else {
-      OnStreamVideoFrame(0, 0, raw_->Data(), length, extra, videoFlag);
+      OnStreamVideoFrame(0, 0, raw.Data(), length, extra, videoFlag);
     }
-    if (length <= raw_->Length()) {
-      raw_->Erase(0, length);
+    if (length <= raw.Length()) {
+      raw.Erase(0, length);
     }
   }
   return sound && !picture;

@@ -86,8 +86,6 @@ class CMS_API CMSHTTPClient : public CMSClientBase, protected cms::KeptStream {
   ConnectionFault KeepAlive(std::uint64_t now, std::uint64_t* nextInMs) override;
   cms::StreamCounts Counts() const override;
 
-  const stHTTPClientConfig& Config() const { return config_; }
-
   // Replaces the request that the next opening sends: a subclass that was challenged logs in so.
   // Not while playing.
   void SetRequest(std::string request);
@@ -95,29 +93,28 @@ class CMS_API CMSHTTPClient : public CMSClientBase, protected cms::KeptStream {
  private:
   class Connection;
 
-  int OpenLocked();
-  int Connect();
-  int InitialCodecs();
-  int StartProcessThread();
-  int SendRequest();
-  void StartAudioPlayer();
-  void CloseLocked();
-  int FailConnect(int error);
-  int Fail(ConnectionFault fault, const std::string& what);
-  void Process();
-  void Keep(const char* data, int length);
-  bool ParseFrames();
+  bool OpenLocked() CMS_REQUIRES(lock_);
+  void CloseLocked() CMS_REQUIRES(lock_);
+  bool Connect() CMS_REQUIRES(lock_);
+  bool InitialCodecs() CMS_REQUIRES(lock_);
+  bool StartProcessThread() CMS_REQUIRES(lock_);
+  bool SendRequest() CMS_REQUIRES(lock_);
+  void StartAudioPlayer() CMS_REQUIRES(lock_);
+  bool FailConnect(int error) CMS_REQUIRES(lock_);
+  bool Fail(ConnectionFault fault, const std::string& what) CMS_REQUIRES(lock_);
+  void Process(Connection& connection, CRawBuffer& raw);
+  void Keep(CRawBuffer& raw, const char* data, int length);
+  bool ParseFrames(CRawBuffer& raw);
   void OnConnectionClosed();
 
-  // Under the client's lock; the process thread uses the connection and the raw buffer while it
-  // runs.
-  stHTTPClientConfig config_;
-  std::string request_;
-  std::unique_ptr<Connection> connection_;
-  std::unique_ptr<CRawBuffer> raw_;
-  std::unique_ptr<cms::AudioPlayer> audioPlayer_;
-  std::unique_ptr<cms::NamedThread> processThread_;
-  std::atomic<int> running_{0};
+  stHTTPClientConfig config_ CMS_GUARDED_BY(lock_);
+  std::string request_ CMS_GUARDED_BY(lock_);
+  // While the process thread runs, what these two point to is its own.
+  std::unique_ptr<Connection> connection_ CMS_GUARDED_BY(lock_);
+  std::unique_ptr<CRawBuffer> raw_ CMS_GUARDED_BY(lock_);
+  std::unique_ptr<cms::AudioPlayer> audioPlayer_ CMS_GUARDED_BY(lock_);
+  const std::unique_ptr<cms::NamedThread> processThread_;  // started and joined under the lock
+  std::atomic<bool> running_{false};
 
   std::atomic<bool> closedByCamera_{false};
   std::atomic<bool> parsing_{false};  // set before bytes leave the queue, until they are parsed

@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 
 #include "cms/live/media/frame_buffer.h"
 #include "cms/runtime/clock.h"
@@ -16,7 +15,7 @@ constexpr std::array<std::uint8_t, 4> kUnknownSender = {0xff, 0xff, 0xff, 0xff};
 // Where the sender's SSRC lies in what a read returns: behind the prefix and the first RTCP word.
 constexpr std::size_t kSenderOffset = 8;
 
-constexpr std::chrono::milliseconds kLoopPause{50};
+constexpr int kLoopPause = 50;  // ms
 
 }  // namespace
 
@@ -43,16 +42,14 @@ int RTCPInstance::SetConfig(const _RTCP_CONFIG& config) {
 int RTCPInstance::Play() {
   if (!configured_) return 0;
   forget_sender_ = true;
+  stopped_.Reset();
   playing_ = true;
   return 1;
 }
 
 int RTCPInstance::StopPlay() {
-  {
-    const std::lock_guard lock(stop_mutex_);
-    playing_ = false;
-  }
-  stopped_.notify_all();
+  playing_ = false;
+  stopped_.Set();
   return 1;
 }
 
@@ -95,11 +92,7 @@ void RTCPInstance::SendReport() {
 }
 
 void RTCPInstance::RTCPProcessFn() {
-  std::unique_lock lock(stop_mutex_);
-  while (playing_) {
-    lock.unlock();
-    if (RTCPProcessNB() < 0) return;
-    lock.lock();
-    stopped_.wait_for(lock, kLoopPause, [this] { return !playing_; });
+  while (playing_ && RTCPProcessNB() >= 0) {
+    stopped_.Wait(kLoopPause);
   }
 }

@@ -4,13 +4,12 @@
 
 #include <array>
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 
 #include "cms/net/rtcp_step.h"
 #include "cms/runtime/api.h"
+#include "cms/runtime/event.h"
 
 class CFrameBufferNW;
 
@@ -99,6 +98,5 @@ class CMS_API RTCPInstance final : public RTCPStep {
   std::array<std::uint8_t, 4> sender_ssrc_;  // all ones: not known yet
   std::uint64_t last_report_ = 0;            // ms; 0: none yet
 
-  std::mutex stop_mutex_;
-  std::condition_variable stopped_;  // wakes RTCPProcessFn
+  cms::Event stopped_;  // wakes RTCPProcessFn
 };

@@ -5,64 +5,75 @@
 #include <atomic>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 #include "cms/runtime/clock.h"
+#include "cms/runtime/critical.h"
 #include "cms/runtime/internal/named_thread.h"
 #include "cms/streaming/rtsp_url.h"
 
 namespace cms {
 namespace {
 
-// One question to the resolver and those who wait for its answer.
-struct Question {
-  bool answered = false;
-  std::optional<std::uint32_t> address;
-  std::vector<std::shared_ptr<WakeUp>> waiting;
-};
-
-struct Questions {
-  std::mutex mutex;  // guards the map and what it points to
-  std::map<std::string, std::shared_ptr<Question>> open;
-};
-
-// Never destroyed: a thread that was left behind may outlive static objects.
-Questions& TheQuestions() {
-  static auto* const questions = new Questions;
-  return *questions;
-}
-
 std::atomic<Resolver> resolver_in_use{nullptr};
 
-void Ask(const std::string& host, const std::shared_ptr<Question>& question) {
-  const Resolver resolver = resolver_in_use.load();
-  const auto address = resolver != nullptr ? resolver(host) : ResolveIPv4(host);
-  Questions& questions = TheQuestions();
-  std::lock_guard lock(questions.mutex);
-  question->answered = true;
-  question->address = address;
-  for (const auto& waiting : question->waiting) {
-    waiting->Signal();
-  }
-  questions.open.erase(host);
-}
+// The questions to the resolver that are open, and those who wait for their answers.
+class Questions {
+ public:
+  struct Question {
+    bool answered = false;
+    std::optional<std::uint32_t> address;
+    std::vector<std::shared_ptr<WakeUp>> waiting;
+  };
 
-// The question to which `answered` is signalled; nullptr when no thread could be had for it.
-std::shared_ptr<Question> Join(const std::string& host, const std::shared_ptr<WakeUp>& answered) {
-  Questions& questions = TheQuestions();
-  std::lock_guard lock(questions.mutex);
-  auto& question = questions.open[host];
-  if (question == nullptr) {
-    question = std::make_shared<Question>();
-    if (!NamedThread::StartDetached("cms-lookup", [host, asked = question] { Ask(host, asked); })) {
-      questions.open.erase(host);
-      return nullptr;
-    }
+  // Never destroyed: a thread that was left behind may outlive static objects.
+  static Questions& Instance() {
+    static auto* const questions = new Questions;
+    return *questions;
   }
-  question->waiting.push_back(answered);
-  return question;
-}
+
+  // The question to which `answered` is signalled; nullptr when no thread could be had for it.
+  std::shared_ptr<Question> Join(const std::string& host, const std::shared_ptr<WakeUp>& answered) {
+    ScopeLock lock(lock_);
+    auto& question = open_[host];
+    if (question == nullptr) {
+      question = std::make_shared<Question>();
+      if (!NamedThread::StartDetached("cms-lookup",
+                                      [this, host, asked = question] { Ask(host, *asked); })) {
+        open_.erase(host);
+        return nullptr;
+      }
+    }
+    question->waiting.push_back(answered);
+    return question;
+  }
+
+  // Nothing while it has none.
+  std::optional<NameLookup> AnswerTo(const Question& question) {
+    ScopeLock lock(lock_);
+    if (!question.answered) {
+      return std::nullopt;
+    }
+    return question.address ? NameLookup{NameLookup::Outcome::kFound, *question.address}
+                            : NameLookup{NameLookup::Outcome::kNoAddress, 0};
+  }
+
+ private:
+  void Ask(const std::string& host, Question& question) {
+    const Resolver resolver = resolver_in_use.load();
+    const auto address = resolver != nullptr ? resolver(host) : ResolveIPv4(host);
+    ScopeLock lock(lock_);
+    question.answered = true;
+    question.address = address;
+    for (const auto& waiting : question.waiting) {
+      waiting->Signal();
+    }
+    open_.erase(host);
+  }
+
+  CMSCritical lock_;  // of the questions' fields, too
+  std::map<std::string, std::shared_ptr<Question>> open_ CMS_GUARDED_BY(lock_);
+};
 
 bool IsReadable(const pollfd& entry) {
   return (entry.revents & POLLIN) != 0;
@@ -76,7 +87,7 @@ NameLookup LookUpIPv4(const std::string& host, int limitMs, const WakeUp& cancel
     return {Outcome::kFound, *dotted};
   }
   const auto answered = std::make_shared<WakeUp>();
-  const auto question = Join(host, answered);
+  const auto question = Questions::Instance().Join(host, answered);
   if (question == nullptr) {
     return {Outcome::kNoThread, 0};
   }
@@ -88,10 +99,8 @@ NameLookup LookUpIPv4(const std::string& host, int limitMs, const WakeUp& cancel
     if (IsReadable(entries[1])) {
       return {Outcome::kCancelled, 0};
     }
-    std::lock_guard lock(TheQuestions().mutex);
-    if (question->answered) {
-      return question->address ? NameLookup{Outcome::kFound, *question->address}
-                               : NameLookup{Outcome::kNoAddress, 0};
+    if (const auto answer = Questions::Instance().AnswerTo(*question)) {
+      return *answer;
     }
     if (now >= end) {
       return {Outcome::kTimeout, 0};
