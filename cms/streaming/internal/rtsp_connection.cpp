@@ -78,7 +78,7 @@ void RTSPConnection::OnUnendedMessage(std::string_view text, bool grown) {
     TakeAnswer(text, true);
     return;
   }
-  std::lock_guard lock(mutex_);
+  const ScopeLock hold(lock_);
   if (answer_ && unended_ && text.size() > answer_->size()) {
     answer_->append(text.substr(answer_->size()));
     arrived_.notify_all();
@@ -94,7 +94,7 @@ void RTSPConnection::TakeAnswer(std::string_view text, bool unended) {
   const std::optional<int> cseq = message.CSeq();
   bool keepAlive = false;
   {
-    std::lock_guard lock(mutex_);
+    const ScopeLock hold(lock_);
     // Some cameras leave out the CSeq, or always send the same: then the only request that can be
     // meant takes the answer.
     const bool only = keepAlive_ == 0 && !unanswered_;
@@ -138,7 +138,7 @@ int RTSPConnection::SendWhole(std::string_view text) {
 
 bool RTSPConnection::SendRequest(std::string_view request, int cseq) {
   {
-    std::lock_guard lock(mutex_);
+    const ScopeLock hold(lock_);
     answer_.reset();
     unended_ = false;
     expected_ = cseq;
@@ -157,15 +157,16 @@ RTSPConnection::Wait RTSPConnection::WaitLastAnswer(int timeoutMs, std::string* 
 
 RTSPConnection::Wait RTSPConnection::WaitAnswerUnless(bool cancellable, int timeoutMs,
                                                       std::string* answer) {
-  std::unique_lock lock(mutex_);
+  const ScopeLock hold(lock_);
   const auto cancelled = [&] { return cancellable && gate_.IsShut(); };
-  arrived_.wait_for(lock, std::chrono::milliseconds(timeoutMs),
-                    [&] { return answer_ || cancelled() || closed_.load(); });
+  arrived_.wait_for(lock_, std::chrono::milliseconds(timeoutMs),
+                    [&]() CMS_REQUIRES(lock_) { return answer_ || cancelled() || closed_.load(); });
   expected_ = 0;
   for (std::size_t seen = 0; answer_ && unended_ && answer_->size() > seen;) {
     seen = answer_->size();
-    arrived_.wait_for(lock, kEndOfDescription,
-                      [&] { return cancelled() || closed_.load() || answer_->size() > seen; });
+    arrived_.wait_for(lock_, kEndOfDescription, [&]() CMS_REQUIRES(lock_) {
+      return cancelled() || closed_.load() || answer_->size() > seen;
+    });
   }
   if (answer_) {
     *answer = std::move(*answer_);
@@ -181,7 +182,7 @@ RTSPConnection::Wait RTSPConnection::WaitAnswerUnless(bool cancellable, int time
 
 bool RTSPConnection::SendKeepAlive(std::string_view request, int cseq) {
   {
-    std::lock_guard lock(mutex_);
+    const ScopeLock hold(lock_);
     keepAlive_ = cseq;
     keepAliveAnswer_.reset();
   }
@@ -189,23 +190,23 @@ bool RTSPConnection::SendKeepAlive(std::string_view request, int cseq) {
 }
 
 std::optional<std::string> RTSPConnection::TakeKeepAliveAnswer() {
-  std::lock_guard lock(mutex_);
+  const ScopeLock hold(lock_);
   return std::exchange(keepAliveAnswer_, std::nullopt);
 }
 
 bool RTSPConnection::KeepAliveIsOpen() {
-  std::lock_guard lock(mutex_);
+  const ScopeLock hold(lock_);
   return keepAlive_ != 0;
 }
 
 void RTSPConnection::OnCancel() {
-  std::lock_guard lock(mutex_);
+  const ScopeLock hold(lock_);
   arrived_.notify_all();
 }
 
 void RTSPConnection::MarkClosed() {
   {
-    std::lock_guard lock(mutex_);
+    const ScopeLock hold(lock_);
     closed_.store(true);
     arrived_.notify_all();
   }

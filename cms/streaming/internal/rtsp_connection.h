@@ -4,13 +4,13 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
-#include <mutex>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 
 #include "cms/net/tcp_client.h"
+#include "cms/runtime/critical.h"
 #include "cms/runtime/internal/cancel_gate.h"
 #include "cms/streaming/internal/name_lookup.h"
 #include "cms/streaming/internal/rtsp_demultiplexer.h"
@@ -92,14 +92,16 @@ class RTSPConnection final : public TCPClientBase,
   int connectTimeoutMs_ = -1;
   std::atomic<bool> started_{false};
 
-  std::mutex mutex_;  // guards the mailbox below
-  std::condition_variable arrived_;
-  int expected_ = 0;  // CSeq of the request that is waited for, 0: none
-  std::optional<std::string> answer_;
-  bool unended_ = false;     // more of the answer may come: it says nothing about its length
-  bool unanswered_ = false;  // a request is, so that a late answer may still come
-  int keepAlive_ = 0;
-  std::optional<std::string> keepAliveAnswer_;
+  CMSCritical lock_;                        // of the mailbox
+  std::condition_variable_any arrived_;     // or nothing will
+  int expected_ CMS_GUARDED_BY(lock_) = 0;  // CSeq of the request that is waited for, 0: none
+  std::optional<std::string> answer_ CMS_GUARDED_BY(lock_);
+  // More of the answer may come: it says nothing about its length.
+  bool unended_ CMS_GUARDED_BY(lock_) = false;
+  // A request is, so that a late answer may still come.
+  bool unanswered_ CMS_GUARDED_BY(lock_) = false;
+  int keepAlive_ CMS_GUARDED_BY(lock_) = 0;  // CSeq of the one that is not answered, 0: none
+  std::optional<std::string> keepAliveAnswer_ CMS_GUARDED_BY(lock_);
 };
 
 }  // namespace cms
