@@ -43,6 +43,7 @@ SHARED_INTERNALS = {
     "cms/recording/internal/record_bytes.h",
     "cms/recording/site/internal/site_gaps.h",
     "cms/recording/site/internal/site_recording.h",
+    "cms/runtime/internal/cancel_gate.h",
     "cms/runtime/internal/named_thread.h",
     "cms/runtime/internal/turns.h",
     "cms/streaming/internal/bit_reader.h",
