@@ -4,13 +4,12 @@
 #include <string_view>
 #include <vector>
 
+#include "cms/live/media/frame_type.h"
 #include "cms/runtime/clock.h"
 #include "cms/streaming/internal/parameter_sets.h"
 #include "cms/streaming/internal/picture_size.h"
 
 namespace {
-
-constexpr int kKeyFrameType = 1;
 
 cms::AudioFormatDescriptor FormatOf(const _RTSPSUBSESSION_CONFIG& audio) {
   cms::AudioFormatDescriptor format;
@@ -100,7 +99,7 @@ void CMSRTSPClient::FrameSource::HandVideo(unsigned char* header, unsigned char*
   }
   if (channel != nullptr) {
     channel->SetTime(info.hostSeconds + info.clockOffset);
-    if (frameType == kKeyFrameType) {
+    if (frameType == cms::kKeyFrame) {
       NotePictureSize(*channel, payload, length);
     }
   }
