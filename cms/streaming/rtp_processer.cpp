@@ -36,8 +36,9 @@ RTPProcesserBase::RTPProcesserBase(bool isVideo, bool checksSequence)
 RTPProcesserBase::~RTPProcesserBase() = default;
 
 void RTPProcesserBase::SetFrameCallback(FrameCallback callback, void* context) {
-  callback_ = callback;
-  callbackContext_ = context;
+  callback_.callback = callback;
+  callback_.context = context;
+  sink_ = callback != nullptr ? &callback_ : nullptr;
 }
 
 void RTPProcesserBase::ResetFrameBuffer() {
@@ -234,10 +235,10 @@ int RTPProcesserBase::ProcessData(void* packet, int length) {
   if (IsEndOfFrame(packet, length, headerSize) == 0) {
     return 0;
   }
-  const bool delivers = !discard_ && frameLength_ >= kMinFrameLength && callback_ != nullptr;
+  const bool delivers = !discard_ && frameLength_ >= kMinFrameLength && sink_ != nullptr;
   if (delivers) {
     std::memset(frame_ + frameLength_, 0, kTailRoom);
-    callback_(callbackContext_, frame_, frameLength_);
+    sink_->OnFrame(*this, {frame_, static_cast<std::size_t>(frameLength_)});
   } else if (discard_ || frameLength_ > 0) {
     Add(dropped_, 1);
   }

@@ -13,21 +13,30 @@
 #include "cms/runtime/api.h"
 
 // Turns the RTP packets of one media stream (RFC 3550) into whole frames. Each packet goes to
-// ProcessData; the packet that ends a frame has it handed to the frame callback, inside that call.
+// ProcessData; the packet that ends a frame has it handed to the sink, inside that call.
 // Frames are assembled in place in a buffer that is allocated once.
 //
 // After construction and after a lost packet, packets are dropped up to and including the end of
 // the current frame; reception resumes with the first packet behind a frame end that FindIFrame
 // accepts. A damaged, unsupported or oversize frame is dropped in the same way.
 //
-// Threads: the receiving thread of the stream drives the object and runs the callback. The owner
-// sets callback and parameter sets before the first packet. Members that say so may be called from
+// Threads: the receiving thread of the stream drives the object and runs the sink. The owner
+// sets sink and parameter sets before the first packet. Members that say so may be called from
 // any thread. Packets are only read; they need to live only during the call.
 class CMS_API RTPProcesserBase {
  public:
-  // `frame` stays valid during the call only. kFrontRoom bytes in front of it are the callback's to
-  // write (a frame header goes there without the frame being copied), and kTailRoom bytes behind
-  // it are zero (bit readers of decoders look past the end).
+  // Where finished frames go. `frame` stays valid during the call only. kFrontRoom bytes in front
+  // of it are the sink's to write (a frame header goes there without the frame being copied), and
+  // kTailRoom bytes behind it are zero (bit readers of decoders look past the end). Its type is
+  // what GetFrameData of the depacketizer says, which is asked once.
+  class Sink {
+   public:
+    virtual void OnFrame(RTPProcesserBase& depacketizer, std::span<std::uint8_t> frame) = 0;
+
+   protected:
+    ~Sink() = default;
+  };
+  // The same as a function with a context.
   using FrameCallback = void (*)(void* context, void* frame, int length);
 
   static constexpr int kFrameCapacity = 512000;  // longest frame, inserted headers included
@@ -40,12 +49,12 @@ class CMS_API RTPProcesserBase {
   RTPProcesserBase(const RTPProcesserBase&) = delete;
   RTPProcesserBase& operator=(const RTPProcesserBase&) = delete;
 
-  // One RTP packet with its header. 1 when it completed a frame that the callback was given, else
+  // One RTP packet with its header. 1 when it completed a frame that the sink was given, else
   // 0. Padding (RFC 3550, 5.1) is taken off; lengths inside the packet that lie fail it.
   virtual int ProcessData(void* packet, int length);
 
-  // Sets the frame type of a finished frame, a cms::FrameType. `length`
-  // is not read; the caller owes as many readable bytes as the codec's class says.
+  // Sets the frame type of a finished frame, a cms::FrameType. `length` is not read; the caller
+  // owes as many readable bytes as the codec's class says.
   virtual void GetFrameData(void* frame, int* length, int* frameType) = 0;
 
   // What ProcessData does with a packet in front of its payload: statistics, sequence and losses.
@@ -64,7 +73,8 @@ class CMS_API RTPProcesserBase {
 
   static constexpr int kAskNextPacket = -1;
 
-  // Both null until set; without a callback frames are dropped. The context is the owner's.
+  // Null until set: frames are dropped then. The sink and the context are the owner's.
+  void SetSink(Sink* sink) { sink_ = sink; }
   void SetFrameCallback(FrameCallback callback, void* context);
 
   // Drops the frame in progress; whether packets are being discarded stays as it is.
@@ -146,6 +156,15 @@ class CMS_API RTPProcesserBase {
     void operator()(unsigned char* buffer) const;
   };
 
+  class CallbackSink final : public Sink {
+   public:
+    void OnFrame(RTPProcesserBase&, std::span<std::uint8_t> frame) override {
+      callback(context, frame.data(), static_cast<int>(frame.size()));
+    }
+    FrameCallback callback = nullptr;
+    void* context = nullptr;
+  };
+
   // Byte-rate statistics. Written by the receiving thread, read by any; touched while on only.
   struct Statistics {
     std::atomic<bool> on{false};
@@ -175,8 +194,8 @@ class CMS_API RTPProcesserBase {
   std::atomic<std::uint16_t> lastSequence_{0};
   Statistics statistics_;
 
-  FrameCallback callback_ = nullptr;
-  void* callbackContext_ = nullptr;
+  Sink* sink_ = nullptr;
+  CallbackSink callback_;
   std::unique_ptr<unsigned char, FreeBuffer> buffer_;
   std::atomic<unsigned int> totalLost_{0};
   std::atomic<unsigned int> recentLost_{0};

@@ -5,7 +5,6 @@
 #include <new>
 
 #include "cms/live/media/codec_id.h"
-#include "cms/live/media/frame_type.h"
 #include "cms/live/media/input_padding.h"
 #include "cms/streaming/h264_rtp_processer.h"
 #include "cms/streaming/internal/parameter_sets.h"
@@ -59,11 +58,12 @@ int RTSPSubSession::CreateRTPProcesser() {
   processer_->SetSiteNum(options_.siteNumber);
   processer_->SetIsBPSCounting(!options_.video);
   if (options_.video) {
-    processer_->SetFrameCallback(&RTSPSubSession::OnFrame, this);
+    processer_->SetSink(options_.sink);
   } else {
-    audioFrame_.reset(new (std::nothrow) unsigned char[static_cast<std::size_t>(
-        options_.headerRoom + kLargestPacket + cms::kInputPadding)]);
-    if (!audioFrame_) {
+    sound_.reset(
+        new (std::nothrow)
+            std::uint8_t[RTPProcesserBase::kFrontRoom + kLargestPacket + cms::kInputPadding]);
+    if (!sound_) {
       return 0;
     }
   }
@@ -103,25 +103,12 @@ int RTSPSubSession::RTPOverRTSPAddPacket(const void* data, int length) {
 }
 
 void RTSPSubSession::DeliverAudio(std::span<const std::uint8_t> payload) {
-  if (payload.empty() || payload.size() > kLargestPacket || options_.callback == nullptr) {
+  if (payload.empty() || payload.size() > kLargestPacket || options_.sink == nullptr) {
     return;
   }
-  unsigned char* const frame = audioFrame_.get() + options_.headerRoom;
-  std::memcpy(frame, payload.data(), payload.size());
-  options_.callback(options_.context, audioFrame_.get(), options_.headerRoom, frame,
-                    static_cast<int>(payload.size()), cms::kKeyFrame);
-}
-
-void RTSPSubSession::OnFrame(void* context, void* frame, int length) {
-  auto* const self = static_cast<RTSPSubSession*>(context);
-  if (self->options_.callback == nullptr) {
-    return;
-  }
-  int frameType = cms::kUntoldFrame;
-  self->processer_->GetFrameData(frame, &length, &frameType);
-  auto* const payload = static_cast<unsigned char*>(frame);
-  self->options_.callback(self->options_.context, payload - self->options_.headerRoom,
-                          self->options_.headerRoom, payload, length, frameType);
+  std::uint8_t* const block = sound_.get() + RTPProcesserBase::kFrontRoom;
+  std::memcpy(block, payload.data(), payload.size());
+  options_.sink->OnSound({block, payload.size()});
 }
 
 void RTSPSubSession::ResetLostCount() {

@@ -11,21 +11,25 @@
 #include "cms/streaming/rtcp_instance.h"
 #include "cms/streaming/rtp_processer.h"
 
-// A finished frame. `frameBuffer` begins with `headerRoom` bytes for the callee to write the frame
-// header into, and `payload` lies right behind them. All is valid during the call only.
-using RTSPFrameCallback = void (*)(void* context, unsigned char* frameBuffer, int headerRoom,
-                                   unsigned char* payload, int length, int frameType);
+// Where the frames of a stream go: pictures from the depacketizer, sound packet by packet.
+class RTSPFrameSink : public RTPProcesserBase::Sink {
+ public:
+  // As OnFrame: `block` is valid during the call only, and kFrontRoom bytes in front of it are the
+  // sink's to write.
+  virtual void OnSound(std::span<std::uint8_t> block) = 0;
+
+ protected:
+  ~RTSPFrameSink() = default;
+};
 
 // What a sub-session is made for, beyond what the description says of its stream.
 struct RTSPSubSessionOptions {
   bool video = true;
-  int headerRoom = 0;  // at most RTPProcesserBase::kFrontRoom
   int siteNumber = 0;
   // For servers that send an access-unit delimiter or filler data: see
   // H264RTPProcesser::SetIgnoreDelimiters.
   bool ignoreDelimiters = false;
-  RTSPFrameCallback callback = nullptr;
-  void* context = nullptr;
+  RTSPFrameSink* sink = nullptr;  // the owner's
 };
 
 // Video packets go to the depacketizer of their encoding, whose finished frames are handed on.
@@ -69,13 +73,12 @@ class CMS_API RTSPSubSession final : public RTCPStatistics {
   void ResetFraction() override { ResetLostCount(); }
 
  private:
-  static void OnFrame(void* context, void* frame, int length);
   void DeliverAudio(std::span<const std::uint8_t> payload);
 
   _RTSPSUBSESSION_CONFIG config_{};
   RTSPSubSessionOptions options_;
   std::unique_ptr<RTPProcesserBase> processer_;
-  std::unique_ptr<unsigned char[]> audioFrame_;  // header room, then one packet's payload
+  std::unique_ptr<std::uint8_t[]> sound_;  // front room, then one packet's payload
   std::atomic<bool> playing_{false};
   std::atomic<std::uint64_t> packets_{0};
   bool leftOut_ = false;  // packets came while not playing; the receiving thread's

@@ -89,14 +89,16 @@ TEST(RealSender, AudioComesWithoutMarkers) {
   none.Feed(packets);
   EXPECT_TRUE(none.frames.empty());
 
-  Frames heard;
+  struct : RTSPFrameSink {
+    void OnFrame(RTPProcesserBase&, std::span<std::uint8_t>) override {}
+    void OnSound(std::span<std::uint8_t> block) override {
+      heard.emplace_back(block.begin(), block.end());
+    }
+    Frames heard;
+  } sink;
   RTSPSubSessionOptions options;
   options.video = false;
-  options.context = &heard;
-  options.callback = [](void* context, unsigned char*, int, unsigned char* payload, int length,
-                        int) {
-    static_cast<Frames*>(context)->emplace_back(payload, payload + length);
-  };
+  options.sink = &sink;
   _RTSPSUBSESSION_CONFIG config;
   config.payloadType = 0;
   config.SetEncodingName("PCMU");
@@ -106,5 +108,5 @@ TEST(RealSender, AudioComesWithoutMarkers) {
   for (const auto& packet : packets) {
     session.RTPOverRTSPAddPacket(packet.data(), static_cast<int>(packet.size()));
   }
-  EXPECT_EQ(heard, chunks);
+  EXPECT_EQ(sink.heard, chunks);
 }

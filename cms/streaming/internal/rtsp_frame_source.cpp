@@ -1,32 +1,36 @@
 #include "cms/streaming/internal/rtsp_frame_source.h"
 
 #include <span>
-#include <string_view>
 #include <vector>
 
+#include "cms/live/media/codec_id.h"
 #include "cms/live/media/frame_type.h"
 #include "cms/runtime/clock.h"
 #include "cms/streaming/internal/parameter_sets.h"
 #include "cms/streaming/internal/picture_size.h"
 
+static_assert(RTPProcesserBase::kFrontRoom >= cms::kVideoHeaderRoom &&
+              RTPProcesserBase::kFrontRoom >= cms::kAudioHeaderRoom);
+
 namespace {
 
 cms::AudioFormatDescriptor FormatOf(const _RTSPSUBSESSION_CONFIG& audio) {
   cms::AudioFormatDescriptor format;
-  const std::string_view encoding =
-      audio.payloadType != kNoPayloadType ? audio.encodingName : std::string_view();
-  if (encoding == "PCMU") {
-    format.codecId = CMS_CODEC_PCM_MULAW;
-    format.bitsPerSample = 8;
-  } else if (encoding == "PCMA") {
-    format.codecId = CMS_CODEC_PCM_ALAW;
-    format.bitsPerSample = 8;
-  } else if (encoding == "L16") {
-    format.codecId = CMS_CODEC_PCM_S16BE;  // network byte order (RFC 3551, 4.5.11)
-    format.bitsPerSample = 16;
-  } else {
-    return format;
+  const CMSCodecID codec = audio.payloadType != kNoPayloadType
+                               ? cms::CodecOfEncodingName(audio.encodingName)
+                               : CMS_CODEC_NONE;
+  switch (codec) {
+    case CMS_CODEC_PCM_MULAW:
+    case CMS_CODEC_PCM_ALAW:
+      format.bitsPerSample = 8;
+      break;
+    case CMS_CODEC_PCM_S16BE:  // network byte order (RFC 3551, 4.5.11)
+      format.bitsPerSample = 16;
+      break;
+    default:
+      return format;
   }
+  format.codecId = static_cast<std::uint32_t>(codec);
   format.sampleRate = audio.clockRate;
   format.channels = static_cast<std::uint16_t>(audio.channels);
   return format;
@@ -40,10 +44,8 @@ cms::PictureSize SizeOf(const _RTSPSUBSESSION_CONFIG& video) {
 
 }  // namespace
 
-CMSRTSPClient::FrameSource::FrameSource(CMSRTSPClient& client, const stRTSPClientConfig& config,
-                                        RTSPSubSession& video)
+CMSRTSPClient::FrameSource::FrameSource(CMSRTSPClient& client, const stRTSPClientConfig& config)
     : client_(client),
-      video_(video),
       channel_(config.channel),
       stream_(static_cast<unsigned>(config.streamNumber)),
       clockOffset_(config.clockOffsetSeconds) {}
@@ -57,72 +59,70 @@ void CMSRTSPClient::FrameSource::TakeDescription(const MediaSession& description
   sound_ = FormatOf(audio);
 }
 
-void CMSRTSPClient::FrameSource::OnVideo(void* context, unsigned char* frameBuffer, int,
-                                         unsigned char* payload, int length, int frameType) {
-  static_cast<FrameSource*>(context)->HandVideo(frameBuffer, payload, length, frameType);
-}
-
-void CMSRTSPClient::FrameSource::OnAudio(void* context, unsigned char* frameBuffer, int,
-                                         unsigned char* payload, int length, int) {
-  static_cast<FrameSource*>(context)->HandAudio(frameBuffer, payload, length);
-}
-
-void CMSRTSPClient::FrameSource::NoteFrame(cms::FrameInfo& info, int length) const {
-  info.payloadSize = static_cast<std::uint32_t>(length);
+void CMSRTSPClient::FrameSource::NoteFrame(cms::FrameInfo& info,
+                                           std::span<const std::uint8_t> payload) const {
+  info.payloadSize = static_cast<std::uint32_t>(payload.size());
   info.hostSeconds = cms::WallSeconds();
   info.clockOffset = clockOffset_;
   info.streamNumber = stream_;
   info.announcedOtherRate = otherFrameRate_;
 }
 
-void CMSRTSPClient::FrameSource::HandVideo(unsigned char* header, unsigned char* payload,
-                                           int length, int frameType) {
+void CMSRTSPClient::FrameSource::OnFrame(RTPProcesserBase& depacketizer,
+                                         std::span<std::uint8_t> frame) {
+  auto length = static_cast<int>(frame.size());
+  int frameType = cms::kUntoldFrame;
+  depacketizer.GetFrameData(frame.data(), &length, &frameType);
   const auto channel = client_.Channel(channel_);
   cms::VideoFrameInfo info;
-  NoteFrame(info, length);
+  NoteFrame(info, frame);
   info.frameRate =
       announcedFrameRate_ > 0 ? announcedFrameRate_ : client_.fpsReport_.GetRecentFps();
   info.frameType = frameType;
-  info.videoType = channel != nullptr ? channel->GetVideoType() : 0;
+  info.videoType = channel != nullptr ? channel->GetVideoType() : CMS_VIDEO_UNKNOWN;
   info.sequence = ++client_.videoSequence_;
-  const std::span<std::uint8_t, cms::kVideoHeaderRoom> area(header, cms::kVideoHeaderRoom);
-  cms::BuildVideoFrameHeader(area, info);
-
-  RTPProcesserBase* const processer = video_.Processer();
-  if (processer->GotAMetadata() != 0) {
-    unsigned char metadata[RTPProcesserBase::kMaxMetadata];
-    void* destination = metadata;
-    unsigned int metadataLength = 0;
-    processer->GetMetadata(&destination, &metadataLength);
-    client_.ConvertMetadataToDRVHeader(metadata, metadataLength, header, cms::kVideoHeaderRoom);
-    processer->ResetMetadada();
+  std::uint8_t* const header = frame.data() - cms::kVideoHeaderRoom;
+  cms::BuildVideoFrameHeader(std::span<std::uint8_t, cms::kVideoHeaderRoom>(header, frame.data()),
+                             info);
+  if (depacketizer.GotAMetadata() != 0) {
+    NoteMetadata(depacketizer, header);
   }
   if (channel != nullptr) {
     channel->SetTime(info.hostSeconds + info.clockOffset);
     if (frameType == cms::kKeyFrame) {
-      NotePictureSize(*channel, payload, length);
+      NotePictureSize(*channel, frame);
     }
   }
-  client_.OnGetVideoFrame(header, cms::kVideoHeaderRoom, payload, length, channel_, frameType);
+  client_.OnGetVideoFrame(header, cms::kVideoHeaderRoom, frame.data(), length, channel_, frameType);
+}
+
+void CMSRTSPClient::FrameSource::NoteMetadata(RTPProcesserBase& depacketizer,
+                                              std::uint8_t* header) const {
+  unsigned char metadata[RTPProcesserBase::kMaxMetadata];
+  void* destination = metadata;
+  unsigned int length = 0;
+  depacketizer.GetMetadata(&destination, &length);
+  client_.ConvertMetadataToDRVHeader(metadata, length, header, cms::kVideoHeaderRoom);
+  depacketizer.ResetMetadada();
 }
 
 void CMSRTSPClient::FrameSource::NotePictureSize(CMSChannelDataBase& channel,
-                                                 const unsigned char* payload, int length) const {
+                                                 std::span<const std::uint8_t> frame) const {
   const cms::PictureSize size =
-      cms::AnnouncedSize(channel.GetVideoType(), {payload, static_cast<std::size_t>(length)})
-          .value_or(described_);
+      cms::AnnouncedSize(channel.GetVideoType(), frame).value_or(described_);
   if (size.width > 0) {
     channel.SetVideoWidthAndHeight(static_cast<unsigned>(size.width),
                                    static_cast<unsigned>(size.height));
   }
 }
 
-void CMSRTSPClient::FrameSource::HandAudio(unsigned char* header, unsigned char* payload,
-                                           int length) {
+void CMSRTSPClient::FrameSource::OnSound(std::span<std::uint8_t> block) {
   cms::AudioFrameInfo info;
-  NoteFrame(info, length);
+  NoteFrame(info, block);
   info.format = sound_;
-  const std::span<std::uint8_t, cms::kAudioHeaderRoom> area(header, cms::kAudioHeaderRoom);
-  cms::BuildAudioFrameHeader(area, info);
-  client_.OnGetAudioFrame(header, cms::kAudioHeaderRoom, payload, length, channel_);
+  std::uint8_t* const header = block.data() - cms::kAudioHeaderRoom;
+  cms::BuildAudioFrameHeader(std::span<std::uint8_t, cms::kAudioHeaderRoom>(header, block.data()),
+                             info);
+  client_.OnGetAudioFrame(header, cms::kAudioHeaderRoom, block.data(),
+                          static_cast<int>(block.size()), channel_);
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 
 #include "cms/live/media/frame_header.h"
 #include "cms/streaming/media_session.h"
@@ -11,28 +12,23 @@
 
 // Writes their headers. What it knows is copied from the configuration and the description before
 // the first packet comes; from then on all belongs to the receiving thread, which takes no lock.
-class CMSRTSPClient::FrameSource final {
+class CMSRTSPClient::FrameSource final : public RTSPFrameSink {
  public:
-  FrameSource(CMSRTSPClient& client, const stRTSPClientConfig& config, RTSPSubSession& video);
+  FrameSource(CMSRTSPClient& client, const stRTSPClientConfig& config);
 
   void TakeDescription(const MediaSession& description, const _RTSPSUBSESSION_CONFIG& video,
                        const _RTSPSUBSESSION_CONFIG& audio);
   const cms::AudioFormatDescriptor& Sound() const { return sound_; }  // codec 0: there is none
 
-  // RTSPFrameCallbacks, whose context is the source.
-  static void OnVideo(void* context, unsigned char* frameBuffer, int headerRoom,
-                      unsigned char* payload, int length, int frameType);
-  static void OnAudio(void* context, unsigned char* frameBuffer, int headerRoom,
-                      unsigned char* payload, int length, int frameType);
+  void OnFrame(RTPProcesserBase& depacketizer, std::span<std::uint8_t> frame) override;
+  void OnSound(std::span<std::uint8_t> block) override;
 
  private:
-  void HandVideo(unsigned char* header, unsigned char* payload, int length, int frameType);
-  void HandAudio(unsigned char* header, unsigned char* payload, int length);
-  void NoteFrame(cms::FrameInfo& info, int length) const;
-  void NotePictureSize(CMSChannelDataBase& channel, const unsigned char* payload, int length) const;
+  void NoteFrame(cms::FrameInfo& info, std::span<const std::uint8_t> payload) const;
+  void NoteMetadata(RTPProcesserBase& depacketizer, std::uint8_t* header) const;
+  void NotePictureSize(CMSChannelDataBase& channel, std::span<const std::uint8_t> frame) const;
 
   CMSRTSPClient& client_;
-  RTSPSubSession& video_;
   const unsigned channel_;
   const unsigned stream_;
   const int clockOffset_;  // seconds

@@ -41,7 +41,7 @@ CMSRTSPClient::Session::Session(CMSRTSPClient& client,
       video_(connection_),
       audio_(connection_),
       talk_(connection_),
-      frames_(client, target_->config, video_.subSession) {}
+      frames_(client, target_->config) {}
 
 CMSRTSPClient::Session::~Session() {
   Stop();
@@ -154,11 +154,9 @@ StreamFailure CMSRTSPClient::Session::Describe() {
 
 StreamFailure CMSRTSPClient::Session::MakeSubSessions() {
   RTSPSubSessionOptions options;
-  options.headerRoom = static_cast<int>(cms::kVideoHeaderRoom);
   options.siteNumber = target_->config.siteNumber;
   options.ignoreDelimiters = target_->config.ignoreDelimiters;
-  options.callback = &FrameSource::OnVideo;
-  options.context = &frames_;
+  options.sink = &frames_;
   if (video_.subSession.SetConfig(video_.config, options) == 0) {
     return {ConnectionFault::kNoUsableVideo,
             std::string("video in the encoding \"") + video_.config.encodingName +
@@ -166,8 +164,6 @@ StreamFailure CMSRTSPClient::Session::MakeSubSessions() {
   }
   if (audio_.Present()) {
     options.video = false;
-    options.headerRoom = static_cast<int>(cms::kAudioHeaderRoom);
-    options.callback = &FrameSource::OnAudio;
     if (audio_.subSession.SetConfig(audio_.config, options) == 0) {
       audio_.config.payloadType = kNoPayloadType;
     }
