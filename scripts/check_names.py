@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""Fails where two sources of one folder give a name of their own to different things.
+"""Fails where two sources of one folder give a name of their own to different things, and where a
+member is not called likeThis_.
 
 Builds that unite a folder's sources (ORVANTA_UNITE) show each source the unnamed namespaces of the
 others: a function of the same name could be taken silently where its parameters fit better.
@@ -14,6 +15,8 @@ FOLDERS = ("cms", "tools/data", "tools/serve", "tools/support", "tools/testcamer
 FUNCTION = re.compile(r"(?:\[\[.*?\]\] )?[A-Za-z_][\w:<>,*& ]*?[ *&](\w+)\(")
 TYPE = re.compile(r"(?:struct|class|enum class|enum|using) (\w+)")
 CONSTANT = re.compile(r"(?:constexpr|const|std::|static|thread_local).*?[ &*](\w+)(?:\[\w*\])?(?: =|\{|;)")
+MEMBER = re.compile(r"\b[a-z][a-z0-9]*(?:_[a-z0-9]+)+_\b")
+STRING = re.compile(r'"(?:[^"\\]|\\.)*"')
 NOT_NAMES = {"std", "nlohmann", "namespace"}
 
 
@@ -56,6 +59,12 @@ def main():
             if len(where) > 1:
                 clashes += 1
                 print(f"{folder}: {name} is several things, in", *(each.name for each in where))
+    for folder in ("cms", "tools", "tests", "fuzz", "bench", "examples"):
+        for source in sorted((root / folder).rglob("*")):
+            if source.suffix in (".h", ".cpp"):
+                for name in sorted(set(MEMBER.findall(STRING.sub("", source.read_text(encoding="utf-8"))))):
+                    clashes += 1
+                    print(f"{source}: a member is called likeThis_: {name}")
     return 1 if clashes else 0
 
 

@@ -14,7 +14,7 @@ PacketizedClip::PacketizedClip(const std::vector<test::EncodedFrame>& frames) {
     for (const test::RtpPacket& packet : packetizer.H264(frame.data)) {
       packets.push_back({bytes_.size(), packet.size() - kHeader, (packet[1] & 0x80) != 0});
       bytes_.insert(bytes_.end(), packet.begin() + kHeader, packet.end());
-      ++packet_count_;
+      ++packetCount_;
     }
   }
   std::string sps;
@@ -24,7 +24,7 @@ PacketizedClip::PacketizedClip(const std::vector<test::EncodedFrame>& frames) {
     sps = type == kSps ? cms::Base64(unit) : sps;
     pps = type == kPps ? cms::Base64(unit) : pps;
   }
-  parameter_sets_ = sps + "," + pps;
+  parameterSets_ = sps + "," + pps;
 }
 
 }  // namespace bench

@@ -118,8 +118,8 @@ class StreamServer {
   int rtp_ = -1;
   int rtcp_ = -1;
   unsigned port_ = 0;
-  unsigned rtp_port_ = 0;
-  unsigned rtcp_port_ = 0;
+  unsigned rtpPort_ = 0;
+  unsigned rtcpPort_ = 0;
   std::uint32_t sessions_ = 0;
   std::vector<std::unique_ptr<Client>> clients_;
 };
@@ -137,9 +137,9 @@ bool StreamServer::OpenSockets() {
   listener_ = BoundSocket(SOCK_STREAM, 0, &port_);
   for (int attempt = 0; attempt < 100 && rtcp_ < 0; ++attempt) {
     close(rtp_);
-    rtp_ = BoundSocket(SOCK_DGRAM, 0, &rtp_port_);
-    if (rtp_ >= 0 && rtp_port_ % 2 == 0) {
-      rtcp_ = BoundSocket(SOCK_DGRAM, rtp_port_ + 1, &rtcp_port_);
+    rtp_ = BoundSocket(SOCK_DGRAM, 0, &rtpPort_);
+    if (rtp_ >= 0 && rtpPort_ % 2 == 0) {
+      rtcp_ = BoundSocket(SOCK_DGRAM, rtpPort_ + 1, &rtcpPort_);
     }
   }
   if (listener_ < 0 || rtcp_ < 0 || listen(listener_, 256) != 0) {
@@ -253,8 +253,8 @@ bool StreamServer::SetUp(Client& client, std::string_view request, std::string* 
   client.rtp = Loopback(rtp);
   client.rtcp = Loopback(rtcp);
   *headers += "Transport: RTP/AVP;unicast;client_port=" + std::to_string(rtp) + "-" +
-              std::to_string(rtcp) + ";server_port=" + std::to_string(rtp_port_) + "-" +
-              std::to_string(rtcp_port_) + "\r\n";
+              std::to_string(rtcp) + ";server_port=" + std::to_string(rtpPort_) + "-" +
+              std::to_string(rtcpPort_) + "\r\n";
   return true;
 }
 

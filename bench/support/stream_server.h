@@ -28,14 +28,14 @@ class PacketizedClip {
   std::size_t FrameCount() const { return frames_.size(); }
   std::span<const Packet> Frame(std::size_t index) const { return frames_[index]; }
   const std::uint8_t* Data(const Packet& packet) const { return bytes_.data() + packet.offset; }
-  std::size_t PacketCount() const { return packet_count_; }
-  const std::string& ParameterSets() const { return parameter_sets_; }  // as a description has them
+  std::size_t PacketCount() const { return packetCount_; }
+  const std::string& ParameterSets() const { return parameterSets_; }  // as a description has them
 
  private:
   std::vector<std::uint8_t> bytes_;
   std::vector<std::vector<Packet>> frames_;
-  std::size_t packet_count_ = 0;
-  std::string parameter_sets_;
+  std::size_t packetCount_ = 0;
+  std::string parameterSets_;
 };
 
 // Serves the clip at 25 pictures a second, over and over, to any number of RTSP clients over UDP or

@@ -27,11 +27,11 @@ CMSFpsReport& CMSFpsReport::operator=(const CMSFpsReport& other) {
   debugger_ = other.debugger_;
   log_ = other.log_;
   bytes_ = other.bytes_;
-  interval_ms_ = other.interval_ms_;
+  intervalMs_ = other.intervalMs_;
   channel_ = other.channel_;
   title_ = other.title_;
-  recent_fps_.store(other.GetRecentFps(), std::memory_order_relaxed);
-  average_fps_.store(other.GetRecentAvgFps(), std::memory_order_relaxed);
+  recentFps_.store(other.GetRecentFps(), std::memory_order_relaxed);
+  averageFps_.store(other.GetRecentAvgFps(), std::memory_order_relaxed);
   kbps_.store(other.GetKbps(), std::memory_order_relaxed);
   watch_ = other.watch_;
   return *this;
@@ -47,13 +47,13 @@ std::int64_t CMSFpsReport::ElapsedMilliseconds() const {
 
 bool CMSFpsReport::AddFrameCount(unsigned long bytes, int frames) {
   const std::int64_t elapsed = ElapsedMilliseconds();
-  const bool report = elapsed > interval_ms_;
+  const bool report = elapsed > intervalMs_;
   if (report) {
     const double milliseconds = static_cast<double>(elapsed);
     const double recent = frames_ / milliseconds * 1000;
-    recent_fps_.store(recent, std::memory_order_relaxed);
-    average_fps_.store(GetRecentAvgFps() * kOldWeight + recent * kNewWeight,
-                       std::memory_order_relaxed);
+    recentFps_.store(recent, std::memory_order_relaxed);
+    averageFps_.store(GetRecentAvgFps() * kOldWeight + recent * kNewWeight,
+                      std::memory_order_relaxed);
     kbps_.store(bytes_ * 8.0 / milliseconds * (1.0 / 1024) * 1000, std::memory_order_relaxed);
     frames_ = 0;
     bytes_ = 0;
@@ -65,7 +65,7 @@ bool CMSFpsReport::AddFrameCount(unsigned long bytes, int frames) {
 }
 
 void CMSFpsReport::SetReportInterval(int seconds) {
-  interval_ms_ = std::clamp(seconds, 0, kMaxIntervalSeconds) * 1000;
+  intervalMs_ = std::clamp(seconds, 0, kMaxIntervalSeconds) * 1000;
 }
 
 void CMSFpsReport::SetReportFormat(const char* format, ...) {

@@ -34,8 +34,8 @@ class CMS_API CMSFpsReport {
   void SetChannel(int channel);
   int GetChannel() const { return channel_; }
 
-  double GetRecentFps() const { return recent_fps_.load(std::memory_order_relaxed); }
-  double GetRecentAvgFps() const { return average_fps_.load(std::memory_order_relaxed); }
+  double GetRecentFps() const { return recentFps_.load(std::memory_order_relaxed); }
+  double GetRecentAvgFps() const { return averageFps_.load(std::memory_order_relaxed); }
   double GetKbps() const { return kbps_.load(std::memory_order_relaxed); }  // 1 kilobit: 1024 bits
 
   // Switches kept for the client application; the class does not act on them.
@@ -53,11 +53,11 @@ class CMS_API CMSFpsReport {
   bool debugger_ = false;
   bool log_ = true;
   std::uint32_t bytes_ = 0;
-  std::int32_t interval_ms_ = 1000;
+  std::int32_t intervalMs_ = 1000;
   std::int32_t channel_ = 0;
   std::string title_;
-  std::atomic<double> recent_fps_{30.0};
-  std::atomic<double> average_fps_{30.0};
+  std::atomic<double> recentFps_{30.0};
+  std::atomic<double> averageFps_{30.0};
   std::atomic<double> kbps_{0.0};
   StopWatch watch_;
 };

@@ -37,15 +37,15 @@ ControlWriteFile::ControlWriteFile(cms::FileIo* io)
   if (!memory_) {
     return;
   }
-  failed_handles_.reserve(kSlots);
+  failedHandles_.reserve(kSlots);
   {
-    ScopeLock lock(buffers_lock_);
-    free_buffers_.reserve(kSlots);
+    ScopeLock lock(buffersLock_);
+    freeBuffers_.reserve(kSlots);
     for (std::size_t i = kSlots; i > 0; --i) {
-      free_buffers_.push_back(memory_.get() + (i - 1) * kSlotSize);
+      freeBuffers_.push_back(memory_.get() + (i - 1) * kSlotSize);
     }
   }
-  ScopeLock lock(thread_lock_);
+  ScopeLock lock(threadLock_);
   running_ = true;
   if (!thread_->Start("cms-write-queue", [this] { WriteQueueThrd(); })) {
     running_ = false;  // nothing is taken then
@@ -63,7 +63,7 @@ bool ControlWriteFile::AddToQueue(int handle, const void* data, std::uint32_t le
   }
   Slot* slot = nullptr;
   {
-    ScopeLock lock(fill_lock_);
+    ScopeLock lock(fillLock_);
     if (!running_) {
       return false;
     }
@@ -94,18 +94,18 @@ bool ControlWriteFile::AddToQueue(int handle, const void* data, std::uint32_t le
 
 void ControlWriteFile::stop() {
   {
-    ScopeLock lock(fill_lock_);  // whoever waits for room has got it before
+    ScopeLock lock(fillLock_);  // whoever waits for room has got it before
     running_ = false;
   }
   work_.Set();
-  ScopeLock lock(thread_lock_);
+  ScopeLock lock(threadLock_);
   thread_->Join();
 }
 
 bool ControlWriteFile::WaitWritten(int milliseconds) {
   const std::uint64_t target = claimed_;
   const std::uint64_t begin = cms::TickMilliseconds();
-  ScopeLock lock(waiter_lock_);
+  ScopeLock lock(waiterLock_);
   for (;;) {
     progress_.Reset();
     if (done_ >= target) {
@@ -164,12 +164,12 @@ void ControlWriteFile::WriteSlot(Slot& slot) {
   if (slot.length == 0) {
     return;
   }
-  const auto known = std::find(failed_handles_.begin(), failed_handles_.end(), slot.handle);
+  const auto known = std::find(failedHandles_.begin(), failedHandles_.end(), slot.handle);
   std::uint32_t written = 0;
-  if (known == failed_handles_.end()) {
+  if (known == failedHandles_.end()) {
     const int error = cms::WriteOut(Io(), slot.handle, slot.buffer, slot.length, written);
     if (error != 0) {
-      failed_handles_.push_back(slot.handle);
+      failedHandles_.push_back(slot.handle);
       int none = 0;
       if (slot.status) {
         slot.status->error.compare_exchange_strong(none, error);
@@ -177,7 +177,7 @@ void ControlWriteFile::WriteSlot(Slot& slot) {
     }
   }
   const std::uint32_t lost = slot.length - written;
-  lost_bytes_ += lost;
+  lostBytes_ += lost;
   if (slot.status) {
     slot.status->written_bytes += written;
     slot.status->lost_bytes += lost;
@@ -185,7 +185,7 @@ void ControlWriteFile::WriteSlot(Slot& slot) {
 }
 
 void ControlWriteFile::CloseSlot(Slot& slot) {
-  std::erase(failed_handles_, slot.handle);
+  std::erase(failedHandles_, slot.handle);
   const int error = Io().Close(slot.handle) == 0 ? 0 : errno;
   if (slot.status) {
     int none = 0;
@@ -197,13 +197,13 @@ void ControlWriteFile::CloseSlot(Slot& slot) {
 }
 
 std::uint8_t* ControlWriteFile::TakeBuffer() {
-  ScopeLock lock(buffers_lock_);
-  std::uint8_t* buffer = free_buffers_.back();  // there are as many as slots
-  free_buffers_.pop_back();
+  ScopeLock lock(buffersLock_);
+  std::uint8_t* buffer = freeBuffers_.back();  // there are as many as slots
+  freeBuffers_.pop_back();
   return buffer;
 }
 
 void ControlWriteFile::GiveBuffer(std::uint8_t* buffer) {
-  ScopeLock lock(buffers_lock_);
-  free_buffers_.push_back(buffer);
+  ScopeLock lock(buffersLock_);
+  freeBuffers_.push_back(buffer);
 }

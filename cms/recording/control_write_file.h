@@ -72,7 +72,7 @@ class CMS_API ControlWriteFile {
   bool WaitWritten(int milliseconds);
 
   std::uint32_t QueuedSlots() const { return queued_.load(std::memory_order_relaxed); }
-  std::uint64_t LostBytes() const { return lost_bytes_.load(std::memory_order_relaxed); }
+  std::uint64_t LostBytes() const { return lostBytes_.load(std::memory_order_relaxed); }
 
  private:
   struct Slot {
@@ -96,26 +96,26 @@ class CMS_API ControlWriteFile {
   std::unique_ptr<std::uint8_t[]> memory_;
   std::array<Slot, kSlots> slots_;
 
-  CMSCritical buffers_lock_;
-  std::vector<std::uint8_t*> free_buffers_ CMS_GUARDED_BY(buffers_lock_);
+  CMSCritical buffersLock_;
+  std::vector<std::uint8_t*> freeBuffers_ CMS_GUARDED_BY(buffersLock_);
 
-  CMSCritical fill_lock_;  // held while a producer waits for room: the others queue up behind it
-  std::uint32_t fill_ CMS_GUARDED_BY(fill_lock_) = kSlots - 1;
+  CMSCritical fillLock_;  // held while a producer waits for room: the others queue up behind it
+  std::uint32_t fill_ CMS_GUARDED_BY(fillLock_) = kSlots - 1;
   cms::Event room_;
-  std::atomic<std::uint64_t> claimed_{0};  // slots ever taken; written under fill_lock_
+  std::atomic<std::uint64_t> claimed_{0};  // slots ever taken; written under fillLock_
   std::atomic<std::uint32_t> queued_{0};
-  std::atomic<bool> running_{false};  // written under fill_lock_
+  std::atomic<bool> running_{false};  // written under fillLock_
 
   // The thread's own.
   std::uint32_t drain_ = kSlots - 1;
-  std::vector<int> failed_handles_;
+  std::vector<int> failedHandles_;
 
   cms::Event work_;
   std::atomic<std::uint64_t> done_{0};
   cms::Event progress_;
-  CMSCritical waiter_lock_;  // one WaitWritten at a time: it resets the event
-  std::atomic<std::uint64_t> lost_bytes_{0};
+  CMSCritical waiterLock_;  // one WaitWritten at a time: it resets the event
+  std::atomic<std::uint64_t> lostBytes_{0};
 
-  CMSCritical thread_lock_;
-  std::unique_ptr<cms::NamedThread> thread_ CMS_GUARDED_BY(thread_lock_);
+  CMSCritical threadLock_;
+  std::unique_ptr<cms::NamedThread> thread_ CMS_GUARDED_BY(threadLock_);
 };

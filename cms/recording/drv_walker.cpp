@@ -29,7 +29,7 @@ void DrvWalker::Refresh() {
   buffered_ = 0;
   if (ended_ && report_.error == 0 && report_.file_size > position_) {
     report_.skipped_bytes -= std::exchange(report_.tail_length, 0);
-    report_.bad_checks -= std::exchange(tail_bad_checks_, 0);
+    report_.bad_checks -= std::exchange(tailBadChecks_, 0);
     report_.tail = DrvTail::kNone;
     ended_ = false;
   }
@@ -46,16 +46,16 @@ std::span<const std::uint8_t> DrvWalker::Bytes(std::uint64_t offset, std::size_t
     return {};
   }
   wanted = std::min<std::uint64_t>(wanted, report_.file_size - offset);
-  if (offset < buffer_offset_ || offset + wanted > buffer_offset_ + buffered_) {
+  if (offset < bufferOffset_ || offset + wanted > bufferOffset_ + buffered_) {
     const std::size_t size =
         std::min<std::uint64_t>(std::max(wanted, kReadAhead), report_.file_size - offset);
-    buffer_offset_ = offset;
+    bufferOffset_ = offset;
     buffered_ = io_.ReadAllAt(handle_, buffer_.data(), size, offset);
     if (buffered_ < wanted && report_.error == 0) {
       report_.error = errno != 0 ? errno : EIO;  // the file became shorter meanwhile
     }
   }
-  const std::size_t skipped = offset - buffer_offset_;
+  const std::size_t skipped = offset - bufferOffset_;
   return std::span(buffer_).subspan(skipped, std::min(wanted, buffered_ - skipped));
 }
 
@@ -79,7 +79,7 @@ bool DrvWalker::LeadsOn(std::uint64_t offset, const DrvHeader& header) {
   if (end >= report_.file_size) {
     return end == report_.file_size;
   }
-  if (end + kDrvHeaderSize <= buffer_offset_ + buffered_) {
+  if (end + kDrvHeaderSize <= bufferOffset_ + buffered_) {
     return HeaderHoldsAt(end);
   }
   std::array<std::uint8_t, kDrvHeaderSize> bytes;
@@ -117,11 +117,11 @@ std::uint64_t DrvWalker::Find(std::uint64_t from, std::uint64_t limit, bool must
 std::optional<DrvFrame> DrvWalker::FrameAt(std::uint64_t offset) {
   const auto header = HeaderAt(offset);
   if (!header || !header->Holds()) {
-    tail_bad_checks_ = header && header->HasSync() ? 1 : 0;
-    report_.bad_checks += tail_bad_checks_;
+    tailBadChecks_ = header && header->HasSync() ? 1 : 0;
+    report_.bad_checks += tailBadChecks_;
     return std::nullopt;
   }
-  tail_bad_checks_ = 0;
+  tailBadChecks_ = 0;
   DrvFrame frame;
   frame.header = *header;
   frame.offset = offset;

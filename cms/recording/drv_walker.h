@@ -101,10 +101,10 @@ class CMS_API DrvWalker {
   FileIo& io_;
   const int handle_;
   std::vector<std::uint8_t> buffer_;
-  std::uint64_t buffer_offset_ = 0;
+  std::uint64_t bufferOffset_ = 0;
   std::size_t buffered_ = 0;
   std::uint64_t position_ = 0;
-  std::uint64_t tail_bad_checks_ = 0;
+  std::uint64_t tailBadChecks_ = 0;
   bool ended_ = false;
   DrvWalkReport report_;
 };

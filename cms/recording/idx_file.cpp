@@ -215,28 +215,28 @@ class RecordMaker {
  public:
   void Follow(const DrvIdx& record, const DrvFrame& frame) {
     channels_[frame.header.StreamNumber()] = record.channel;
-    last_channel_ = record.channel;
-    last_milliseconds_ = record.milliseconds;
+    lastChannel_ = record.channel;
+    lastMilliseconds_ = record.milliseconds;
   }
 
   DrvIdx Make(const DrvFrame& frame) {
     const std::uint64_t begin = std::uint64_t{frame.header.Seconds()} * 1000;
     DrvIdx record{};
-    record.channel = channels_[frame.header.StreamNumber()].value_or(last_channel_);
+    record.channel = channels_[frame.header.StreamNumber()].value_or(lastChannel_);
     record.offset = static_cast<std::uint32_t>(frame.offset);
     const std::uint64_t end = begin + 999;
-    record.milliseconds = last_milliseconds_ >= begin && last_milliseconds_ <= end
-                              ? std::min(last_milliseconds_ + 1, end)
+    record.milliseconds = lastMilliseconds_ >= begin && lastMilliseconds_ <= end
+                              ? std::min(lastMilliseconds_ + 1, end)
                               : begin;
     record.frame_type = frame.header.FrameType();
-    last_milliseconds_ = record.milliseconds;
+    lastMilliseconds_ = record.milliseconds;
     return record;
   }
 
  private:
   std::array<std::optional<std::uint32_t>, 4> channels_;  // by stream number
-  std::uint32_t last_channel_ = 0;
-  std::uint64_t last_milliseconds_ = 0;
+  std::uint32_t lastChannel_ = 0;
+  std::uint64_t lastMilliseconds_ = 0;
 };
 
 enum class IdxAction { kCompare, kRebuild };

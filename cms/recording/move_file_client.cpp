@@ -66,7 +66,7 @@ bool CLFX_MOVEFILE_Client::Supervision(std::uint32_t timeoutMs) {
 }
 
 void CLFX_MOVEFILE_Client::SetHighPriority() {
-  high_priority_ = true;
+  highPriority_ = true;
   changed_.Set();
 }
 
@@ -83,7 +83,7 @@ std::uint32_t CLFX_MOVEFILE_Client::ThreadRoutine() {
 }
 
 void CLFX_MOVEFILE_Client::OnMoveFile() {
-  if (high_priority_.exchange(false)) {
+  if (highPriority_.exchange(false)) {
     setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), kHighPriority);
   }
   changed_.Reset();
@@ -130,6 +130,6 @@ bool CLFX_MOVEFILE_Client::Move(const Pair& pair) {
     cms::RemoveMovingFiles(io, folder);
     swept_ = folder;
   }
-  last_error_ = error;
+  lastError_ = error;
   return error == 0;
 }

@@ -43,7 +43,7 @@ class CMS_API CLFX_MOVEFILE_Client : public CLFX::CLFXBaseThread {
   void SetHighPriority();
 
   std::size_t Pending() const;
-  int LastError() const { return last_error_.load(std::memory_order_relaxed); }  // errno; 0: none
+  int LastError() const { return lastError_.load(std::memory_order_relaxed); }  // errno; 0: none
 
  private:
   struct Pair {
@@ -63,6 +63,6 @@ class CMS_API CLFX_MOVEFILE_Client : public CLFX::CLFXBaseThread {
   CMSCritical moving_;                         // held while a file moves, taken before lock_
   std::string swept_ CMS_GUARDED_BY(moving_);  // the folder without leftovers of killed moves
   cms::Event changed_;                         // the list, or what the thread is to do
-  std::atomic<bool> high_priority_{false};
-  std::atomic<int> last_error_{0};
+  std::atomic<bool> highPriority_{false};
+  std::atomic<int> lastError_{0};
 };

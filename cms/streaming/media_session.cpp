@@ -197,7 +197,7 @@ int MediaSession::ParseDescription(std::string_view description, _RTSPSUBSESSION
 int MediaSession::parseSDPAttribute_control(std::string_view line) {
   std::string_view url;
   if (!TextScanner(line).Literal("a=control: ").Word(url, line.size()).Matched()) return 0;
-  control_url_ = url;
+  controlUrl_ = url;
   return 1;
 }
 
@@ -207,8 +207,8 @@ bool MediaSession::ParseRange(std::string_view line) {
   TextScanner scan(line);
   scan.Literal("a=range: npt = ").Number(start).Literal(" - ").Number(end);
   if (!scan.Matched()) return false;
-  range_start_ = start;
-  range_end_ = end;
+  rangeStart_ = start;
+  rangeEnd_ = end;
   return true;
 }
 
@@ -220,8 +220,8 @@ bool MediaSession::ParseFrameRate(std::string_view line) {
     rate = whole;
   }
   if (rate < 0 || rate > 1000) return false;
-  frame_rate_ = static_cast<float>(rate);
-  frame_rate_not_30_ = static_cast<int>(frame_rate_) != 30;
+  frameRate_ = static_cast<float>(rate);
+  frameRateNot30_ = static_cast<int>(frameRate_) != 30;
   return true;
 }
 
@@ -232,7 +232,7 @@ std::string MediaSession::StreamURL(const std::string& requestUrl,
   if (colon != std::string::npos && colon < control.find('/')) {
     return control;
   }
-  const std::string& base = control_url_.empty() || control_url_ == "*" ? requestUrl : control_url_;
+  const std::string& base = controlUrl_.empty() || controlUrl_ == "*" ? requestUrl : controlUrl_;
   if (control.empty()) {
     return base;  // the only stream there is (RFC 2326, C.1.1)
   }

@@ -65,28 +65,28 @@ class CMS_API MediaSession {
   int parseSDPAttribute_control(std::string_view line);
 
   // The session's control URL; empty when the description has none.
-  const std::string& ControlURL() const { return control_url_; }
+  const std::string& ControlURL() const { return controlUrl_; }
   // What SETUP of a stream names: its control address, alone when that is a whole URL, else behind
   // the session's, which is the request's where the description gives none.
   std::string StreamURL(const std::string& requestUrl, const _RTSPSUBSESSION_CONFIG& stream) const;
 
   // The presentation's normal play time in seconds; negative when it was not given with both ends.
-  double RangeStart() const { return range_start_; }
-  double RangeEnd() const { return range_end_; }
+  double RangeStart() const { return rangeStart_; }
+  double RangeEnd() const { return rangeEnd_; }
 
   // Frames per second as announced, 0 when it was not; values that are not within 0..1000 do not
   // count.
-  float FrameRate() const { return frame_rate_; }
+  float FrameRate() const { return frameRate_; }
   // Whether a rate was announced whose integer part is not 30.
-  bool IsFrameRateNot30() const { return frame_rate_not_30_; }
+  bool IsFrameRateNot30() const { return frameRateNot30_; }
 
  private:
   bool ParseRange(std::string_view line);
   bool ParseFrameRate(std::string_view line);
 
-  std::string control_url_;
-  double range_start_ = -1;
-  double range_end_ = -1;
-  float frame_rate_ = 0;
-  bool frame_rate_not_30_ = false;
+  std::string controlUrl_;
+  double rangeStart_ = -1;
+  double rangeEnd_ = -1;
+  float frameRate_ = 0;
+  bool frameRateNot30_ = false;
 };

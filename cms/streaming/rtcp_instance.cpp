@@ -19,7 +19,7 @@ constexpr int kLoopPause = 50;  // ms
 
 }  // namespace
 
-RTCPInstance::RTCPInstance() : sender_ssrc_(kUnknownSender) {}
+RTCPInstance::RTCPInstance() : senderSsrc_(kUnknownSender) {}
 
 RTCPInstance::~RTCPInstance() {
   StopPlay();
@@ -41,7 +41,7 @@ int RTCPInstance::SetConfig(const _RTCP_CONFIG& config) {
 
 int RTCPInstance::Play() {
   if (!configured_) return 0;
-  forget_sender_ = true;
+  forgetSender_ = true;
   stopped_.Reset();
   playing_ = true;
   return 1;
@@ -60,29 +60,29 @@ int RTCPInstance::RTPOverRTSPAddPacket(const void* data, int length) {
 
 int RTCPInstance::RTCPProcessNB() {
   if (!playing_) return 0;
-  if (forget_sender_.exchange(false)) sender_ssrc_ = kUnknownSender;
+  if (forgetSender_.exchange(false)) senderSsrc_ = kUnknownSender;
 
   const int length = config_.read
                          ? config_.read(config_.readContext, buffer_.data(), kReadBufferSize)
                          : static_cast<int>(queue_->Read(buffer_.data(), kReadBufferSize));
   if (length < 0) return -1;
-  if (static_cast<std::size_t>(length) >= kSenderOffset + sender_ssrc_.size() &&
-      length <= kReadBufferSize && sender_ssrc_ == kUnknownSender) {
-    std::copy_n(buffer_.begin() + kSenderOffset, sender_ssrc_.size(), sender_ssrc_.begin());
+  if (static_cast<std::size_t>(length) >= kSenderOffset + senderSsrc_.size() &&
+      length <= kReadBufferSize && senderSsrc_ == kUnknownSender) {
+    std::copy_n(buffer_.begin() + kSenderOffset, senderSsrc_.size(), senderSsrc_.begin());
   }
-  if (sender_ssrc_ == kUnknownSender) return 0;
+  if (senderSsrc_ == kUnknownSender) return 0;
 
   const std::uint64_t now = cms::TickMilliseconds();
-  if (last_report_ != 0 && now - last_report_ <= kReportInterval) return 0;
+  if (lastReport_ != 0 && now - lastReport_ <= kReportInterval) return 0;
   SendReport();
-  last_report_ = now;
+  lastReport_ = now;
   return 0;
 }
 
 void RTCPInstance::SendReport() {
   cms::ReceiverReportValues values;
   values.receiver_ssrc = static_cast<std::uint32_t>(getpid());
-  values.sender_ssrc = sender_ssrc_;
+  values.sender_ssrc = senderSsrc_;
   values.fraction_lost = config_.statistics->FractionLost();
   values.cumulative_lost = config_.statistics->CumulativeLost();
   values.last_sequence = config_.statistics->LastSequence();

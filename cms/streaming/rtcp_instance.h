@@ -91,12 +91,12 @@ class CMS_API RTCPInstance final : public RTCPStep {
   std::unique_ptr<CFrameBufferNW> queue_;  // when the packets come by RTPOverRTSPAddPacket
   std::atomic<bool> configured_{false};
   std::atomic<bool> playing_{false};
-  std::atomic<bool> forget_sender_{false};
+  std::atomic<bool> forgetSender_{false};
 
   // Of the processing thread.
   std::array<unsigned char, kReadBufferSize> buffer_{};
-  std::array<std::uint8_t, 4> sender_ssrc_;  // all ones: not known yet
-  std::uint64_t last_report_ = 0;            // ms; 0: none yet
+  std::array<std::uint8_t, 4> senderSsrc_;  // all ones: not known yet
+  std::uint64_t lastReport_ = 0;            // ms; 0: none yet
 
   cms::Event stopped_;  // wakes RTCPProcessFn
 };

@@ -23,8 +23,8 @@ int NoPassword(const std::string&, std::string&) {
 class Servers {
  public:
   Servers() {
-    tcp_config_.recvFrameSize = 100;
-    tcp_ = CreateTcpServer(&tcp_config_);
+    tcpConfig_.recvFrameSize = 100;
+    tcp_ = CreateTcpServer(&tcpConfig_);
     tHttpServerConfig config;
     config.passwordLookup = NoPassword;
     http_ = CreateHttpServer(&config);
@@ -37,10 +37,10 @@ class Servers {
     CloseHttpServer(http_);
     DestroyHttpServer(http_);
   }
-  unsigned short TcpPort() const { return tcp_config_.localPort; }
+  unsigned short TcpPort() const { return tcpConfig_.localPort; }
 
  private:
-  tTcpServerConfig tcp_config_;
+  tTcpServerConfig tcpConfig_;
   CTcpServer* tcp_ = nullptr;
   HttpServer* http_ = nullptr;
 };

@@ -91,7 +91,7 @@ TEST(MMapFile, AMappingLargerThanTheDiskIsRefusedAndLeavesTheFileAsItWas) {
   if (statfs("/dev/shm", &memory) != 0 || memory.f_type != TMPFS_MAGIC || memory.f_blocks == 0) {
     GTEST_SKIP() << "no file system whose size can be exceeded without filling it";
   }
-  const std::string path = "/dev/shm/orvanta_mmap_" + std::to_string(getpid());
+  const std::string path = "/dev/shm/orvantaMmap_" + std::to_string(getpid());
   test::WriteWholeFile(path, "0123456789");
   MMapFile file;
   const auto beyond =

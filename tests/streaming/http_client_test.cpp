@@ -96,8 +96,8 @@ class MultipartClient : public CMSHTTPClient {
     std::array<std::uint8_t, cms::kAudioHeaderRoom> header{};
     OnGetAudioFrame(header.data(), static_cast<int>(header.size()), data, length, channel);
     const std::lock_guard lock(mutex_);
-    audio_frames_.emplace_back(reinterpret_cast<const char*>(data),
-                               static_cast<std::size_t>(length));
+    audioFrames_.emplace_back(reinterpret_cast<const char*>(data),
+                              static_cast<std::size_t>(length));
   }
 
   CMSFrameData Totals() const {
@@ -111,7 +111,7 @@ class MultipartClient : public CMSHTTPClient {
   }
   std::vector<std::string> Audio() const {
     const std::lock_guard lock(mutex_);
-    return audio_frames_;
+    return audioFrames_;
   }
 
   std::atomic<bool> keep_frames{true};
@@ -122,7 +122,7 @@ class MultipartClient : public CMSHTTPClient {
   bool audio_ = false;
   mutable std::mutex mutex_;
   std::vector<std::string> video_;
-  std::vector<std::string> audio_frames_;
+  std::vector<std::string> audioFrames_;
 };
 
 stHTTPClientConfig ConfigFor(std::uint16_t port) {

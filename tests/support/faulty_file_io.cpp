@@ -16,7 +16,7 @@ namespace test {
 void FaultyFileIo::FailOperation(std::uint64_t number, int error, bool for_good) {
   operations_ = 0;
   error_ = error;
-  for_good_ = for_good;
+  forGood_ = for_good;
   failing_ = number;
 }
 
@@ -71,7 +71,7 @@ bool FaultyFileIo::Fails(const std::string& path) {
     }
   }
   const std::uint64_t number = operations_++;
-  if (number == failing_ || (for_good_ && number > failing_)) {
+  if (number == failing_ || (forGood_ && number > failing_)) {
     errno = error_;
     return true;
   }
@@ -114,7 +114,7 @@ int FaultyFileIo::Open(const std::string& path, unsigned flags) {
   if (Fails(path)) {
     return -1;
   }
-  if (without_locks_ && (flags & cms::kFileExclusive) != 0) {
+  if (withoutLocks_ && (flags & cms::kFileExclusive) != 0) {
     errno = ENOLCK;
     return -1;
   }
@@ -132,7 +132,7 @@ int FaultyFileIo::Open(const std::string& path, unsigned flags) {
     unsynced_[path] = 0;
   }
   paths_[handle] = path;
-  ++open_handles_;
+  ++openHandles_;
   return handle;
 }
 
@@ -143,7 +143,7 @@ int FaultyFileIo::Close(int handle) {
     const std::lock_guard lock(mutex_);
     paths_.erase(handle);
   }
-  --open_handles_;
+  --openHandles_;
   const int result = real_.Close(handle);
   if (fails) {
     errno = error;
@@ -164,12 +164,12 @@ ssize_t FaultyFileIo::Write(int handle, const void* data, std::size_t size) {
   if (Fails(handle)) {
     return -1;
   }
-  if (failing_writes_ > 0) {
-    --failing_writes_;
-    errno = write_error_;
+  if (failingWrites_ > 0) {
+    --failingWrites_;
+    errno = writeError_;
     return -1;
   }
-  size = std::min<std::size_t>(size, write_limit_);
+  size = std::min<std::size_t>(size, writeLimit_);
   const std::lock_guard lock(mutex_);
   if (space_ != kNever) {
     size = std::min<std::size_t>(size, space_);

@@ -27,19 +27,19 @@ class FaultyFileIo final : public cms::FileIo {
   void FailOperation(std::uint64_t number, int error, bool for_good = false);
   std::uint64_t Operations() const { return operations_; }
 
-  void LimitWrite(std::size_t bytes) { write_limit_ = bytes; }  // at most so many for each call
-  void LimitSpace(std::uint64_t bytes) { space_ = bytes; }      // left on the disk; then ENOSPC
+  void LimitWrite(std::size_t bytes) { writeLimit_ = bytes; }  // at most so many for each call
+  void LimitSpace(std::uint64_t bytes) { space_ = bytes; }     // left on the disk; then ENOSPC
   // The next so many writes fail with `error`.
   void FailWrites(int count, int error) {
-    write_error_ = error;
-    failing_writes_ = count;
+    writeError_ = error;
+    failingWrites_ = count;
   }
   void AwayFrom(const std::string& prefix);  // paths that begin so: EHOSTUNREACH; "" ends it
   // Operations on paths that begin so, and on handles of theirs, do not come back until the next
   // call of this; "" lets them all go on.
   void HangAt(const std::string& prefix);
   int Hanging() const { return hanging_; }  // operations that wait at this moment
-  void WithoutLocks(bool without) { without_locks_ = without; }  // exclusive opens: ENOLCK
+  void WithoutLocks(bool without) { withoutLocks_ = without; }  // exclusive opens: ENOLCK
   // Renames between paths of which only one begins so are refused with EXDEV.
   void OtherVolume(const std::string& prefix);
 
@@ -47,7 +47,7 @@ class FaultyFileIo final : public cms::FileIo {
   // folders that were not synced are gone, renames there are undone. Open handles stay open.
   void CutPower();
 
-  int OpenHandles() const { return open_handles_; }
+  int OpenHandles() const { return openHandles_; }
 
   int Open(const std::string& path, unsigned flags) override;
   int Close(int handle) override;
@@ -77,15 +77,15 @@ class FaultyFileIo final : public cms::FileIo {
   cms::FileIo& real_ = cms::SystemFileIo();
   std::atomic<std::uint64_t> operations_{0};
   std::atomic<std::uint64_t> failing_{kNever};
-  std::atomic<bool> for_good_{false};
+  std::atomic<bool> forGood_{false};
   std::atomic<int> error_{0};
-  std::atomic<std::size_t> write_limit_{std::numeric_limits<std::size_t>::max()};
+  std::atomic<std::size_t> writeLimit_{std::numeric_limits<std::size_t>::max()};
   std::atomic<std::uint64_t> space_{kNever};
-  std::atomic<int> failing_writes_{0};
-  std::atomic<int> write_error_{0};
-  std::atomic<int> open_handles_{0};
+  std::atomic<int> failingWrites_{0};
+  std::atomic<int> writeError_{0};
+  std::atomic<int> openHandles_{0};
   std::atomic<int> hanging_{0};
-  std::atomic<bool> without_locks_{false};
+  std::atomic<bool> withoutLocks_{false};
 
   std::mutex mutex_;
   std::string away_;

@@ -86,9 +86,9 @@ std::uint16_t RtspCamera::Port(std::size_t camera) const {
 void RtspCamera::Start() {
   const bool again = !urls_.empty();
   const std::size_t count = std::strtoul(Option(options_, "--count", "1").c_str(), nullptr, 10);
-  if (again && !http_urls_.front().empty()) {
+  if (again && !httpUrls_.front().empty()) {
     *(std::find(options_.begin(), options_.end(), "--http") + 1) =
-        std::to_string(PortOf(http_urls_.front()));
+        std::to_string(PortOf(httpUrls_.front()));
   }
   // Several cameras take ports that follow each other; where they are free has to be tried.
   for (int attempt = 1;; ++attempt) {
@@ -148,7 +148,7 @@ std::string RtspCamera::TryStart(unsigned port, std::size_t count) {
   }
   close(out[0]);
   urls_ = std::move(urls);
-  http_urls_ = std::move(http_urls);
+  httpUrls_ = std::move(http_urls);
   return {};
 }
 

@@ -24,7 +24,7 @@ class RtspCamera {
 
   // Of the camera with that number, where --count asked for several.
   const std::string& Url(std::size_t camera = 0) const { return urls_.at(camera); }
-  const std::string& HttpUrl(std::size_t camera = 0) const { return http_urls_.at(camera); }
+  const std::string& HttpUrl(std::size_t camera = 0) const { return httpUrls_.at(camera); }
   std::size_t Count() const { return urls_.size(); }
   std::uint16_t Port(std::size_t camera = 0) const;
 
@@ -44,7 +44,7 @@ class RtspCamera {
 
   std::vector<std::string> options_;
   std::vector<std::string> urls_;
-  std::vector<std::string> http_urls_;
+  std::vector<std::string> httpUrls_;
   pid_t pid_ = -1;
 };
 

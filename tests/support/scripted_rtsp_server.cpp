@@ -124,7 +124,7 @@ void ScriptedRtspServer::Once(const std::string& method, Handler handler) {
 
 void ScriptedRtspServer::OnConnect(Handler handler) {
   const Lock lock(mutex_);
-  on_connect_ = std::move(handler);
+  onConnect_ = std::move(handler);
 }
 
 void ScriptedRtspServer::SetNonce(const std::string& nonce) {
@@ -273,7 +273,7 @@ void ScriptedRtspServer::Serve(Connection& connection) {
   Handler greeting;
   {
     const Lock lock(mutex_);
-    greeting = on_connect_;
+    greeting = onConnect_;
   }
   bool go_on = !greeting || React(connection, greeting(RtspRequest{}));
   std::string bytes;

@@ -98,7 +98,7 @@ class ScriptedRtspServer {
   bool stopping_ = false;
   std::map<std::string, Handler> handlers_;
   std::map<std::string, std::deque<Handler>> once_;
-  Handler on_connect_;
+  Handler onConnect_;
   std::string nonce_ = "b5f2c09a7e13";
   std::vector<RtspRequest> requests_;
   std::vector<Clock::time_point> accepted_;

@@ -5,7 +5,7 @@
 namespace tools {
 
 void ServeSite::Record(bool on) {
-  const std::lock_guard lock(recorder_lock_);
+  const std::lock_guard lock(recorderLock_);
   if (on) {
     recorder_.Start();
   } else {
@@ -14,7 +14,7 @@ void ServeSite::Record(bool on) {
 }
 
 void ServeSite::FollowDay() {
-  const std::lock_guard lock(recorder_lock_);
+  const std::lock_guard lock(recorderLock_);
   recorder_.FollowDay();
 }
 

@@ -33,7 +33,7 @@ class ServeSite {
   const int number_;
   LiveSite live_;
   LivePictures pictures_;
-  std::mutex recorder_lock_;
+  std::mutex recorderLock_;
   SiteRecorder recorder_;  // guarded by it
 };
 

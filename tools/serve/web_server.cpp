@@ -173,7 +173,7 @@ void WebServer::Play(WebRequest& request) {
   }
   PlaySession session(spans, moment);
   {
-    const std::lock_guard lock(sessions_lock_);
+    const std::lock_guard lock(sessionsLock_);
     if (sessions_.size() >= kMostSessions) {
       throw std::runtime_error("too many are playing recordings already");
     }
@@ -183,7 +183,7 @@ void WebServer::Play(WebRequest& request) {
     WebServer& server;
     PlaySession& session;
     ~Leave() {
-      const std::lock_guard lock(server.sessions_lock_);
+      const std::lock_guard lock(server.sessionsLock_);
       server.sessions_.erase(session.Id());
     }
   } const leave{*this, session};
@@ -191,7 +191,7 @@ void WebServer::Play(WebRequest& request) {
 }
 
 void WebServer::Transport(WebRequest& request) {
-  const std::lock_guard lock(sessions_lock_);
+  const std::lock_guard lock(sessionsLock_);
   const auto found = sessions_.find(request.Value("session").value_or(""));
   if (found == sessions_.end()) {
     throw BadRequest("there is no such session");

@@ -61,7 +61,7 @@ class WebServer {
   std::vector<std::unique_ptr<ServeSite>>& sites_;
   Calendar calendar_;
   std::atomic<int> watchers_{0};
-  std::mutex sessions_lock_;
+  std::mutex sessionsLock_;
   std::map<std::string, PlaySession*, std::less<>> sessions_;  // guarded by it
   HttpServer* server_ = nullptr;
 };

@@ -25,7 +25,7 @@ GstClockTime RunningTime(GstElement* element) {
 
 FileFeed::FileFeed(const CameraOptions& options, GstElement* appsrc)
     : path_(options.file),
-      picture_time_(GST_SECOND / static_cast<GstClockTime>(options.fps)),
+      pictureTime_(GST_SECOND / static_cast<GstClockTime>(options.fps)),
       appsrc_(GST_ELEMENT(gst_object_ref(appsrc))),
       thread_([this] { Run(); }) {}
 
@@ -73,7 +73,7 @@ bool FileFeed::Play() {
     }
     const GstClockTime duration = GST_CLOCK_TIME_IS_VALID(GST_BUFFER_DURATION(picture))
                                       ? GST_BUFFER_DURATION(picture)
-                                      : picture_time_;
+                                      : pictureTime_;
     next = dts + duration;
     if (!GST_CLOCK_TIME_IS_VALID(first)) {
       first = std::min(dts, pts);

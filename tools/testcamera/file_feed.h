@@ -30,7 +30,7 @@ class FileFeed {
   bool WaitFor(std::chrono::steady_clock::duration time);
 
   const std::string path_;
-  const GstClockTime picture_time_;  // where the file does not tell
+  const GstClockTime pictureTime_;  // where the file does not tell
   const ObjectPtr<GstElement> appsrc_;
   GstClockTime base_ = 0;    // the pipeline's running time when playing began
   GstClockTime played_ = 0;  // length of the rounds so far

@@ -9,9 +9,9 @@ namespace cms {
 
 void DecodeQueue::Start() {
   const ScopeLock guard(lock_);
-  free_count_ = 0;
+  freeCount_ = 0;
   for (int slot = 0; slot < kMaxFrames; ++slot) {
-    free_[static_cast<std::size_t>(free_count_++)] = slot;
+    free_[static_cast<std::size_t>(freeCount_++)] = slot;
   }
   first_ = queued_ = 0;
   taken_ = -1;
@@ -25,7 +25,7 @@ void DecodeQueue::Clear() {
     const int slot = order_[static_cast<std::size_t>(first_)];
     first_ = (first_ + 1) % kMaxFrames;
     bytes_ -= static_cast<std::size_t>(slots_[static_cast<std::size_t>(slot)].length);
-    free_[static_cast<std::size_t>(free_count_++)] = slot;
+    free_[static_cast<std::size_t>(freeCount_++)] = slot;
   }
 }
 
@@ -41,10 +41,10 @@ bool DecodeQueue::Put(const std::uint8_t* data, int length) {
   }
   const std::size_t size = static_cast<std::size_t>(length);
   const ScopeLock guard(lock_);
-  if (stopped_ || free_count_ == 0 || size > kMaxBytes - bytes_) {
+  if (stopped_ || freeCount_ == 0 || size > kMaxBytes - bytes_) {
     return false;
   }
-  const int index = free_[static_cast<std::size_t>(free_count_ - 1)];
+  const int index = free_[static_cast<std::size_t>(freeCount_ - 1)];
   Slot& slot = slots_[static_cast<std::size_t>(index)];
   const std::size_t needed = size + kInputPadding;
   if (slot.capacity < needed) {
@@ -58,7 +58,7 @@ bool DecodeQueue::Put(const std::uint8_t* data, int length) {
   std::memcpy(slot.memory.get(), data, size);
   std::memset(slot.memory.get() + size, 0, kInputPadding);
   slot.length = length;
-  --free_count_;
+  --freeCount_;
   order_[static_cast<std::size_t>((first_ + queued_) % kMaxFrames)] = index;
   ++queued_;
   bytes_ += size;
@@ -88,7 +88,7 @@ void DecodeQueue::Done() {
     return;
   }
   bytes_ -= static_cast<std::size_t>(slots_[static_cast<std::size_t>(taken_)].length);
-  free_[static_cast<std::size_t>(free_count_++)] = taken_;
+  free_[static_cast<std::size_t>(freeCount_++)] = taken_;
   taken_ = -1;
 }
 

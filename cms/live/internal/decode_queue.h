@@ -59,7 +59,7 @@ class DecodeQueue {
   std::array<int, kMaxFrames> free_ CMS_GUARDED_BY(lock_);   // stack of the free ones
   int first_ CMS_GUARDED_BY(lock_) = 0;
   int queued_ CMS_GUARDED_BY(lock_) = 0;
-  int free_count_ CMS_GUARDED_BY(lock_) = 0;
+  int freeCount_ CMS_GUARDED_BY(lock_) = 0;
   int taken_ CMS_GUARDED_BY(lock_) = -1;
   std::size_t bytes_ CMS_GUARDED_BY(lock_) = 0;
   bool stopped_ CMS_GUARDED_BY(lock_) = true;

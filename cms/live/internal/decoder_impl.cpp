@@ -11,7 +11,7 @@ CMSDecoder::Impl::~Impl() {
 
 int CMSDecoder::Impl::Create(CMSCodecID codec) {
   const ScopeLock guard(lock_);
-  const ScopeLock codecGuard(codec_lock_);
+  const ScopeLock codecGuard(codecLock_);
   if (codec != CMS_CODEC_NONE && codec_.Codec() == codec) {
     return 0;
   }
@@ -21,7 +21,7 @@ int CMSDecoder::Impl::Create(CMSCodecID codec) {
 
 int CMSDecoder::Impl::Reset(CMSCodecID codec, bool sameCodec) {
   const ScopeLock guard(lock_);
-  const ScopeLock codecGuard(codec_lock_);
+  const ScopeLock codecGuard(codecLock_);
   const CMSCodecID open = codec_.Codec();
   if (open == CMS_CODEC_NONE) {
     return 1;
@@ -32,7 +32,7 @@ int CMSDecoder::Impl::Reset(CMSCodecID codec, bool sameCodec) {
 
 void CMSDecoder::Impl::Release() {
   const ScopeLock guard(lock_);
-  const ScopeLock codecGuard(codec_lock_);
+  const ScopeLock codecGuard(codecLock_);
   Close();
 }
 
@@ -45,7 +45,7 @@ void CMSDecoder::Impl::Close() {
 
 int CMSDecoder::Impl::IsResetNeeded(tagSIZE size) {
   const ScopeLock guard(lock_);
-  const ScopeLock codecGuard(codec_lock_);
+  const ScopeLock codecGuard(codecLock_);
   const tagSIZE codec{codec_.Width(), codec_.Height()};
   if (decoded_.cx != 0 && decoded_.cx != size.cx && codec.cx != 0 && codec.cx != size.cx) {
     return 0;
@@ -59,7 +59,7 @@ DECODE_RESULT CMSDecoder::Impl::Decode(const unsigned char* data, int length, in
   DECODE_RESULT result = DECODE_RESULT_ERROR;
   DisplayCallback callback = nullptr;
   {
-    const ScopeLock guard(decode_lock_);
+    const ScopeLock guard(decodeLock_);
     switch (Run(data, length, used)) {
       case cms::VideoCodec::Result::kPicture:
         result = Show(callback);
@@ -80,7 +80,7 @@ DECODE_RESULT CMSDecoder::Impl::Decode(const unsigned char* data, int length, in
 
 // A picture lies in frame_ then.
 cms::VideoCodec::Result CMSDecoder::Impl::Run(const unsigned char* data, int length, int* used) {
-  const ScopeLock guard(codec_lock_);
+  const ScopeLock guard(codecLock_);
   const bool taken =
       frame_ != nullptr && codec_.Codec() != CMS_CODEC_NONE && data != nullptr && length > 0;
   if (used != nullptr) {
@@ -90,7 +90,7 @@ cms::VideoCodec::Result CMSDecoder::Impl::Run(const unsigned char* data, int len
       taken ? codec_.Decode(data, length) : cms::VideoCodec::Result::kError;
   if (result == cms::VideoCodec::Result::kPicture) {
     codec_.TakePicture(frame_.get());
-    frame_opening_ = opening_.load(std::memory_order_relaxed);
+    frameOpening_ = opening_.load(std::memory_order_relaxed);
   }
   return result;
 }
@@ -99,7 +99,7 @@ DECODE_RESULT CMSDecoder::Impl::Show(DisplayCallback& callback) {
   const AVFrame& frame = *frame_;
   const tagSIZE size{frame.width, frame.height};
   const ScopeLock guard(lock_);
-  if (frame_opening_ == opening_) {  // else it is the last of a stream that was closed meanwhile
+  if (frameOpening_ == opening_) {  // else it is the last of a stream that was closed meanwhile
     const bool first = decoded_.cx == 0;
     const bool changed = !first && (decoded_.cx != size.cx || decoded_.cy != size.cy);
     decoded_ = size;
@@ -111,14 +111,14 @@ DECODE_RESULT CMSDecoder::Impl::Show(DisplayCallback& callback) {
   if (!picture_.Convert(frame, static_cast<int>(target.cx), static_cast<int>(target.cy))) {
     return DECODE_RESULT_ERROR;
   }
-  callback = display_callback_;
+  callback = displayCallback_;
   return DECODE_RESULT_PICTURE;
 }
 
 void CMSDecoder::Impl::SetDisplaySize(tagSIZE size, DisplayCallback callback) {
   const ScopeLock guard(lock_);
   display_ = size;
-  display_callback_ = callback;
+  displayCallback_ = callback;
 }
 
 // The hold passes to the caller, who ends it with UnlockImage.
@@ -140,9 +140,9 @@ tagSIZE CMSDecoder::Impl::DecodedSize() {
 }
 
 int CMSDecoder::Impl::StartThread() {
-  const ScopeLock guard(control_lock_);
+  const ScopeLock guard(controlLock_);
   {
-    const ScopeLock codecGuard(codec_lock_);
+    const ScopeLock codecGuard(codecLock_);
     if (codec_.Codec() == CMS_CODEC_NONE) {
       return 1;
     }
@@ -151,7 +151,7 @@ int CMSDecoder::Impl::StartThread() {
     return 0;
   }
   queue_.Start();
-  if (!thread_.Start("cms-decode", [this, callback = result_callback_, context = result_context_] {
+  if (!thread_.Start("cms-decode", [this, callback = resultCallback_, context = resultContext_] {
         DecodeQueued(callback, context);
       })) {
     queue_.Stop();
@@ -162,7 +162,7 @@ int CMSDecoder::Impl::StartThread() {
 }
 
 void CMSDecoder::Impl::EndThread() {
-  const ScopeLock guard(control_lock_);
+  const ScopeLock guard(controlLock_);
   if (!thread_.IsStarted()) {
     return;
   }
@@ -172,9 +172,9 @@ void CMSDecoder::Impl::EndThread() {
 }
 
 void CMSDecoder::Impl::SetResultCallback(ResultCallback callback, void* context) {
-  const ScopeLock guard(control_lock_);
-  result_callback_ = callback;
-  result_context_ = context;
+  const ScopeLock guard(controlLock_);
+  resultCallback_ = callback;
+  resultContext_ = context;
 }
 
 void CMSDecoder::Impl::DecodeQueued(ResultCallback callback, void* context) {
@@ -200,12 +200,12 @@ void CMSDecoder::Impl::SetViewMode(int mode) {
 
 void CMSDecoder::Impl::SetDewarpPosition(float pan, float tilt) {
   const ScopeLock guard(lock_);
-  dewarp_position_ = {pan, tilt};
+  dewarpPosition_ = {pan, tilt};
 }
 
 void CMSDecoder::Impl::SetDewarpZoom(float zoom) {
   const ScopeLock guard(lock_);
-  dewarp_zoom_ = zoom;
+  dewarpZoom_ = zoom;
 }
 
 int CMSDecoder::Impl::DewarpMode() {

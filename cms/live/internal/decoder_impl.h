@@ -12,10 +12,10 @@
 #include "cms/runtime/internal/named_thread.h"
 #include "cms/runtime/thread_annotations.h"
 
-// Locks, in the order in which they nest: control_lock_ (starting and ending the thread),
-// decode_lock_ (one frame after the other, from its data to its pixels), lock_ (the implementation
-// lock: the converted picture and all sizes, where the drawing thread waits), codec_lock_ (the
-// codec). Nobody who holds codec_lock_ waits for lock_: a drawing thread that holds lock_ may reset
+// Locks, in the order in which they nest: controlLock_ (starting and ending the thread),
+// decodeLock_ (one frame after the other, from its data to its pixels), lock_ (the implementation
+// lock: the converted picture and all sizes, where the drawing thread waits), codecLock_ (the
+// codec). Nobody who holds codecLock_ waits for lock_: a drawing thread that holds lock_ may reset
 // the codec. So a decoded picture is moved out of the codec before it is converted.
 class CMSDecoder::Impl {
  public:
@@ -50,35 +50,35 @@ class CMSDecoder::Impl {
     void operator()(AVFrame* frame) const { av_frame_free(&frame); }
   };
 
-  void Close() CMS_REQUIRES(lock_, codec_lock_);
+  void Close() CMS_REQUIRES(lock_, codecLock_);
   cms::VideoCodec::Result Run(const unsigned char* data, int length, int* used)
-      CMS_REQUIRES(decode_lock_);
-  DECODE_RESULT Show(DisplayCallback& callback) CMS_REQUIRES(decode_lock_);
+      CMS_REQUIRES(decodeLock_);
+  DECODE_RESULT Show(DisplayCallback& callback) CMS_REQUIRES(decodeLock_);
   void DecodeQueued(ResultCallback callback, void* context);
 
-  CMSCritical control_lock_;
-  CMSCritical decode_lock_;
+  CMSCritical controlLock_;
+  CMSCritical decodeLock_;
   CMSCritical lock_;
-  CMSCritical codec_lock_;
+  CMSCritical codecLock_;
 
-  cms::VideoCodec codec_ CMS_GUARDED_BY(codec_lock_);
+  cms::VideoCodec codec_ CMS_GUARDED_BY(codecLock_);
   std::atomic<unsigned> opening_{0};  // counts closings; written under both, read under either
 
   // The picture between its decoding and its conversion.
-  std::unique_ptr<AVFrame, FreeFrame> frame_ CMS_GUARDED_BY(decode_lock_){av_frame_alloc()};
-  unsigned frame_opening_ CMS_GUARDED_BY(decode_lock_) = 0;
+  std::unique_ptr<AVFrame, FreeFrame> frame_ CMS_GUARDED_BY(decodeLock_){av_frame_alloc()};
+  unsigned frameOpening_ CMS_GUARDED_BY(decodeLock_) = 0;
 
   cms::PictureConverter picture_ CMS_GUARDED_BY(lock_);
   tagSIZE decoded_ CMS_GUARDED_BY(lock_);
   tagSIZE display_ CMS_GUARDED_BY(lock_);
-  DisplayCallback display_callback_ CMS_GUARDED_BY(lock_) = nullptr;
+  DisplayCallback displayCallback_ CMS_GUARDED_BY(lock_) = nullptr;
   stFisheyeParameter fisheye_ CMS_GUARDED_BY(lock_);
-  stDewarpPosition dewarp_position_ CMS_GUARDED_BY(lock_);
-  float dewarp_zoom_ CMS_GUARDED_BY(lock_) = 1;
+  stDewarpPosition dewarpPosition_ CMS_GUARDED_BY(lock_);
+  float dewarpZoom_ CMS_GUARDED_BY(lock_) = 1;
 
   cms::DecodeQueue queue_;
-  cms::NamedThread thread_ CMS_GUARDED_BY(control_lock_);
-  ResultCallback result_callback_ CMS_GUARDED_BY(control_lock_) = nullptr;
-  void* result_context_ CMS_GUARDED_BY(control_lock_) = nullptr;
+  cms::NamedThread thread_ CMS_GUARDED_BY(controlLock_);
+  ResultCallback resultCallback_ CMS_GUARDED_BY(controlLock_) = nullptr;
+  void* resultContext_ CMS_GUARDED_BY(controlLock_) = nullptr;
   std::atomic<bool> running_{false};
 };

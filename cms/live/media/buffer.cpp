@@ -33,20 +33,20 @@ void CBuffer::ReleaseBuffer() {
 }
 
 void CBuffer::ResetReadInfo() {
-  read_remnant_ = data_size_;
-  read_position_ = 0;
+  readRemnant_ = dataSize_;
+  readPosition_ = 0;
 }
 
 void CBuffer::ResetWriteInfo() {
-  write_remnant_ = capacity_;
-  data_size_ = 0;
-  read_remnant_ = 0;
-  read_position_ = 0;
+  writeRemnant_ = capacity_;
+  dataSize_ = 0;
+  readRemnant_ = 0;
+  readPosition_ = 0;
 }
 
 long CBuffer::WriteBuffer(const void* data, long len) {
   // The remnant can be set from outside; the storage cannot.
-  const long copied = std::min({write_remnant_, capacity_ - data_size_, len});
+  const long copied = std::min({writeRemnant_, capacity_ - dataSize_, len});
   if (copied > 0) {
     std::memcpy(GetWriteBufPos(), data, static_cast<std::size_t>(copied));
   }
@@ -55,21 +55,21 @@ long CBuffer::WriteBuffer(const void* data, long len) {
 }
 
 void CBuffer::CommitInPlace(long len) {
-  data_size_ += std::clamp(len, 0L, capacity_ - data_size_);
-  write_remnant_ = capacity_ - data_size_;
+  dataSize_ += std::clamp(len, 0L, capacity_ - dataSize_);
+  writeRemnant_ = capacity_ - dataSize_;
   ResetReadInfo();
 }
 
 void* CBuffer::ReadBuffer(long len, long& got) {
-  unsigned char* const position = data_.get() + read_position_;
-  const long remaining = data_size_ - read_position_;
+  unsigned char* const position = data_.get() + readPosition_;
+  const long remaining = dataSize_ - readPosition_;
   if (remaining < 0) {
-    read_remnant_ = 0;
+    readRemnant_ = 0;
     got = 0;
     return position;
   }
   got = len == 0 ? remaining : std::clamp(len, 0L, remaining);
-  read_position_ += got;
-  read_remnant_ = remaining - got;
+  readPosition_ += got;
+  readRemnant_ = remaining - got;
   return position;
 }

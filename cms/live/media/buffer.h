@@ -23,16 +23,16 @@ class CMS_API CBuffer {
   void SetNextBuf(CBuffer* next) { next_ = next; }
   CBuffer* GetNextBuf() const { return next_; }
 
-  void SetWriteRemnantSize(long size) { write_remnant_ = size; }
-  long GetWriteRemnantSize() const { return write_remnant_; }
-  void SetReadRemnantSize(long size) { read_remnant_ = size; }
-  long GetReadRemnantSize() const { return read_remnant_; }
-  long GetDataSize() const { return data_size_; }
+  void SetWriteRemnantSize(long size) { writeRemnant_ = size; }
+  long GetWriteRemnantSize() const { return writeRemnant_; }
+  void SetReadRemnantSize(long size) { readRemnant_ = size; }
+  long GetReadRemnantSize() const { return readRemnant_; }
+  long GetDataSize() const { return dataSize_; }
   bool HasStorage() const { return data_ != nullptr; }
 
   // Where the next byte would be written, for writing in place; CommitInPlace then counts the bytes
   // so written.
-  unsigned char* GetWriteBufPos() const { return data_.get() + data_size_; }
+  unsigned char* GetWriteBufPos() const { return data_.get() + dataSize_; }
   void CommitInPlace(long len);
 
   void ResetReadInfo();   // everything held is unread again
@@ -56,9 +56,9 @@ class CMS_API CBuffer {
   long idx_ = 0;
   std::shared_ptr<unsigned char[]> data_;
   CBuffer* next_ = nullptr;
-  long write_remnant_ = 0;
-  long data_size_ = 0;
+  long writeRemnant_ = 0;
+  long dataSize_ = 0;
   long capacity_ = 0;
-  long read_remnant_ = 0;
-  long read_position_ = 0;
+  long readRemnant_ = 0;
+  long readPosition_ = 0;
 };

@@ -13,50 +13,50 @@ CCircularBuffer::CCircularBuffer(long count, long size) {
 int CCircularBuffer::AllocateBuffer(long count, long size) {
   slots_ = cms::MakeSlotRing(count, size);
   const bool made = !slots_.empty();
-  slot_size_ = size;
-  slot_count_ = made ? count : 0;
-  read_slot_ = write_slot_ = made ? &slots_.front() : nullptr;
+  slotSize_ = size;
+  slotCount_ = made ? count : 0;
+  readSlot_ = writeSlot_ = made ? &slots_.front() : nullptr;
   return made ? 1 : 0;
 }
 
 long CCircularBuffer::Write(const void* data, long len) {
-  if (slot_count_ < 2) {
+  if (slotCount_ < 2) {
     return 0;
   }
   const auto* bytes = static_cast<const unsigned char*>(data);
   long copied = 0;
   while (copied < len) {
     if (!IsWriteReadSameBuf()) {
-      copied += write_slot_->WriteBuffer(bytes + copied, len - copied);
+      copied += writeSlot_->WriteBuffer(bytes + copied, len - copied);
       if (copied == len) {
         break;
       }
     }
-    write_slot_ = cms::NextSlot(write_slot_, read_slot_);
-    write_slot_->SetWriteRemnantSize(slot_size_);
-    write_slot_->ResetWriteInfo();
+    writeSlot_ = cms::NextSlot(writeSlot_, readSlot_);
+    writeSlot_->SetWriteRemnantSize(slotSize_);
+    writeSlot_->ResetWriteInfo();
   }
   return copied;
 }
 
 long CCircularBuffer::Read(void* dest, long len) {
-  if (slot_count_ < 2) {
+  if (slotCount_ < 2) {
     return 0;
   }
   auto* bytes = static_cast<unsigned char*>(dest);
   long copied = 0;
   // A round over every slot but the one being written that finds nothing ends where it began.
-  for (long idle = 0; copied < len && idle < slot_count_;) {
+  for (long idle = 0; copied < len && idle < slotCount_;) {
     long got = 0;
     if (!IsWriteReadSameBuf()) {
-      const void* const data = read_slot_->ReadBuffer(len - copied, got);
+      const void* const data = readSlot_->ReadBuffer(len - copied, got);
       std::memcpy(bytes + copied, data, static_cast<std::size_t>(got));
       copied += got;
     }
     if (got > 0) {
       idle = 0;
-    } else if (++idle < slot_count_) {
-      read_slot_ = cms::NextSlot(read_slot_, write_slot_);
+    } else if (++idle < slotCount_) {
+      readSlot_ = cms::NextSlot(readSlot_, writeSlot_);
     }
   }
   return copied;

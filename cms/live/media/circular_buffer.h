@@ -25,14 +25,14 @@ class CMS_API CCircularBuffer {
   long Write(const void* data, long len);  // returns the bytes placed
   long Read(void* dest, long len);         // returns the bytes copied
 
-  bool IsWriteReadSameBuf() const { return write_slot_ == read_slot_; }
-  long GetWriteIdx() const { return write_slot_ != nullptr ? write_slot_->GetIdx() : 0; }
-  long GetReadIdx() const { return read_slot_ != nullptr ? read_slot_->GetIdx() : 0; }
+  bool IsWriteReadSameBuf() const { return writeSlot_ == readSlot_; }
+  long GetWriteIdx() const { return writeSlot_ != nullptr ? writeSlot_->GetIdx() : 0; }
+  long GetReadIdx() const { return readSlot_ != nullptr ? readSlot_->GetIdx() : 0; }
 
  private:
-  long slot_size_ = CBuffer::kDefaultSize;
-  long slot_count_ = 0;
+  long slotSize_ = CBuffer::kDefaultSize;
+  long slotCount_ = 0;
   std::vector<CBuffer> slots_;
-  CBuffer* read_slot_ = nullptr;
-  CBuffer* write_slot_ = nullptr;
+  CBuffer* readSlot_ = nullptr;
+  CBuffer* writeSlot_ = nullptr;
 };

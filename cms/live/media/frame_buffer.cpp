@@ -17,32 +17,32 @@ CFrameBuffer::~CFrameBuffer() = default;
 
 int CFrameBuffer::AllocateBuffer(long count, long size) {
   std::vector<CBuffer> slots = cms::MakeSlotRing(count, size);
-  ScopeLock write(write_lock_);
-  ScopeLock read(read_lock_);
-  ScopeLock lock(count_lock_);
+  ScopeLock write(writeLock_);
+  ScopeLock read(readLock_);
+  ScopeLock lock(countLock_);
   slots_ = std::move(slots);
   const bool made = !slots_.empty();
-  slot_size_ = made ? size : 0;
-  slot_count_ = made ? count : 0;
-  frame_count_ = 0;
+  slotSize_ = made ? size : 0;
+  slotCount_ = made ? count : 0;
+  frameCount_ = 0;
   running_ = true;
-  data_event_.Reset();
+  dataEvent_.Reset();
   CBuffer* const head = made ? &slots_.front() : nullptr;
-  read_slot_.store(head, std::memory_order_release);
-  write_slot_.store(made ? head->GetNextBuf() : nullptr, std::memory_order_release);
+  readSlot_.store(head, std::memory_order_release);
+  writeSlot_.store(made ? head->GetNextBuf() : nullptr, std::memory_order_release);
   return made ? 1 : 0;
 }
 
 void CFrameBuffer::ReleaseBuffer() {
-  ScopeLock write(write_lock_);
-  ScopeLock read(read_lock_);
-  ScopeLock lock(count_lock_);
-  read_slot_.store(nullptr, std::memory_order_release);
-  write_slot_.store(nullptr, std::memory_order_release);
+  ScopeLock write(writeLock_);
+  ScopeLock read(readLock_);
+  ScopeLock lock(countLock_);
+  readSlot_.store(nullptr, std::memory_order_release);
+  writeSlot_.store(nullptr, std::memory_order_release);
   slots_.clear();
-  slot_size_ = 0;
-  slot_count_ = 0;
-  frame_count_ = 0;
+  slotSize_ = 0;
+  slotCount_ = 0;
+  frameCount_ = 0;
 }
 
 bool CFrameBuffer::Full(const CBuffer* write) const {
@@ -50,8 +50,8 @@ bool CFrameBuffer::Full(const CBuffer* write) const {
 }
 
 long CFrameBuffer::Write(const void* data, long len, int commit) {
-  ScopeLock lock(write_lock_);
-  if (slot_size_ == 0 || len < 1 || len > slot_size_) {
+  ScopeLock lock(writeLock_);
+  if (slotSize_ == 0 || len < 1 || len > slotSize_) {
     return 0;
   }
   CBuffer* const slot = WriteSlot();
@@ -68,17 +68,17 @@ long CFrameBuffer::Write(const void* data, long len, int commit) {
 // The event is raised inside the lock: after it, the reader could have taken the frame and lowered
 // the event already, and the late signal would stand over an empty ring.
 void CFrameBuffer::AddData() {
-  ScopeLock lock(count_lock_);
-  ++frame_count_;
+  ScopeLock lock(countLock_);
+  ++frameCount_;
   CBuffer* const next = WriteSlot()->GetNextBuf();
   next->ResetWriteInfo();
-  write_slot_.store(next, std::memory_order_release);
-  data_event_.Set();
+  writeSlot_.store(next, std::memory_order_release);
+  dataEvent_.Set();
 }
 
 long CFrameBuffer::Read(void* dest, long destSize) {
-  ScopeLock lock(read_lock_);
-  if (slot_size_ == 0 || destSize < slot_size_ || !WaitForData()) {
+  ScopeLock lock(readLock_);
+  if (slotSize_ == 0 || destSize < slotSize_ || !WaitForData()) {
     return 0;
   }
   CBuffer* const slot = ReadSlot();
@@ -95,13 +95,13 @@ long CFrameBuffer::Read(void* dest, long destSize) {
 }
 
 void CFrameBuffer::RemoveData(int empty) {
-  ScopeLock lock(count_lock_);
-  read_slot_.store(ReadSlot()->GetNextBuf(), std::memory_order_release);
+  ScopeLock lock(countLock_);
+  readSlot_.store(ReadSlot()->GetNextBuf(), std::memory_order_release);
   if (empty == 0) {
-    frame_count_ = std::max(frame_count_ - 1, 0L);
+    frameCount_ = std::max(frameCount_ - 1, 0L);
   }
-  if (frame_count_ == 0 && running_) {
-    data_event_.Reset();
+  if (frameCount_ == 0 && running_) {
+    dataEvent_.Reset();
   }
 }
 
@@ -125,23 +125,23 @@ long CFrameBuffer::GetReadIdx() const {
 }
 
 unsigned char* CFrameBuffer::GetWriteBufPos() {
-  ScopeLock lock(count_lock_);
+  ScopeLock lock(countLock_);
   CBuffer* slot = WriteSlot();
   if (slot == nullptr) {
     return nullptr;
   }
   if (slot == ReadSlot()) {
     slot = slot->GetNextBuf();
-    write_slot_.store(slot, std::memory_order_release);
+    writeSlot_.store(slot, std::memory_order_release);
   }
   return slot->GetWriteBufPos();
 }
 
 unsigned char* CFrameBuffer::ChangeWriteBufPos() {
-  ScopeLock lock(count_lock_);
+  ScopeLock lock(countLock_);
   CBuffer* const slot = cms::NextSlot(WriteSlot(), ReadSlot());
   slot->ResetWriteInfo();
-  write_slot_.store(slot, std::memory_order_release);
+  writeSlot_.store(slot, std::memory_order_release);
   return slot->GetWriteBufPos();
 }
 
@@ -157,13 +157,13 @@ long CFrameBuffer::GetWriteRemnantSize() const {
 // their addresses, in case somebody copies the other way round.
 long CFrameBuffer::BufferCopy(CFrameBuffer* other) {
   const bool in_order = std::less<>()(this, other);
-  ScopeLock first(in_order ? write_lock_ : other->write_lock_);
-  ScopeLock second(in_order ? other->write_lock_ : write_lock_);
-  ScopeLock read(read_lock_);
-  if (slot_size_ == 0 || other->slot_size_ == 0) {
+  ScopeLock first(in_order ? writeLock_ : other->writeLock_);
+  ScopeLock second(in_order ? other->writeLock_ : writeLock_);
+  ScopeLock read(readLock_);
+  if (slotSize_ == 0 || other->slotSize_ == 0) {
     return 0;
   }
-  for (long pass = 0; pass <= slot_count_ && !IsBufEmpty(); ++pass) {
+  for (long pass = 0; pass <= slotCount_ && !IsBufEmpty(); ++pass) {
     if (GetReadRemnantSize() > 0) {
       unsigned char* const place = other->GetWriteBufPos();
       CBuffer* const slot = other->WriteSlot();
@@ -173,27 +173,27 @@ long CFrameBuffer::BufferCopy(CFrameBuffer* other) {
         return got;
       }
     }
-    ScopeLock lock(count_lock_);
-    read_slot_.store(cms::NextSlot(ReadSlot(), WriteSlot()), std::memory_order_release);
+    ScopeLock lock(countLock_);
+    readSlot_.store(cms::NextSlot(ReadSlot(), WriteSlot()), std::memory_order_release);
   }
   return 0;
 }
 
 void CFrameBuffer::TakeMovedFrame(CBuffer* slot, long len) {
-  ScopeLock lock(count_lock_);
+  ScopeLock lock(countLock_);
   slot->CommitInPlace(len);
   ChangeWriteBufPos();
   // A step over the read slot leaves nothing queued but what that slot holds.
-  const long queued = (GetWriteIdx() - GetReadIdx() + slot_count_) % slot_count_;
-  frame_count_ = std::min(frame_count_ + 1, queued);
-  data_event_.Set();
+  const long queued = (GetWriteIdx() - GetReadIdx() + slotCount_) % slotCount_;
+  frameCount_ = std::min(frameCount_ + 1, queued);
+  dataEvent_.Set();
 }
 
 void CFrameBuffer::StopBuffer() {
-  ScopeLock lock(count_lock_);
+  ScopeLock lock(countLock_);
   running_ = false;
-  frame_count_ = 0;
-  data_event_.Set();
+  frameCount_ = 0;
+  dataEvent_.Set();
 }
 
 long CFrameBufferNW::Read(void* dest, long destSize) {

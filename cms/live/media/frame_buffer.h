@@ -58,15 +58,15 @@ class CMS_API CFrameBuffer {
   long BufferCopy(CFrameBuffer* other);
 
   // Hold the count lock across several operations.
-  void Lock() CMS_ACQUIRE(count_lock_) { count_lock_.Lock(); }
-  void UnLock() CMS_RELEASE(count_lock_) { count_lock_.UnLock(); }
+  void Lock() CMS_ACQUIRE(countLock_) { countLock_.Lock(); }
+  void UnLock() CMS_RELEASE(countLock_) { countLock_.UnLock(); }
 
   // Releases a waiting reader and lets none wait any more.
   void StopBuffer();
 
   // Waits until a frame is queued or the buffer is stopped (true), at most the given milliseconds
   // (negative: without limit).
-  bool WaitForFrame(int milliseconds) { return data_event_.Wait(milliseconds); }
+  bool WaitForFrame(int milliseconds) { return dataEvent_.Wait(milliseconds); }
 
  protected:
   unsigned char* ChangeWriteBufPos();
@@ -74,29 +74,29 @@ class CMS_API CFrameBuffer {
   long GetWriteRemnantSize() const;
   void AddData();
   void RemoveData(int empty);
-  bool WaitForData() { return data_event_.Wait(read_wait_); }
-  void SignalData() { data_event_.Set(); }
+  bool WaitForData() { return dataEvent_.Wait(readWait_); }
+  void SignalData() { dataEvent_.Set(); }
 
  private:
-  CBuffer* WriteSlot() const { return write_slot_.load(std::memory_order_acquire); }
-  CBuffer* ReadSlot() const { return read_slot_.load(std::memory_order_acquire); }
+  CBuffer* WriteSlot() const { return writeSlot_.load(std::memory_order_acquire); }
+  CBuffer* ReadSlot() const { return readSlot_.load(std::memory_order_acquire); }
   bool Full(const CBuffer* write) const;
   void TakeMovedFrame(CBuffer* slot, long len);
 
-  bool running_ CMS_GUARDED_BY(count_lock_) = false;
-  int read_wait_ = 15;  // milliseconds
+  bool running_ CMS_GUARDED_BY(countLock_) = false;
+  int readWait_ = 15;  // milliseconds
   // These three change only with all locks held, so any lock allows to read them.
-  long slot_size_ = 0;
-  long slot_count_ = 0;
+  long slotSize_ = 0;
+  long slotCount_ = 0;
   std::vector<CBuffer> slots_;
-  long frame_count_ CMS_GUARDED_BY(count_lock_) = 0;
-  cms::Event data_event_;
+  long frameCount_ CMS_GUARDED_BY(countLock_) = 0;
+  cms::Event dataEvent_;
   // Moved under the count lock; the slot itself belongs to the writing or the reading side.
-  std::atomic<CBuffer*> read_slot_{nullptr};
-  std::atomic<CBuffer*> write_slot_{nullptr};
-  CMSCritical count_lock_;
-  CMSCritical write_lock_;
-  CMSCritical read_lock_;
+  std::atomic<CBuffer*> readSlot_{nullptr};
+  std::atomic<CBuffer*> writeSlot_{nullptr};
+  CMSCritical countLock_;
+  CMSCritical writeLock_;
+  CMSCritical readLock_;
 };
 
 // The same ring for a reader that never waits.

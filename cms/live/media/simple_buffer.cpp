@@ -24,14 +24,14 @@ int CSimpleBuffer::AllocateBuffer(int count, int size) {
     return 0;
   }
   size_ = static_cast<int>(total);
-  if (read_index_ >= size_ || write_index_ >= size_) {
-    read_index_ = write_index_ = 0;
+  if (readIndex_ >= size_ || writeIndex_ >= size_) {
+    readIndex_ = writeIndex_ = 0;
   }
   return 1;
 }
 
 bool CSimpleBuffer::IsBufFull() const {
-  const std::int64_t room = std::int64_t{read_index_} - write_index_ + size_;
+  const std::int64_t room = std::int64_t{readIndex_} - writeIndex_ + size_;
   return data_ != nullptr && room % size_ == 1;
 }
 
@@ -41,24 +41,24 @@ int CSimpleBuffer::Write(const void* data, int len) {
   }
   const auto* bytes = static_cast<const unsigned char*>(data);
   const auto put = [&](int from, int count) {
-    std::memcpy(&data_[static_cast<std::size_t>(write_index_)], bytes + from,
+    std::memcpy(&data_[static_cast<std::size_t>(writeIndex_)], bytes + from,
                 static_cast<std::size_t>(count));
   };
-  if (write_index_ < read_index_) {
-    const int copied = std::min(read_index_ - write_index_ - 1, len);
+  if (writeIndex_ < readIndex_) {
+    const int copied = std::min(readIndex_ - writeIndex_ - 1, len);
     put(0, copied);
-    write_index_ += copied;
+    writeIndex_ += copied;
     return copied;
   }
-  const int first = std::min(size_ - write_index_, len);
+  const int first = std::min(size_ - writeIndex_, len);
   put(0, first);
-  write_index_ = (write_index_ + first) % size_;
-  if (first == len || read_index_ < 1) {
+  writeIndex_ = (writeIndex_ + first) % size_;
+  if (first == len || readIndex_ < 1) {
     return first;
   }
-  const int second = std::min(read_index_ - 1, len - first);
+  const int second = std::min(readIndex_ - 1, len - first);
   put(first, second);
-  write_index_ += second;
+  writeIndex_ += second;
   return first + second;
 }
 
@@ -68,23 +68,23 @@ int CSimpleBuffer::Read(void* dest, int len) {
   }
   auto* bytes = static_cast<unsigned char*>(dest);
   const auto take = [&](int to, int count) {
-    std::memcpy(bytes + to, &data_[static_cast<std::size_t>(read_index_)],
+    std::memcpy(bytes + to, &data_[static_cast<std::size_t>(readIndex_)],
                 static_cast<std::size_t>(count));
   };
-  if (write_index_ > read_index_) {
-    const int copied = std::min(len, write_index_ - read_index_);
+  if (writeIndex_ > readIndex_) {
+    const int copied = std::min(len, writeIndex_ - readIndex_);
     take(0, copied);
-    read_index_ += copied;
+    readIndex_ += copied;
     return copied;
   }
-  const int first = std::min(len, size_ - read_index_);
+  const int first = std::min(len, size_ - readIndex_);
   take(0, first);
-  read_index_ = (read_index_ + first) % size_;
+  readIndex_ = (readIndex_ + first) % size_;
   if (first == len) {
     return first;
   }
-  const int second = std::min(len - first, write_index_);
+  const int second = std::min(len - first, writeIndex_);
   take(first, second);
-  read_index_ += second;
+  readIndex_ += second;
   return first + second;
 }

@@ -20,7 +20,7 @@ class CMS_API CSimpleBuffer {
   // as they lie within it. 1, or 0 when the memory does not suffice.
   int AllocateBuffer(int count, int size);
 
-  bool IsBufEmpty() const { return read_index_ == write_index_; }
+  bool IsBufEmpty() const { return readIndex_ == writeIndex_; }
   bool IsBufFull() const;
 
   int Read(void* dest, int len);         // returns the bytes copied
@@ -29,6 +29,6 @@ class CMS_API CSimpleBuffer {
  private:
   std::unique_ptr<unsigned char[]> data_;
   int size_ = 0;
-  int read_index_ = 0;
-  int write_index_ = 0;
+  int readIndex_ = 0;
+  int writeIndex_ = 0;
 };

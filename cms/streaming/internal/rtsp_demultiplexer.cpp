@@ -108,33 +108,33 @@ RTSPStreamChannels RTSPDemultiplexer::Channels() const {
 
 void RTSPDemultiplexer::Reset() {
   SetChannels(kNoChannels);
-  tail_size_ = 0;
+  tailSize_ = 0;
   wanted_ = {};
-  in_step_ = true;
-  head_searched_ = 0;
-  no_message_ = 0;
+  inStep_ = true;
+  headSearched_ = 0;
+  noMessage_ = 0;
   unended_ = 0;
   ExpectDescription(false);
 }
 
 void RTSPDemultiplexer::Add(Bytes data) {
   while (!data.empty()) {
-    if (tail_size_ == 0) {
+    if (tailSize_ == 0) {
       Append(data.subspan(Parse(data)));
       return;
     }
-    const std::size_t added = std::min(data.size(), wanted_.most - tail_size_);
+    const std::size_t added = std::min(data.size(), wanted_.most - tailSize_);
     Append(data.first(added));
-    if (tail_size_ < wanted_.least) return;
+    if (tailSize_ < wanted_.least) return;
 
-    const std::size_t left = tail_size_ - Parse({tail_.get(), tail_size_});
+    const std::size_t left = tailSize_ - Parse({tail_.get(), tailSize_});
     if (left <= added) {
       // Everything kept is finished: what is left came just now and is parsed where it lies.
-      tail_size_ = 0;
+      tailSize_ = 0;
       data = data.subspan(added - left);
     } else {
-      std::memmove(tail_.get(), tail_.get() + (tail_size_ - left), left);
-      tail_size_ = left;
+      std::memmove(tail_.get(), tail_.get() + (tailSize_ - left), left);
+      tailSize_ = left;
       data = data.subspan(added);
     }
   }
@@ -142,8 +142,8 @@ void RTSPDemultiplexer::Add(Bytes data) {
 
 void RTSPDemultiplexer::Append(Bytes data) {
   if (data.empty()) return;
-  std::memcpy(tail_.get() + tail_size_, data.data(), data.size());
-  tail_size_ += data.size();
+  std::memcpy(tail_.get() + tailSize_, data.data(), data.size());
+  tailSize_ += data.size();
 }
 
 // Delivers what is whole; returns the bytes done with. When some are left, wanted_ tells what they
@@ -160,9 +160,9 @@ std::size_t RTSPDemultiplexer::Parse(Bytes data) {
       wanted_ = step;
       break;
     }
-    head_searched_ = 0;
+    headSearched_ = 0;
     unended_ = 0;
-    no_message_ -= std::min(no_message_, step.consumed);
+    noMessage_ -= std::min(noMessage_, step.consumed);
     at += step.consumed;
   }
   return at;
@@ -171,12 +171,12 @@ std::size_t RTSPDemultiplexer::Parse(Bytes data) {
 RTSPDemultiplexer::Step RTSPDemultiplexer::ParseFrame(Bytes rest, const RTSPStreamChannels& ids) {
   if (rest.size() < 2) return {0, 2, kInterleavedPrefix};
   const int type = TypeOf(rest[1], ids);
-  if (type < 0 && !(in_step_ && rest[1] < kStrayChannels)) return Skip(rest, true);
+  if (type < 0 && !(inStep_ && rest[1] < kStrayChannels)) return Skip(rest, true);
   if (rest.size() < kInterleavedPrefix) return {0, kInterleavedPrefix, kInterleavedPrefix};
   const std::size_t size = kInterleavedPrefix + (static_cast<std::size_t>(rest[2]) << 8) + rest[3];
   const std::size_t with_next = size + kInterleavedPrefix;
   if (rest.size() < with_next) return {0, with_next, with_next};
-  if (!IsValidHeader(rest.subspan(size, kInterleavedPrefix), ids, in_step_)) {
+  if (!IsValidHeader(rest.subspan(size, kInterleavedPrefix), ids, inStep_)) {
     return Skip(rest, true);
   }
   if (type >= 0) {
@@ -184,44 +184,44 @@ RTSPDemultiplexer::Step RTSPDemultiplexer::ParseFrame(Bytes rest, const RTSPStre
   } else {
     Count(stray_, 1);
   }
-  in_step_ = true;
-  no_message_ = 0;
+  inStep_ = true;
+  noMessage_ = 0;
   return {size, 0, 0};
 }
 
 RTSPDemultiplexer::Step RTSPDemultiplexer::ParseMessage(Bytes rest, bool interleaved) {
   const std::string_view text = AsText(rest);
-  if (in_step_ && (text[0] == '\r' || text[0] == '\n')) return {1, 0, 0};
-  if (no_message_ > 0) return Skip(rest, interleaved);
-  const Match match = in_step_ ? MatchAnyStart(text) : MatchStart(text, kAnswer);
+  if (inStep_ && (text[0] == '\r' || text[0] == '\n')) return {1, 0, 0};
+  if (noMessage_ > 0) return Skip(rest, interleaved);
+  const Match match = inStep_ ? MatchAnyStart(text) : MatchStart(text, kAnswer);
   if (match == Match::kNo) return Skip(rest, interleaved);
   if (match == Match::kTooShort) return {0, text.size() + 1, kMaxHead};
 
   const std::string_view limited = text.substr(0, kMaxHead);
-  const std::size_t head = FindRTSPHeadEnd(limited, head_searched_);
-  const std::string_view fresh = limited.substr(0, head).substr(head_searched_);
+  const std::size_t head = FindRTSPHeadEnd(limited, headSearched_);
+  const std::string_view fresh = limited.substr(0, head).substr(headSearched_);
   if (interleaved) {
     // A head that runs into a frame lost its end: what comes after is not searched again for each
     // start in it.
     const auto binary = std::find_if(fresh.begin(), fresh.end(), IsBinary);
     if (binary != fresh.end()) {
-      no_message_ = head_searched_ + static_cast<std::size_t>(binary - fresh.begin()) + 1;
+      noMessage_ = headSearched_ + static_cast<std::size_t>(binary - fresh.begin()) + 1;
       return Skip(rest, interleaved);
     }
   }
   if (head == std::string_view::npos) {
     if (limited.size() == kMaxHead) {
       Count(oversize_, 1);
-      no_message_ = kMaxHead;
+      noMessage_ = kMaxHead;
       return Skip(rest, interleaved);
     }
-    head_searched_ = limited.size() - std::min<std::size_t>(limited.size(), 2);  // of "\n\r\n"
+    headSearched_ = limited.size() - std::min<std::size_t>(limited.size(), 2);  // of "\n\r\n"
     return {0, text.size() + 1, kMaxHead};
   }
 
   const RTSPMessage message(text.substr(0, head));
   if (unended_ > 0 ||
-      (description_expected_.load(std::memory_order_relaxed) && !interleaved &&
+      (descriptionExpected_.load(std::memory_order_relaxed) && !interleaved &&
        message.IsResponse() && message.Status() == 200 && !message.HasHeader("Content-Length"))) {
     return ParseUnended(text, head);
   }
@@ -229,16 +229,16 @@ RTSPDemultiplexer::Step RTSPDemultiplexer::ParseMessage(Bytes rest, bool interle
   if (body > kMaxBody) {
     Count(oversize_, 1);
     Count(skipped_, head);
-    in_step_ = false;
+    inStep_ = false;
     return {head, 0, 0};
   }
   const std::size_t size = head + body;
   if (text.size() < size) {
-    head_searched_ = head - 3;
+    headSearched_ = head - 3;
     return {0, size, size};
   }
   sink_.OnMessage(text.substr(0, size));
-  in_step_ = true;
+  inStep_ = true;
   return {size, 0, 0};
 }
 
@@ -253,10 +253,10 @@ RTSPDemultiplexer::Step RTSPDemultiplexer::ParseUnended(std::string_view text, s
   if (message.size() > unended_) sink_.OnUnendedMessage(message, unended_ > 0);
   unended_ = message.size();
   if (ended || text.size() >= most) {
-    in_step_ = true;
+    inStep_ = true;
     return {message.size(), 0, 0};
   }
-  head_searched_ = head - 3;
+  headSearched_ = head - 3;
   return {0, text.size() + 1, most};
 }
 
@@ -267,7 +267,7 @@ RTSPDemultiplexer::Step RTSPDemultiplexer::Skip(Bytes rest, bool interleaved) {
   };
   const auto next = std::find_if(rest.begin() + 1, rest.end(), starts);
   const auto size = static_cast<std::size_t>(next - rest.begin());
-  in_step_ = false;
+  inStep_ = false;
   Count(skipped_, size);
   return {size, 0, 0};
 }

@@ -74,7 +74,7 @@ class RTSPDemultiplexer {
 
   // Whether the next good answer has a description behind it.
   void ExpectDescription(bool expect) {
-    description_expected_.store(expect, std::memory_order_relaxed);
+    descriptionExpected_.store(expect, std::memory_order_relaxed);
   }
 
   void Add(std::span<const std::uint8_t> data);
@@ -108,7 +108,7 @@ class RTSPDemultiplexer {
 
   Sink& sink_;
   std::atomic<std::uint64_t> channels_;  // the six ids as 10-bit numbers
-  std::atomic<bool> description_expected_{false};
+  std::atomic<bool> descriptionExpected_{false};
   std::atomic<std::uint64_t> skipped_{0};
   std::atomic<std::uint64_t> oversize_{0};
   std::atomic<std::uint64_t> stray_{0};
@@ -117,13 +117,13 @@ class RTSPDemultiplexer {
   // ever kept, so that there is nothing to discard, however much arrives. Pages come with use.
   static constexpr std::size_t kTailSize = kMaxHead + kMaxBody;
   std::unique_ptr<std::uint8_t[]> tail_;
-  std::size_t tail_size_ = 0;
+  std::size_t tailSize_ = 0;
   Step wanted_;  // of the tail
 
-  bool in_step_ = true;            // the position is a boundary, not inside skipped data
-  std::size_t head_searched_ = 0;  // bytes from the position known to hold no end of a head
-  std::size_t no_message_ = 0;     // bytes from the position known to start no message
-  std::size_t unended_ = 0;        // bytes of an unended message that were delivered
+  bool inStep_ = true;            // the position is a boundary, not inside skipped data
+  std::size_t headSearched_ = 0;  // bytes from the position known to hold no end of a head
+  std::size_t noMessage_ = 0;     // bytes from the position known to start no message
+  std::size_t unended_ = 0;       // bytes of an unended message that were delivered
 };
 
 }  // namespace cms

@@ -51,8 +51,8 @@ RTSPMessage::RTSPMessage(std::string_view text) : text_(text) {
   const std::size_t head_end = FindRTSPHeadEnd(text);
   std::string_view head = text.substr(0, head_end);
   if (head_end != std::string_view::npos) rest_ = text.substr(head_end);
-  has_first_line_ = head.find_first_of("\r\n") != std::string_view::npos;
-  TakeLine(head, first_line_);
+  hasFirstLine_ = head.find_first_of("\r\n") != std::string_view::npos;
+  TakeLine(head, firstLine_);
   headers_ = head;
 }
 
@@ -65,17 +65,17 @@ bool RTSPMessage::IsOfWebServer() const {
 }
 
 unsigned RTSPMessage::Status() const {
-  if (!has_first_line_) return 200;
+  if (!hasFirstLine_) return 200;
   std::string_view protocol;
   std::uint32_t status = 0;
-  const auto scan = TextScanner(first_line_).Word(protocol, first_line_.size()).Unsigned(status);
+  const auto scan = TextScanner(firstLine_).Word(protocol, firstLine_.size()).Unsigned(status);
   return scan.Matched() ? status : 0;
 }
 
 std::string_view RTSPMessage::Method() const {
   if (IsResponse()) return {};
   std::string_view method;
-  TextScanner(first_line_).Word(method, first_line_.size());
+  TextScanner(firstLine_).Word(method, firstLine_.size());
   return method;
 }
 

@@ -54,10 +54,10 @@ class RTSPMessage {
   std::optional<std::string_view> Find(std::string_view name) const;
 
   std::string_view text_;
-  std::string_view first_line_;
+  std::string_view firstLine_;
   std::string_view headers_;  // from the second line to before the blank line
   std::string_view rest_;     // behind the blank line
-  bool has_first_line_ = false;
+  bool hasFirstLine_ = false;
 };
 
 // The Session header's value.

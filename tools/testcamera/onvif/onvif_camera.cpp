@@ -48,7 +48,7 @@ OnvifCamera::OnvifCamera(const CameraOptions& camera, const OnvifOptions& onvif,
     : state_(camera, onvif),
       streams_(streams),
       context_(context),
-      token_check_(camera.user, camera.password, onvif.window),
+      tokenCheck_(camera.user, camera.password, onvif.window),
       password_(WithBasicAuth(camera)),
       server_(soup_server_new("server-header", "Orvanta-test-camera", nullptr)) {
   AddDeviceOperations(&operations_);
@@ -122,7 +122,7 @@ unsigned OnvifCamera::AnswerSoap(SoupServerMessage* message, std::string* answer
       throw SoapFault{"ter:ActionNotSupported", "", "The camera knows no " + name, true};
     }
     if (!found->second.open) {
-      token_check_.Check(request.Header(), state_.clock.Now());
+      tokenCheck_.Check(request.Header(), state_.clock.Now());
     }
     if (Style().unauthorized && !*clock) {
       throw SoapFault{"ter:NotAuthorized", "", "Sender not authorized"};

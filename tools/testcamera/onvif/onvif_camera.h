@@ -53,7 +53,7 @@ class OnvifCamera {
   RtspCamera& streams_;
   GMainContext* const context_;
   std::vector<CameraOptions> served_;  // what the RTSP server sends now
-  UsernameTokenCheck token_check_;
+  UsernameTokenCheck tokenCheck_;
   const HttpPassword password_;
   Operations operations_;
   std::string endpoint_;
