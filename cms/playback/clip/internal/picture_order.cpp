@@ -11,8 +11,8 @@ extern "C" {
 namespace cms {
 struct PictureOrder::State {
   struct Free {
-    void operator()(AVCodecContext* context) const { avcodec_free_context(&context); }
-    void operator()(AVCodecParserContext* parser) const { av_parser_close(parser); }
+    void operator()(AVCodecContext* made) const { avcodec_free_context(&made); }
+    void operator()(AVCodecParserContext* made) const { av_parser_close(made); }
   };
 
   std::unique_ptr<AVCodecContext, Free> context;
