@@ -227,7 +227,7 @@ bool MediaSession::ParseFrameRate(std::string_view line) {
 
 std::string MediaSession::StreamURL(const std::string& requestUrl,
                                     const _RTSPSUBSESSION_CONFIG& stream) const {
-  const std::string control = stream.control;
+  std::string control = stream.control;
   const std::size_t colon = control.find(':');
   if (colon != std::string::npos && colon < control.find('/')) {
     return control;
