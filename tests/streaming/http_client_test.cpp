@@ -161,6 +161,10 @@ class Camera {
                 static_cast<ssize_t>(bytes.size()));
     }
   }
+  // To a client that may just have closed.
+  void SendIfItListens(const std::string& data) {
+    static_cast<void>(send(connection_, data.data(), data.size(), MSG_NOSIGNAL));
+  }
   bool HearsNothing() const {
     pollfd item{connection_, POLLIN, 0};
     return poll(&item, 1, 50) == 0;
@@ -334,7 +338,7 @@ TEST(HttpClient, SoundAloneDoesNotKeepAStreamAlive) {
     return client.GetConnectionStatus().fault == ConnectionFault::kStreamDied;
   };
   EXPECT_TRUE(WaitFor([&] {
-    camera.Send(Part("audio/basic", "sound"));
+    camera.SendIfItListens(Part("audio/basic", "sound"));
     return died();
   }));
 }
