@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "cms/live/media/codec_id.h"
 #include "cms/runtime/internal/cancel_gate.h"
 #include "cms/streaming/internal/rtsp_session.h"
 #include "cms/streaming/internal/rtsp_target.h"
@@ -213,14 +214,8 @@ void CMSRTSPClient::SetMustDecode(int decode) {
 }
 
 CMSCodecID CMSRTSPClient::VideoCodec() const {
-  const std::string encoding = GetVideoEncoding();
-  if (encoding == "H264") {
-    return CMS_CODEC_H264;
-  }
-  if (encoding == "JPEG") {
-    return CMS_CODEC_MJPEG;
-  }
-  return encoding == "MP4V-ES" ? CMS_CODEC_MPEG4 : CMS_CODEC_NONE;
+  const CMSCodecID codec = cms::CodecOfEncodingName(GetVideoEncoding());
+  return cms::VideoTypeOfCodec(codec) != CMS_VIDEO_UNKNOWN ? codec : CMS_CODEC_NONE;
 }
 
 void CMSRTSPClient::InitialChannelCodec() {
