@@ -14,9 +14,10 @@
 #include "cms/runtime/internal/named_thread.h"
 #include "cms/runtime/wake_up.h"
 
+namespace cms {
 namespace {
 
-constexpr auto kCapture = cms::AlsaDevice::Direction::kCapture;
+constexpr auto kCapture = AlsaDevice::Direction::kCapture;
 constexpr std::uint32_t kBlockMs = 20;
 constexpr std::uint32_t kBufferMs = 200;
 constexpr int kRetryMs = 2000;
@@ -26,10 +27,10 @@ void Encode(std::int32_t codecId, std::span<const std::int16_t> samples,
             std::span<unsigned char> bytes) {
   switch (codecId) {
     case CMS_CODEC_PCM_MULAW:
-      cms::EncodeMuLaw(samples.data(), samples.size(), bytes.data());
+      EncodeMuLaw(samples.data(), samples.size(), bytes.data());
       break;
     case CMS_CODEC_PCM_ALAW:
-      cms::EncodeALaw(samples.data(), samples.size(), bytes.data());
+      EncodeALaw(samples.data(), samples.size(), bytes.data());
       break;
     default:
       std::memcpy(bytes.data(), samples.data(), bytes.size());
@@ -50,7 +51,7 @@ class CCMSAudioCapture::Impl {
   Impl(const tCMSAudioPlayerConfig& config, OnBlock onBlock, std::string device)
       : config_(config),
         onBlock_(std::move(onBlock)),
-        device_(device.empty() ? cms::AlsaDeviceOf(config.device, kCapture) : std::move(device)),
+        device_(device.empty() ? AlsaDeviceOf(config.device, kCapture) : std::move(device)),
         block_(BlockSamples(config)),
         encoded_(BlockBytes(config)) {
     if (!IsUsable(config)) {
@@ -117,11 +118,11 @@ class CCMSAudioCapture::Impl {
   std::vector<std::int16_t> block_;
   std::size_t filled_ = 0;  // samples
   std::vector<unsigned char> encoded_;
-  cms::AlsaDevice pcm_;
-  cms::WakeUp wake_;
+  AlsaDevice pcm_;
+  WakeUp wake_;
   std::vector<pollfd> waits_;
   std::atomic<bool> stopping_{false};
-  cms::NamedThread thread_;
+  NamedThread thread_;
 };
 
 bool CCMSAudioCapture::IsUsable(const tCMSAudioPlayerConfig& config) {
@@ -148,11 +149,13 @@ CCMSAudioCapture::CCMSAudioCapture(const tCMSAudioPlayerConfig& config, OnBlock 
 
 CCMSAudioCapture::~CCMSAudioCapture() = default;
 
-std::unique_ptr<cms::AudioCapture> cms::MakeAudioCapture(const tCMSAudioPlayerConfig& config,
-                                                         AudioCapture::OnBlock onBlock) {
+std::unique_ptr<AudioCapture> MakeAudioCapture(const tCMSAudioPlayerConfig& config,
+                                               AudioCapture::OnBlock onBlock) {
   try {
     return std::make_unique<CCMSAudioCapture>(config, std::move(onBlock));
   } catch (const std::exception&) {
     return nullptr;
   }
 }
+
+}  // namespace cms

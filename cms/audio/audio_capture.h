@@ -8,6 +8,8 @@
 #include "cms/live/media/audio_endpoint.h"
 #include "cms/runtime/api.h"
 
+namespace cms {
+
 // Captures 20 ms blocks, encodes them (mu-law, A-law or 16-bit PCM of either byte order) and hands
 // them to the callback on a thread of its own, which sleeps between blocks. A device that goes away
 // is opened again every two seconds. Destruction waits for a running callback.
@@ -25,11 +27,9 @@ class CMS_API CCMSAudioCapture final : public cms::AudioCapture {
   static std::size_t BlockBytes(const tCMSAudioPlayerConfig& config);
 
  private:
-  class Impl;
+  class CMS_HIDDEN Impl;
   std::unique_ptr<Impl> impl_;
 };
-
-namespace cms {
 
 // A microphone of the device that the configuration counts; nullptr when either cannot be used.
 CMS_API std::unique_ptr<AudioCapture> MakeAudioCapture(const tCMSAudioPlayerConfig& config,

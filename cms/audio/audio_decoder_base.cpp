@@ -3,11 +3,11 @@
 #include <algorithm>
 #include <new>
 
-int CAudioDecoderBase::Initialize(const CAudioDecoderConfig* config) {
+int CAudioDecoderBase::Initialize(const cms::CAudioDecoderConfig* config) {
   return InitializeOutput(config, 1, 0);
 }
 
-int CAudioDecoderBase::InitializeOutput(const CAudioDecoderConfig* config, unsigned int factor,
+int CAudioDecoderBase::InitializeOutput(const cms::CAudioDecoderConfig* config, unsigned int factor,
                                         unsigned int slack) {
   if (config == nullptr) {
     return 0;

@@ -14,13 +14,17 @@
 
 #include "cms/runtime/api.h"
 
+namespace cms {
+
 struct CAudioDecoderConfig {
   std::int32_t codecId;            // a CMSCodecID, such as CMS_CODEC_PCM_MULAW
   std::uint32_t maximumBlockSize;  // input bytes
   std::uint32_t channelCount;
-  std::uint32_t value;  // kept for the player, as the pointer is; the decoders use neither
+  std::uint32_t value;  // the player's sample rate; of the decoders CompressedSoundDecoder heeds it
   void* pointer;
 };
+
+}  // namespace cms
 
 class CMS_API CAudioDecoderBase {
  public:
@@ -34,7 +38,7 @@ class CMS_API CAudioDecoderBase {
 
   // Copies the configuration and allocates the output buffer: maximum block size x channel count x
   // the codec's factor. 1, or 0 for a null configuration or an impossible buffer.
-  virtual int Initialize(const CAudioDecoderConfig* config);
+  virtual int Initialize(const cms::CAudioDecoderConfig* config);
 
   // Decodes one block of `length` bytes: 1, or 0 when there is nothing to decode, the decoder is
   // not initialised or the output would not fit. Only the IMA decoder heeds the channel mode.
@@ -56,7 +60,8 @@ class CMS_API CAudioDecoderBase {
  protected:
   // Initialize of a codec whose output is `factor` times its input, with `slack` writable bytes
   // behind the capacity.
-  int InitializeOutput(const CAudioDecoderConfig* config, unsigned int factor, unsigned int slack);
+  int InitializeOutput(const cms::CAudioDecoderConfig* config, unsigned int factor,
+                       unsigned int slack);
 
   // Whether a block is there and its output fits. If not, what was decoded before becomes zeros.
   bool TakeOrSilence(const unsigned char* block, int length, unsigned int factor);

@@ -16,9 +16,10 @@
 #include "cms/runtime/internal/named_thread.h"
 #include "cms/runtime/wake_up.h"
 
+namespace cms {
 namespace {
 
-constexpr auto kPlay = cms::AlsaDevice::Direction::kPlay;
+constexpr auto kPlay = AlsaDevice::Direction::kPlay;
 constexpr std::uint32_t kMinimumDelayMs = 20;
 constexpr std::uint32_t kMaximumDelayMs = 1000;
 constexpr std::uint32_t kMaximumBlockSize = 1u << 20;
@@ -35,7 +36,7 @@ class CCMSAudioPlayer::Impl {
  public:
   Impl(const tCMSAudioPlayerConfig& config, std::string device)
       : config_(config),
-        deviceName_(device.empty() ? cms::AlsaDeviceOf(config.device, kPlay) : std::move(device)),
+        deviceName_(device.empty() ? AlsaDeviceOf(config.device, kPlay) : std::move(device)),
         delayMs_(std::clamp(config.delayMs, kMinimumDelayMs, kMaximumDelayMs)),
         buffer_(kQueueBytes, delayMs_) {}
 
@@ -50,26 +51,26 @@ class CCMSAudioPlayer::Impl {
   void Run();
   void Feed();
   void Write(std::span<const std::int16_t> samples);
-  bool OpenDevice(const cms::PcmFormat& format);
+  bool OpenDevice(const PcmFormat& format);
   void CloseDevice(long error);
   void Wait(bool device, int timeoutMs);
 
   CMSCritical life_;  // orders Start and Stop
-  cms::NamedThread thread_ CMS_GUARDED_BY(life_);
+  NamedThread thread_ CMS_GUARDED_BY(life_);
 
   CMSCritical format_;  // Play and SetFormat
   tCMSAudioPlayerConfig config_ CMS_GUARDED_BY(format_);
-  std::unique_ptr<cms::BlockDecoder> decoder_ CMS_GUARDED_BY(format_);
+  std::unique_ptr<BlockDecoder> decoder_ CMS_GUARDED_BY(format_);
 
   const std::string deviceName_;
   const std::uint32_t delayMs_;
-  cms::PlayoutBuffer buffer_;
-  cms::WakeUp wake_;
+  PlayoutBuffer buffer_;
+  WakeUp wake_;
   std::atomic<bool> started_{false};
 
   // The feeding thread's.
-  cms::AlsaDevice device_;
-  cms::PcmFormat open_;
+  AlsaDevice device_;
+  PcmFormat open_;
   std::vector<std::int16_t> chunk_;
   std::vector<pollfd> waits_;
   std::uint64_t nextOpen_ = 0;
@@ -85,7 +86,7 @@ class CCMSAudioPlayer::Impl {
 };
 
 bool CCMSAudioPlayer::IsUsable(const tCMSAudioPlayerConfig& config) {
-  return cms::BlockDecoder::Knows(config.codecId) && config.sampleRate >= kMinimumRate &&
+  return BlockDecoder::Knows(config.codecId) && config.sampleRate >= kMinimumRate &&
          config.sampleRate <= kMaximumRate && config.channels >= 1 && config.channels <= 2 &&
          config.maximumBlockSize >= 1 && config.maximumBlockSize <= kMaximumBlockSize;
 }
@@ -95,7 +96,7 @@ bool CCMSAudioPlayer::Impl::Start() {
   if (started_.load()) {
     return true;
   }
-  cms::PcmFormat format;
+  PcmFormat format;
   {
     ScopeLock formatLock(format_);
     if (!IsUsable(config_)) {
@@ -103,7 +104,7 @@ bool CCMSAudioPlayer::Impl::Start() {
       error_ = "the audio format cannot be played";
       return false;
     }
-    decoder_ = std::make_unique<cms::BlockDecoder>(config_);
+    decoder_ = std::make_unique<BlockDecoder>(config_);
     format = {config_.sampleRate, config_.channels};
   }
   if (!OpenDevice(format)) {
@@ -135,7 +136,7 @@ bool CCMSAudioPlayer::Impl::SetFormat(const tCMSAudioPlayerConfig& config) {
   if (!IsUsable(config)) {
     return false;
   }
-  auto decoder = std::make_unique<cms::BlockDecoder>(config);
+  auto decoder = std::make_unique<BlockDecoder>(config);
   ScopeLock lock(format_);
   config_ = config;
   decoder_ = std::move(decoder);
@@ -173,7 +174,7 @@ CMSAudioPlayerStatus CCMSAudioPlayer::Impl::GetStatus() const {
   status.playedFrames = played_.load(std::memory_order_relaxed);
   status.skippedFrames = buffer_.CutFrames();
   status.underruns = underruns_.load(std::memory_order_relaxed);
-  const cms::PcmFormat format = buffer_.NextFormat();
+  const PcmFormat format = buffer_.NextFormat();
   status.delayMs = deviceDelayMs_.load(std::memory_order_relaxed);
   if (format.sampleRate != 0) {
     status.delayMs += static_cast<std::uint32_t>(buffer_.QueuedFrames() * 1000 / format.sampleRate);
@@ -185,7 +186,7 @@ CMSAudioPlayerStatus CCMSAudioPlayer::Impl::GetStatus() const {
 
 // --- The feeding thread -------------------------------------------------------------------------
 
-bool CCMSAudioPlayer::Impl::OpenDevice(const cms::PcmFormat& format) {
+bool CCMSAudioPlayer::Impl::OpenDevice(const PcmFormat& format) {
   const int result = device_.Open(deviceName_, kPlay, format, delayMs_ * 2);
   {
     ScopeLock lock(errorLock_);
@@ -193,7 +194,7 @@ bool CCMSAudioPlayer::Impl::OpenDevice(const cms::PcmFormat& format) {
   }
   deviceOpen_.store(result == 0);
   if (result != 0) {
-    nextOpen_ = cms::TickMilliseconds() + kReopenMs;
+    nextOpen_ = TickMilliseconds() + kReopenMs;
     return false;
   }
   open_ = format;
@@ -205,7 +206,7 @@ void CCMSAudioPlayer::Impl::CloseDevice(long error) {
   device_.Close();
   deviceOpen_.store(false);
   deviceDelayMs_.store(0, std::memory_order_relaxed);
-  nextOpen_ = cms::TickMilliseconds() + kReopenMs;
+  nextOpen_ = TickMilliseconds() + kReopenMs;
   buffer_.Clear();
   ScopeLock lock(errorLock_);
   error_ = "audio device \"" + deviceName_ +
@@ -225,7 +226,7 @@ void CCMSAudioPlayer::Impl::Wait(bool device, int timeoutMs) {
 
 void CCMSAudioPlayer::Impl::Run() {
   while (started_.load()) {
-    const cms::PcmFormat next = buffer_.NextFormat();
+    const PcmFormat next = buffer_.NextFormat();
     if (next.sampleRate == 0) {
       Wait(false, -1);
       continue;
@@ -233,7 +234,7 @@ void CCMSAudioPlayer::Impl::Run() {
     if (device_.IsOpen() && !(next == open_)) {
       device_.Drain();  // the end of the old format is heard
     }
-    if (!device_.IsOpen() && (cms::TickMilliseconds() < nextOpen_ || !OpenDevice(next))) {
+    if (!device_.IsOpen() && (TickMilliseconds() < nextOpen_ || !OpenDevice(next))) {
       buffer_.Clear();
       continue;
     }
@@ -318,9 +319,11 @@ CMSAudioPlayerStatus CCMSAudioPlayer::GetStatus() const {
   return impl_->GetStatus();
 }
 
-std::unique_ptr<cms::AudioPlayer> cms::MakeAudioPlayer(const tCMSAudioPlayerConfig& config) {
+std::unique_ptr<AudioPlayer> MakeAudioPlayer(const tCMSAudioPlayerConfig& config) {
   if (!CCMSAudioPlayer::IsUsable(config)) {
     return nullptr;
   }
   return std::make_unique<CCMSAudioPlayer>(config);
 }
+
+}  // namespace cms

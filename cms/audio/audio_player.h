@@ -8,6 +8,8 @@
 #include "cms/live/media/audio_endpoint.h"
 #include "cms/runtime/api.h"
 
+namespace cms {
+
 struct CMSAudioPlayerStatus {
   bool started = false;
   bool deviceOpen = false;
@@ -58,11 +60,9 @@ class CMS_API CCMSAudioPlayer final : public cms::AudioPlayer {
   CMSAudioPlayerStatus GetStatus() const;
 
  private:
-  class Impl;
+  class CMS_HIDDEN Impl;
   std::unique_ptr<Impl> impl_;
 };
-
-namespace cms {
 
 // A player of the device that the configuration counts; nullptr when the configuration is unusable.
 CMS_API std::unique_ptr<AudioPlayer> MakeAudioPlayer(const tCMSAudioPlayerConfig& config);

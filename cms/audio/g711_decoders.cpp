@@ -8,7 +8,7 @@ constexpr unsigned int kG711Factor = 2;
 
 }  // namespace
 
-int ALawDecoder::Initialize(const CAudioDecoderConfig* config) {
+int ALawDecoder::Initialize(const cms::CAudioDecoderConfig* config) {
   return InitializeOutput(config, kG711Factor, 0);
 }
 
@@ -22,7 +22,7 @@ int ALawDecoder::Decode(const unsigned char* block, int length, unsigned int /*c
   return 1;
 }
 
-int MULawDecoder::Initialize(const CAudioDecoderConfig* config) {
+int MULawDecoder::Initialize(const cms::CAudioDecoderConfig* config) {
   return InitializeOutput(config, kG711Factor, 0);
 }
 

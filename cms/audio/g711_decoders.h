@@ -7,12 +7,12 @@
 // differ in their law only.
 class CMS_API ALawDecoder : public CAudioDecoderBase {
  public:
-  int Initialize(const CAudioDecoderConfig* config) override;
+  int Initialize(const cms::CAudioDecoderConfig* config) override;
   int Decode(const unsigned char* block, int length, unsigned int channelMode) override;
 };
 
 class CMS_API MULawDecoder : public CAudioDecoderBase {
  public:
-  int Initialize(const CAudioDecoderConfig* config) override;
+  int Initialize(const cms::CAudioDecoderConfig* config) override;
   int Decode(const unsigned char* block, int length, unsigned int channelMode) override;
 };

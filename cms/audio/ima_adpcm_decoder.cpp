@@ -38,7 +38,7 @@ void Fade(ADPCMState& state, std::int16_t* out) {
 
 }  // namespace
 
-int IMAADPCMDecoder::Initialize(const CAudioDecoderConfig* config) {
+int IMAADPCMDecoder::Initialize(const cms::CAudioDecoderConfig* config) {
   firstStepIndex_ = 0;
   secondStepIndex_ = 0;
   firstPredictor_ = 0;

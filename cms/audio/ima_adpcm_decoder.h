@@ -22,7 +22,7 @@ class CMS_API IMAADPCMDecoder : public CAudioDecoderBase {
   static constexpr int kHeaderSize = 64;
   static constexpr int kGroupSize = 8;
 
-  int Initialize(const CAudioDecoderConfig* config) override;
+  int Initialize(const cms::CAudioDecoderConfig* config) override;
   int Decode(const unsigned char* block, int dataLength, unsigned int channelMode) override;
 
   // Sets both states from the header: 1, or 0 (both zero) for a null block or another channel mode.

@@ -56,7 +56,7 @@ class Predictor {
 
 }  // namespace
 
-int MSADPCMDecoder::Initialize(const CAudioDecoderConfig* config) {
+int MSADPCMDecoder::Initialize(const cms::CAudioDecoderConfig* config) {
   return InitializeOutput(config, kMsFactor, 0);
 }
 

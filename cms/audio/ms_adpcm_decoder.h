@@ -16,6 +16,6 @@ class CMS_API MSADPCMDecoder : public CAudioDecoderBase {
  public:
   static constexpr int kBytesReadBehind = 6;
 
-  int Initialize(const CAudioDecoderConfig* config) override;
+  int Initialize(const cms::CAudioDecoderConfig* config) override;
   int Decode(const unsigned char* block, int length, unsigned int channelMode) override;
 };

@@ -10,7 +10,7 @@ int PCMDecoder::Decode(const unsigned char* block, int length, unsigned int /*ch
   }
   const auto size = static_cast<std::size_t>(length);
   unsigned char* const out = output_.get();
-  if (codecId_ == CMS_CODEC_PCM_S16BE) {
+  if (codecId_ == cms::CMS_CODEC_PCM_S16BE) {
     for (std::size_t i = 0; i + 1 < size; i += 2) {
       out[i] = block[i + 1];
       out[i + 1] = block[i];
@@ -18,7 +18,7 @@ int PCMDecoder::Decode(const unsigned char* block, int length, unsigned int /*ch
     if (size % 2 != 0) {
       out[size - 1] = block[size - 1];
     }
-  } else if (codecId_ == CMS_CODEC_PCM_U8) {
+  } else if (codecId_ == cms::CMS_CODEC_PCM_U8) {
     std::transform(block, block + size, out,
                    [](unsigned char each) { return static_cast<unsigned char>(each + 128); });
   } else {

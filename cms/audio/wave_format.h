@@ -5,6 +5,8 @@
 #include <cstdint>
 
 #pragma pack(push, 1)
+namespace cms {
+
 struct CMSWaveFormat {
   std::uint16_t formatTag;  // 1 PCM, 6 A-law, 7 mu-law
   std::uint16_t channels;
@@ -14,6 +16,9 @@ struct CMSWaveFormat {
   std::uint16_t bitsPerSample;
   std::uint16_t extraSize;  // bytes that follow the record
 };
+
+}  // namespace cms
 #pragma pack(pop)
 
-static_assert(sizeof(CMSWaveFormat) == 18 && offsetof(CMSWaveFormat, bitsPerSample) == 14);
+static_assert(sizeof(cms::CMSWaveFormat) == 18 &&
+              offsetof(cms::CMSWaveFormat, bitsPerSample) == 14);

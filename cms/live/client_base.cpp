@@ -4,19 +4,22 @@
 #include <cstring>
 #include <iterator>
 
+#include "cms/live/internal/client_state.h"
 #include "cms/live/internal/connection_sight.h"
-#include "cms/live/internal/keeper.h"
 #include "cms/live/media/codec_id.h"
 #include "cms/live/media/frame_type.h"
-#include "cms/recording/site/internal/site_recording.h"
+#include "cms/recording/channel_set.h"
 #include "cms/runtime/clock.h"
 
-CMSClientBase::CMSClientBase(cms::KeptStream* stream)
-    : keeper_(std::make_unique<cms::Keeper>(stream)),
-      recording_(std::make_unique<cms::SiteRecording>([this] {
-        const ConnectionStatus status = keeper_->Status();
-        return cms::SightOf(status.state, status.fault, rate_.LastVideo());
-      })) {}
+CMSClientBase::State::State(cms::KeptStream* stream)
+    : keeper(stream), recording([this] {
+        const cms::ConnectionStatus status = keeper.Status();
+        cms::ConnectionSight sight = cms::SightOf(status.state, status.fault, rate.LastVideo());
+        sight.soundAlone = keeper.IsSoundAlone();
+        return sight;
+      }) {}
+
+CMSClientBase::CMSClientBase(cms::KeptStream* stream) : state_(std::make_unique<State>(stream)) {}
 
 // A derived client has stopped the keeping in its own destructor: the keeping calls its operations.
 CMSClientBase::~CMSClientBase() {
@@ -41,54 +44,59 @@ int CMSClientBase::SendAudioData(unsigned char*, int) {
 }
 
 int CMSClientBase::AllocChannelData(unsigned count) {
-  Channels channels;
+  State::Channels channels;
+  stFisheyeParameter fisheye;
   {
-    ScopeLock lock(channelsLock_);
-    channels_.swap(channels);
-    channelCount_ = count;
+    ScopeLock lock(state_->channelsLock);
+    state_->channels.swap(channels);
+    state_->channelCount = count;
+    fisheye = state_->fisheye;
   }
   channels.clear();  // without the lock: a decode thread may have to end
   if (count > 0) {
-    recordableChannels_ = std::min(count, cms::kChannels);
+    state_->recordableChannels = std::min(count, cms::kChannels);
   }
   try {
     channels.reserve(count);
     for (unsigned i = 0; i < count; ++i) {
       channels.push_back(std::make_shared<CMSChannelDataBase>());
-      channels.back()->SetThreadedDecode(threadedDecode_);
+      channels.back()->SetThreadedDecode(state_->threadedDecode);
       channels.back()->SetRecDuration(GetRecDuration());
+      channels.back()->CreateFishEyeManager(fisheye);
     }
   } catch (const std::bad_alloc&) {
     return 0;
   }
-  ScopeLock lock(channelsLock_);
-  channels_.swap(channels);
+  ScopeLock lock(state_->channelsLock);
+  state_->channels.swap(channels);
   return 1;
 }
 
 std::shared_ptr<CMSChannelDataBase> CMSClientBase::Channel(unsigned channel) const {
-  ScopeLock lock(channelsLock_);
-  return channel < channels_.size() ? channels_[channel] : nullptr;
+  ScopeLock lock(state_->channelsLock);
+  return channel < state_->channels.size() ? state_->channels[channel] : nullptr;
 }
 
-CMSClientBase::Channels CMSClientBase::CopyOfChannels() const {
-  ScopeLock lock(channelsLock_);
-  return channels_;
+CMSClientBase::State::Channels CMSClientBase::State::CopyOfChannels() const {
+  ScopeLock lock(channelsLock);
+  return channels;
 }
 
 // --- A frame's way ------------------------------------------------------------------------------
 
 void CMSClientBase::OnGetVideoFrame(void* header, int headerSize, void* data, int size,
                                     unsigned channel, int frameType) {
-  videoFrames_.fetch_add(1, std::memory_order_relaxed);
-  keyFrames_.fetch_add(frameType == cms::kKeyFrame ? 1 : 0, std::memory_order_relaxed);
-  bytes_.fetch_add(static_cast<std::uint64_t>(size), std::memory_order_relaxed);
+  state_->videoFrames.fetch_add(1, std::memory_order_relaxed);
+  state_->keyFrames.fetch_add(frameType == cms::kKeyFrame ? 1 : 0, std::memory_order_relaxed);
+  state_->bytes.fetch_add(static_cast<std::uint64_t>(size), std::memory_order_relaxed);
   const std::uint64_t now = cms::TickMilliseconds();
-  rate_.Add(now, true, static_cast<std::uint64_t>(size));
-  if (firstFrameTick_.load(std::memory_order_relaxed) == 0) {
-    firstFrameTick_.store(now, std::memory_order_relaxed);
+  state_->rate.Add(now, true, static_cast<std::uint64_t>(size));
+  if (state_->firstFrameTick.load(std::memory_order_relaxed) == 0) {
+    state_->firstFrameTick.store(now, std::memory_order_relaxed);
   }
-  fpsReport_.AddFrameCount(static_cast<unsigned long>(size), 1);
+  state_->fpsReport.AddFrameCount(static_cast<unsigned long>(size), 1);
+  state_->lastTimeUs.store(state_->moment.timeUs, std::memory_order_relaxed);
+  state_->lastCameraUs.store(state_->moment.cameraUs, std::memory_order_relaxed);
   OnRecordVideoFrame(header, headerSize, data, size, channel);
   if (MustDecode() == 0) {
     AddChannelSerialNum(channel);
@@ -99,12 +107,19 @@ void CMSClientBase::OnGetVideoFrame(void* header, int headerSize, void* data, in
 
 void CMSClientBase::OnGetAudioFrame(void* header, int headerSize, void* data, int size,
                                     unsigned channel) {
-  audioFrames_.fetch_add(1, std::memory_order_relaxed);
-  bytes_.fetch_add(static_cast<std::uint64_t>(size), std::memory_order_relaxed);
-  rate_.Add(cms::TickMilliseconds(), false, static_cast<std::uint64_t>(size));
-  fpsReport_.AddFrameCount(static_cast<unsigned long>(size), 0);
+  state_->audioFrames.fetch_add(1, std::memory_order_relaxed);
+  state_->bytes.fetch_add(static_cast<std::uint64_t>(size), std::memory_order_relaxed);
+  state_->rate.Add(cms::TickMilliseconds(), false, static_cast<std::uint64_t>(size));
+  state_->fpsReport.AddFrameCount(static_cast<unsigned long>(size), 0);
   OnRecordAudioFrame(header, headerSize, data, size, channel);
   OnDecodeAudioFrame(data, size, channel);
+}
+
+void CMSClientBase::NoteMoment(const cms::FrameMoment& moment) {
+  state_->moment = moment;
+}
+const cms::FrameMoment& CMSClientBase::GetFrameMoment() const {
+  return state_->moment;
 }
 
 void CMSClientBase::OnDecodeVideoFrame(void* data, int size, unsigned channel, int frameType) {
@@ -125,7 +140,7 @@ void CMSClientBase::OnDecodeVideoFrame(void* data, int size, unsigned channel, i
     return;
   }
   state->ReInitialCodec();
-  if (mustDecode_.load(std::memory_order_relaxed) == 0) {
+  if (state_->mustDecode.load(std::memory_order_relaxed) == 0) {
     state->ReleaseCodec();  // decoding was switched off under this frame
   }
 }
@@ -133,47 +148,52 @@ void CMSClientBase::OnDecodeVideoFrame(void* data, int size, unsigned channel, i
 // --- Statistics and pictures --------------------------------------------------------------------
 
 int CMSClientBase::GetFrameData(void* buffer, int size) const {
-  CMSFrameData data;
-  data.videoFrames = videoFrames_.load(std::memory_order_relaxed);
-  data.keyFrames = keyFrames_.load(std::memory_order_relaxed);
-  data.audioFrames = audioFrames_.load(std::memory_order_relaxed);
-  data.bytes = bytes_.load(std::memory_order_relaxed);
-  const cms::StreamCounts counts = keeper_->Counts();
+  cms::CMSFrameData data;
+  data.videoFrames = state_->videoFrames.load(std::memory_order_relaxed);
+  data.keyFrames = state_->keyFrames.load(std::memory_order_relaxed);
+  data.audioFrames = state_->audioFrames.load(std::memory_order_relaxed);
+  data.bytes = state_->bytes.load(std::memory_order_relaxed);
+  const cms::StreamCounts counts = state_->keeper.Counts();
   data.lostPackets = counts.lost;
   data.oversizeFrames = counts.oversize;
-  data.openMs = openMs_.load(std::memory_order_relaxed);
-  const auto start = openingTick_.load(std::memory_order_relaxed);
+  data.openMs = state_->openMs.load(std::memory_order_relaxed);
+  const auto start = state_->openingTick.load(std::memory_order_relaxed);
   const auto since = [start](std::uint64_t tick) {
     // A tick before the start belongs to the opening before; at least 1 ms says "it happened".
     return tick == 0 || tick < start ? 0 : std::max<std::uint32_t>(1, std::uint32_t(tick - start));
   };
-  data.firstFrameMs = since(firstFrameTick_.load(std::memory_order_relaxed));
+  data.firstFrameMs = since(state_->firstFrameTick.load(std::memory_order_relaxed));
   const std::uint64_t now = cms::TickMilliseconds();
   const auto ago = [now](std::uint64_t tick) {
-    const std::uint64_t most = CMSFrameData::kNever - 1;
-    return tick == 0 ? CMSFrameData::kNever
+    const std::uint64_t most = cms::CMSFrameData::kNever - 1;
+    return tick == 0 ? cms::CMSFrameData::kNever
                      : static_cast<std::uint32_t>(std::min(now - std::min(tick, now), most));
   };
-  data.sinceVideoMs = ago(rate_.LastVideo());
+  data.sinceVideoMs = ago(state_->rate.LastVideo());
   if (const auto state = Channel(0)) {
     data.firstPictureMs = since(state->FirstPictureTick());
     data.sincePictureMs = ago(state->LastPictureTick());
   }
-  data.fps = rate_.Fps(now);
-  data.kbps = rate_.Kbps(now);
+  data.fps = state_->rate.Fps(now);
+  data.kbps = state_->rate.Kbps(now);
+  data.timeUs = state_->lastTimeUs.load(std::memory_order_relaxed);
+  data.cameraUs = state_->lastCameraUs.load(std::memory_order_relaxed);
   const auto count = std::min<std::size_t>(size > 0 ? std::size_t(size) : 0, sizeof data);
   std::memcpy(buffer, &data, count);
   return static_cast<int>(count);
 }
 
+CMSFpsReport& CMSClientBase::FpsReport() {
+  return state_->fpsReport;
+}
 double CMSClientBase::GetFps() const {
-  return fpsReport_.GetRecentFps();
+  return state_->fpsReport.GetRecentFps();
 }
 double CMSClientBase::GetAvgFps() const {
-  return fpsReport_.GetRecentAvgFps();
+  return state_->fpsReport.GetRecentAvgFps();
 }
 double CMSClientBase::GetKbps() const {
-  return fpsReport_.GetKbps();
+  return state_->fpsReport.GetKbps();
 }
 
 int CMSClientBase::GetDecodeStatus(unsigned channel, unsigned* decoded, unsigned* notDecoded,
@@ -195,12 +215,21 @@ int CMSClientBase::GetDecodeStatus(unsigned channel, unsigned* decoded, unsigned
 }
 
 int CMSClientBase::IsClientPlaying() const {
-  return playing_.load(std::memory_order_relaxed);
+  return state_->playing.load(std::memory_order_relaxed);
+}
+
+void CMSClientBase::SetPlaying(bool playing) {
+  state_->playing.store(playing ? 1 : 0, std::memory_order_relaxed);
 }
 
 std::uint8_t* CMSClientBase::lockDecodedImage(unsigned channel, tagSIZE* size) {
   const auto state = Channel(channel);
   return state != nullptr ? state->LockDecodedImage(size) : nullptr;
+}
+
+bool CMSClientBase::LockDecodedPlanes(unsigned channel, cms::PlanarPicture* picture) {
+  const auto state = Channel(channel);
+  return state != nullptr && state->LockDecodedPlanes(picture);
 }
 
 void CMSClientBase::unlockDecodedImage(unsigned channel) {
@@ -210,10 +239,14 @@ void CMSClientBase::unlockDecodedImage(unsigned channel) {
 }
 
 void CMSClientBase::SetThreadedDecode(bool threaded) {
-  threadedDecode_ = threaded;
-  for (const auto& channel : CopyOfChannels()) {
+  state_->threadedDecode = threaded;
+  for (const auto& channel : state_->CopyOfChannels()) {
     channel->SetThreadedDecode(threaded);
   }
+}
+
+void CMSClientBase::SetSiteType(int siteType) {
+  state_->siteType = siteType;
 }
 
 void CMSClientBase::GetDRVTypeHeader(unsigned char* tag) {
@@ -229,11 +262,12 @@ void CMSClientBase::GetDRVTypeHeader(unsigned char* tag) {
   const int video = GetVideoType(0);
   const auto* const family =
       std::find_if(std::begin(kFamilies), std::end(kFamilies),
-                   [&](const Family& each) { return each.siteType == siteType_; });
-  if (family == std::end(kFamilies) || video < CMS_VIDEO_H264 || video > CMS_VIDEO_MPEG4) {
+                   [&](const Family& each) { return each.siteType == state_->siteType; });
+  if (family == std::end(kFamilies) || video < cms::CMS_VIDEO_H264 ||
+      video > cms::CMS_VIDEO_MPEG4) {
     return;
   }
-  const int codec = video - CMS_VIDEO_H264;
+  const int codec = video - cms::CMS_VIDEO_H264;
   if (family->letters[codec] != '\0') {
     tag[0] = 0;
     tag[1] = 0;
@@ -243,50 +277,57 @@ void CMSClientBase::GetDRVTypeHeader(unsigned char* tag) {
 }
 
 void CMSClientBase::MarkOpening() {
-  openingTick_.store(cms::TickMilliseconds(), std::memory_order_relaxed);
-  firstFrameTick_.store(0, std::memory_order_relaxed);
-  rate_.Restart();
-  for (const auto& channel : CopyOfChannels()) {
+  state_->openingTick.store(cms::TickMilliseconds(), std::memory_order_relaxed);
+  state_->firstFrameTick.store(0, std::memory_order_relaxed);
+  state_->rate.Restart();
+  for (const auto& channel : state_->CopyOfChannels()) {
     channel->ForgetFirstPicture();
   }
-  SetState(ConnectionState::kOpening);
+  SetState(cms::ConnectionState::kOpening);
 }
 
 void CMSClientBase::MarkOpened() {
-  openMs_.store(static_cast<std::uint32_t>(cms::TickMilliseconds() -
-                                           openingTick_.load(std::memory_order_relaxed)),
-                std::memory_order_relaxed);
+  state_->openMs.store(
+      static_cast<std::uint32_t>(cms::TickMilliseconds() -
+                                 state_->openingTick.load(std::memory_order_relaxed)),
+      std::memory_order_relaxed);
 }
 
 // --- Keeping ------------------------------------------------------------------------------------
 
-void CMSClientBase::SetReconnectPolicy(const ReconnectPolicy& policy) {
-  keeper_->SetPolicy(policy);
+void CMSClientBase::SetReconnectPolicy(const cms::ReconnectPolicy& policy) {
+  state_->keeper.SetPolicy(policy);
 }
-ConnectionStatus CMSClientBase::GetConnectionStatus() const {
-  return keeper_->Status();
+cms::ConnectionStatus CMSClientBase::GetConnectionStatus() const {
+  return state_->keeper.Status();
 }
-void CMSClientBase::SetFault(ConnectionFault fault, std::string detail) {
-  keeper_->SetFault(fault, std::move(detail));
+void CMSClientBase::SetFault(cms::ConnectionFault fault, std::string detail) {
+  state_->keeper.SetFault(fault, std::move(detail));
 }
-void CMSClientBase::SetState(ConnectionState state) {
-  keeper_->SetState(state);
+void CMSClientBase::SetCameraAddress(std::string address) {
+  state_->keeper.SetAddress(std::move(address));
+}
+void CMSClientBase::SetSoundProblem(std::string problem) {
+  state_->keeper.SetSoundProblem(std::move(problem));
+}
+void CMSClientBase::SetState(cms::ConnectionState state) {
+  state_->keeper.SetState(state);
 }
 
 int CMSClientBase::KeepOpen() {
-  return keeper_->Start(false) ? 1 : 0;
+  return state_->keeper.Start(false) ? 1 : 0;
 }
 void CMSClientBase::StartKeeping() {
-  if (keeper_->Policy().enabled) {
-    keeper_->Start(true);
+  if (state_->keeper.Policy().enabled) {
+    state_->keeper.Start(true);
   }
 }
 void CMSClientBase::StopKeeping() {
-  keeper_->Stop();
+  state_->keeper.Stop();
 }
 void CMSClientBase::PokeKeeping() {
-  keeper_->Poke();
+  state_->keeper.Poke();
 }
 cms::CancelGate& CMSClientBase::OpeningGate() {
-  return keeper_->Gate();
+  return state_->keeper.Gate();
 }

@@ -1,8 +1,6 @@
 // CMSClientBase: one live connection to one site, and what happens to every frame of it.
 #pragma once
 
-#include <array>
-#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -14,7 +12,7 @@
 #include "cms/live/fps_report.h"
 #include "cms/live/kept_stream.h"
 #include "cms/live/media/audio_endpoint.h"
-#include "cms/live/rate_meter.h"
+#include "cms/live/media/frame_moment.h"
 #include "cms/live/reconnect_policy.h"
 #include "cms/recording/gap_log.h"
 #include "cms/recording/record_param.h"
@@ -25,9 +23,6 @@
 
 namespace cms {
 class CancelGate;
-class Keeper;
-class SiteRecording;
-}  // namespace cms
 
 // What GetFrameData copies: totals of the connection since the client was made, over all
 // reconnections, and how it fares now.
@@ -37,7 +32,7 @@ struct CMSFrameData {
   std::uint64_t audioFrames = 0;
   std::uint64_t bytes = 0;  // payload bytes of video and audio frames
   std::uint64_t lostPackets = 0;
-  std::uint64_t oversizeFrames = 0;  // dropped: over 512,000 bytes
+  std::uint64_t oversizeFrames = 0;  // dropped: larger than what is received
 
   // Of the last opening, a reconnection included: from its start to the answer to PLAY, to the
   // first frame handed on and to the first decoded picture of channel 0; 0: not yet.
@@ -54,7 +49,14 @@ struct CMSFrameData {
   // first second of an opening, and when nothing has come for two seconds and two usual distances.
   double fps = 0;
   double kbps = 0;
+
+  // Of the last video frame: when it was taken by our clock and by the camera's (the difference is
+  // what the camera's clock is off), see cms::FrameMoment; 0: not known.
+  std::int64_t timeUs = 0;
+  std::int64_t cameraUs = 0;
 };
+
+}  // namespace cms
 
 // The abstract base of the streaming clients. They negotiate and receive; this class counts every
 // frame, hands it to recording and decoding, and answers the client application's questions.
@@ -157,6 +159,8 @@ class CMS_API CMSClientBase {
                                int frameType);
   virtual void OnGetAudioFrame(void* header, int headerSize, void* data, int size,
                                unsigned channel);
+  // Inside of these two: when the frame was taken. Zeros of a stream that does not tell.
+  const cms::FrameMoment& GetFrameMoment() const;
   virtual void OnRecordVideoFrame(void* header, int headerSize, void* data, int size,
                                   unsigned channel);
   virtual void OnRecordAudioFrame(void* header, int headerSize, void* data, int size,
@@ -172,12 +176,12 @@ class CMS_API CMSClientBase {
   virtual int DestroySocket();
 
   // --- Keeping the stream ---------------------------------------------------------------------
-  void SetReconnectPolicy(const ReconnectPolicy& policy);
+  void SetReconnectPolicy(const cms::ReconnectPolicy& policy);
   // Opens and plays in the background and keeps trying as the policy says; returns at once. Watch
   // GetConnectionStatus. 0 when the stream is kept already, or is none that can be.
   int KeepOpen();
   // Never waits, whatever the camera does.
-  ConnectionStatus GetConnectionStatus() const;
+  cms::ConnectionStatus GetConnectionStatus() const;
 
   // --- Recording ------------------------------------------------------------------------------
   // SetRecordParam and SetRecordDevice first. Channels are those of the latest AllocChannelData
@@ -191,9 +195,16 @@ class CMS_API CMSClientBase {
   void DRVRecorderLockerLock();
   void DRVRecorderLockerUnlock();
 
+  // Where this site's recordings and its events and gaps are kept (cms/recording/data_root.h);
+  // without it, or with an empty folder, that of the process counts. Before the site records.
+  void SetDataRoot(const std::string& folder);
+
   void SetRecordParam(const stRecordParam& param);
   // How the databases name the site. Null texts are empty ones.
   void SetRecordDevice(const wchar_t* address, const wchar_t* siteName, std::uint16_t port);
+  void SetRecordDevice(const std::string& address, const std::string& siteName, std::uint16_t port);
+  // ChangeRecordPath of a native path in UTF-8.
+  int ChangeRecordPath(const std::string& path);
 
   // How long an event recording goes on after the last frame with a mark; 0 from the start.
   void SetRecDuration(unsigned seconds);
@@ -232,6 +243,7 @@ class CMS_API CMSClientBase {
   // earlier runs left of the site first (SetRecordParam before); a target that is away makes them
   // wait. 0 when they go somewhere already.
   int StartMoveFileToNAS(const wchar_t* target);
+  int StartMoveFileToNAS(const std::string& target);  // native, UTF-8
   // Writes and moves what is finished, the last file too. Each may take ten seconds, a move across
   // volumes that runs a minute more; what is left stays where it is.
   void StopMoveFileToNAS();
@@ -241,12 +253,15 @@ class CMS_API CMSClientBase {
   // left waits for a disk that is full or read-only.
   int WaitRecorded(int milliseconds);
   // The .drv files finished since the last call, in the order in which they were begun: the latest
-  // 1000.
+  // 1000. With a data root their paths are absolute.
   std::vector<std::wstring> TakeRecordedFiles();
+  std::vector<std::string> TakeRecordedPaths();  // the same, native and in UTF-8
   cms::RecordingStatus GetRecordingStatus() const;
   // Why nothing is being recorded although it should be, as the gap log has it (also while that
   // cannot be written), about a second behind; nothing while all is well.
   std::optional<cms::OpenGap> GetRecordingGap() const;
+  // How many gaps there were, and how long, as far behind.
+  cms::GapTotals GetRecordingGapTotals() const;
 
   // --- Frames and pictures --------------------------------------------------------------------
   // Copies at most `size` bytes of a CMSFrameData; returns the bytes copied.
@@ -268,6 +283,9 @@ class CMS_API CMSClientBase {
   // the same thread after nullptr too.
   std::uint8_t* lockDecodedImage(unsigned channel, tagSIZE* size);
   void unlockDecodedImage(unsigned channel);
+  // The same as the codec left it, with DECODER_PARAMETER_PLANAR (see CMSDecoder);
+  // unlockDecodedImage is owed after false too.
+  bool LockDecodedPlanes(unsigned channel, cms::PlanarPicture* picture);
 
   // A decode thread for each channel, so that slow decoding never delays reception; off by default.
   // Set before decoding starts.
@@ -298,6 +316,8 @@ class CMS_API CMSClientBase {
   void AddMetadataSerialNum(unsigned channel);
   void MetadataLockerLock(unsigned channel);
   void MetadataLockerUnlock(unsigned channel);
+  // The lens and the view of all channels, also of those that are allocated later
+  // (cms/live/media/fisheye.h); SetDecoder changes the view of one.
   void SetFisheyeInfo(const stFisheyeParameter* parameter);
 
  protected:
@@ -310,10 +330,18 @@ class CMS_API CMSClientBase {
   // What shuts it cancels an opening that runs, and any that would begin.
   cms::CancelGate& OpeningGate();
 
-  void SetFault(ConnectionFault fault, std::string detail);
-  void SetState(ConnectionState state);
+  void SetFault(cms::ConnectionFault fault, std::string detail);
+  void SetState(cms::ConnectionState state);
   void MarkOpening();  // the start of open and first-frame times
   void MarkOpened();
+
+  // When the frame was taken that OnGetVideoFrame or OnGetAudioFrame is given next. Receiving
+  // thread.
+  void NoteMoment(const cms::FrameMoment& moment);
+  // What the log calls the camera: its URL without user and password.
+  void SetCameraAddress(std::string address);
+  // See ConnectionStatus::sound.
+  void SetSoundProblem(std::string problem);
 
   // What the audio blocks are from now on; codec CMS_CODEC_NONE: there are none.
   void SetAudioFormat(const tCMSAudioPlayerConfig& config);
@@ -324,44 +352,18 @@ class CMS_API CMSClientBase {
 
   // Stays valid for who holds it, whatever becomes of the stream; null when there is none.
   std::shared_ptr<CMSChannelDataBase> Channel(unsigned channel) const;
-  unsigned ChannelCount() const { return channelCount_.load(std::memory_order_relaxed); }
-  int MustDecode() const { return mustDecode_.load(std::memory_order_relaxed); }
+  unsigned ChannelCount() const;
+  int MustDecode() const;
+  void SetPlaying(bool playing);        // what IsClientPlaying says
+  void SetSiteType(int siteType);       // decides GetDRVTypeHeader's tag; 0: none
+  void ReportAudioType(int audioType);  // what GetAudioType says
+  CMSFpsReport& FpsReport();
 
   mutable CMSCritical lock_;  // the client's lock: configuration and life cycle
-  std::atomic<int> playing_{0};
-  std::atomic<int> siteType_{0};
-  std::atomic<int> audioType_{0};
-  CMSFpsReport fpsReport_;
-  std::atomic<bool> threadedDecode_{false};
 
  private:
   bool MayRecord(unsigned channel) const;
 
-  using Channels = std::vector<std::shared_ptr<CMSChannelDataBase>>;
-  Channels CopyOfChannels() const;
-
-  std::atomic<unsigned> channelCount_{0};
-  std::atomic<unsigned> recordableChannels_{0};  // the last count above 0: while there are none too
-  mutable CMSCritical channelsLock_;             // for a moment only, inside all others
-  Channels channels_ CMS_GUARDED_BY(channelsLock_);
-  std::atomic<int> mustDecode_{0};
-  stFisheyeParameter fisheye_ CMS_GUARDED_BY(lock_);
-
-  mutable CMSCritical audioLock_;  // held while the player is called
-  cms::AudioPlayer* audioPlayer_ CMS_GUARDED_BY(audioLock_) = nullptr;
-  tCMSAudioPlayerConfig playedFormat_ CMS_GUARDED_BY(audioLock_){.codecId = CMS_CODEC_NONE};
-  mutable CMSCritical recorderLock_;  // held while a capture is started or stopped
-  std::unique_ptr<cms::AudioCapture> audioCapture_ CMS_GUARDED_BY(recorderLock_);
-
-  std::atomic<std::uint64_t> videoFrames_{0};
-  std::atomic<std::uint64_t> keyFrames_{0};
-  std::atomic<std::uint64_t> audioFrames_{0};
-  std::atomic<std::uint64_t> bytes_{0};
-  std::atomic<std::uint64_t> openingTick_{0};
-  std::atomic<std::uint32_t> openMs_{0};
-  std::atomic<std::uint64_t> firstFrameTick_{0};
-  cms::RateMeter rate_;
-
-  const std::unique_ptr<cms::Keeper> keeper_;
-  std::unique_ptr<cms::SiteRecording> recording_;
+  struct CMS_HIDDEN State;
+  const std::unique_ptr<State> state_;
 };

@@ -1,5 +1,5 @@
 // The per-channel members of CMSClientBase: each one passes on to the channel, if there is one.
-#include "cms/live/client_base.h"
+#include "cms/live/internal/client_state.h"
 
 namespace {
 
@@ -18,7 +18,15 @@ auto IfPresent(const std::shared_ptr<CMSChannelDataBase>& channel, Action action
 }  // namespace
 
 void CMSClientBase::SetMustDecode(int decode) {
-  mustDecode_.store(decode, std::memory_order_relaxed);
+  state_->mustDecode.store(decode, std::memory_order_relaxed);
+}
+
+int CMSClientBase::MustDecode() const {
+  return state_->mustDecode.load(std::memory_order_relaxed);
+}
+
+unsigned CMSClientBase::ChannelCount() const {
+  return state_->channelCount.load(std::memory_order_relaxed);
 }
 
 void CMSClientBase::AddChannelSerialNum(unsigned channel) {
@@ -61,7 +69,11 @@ int CMSClientBase::GetVideoType(unsigned channel) {
 }
 
 int CMSClientBase::GetAudioType() {
-  return audioType_.load(std::memory_order_relaxed);
+  return state_->audioType.load(std::memory_order_relaxed);
+}
+
+void CMSClientBase::ReportAudioType(int audioType) {
+  state_->audioType.store(audioType, std::memory_order_relaxed);
 }
 
 void CMSClientBase::EnableDecode(unsigned channel, int) {
@@ -140,8 +152,16 @@ void CMSClientBase::MetadataLockerUnlock(unsigned channel) {
 }
 
 void CMSClientBase::SetFisheyeInfo(const stFisheyeParameter* parameter) {
-  if (parameter != nullptr) {
-    ScopeLock lock(lock_);
-    fisheye_ = *parameter;
+  if (parameter == nullptr) {
+    return;
+  }
+  State::Channels channels;
+  {
+    ScopeLock lock(state_->channelsLock);
+    state_->fisheye = *parameter;
+    channels = state_->channels;
+  }
+  for (const auto& channel : channels) {
+    channel->CreateFishEyeManager(*parameter);
   }
 }

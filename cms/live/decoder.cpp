@@ -13,7 +13,7 @@ int CMSDecoder::Create(DECODE_CODEC codec, tagSIZE) {
 }
 
 int CMSDecoder::Reset() {
-  return impl_ ? impl_->Reset(CMS_CODEC_NONE, true) : 1;
+  return impl_ ? impl_->Reset(cms::CMS_CODEC_NONE, true) : 1;
 }
 
 int CMSDecoder::Reset(DECODE_CODEC codec, tagSIZE) {
@@ -68,6 +68,16 @@ void CMSDecoder::UnlockDisplayImage() {
   UnlockDecodedImage();
 }
 
+void CMSDecoder::SetPlanar(bool planar) {
+  if (impl_) {
+    impl_->SetPlanar(planar);
+  }
+}
+
+bool CMSDecoder::LockDecodedPlanes(cms::PlanarPicture* picture) {
+  return impl_ && impl_->LockPlanes(picture);
+}
+
 tagSIZE CMSDecoder::GetDecodeImageSize() {
   return impl_ ? impl_->DecodedSize() : tagSIZE{};
 }
@@ -97,33 +107,44 @@ void CMSDecoder::SetResultCallback(ResultCallback callback, void* context) {
 }
 
 int CMSDecoder::CreateFishEyeManager(const stFisheyeParameter& parameter) {
-  if (impl_) {
-    impl_->SetFisheye(parameter);
+  if (!impl_) {
+    return 1;
   }
-  return 1;
+  impl_->ChangeFisheye(
+      [&parameter](cms::FisheyeSettings& settings) { settings.parameter = parameter; });
+  return 0;
 }
 
 void CMSDecoder::ReleaseFishEyeManager() {
   if (impl_) {
-    impl_->SetFisheye({});
+    impl_->ChangeFisheye([](cms::FisheyeSettings& settings) { settings = {}; });
   }
 }
 
 void CMSDecoder::SetViewMode(int mode) {
   if (impl_) {
-    impl_->SetViewMode(mode);
+    impl_->ChangeFisheye(
+        [mode](cms::FisheyeSettings& settings) { settings.parameter.viewMode = mode; });
   }
 }
 
 void CMSDecoder::SetDewarpPosition(float pan, float tilt) {
   if (impl_) {
-    impl_->SetDewarpPosition(pan, tilt);
+    impl_->ChangeFisheye([pan, tilt](cms::FisheyeSettings& settings) {
+      settings.positions[0] = cms::stDewarpPosition{pan, tilt};
+    });
   }
 }
 
 void CMSDecoder::SetDewarpZoom(float zoom) {
   if (impl_) {
-    impl_->SetDewarpZoom(zoom);
+    impl_->ChangeFisheye([zoom](cms::FisheyeSettings& settings) { settings.zooms[0] = zoom; });
+  }
+}
+
+void CMSDecoder::SetDewarpCamera(const cms::stDewarpCamera& camera) {
+  if (impl_) {
+    impl_->ChangeFisheye([&camera](cms::FisheyeSettings& settings) { settings.Move(camera); });
   }
 }
 

@@ -6,6 +6,7 @@
 #include "cms/live/media/codec_id.h"
 #include "cms/live/media/fisheye.h"
 #include "cms/live/media/input_padding.h"
+#include "cms/live/media/planar_picture.h"
 #include "cms/live/media/size.h"
 #include "cms/runtime/api.h"
 
@@ -17,7 +18,7 @@ enum DECODE_RESULT : int {
   DECODE_RESULT_NO_PICTURE = 2,  // the data was taken, no picture came out yet
 };
 
-// Decodes MJPEG and H.264; any other codec (MPEG-4 too) gives a decoder that stays closed.
+// Decodes MJPEG, H.264, H.265 and MPEG-4; any other codec gives a decoder that stays closed.
 //
 // Threads: any thread may call any member. Decoding calls exclude one another, and meet a drawing
 // thread only on the implementation lock, which Decode takes for the conversion of a picture and
@@ -67,9 +68,11 @@ class CMS_API CMSDecoder {
   // decoded picture and the codec know another one; otherwise the height decides.
   int IsResetNeeded(DECODE_CODEC codec, tagSIZE size);
 
-  // Decodes one frame: an H.264 access unit (Annex B) or a JPEG. kInputPadding bytes behind
-  // `length` must be readable. `used` (may be null) receives the bytes that the codec took: all of
-  // them, or 0 when there is no codec or no data. Allocates nothing while the geometry stays.
+  // Decodes one frame: an access unit of H.264 or H.265 (Annex B), a JPEG or an MPEG-4 picture.
+  // Pictures come out in the order in which they are shown: with B-frames some frames give none,
+  // and later ones show what was held back. kInputPadding bytes behind `length` must be readable.
+  // `used` (may be null) receives the bytes that the codec took: all of them, or 0 when there is no
+  // codec or no data. Allocates nothing while the geometry stays.
   DECODE_RESULT Decode(const unsigned char* data, int length, int* used);
 
   // Size of the pictures to convert to; until it is set (or while it is 0x0) that is the decoded
@@ -82,19 +85,26 @@ class CMS_API CMSDecoder {
   unsigned char* LockDecodedImage(tagSIZE* size);
   void UnlockDecodedImage();
 
-  // The same for the display's picture, which equals the decoded one as nothing is dewarped.
-  // `length` receives its bytes.
+  // The same of the display's picture, which is that picture. `length` receives its bytes.
   void LockDisplayImage(unsigned char** image, int* length, tagSIZE* size);
   void UnlockDisplayImage();
+
+  // For those who draw planar pictures by themselves: with SetPlanar(true) pictures are not
+  // converted any more, but kept as they are decoded, 4:2:0 ones without a copy, and at their own
+  // size unless a view of the display size is made of them. LockDecodedPlanes is as
+  // LockDecodedImage, with the same lock and the same duty to unlock: false while there is none.
+  // The picture that was there before SetPlanar stays with LockDecodedImage.
+  void SetPlanar(bool planar);
+  bool LockDecodedPlanes(cms::PlanarPicture* picture);
 
   // The size of the stream's pictures, 0x0 until the open codec gave one.
   tagSIZE GetDecodeImageSize();
 
-  // The decode thread: PutBuffer copies a frame into a bounded queue (32 frames, 8 MiB), from which
-  // the thread decodes. StartThread needs an open codec: 0 on success (also when already running),
-  // 1 otherwise. PutBuffer: 1 when queued; 0 when the queue is full or there is no thread (the
-  // caller then drops frames up to the next key frame). EndThread waits for the frame in work and
-  // drops the queued ones.
+  // The decode thread: PutBuffer copies a frame into a bounded queue (32 frames, 32 MiB), from
+  // which the thread decodes. StartThread needs an open codec: 0 on success (also when already
+  // running), 1 otherwise. PutBuffer: 1 when queued; 0 when the queue is full or there is no thread
+  // (the caller then drops frames up to the next key frame). EndThread waits for the frame in work
+  // and drops the queued ones.
   int StartThread();
   int PutBuffer(const unsigned char* data, int length);
   void EndThread();
@@ -103,16 +113,21 @@ class CMS_API CMSDecoder {
   // Takes effect with the next StartThread; null for none.
   void SetResultCallback(ResultCallback callback, void* context);
 
-  // Fisheye view. No dewarping library exists for this platform: creating the manager always fails
-  // (1), the setters only keep their values, and pictures are never dewarped.
+  // Fisheye view. From the next picture on LockDecodedImage gives the view of the display size in
+  // place of the camera's picture: whatever the parameter's or the last view mode says, 0 for the
+  // picture itself. Positions and zooms are those of the virtual cameras, kept from mode to mode; a
+  // view that moved costs some milliseconds at its next picture. A lens circle that is not given is
+  // looked for in the pictures; until it is found the largest circle in the middle counts.
+  // CreateFishEyeManager: 0, or 1 without memory. ReleaseFishEyeManager forgets all settings.
   int CreateFishEyeManager(const stFisheyeParameter& parameter);
   void ReleaseFishEyeManager();
   void SetViewMode(int mode);
   void SetDewarpPosition(float pan, float tilt);
   void SetDewarpZoom(float zoom);
+  void SetDewarpCamera(const cms::stDewarpCamera& camera);
   int GetDewarpMode();  // what SetViewMode (or the parameter's viewMode) last set
 
  private:
-  class Impl;
+  class CMS_HIDDEN Impl;
   std::unique_ptr<Impl> impl_;
 };

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 
 #include "cms/live/connection_status.h"
 #include "cms/runtime/api.h"
@@ -13,6 +14,9 @@ struct StreamCounts {
   std::uint64_t packets = 0;   // of the video, not only whole frames: the watchdog's sign of life
   std::uint64_t lost = 0;      // packets
   std::uint64_t oversize = 0;  // frames
+  // Whole frames of the video; nothing: they are not counted.
+  std::optional<std::uint64_t> frames = std::nullopt;
+  bool soundAlone = false;  // the camera describes no video
 };
 
 // A site client that can be kept derives from this beside CMSClientBase, and gives itself to that

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+namespace cms {
 const char* ConnectionStateName(ConnectionState state) {
   switch (state) {
     case ConnectionState::kClosed:
@@ -50,16 +51,24 @@ const char* ConnectionFaultName(ConnectionFault fault) {
       return "stream died";
     case ConnectionFault::kOutOfResources:
       return "out of resources";
+    case ConnectionFault::kDatagramsLost:
+      return "datagrams lost";
+    case ConnectionFault::kCertificateRefused:
+      return "certificate refused";
+    case ConnectionFault::kNoFrames:
+      return "no whole picture";
     case ConnectionFault::kCancelled:
       return "cancelled";
   }
   return "unknown";
 }
 
-namespace cms {
-
 std::uint32_t ReconnectPause(const ReconnectPolicy& policy, ConnectionFault fault,
                              std::uint32_t failures, std::uint32_t random) {
+  // The next attempt goes another way: there is nothing to wait for.
+  if (fault == ConnectionFault::kDatagramsLost && failures <= 1) {
+    return 0;
+  }
   std::uint64_t first = policy.firstPauseMs;
   std::uint64_t longest = policy.longestPauseMs;
   if (fault == ConnectionFault::kPasswordRefused) {
@@ -67,6 +76,7 @@ std::uint32_t ReconnectPause(const ReconnectPolicy& policy, ConnectionFault faul
     longest = policy.longestRefusedPauseMs;
   } else if (fault == ConnectionFault::kCameraFull || fault == ConnectionFault::kNoSuchStream ||
              fault == ConnectionFault::kTransportRefused ||
+             fault == ConnectionFault::kCertificateRefused ||
              fault == ConnectionFault::kNoUsableVideo) {
     first = policy.firstFullPauseMs;
     longest = policy.longestFullPauseMs;

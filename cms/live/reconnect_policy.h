@@ -6,6 +6,8 @@
 #include "cms/live/connection_status.h"
 #include "cms/runtime/api.h"
 
+namespace cms {
+
 // How a site client keeps its stream. Times are milliseconds. The pauses double from their first to
 // their longest value with every failure in a row, and each is cut by up to half at random, so that
 // cameras that fail together do not come back together.
@@ -13,7 +15,9 @@ struct ReconnectPolicy {
   bool enabled = true;  // false: a lost stream stays lost until the client application opens it
 
   std::uint32_t deadStreamMs = 10'000;  // no video packet for so long: the stream is dead
-  std::uint32_t settledMs = 30'000;     // a stream that held so long starts the pauses anew
+  std::uint32_t noFramesMs = 5'000;  // packets, and no whole picture for so long: the status tells
+  std::uint32_t framelessMs = 30'000;  // and for so long: the stream is opened anew
+  std::uint32_t settledMs = 30'000;    // a stream that held so long starts the pauses anew
 
   std::uint32_t firstPauseMs = 1'000;
   std::uint32_t longestPauseMs = 60'000;
@@ -34,8 +38,6 @@ struct ReconnectPolicy {
   std::uint32_t firstRefusedPauseMs = 600'000;
   std::uint32_t longestRefusedPauseMs = 3'600'000;
 };
-
-namespace cms {
 
 // The pause before the next attempt. `failures` counts the failures in a row, this one included;
 // `random` is any uniformly drawn value.

@@ -15,6 +15,7 @@
 class EachClientGroupTable::Impl {
  public:
   int Register(const cms::IoClient& client, int group);
+  void Prepare(int group);
   void Unregister(const cms::IoClient& client);
   void Stop();
   std::shared_ptr<EachClientManager> Find(int group);
@@ -24,6 +25,8 @@ class EachClientGroupTable::Impl {
     std::shared_ptr<EachClientManager> manager;
     std::uint64_t number = 0;  // tells a later registration apart
   };
+
+  std::shared_ptr<EachClientManager>& EntryOf(int group) CMS_REQUIRES(lock_);
 
   using Managers = std::vector<std::shared_ptr<EachClientManager>>;
   Managers ManagersInStepOf(const cms::IoClient& client) CMS_REQUIRES(lock_);
@@ -35,17 +38,30 @@ class EachClientGroupTable::Impl {
   std::uint64_t registrations_ CMS_GUARDED_BY(lock_) = 0;
 };
 
+std::shared_ptr<EachClientManager>& EachClientGroupTable::Impl::EntryOf(int group) {
+  std::shared_ptr<EachClientManager>& entry = groups_[group];
+  if (entry == nullptr) {
+    entry = std::make_shared<EachClientManager>(group);
+  }
+  return entry;
+}
+
+void EachClientGroupTable::Impl::Prepare(int group) {
+  std::shared_ptr<EachClientManager> manager;
+  {
+    ScopeLock lock(lock_);
+    manager = EntryOf(group);
+  }
+  manager->start(false);
+}
+
 int EachClientGroupTable::Impl::Register(const cms::IoClient& client, int group) {
   for (;;) {
     std::shared_ptr<EachClientManager> manager;
     std::shared_ptr<EachClientManager> earlier;
     {
       ScopeLock lock(lock_);
-      std::shared_ptr<EachClientManager>& entry = groups_[group];
-      if (entry == nullptr) {
-        entry = std::make_shared<EachClientManager>(group);
-      }
-      manager = entry;
+      manager = EntryOf(group);
       Registration& registration = clients_[client];
       if (registration.manager != manager) {
         earlier.swap(registration.manager);
@@ -56,7 +72,7 @@ int EachClientGroupTable::Impl::Register(const cms::IoClient& client, int group)
       earlier->UnRegisterClient(client);
     }
     manager->RegisterClient(client);
-    switch (manager->start()) {
+    switch (manager->start(true)) {
       case EachClientManager::State::kStarted:
         return 1;
       case EachClientManager::State::kStopped:
@@ -159,8 +175,12 @@ int EachClientGroupTable::Register(TCPClientBase* client, int group) {
 int EachClientGroupTable::Register(UDPClientBase* client, int group) {
   return impl_->Register(&client->Endpoint(), group);
 }
-int EachClientGroupTable::Register(RTCPStep* step, int group) {
+int EachClientGroupTable::Register(cms::RTCPStep* step, int group) {
   return impl_->Register(step, group);
+}
+
+void EachClientGroupTable::Prepare(int group) {
+  impl_->Prepare(group);
 }
 
 void EachClientGroupTable::Unregister(TCPClientBase* client) {
@@ -169,7 +189,7 @@ void EachClientGroupTable::Unregister(TCPClientBase* client) {
 void EachClientGroupTable::Unregister(UDPClientBase* client) {
   impl_->Unregister(&client->Endpoint());
 }
-void EachClientGroupTable::Unregister(RTCPStep* step) {
+void EachClientGroupTable::Unregister(cms::RTCPStep* step) {
   impl_->Unregister(step);
 }
 

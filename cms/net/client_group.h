@@ -6,7 +6,9 @@
 #include "cms/runtime/api.h"
 
 class EachClientManager;
+namespace cms {
 class RTCPStep;
+}  // namespace cms
 class TCPClientBase;
 class UDPClientBase;
 
@@ -32,17 +34,21 @@ class CMS_API EachClientGroupTable {
 
   // Has the group serve the client, which stays its owner's. Registering again changes nothing but
   // has the client's socket looked up anew; under another key the client moves there. 1, or 0 when
-  // the process is out of threads or descriptors. The first registration of a group takes 100 ms.
+  // the process is out of threads or descriptors. The first registration of a group takes 100 ms
+  // unless it was prepared.
   int Register(TCPClientBase* client, int group);
   int Register(UDPClientBase* client, int group);
-  int Register(RTCPStep* step, int group);
+  int Register(cms::RTCPStep* step, int group);
+
+  // Makes the group ready, without waiting; what fails fails again at a registration.
+  void Prepare(int group);
 
   // Returns when no step of the client runs any more (unless called from inside that step, which
   // then ends at the callback's return): its owner may free it. That holds as well for a client
   // whose own callback or step has unregistered it, or moved it to another key, and still runs.
   void Unregister(TCPClientBase* client);
   void Unregister(UDPClientBase* client);
-  void Unregister(RTCPStep* step);
+  void Unregister(cms::RTCPStep* step);
 
   // Ends all threads of all groups and forgets all clients. Registrations made meanwhile or later
   // start new groups. A group whose callback does not return within 10 seconds is left to itself;
@@ -53,7 +59,7 @@ class CMS_API EachClientGroupTable {
   std::shared_ptr<EachClientManager> Find(int group);
 
  private:
-  class Impl;
+  class CMS_HIDDEN Impl;
   EachClientGroupTable();
   ~EachClientGroupTable() = delete;
 

@@ -3,6 +3,8 @@
 
 #include "cms/runtime/api.h"
 
+namespace cms {
+
 // Work that is repeated on a group's send thread, about every 50 ms, from its registration with
 // EachClientGroupTable until it is unregistered. Not owned by the table.
 class CMS_API RTCPStep {
@@ -15,3 +17,5 @@ class CMS_API RTCPStep {
  protected:
   ~RTCPStep() = default;
 };
+
+}  // namespace cms

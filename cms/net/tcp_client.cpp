@@ -13,8 +13,10 @@
 #include "cms/net/client_group.h"
 #include "cms/net/internal/connect.h"
 #include "cms/net/internal/own_send_thread.h"
+#include "cms/net/internal/socket_address.h"
 #include "cms/net/internal/socket_io.h"
 #include "cms/net/internal/tcp_client_impl.h"
+#include "cms/net/tls_parameters.h"
 
 // The constructors' virtual calls reach this class's own operations, which is what they are for.
 TCPClientBase::TCPClientBase() : impl_(std::make_unique<Impl>(*this)) {
@@ -105,17 +107,23 @@ int TCPClientBase::OnConnect(unsigned long address, unsigned long port) {
 
 int TCPClientBase::ConnectSocket(unsigned long address, unsigned long port, int timeoutMilliseconds,
                                  const cms::WakeUp* cancel) {
+  return ConnectSocket(cms::IpAddress(static_cast<std::uint32_t>(address)), port,
+                       timeoutMilliseconds, cancel);
+}
+
+int TCPClientBase::ConnectSocket(const cms::IpAddress& address, unsigned long port,
+                                 int timeoutMilliseconds, const cms::WakeUp* cancel) {
   CloseSocket();
   impl_->SetLastError(0);
-  impl_->remoteAddress = static_cast<std::uint32_t>(address);
+  impl_->remoteAddress = address.V4();
   impl_->remotePort = port;
   if (port > std::numeric_limits<std::uint16_t>::max()) {
     impl_->SetLastError(EINVAL);
     return 0;
   }
-  const sockaddr_in remote =
-      cms::MakeAddress(impl_->remoteAddress, static_cast<std::uint16_t>(port));
-  const int descriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  const cms::SocketAddress remote(address, static_cast<std::uint16_t>(port));
+  const int descriptor =
+      socket(cms::FamilyOf(address), SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   if (descriptor < 0) {
     impl_->SetLastError(errno);
     return 0;
@@ -137,6 +145,13 @@ int TCPClientBase::ConnectSocket(unsigned long address, unsigned long port, int 
   return 1;
 }
 
+cms::TlsResult TCPClientBase::SecureSocket(const cms::TlsParameters& parameters,
+                                           int timeoutMilliseconds, const cms::WakeUp* cancel) {
+  cms::TlsResult result;
+  impl_->tls = cms::TlsStream::Connect(Socket(), parameters, timeoutMilliseconds, cancel, &result);
+  return result;
+}
+
 int TCPClientBase::OnStartTCPClient(unsigned long address, unsigned long port, unsigned int group) {
   if (OnConnect(address, port) == 0) {
     return 0;
@@ -146,7 +161,7 @@ int TCPClientBase::OnStartTCPClient(unsigned long address, unsigned long port, u
     impl_->pendingSendLength = 0;
   }
   impl_->running.store(1, std::memory_order_relaxed);
-  if (group != kNoIoGroup &&
+  if (group != cms::kNoIoGroup &&
       EachClientGroupTable::Instance().Register(this, static_cast<int>(group)) == 0) {
     CloseSocket();
     return 0;
@@ -266,8 +281,10 @@ int TCPClientBase::TCPClientSend() {
 
 int TCPClientBase::NBLSend(int descriptor, const char* data, int length) {
   for (;;) {
-    const auto sent = send(descriptor, data, static_cast<std::size_t>(std::max(length, 0)),
-                           MSG_NOSIGNAL | MSG_DONTWAIT);
+    const auto sent = impl_->tls != nullptr
+                          ? impl_->tls->Send(data, std::max(length, 0))
+                          : send(descriptor, data, static_cast<std::size_t>(std::max(length, 0)),
+                                 MSG_NOSIGNAL | MSG_DONTWAIT);
     if (sent >= 0) {
       return static_cast<int>(sent);
     }
@@ -316,5 +333,6 @@ int TCPClientBase::Recv(int descriptor, char* buffer, int length) {
 
 int TCPClientBase::CloseSocket() {
   impl_->connected.store(0, std::memory_order_relaxed);
+  impl_->tls.reset();  // it says goodbye over the socket
   return impl_->CloseEndpoint() ? 1 : 0;
 }

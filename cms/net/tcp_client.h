@@ -9,12 +9,16 @@
 #include "cms/runtime/wake_up.h"
 
 namespace cms {
+class IpAddress;
 class SocketEndpoint;
-}
+struct TlsParameters;
+struct TlsResult;
 
 // Bytes as they arrived; valid only during the call. Runs on the receive thread with the group's
 // lock held; it may unregister or stop clients of its own group, but not destroy its own client.
 using TcpReceiveCallback = void (*)(char* data, int length, void* context);
+
+}  // namespace cms
 
 // Sizes and callback of a TCPClientBase. Sizes below 1 mean the default.
 struct tTcpClientParam {
@@ -22,13 +26,17 @@ struct tTcpClientParam {
   int recvChunkSize = 1024;  // bytes read per call, and the size of a queued frame
   int sendQueueDepth = 128;  // the send ring holds one byte less than depth * chunk
   int sendChunkSize = 1024;  // bytes handed to the system per call
-  TcpReceiveCallback recvCallback = nullptr;  // nullptr: received bytes are queued for OnRecv
+  cms::TcpReceiveCallback recvCallback = nullptr;  // nullptr: received bytes are queued for OnRecv
   void* recvContext = nullptr;
   std::intptr_t reserved = 0;  // not used
 };
 
+namespace cms {
+
 // The group that no I/O thread serves.
 inline constexpr unsigned int kNoIoGroup = 0xFFFFFFFFu;
+
+}  // namespace cms
 
 // Base of every TCP stream. Its owner connects it with OnStartTCPClient, whose group key chooses
 // the pair of threads that from then on moves bytes between the socket and the queues. OnSend and
@@ -106,6 +114,14 @@ class CMS_API TCPClientBase {
   // that ends it at once; the signal stays set. LastSocketError is ETIMEDOUT or ECANCELED then.
   int ConnectSocket(unsigned long address, unsigned long port, int timeoutMilliseconds,
                     const cms::WakeUp* cancel);
+  // The same to an address of either version. RemoteAddress is 0 for an IPv6 one.
+  int ConnectSocket(const cms::IpAddress& address, unsigned long port, int timeoutMilliseconds,
+                    const cms::WakeUp* cancel);
+  // Puts TLS under the connection that ConnectSocket has just made: all bytes go through it until
+  // the socket is closed. The limit and the signal are those of the handshake; unless it is secured
+  // the connection is of no use any more.
+  cms::TlsResult SecureSocket(const cms::TlsParameters& parameters, int timeoutMilliseconds,
+                              const cms::WakeUp* cancel);
 
   // The step of the receive thread: bytes taken (0 as well when the peer closed or the queue is
   // full), -1 when there is no socket or it failed.
@@ -132,7 +148,7 @@ class CMS_API TCPClientBase {
 
  private:
   friend class EachClientGroupTable;
-  class Impl;
+  class CMS_HIDDEN Impl;
   cms::SocketEndpoint& Endpoint();  // what the I/O threads serve
 
   const std::unique_ptr<Impl> impl_;

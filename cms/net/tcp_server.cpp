@@ -22,8 +22,8 @@
 
 namespace {
 
-tTcpServerConfig WithDefaults(tTcpServerConfig config) {
-  const tTcpServerConfig defaults;
+cms::tTcpServerConfig WithDefaults(cms::tTcpServerConfig config) {
+  const cms::tTcpServerConfig defaults;
   if (config.recvFrameSize < 1) {
     config.recvFrameSize = defaults.recvFrameSize;
   }
@@ -37,7 +37,8 @@ tTcpServerConfig WithDefaults(tTcpServerConfig config) {
 
 class CTcpServer::Impl {
  public:
-  explicit Impl(tTcpServerConfig* config) : sharedConfig_(config), config_(WithDefaults(*config)) {}
+  explicit Impl(cms::tTcpServerConfig* config)
+      : sharedConfig_(config), config_(WithDefaults(*config)) {}
   ~Impl() { Stop(); }
   Impl(const Impl&) = delete;
   Impl& operator=(const Impl&) = delete;
@@ -57,8 +58,8 @@ class CTcpServer::Impl {
   void Adopt(int descriptor, const sockaddr_in& peer);
   void Serve(CTcpCtrl* connection);
 
-  tTcpServerConfig* const sharedConfig_;
-  const tTcpServerConfig config_;
+  cms::tTcpServerConfig* const sharedConfig_;
+  const cms::tTcpServerConfig config_;
   std::atomic<bool> running_{false};
   int listening_ = -1;  // the accept thread's while that runs
   cms::NamedThread acceptThread_;
@@ -210,7 +211,7 @@ std::size_t CTcpServer::Impl::QueuedBytes() {
   return sum;
 }
 
-CTcpServer::CTcpServer(tTcpServerConfig* config) : impl_(std::make_unique<Impl>(config)) {}
+CTcpServer::CTcpServer(cms::tTcpServerConfig* config) : impl_(std::make_unique<Impl>(config)) {}
 
 CTcpServer::~CTcpServer() = default;
 

@@ -9,6 +9,8 @@
 
 #include "cms/runtime/api.h"
 
+namespace cms {
+
 // Bytes that a peer sent; valid only during the call, and unread by anybody without a callback.
 // Runs on the connection's own thread, so for several connections at once.
 using TcpServerReceiveCallback = void (*)(void* context, const char* data, int length);
@@ -29,6 +31,8 @@ struct tTcpServerConfig {
   int maximumConnections = 0;
 };
 
+}  // namespace cms
+
 // One accept thread, and a send and a receive thread for each connection. Sending only queues: a
 // peer that reads slowly delays nobody, and what does not fit its queue is dropped for it, in whole
 // blocks. One controlling thread starts, stops and destroys; the other members are for any thread.
@@ -36,7 +40,7 @@ struct tTcpServerConfig {
 class CMS_API CTcpServer {
  public:
   // Sizes below 1 mean the default.
-  explicit CTcpServer(tTcpServerConfig* config);
+  explicit CTcpServer(cms::tTcpServerConfig* config);
   ~CTcpServer();  // stops
   CTcpServer(const CTcpServer&) = delete;
   CTcpServer& operator=(const CTcpServer&) = delete;
@@ -59,6 +63,6 @@ class CMS_API CTcpServer {
   std::size_t QueuedBytes();
 
  private:
-  class Impl;
+  class CMS_HIDDEN Impl;
   std::unique_ptr<Impl> impl_;
 };

@@ -45,7 +45,10 @@ int UDPClientBase::OnCreate() {
     }
   }
   impl_->SetLastError(0);
-  impl_->remote = cms::MakeAddress(impl_->config.remoteAddress, impl_->config.remotePort);
+  if (!impl_->remoteIsSet) {
+    impl_->remote =
+        cms::SocketAddress(cms::IpAddress(impl_->config.remoteAddress), impl_->config.remotePort);
+  }
   impl_->running.store(1, std::memory_order_relaxed);
   return 1;
 }
@@ -69,6 +72,11 @@ void UDPClientBase::AdoptSocket(int descriptor) {
   impl_->adopted = descriptor >= 0;
 }
 
+void UDPClientBase::SetRemote(const cms::IpAddress& address, std::uint16_t port) {
+  impl_->remote = cms::SocketAddress(address, port);
+  impl_->remoteIsSet = true;
+}
+
 int UDPClientBase::OnAllocateMemory() {
   impl_->queuedReceives.store(0, std::memory_order_relaxed);
   impl_->queuedSends.store(0, std::memory_order_relaxed);
@@ -80,7 +88,7 @@ int UDPClientBase::OnAllocateMemory() {
     }
     impl_->sendQueueOpen = true;
   }
-  if (impl_->config.recvCallback != nullptr && impl_->config.recvContext != nullptr) {
+  if (impl_->HasCallback()) {
     return 1;
   }
   return impl_->recvQueue.AllocateBuffer(impl_->config.recvQueueDepth,

@@ -8,14 +8,16 @@
 #include "cms/runtime/api.h"
 
 namespace cms {
+class IpAddress;
 class SocketEndpoint;
-}
 
 // One whole datagram; valid only during the call. Runs on the receive thread with the group's lock
 // held; it may unregister or stop clients of its own group, but not destroy its own client.
 // Datagrams are taken from the system 16 at a time: a callback that unregisters its own client, or
 // moves it to another group, loses those that were taken with this one.
 using UdpReceiveCallback = void (*)(void* context, char* data, int length);
+
+}  // namespace cms
 
 // Sizes, addresses and callback of a UDPClientBase; sizes below 1 mean the default. Datagrams are
 // queued for OnRecv unless both callback and context are set.
@@ -28,7 +30,7 @@ struct _UDPCLIENT_CONFIG {
   std::uint16_t remotePort = 0;
   std::uint32_t remoteAddress = 0;  // IPv4, host byte order; where OnSend's datagrams go
   void* recvContext = nullptr;
-  UdpReceiveCallback recvCallback = nullptr;
+  cms::UdpReceiveCallback recvCallback = nullptr;
 };
 
 // Base of every UDP stream: SetConfig, OnStartUDPClient, then registration with
@@ -92,6 +94,9 @@ class CMS_API UDPClientBase {
   // Takes over an already bound socket, which OnCreate then keeps and OnClose closes. Closes an
   // earlier one.
   void AdoptSocket(int descriptor);
+  // Where OnSend's datagrams go from the next OnCreate on, in place of the configuration's address:
+  // of the adopted socket's version.
+  void SetRemote(const cms::IpAddress& address, std::uint16_t port);
 
   // The step of the receive thread: bytes taken, -1 when there is no socket or it failed.
   int UDPClientRecv();
@@ -111,7 +116,7 @@ class CMS_API UDPClientBase {
 
  private:
   friend class EachClientGroupTable;
-  class Impl;
+  class CMS_HIDDEN Impl;
   cms::SocketEndpoint& Endpoint();  // what the I/O threads serve
 
   const std::unique_ptr<Impl> impl_;

@@ -28,13 +28,16 @@ void UDPClientBase::UDPClientRecvFn() {
     if (!cms::WaitSocket(impl.Socket(), POLLIN, kDatagramWaitMs)) {
       continue;
     }
-    sockaddr_in source{};
-    socklen_t size = sizeof source;
+    cms::SocketAddress source;
     const auto got = recvfrom(impl.Socket(), data, cms::DatagramBatch::kBytes, MSG_DONTWAIT,
-                              reinterpret_cast<sockaddr*>(&source), &size);
-    if (got >= 0 && source.sin_port == impl.remote.sin_port &&
-        source.sin_addr.s_addr == impl.remote.sin_addr.s_addr) {
-      impl.Deliver(data, static_cast<int>(got));
+                              source.Pointer(), &source.size);
+    if (got >= 0 && source.Port() == impl.remote.Port() &&
+        source.Address() == impl.remote.Address()) {
+      if (impl.HasCallback()) {
+        impl.config.recvCallback(impl.config.recvContext, data, static_cast<int>(got));
+      } else {
+        impl.Queue(data, static_cast<int>(got));
+      }
     }
   }
 }

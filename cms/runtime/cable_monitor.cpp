@@ -17,6 +17,7 @@
 #include "cms/runtime/internal/named_thread.h"
 #include "cms/runtime/wake_up.h"
 
+namespace cms {
 class CNetworkCableMonitor::Impl {
  public:
   Impl(NetworkCableCallback callback, void* context) : callback_(callback), context_(context) {}
@@ -43,9 +44,9 @@ class CNetworkCableMonitor::Impl {
 
   const NetworkCableCallback callback_;
   void* const context_;
-  cms::WakeUp stop_;
+  WakeUp stop_;
   int socket_ = -1;
-  cms::NamedThread thread_;
+  NamedThread thread_;
   std::map<int, Link> links_;  // by the interface's number; the thread's own
   bool listing_ = false;
   bool lost_ = false;  // messages, while a list was on its way
@@ -128,9 +129,9 @@ void CNetworkCableMonitor::Impl::AskForAll() {
 void CNetworkCableMonitor::Impl::Read() {
   alignas(nlmsghdr) char buffer[32 * 1024];
   sockaddr_nl sender{};
-  socklen_t sender_size = sizeof sender;
+  socklen_t senderSize = sizeof sender;
   const ssize_t received = recvfrom(socket_, buffer, sizeof buffer, MSG_TRUNC,
-                                    reinterpret_cast<sockaddr*>(&sender), &sender_size);
+                                    reinterpret_cast<sockaddr*>(&sender), &senderSize);
   if (received < 0 || received > static_cast<ssize_t>(sizeof buffer)) {
     if (received > 0 || errno == ENOBUFS) {  // messages were lost: ask how things are now
       lost_ = true;
@@ -174,11 +175,11 @@ void CNetworkCableMonitor::Impl::Take(const void* message, bool gone) {
   }
   constexpr unsigned kPlugged = IFF_UP | IFF_LOWER_UP;
   const bool connected = !gone && (body->ifi_flags & kPlugged) == kPlugged;
-  const auto [place, is_new] = links_.try_emplace(body->ifi_index);
+  const auto [place, isNew] = links_.try_emplace(body->ifi_index);
   Link& link = place->second;
   link.name = name;
   link.seen = true;
-  if (is_new ? !gone : link.connected != connected) {
+  if (isNew ? !gone : link.connected != connected) {
     link.connected = connected;
     Tell(link);
   }
@@ -208,3 +209,5 @@ void CNetworkCableMonitor::Impl::EndOfList() {
     AskForAll();
   }
 }
+
+}  // namespace cms

@@ -5,6 +5,8 @@
 
 #include "cms/runtime/api.h"
 
+namespace cms {
+
 // An interface ("eth0") that has a link now (non-zero) or has none any more (0). Runs on the
 // monitor's thread; the name is valid only during the call.
 using NetworkCableCallback = void (*)(void* context, const char* interfaceName, int connected);
@@ -27,6 +29,8 @@ class CMS_API CNetworkCableMonitor {
   void Stop();
 
  private:
-  class Impl;
+  class CMS_HIDDEN Impl;
   std::unique_ptr<Impl> impl_;
 };
+
+}  // namespace cms

@@ -140,13 +140,10 @@ bool ReadCircularLog(const std::string& path, std::vector<CircularLogEntry>& ent
   return true;
 }
 
-}  // namespace cms
-
 class CCircularLogWriter::Impl {
  public:
   explicit Impl(const std::string& path)
-      : io_(cms::CurrentFileIo()),
-        file_(io_, path, cms::kFileReadWrite | cms::kFileCreate | cms::kFileExclusive) {}
+      : io_(CurrentFileIo()), file_(io_, path, kFileReadWrite | kFileCreate | kFileExclusive) {}
 
   bool IsOpen() const { return static_cast<bool>(file_); }
   int Continue(std::uint32_t size);
@@ -155,8 +152,8 @@ class CCircularLogWriter::Impl {
  private:
   bool Put(std::uint64_t position, std::string_view bytes) CMS_REQUIRES(lock_);
 
-  cms::FileIo& io_;
-  const cms::ScopedFile file_;
+  FileIo& io_;
+  const ScopedFile file_;
   CMSCritical lock_;
   std::uint64_t size_ CMS_GUARDED_BY(lock_) = 0;      // of the whole file when it is full
   std::uint64_t position_ CMS_GUARDED_BY(lock_) = 0;  // where the next entry goes
@@ -166,31 +163,31 @@ class CCircularLogWriter::Impl {
 // Finds the place behind the newest entry, or begins a log: 0, or an error number.
 int CCircularLogWriter::Impl::Continue(std::uint32_t size) {
   ScopeLock lock(lock_);
-  const auto bytes = cms::ReadLog(io_, file_.Handle());
+  const auto bytes = ReadLog(io_, file_.Handle());
   if (!bytes) {
     return errno;
   }
-  position_ = cms::kHeadSize;
-  const auto old_size = cms::SizeOf(bytes->substr(0, cms::kHeadSize));
-  if (!old_size) {
+  position_ = kHeadSize;
+  const auto oldSize = SizeOf(bytes->substr(0, kHeadSize));
+  if (!oldSize) {
     size_ = std::clamp(size, kMinimumSize, kMaximumSize);
     // What a crash left of a first line is begun anew; anything else is somebody's file.
-    if (!cms::Head(size_).starts_with(*bytes) &&
-        (bytes->size() >= cms::kHeadSize || !bytes->starts_with(cms::kMagic))) {
+    if (!Head(size_).starts_with(*bytes) &&
+        (bytes->size() >= kHeadSize || !bytes->starts_with(kMagic))) {
       return EEXIST;
     }
-    return Put(0, cms::Head(size_)) ? 0 : errno;
+    return Put(0, Head(size_)) ? 0 : errno;
   }
-  size_ = *old_size;
+  size_ = *oldSize;
   std::uint64_t next = 0;
   std::uint64_t behind = position_;
-  cms::ForEachEntry(std::string_view(*bytes).substr(0, size_),
-                    [&](const cms::CircularLogEntry& entry, std::size_t end) {
-                      if (entry.number >= next) {
-                        next = entry.number + 1;
-                        behind = end;
-                      }
-                    });
+  ForEachEntry(std::string_view(*bytes).substr(0, size_),
+               [&](const CircularLogEntry& entry, std::size_t end) {
+                 if (entry.number >= next) {
+                   next = entry.number + 1;
+                   behind = end;
+                 }
+               });
   number_ = next;
   position_ = behind;
   return 0;
@@ -202,16 +199,16 @@ bool CCircularLogWriter::Impl::Put(std::uint64_t position, std::string_view byte
 }
 
 bool CCircularLogWriter::Impl::Write(std::string_view text) {
-  const std::string safe = cms::OneLine(text, kLongestText);
+  const std::string safe = OneLine(text, kLongestText);
   ScopeLock lock(lock_);
-  std::string line = cms::Line(number_, safe);
+  std::string line = Line(number_, safe);
   const std::size_t length = line.size();
   if (length > size_ - position_) {
     // The old lines at the end go, so that no rest of one is taken for an entry.
     if (!Put(position_, std::string(size_ - position_, '\n'))) {
       return false;
     }
-    position_ = cms::kHeadSize;
+    position_ = kHeadSize;
   }
   // In front of the rest of the old line below: it may hold anything that somebody logged.
   if (position_ + length < size_) {
@@ -240,3 +237,5 @@ std::unique_ptr<CCircularLogWriter> CCircularLogWriter::Open(const std::string& 
 bool CCircularLogWriter::Write(std::string_view text) {
   return impl_->Write(text);
 }
+
+}  // namespace cms

@@ -30,8 +30,6 @@ struct CircularLogEntry {
 // when it cannot be read or is no circular log.
 CMS_API bool ReadCircularLog(const std::string& path, std::vector<CircularLogEntry>& entries);
 
-}  // namespace cms
-
 // Members may be called from any thread. Each entry is one write to the file, under a lock: when
 // the process dies, no entry is lost whose Write has returned, and none of others'. A power cut
 // loses what the system had not yet written by itself, as nothing is synced.
@@ -57,8 +55,10 @@ class CMS_API CCircularLogWriter {
   bool Write(std::string_view text);
 
  private:
-  class Impl;
+  class CMS_HIDDEN Impl;
   explicit CCircularLogWriter(std::unique_ptr<Impl> impl);
 
   const std::unique_ptr<Impl> impl_;
 };
+
+}  // namespace cms

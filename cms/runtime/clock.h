@@ -13,6 +13,9 @@ class CMS_API Clock {
   virtual ~Clock() = default;
   virtual std::uint64_t TickMilliseconds() const = 0;  // monotonic, since an arbitrary start
   virtual std::int64_t WallSeconds() const = 0;        // seconds since 1970-01-01 UTC
+  // The same to the microsecond; of a clock that does not tell it, to what it tells.
+  virtual std::uint64_t TickMicroseconds() const { return TickMilliseconds() * 1000; }
+  virtual std::int64_t WallMicroseconds() const { return WallSeconds() * 1'000'000; }
 };
 
 // The clock in force: the system's unless a test replaced it.
@@ -32,6 +35,12 @@ inline std::uint32_t TickCount() {
 }
 inline std::int64_t WallSeconds() {
   return CurrentClock().WallSeconds();
+}
+inline std::uint64_t TickMicroseconds() {
+  return CurrentClock().TickMicroseconds();
+}
+inline std::int64_t WallMicroseconds() {
+  return CurrentClock().WallMicroseconds();
 }
 
 }  // namespace cms

@@ -12,12 +12,10 @@ namespace {
 // the process would come before the clients of static lifetime close their streams, with digests.
 [[maybe_unused]] const int initialised = OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
 
-}  // namespace
-
-std::string Md5Hex(std::string_view input) {
+std::string DigestHex(const EVP_MD* method, std::string_view input) {
   unsigned char digest[EVP_MAX_MD_SIZE];
   unsigned int size = 0;
-  if (EVP_Digest(input.data(), input.size(), digest, &size, EVP_md5(), nullptr) != 1) {
+  if (EVP_Digest(input.data(), input.size(), digest, &size, method, nullptr) != 1) {
     return {};
   }
   static constexpr char kDigits[] = "0123456789abcdef";
@@ -28,6 +26,16 @@ std::string Md5Hex(std::string_view input) {
     text.push_back(kDigits[digest[i] & 15]);
   }
   return text;
+}
+
+}  // namespace
+
+std::string Md5Hex(std::string_view input) {
+  return DigestHex(EVP_md5(), input);
+}
+
+std::string Sha256Hex(std::string_view input) {
+  return DigestHex(EVP_sha256(), input);
 }
 
 bool EqualInConstantTime(std::string_view a, std::string_view b) {

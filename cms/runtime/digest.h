@@ -1,4 +1,4 @@
-// MD5 and Base64.
+// MD5, SHA-256 and Base64.
 #pragma once
 
 #include <cstdint>
@@ -12,6 +12,8 @@ namespace cms {
 
 // MD5 (RFC 1321) as 32 lower-case hexadecimal characters; empty when the crypto library refuses it.
 CMS_API std::string Md5Hex(std::string_view input);
+// SHA-256 (FIPS 180-4) in the same way, as 64 characters.
+CMS_API std::string Sha256Hex(std::string_view input);
 
 // Whether two texts are equal, in a time that depends on their lengths alone.
 CMS_API bool EqualInConstantTime(std::string_view a, std::string_view b);

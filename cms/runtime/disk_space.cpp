@@ -60,8 +60,8 @@ bool CachedSpace(std::size_t drive, const std::string& native, FreeSpace& space)
 
 }  // namespace
 
-int DiskFreeSpace(const wchar_t* path, std::uint64_t* free_to_caller, std::uint64_t* total_bytes,
-                  std::uint64_t* total_free) {
+int DiskFreeSpace(const wchar_t* path, std::uint64_t* freeToCaller, std::uint64_t* totalBytes,
+                  std::uint64_t* totalFree) {
   const std::wstring_view text = path != nullptr ? path : L".";
   // A lone letter names a drive as well as one with its colon.
   const std::string native = text.size() == 1 && IsLetter(text[0]) ? "/" : NativePath(text);
@@ -77,9 +77,9 @@ int DiskFreeSpace(const wchar_t* path, std::uint64_t* free_to_caller, std::uint6
       *out = value;
     }
   };
-  put(free_to_caller, space.free_to_caller);
-  put(total_bytes, space.total);
-  put(total_free, space.free);
+  put(freeToCaller, space.freeToCaller);
+  put(totalBytes, space.total);
+  put(totalFree, space.free);
   return 1;
 }
 

@@ -14,7 +14,7 @@ namespace cms {
 // little more than a minute, each thread having its own idea of "little" so that many do not ask at
 // once; a failed answer is never remembered. Every other path, "c:" among them, is asked for every
 // time. Any thread may call it; it may block on the file system.
-CMS_API int DiskFreeSpace(const wchar_t* path, std::uint64_t* free_to_caller,
-                          std::uint64_t* total_bytes, std::uint64_t* total_free);
+CMS_API int DiskFreeSpace(const wchar_t* path, std::uint64_t* freeToCaller,
+                          std::uint64_t* totalBytes, std::uint64_t* totalFree);
 
 }  // namespace cms

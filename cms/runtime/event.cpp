@@ -67,11 +67,11 @@ bool Event::Wait(int milliseconds) {
   const timespec deadline = milliseconds > 0 ? Deadline(milliseconds) : timespec{};
   pthread_mutex_lock(&mutex_);
   waiters_.fetch_add(1, std::memory_order_seq_cst);
-  bool in_time = true;
-  while (in_time && state_.load(std::memory_order_seq_cst) == begun) {
+  bool inTime = true;
+  while (inTime && state_.load(std::memory_order_seq_cst) == begun) {
     const int result = milliseconds > 0 ? pthread_cond_timedwait(&released_, &mutex_, &deadline)
                                         : pthread_cond_wait(&released_, &mutex_);
-    in_time = result == 0;
+    inTime = result == 0;
   }
   waiters_.fetch_sub(1, std::memory_order_relaxed);
   pthread_mutex_unlock(&mutex_);

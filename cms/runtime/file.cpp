@@ -19,7 +19,7 @@ bool StatusOf(const std::wstring& path, cms::FileStatus& status) {
 
 bool IsDirectory(cms::FileIo& io, const std::string& path) {
   cms::FileStatus status;
-  return io.Status(path, status) && status.is_directory;
+  return io.Status(path, status) && status.isDirectory;
 }
 
 // From the first missing folder down: a long path needs no deep recursion.
@@ -29,7 +29,7 @@ bool MakeDirectories(cms::FileIo& io, const std::string& path) {
   }
   cms::FileStatus status;
   if (io.Status(path, status)) {
-    return status.is_directory;
+    return status.isDirectory;
   }
   for (std::size_t end = path.find('/', 1); end != std::string::npos;
        end = path.find('/', end + 1)) {
@@ -50,12 +50,12 @@ bool File::exists() const {
 
 bool File::isDirectory() const {
   cms::FileStatus status;
-  return StatusOf(path_, status) && status.is_directory;
+  return StatusOf(path_, status) && status.isDirectory;
 }
 
 bool File::isFile() const {
   cms::FileStatus status;
-  return StatusOf(path_, status) && !status.is_directory;
+  return StatusOf(path_, status) && !status.isDirectory;
 }
 
 bool File::isHidden() const {
@@ -73,14 +73,14 @@ std::uint64_t File::lastModified() const {
     return 0;
   }
   // A time before 1970 is a negative number there, in an unsigned one.
-  const std::chrono::nanoseconds since1970(static_cast<std::int64_t>(status.modified_nanoseconds));
+  const std::chrono::nanoseconds since1970(static_cast<std::int64_t>(status.modifiedNanoseconds));
   return static_cast<std::uint64_t>(
       (std::chrono::floor<Ticks>(since1970) + kFrom1601To1970).count());
 }
 
 std::uint64_t File::length() const {
   cms::FileStatus status;
-  return StatusOf(path_, status) && !status.is_directory ? status.size : 0;
+  return StatusOf(path_, status) && !status.isDirectory ? status.size : 0;
 }
 
 bool File::createNewFile() const {

@@ -7,7 +7,7 @@
 
 #include "cms/runtime/api.h"
 
-// Holds one path (cms/runtime/native_path.h says which texts are paths). Every question asks the
+// Holds one path (cms/runtime/nativePath.h says which texts are paths). Every question asks the
 // file system afresh; what cannot be asked counts as missing. Nothing throws. Copies are
 // independent; any thread may use its own.
 class CMS_API File {

@@ -119,11 +119,11 @@ class SystemIo final : public FileIo {
     if (stat(path.c_str(), &native) != 0) {
       return false;
     }
-    status.is_directory = S_ISDIR(native.st_mode);
-    status.is_regular = S_ISREG(native.st_mode);
+    status.isDirectory = S_ISDIR(native.st_mode);
+    status.isRegular = S_ISREG(native.st_mode);
     status.size = static_cast<std::uint64_t>(native.st_size);
-    status.modified_nanoseconds = Nanoseconds(native.st_mtim);
-    status.changed_nanoseconds = Nanoseconds(native.st_ctim);
+    status.modifiedNanoseconds = Nanoseconds(native.st_mtim);
+    status.changedNanoseconds = Nanoseconds(native.st_ctim);
     status.device = native.st_dev;
     status.inode = native.st_ino;
     return true;
@@ -152,7 +152,7 @@ class SystemIo final : public FileIo {
     if (Repeat([&] { return statvfs(path.c_str(), &native); }) != 0) {
       return false;
     }
-    space.free_to_caller = std::uint64_t{native.f_bavail} * native.f_frsize;
+    space.freeToCaller = std::uint64_t{native.f_bavail} * native.f_frsize;
     space.total = std::uint64_t{native.f_blocks} * native.f_frsize;
     space.free = std::uint64_t{native.f_bfree} * native.f_frsize;
     return true;
@@ -180,12 +180,12 @@ class SystemIo final : public FileIo {
 std::atomic<FileIo*> replacementIo{nullptr};
 
 template <typename Step>
-std::size_t Whole(std::size_t size, int nothing_means, Step step) {
+std::size_t Whole(std::size_t size, int nothingMeans, Step step) {
   std::size_t done = 0;
   while (done < size) {
     const ssize_t count = step(done);
     if (count <= 0) {
-      errno = count == 0 ? nothing_means : errno;
+      errno = count == 0 ? nothingMeans : errno;
       break;
     }
     done += static_cast<std::size_t>(count);

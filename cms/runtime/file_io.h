@@ -28,12 +28,12 @@ enum FileOpenFlag : unsigned {
 };
 
 struct FileStatus {
-  bool is_directory = false;
-  bool is_regular = false;
+  bool isDirectory = false;
+  bool isRegular = false;
   std::uint64_t size = 0;
-  std::uint64_t modified_nanoseconds = 0;  // since 1970-01-01 UTC
-  std::uint64_t changed_nanoseconds = 0;   // likewise; no program can set it back
-  std::uint64_t device = 0;                // device and inode together name one file
+  std::uint64_t modifiedNanoseconds = 0;  // since 1970-01-01 UTC
+  std::uint64_t changedNanoseconds = 0;   // likewise; no program can set it back
+  std::uint64_t device = 0;               // device and inode together name one file
   std::uint64_t inode = 0;
 };
 
@@ -44,7 +44,7 @@ enum class EntryKind {
 };
 
 struct FreeSpace {
-  std::uint64_t free_to_caller = 0;  // bytes
+  std::uint64_t freeToCaller = 0;  // bytes
   std::uint64_t total = 0;
   std::uint64_t free = 0;  // with what only the superuser may use
 };

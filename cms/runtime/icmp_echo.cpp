@@ -151,7 +151,7 @@ IcmpEchoResult FailureOf(int error, std::uint32_t address) {
 
 }  // namespace
 
-IcmpEchoResult IcmpEcho(std::uint32_t address, int payload, int timeout_milliseconds) {
+IcmpEchoResult IcmpEcho(std::uint32_t address, int payload, int timeoutMilliseconds) {
   const IcmpSocket socket;
   if (!socket.IsOpen()) {
     if (errno != EPERM && errno != EACCES) {
@@ -164,7 +164,7 @@ IcmpEchoResult IcmpEcho(std::uint32_t address, int payload, int timeout_millisec
   const auto size = static_cast<std::size_t>(std::clamp<int>(payload, kToken, kLongestPayload));
   const std::vector<std::uint8_t> request = Request(size);
   const auto sent = SteadyClock::now();
-  const auto deadline = sent + std::chrono::milliseconds(std::max(timeout_milliseconds, 0));
+  const auto deadline = sent + std::chrono::milliseconds(std::max(timeoutMilliseconds, 0));
   if (!socket.Connect(address) || !socket.Send(request)) {
     return FailureOf(errno, address);
   }
@@ -173,7 +173,7 @@ IcmpEchoResult IcmpEcho(std::uint32_t address, int payload, int timeout_millisec
     const int ready = socket.WaitUntil(deadline);
     if (ready == 0) {
       return Failure(IcmpEchoStatus::kTimedOut, address,
-                     "no answer within " + std::to_string(timeout_milliseconds) + " ms");
+                     "no answer within " + std::to_string(timeoutMilliseconds) + " ms");
     }
     IcmpEchoResult result;
     const ssize_t received = ready > 0 ? socket.Receive(answer, result.ttl) : -1;

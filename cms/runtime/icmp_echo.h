@@ -27,6 +27,6 @@ struct IcmpEchoResult {
 // an IPv4 address in host byte order, and waits for its answer. It needs no privileges where
 // the kernel's net.ipv4.ping_group_range holds one of the process's groups, and CAP_NET_RAW
 // elsewhere. Any thread may call it; it blocks for at most the time-out.
-CMS_API IcmpEchoResult IcmpEcho(std::uint32_t address, int payload, int timeout_milliseconds);
+CMS_API IcmpEchoResult IcmpEcho(std::uint32_t address, int payload, int timeoutMilliseconds);
 
 }  // namespace cms

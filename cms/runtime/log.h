@@ -1,29 +1,62 @@
-// The log of client applications: lines on standard error, or in a circular log.
+// What the library itself has to tell of its work: connections that come and go, recordings, gaps,
+// disks, cameras that refuse. The log of client applications' own lines is another one, see
+// cms/exports/log_exports.h: nothing of the library's goes there, and nothing of it comes here.
 #pragma once
 
-#include <cstdarg>
+#include <cstdint>
+#include <functional>
+#include <string>
 #include <string_view>
 
 #include "cms/runtime/api.h"
 
-class CCircularLogWriter;
-
 namespace cms {
 
-enum LogLevel : int { kLogError = 0, kLogWarning = 1, kLogInformation = 2, kLogDebug = 3 };
+enum class LogLevel : int {
+  kError = 0,    // something is lost, or will be if nobody does anything
+  kWarning = 1,  // it fails now and is tried again by itself
+  kInfo = 2,     // what happened: connected, recording begun
+  kTrace = 3,    // every request and answer of RTSP and HTTP, in several lines each
+};
 
-// Where lines go from now on, and the highest level that is logged. nullptr: standard error, in
-// front of each line the time in UTC. When it returns, no thread writes to the last writer any
-// more.
-CMS_API void SetLog(CCircularLogWriter* writer, int highest_level);
+// "error", "warning", "info" or "trace".
+CMS_API const char* LogLevelName(LogLevel level);
 
-// One line: a letter for the level (E, W, I, D), the thread's number and the text, whose control
-// characters are made visible. Texts beyond 4 KiB are cut. Any thread may call it. False when the
-// level is not logged or the line could not be written.
-CMS_API bool Log(int level, std::string_view text);
+// Valid while the callback runs. No text holds a password: credentials in URLs, logins in requests
+// and what else is known to be secret are left out.
+struct LogLine {
+  LogLevel level = LogLevel::kInfo;
+  std::int64_t timeUs = 0;  // microseconds since 1970-01-01 UTC
+  std::string_view area;    // one word, such as "connection", "recording", "disk" or "rtsp"
+  // UTF-8 as it came, without control characters; one line of at most 4 KiB: what failed, with
+  // which address, and what to do. Those of kTrace: lines with "\n" between them, 32 KiB.
+  std::string_view text;
+};
 
-// The same of a printf format; a format that cannot be applied is logged as it stands.
-CMS_API bool LogFormat(int level, const char* format, std::va_list arguments);
-CMS_API bool LogFormat(int level, const wchar_t* format, std::va_list arguments);
+using LogCallback = std::function<void(const LogLine&)>;
+
+// Every line of a level up to `highest` goes to the callback from now on, an empty one: none, as at
+// first. It is called on a thread of its own ("cms-log"), one line after the other, with no lock of
+// the library held, so it may take its time and call the library; what it makes the library log is
+// left out. Nobody else waits for it: of what it does not keep up with 2,000 lines or 4 MiB are
+// kept, later ones are dropped, and a line tells how many.
+//
+// A line that says the same as another one within a minute is not told again but counted, and the
+// count stands in the next one: " (12 times more)". Traces are all told.
+//
+// Waits until the earlier callback has been given what was logged before, and does not run any
+// more. Any thread but the callback's own. False when the system has no thread left; then there is
+// no callback.
+CMS_API bool SetLogCallback(LogCallback callback, LogLevel highest);
+
+// Whether somebody wants to know: what is costly to tell is made only then. One relaxed load.
+CMS_API bool IsLogged(LogLevel level);
+
+// Tells a line, or does nothing where it is not wanted. Waits for nobody and may be called with any
+// lock held. The text needs no care: it is cut, made visible and freed of passwords.
+CMS_API void Log(LogLevel level, std::string_view area, std::string_view text) noexcept;
+
+// The lines that were dropped because a callback did not keep up, since the process began.
+CMS_API std::uint64_t DroppedLogLines();
 
 }  // namespace cms

@@ -32,8 +32,8 @@ Stream OpenStream(const wchar_t* path, const wchar_t* mode, std::int64_t& size) 
   if (path == nullptr || mode == nullptr) {
     return nullptr;
   }
-  const std::string close_on_exec = cms::Utf8FromWide(mode) + "e";
-  Stream stream(std::fopen(cms::NativePath(path).c_str(), close_on_exec.c_str()));
+  const std::string closeOnExec = cms::Utf8FromWide(mode) + "e";
+  Stream stream(std::fopen(cms::NativePath(path).c_str(), closeOnExec.c_str()));
   struct stat status {};
   if (!stream || fstat(fileno(stream.get()), &status) != 0 || S_ISDIR(status.st_mode)) {
     return nullptr;

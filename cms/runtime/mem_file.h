@@ -11,7 +11,7 @@
 #include "cms/runtime/api.h"
 
 // An object serves one thread at a time; fload and pfload create it, fclose destroys it. Paths as
-// in cms/runtime/native_path.h. Failures are told by the results; nothing throws.
+// in cms/runtime/nativePath.h. Failures are told by the results; nothing throws.
 
 struct _MEMFILE;
 struct _MEMPARTIALFILE;

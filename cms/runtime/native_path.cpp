@@ -17,20 +17,20 @@ bool BeginsWithDrive(std::wstring_view path) {
 
 }  // namespace
 
-std::string NativePath(std::wstring_view system_path) {
-  if (BeginsWithDrive(system_path)) {
-    system_path.remove_prefix(2);
-    if (system_path.empty()) {
+std::string NativePath(std::wstring_view systemPath) {
+  if (BeginsWithDrive(systemPath)) {
+    systemPath.remove_prefix(2);
+    if (systemPath.empty()) {
       return "/";
     }
   }
-  std::string native = Utf8FromWide(system_path);
+  std::string native = Utf8FromWide(systemPath);
   std::replace(native.begin(), native.end(), '\\', '/');
   return native;
 }
 
-std::wstring SystemPath(std::string_view native_path) {
-  std::wstring system = WideFromUtf8(native_path);
+std::wstring SystemPath(std::string_view nativePath) {
+  std::wstring system = WideFromUtf8(nativePath);
   std::replace(system.begin(), system.end(), L'/', L'\\');
   return system;
 }

@@ -57,26 +57,34 @@ void Thread::start_address(Runnable* runnable, Thread* thread, cms::NativeThread
 }
 
 void Thread::start() {
-  {
-    ScopeLock lock(lock_);
-    if (running_.load(std::memory_order_relaxed)) {
-      return;
-    }
-    auto worker = cms::NativeThread::CreateSuspended(
-        name_, [this, runnable = runnable_](cms::NativeThread& native) {
-          start_address(runnable, this, native);
-          return 0u;
-        });
-    if (worker == nullptr) {
-      throw std::runtime_error("thread creation failed");
-    }
-    worker_ = worker;
-    hasHandle_ = true;
-    threadId_.store(worker->Id(), std::memory_order_relaxed);
-    running_.store(true, std::memory_order_release);
-    worker->Resume();
+  if (StartUnlessRunning()) {
+    std::this_thread::sleep_for(kSettlingDelay);
   }
-  std::this_thread::sleep_for(kSettlingDelay);
+}
+
+void Thread::StartAtOnce() {
+  StartUnlessRunning();
+}
+
+bool Thread::StartUnlessRunning() {
+  ScopeLock lock(lock_);
+  if (running_.load(std::memory_order_relaxed)) {
+    return false;
+  }
+  auto worker = cms::NativeThread::CreateSuspended(
+      name_, [this, runnable = runnable_](cms::NativeThread& native) {
+        start_address(runnable, this, native);
+        return 0u;
+      });
+  if (worker == nullptr) {
+    throw std::runtime_error("thread creation failed");
+  }
+  worker_ = worker;
+  hasHandle_ = true;
+  threadId_.store(worker->Id(), std::memory_order_relaxed);
+  running_.store(true, std::memory_order_release);
+  worker->Resume();
+  return true;
 }
 
 void Thread::run() {

@@ -58,6 +58,9 @@ class CMS_API Thread : public Runnable {
   // "thread creation failed".
   virtual void start();
 
+  // The same without the 100 ms, for owners whose thread is ready whenever it comes to run.
+  void StartAtOnce();
+
   // Waits at most 3 seconds for a running thread to end by itself. A thread that is then still in
   // run() goes on without its object, but its finish is not called any more.
   virtual ~Thread();
@@ -72,6 +75,7 @@ class CMS_API Thread : public Runnable {
  private:
   static void start_address(Runnable* runnable, Thread* thread, cms::NativeThread& native);
   std::shared_ptr<cms::NativeThread> Worker();
+  bool StartUnlessRunning();
 
   CMSCritical lock_;
   // The native thread outlives its handle, so that the owner can wait for finish() to return.

@@ -10,6 +10,7 @@
 #define CMS_CAPABILITY(x) CMS_ANNOTATE(capability(x))
 #define CMS_SCOPED_CAPABILITY CMS_ANNOTATE(scoped_lockable)
 #define CMS_GUARDED_BY(x) CMS_ANNOTATE(guarded_by(x))
+#define CMS_PT_GUARDED_BY(x) CMS_ANNOTATE(pt_guarded_by(x))  // what it points to
 #define CMS_REQUIRES(...) CMS_ANNOTATE(requires_capability(__VA_ARGS__))
 #define CMS_ACQUIRE(...) CMS_ANNOTATE(acquire_capability(__VA_ARGS__))
 #define CMS_TRY_ACQUIRE(...) CMS_ANNOTATE(try_acquire_capability(__VA_ARGS__))

@@ -1,14 +1,16 @@
 #include "cms/streaming/http_client.h"
 
+#include <atomic>
 #include <cerrno>
-#include <cstdio>
 #include <new>
 
 #include "cms/audio/audio_player.h"
 #include "cms/net/tcp_client.h"
 #include "cms/runtime/internal/cancel_gate.h"
 #include "cms/runtime/internal/named_thread.h"
+#include "cms/runtime/log.h"
 #include "cms/streaming/internal/group_allocator.h"
+#include "cms/streaming/rtsp_url.h"
 
 namespace {
 
@@ -39,16 +41,17 @@ tTcpClientParam ConnectionSizes() {
 class CMSHTTPClient::Connection final : public TCPClientBase {
  public:
   Connection(CMSHTTPClient& client, int group)
-      : TCPClientBase(ConnectionSizes()), client_(client), group_(group, kAutomaticGroup, 1) {}
+      : TCPClientBase(ConnectionSizes()), client_(client), group_(group, cms::kAutomaticGroup, 1) {}
   ~Connection() override { Connection::End(); }
 
-  int OnConnect(unsigned long address, unsigned long port) override {
-    return ConnectSocket(address, port, kConnectTimeoutMs, &client_.OpeningGate().Signal());
+  int OnConnect(unsigned long, unsigned long port) override {
+    return ConnectSocket(address_, port, kConnectTimeoutMs, &client_.OpeningGate().Signal());
   }
   void OnPeerClosed() override { client_.OnConnectionClosed(); }
 
-  int Start(std::uint32_t address, std::uint16_t port) {
-    return OnStartTCPClient(address, port, static_cast<unsigned int>(group_.Key()));
+  int Start(const cms::IpAddress& address, std::uint16_t port) {
+    address_ = address;
+    return OnStartTCPClient(address.V4(), port, static_cast<unsigned int>(group_.Key()));
   }
   // Wakes the process thread for good.
   void End() {
@@ -60,10 +63,33 @@ class CMSHTTPClient::Connection final : public TCPClientBase {
  private:
   CMSHTTPClient& client_;
   cms::GroupClaim group_;
+  cms::IpAddress address_;
+};
+
+// The client's lock guards it. While the process thread runs, the connection and the raw buffer are
+// its own.
+struct CMSHTTPClient::Life {
+  cms::stHTTPClientConfig config;
+  std::string request;
+  cms::IpAddress Address() const { return config.ip ? config.ip : cms::IpAddress(config.address); }
+  std::unique_ptr<Connection> connection;
+  std::unique_ptr<CRawBuffer> raw;
+  std::unique_ptr<cms::AudioPlayer> audioPlayer;
+};
+
+struct CMSHTTPClient::ProcessState {
+  cms::NamedThread thread;  // started and joined under the lock
+  std::atomic<bool> running{false};
+  std::atomic<bool> closedByCamera{false};
+  std::atomic<bool> parsing{false};  // set before bytes leave the queue, until they are parsed
+  std::atomic<std::uint64_t> packets{0};
+  std::atomic<std::uint64_t> oversize{0};
 };
 
 CMSHTTPClient::CMSHTTPClient()
-    : CMSClientBase(this), processThread_(std::make_unique<cms::NamedThread>()) {}
+    : CMSClientBase(this),
+      life_(std::make_unique<Life>()),
+      process_(std::make_unique<ProcessState>()) {}
 
 CMSHTTPClient::~CMSHTTPClient() {
   OnStopAudioRecorder();
@@ -75,30 +101,32 @@ int CMSHTTPClient::SetConfig(void* config) {
     return 0;
   }
   ScopeLock lock(lock_);
-  if (connection_ != nullptr) {
+  if (life_->connection != nullptr) {
     return 0;
   }
-  config_ = *static_cast<const stHTTPClientConfig*>(config);
-  request_.clear();
-  if (config_.request != nullptr && config_.requestLength > 0) {
-    request_.assign(config_.request, static_cast<std::size_t>(config_.requestLength));
+  life_->config = *static_cast<const cms::stHTTPClientConfig*>(config);
+  life_->request.clear();
+  if (life_->config.request != nullptr && life_->config.requestLength > 0) {
+    life_->request.assign(life_->config.request,
+                          static_cast<std::size_t>(life_->config.requestLength));
   }
-  config_.request = request_.data();
-  audioType_.store(config_.audioType, std::memory_order_relaxed);
-  return AllocChannelData(config_.channelCount);
+  life_->config.request = life_->request.data();
+  SetCameraAddress(AddressText());
+  ReportAudioType(life_->config.audioType);
+  return AllocChannelData(life_->config.channelCount);
 }
 
 void CMSHTTPClient::SetRequest(std::string request) {
   ScopeLock lock(lock_);
-  request_ = std::move(request);
-  config_.request = request_.data();
-  config_.requestLength = static_cast<int>(request_.size());
+  life_->request = std::move(request);
+  life_->config.request = life_->request.data();
+  life_->config.requestLength = static_cast<int>(life_->request.size());
 }
 
 void CMSHTTPClient::SetAudioType() {
   ScopeLock lock(lock_);
-  if (config_.videoType == kVideoTypeWithFixedAudio) {
-    audioType_.store(kFixedAudioType, std::memory_order_relaxed);
+  if (life_->config.videoType == kVideoTypeWithFixedAudio) {
+    ReportAudioType(kFixedAudioType);
   }
 }
 
@@ -123,73 +151,77 @@ int CMSHTTPClient::Play() {
 }
 
 bool CMSHTTPClient::OpenLocked() {
-  if (connection_ != nullptr || raw_ != nullptr || processThread_->IsStarted()) {
+  if (life_->connection != nullptr || life_->raw != nullptr || process_->thread.IsStarted()) {
     return false;
   }
   MarkOpening();
-  SetFault(ConnectionFault::kNone, "");
+  SetFault(cms::ConnectionFault::kNone, "");
   if (!Connect() || !InitialCodecs()) {
-    SetState(ConnectionState::kClosed);
+    SetState(cms::ConnectionState::kClosed);
     return false;
   }
   StartAudioPlayer();
   if (!StartProcessThread() || !SendRequest()) {
-    SetState(ConnectionState::kClosed);
+    SetState(cms::ConnectionState::kClosed);
     return false;
   }
   MarkOpened();
-  playing_.store(1, std::memory_order_relaxed);
-  SetState(ConnectionState::kPlaying);
+  SetPlaying(true);
+  SetState(cms::ConnectionState::kPlaying);
   return true;
 }
 
 void CMSHTTPClient::StartAudioPlayer() {
-  audioPlayer_ = cms::MakeAudioPlayer(config_.audioPlayer);
-  if (audioPlayer_ && audioPlayer_->Start()) {
-    SetAudioPlayer(audioPlayer_.get());
+  life_->audioPlayer = cms::MakeAudioPlayer(life_->config.audioPlayer);
+  if (life_->audioPlayer && life_->audioPlayer->Start()) {
+    SetAudioPlayer(life_->audioPlayer.get());
   } else {
-    audioPlayer_.reset();
+    life_->audioPlayer.reset();
   }
 }
 
 bool CMSHTTPClient::Connect() {
-  closedByCamera_.store(false);
-  connection_ = std::make_unique<Connection>(*this, config_.connectOption);
-  if (connection_->Start(config_.address, config_.port) == 0) {
-    return FailConnect(connection_->Error());
+  process_->closedByCamera.store(false);
+  life_->connection = std::make_unique<Connection>(*this, life_->config.connectOption);
+  if (life_->connection->Start(life_->Address(), life_->config.port) == 0) {
+    return FailConnect(life_->connection->Error());
   }
-  raw_ = std::make_unique<CRawBuffer>(kMaxRawBytes, kMaxRawBytes);
-  return raw_->Data() != nullptr || Fail(ConnectionFault::kOutOfResources, "out of memory");
+  life_->raw = std::make_unique<CRawBuffer>(kMaxRawBytes, kMaxRawBytes);
+  return life_->raw->Data() != nullptr ||
+         Fail(cms::ConnectionFault::kOutOfResources, "out of memory");
 }
 
 bool CMSHTTPClient::FailConnect(int error) {
   switch (error) {
     case ECANCELED:
-      return Fail(ConnectionFault::kCancelled, "closed while connecting");
+      return Fail(cms::ConnectionFault::kCancelled, "closed while connecting");
     case 0:  // the connection stood, but no I/O thread could be had
     case EMFILE:
     case ENFILE:
     case ENOMEM:
-      return Fail(ConnectionFault::kOutOfResources, "no descriptor, thread or memory left");
+      return Fail(cms::ConnectionFault::kOutOfResources, "no descriptor, thread or memory left");
     default:
-      return Fail(ConnectionFault::kUnreachable,
+      return Fail(cms::ConnectionFault::kUnreachable,
                   "cannot connect: " + std::generic_category().message(error));
   }
 }
 
 bool CMSHTTPClient::InitialCodecs() {
-  if (ChannelCount() != config_.channelCount) {
-    AllocChannelData(config_.channelCount);  // StopPlay released them
+  if (ChannelCount() != life_->config.channelCount) {
+    AllocChannelData(life_->config.channelCount);  // StopPlay released them
   }
+  // What multipart streams are known to carry.
+  const bool known =
+      life_->config.codec == cms::CMS_CODEC_MJPEG || life_->config.codec == cms::CMS_CODEC_H264;
   for (unsigned i = 0; i < ChannelCount(); ++i) {
     const auto channel = Channel(i);
-    if (channel == nullptr || channel->InitialCodec(config_.codec) == 0) {
+    if (!known || channel == nullptr || channel->InitialCodec(life_->config.codec) == 0) {
       for (unsigned opened = 0; opened < ChannelCount(); ++opened) {
         if (const auto other = Channel(opened)) {
           other->ReleaseCodec();
         }
       }
-      return Fail(ConnectionFault::kNoUsableVideo, "no decoder for the configured codec");
+      return Fail(cms::ConnectionFault::kNoUsableVideo, "no decoder for the configured codec");
     }
     channel->SetFindNextIFrameStatus(1);
   }
@@ -197,20 +229,24 @@ bool CMSHTTPClient::InitialCodecs() {
 }
 
 bool CMSHTTPClient::StartProcessThread() {
-  running_.store(true, std::memory_order_relaxed);
-  if (!processThread_->Start("cms-http-client", [this, &connection = *connection_, &raw = *raw_] {
-        Process(connection, raw);
-      })) {
-    running_.store(false, std::memory_order_relaxed);
-    return Fail(ConnectionFault::kOutOfResources, "cannot start a thread");
+  process_->running.store(true, std::memory_order_relaxed);
+  if (!process_->thread.Start("cms-http-client",
+                              [this, &connection = *life_->connection, &raw = *life_->raw] {
+                                Process(connection, raw);
+                              })) {
+    process_->running.store(false, std::memory_order_relaxed);
+    return Fail(cms::ConnectionFault::kOutOfResources, "cannot start a thread");
   }
   return true;
 }
 
 bool CMSHTTPClient::SendRequest() {
-  const int length = static_cast<int>(request_.size());
-  if (length > 0 && connection_->OnSend(request_.data(), length) != length) {
-    return Fail(ConnectionFault::kOutOfResources, "the request is longer than the send queue");
+  const int length = static_cast<int>(life_->request.size());
+  if (cms::IsLogged(cms::LogLevel::kTrace)) {
+    cms::Log(cms::LogLevel::kTrace, "http", "-> " + AddressText() + "\n" + life_->request);
+  }
+  if (length > 0 && life_->connection->OnSend(life_->request.data(), length) != length) {
+    return Fail(cms::ConnectionFault::kOutOfResources, "the request is longer than the send queue");
   }
   return true;
 }
@@ -225,27 +261,27 @@ int CMSHTTPClient::StopPlay() {
 }
 
 void CMSHTTPClient::CloseLocked() {
-  running_.store(false, std::memory_order_relaxed);
-  if (connection_ != nullptr) {
-    connection_->End();
+  process_->running.store(false, std::memory_order_relaxed);
+  if (life_->connection != nullptr) {
+    life_->connection->End();
   }
-  processThread_->Join();
-  connection_.reset();
-  raw_.reset();
-  if (audioPlayer_) {
+  process_->thread.Join();
+  life_->connection.reset();
+  life_->raw.reset();
+  if (life_->audioPlayer) {
     SetAudioPlayer(nullptr);
-    audioPlayer_.reset();
+    life_->audioPlayer.reset();
   }
-  playing_.store(0, std::memory_order_relaxed);
-  SetState(ConnectionState::kClosed);
+  SetPlaying(false);
+  SetState(cms::ConnectionState::kClosed);
 }
 
-bool CMSHTTPClient::Fail(ConnectionFault fault, const std::string& what) {
-  char address[64];
-  std::snprintf(address, sizeof address, "%u.%u.%u.%u:%u: ", config_.address >> 24,
-                config_.address >> 16 & 255, config_.address >> 8 & 255, config_.address & 255,
-                unsigned{config_.port});
-  SetFault(fault, address + what);
+std::string CMSHTTPClient::AddressText() const {
+  return life_->Address().UrlText() + ":" + std::to_string(life_->config.port);
+}
+
+bool CMSHTTPClient::Fail(cms::ConnectionFault fault, const std::string& what) {
+  SetFault(fault, AddressText() + ": " + what);
   return false;
 }
 
@@ -253,7 +289,7 @@ bool CMSHTTPClient::Fail(ConnectionFault fault, const std::string& what) {
 
 bool CMSHTTPClient::OpenForKeeping() {
   ScopeLock lock(lock_);
-  if (playing_.load(std::memory_order_relaxed) != 0) {
+  if (IsClientPlaying() != 0) {
     return true;  // the client application was faster
   }
   if (!OpenLocked()) {
@@ -269,32 +305,32 @@ void CMSHTTPClient::CloseForKeeping() {
 }
 
 void CMSHTTPClient::OnConnectionClosed() {
-  SetFault(ConnectionFault::kClosedByCamera, "the camera ended the connection");
-  closedByCamera_.store(true);
+  SetFault(cms::ConnectionFault::kClosedByCamera, "the camera ended the connection");
+  process_->closedByCamera.store(true);
   PokeKeeping();
 }
 
-ConnectionFault CMSHTTPClient::KeepAlive(std::uint64_t, std::uint64_t* nextInMs) {
+cms::ConnectionFault CMSHTTPClient::KeepAlive(std::uint64_t, std::uint64_t* nextInMs) {
   ScopeLock lock(lock_);
-  if (connection_ == nullptr) {
-    SetFault(ConnectionFault::kCancelled, "stopped by the client application");
-    return ConnectionFault::kCancelled;
+  if (life_->connection == nullptr) {
+    SetFault(cms::ConnectionFault::kCancelled, "stopped by the client application");
+    return cms::ConnectionFault::kCancelled;
   }
   *nextInMs = ~std::uint64_t{0};
-  if (!closedByCamera_.load()) {
-    return ConnectionFault::kNone;
+  if (!process_->closedByCamera.load()) {
+    return cms::ConnectionFault::kNone;
   }
-  if (connection_->IsDataAvail() != 0 || parsing_.load()) {
+  if (life_->connection->IsDataAvail() != 0 || process_->parsing.load()) {
     *nextInMs = kDrainLookMs;
-    return ConnectionFault::kNone;
+    return cms::ConnectionFault::kNone;
   }
-  return ConnectionFault::kClosedByCamera;
+  return cms::ConnectionFault::kClosedByCamera;
 }
 
 cms::StreamCounts CMSHTTPClient::Counts() const {
-  return {.packets = packets_.load(std::memory_order_relaxed),
+  return {.packets = process_->packets.load(std::memory_order_relaxed),
           .lost = 0,
-          .oversize = oversize_.load(std::memory_order_relaxed)};
+          .oversize = process_->oversize.load(std::memory_order_relaxed)};
 }
 
 // --- The process thread -------------------------------------------------------------------------
@@ -302,25 +338,25 @@ cms::StreamCounts CMSHTTPClient::Counts() const {
 void CMSHTTPClient::Process(Connection& connection, CRawBuffer& raw) {
   const std::unique_ptr<char[]> received(new (std::nothrow) char[kReceiveChunk]);
   if (received == nullptr) {
-    running_.store(false, std::memory_order_relaxed);
+    process_->running.store(false, std::memory_order_relaxed);
     return;
   }
-  while (running_.load(std::memory_order_relaxed)) {
+  while (process_->running.load(std::memory_order_relaxed)) {
     connection.WaitForData(-1);  // ended by End, too
-    parsing_.store(true);
+    process_->parsing.store(true);
     const int length = connection.OnRecv(received.get(), kReceiveChunk);
     if (length > 0) {
       Keep(raw, received.get(), length);
       // Bytes that ended nothing but sound are no sign that the video lives.
-      packets_.fetch_add(ParseFrames(raw) ? 0 : 1, std::memory_order_relaxed);
+      process_->packets.fetch_add(ParseFrames(raw) ? 0 : 1, std::memory_order_relaxed);
     }
-    parsing_.store(false);
+    process_->parsing.store(false);
   }
 }
 
 void CMSHTTPClient::Keep(CRawBuffer& raw, const char* data, int length) {
   if (raw.Append(data, length) == 0) {
-    oversize_.fetch_add(1, std::memory_order_relaxed);
+    process_->oversize.fetch_add(1, std::memory_order_relaxed);
     raw.Clear();
     raw.Append(data, length);
   }
@@ -331,7 +367,7 @@ bool CMSHTTPClient::ParseFrames(CRawBuffer& raw) {
   int more = 1;
   bool sound = false;
   bool picture = false;
-  while (more == 1 && running_.load(std::memory_order_relaxed)) {
+  while (more == 1 && process_->running.load(std::memory_order_relaxed)) {
     int isAudio = 0;
     int length = 0;
     int videoFlag = 0;

@@ -1,7 +1,6 @@
 // CMSHTTPClient: the base of clients that receive an endless stream over HTTP.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -11,11 +10,10 @@
 #include "cms/live/media/codec_id.h"
 #include "cms/live/media/raw_buffer.h"
 #include "cms/runtime/api.h"
+#include "cms/runtime/ip_address.h"
 #include "cms/streaming/io_group.h"
 
 namespace cms {
-class NamedThread;
-}
 
 // Given to CMSHTTPClient::SetConfig, which copies it with the request bytes.
 struct stHTTPClientConfig {
@@ -29,7 +27,10 @@ struct stHTTPClientConfig {
   int videoType = 0;
   int audioType = 0;
   int connectOption = kAutomaticGroup;  // key of the I/O thread pair
+  IpAddress ip;                         // set, in place of the address: of either version
 };
+
+}  // namespace cms
 
 // Connects, sends one prepared request and cuts the endless reply into frames. A subclass for each
 // kind of stream supplies Pause and Resume, ParseStreamFrame and the two hand-overs; it calls
@@ -63,6 +64,7 @@ class CMS_API CMSHTTPClient : public CMSClientBase, protected cms::KeptStream {
 
   int ChangeRecordFile() override;
   int ChangeRecordPath(const wchar_t* path) override;
+  using CMSClientBase::ChangeRecordPath;
 
   // `data` is the front of the raw buffer, valid during the call; cms::kInputPadding bytes
   // behind it are readable. `channel` and `reserved` are always 0.
@@ -83,7 +85,7 @@ class CMS_API CMSHTTPClient : public CMSClientBase, protected cms::KeptStream {
  protected:
   bool OpenForKeeping() override;
   void CloseForKeeping() override;
-  ConnectionFault KeepAlive(std::uint64_t now, std::uint64_t* nextInMs) override;
+  cms::ConnectionFault KeepAlive(std::uint64_t now, std::uint64_t* nextInMs) override;
   cms::StreamCounts Counts() const override;
 
   // Replaces the request that the next opening sends: a subclass that was challenged logs in so.
@@ -91,7 +93,7 @@ class CMS_API CMSHTTPClient : public CMSClientBase, protected cms::KeptStream {
   void SetRequest(std::string request);
 
  private:
-  class Connection;
+  class CMS_HIDDEN Connection;
 
   bool OpenLocked() CMS_REQUIRES(lock_);
   void CloseLocked() CMS_REQUIRES(lock_);
@@ -101,23 +103,15 @@ class CMS_API CMSHTTPClient : public CMSClientBase, protected cms::KeptStream {
   bool SendRequest() CMS_REQUIRES(lock_);
   void StartAudioPlayer() CMS_REQUIRES(lock_);
   bool FailConnect(int error) CMS_REQUIRES(lock_);
-  bool Fail(ConnectionFault fault, const std::string& what) CMS_REQUIRES(lock_);
+  bool Fail(cms::ConnectionFault fault, const std::string& what) CMS_REQUIRES(lock_);
+  std::string AddressText() const CMS_REQUIRES(lock_);
   void Process(Connection& connection, CRawBuffer& raw);
   void Keep(CRawBuffer& raw, const char* data, int length);
   bool ParseFrames(CRawBuffer& raw);
   void OnConnectionClosed();
 
-  stHTTPClientConfig config_ CMS_GUARDED_BY(lock_);
-  std::string request_ CMS_GUARDED_BY(lock_);
-  // While the process thread runs, what these two point to is its own.
-  std::unique_ptr<Connection> connection_ CMS_GUARDED_BY(lock_);
-  std::unique_ptr<CRawBuffer> raw_ CMS_GUARDED_BY(lock_);
-  std::unique_ptr<cms::AudioPlayer> audioPlayer_ CMS_GUARDED_BY(lock_);
-  const std::unique_ptr<cms::NamedThread> processThread_;  // started and joined under the lock
-  std::atomic<bool> running_{false};
-
-  std::atomic<bool> closedByCamera_{false};
-  std::atomic<bool> parsing_{false};  // set before bytes leave the queue, until they are parsed
-  std::atomic<std::uint64_t> packets_{0};
-  std::atomic<std::uint64_t> oversize_{0};
+  struct CMS_HIDDEN Life;
+  const std::unique_ptr<Life> life_ CMS_PT_GUARDED_BY(lock_);
+  struct CMS_HIDDEN ProcessState;
+  const std::unique_ptr<ProcessState> process_;
 };

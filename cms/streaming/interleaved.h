@@ -6,6 +6,8 @@
 
 #include "cms/runtime/api.h"
 
+namespace cms {
+
 // The four bytes in front of each packet: "$", the channel id, the packet's length (big-endian).
 inline constexpr std::size_t kInterleavedPrefix = 4;
 
@@ -20,6 +22,8 @@ enum RTSPInterleaveType : int {
 // The channel ids that SETUP negotiated, by type; -1 for a channel that was not set up.
 using RTSPChannelIds = std::array<int, 4>;
 
+}  // namespace cms
+
 // The type (0 to 3) of the channel with that id, -1 for an id that was not negotiated. When two
 // types share an id, the first is taken.
-CMS_API int GetInterleaveType(int id, const RTSPChannelIds& ids);
+CMS_API int GetInterleaveType(int id, const cms::RTSPChannelIds& ids);

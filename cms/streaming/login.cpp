@@ -32,6 +32,32 @@ bool Lists(std::string_view list, std::string_view word) {
   return false;
 }
 
+// What the digest can be made with, the strongest last.
+struct DigestAlgorithm {
+  std::string_view name;
+  std::string (*hash)(std::string_view);
+  bool session;
+};
+constexpr DigestAlgorithm kDigestAlgorithms[] = {
+    {"MD5", &Md5Hex, false},
+    {"MD5-sess", &Md5Hex, true},
+    {"SHA-256", &Sha256Hex, false},
+    {"SHA-256-sess", &Sha256Hex, true},
+};
+
+const DigestAlgorithm* AlgorithmOf(std::string_view name) {
+  for (const DigestAlgorithm& each : kDigestAlgorithms) {
+    if (EqualAnyCase(each.name, name)) return &each;
+  }
+  return nullptr;
+}
+
+// Of a challenge; MD5 where it names none.
+const DigestAlgorithm* AlgorithmOf(const Challenge& challenge) {
+  const std::string_view name = Trim(challenge.Value("algorithm"));
+  return name.empty() ? &kDigestAlgorithms[0] : AlgorithmOf(name);
+}
+
 bool IsDigest(const Challenge& challenge) {
   return EqualAnyCase(challenge.scheme, "Digest");
 }
@@ -46,22 +72,32 @@ std::string ChosenQop(const Challenge& challenge) {
 std::string Unsupported(const Challenge& challenge) {
   if (EqualAnyCase(challenge.scheme, "Basic")) return {};
   if (!IsDigest(challenge)) return challenge.scheme;
-  const std::string_view algorithm = Trim(challenge.Value("algorithm"));
-  if (!algorithm.empty() && !EqualAnyCase(algorithm, "MD5")) {
-    return "Digest with " + std::string(algorithm);
-  }
+  const std::string_view named = Trim(challenge.Value("algorithm"));
+  const DigestAlgorithm* const algorithm = AlgorithmOf(challenge);
+  if (algorithm == nullptr) return "Digest with " + std::string(named);
   if (challenge.Value("nonce").empty()) return "Digest without a nonce";
   const std::string_view qop = Trim(challenge.Value("qop"));
   if (!qop.empty() && ChosenQop(challenge).empty()) return "Digest with qop " + std::string(qop);
+  if (algorithm->session && qop.empty())
+    return "Digest with " + std::string(named) + " without qop";
   return {};
 }
 
-const Challenge* Strongest(const std::vector<Challenge>& challenges) {
+// The place among those that can be answered: the strongest has the highest, 0 can not be.
+int StrengthOf(const Challenge& challenge, bool basicAllowed) {
+  if (!Unsupported(challenge).empty()) return 0;
+  if (!IsDigest(challenge)) return basicAllowed ? 1 : 0;
+  return 2 + static_cast<int>(AlgorithmOf(challenge) - kDigestAlgorithms);
+}
+
+const Challenge* Strongest(const std::vector<Challenge>& challenges, bool basicAllowed) {
   const Challenge* chosen = nullptr;
+  int strongest = 0;
   for (const Challenge& each : challenges) {
-    if (!Unsupported(each).empty()) continue;
-    if (IsDigest(each)) return &each;
-    if (chosen == nullptr) chosen = &each;
+    if (const int strength = StrengthOf(each, basicAllowed); strength > strongest) {
+      strongest = strength;
+      chosen = &each;
+    }
   }
   return chosen;
 }
@@ -69,6 +105,10 @@ const Challenge* Strongest(const std::vector<Challenge>& challenges) {
 std::string ProblemOf(const std::vector<Challenge>& challenges) {
   std::string names;
   for (const Challenge& each : challenges) {
+    if (Unsupported(each).empty()) {  // Basic, and not allowed
+      return "the camera logs in by Basic alone, which sends the password for all to read: use "
+             "rtsps://, or allow it (allowBasic, --allow-basic)";
+    }
     names += (names.empty() ? "" : " or ") + Unsupported(each);
   }
   if (names.empty()) return "no login method is named";
@@ -92,21 +132,26 @@ void Login::ForgetChallenge() {
 
 bool Login::ReadChallenges(std::string_view answer) {
   const std::vector<Challenge> challenges = cms::ReadChallenges(answer);
-  const Challenge* const chosen = Strongest(challenges);
+  const Challenge* const chosen = Strongest(challenges, basicAllowed_);
   if (chosen == nullptr) {
     problem_ = ProblemOf(challenges);
     return false;
   }
   problem_.clear();
-  method_ = IsDigest(*chosen) ? Method::kDigest : Method::kBasic;
   quotedRealm_ = chosen->Value("realm");
   credentials_.SetRealmAndNonce(Unescaped(quotedRealm_).c_str(),
                                 std::string(chosen->Value("nonce")).c_str());
+  if (!IsDigest(*chosen)) {  // what else it says means nothing to Basic
+    method_ = Method::kBasic;
+    return true;
+  }
+  method_ = Method::kDigest;
   qop_ = ChosenQop(*chosen);
   cnonce_ = NewClientNonce();
   count_ = 0;
   echoed_.clear();
-  if (chosen->Find("algorithm") != nullptr) echoed_ += ", algorithm=MD5";
+  algorithm_ = AlgorithmOf(*chosen)->name;
+  if (chosen->Find("algorithm") != nullptr) echoed_ += ", algorithm=" + algorithm_;
   if (const std::string* opaque = chosen->Find("opaque")) {
     echoed_ += ", opaque=\"" + *opaque + "\"";
   }
@@ -138,8 +183,10 @@ std::string Login::DigestAnswer(std::string_view method, std::string_view uri) {
     more.append(", qop=").append(qop_).append(", nc=").append(nc);
     more.append(", cnonce=\"").append(cnonce_).append("\"");
   }
+  const DigestAlgorithm& algorithm = *AlgorithmOf(algorithm_);
   const std::string response =
-      DigestResponse({username, password, realm, nonce, method, target, qop_, nc, cnonce_});
+      DigestResponse({username, password, realm, nonce, method, target, qop_, nc, cnonce_,
+                      algorithm.hash, algorithm.session});
   return DigestLine({Escaped(username, "\"\\"), quotedRealm_, nonce, target, response}, more);
 }
 

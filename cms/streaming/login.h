@@ -10,9 +10,10 @@
 
 namespace cms {
 
-// Understands every legal challenge (RFC 9110, RFC 2617), in any order, letter case and spelling of
-// its parameters, and answers the strongest of several that it can: Digest with MD5, with or
-// without a qop, in front of Basic. `Authenticator`, which it is built on, reads one spelling.
+// Understands every legal challenge (RFC 9110, RFC 7616, RFC 2617), in any order, letter case and
+// spelling of its parameters, and answers the strongest of several that it can: Digest with
+// SHA-256, then Digest with MD5, both with or without a qop, then Basic. `Authenticator`, which it
+// is built on, reads one spelling and knows MD5.
 //
 // Not locked: it belongs to the thread that makes the requests. Copying copies all.
 class CMS_API Login {
@@ -20,6 +21,9 @@ class CMS_API Login {
   // UTF-8, sent and digested as they are. Forgets the challenge.
   void SetCredentials(const std::string& username, const std::string& password);
   void ForgetChallenge();
+  // Basic shows the password to everybody on the way: over a connection that is not encrypted it is
+  // better not answered. Allowed at first.
+  void AllowBasic(bool allow) { basicAllowed_ = allow; }
 
   // Reads the challenges out of the head of an answer with status 401. True when one of them can be
   // answered: AuthorizationLine does so from then on. Else the last one that could stays, and
@@ -32,8 +36,8 @@ class CMS_API Login {
   // has no body.
   std::string AuthorizationLine(std::string_view method, std::string_view uri);
 
-  // What the last ReadChallenges could not answer, such as "the login method is Digest with
-  // SHA-256, which is not supported"; empty when it could.
+  // What the last ReadChallenges could not answer, such as "the login method is NTLM, which is not
+  // supported"; empty when it could.
   const std::string& Problem() const { return problem_; }
 
  private:
@@ -44,10 +48,12 @@ class CMS_API Login {
   Authenticator credentials_;  // with the realm and nonce of a Digest challenge
   Method method_ = Method::kNone;
   std::string quotedRealm_;  // as the server escapes it
+  std::string algorithm_;    // of Digest, as the table of them spells it
   std::string qop_;
   std::string cnonce_;
   std::string echoed_;  // parameters that go back as they came
   std::uint32_t count_ = 0;
+  bool basicAllowed_ = true;
   std::string problem_;
 };
 

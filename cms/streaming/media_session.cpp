@@ -38,6 +38,13 @@ void Store(char (&field)[N], std::string_view text) {
   std::memcpy(field, text.data(), size);
 }
 
+// As many of the items as fit.
+std::string_view WholeItems(std::string_view text, char separator, std::size_t most) {
+  if (text.size() <= most) return text;
+  const std::size_t end = text.rfind(separator, most);
+  return text.substr(0, end == std::string_view::npos ? 0 : end);
+}
+
 enum class Kind { kNone, kVideo, kAudio };
 
 struct MediaLine {
@@ -63,36 +70,53 @@ MediaLine ParseMediaLine(std::string_view line) {
 }
 
 // The encoding of a stream comes from its own payload type's line, or else from any other's.
-bool ParseRtpmap(std::string_view line, _RTSPSUBSESSION_CONFIG& stream, bool& own_type_seen) {
+bool ParseRtpmap(std::string_view line, _RTSPSUBSESSION_CONFIG& stream, bool& ownTypeSeen) {
   std::uint32_t type = 0;
   std::uint32_t clockRate = 0;
   std::uint32_t channels = 1;
   std::string_view name;
   const TextScanner head = TextScanner(line).Literal("a=rtpmap: ").Unsigned(type).Literal(" ");
-  TextScanner with_clock = head;
-  with_clock.Until(name, "/", kMaxSDPEncodingName).Literal("/").Unsigned(clockRate);
-  if (with_clock.Matched()) {
-    with_clock.Literal("/").Unsigned(channels);
+  TextScanner withClock = head;
+  withClock.Until(name, "/", cms::kMaxSDPEncodingName).Literal("/").Unsigned(clockRate);
+  if (withClock.Matched()) {
+    withClock.Literal("/").Unsigned(channels);
   } else {
-    TextScanner name_only = head;
-    if (!name_only.Word(name, kMaxSDPEncodingName).Matched()) return false;
+    TextScanner nameOnly = head;
+    if (!nameOnly.Word(name, cms::kMaxSDPEncodingName).Matched()) return false;
   }
-  const bool own_type = type == stream.payloadType;
-  if (own_type || !own_type_seen) {
+  const bool ownType = type == stream.payloadType;
+  if (ownType || !ownTypeSeen) {
     stream.SetEncodingName(name);
     stream.clockRate = clockRate;
     stream.channels = channels;
   }
-  own_type_seen |= own_type;
+  ownTypeSeen |= ownType;
   return true;
 }
 
 bool ParseControl(std::string_view line, _RTSPSUBSESSION_CONFIG& stream) {
   std::string_view control;
-  if (!TextScanner(line).Literal("a=control: ").Word(control, kMaxSDPControl).Matched())
+  if (!TextScanner(line).Literal("a=control: ").Word(control, cms::kMaxSDPControl).Matched())
     return false;
   stream.SetControl(control);
   return true;
+}
+
+// RFC 7798, 7.1.
+void ParseH265Parameter(std::string_view parameter, _RTSPSUBSESSION_CONFIG& stream) {
+  std::string_view name;
+  std::string_view value;
+  TextScanner scan(parameter);
+  scan.Literal(" ")
+      .Until(name, "= \t", cms::kMaxSDPLine)
+      .Literal(" = ")
+      .Until(value, " \t\r\n", cms::kMaxSDPLine);
+  if (!scan.Matched()) return;
+  if (name == "sprop-vps" || name == "sprop-sps" || name == "sprop-pps") {
+    stream.AddNalSets(value);
+  } else if (name == "sprop-max-don-diff") {
+    stream.orderNumbers = value.find_first_not_of('0') != std::string_view::npos;
+  }
 }
 
 bool ParseFmtp(std::string_view line, _RTSPSUBSESSION_CONFIG& stream) {
@@ -102,13 +126,39 @@ bool ParseFmtp(std::string_view line, _RTSPSUBSESSION_CONFIG& stream) {
   std::uint32_t type = 0;
   if (TextScanner scan = TextScanner(line).Unsigned(type); scan.Matched()) line = scan.Rest();
   line = line.substr(0, line.find_first_of("\r\n"));
+  if (type == stream.payloadType) stream.SetFormatParameters(cms::Trim(line));
   while (!line.empty()) {
     const std::size_t end = line.find(';');
     std::string_view value;
     TextScanner parameter(line.substr(0, end));
-    parameter.Literal(" sprop-parameter-sets = ").Until(value, " \t\r\n", kMaxSDPLine);
-    if (parameter.Matched()) stream.SetParameterSets(value);
+    parameter.Literal(" sprop-parameter-sets = ").Until(value, " \t\r\n", cms::kMaxSDPLine);
+    if (parameter.Matched()) {
+      stream.SetParameterSets(value);
+      stream.AddNalSets(value);
+    } else {
+      ParseH265Parameter(line.substr(0, end), stream);
+    }
     line.remove_prefix(end == std::string_view::npos ? line.size() : end + 1);
+  }
+  return true;
+}
+
+// RFC 6064, 3.3, and its elder, which servers of the QuickTime family write.
+bool ParsePictureSize(std::string_view line, _RTSPSUBSESSION_CONFIG& stream) {
+  constexpr std::uint32_t kLargest = 0xFFFF;
+  std::uint32_t type = stream.payloadType;
+  std::uint32_t width = 0;
+  std::uint32_t height = 0;
+  TextScanner scan = TextScanner(line).Literal("a=framesize: ").Unsigned(type);
+  scan.Literal(" ").Unsigned(width).Literal("-").Unsigned(height);
+  if (!scan.Matched()) {
+    scan = TextScanner(line).Literal("a=x-dimensions: ").Unsigned(width);
+    scan.Literal(" , ").Unsigned(height);
+    if (!scan.Matched()) return false;
+  }
+  if (type == stream.payloadType && width <= kLargest && height <= kLargest) {
+    stream.width = static_cast<std::uint16_t>(width);
+    stream.height = static_cast<std::uint16_t>(height);
   }
   return true;
 }
@@ -125,9 +175,9 @@ void NameStaticPayload(_RTSPSUBSESSION_CONFIG& stream) {
 
 bool IsSupportedAudio(std::string_view name) {
   switch (cms::CodecOfEncodingName(name)) {
-    case CMS_CODEC_PCM_MULAW:
-    case CMS_CODEC_PCM_ALAW:
-    case CMS_CODEC_PCM_S16BE:
+    case cms::CMS_CODEC_PCM_MULAW:
+    case cms::CMS_CODEC_PCM_ALAW:
+    case cms::CMS_CODEC_PCM_S16BE:
       return true;
     default:
       return false;
@@ -146,52 +196,62 @@ void _RTSPSUBSESSION_CONFIG::SetEncodingName(std::string_view text) {
 }
 
 void _RTSPSUBSESSION_CONFIG::SetParameterSets(std::string_view text) {
-  if (text.size() > kMaxSDPParameterSets) {
-    const std::size_t comma = text.rfind(',', kMaxSDPParameterSets);
-    text = text.substr(0, comma == std::string_view::npos ? 0 : comma);
-  }
-  Store(parameterSets, text);
+  Store(parameterSets, WholeItems(text, ',', cms::kMaxSDPParameterSets));
+}
+
+void _RTSPSUBSESSION_CONFIG::SetFormatParameters(std::string_view text) {
+  Store(formatParameters, WholeItems(text, ';', cms::kMaxSDPFormatParameters));
+}
+
+void _RTSPSUBSESSION_CONFIG::AddNalSets(std::string_view text) {
+  const std::size_t used = std::strlen(nalSets);
+  const std::size_t comma = used > 0 ? 1 : 0;
+  if (text.empty() || used + comma + text.size() > cms::kMaxSDPNalSets) return;
+  if (comma != 0) nalSets[used] = ',';
+  std::memcpy(nalSets + used + comma, text.data(), text.size());
 }
 
 int MediaSession::ParseDescription(std::string_view description, _RTSPSUBSESSION_CONFIG& video,
                                    _RTSPSUBSESSION_CONFIG& audio) {
+  const bool keepsAnySound = keepsAnySound_;
   *this = MediaSession();
+  keepsAnySound_ = keepsAnySound;
   video = _RTSPSUBSESSION_CONFIG();
   audio = _RTSPSUBSESSION_CONFIG();
 
-  bool found_video = false;
-  bool own_type_seen = false;
+  bool foundVideo = false;
+  bool ownTypeSeen = false;
   _RTSPSUBSESSION_CONFIG* stream = nullptr;  // null in the session part
   std::string_view line;
   while (cms::TakeLine(description, line)) {
-    if (line.size() > kMaxSDPLine) continue;
+    if (line.size() > cms::kMaxSDPLine) continue;
     if (line.starts_with('m')) {
       const MediaLine media = ParseMediaLine(line);
       if (media.kind == Kind::kNone) break;
-      found_video |= media.kind == Kind::kVideo;
+      foundVideo |= media.kind == Kind::kVideo;
       stream = media.kind == Kind::kVideo ? &video : &audio;
       *stream = _RTSPSUBSESSION_CONFIG();
       stream->clientRtpPort = static_cast<std::uint16_t>(media.port);
       stream->payloadType = static_cast<std::uint16_t>(media.payloadType);
-      own_type_seen = false;
+      ownTypeSeen = false;
     } else if (!stream) {
       if (!parseSDPAttribute_control(line)) ParseRange(line);
-    } else if (!ParseRtpmap(line, *stream, own_type_seen) && !ParseControl(line, *stream) &&
-               !ParseFmtp(line, *stream)) {
+    } else if (!ParseRtpmap(line, *stream, ownTypeSeen) && !ParseControl(line, *stream) &&
+               !ParseFmtp(line, *stream) && !ParsePictureSize(line, *stream)) {
       ParseFrameRate(line);
     }
   }
 
   NameStaticPayload(video);
   NameStaticPayload(audio);
-  if (found_video && video.clockRate == 0) video.clockRate = kVideoClock;
-  if (!IsSupportedAudio(audio.encodingName)) {
-    audio.payloadType = kNoPayloadType;
+  if (foundVideo && video.clockRate == 0) video.clockRate = kVideoClock;
+  if (!keepsAnySound_ && !IsSupportedAudio(audio.encodingName)) {
+    audio.payloadType = cms::kNoPayloadType;
   } else if (audio.clockRate == 0) {
-    const bool l16 = cms::CodecOfEncodingName(audio.encodingName) == CMS_CODEC_PCM_S16BE;
+    const bool l16 = cms::CodecOfEncodingName(audio.encodingName) == cms::CMS_CODEC_PCM_S16BE;
     audio.clockRate = l16 ? 44100 : 8000;
   }
-  return found_video ? 1 : 0;
+  return foundVideo ? 1 : 0;
 }
 
 int MediaSession::parseSDPAttribute_control(std::string_view line) {

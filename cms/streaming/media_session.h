@@ -9,21 +9,38 @@
 
 #include "cms/runtime/api.h"
 
+namespace cms {
+
 inline constexpr std::size_t kMaxSDPControl = 128;
 inline constexpr std::size_t kMaxSDPEncodingName = 64;
 inline constexpr std::size_t kMaxSDPParameterSets = 256;
+inline constexpr std::size_t kMaxSDPNalSets = 2048;
+inline constexpr std::size_t kMaxSDPFormatParameters = 512;
 inline constexpr std::size_t kMaxSDPLine = 4096;  // longer lines are ignored
 inline constexpr std::uint16_t kNoPayloadType = 65535;
+
+}  // namespace cms
 
 // One media stream: what its section of the description says, and what SETUP adds. A plain record,
 // copied freely; the texts are always zero-terminated. Sockets are not owned by it.
 struct CMS_API _RTSPSUBSESSION_CONFIG {
-  std::uint16_t payloadType = kNoPayloadType;  // kNoPayloadType: there is no such stream
-  char control[kMaxSDPControl + 1] = {};       // the track's URL, absolute or relative, or empty
-  char encodingName[kMaxSDPEncodingName + 1] = {};    // upper case; empty when nothing named it
-  std::uint32_t clockRate = 0;                        // Hz; 0 when nothing tells it
-  std::uint32_t channels = 1;                         // of audio
-  char parameterSets[kMaxSDPParameterSets + 1] = {};  // H.264: Base64 texts separated by commas
+  std::uint16_t payloadType = cms::kNoPayloadType;  // kNoPayloadType: there is no such stream
+  char control[cms::kMaxSDPControl + 1] = {};  // the track's URL, absolute or relative, or empty
+  char encodingName[cms::kMaxSDPEncodingName + 1] = {};  // upper case; empty when nothing named it
+  std::uint32_t clockRate = 0;                           // Hz; 0 when nothing tells it
+  std::uint32_t channels = 1;                            // of audio
+  char parameterSets[cms::kMaxSDPParameterSets + 1] =
+      {};  // H.264: Base64 texts separated by commas
+  // H.264 and H.265: all parameter sets of the description, likewise.
+  char nalSets[cms::kMaxSDPNalSets + 1] = {};
+  bool orderNumbers = false;  // H.265: units have decoding order numbers (sprop-max-don-diff)
+  // Pixels of the pictures, where a line tells them ("a=framesize:", "a=x-dimensions:"); else 0.
+  std::uint16_t width = 0;
+  std::uint16_t height = 0;
+
+  // What the "a=fmtp:" line says of the payload type, as it stands there, without what does not
+  // fit.
+  char formatParameters[cms::kMaxSDPFormatParameters + 1] = {};
 
   std::uint16_t clientRtpPort = 0;  // the port of the "m=" line until SETUP chose one
   std::uint16_t clientRtcpPort = 0;
@@ -41,6 +58,10 @@ struct CMS_API _RTSPSUBSESSION_CONFIG {
   // A list longer than the field loses its last, cut item, so that no half parameter set is passed
   // on.
   void SetParameterSets(std::string_view text);
+  // Adds a list behind those that are there; what does not fit is left out as a whole.
+  void AddNalSets(std::string_view text);
+  // As SetParameterSets, of items separated by semicolons.
+  void SetFormatParameters(std::string_view text);
 };
 
 // One description's session part. The parser is lenient: lines that it does not know are ignored,
@@ -48,11 +69,14 @@ struct CMS_API _RTSPSUBSESSION_CONFIG {
 // time.
 class CMS_API MediaSession {
  public:
+  // Sound in any encoding keeps its payload type: whoever asks for it knows what to do with each.
+  void KeepAnySound(bool keep) { keepsAnySound_ = keep; }
+
   // Reads a whole description; the caller bounds its size. `video` and `audio` are cleared first. 1
   // when it has a video section, else 0. Sections behind one that is neither video nor audio, that
   // is not RTP/AVP or whose payload type is above 127 are not looked at. A later section of the
   // same kind replaces the earlier one. Audio in an encoding other than PCMU, PCMA and L16 gets
-  // kNoPayloadType.
+  // kNoPayloadType, unless KeepAnySound says otherwise.
   //
   // Where a section names several payload types, the encoding of the first is taken if it has an
   // "a=rtpmap:" line, else that of the last such line. When no line tells the clock rate it is that
@@ -89,4 +113,5 @@ class CMS_API MediaSession {
   double rangeEnd_ = -1;
   float frameRate_ = 0;
   bool frameRateNot30_ = false;
+  bool keepsAnySound_ = false;
 };

@@ -9,6 +9,7 @@
 #include "cms/live/media/frame_header.h"
 #include "cms/runtime/clock.h"
 #include "cms/runtime/critical.h"
+#include "cms/runtime/log.h"
 #include "cms/runtime/thread_annotations.h"
 #include "cms/streaming/internal/multipart_reader.h"
 #include "cms/streaming/login.h"
@@ -36,7 +37,9 @@ struct MjpegHttpClient::State {
   unsigned char header[kVideoHeaderRoom] = {};
 };
 
-MjpegHttpClient::MjpegHttpClient() : state_(std::make_unique<State>()) {}
+MjpegHttpClient::MjpegHttpClient() : state_(std::make_unique<State>()) {
+  AllowBasic(false);
+}
 
 MjpegHttpClient::~MjpegHttpClient() {
   StopPlay();
@@ -44,7 +47,7 @@ MjpegHttpClient::~MjpegHttpClient() {
 
 bool MjpegHttpClient::Configure(const CameraUrl& url, const std::string& user,
                                 const std::string& password, int siteNumber) {
-  const auto address = ResolveIPv4(url.host);
+  const auto address = ResolveAddress(url.host);
   if (!address) {
     return false;
   }
@@ -53,20 +56,30 @@ bool MjpegHttpClient::Configure(const CameraUrl& url, const std::string& user,
   state_->login.SetCredentials(user, password);
   const std::string request = Request();
   stHTTPClientConfig config;
-  config.address = *address;
+  config.ip = *address;
   config.port = url.port;
   config.request = request.data();
   config.requestLength = static_cast<int>(request.size());
   config.videoType = CMS_VIDEO_MJPEG;
-  fpsReport_.SetReportFormat("[LiveRecord]Site=%2d(%s),Stream=%d", siteNumber + 1, url.host.c_str(),
-                             0);
-  return SetConfig(&config) != 0;
+  FpsReport().SetReportFormat("[LiveRecord]Site=%2d(%s),Stream=%d", siteNumber + 1,
+                              url.host.c_str(), 0);
+  if (SetConfig(&config) == 0) {
+    return false;
+  }
+  SetCameraAddress(url.plain);
+  return true;
+}
+
+void MjpegHttpClient::AllowBasic(bool allow) {
+  state_->login.AllowBasic(allow);
 }
 
 // HTTP/1.0, so that no server answers in chunks.
 std::string MjpegHttpClient::Request() {
   const CameraUrl& url = state_->url;
-  return "GET " + url.path + " HTTP/1.0\r\nHost: " + url.host + ":" + std::to_string(url.port) +
+  const bool ipv6 = url.host.find(':') != std::string::npos;  // without an interface behind it
+  const std::string host = ipv6 ? "[" + url.host.substr(0, url.host.find('%')) + "]" : url.host;
+  return "GET " + url.path + " HTTP/1.0\r\nHost: " + host + ":" + std::to_string(url.port) +
          "\r\nAccept: multipart/x-mixed-replace, image/jpeg\r\n" +
          state_->login.AuthorizationLine("GET", url.path) + "\r\n";
 }
@@ -147,6 +160,9 @@ int MjpegHttpClient::ParseStreamFrame(CRawBuffer* buffer, int* isAudio, int* fra
     const ScopeLock guard(state.lock);
     state.status = state.reader.Status();
     state.head = state.reader.Head();
+    if (IsLogged(LogLevel::kTrace)) {
+      Log(LogLevel::kTrace, "http", "<- " + state.url.plain + "\n" + state.head);
+    }
     state.answered.notify_all();
   }
   *frameLength = step == MultipartReader::Step::kPart ? state.reader.PartLength() : 0;
@@ -162,7 +178,7 @@ void MjpegHttpClient::OnStreamVideoFrame(unsigned channel, int, unsigned char* d
   VideoFrameInfo info;
   info.payloadSize = static_cast<std::uint32_t>(length);
   info.hostSeconds = WallSeconds();
-  info.frameRate = fpsReport_.GetRecentFps();
+  info.frameRate = FpsReport().GetRecentFps();
   info.frameType = kKeyFrame;
   info.videoType = CMS_VIDEO_MJPEG;
   info.sequence = ++state_->sequence;

@@ -14,13 +14,16 @@ namespace cms {
 // Channel 0 has the pictures, each of them a key frame. Logs in (Basic, Digest) when the camera
 // asks for it, at every opening anew. A part that is no JPEG is dropped. Threads, keeping and
 // recording are those of CMSHTTPClient and CMSClientBase; the camera has 10 s to answer.
-class CMS_API MjpegHttpClient final : public CMSHTTPClient {
+class CMS_API MjpegHttpClient : public CMSHTTPClient {
  public:
   MjpegHttpClient();
   ~MjpegHttpClient() override;
 
+  // Whether Basic is answered, by which everybody on the way can read the password; not at first.
+  // Before the stream is opened.
+  void AllowBasic(bool allow);
   // Waits for the resolver. `user` empty: without a login; `siteNumber`, from 0, goes into the
-  // frame-rate report alone. False when the host has no IPv4 address, or while playing.
+  // frame-rate report alone. False when the host has no address, of IPv4 or IPv6, or while playing.
   bool Configure(const CameraUrl& url, const std::string& user, const std::string& password,
                  int siteNumber);
 

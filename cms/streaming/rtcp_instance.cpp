@@ -3,9 +3,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <atomic>
 
 #include "cms/live/media/frame_buffer.h"
 #include "cms/runtime/clock.h"
+#include "cms/runtime/event.h"
 #include "cms/streaming/internal/rtcp_report.h"
 
 namespace {
@@ -19,80 +22,102 @@ constexpr int kLoopPause = 50;  // ms
 
 }  // namespace
 
-RTCPInstance::RTCPInstance() : senderSsrc_(kUnknownSender) {}
+class RTCPInstance::State {
+ public:
+  void SendReport();
+
+  _RTCP_CONFIG config;
+  std::unique_ptr<CFrameBufferNW> queue;  // when the packets come by RTPOverRTSPAddPacket
+  std::atomic<bool> configured{false};
+  std::atomic<bool> playing{false};
+  std::atomic<bool> forgetSender{false};
+
+  // Of the processing thread.
+  std::array<unsigned char, kReadBufferSize> buffer{};
+  std::array<std::uint8_t, 4> senderSsrc = kUnknownSender;
+  std::uint64_t lastReport = 0;  // ms; 0: none yet
+
+  cms::Event stopped;  // wakes RTCPProcessFn
+};
+
+RTCPInstance::RTCPInstance() : state_(std::make_unique<State>()) {}
 
 RTCPInstance::~RTCPInstance() {
   StopPlay();
 }
 
 int RTCPInstance::SetConfig(const _RTCP_CONFIG& config) {
-  configured_ = false;
-  if (config.transportMode != kRTCPOverUDP && config.transportMode != kRTCPInterleaved) return 0;
+  state_->configured = false;
+  if (config.transportMode != cms::kRTCPOverUDP && config.transportMode != cms::kRTCPInterleaved)
+    return 0;
   if (!config.send || !config.statistics) return 0;
   if (!config.read) {
-    if (config.transportMode != kRTCPInterleaved) return 0;
-    queue_ = std::make_unique<CFrameBufferNW>();
-    if (!queue_->AllocateBuffer(kQueueSlots, kReadBufferSize)) return 0;
+    if (config.transportMode != cms::kRTCPInterleaved) return 0;
+    state_->queue = std::make_unique<CFrameBufferNW>();
+    if (!state_->queue->AllocateBuffer(kQueueSlots, kReadBufferSize)) return 0;
   }
-  config_ = config;
-  configured_ = true;
+  state_->config = config;
+  state_->configured = true;
   return 1;
 }
 
 int RTCPInstance::Play() {
-  if (!configured_) return 0;
-  forgetSender_ = true;
-  stopped_.Reset();
-  playing_ = true;
+  if (!state_->configured) return 0;
+  state_->forgetSender = true;
+  state_->stopped.Reset();
+  state_->playing = true;
   return 1;
 }
 
 int RTCPInstance::StopPlay() {
-  playing_ = false;
-  stopped_.Set();
+  state_->playing = false;
+  state_->stopped.Set();
   return 1;
 }
 
 int RTCPInstance::RTPOverRTSPAddPacket(const void* data, int length) {
-  if (!playing_ || config_.read || length <= 0) return 0;
-  return queue_->Write(data, length, 1) == length ? 1 : 0;
+  if (!state_->playing || state_->config.read || length <= 0) return 0;
+  return state_->queue->Write(data, length, 1) == length ? 1 : 0;
 }
 
 int RTCPInstance::RTCPProcessNB() {
-  if (!playing_) return 0;
-  if (forgetSender_.exchange(false)) senderSsrc_ = kUnknownSender;
+  if (!state_->playing) return 0;
+  if (state_->forgetSender.exchange(false)) state_->senderSsrc = kUnknownSender;
 
-  const int length = config_.read
-                         ? config_.read(config_.readContext, buffer_.data(), kReadBufferSize)
-                         : static_cast<int>(queue_->Read(buffer_.data(), kReadBufferSize));
+  const int length =
+      state_->config.read
+          ? state_->config.read(state_->config.readContext, state_->buffer.data(), kReadBufferSize)
+          : static_cast<int>(state_->queue->Read(state_->buffer.data(), kReadBufferSize));
   if (length < 0) return -1;
-  if (static_cast<std::size_t>(length) >= kSenderOffset + senderSsrc_.size() &&
-      length <= kReadBufferSize && senderSsrc_ == kUnknownSender) {
-    std::copy_n(buffer_.begin() + kSenderOffset, senderSsrc_.size(), senderSsrc_.begin());
+  if (static_cast<std::size_t>(length) >= kSenderOffset + state_->senderSsrc.size() &&
+      length <= kReadBufferSize && state_->senderSsrc == kUnknownSender) {
+    std::copy_n(state_->buffer.begin() + kSenderOffset, state_->senderSsrc.size(),
+                state_->senderSsrc.begin());
   }
-  if (senderSsrc_ == kUnknownSender) return 0;
+  if (state_->senderSsrc == kUnknownSender) return 0;
 
   const std::uint64_t now = cms::TickMilliseconds();
-  if (lastReport_ != 0 && now - lastReport_ <= kReportInterval) return 0;
-  SendReport();
-  lastReport_ = now;
+  if (state_->lastReport != 0 && now - state_->lastReport <= kReportInterval) return 0;
+  state_->SendReport();
+  state_->lastReport = now;
   return 0;
 }
 
-void RTCPInstance::SendReport() {
+void RTCPInstance::State::SendReport() {
   cms::ReceiverReportValues values;
-  values.receiver_ssrc = static_cast<std::uint32_t>(getpid());
-  values.sender_ssrc = senderSsrc_;
-  values.fraction_lost = config_.statistics->FractionLost();
-  values.cumulative_lost = config_.statistics->CumulativeLost();
-  values.last_sequence = config_.statistics->LastSequence();
+  values.receiverSsrc = static_cast<std::uint32_t>(getpid());
+  values.senderSsrc = senderSsrc;
+  values.fractionLost = config.statistics->FractionLost();
+  values.cumulativeLost = config.statistics->CumulativeLost();
+  values.todaysCameras = config.todaysCameras;
+  values.lastSequence = config.statistics->LastSequence();
   const auto report = cms::BuildReceiverReport(values);
-  config_.send(config_.sendContext, report.data(), static_cast<int>(report.size()));
-  config_.statistics->ResetFraction();
+  config.send(config.sendContext, report.data(), static_cast<int>(report.size()));
+  config.statistics->ResetFraction();
 }
 
 void RTCPInstance::RTCPProcessFn() {
-  while (playing_ && RTCPProcessNB() >= 0) {
-    stopped_.Wait(kLoopPause);
+  while (state_->playing && RTCPProcessNB() >= 0) {
+    state_->stopped.Wait(kLoopPause);
   }
 }

@@ -2,16 +2,13 @@
 // 3550).
 #pragma once
 
-#include <array>
-#include <atomic>
 #include <cstdint>
 #include <memory>
 
 #include "cms/net/rtcp_step.h"
 #include "cms/runtime/api.h"
-#include "cms/runtime/event.h"
 
-class CFrameBufferNW;
+namespace cms {
 
 // Where the reports get their numbers from. Called on the thread that runs RTCPProcessNB.
 class CMS_API RTCPStatistics {
@@ -37,20 +34,23 @@ using RTCPReadFunction = int (*)(void* context, unsigned char* buffer, int size)
 // is not looked at: a lost report is made good by the next.
 using RTCPSendFunction = int (*)(void* context, const unsigned char* packet, int length);
 
+}  // namespace cms
+
 struct CMS_API _RTCP_CONFIG {
-  int transportMode = kRTCPOverUDP;
-  RTCPReadFunction read =
+  int transportMode = cms::kRTCPOverUDP;
+  cms::RTCPReadFunction read =
       nullptr;  // null: what RTPOverRTSPAddPacket queued (kRTCPInterleaved only)
   void* readContext = nullptr;
-  RTCPSendFunction send = nullptr;
+  cms::RTCPSendFunction send = nullptr;
   void* sendContext = nullptr;
-  RTCPStatistics* statistics = nullptr;  // not owned
+  cms::RTCPStatistics* statistics = nullptr;  // not owned
+  bool todaysCameras = false;  // reports as RFC 3550 has them, without the two peculiarities
 };
 
 // Threads: SetConfig before anything else; Play, StopPlay from the owner's; RTPOverRTSPAddPacket
 // from the thread that reads the connection; RTCPProcessNB from one thread at a time. The owner
 // unregisters the instance from its I/O threads before it or its configuration's objects go.
-class CMS_API RTCPInstance final : public RTCPStep {
+class CMS_API RTCPInstance final : public cms::RTCPStep {
  public:
   static constexpr int kReadBufferSize = 2048;
   static constexpr int kQueueSlots = 8;
@@ -85,18 +85,7 @@ class CMS_API RTCPInstance final : public RTCPStep {
   void RTCPProcessFn();
 
  private:
-  void SendReport();
+  class CMS_HIDDEN State;
 
-  _RTCP_CONFIG config_;
-  std::unique_ptr<CFrameBufferNW> queue_;  // when the packets come by RTPOverRTSPAddPacket
-  std::atomic<bool> configured_{false};
-  std::atomic<bool> playing_{false};
-  std::atomic<bool> forgetSender_{false};
-
-  // Of the processing thread.
-  std::array<unsigned char, kReadBufferSize> buffer_{};
-  std::array<std::uint8_t, 4> senderSsrc_;  // all ones: not known yet
-  std::uint64_t lastReport_ = 0;            // ms; 0: none yet
-
-  cms::Event stopped_;  // wakes RTCPProcessFn
+  const std::unique_ptr<State> state_;
 };

@@ -132,7 +132,8 @@ unsigned int RTPProcesserBase::GetRTPHeaderSize(const void* packet, int length) 
 void RTPProcesserBase::Count(std::uint16_t sequence, unsigned int length) {
   Statistics& s = statistics_;
   const std::uint64_t now = cms::TickMilliseconds();
-  if (s.restart.exchange(false, std::memory_order_relaxed)) {
+  if (s.restart.load(std::memory_order_relaxed)) [[unlikely]] {
+    s.restart.store(false, std::memory_order_relaxed);
     s.intervalStart = now;
     s.intervalSequence = sequence;
     s.intervalBytes = 0;
@@ -200,6 +201,7 @@ std::span<const std::uint8_t> RTPProcesserBase::NotePacket(std::span<const std::
   }
   // A packet of nothing but padding has its place in the sequence and no payload.
   NoteSequence(packet.Sequence());
+  lastTimestamp_ = packet.Timestamp();
   return packet.Payload();
 }
 

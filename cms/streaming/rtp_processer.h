@@ -87,6 +87,9 @@ class CMS_API RTPProcesserBase {
   // Sequence number of the last packet (not kept for MJPEG). Any thread.
   unsigned short GetLastSeqNum() const { return lastSequence_.load(std::memory_order_relaxed); }
 
+  // RTP time of the packet in hand, and so of the frame that it ends. Receiving thread.
+  std::uint32_t LastTimestamp() const { return lastTimestamp_; }
+
   // Loss counters of the receiver reports: total, and since ResetLostCount. The distance of the
   // first packet's random number from 0 counts as lost; a gap across 65535 -> 0 counts one too
   // few; a late packet counts almost a whole round. Kept so since peers know them so. Any thread.
@@ -191,6 +194,7 @@ class CMS_API RTPProcesserBase {
   const bool isVideo_;
   const bool checksSequence_;
   std::uint16_t observedSequence_ = 0;
+  std::uint32_t lastTimestamp_ = 0;
   std::atomic<std::uint16_t> lastSequence_{0};
   Statistics statistics_;
 

@@ -4,11 +4,12 @@
 
 #include "cms/live/media/codec_id.h"
 #include "cms/runtime/internal/cancel_gate.h"
+#include "cms/streaming/internal/rtsp_client_state.h"
 #include "cms/streaming/internal/rtsp_session.h"
 #include "cms/streaming/internal/rtsp_target.h"
 
 CMSRTSPClient::CMSRTSPClient()
-    : CMSClientBase(this), target_(std::make_shared<const cms::RTSPTarget>()) {}
+    : CMSClientBase(this), life_(std::make_unique<Life>()), shown_(std::make_unique<Shown>()) {}
 
 CMSRTSPClient::~CMSRTSPClient() {
   OnStopAudioRecorder();
@@ -20,22 +21,24 @@ int CMSRTSPClient::SetConfig(void* config) {
     return 0;
   }
   ScopeLock lock(lock_);
-  if (opened_) {
+  if (life_->opened) {
     FailUse("SetConfig: the stream is open; CloseStream comes first");
     return 0;
   }
   std::string problem;
-  auto target = cms::TargetOf(*static_cast<const stRTSPClientConfig*>(config), &problem);
-  target_ = std::make_shared<const cms::RTSPTarget>(std::move(target));
-  getParameter_ = cms::GetParameter::kUnknown;
-  if (!target_->usable) {
-    Succeeded({ConnectionFault::kBadAddress, problem});
+  auto target = cms::TargetOf(*static_cast<const cms::stRTSPClientConfig*>(config), &problem);
+  life_->target = std::make_shared<const cms::RTSPTarget>(std::move(target));
+  life_->getParameter = cms::GetParameter::kUnknown;
+  SetCameraAddress(life_->target->url);
+  if (!life_->target->usable) {
+    Succeeded({cms::ConnectionFault::kBadAddress, problem});
     return 0;
   }
-  siteType_ = target_->config.siteType;
-  fpsReport_.SetReportFormat("[LiveRecord]Site=%2d(%s),Stream=%d", target_->config.siteNumber + 1,
-                             target_->host.c_str(), target_->config.streamNumber);
-  fpsReport_.SetChannel(static_cast<int>(target_->config.channel));
+  SetSiteType(life_->target->config.siteType);
+  FpsReport().SetReportFormat("[LiveRecord]Site=%2d(%s),Stream=%d",
+                              life_->target->config.siteNumber + 1, life_->target->host.c_str(),
+                              life_->target->config.streamNumber);
+  FpsReport().SetChannel(static_cast<int>(life_->target->config.channel));
   return 1;
 }
 
@@ -43,39 +46,72 @@ int CMSRTSPClient::SetConfig(void* config) {
 
 int CMSRTSPClient::OpenStream() {
   ScopeLock lock(lock_);
-  paused_ = paused_ && opened_;
-  return OpenLocked() ? 1 : 0;
+  life_->paused = life_->paused && life_->opened;
+  return OpenLocked(false) ? 1 : 0;
 }
 
-bool CMSRTSPClient::OpenLocked() {
-  if (!target_->usable) {
+// `delivers`: from the camera's first packet on, which may come with the answer to PLAY.
+bool CMSRTSPClient::OpenLocked(bool delivers) {
+  if (!life_->target->usable) {
     FailUse("OpenStream: SetConfig was not called or has refused the configuration");
     return false;
   }
-  if (opened_) {
+  if (life_->opened) {
     FailUse("OpenStream: the stream is open already");
     return false;
   }
   MarkOpening();
-  SetFault(ConnectionFault::kNone, "");
-  session_ = std::make_shared<Session>(*this, target_, getParameter_);
+  bool open = OpenOnce(delivers);
+  const bool refused =
+      !open && GetConnectionStatus().fault == cms::ConnectionFault::kTransportRefused;
+  if (refused && life_->target->MayChangeTransport()) {
+    // The camera has no UDP, or after silence over UDP no TCP.
+    const bool changed = life_->target->config.transport != life_->target->askedTransport;
+    ChangeTransport(changed ? life_->target->askedTransport : cms::kRtspTransportInterleaved);
+    open = OpenOnce(delivers);
+  }
+  if (!open) {
+    return false;
+  }
+  const bool asked = life_->target->askedTransport == cms::kRtspTransportInterleaved;
+  if (!asked && life_->session->Transport() == cms::kRtspTransportInterleaved) {
+    SetFault(cms::ConnectionFault::kNone,
+             life_->target->HostAndPort() +
+                 ": nothing comes over UDP, so the stream comes inside the RTSP connection");
+  }
+  MarkOpened();
+  SetState(cms::ConnectionState::kOpen);
+  return true;
+}
+
+void CMSRTSPClient::ChangeTransport(int transport) {
+  cms::RTSPTarget target = *life_->target;
+  target.config.transport = transport;
+  life_->target = std::make_shared<const cms::RTSPTarget>(std::move(target));
+}
+
+bool CMSRTSPClient::OpenOnce(bool delivers) {
+  SetState(cms::ConnectionState::kOpening);
+  SetFault(cms::ConnectionFault::kNone, "");
+  life_->session = std::make_shared<Session>(*this, life_->target, life_->getParameter);
   {
-    ScopeLock lock(sessionLock_);
-    shownSession_ = session_;
+    ScopeLock lock(shown_->lock);
+    shown_->session = life_->session;
   }
   // A paused stream that comes back stays in the state that PAUSE leads to, which is that before
   // PLAY (RFC 2326, appendix A.1).
-  opened_ = Succeeded(session_->Connect()) && Option() != 0 && Describe() != 0 &&
-            SetupVideo() != 0 && (!session_->Stream(false).Present() || SetupAudio() != 0) &&
-            (!session_->Talk().Present() || Succeeded(session_->SetUpTalk())) &&
-            (paused_ || PlayMedia() != 0);
-  if (!opened_) {
-    CloseLocked();
-    return false;
+  const bool ready = Succeeded(life_->session->Connect()) && Option() != 0 && Describe() != 0 &&
+                     (!life_->session->HasVideo() || SetupVideo() != 0) &&
+                     (!life_->session->Stream(false).Present() || SetupAudio() != 0) &&
+                     (!life_->session->Talk().Present() || Succeeded(life_->session->SetUpTalk()));
+  if (ready && delivers) {
+    life_->session->SetDelivering(true);
   }
-  MarkOpened();
-  SetState(ConnectionState::kOpen);
-  return true;
+  life_->opened = ready && (life_->paused || PlayMedia() != 0);
+  if (!life_->opened) {
+    CloseLocked();
+  }
+  return life_->opened;
 }
 
 int CMSRTSPClient::CloseStream() {
@@ -83,23 +119,24 @@ int CMSRTSPClient::CloseStream() {
   StopKeeping();
   ScopeLock lock(lock_);
   CloseLocked();
-  paused_ = false;
+  life_->paused = false;
   return 1;
 }
 
 void CMSRTSPClient::CloseLocked() {
   StopDelivery();
-  if (session_ != nullptr) {
+  if (life_->session != nullptr) {
     TearDown();
-    session_->Stop();
-    getParameter_ = session_->Dialogue().Known();
-    ScopeLock lock(sessionLock_);
-    earlier_ = Counts();
-    shownSession_.reset();
+    life_->session->Stop();
+    life_->getParameter = life_->session->Dialogue().Known();
+    ScopeLock lock(shown_->lock);
+    shown_->earlier = Counts();
+    shown_->transport = life_->session->Transport();
+    shown_->session.reset();
   }
-  session_.reset();
-  opened_ = false;
-  SetState(ConnectionState::kClosed);
+  life_->session.reset();
+  life_->opened = false;
+  SetState(cms::ConnectionState::kClosed);
 }
 
 int CMSRTSPClient::Play() {
@@ -114,13 +151,13 @@ int CMSRTSPClient::Play() {
 }
 
 bool CMSRTSPClient::StartDelivery() {
-  if (!opened_) {
+  if (!life_->opened) {
     FailUse("Play: the stream is not open; OpenStream comes first");
     return false;
   }
-  session_->SetDelivering(true);
-  playing_.store(1, std::memory_order_relaxed);
-  SetState(paused_ ? ConnectionState::kPaused : ConnectionState::kPlaying);
+  life_->session->SetDelivering(true);
+  SetPlaying(true);
+  SetState(life_->paused ? cms::ConnectionState::kPaused : cms::ConnectionState::kPlaying);
   return true;
 }
 
@@ -129,40 +166,40 @@ int CMSRTSPClient::StopPlay() {
   StopKeeping();
   ScopeLock lock(lock_);
   StopDelivery();
-  SetState(opened_ ? ConnectionState::kOpen : ConnectionState::kClosed);
+  SetState(life_->opened ? cms::ConnectionState::kOpen : cms::ConnectionState::kClosed);
   return 1;
 }
 
 void CMSRTSPClient::StopDelivery() {
-  if (session_ != nullptr) {
-    session_->SetDelivering(false);
+  if (life_->session != nullptr) {
+    life_->session->SetDelivering(false);
   }
-  playing_.store(0, std::memory_order_relaxed);
+  SetPlaying(false);
 }
 
 int CMSRTSPClient::Pause() {
   ScopeLock lock(lock_);
-  if (!opened_ || !Succeeded(session_->Pause())) {
+  if (!life_->opened || !Succeeded(life_->session->Pause())) {
     return 0;
   }
-  paused_ = true;
+  life_->paused = true;
   if (IsClientPlaying() != 0) {
-    SetState(ConnectionState::kPaused);
+    SetState(cms::ConnectionState::kPaused);
   }
   return 1;
 }
 
 int CMSRTSPClient::Resume() {
   ScopeLock lock(lock_);
-  if (!opened_) {  // it plays once it is open again
-    return std::exchange(paused_, false) ? 1 : 0;
+  if (!life_->opened) {  // it plays once it is open again
+    return std::exchange(life_->paused, false) ? 1 : 0;
   }
   if (PlayMedia() == 0) {
     return 0;
   }
-  paused_ = false;
+  life_->paused = false;
   if (IsClientPlaying() != 0) {
-    SetState(ConnectionState::kPlaying);
+    SetState(cms::ConnectionState::kPlaying);
   }
   return 1;
 }
@@ -177,33 +214,34 @@ int CMSRTSPClient::ChangeRecordPath(const wchar_t* path) {
 // --- What the description says ------------------------------------------------------------------
 
 void CMSRTSPClient::TakeDescription() {
-  const RTSPStream& audio = session_->Stream(false);
+  const RTSPStream& audio = life_->session->Stream(false);
   {
-    ScopeLock lock(sessionLock_);
-    videoEncoding_ = session_->Stream(true).config.encodingName;
-    audioEncoding_ = audio.Present() ? audio.config.encodingName : "";
-    talkFormat_ = cms::TalkBackFormat(session_->Talk().config);
+    ScopeLock lock(shown_->lock);
+    shown_->videoEncoding = life_->session->Stream(true).config.encodingName;
+    shown_->audioEncoding = audio.Present() ? audio.config.encodingName : "";
+    shown_->talkFormat = cms::TalkBackFormat(life_->session->Talk().config);
   }
-  const cms::AudioFormatDescriptor& sound = session_->Frames().Sound();
+  SetSoundProblem(life_->session->Frames().Sound().problem);
+  const cms::AudioFormatDescriptor& sound = life_->session->Frames().Sound().descriptor;
   tCMSAudioPlayerConfig format{.codecId = static_cast<std::int32_t>(sound.codecId)};
-  if (format.codecId != CMS_CODEC_NONE) {
+  if (format.codecId != cms::CMS_CODEC_NONE) {
     constexpr std::uint32_t kLongestPacket = 65536;
     format.sampleRate = sound.sampleRate;
     format.channels = sound.channels;
     format.maximumBlockSize = kLongestPacket;
-    audioType_.store(format.codecId, std::memory_order_relaxed);
+    ReportAudioType(format.codecId);
   }
   SetAudioFormat(format);
   if (MustDecode() != 0) {
     InitialChannelCodec();
-  } else if (const auto channel = Channel(target_->config.channel)) {
+  } else if (const auto channel = Channel(life_->target->config.channel)) {
     channel->SetVideoType(VideoCodec());
   }
 }
 
 void CMSRTSPClient::SetMustDecode(int decode) {
   ScopeLock lock(lock_);
-  const auto channel = Channel(target_->config.channel);
+  const auto channel = Channel(life_->target->config.channel);
   if (channel != nullptr && decode != 0) {
     InitialChannelCodec();
   }
@@ -213,19 +251,20 @@ void CMSRTSPClient::SetMustDecode(int decode) {
   }
 }
 
-CMSCodecID CMSRTSPClient::VideoCodec() const {
-  const CMSCodecID codec = cms::CodecOfEncodingName(GetVideoEncoding());
-  return cms::VideoTypeOfCodec(codec) != CMS_VIDEO_UNKNOWN ? codec : CMS_CODEC_NONE;
+cms::CMSCodecID CMSRTSPClient::VideoCodec() const {
+  const cms::CMSCodecID codec = cms::CodecOfEncodingName(GetVideoEncoding());
+  return cms::VideoTypeOfCodec(codec) != cms::CMS_VIDEO_UNKNOWN ? codec : cms::CMS_CODEC_NONE;
 }
 
 void CMSRTSPClient::InitialChannelCodec() {
-  const auto channel = Channel(target_->config.channel);
+  const auto channel = Channel(life_->target->config.channel);
   if (channel == nullptr) {
     return;
   }
-  const CMSCodecID codec = VideoCodec();
+  const cms::CMSCodecID codec = VideoCodec();
   channel->SetVideoType(codec);
-  if (codec != CMS_CODEC_NONE) {
+  const bool decodes = codec != cms::CMS_CODEC_MPEG4 || life_->target->config.todaysCameras;
+  if (codec != cms::CMS_CODEC_NONE && decodes) {
     channel->InitialCodec(codec);
   }
 }
@@ -234,7 +273,7 @@ void CMSRTSPClient::InitialChannelCodec() {
 
 bool CMSRTSPClient::OpenForKeeping() {
   ScopeLock lock(lock_);
-  return (opened_ || OpenLocked()) && StartDelivery();
+  return (life_->opened || OpenLocked(true)) && StartDelivery();
 }
 
 void CMSRTSPClient::CloseForKeeping() {
@@ -242,30 +281,40 @@ void CMSRTSPClient::CloseForKeeping() {
   CloseLocked();
 }
 
-ConnectionFault CMSRTSPClient::KeepAlive(std::uint64_t now, std::uint64_t* nextInMs) {
+cms::ConnectionFault CMSRTSPClient::KeepAlive(std::uint64_t now, std::uint64_t* nextInMs) {
   constexpr std::uint64_t kBusyMs = 1'000;
   if (lock_.LockTest() == 0) {  // the client application is talking to the camera
     *nextInMs = kBusyMs;
-    return ConnectionFault::kNone;
+    return cms::ConnectionFault::kNone;
   }
-  const cms::StreamFailure failure =
-      session_ != nullptr
-          ? session_->Dialogue().KeepAlive(now, nextInMs)
-          : cms::StreamFailure{ConnectionFault::kCancelled, "closed by the client application"};
+  cms::StreamFailure failure = life_->session != nullptr
+                                   ? life_->session->Dialogue().KeepAlive(now, nextInMs)
+                                   : cms::StreamFailure{cms::ConnectionFault::kCancelled,
+                                                        "closed by the client application"};
+  if (!failure && !life_->paused && life_->target->MayChangeTransport()) {
+    failure = life_->session->WatchDatagrams(now, nextInMs);
+    if (failure) {
+      ChangeTransport(cms::kRtspTransportInterleaved);
+    }
+  }
   Succeeded(failure);
   lock_.UnLock();
   return failure.fault;
 }
 
-// Every description has video; a camera that only goes on with its sound has died as far as anybody
-// is concerned.
+// A camera whose description has video and that only goes on with its sound has died as far as
+// anybody is concerned.
 cms::StreamCounts CMSRTSPClient::Counts() const {
-  ScopeLock lock(sessionLock_);
-  cms::StreamCounts counts = earlier_;
-  if (shownSession_ != nullptr) {
-    counts.packets += shownSession_->Stream(true).subSession.PacketCount();
+  ScopeLock lock(shown_->lock);
+  cms::StreamCounts counts = shown_->earlier;
+  counts.frames = shown_->videoSequence.load(std::memory_order_relaxed);
+  if (shown_->session != nullptr) {
+    const bool hasVideo = shown_->session->HasVideo();
+    counts.packets += shown_->session->Stream(hasVideo).subSession.PacketCount();
+    counts.frames = hasVideo ? counts.frames : std::nullopt;
+    counts.soundAlone = !hasVideo;
     for (const bool video : {true, false}) {
-      const RTSPSubSession& stream = shownSession_->Stream(video).subSession;
+      const RTSPSubSession& stream = shown_->session->Stream(video).subSession;
       counts.lost += stream.MissingPacketCount();
       counts.oversize += stream.OversizeFrameCount();
     }
@@ -278,7 +327,7 @@ cms::StreamCounts CMSRTSPClient::Counts() const {
 bool CMSRTSPClient::Succeeded(const cms::StreamFailure& failure) {
   if (failure) {
     const std::string where =
-        target_->host.empty() ? "" : target_->host + ":" + std::to_string(target_->port) + ": ";
+        life_->target->host.empty() ? "" : life_->target->HostAndPort() + ": ";
     SetFault(failure.fault, where + failure.text);
   }
   return !failure;
@@ -287,8 +336,10 @@ bool CMSRTSPClient::Succeeded(const cms::StreamFailure& failure) {
 // A call that cannot be done now. The reason why there is no stream is worth more, where there is
 // one.
 void CMSRTSPClient::FailUse(const std::string& what) {
-  if (GetConnectionStatus().fault == ConnectionFault::kNone) {
-    SetFault(target_->usable ? ConnectionFault::kNone : ConnectionFault::kBadAddress, what);
+  if (GetConnectionStatus().fault == cms::ConnectionFault::kNone) {
+    SetFault(
+        life_->target->usable ? cms::ConnectionFault::kNone : cms::ConnectionFault::kBadAddress,
+        what);
   }
 }
 
@@ -297,29 +348,34 @@ void CMSRTSPClient::FailUse(const std::string& what) {
 int CMSRTSPClient::SendAudioData(unsigned char* data, int length) {
   std::shared_ptr<Session> session;
   {
-    ScopeLock lock(sessionLock_);
-    session = shownSession_;
+    ScopeLock lock(shown_->lock);
+    session = shown_->session;
   }
   return session != nullptr ? session->Talker().Send(data, length) : 0;
 }
 
 int CMSRTSPClient::GetTalkFormat(tCMSAudioPlayerConfig* format) const {
-  ScopeLock lock(sessionLock_);
-  *format = talkFormat_;
-  return talkFormat_.codecId != CMS_CODEC_NONE ? 1 : 0;
+  ScopeLock lock(shown_->lock);
+  *format = shown_->talkFormat;
+  return shown_->talkFormat.codecId != cms::CMS_CODEC_NONE ? 1 : 0;
 }
 
 double CMSRTSPClient::GetAudioStreamLossRate() const {
-  ScopeLock lock(sessionLock_);
-  return shownSession_ != nullptr ? shownSession_->Stream(false).subSession.LossRate() : 0.0;
+  ScopeLock lock(shown_->lock);
+  return shown_->session != nullptr ? shown_->session->Stream(false).subSession.LossRate() : 0.0;
+}
+
+int CMSRTSPClient::GetTransport() const {
+  ScopeLock lock(shown_->lock);
+  return shown_->session != nullptr ? shown_->session->Transport() : shown_->transport;
 }
 
 std::string CMSRTSPClient::GetVideoEncoding() const {
-  ScopeLock lock(sessionLock_);
-  return videoEncoding_;
+  ScopeLock lock(shown_->lock);
+  return shown_->videoEncoding;
 }
 
 std::string CMSRTSPClient::GetAudioEncoding() const {
-  ScopeLock lock(sessionLock_);
-  return audioEncoding_;
+  ScopeLock lock(shown_->lock);
+  return shown_->audioEncoding;
 }

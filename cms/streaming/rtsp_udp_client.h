@@ -11,4 +11,5 @@ class CMS_API RTSPUDPClient final : public UDPClientBase {
 
   // Takes over the bound socket: it is closed with this client. Call before OnStartUDPClient.
   void SetClientSocket(int socket) { AdoptSocket(socket); }
+  using UDPClientBase::SetRemote;
 };

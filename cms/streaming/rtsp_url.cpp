@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <charconv>
 #include <cstring>
@@ -39,6 +40,9 @@ std::string PercentDecode(std::string_view text) {
 std::uint16_t DefaultPort(std::string_view scheme) {
   if (scheme == "rtsp") {
     return 554;
+  }
+  if (scheme == "rtsps") {
+    return 322;
   }
   return scheme == "https" ? 443 : 80;
 }
@@ -90,24 +94,32 @@ std::optional<CameraUrl> ParseCameraUrl(std::string_view text, std::string* why)
     authority.remove_prefix(at + 1);
   }
 
-  if (authority.starts_with('[')) {
-    return fail("IPv6 addresses are not supported");
-  }
   const std::string_view hostAndPort = authority;
+  const std::size_t bracket = authority.starts_with('[') ? authority.find(']') : 0;
+  if (bracket == std::string_view::npos) {
+    return fail("its IPv6 address has no \"]\" behind it");
+  }
   url.port = DefaultPort(url.scheme);
-  if (const std::size_t colon = authority.find(':'); colon != std::string_view::npos) {
+  if (const std::size_t colon = authority.find(':', bracket); colon != std::string_view::npos) {
     const std::string_view digits = authority.substr(colon + 1);
     const auto [end, error] =
         std::from_chars(digits.data(), digits.data() + digits.size(), url.port);
     if (error != std::errc{} || end != digits.data() + digits.size() || url.port == 0) {
       return fail("its port is not a number from 1 to 65535");
     }
+    url.portGiven = true;
     authority = authority.substr(0, colon);
   }
   if (authority.empty()) {
     return fail("it names no host");
   }
   url.host = authority;
+  if (bracket > 0) {
+    url.host = PercentDecode(authority.substr(1, bracket - 1));  // "%25" in front of its interface
+    if (authority.size() != bracket + 1 || !IpAddress::Parse(url.host)) {
+      return fail("what stands in brackets is no IPv6 address of this host's networks");
+    }
+  }
   url.plain = url.scheme + "://" + std::string(hostAndPort) + std::string(path);
   return url;
 }
@@ -128,6 +140,28 @@ std::optional<std::uint32_t> ResolveIPv4(const std::string& host) {
   }
   freeaddrinfo(found);
   return address;
+}
+
+std::optional<IpAddress> ResolveAddress(const std::string& host) {
+  if (const auto told = IpAddress::Parse(host)) {
+    return told;
+  }
+  if (const auto ipv4 = ResolveIPv4(host)) {
+    return IpAddress(*ipv4);
+  }
+  addrinfo hints{};
+  hints.ai_family = AF_INET6;
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* found = nullptr;
+  if (getaddrinfo(host.c_str(), nullptr, &hints, &found) != 0) {
+    return std::nullopt;
+  }
+  sockaddr_in6 ipv6{};
+  std::memcpy(&ipv6, found->ai_addr, std::min<std::size_t>(found->ai_addrlen, sizeof ipv6));
+  freeaddrinfo(found);
+  std::array<std::uint8_t, 16> bytes{};
+  std::memcpy(bytes.data(), &ipv6.sin6_addr, bytes.size());
+  return IpAddress(bytes, ipv6.sin6_scope_id);
 }
 
 std::optional<std::uint32_t> ParseIPv4(const std::string& text) {

@@ -5,7 +5,9 @@
 #include <cstring>
 #include <ctime>
 
-#include "cms/streaming/internal/bit_reader.h"
+#include "cms/live/media/frame_header.h"
+#include "cms/live/media/internal/bit_reader.h"
+#include "cms/streaming/internal/nal_unit.h"
 
 namespace cms {
 namespace {
@@ -82,6 +84,27 @@ CMSVideoType VideoTypeOf(Bytes frame) {
   return is(2, 0) && is(3, 1) ? CMS_VIDEO_H264 : CMS_VIDEO_UNKNOWN;
 }
 
+CMSVideoType VideoTypeOfKeyFrame(Bytes frame) {
+  constexpr unsigned char kBaseLayer = 1;  // and its lowest sub-layer
+  const CMSVideoType type = VideoTypeOf(frame);
+  const bool longCode = type == CMS_VIDEO_H264;
+  const std::size_t header = longCode ? 4 : 3;
+  if ((!longCode && type != CMS_VIDEO_MPEG4) || frame.size() < header + 2 ||
+      (frame[header] & 0x81u) != 0 || frame[header + 1] != kBaseLayer) {
+    return type;
+  }
+  // Behind a short code a picture could be a layer of MPEG-4.
+  const unsigned unit = NalType(NalCodec::kH265, frame[header]);
+  const bool begins = (unit >= kH265Vps && unit <= kH265Delimiter) || unit == kH265PrefixSei ||
+                      (longCode && IsIrap(unit));
+  return begins ? CMS_VIDEO_H265 : type;
+}
+
+CMSVideoType VideoTypeOfKeyFrame(Bytes area, Bytes frame) {
+  const CMSVideoType marked = VideoTypeOfHeader(area);
+  return marked != CMS_VIDEO_UNKNOWN ? marked : VideoTypeOfKeyFrame(frame);
+}
+
 int Mpeg4VopDataPos(Bytes frame) {
   const auto match =
       FindStartCode(frame, 0, [](std::size_t, unsigned char code) { return code == 0xB6; });
@@ -100,6 +123,14 @@ int H264SpsDataPos(Bytes frame) {
 
 int H264SeiDataPos(Bytes frame) {
   return H264NalDataPos(frame, 6);
+}
+
+int H265SpsDataPos(Bytes frame) {
+  constexpr std::size_t kBehind = 5;  // of the shorter start code and the NAL header
+  const std::size_t match = FindStartCode(frame, 0, [](std::size_t, unsigned char header) {
+    return NalType(NalCodec::kH265, header) == kH265Sps;
+  });
+  return match != kNone && match + kBehind < frame.size() ? static_cast<int>(match + kBehind) : -1;
 }
 
 int Mpeg4FrameType(Bytes vop) {

@@ -14,6 +14,8 @@
 #include "cms/live/media/codec_id.h"
 #include "cms/runtime/api.h"
 
+namespace cms {
+
 // A calendar time. Months and days count from 1, Sunday is day 0 of the week.
 struct CMSSystemTime {
   std::uint16_t wYear;
@@ -25,7 +27,9 @@ struct CMSSystemTime {
   std::uint16_t wSecond;
   std::uint16_t wMilliseconds;
 };
-static_assert(sizeof(CMSSystemTime) == 16);
+
+}  // namespace cms
+static_assert(sizeof(cms::CMSSystemTime) == 16);
 
 namespace cms {
 
@@ -39,6 +43,12 @@ struct PictureSize {
 
 CMS_API CMSVideoType VideoTypeOf(Bytes frame);
 
+// The same for a key frame, H.265 included: its first unit is one that begins no H.264 key frame.
+CMS_API CMSVideoType VideoTypeOfKeyFrame(Bytes frame);
+
+// What the header area of a frame says, and for one that says nothing VideoTypeOfKeyFrame.
+CMS_API CMSVideoType VideoTypeOfKeyFrame(Bytes area, Bytes frame);
+
 // Offset just behind the first start code of the kind (for H.264: behind the NAL header), or -1
 // when there is none with at least one byte behind it. Data shorter than the pattern (4 bytes for
 // MPEG-4, 5 for H.264) answers with its length plus the pattern's: callers that go on to read
@@ -47,6 +57,10 @@ CMS_API int Mpeg4VopDataPos(Bytes frame);  // 00 00 01 B6
 CMS_API int Mpeg4VolDataPos(Bytes frame);  // 00 00 01 20 to 2F
 CMS_API int H264SpsDataPos(Bytes frame);   // 00 00 00 01 and a NAL header of type 7
 CMS_API int H264SeiDataPos(Bytes frame);   // 00 00 00 01 and a NAL header of type 6
+
+// Offset just behind the two-byte NAL header of the first H.265 sequence parameter set, or -1 when
+// there is none with at least one byte behind it.
+CMS_API int H265SpsDataPos(Bytes frame);
 
 // 1 = I-VOP, 2 = P-VOP, 3 = B-VOP, 4 = S-VOP, of the bytes behind the VOP start code; 0 when there
 // are none.

@@ -37,11 +37,11 @@ struct Case {
 Case Choose(std::uint8_t choice, std::uint32_t channels) {
   switch (choice % 7) {
     case 0:
-      return {.decoder = std::make_unique<PCMDecoder>(), .codecId = CMS_CODEC_PCM_S16BE};
+      return {.decoder = std::make_unique<PCMDecoder>(), .codecId = cms::CMS_CODEC_PCM_S16BE};
     case 1:
-      return {.decoder = std::make_unique<PCMDecoder>(), .codecId = CMS_CODEC_PCM_U8};
+      return {.decoder = std::make_unique<PCMDecoder>(), .codecId = cms::CMS_CODEC_PCM_U8};
     case 2:
-      return {.decoder = std::make_unique<PCMDecoder>(), .codecId = CMS_CODEC_PCM_S16LE};
+      return {.decoder = std::make_unique<PCMDecoder>(), .codecId = cms::CMS_CODEC_PCM_S16LE};
     case 3:
       return {.decoder = std::make_unique<ALawDecoder>(), .factor = 2};
     case 4:
@@ -74,7 +74,7 @@ void FuzzDecoder(const std::uint8_t* data, std::size_t size) {
   const std::uint32_t maximum = data[2];
   const unsigned mode = data[3] % 5;
   Case subject = Choose(data[0], channels);
-  const CAudioDecoderConfig config{subject.codecId, maximum, channels, 0, nullptr};
+  const cms::CAudioDecoderConfig config{subject.codecId, maximum, channels, 0, nullptr};
   CHECK(subject.decoder->Initialize(&config) == 1);
   const std::uint64_t capacity = std::uint64_t{maximum} * channels * subject.factor;
 
@@ -129,7 +129,7 @@ void FuzzFunctions(const std::uint8_t* data, std::size_t size) {
   block[62] = data[3];
   block.insert(block.end(), data, data + size);
   IMAADPCMDecoder decoder;
-  const CAudioDecoderConfig config{0, static_cast<std::uint32_t>(size), 1, 0, nullptr};
+  const cms::CAudioDecoderConfig config{0, static_cast<std::uint32_t>(size), 1, 0, nullptr};
   CHECK(decoder.Initialize(&config) == 1);
   CHECK(decoder.Decode(block.data(), static_cast<int>(size), 0) == 1);
   const auto* decoded = reinterpret_cast<const std::int16_t*>(decoder.GetOutputBuffer());

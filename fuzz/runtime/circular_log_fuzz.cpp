@@ -32,11 +32,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string bytes(reinterpret_cast<const char*>(data), size);
   std::ofstream(Path(), std::ios::binary) << bytes;
   std::vector<cms::CircularLogEntry> before;
-  const bool is_log = cms::ReadCircularLog(Path(), before);
+  const bool isLog = cms::ReadCircularLog(Path(), before);
   int error = 0;
-  auto writer = CCircularLogWriter::Open(Path(), CCircularLogWriter::kMinimumSize, error);
+  auto writer = cms::CCircularLogWriter::Open(Path(), cms::CCircularLogWriter::kMinimumSize, error);
   if (writer == nullptr) {
-    CHECK(!is_log);
+    CHECK(!isLog);
     std::ifstream file(Path(), std::ios::binary);
     CHECK(std::string(std::istreambuf_iterator<char>(file), {}) == bytes);
     return 0;

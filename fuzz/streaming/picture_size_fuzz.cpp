@@ -7,7 +7,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::vector<unsigned char> bytes(data, data + size);  // a block of its exact size
-  for (int type = CMS_VIDEO_UNKNOWN; type <= CMS_VIDEO_MPEG4; ++type) {
+  for (int type = cms::CMS_VIDEO_UNKNOWN; type <= cms::CMS_VIDEO_H265; ++type) {
     const auto announced = cms::AnnouncedSize(type, bytes);
     CHECK(!announced || (announced->width > 0 && announced->width <= 65536));
     CHECK(!announced || (announced->height > 0 && announced->height <= 131072));
@@ -18,7 +18,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::vector<unsigned char> frame = {0, 0, 0, 1, 0x67};
   frame.insert(frame.end(), bytes.begin(), bytes.end());
   // A start code inside the set ends it there; a size is then the same or missing.
-  const auto framed = cms::AnnouncedSize(CMS_VIDEO_H264, frame);
+  const auto framed = cms::AnnouncedSize(cms::CMS_VIDEO_H264, frame);
   CHECK(!framed || framed == whole);
   return 0;
 }

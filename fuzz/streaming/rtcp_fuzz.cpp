@@ -15,7 +15,7 @@ class FuzzClock : public cms::Clock {
   mutable std::uint64_t now = 1;
 };
 
-class Statistics : public RTCPStatistics {
+class Statistics : public cms::RTCPStatistics {
  public:
   std::uint16_t LastSequence() const override { return 0; }
   std::uint8_t FractionLost() const override { return 0; }
@@ -43,7 +43,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::uint32_t first = 0xffffffffu;
   RTCPInstance instance;
   _RTCP_CONFIG config;
-  config.transportMode = kRTCPInterleaved;
+  config.transportMode = cms::kRTCPInterleaved;
   config.send = Send;
   config.sendContext = &first;
   config.statistics = &statistics;

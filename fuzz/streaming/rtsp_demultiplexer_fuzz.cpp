@@ -39,27 +39,27 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const cms::RTSPStreamChannels ids =
       data[0] & 1 ? cms::RTSPStreamChannels{0, 1, 2, 3, -1, 7} : cms::kNoChannels;
 
-  static Recorder whole_events;
-  static Recorder cut_events;
-  static cms::RTSPDemultiplexer whole(whole_events);
-  static cms::RTSPDemultiplexer cut(cut_events);
+  static Recorder wholeEvents;
+  static Recorder cutEvents;
+  static cms::RTSPDemultiplexer whole(wholeEvents);
+  static cms::RTSPDemultiplexer cut(cutEvents);
   for (auto* demultiplexer : {&whole, &cut}) {
     demultiplexer->Reset();
     demultiplexer->SetChannels(ids);
     demultiplexer->ExpectDescription((data[0] & 4) != 0);
   }
-  whole_events.events.clear();
-  cut_events.events.clear();
+  wholeEvents.events.clear();
+  cutEvents.events.clear();
 
   whole.Add(stream);
   std::minstd_rand random(data[0]);
   for (std::size_t at = 0; at < stream.size();) {
-    const std::size_t size_of_segment = 1 + random() % (data[0] & 2 ? 8 : 400);
-    const auto segment = stream.subspan(at, std::min(size_of_segment, stream.size() - at));
+    const std::size_t sizeOfSegment = 1 + random() % (data[0] & 2 ? 8 : 400);
+    const auto segment = stream.subspan(at, std::min(sizeOfSegment, stream.size() - at));
     cut.Add(std::vector<std::uint8_t>(segment.begin(), segment.end()));
     at += segment.size();
   }
-  CHECK(whole_events.events == cut_events.events);
+  CHECK(wholeEvents.events == cutEvents.events);
   CHECK(whole.SkippedBytes() == cut.SkippedBytes());
   CHECK(whole.OversizeMessages() == cut.OversizeMessages());
   // Counters go on over the runs.

@@ -1,8 +1,10 @@
 // RTSP messages: views stay inside the text, values carry no line ends, and what is read for the
 // next request is within its bounds.
+#include <string>
 #include <string_view>
 
 #include "cms/streaming/internal/rtsp_message.h"
+#include "cms/streaming/internal/stream_url.h"
 #include "fuzz/support/check.h"
 
 namespace {
@@ -39,5 +41,17 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     CHECK(!transport || !transport->interleaved || transport->interleaved->rtcp <= 255);
   }
   cms::ParsePublic(text, "GET_PARAMETER");
+
+  std::string unfolded(text);
+  cms::UnfoldHead(unfolded);
+  CHECK(unfolded.size() == size);
+  CHECK(cms::FindRTSPHeadEnd(unfolded) == cms::FindRTSPHeadEnd(text));
+  const std::string_view head = std::string_view(unfolded).substr(0, cms::FindRTSPHeadEnd(text));
+  CHECK(head.find("\n ") == std::string_view::npos && head.find("\n\t") == std::string_view::npos);
+  const cms::RTSPMessage answer(unfolded);
+  for (const std::string& url :
+       {cms::BaseUrlOf(answer, "rtsp://camera/live"), cms::BaseUrlOf(answer, std::string())}) {
+    CHECK(url.find_first_of("\r\n ") == std::string::npos);
+  }
   return 0;
 }

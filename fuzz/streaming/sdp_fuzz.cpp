@@ -11,10 +11,10 @@
 namespace {
 
 void CheckStream(const _RTSPSUBSESSION_CONFIG& stream) {
-  CHECK(stream.payloadType <= 127 || stream.payloadType == kNoPayloadType);
-  CHECK(stream.control[kMaxSDPControl] == '\0');
-  CHECK(stream.encodingName[kMaxSDPEncodingName] == '\0');
-  CHECK(stream.parameterSets[kMaxSDPParameterSets] == '\0');
+  CHECK(stream.payloadType <= 127 || stream.payloadType == cms::kNoPayloadType);
+  CHECK(stream.control[cms::kMaxSDPControl] == '\0');
+  CHECK(stream.encodingName[cms::kMaxSDPEncodingName] == '\0');
+  CHECK(stream.parameterSets[cms::kMaxSDPParameterSets] == '\0');
   CHECK(std::strpbrk(stream.control, " \t\r\n") == nullptr);
   CHECK(std::strpbrk(stream.parameterSets, " \t\r\n;") == nullptr);
 }
@@ -27,7 +27,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   _RTSPSUBSESSION_CONFIG video;
   _RTSPSUBSESSION_CONFIG audio;
   const int found = session.ParseDescription(text, video, audio);
-  CHECK(found == (video.payloadType != kNoPayloadType ? 1 : 0));
+  CHECK(found == (video.payloadType != cms::kNoPayloadType ? 1 : 0));
   CheckStream(video);
   CheckStream(audio);
   CHECK(session.FrameRate() >= 0 && session.FrameRate() <= 1000);

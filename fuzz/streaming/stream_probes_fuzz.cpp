@@ -29,7 +29,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   checkPos(cms::H264SpsDataPos(frame), 5);
   checkPos(cms::H264SeiDataPos(frame), 5);
   cms::StartsWithMpeg4IVop(frame);
-  Check(cms::VideoTypeOf(frame) <= CMS_VIDEO_MPEG4);
+  Check(cms::VideoTypeOf(frame) <= cms::CMS_VIDEO_MPEG4);
+  const cms::CMSVideoType key = cms::VideoTypeOfKeyFrame(frame);
+  Check(key == cms::VideoTypeOf(frame) || key == cms::CMS_VIDEO_H265);
+  const int sps265 = cms::H265SpsDataPos(frame);
+  Check(sps265 == -1 || (sps265 >= 5 && sps265 < static_cast<int>(size)));
   for (const bool halve : {false, true}) {
     const auto size4 = cms::Mpeg4Size(frame, halve);
     Check(!size4 || (size4->width < 8192 && size4->height < 8192));

@@ -25,7 +25,7 @@ using Samples = std::vector<std::int16_t>;
 
 void Start(CAudioDecoderBase& decoder, std::uint32_t blockSize, std::uint32_t channels = 1,
            int codecId = 0) {
-  const CAudioDecoderConfig config{codecId, blockSize, channels, 0, nullptr};
+  const cms::CAudioDecoderConfig config{codecId, blockSize, channels, 0, nullptr};
   ASSERT_EQ(decoder.Initialize(&config), 1);
 }
 
@@ -237,10 +237,10 @@ TEST(PCMDecoder, ByteOrderAndSign) {
     EXPECT_EQ(decoder.Decode(block.data(), 5, 0), 1);
     return Output(decoder);
   };
-  EXPECT_EQ(decode(CMS_CODEC_PCM_S16LE), block);
+  EXPECT_EQ(decode(cms::CMS_CODEC_PCM_S16LE), block);
   EXPECT_EQ(decode(12345), block);
-  EXPECT_THAT(decode(CMS_CODEC_PCM_S16BE), ElementsAre(0x01, 0x00, 0xFF, 0x80, 0x7F));
-  EXPECT_THAT(decode(CMS_CODEC_PCM_U8), ElementsAre(0x80, 0x81, 0x00, 0x7F, 0xFF));
+  EXPECT_THAT(decode(cms::CMS_CODEC_PCM_S16BE), ElementsAre(0x01, 0x00, 0xFF, 0x80, 0x7F));
+  EXPECT_THAT(decode(cms::CMS_CODEC_PCM_U8), ElementsAre(0x80, 0x81, 0x00, 0x7F, 0xFF));
 }
 
 TEST(G711Decoders, DecodeAsTheExports) {
@@ -310,7 +310,7 @@ TYPED_TEST(AnyDecoder, Life) {
     EXPECT_EQ(decoder.Release(), 1);
     expectNothing();
   }
-  const CAudioDecoderConfig huge{0, UINT32_MAX, UINT32_MAX, 0, nullptr};
+  const cms::CAudioDecoderConfig huge{0, UINT32_MAX, UINT32_MAX, 0, nullptr};
   EXPECT_EQ(decoder.Initialize(&huge), 0);
   expectNothing();
 }
@@ -318,7 +318,7 @@ TYPED_TEST(AnyDecoder, Life) {
 // A lost block plays as silence of the last one's length.
 TEST(PCMDecoder, SilenceForAMissingBlock) {
   PCMDecoder decoder;
-  Start(decoder, 4, 1, CMS_CODEC_PCM_S16LE);
+  Start(decoder, 4, 1, cms::CMS_CODEC_PCM_S16LE);
   const Bytes block = {1, 2, 3, 4};
   ASSERT_EQ(decoder.Decode(block.data(), 4, 0), 1);
   EXPECT_EQ(decoder.Decode(nullptr, 4, 0), 0);

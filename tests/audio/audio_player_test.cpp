@@ -80,7 +80,7 @@ class AudioDevices : public testing::Test {
 TEST_F(AudioDevices, PlaySampleBySampleInTheFormatOfEachBlock) {
   // What this sends ahead is within the delay: more would be mended, sample by sample.
   tCMSAudioPlayerConfig config{.delayMs = 250};
-  CCMSAudioPlayer player(config);
+  cms::CCMSAudioPlayer player(config);
   EXPECT_FALSE(player.Play(reinterpret_cast<const unsigned char*>("x"), 1)) << "not started";
   ASSERT_TRUE(player.Start()) << player.GetStatus().error;
   std::vector<std::int16_t> expected;
@@ -91,7 +91,7 @@ TEST_F(AudioDevices, PlaySampleBySampleInTheFormatOfEachBlock) {
       expected.push_back(i < 20 ? cms::DecodeMuLaw(block[n]) : cms::DecodeALaw(block[n]));
     }
     if (i == 20) {
-      config.codecId = CMS_CODEC_PCM_ALAW;
+      config.codecId = cms::CMS_CODEC_PCM_ALAW;
       config.sampleRate = 16000;
       ASSERT_TRUE(player.SetFormat(config));
     }
@@ -101,7 +101,7 @@ TEST_F(AudioDevices, PlaySampleBySampleInTheFormatOfEachBlock) {
       ASSERT_TRUE(test::WaitFor([&] { return player.GetStatus().playedFrames == soFar; }));
     }
   }
-  const CMSAudioPlayerStatus status = player.GetStatus();
+  const cms::CMSAudioPlayerStatus status = player.GetStatus();
   EXPECT_EQ(status.blocks, 40u);
   EXPECT_EQ(status.refusedBlocks, 1u);
   EXPECT_EQ(status.skippedFrames, 0u);
@@ -118,13 +118,13 @@ TEST_F(AudioDevices, PlayEveryCodec) {
     std::vector<unsigned char> block;
     std::vector<std::int16_t> samples;
   } kCases[] = {
-      {CMS_CODEC_PCM_S16LE, {0x34, 0x12, 0xFF, 0xFF}, {0x1234, -1}},
-      {CMS_CODEC_PCM_S16BE, {0x12, 0x34, 0xFF, 0xFF}, {0x1234, -1}},
-      {CMS_CODEC_PCM_U8, {0, 127, 0x80}, {0, 127 * 256, -128 * 256}},
+      {cms::CMS_CODEC_PCM_S16LE, {0x34, 0x12, 0xFF, 0xFF}, {0x1234, -1}},
+      {cms::CMS_CODEC_PCM_S16BE, {0x12, 0x34, 0xFF, 0xFF}, {0x1234, -1}},
+      {cms::CMS_CODEC_PCM_U8, {0, 127, 0x80}, {0, 127 * 256, -128 * 256}},
   };
   for (const auto& each : kCases) {
     tCMSAudioPlayerConfig config{.codecId = each.codec, .delayMs = 20};
-    CCMSAudioPlayer player(config, "second");
+    cms::CCMSAudioPlayer player(config, "second");
     ASSERT_TRUE(player.Start()) << player.GetStatus().error;
     ASSERT_TRUE(player.Play(each.block.data(), static_cast<int>(each.block.size())));
     ASSERT_TRUE(
@@ -133,9 +133,9 @@ TEST_F(AudioDevices, PlayEveryCodec) {
     EXPECT_EQ(ReadSamples(folder_ / "second.raw"), each.samples) << each.codec;
   }
   // Blocks with a header and bytes behind them: whole, damaged, too short.
-  for (const auto codec : {CMS_CODEC_ADPCM_IMA, CMS_CODEC_ADPCM_MS}) {
-    CCMSAudioPlayer player({.codecId = codec, .channels = codec == CMS_CODEC_ADPCM_IMA ? 2u : 1u},
-                           "second");
+  for (const auto codec : {cms::CMS_CODEC_ADPCM_IMA, cms::CMS_CODEC_ADPCM_MS}) {
+    cms::CCMSAudioPlayer player(
+        {.codecId = codec, .channels = codec == cms::CMS_CODEC_ADPCM_IMA ? 2u : 1u}, "second");
     ASSERT_TRUE(player.Start());
     std::vector<unsigned char> block(64 + 9, 0xFF);
     EXPECT_TRUE(player.Play(block.data(), 64 + 9));
@@ -145,7 +145,7 @@ TEST_F(AudioDevices, PlayEveryCodec) {
 }
 
 TEST_F(AudioDevices, StopAtAnyMomentAndStartAgain) {
-  CCMSAudioPlayer player({}, "nothing");
+  cms::CCMSAudioPlayer player({}, "nothing");
   std::atomic<bool> done{false};
   std::thread camera([&] {
     std::vector<unsigned char> block(160, 0x55);
@@ -163,28 +163,30 @@ TEST_F(AudioDevices, StopAtAnyMomentAndStartAgain) {
 }
 
 TEST_F(AudioDevices, AnAbsentDeviceIsNamed) {
-  CCMSAudioPlayer player({}, "no such card");
+  cms::CCMSAudioPlayer player({}, "no such card");
   EXPECT_FALSE(player.Start());
   EXPECT_NE(player.GetStatus().error.find("no such card"), std::string::npos);
   tCMSAudioPlayerConfig config;
-  for (const auto& [codec, rate, channels] :
-       {std::tuple{0, 8000u, 1u}, {CMS_CODEC_PCM_ALAW, 0u, 1u}, {CMS_CODEC_PCM_ALAW, 8000u, 3u}}) {
+  for (const auto& [codec, rate, channels] : {std::tuple{0, 8000u, 1u},
+                                              {cms::CMS_CODEC_PCM_ALAW, 0u, 1u},
+                                              {cms::CMS_CODEC_PCM_ALAW, 8000u, 3u}}) {
     config.codecId = codec;
     config.sampleRate = rate;
     config.channels = channels;
-    EXPECT_EQ(CreateCMSAudioPlayer(&config, kCMSAudioOutput, "nothing"), nullptr);
+    EXPECT_EQ(CreateCMSAudioPlayer(&config, cms::kCMSAudioOutput, "nothing"), nullptr);
   }
 }
 
 TEST_F(AudioDevices, HandlesPlayCaptureAndList) {
-  CMSAudioDeviceInfo info;
-  ASSERT_EQ(GetAudioDeviceInfoByAudioType(kCMSAudioOutput, 0, &info), 1);
+  cms::CMSAudioDeviceInfo info;
+  ASSERT_EQ(GetAudioDeviceInfoByAudioType(cms::kCMSAudioOutput, 0, &info), 1);
   EXPECT_STREQ(info.name, "default");
   EXPECT_STREQ(info.description, "the file of the tests");
-  EXPECT_EQ(GetAudioDeviceInfoByAudioType(kCMSAudioOutput, 1000, &info), 0);
+  EXPECT_EQ(GetAudioDeviceInfoByAudioType(cms::kCMSAudioOutput, 1000, &info), 0);
 
-  tCMSAudioPlayerConfig config{.codecId = CMS_CODEC_PCM_MULAW, .device = 0};
-  const CMSAudioPlayerHandle player = CreateCMSAudioPlayer(&config, kCMSAudioOutput, nullptr);
+  tCMSAudioPlayerConfig config{.codecId = cms::CMS_CODEC_PCM_MULAW, .device = 0};
+  const cms::CMSAudioPlayerHandle player =
+      CreateCMSAudioPlayer(&config, cms::kCMSAudioOutput, nullptr);
   const auto* const codes = reinterpret_cast<const unsigned char*>("voice");
   EXPECT_EQ(PlayAudio(player, codes, 5), 0);
   EXPECT_EQ(StartAudioPlayer(player), 1);
@@ -194,7 +196,8 @@ TEST_F(AudioDevices, HandlesPlayCaptureAndList) {
   EXPECT_EQ(StopAudioPlayer(player), 0);
   DestroyAudioPlayer(player);
 
-  const CMSAudioPlayerHandle microphone = CreateCMSAudioPlayer(&config, kCMSAudioInput, "mouth");
+  const cms::CMSAudioPlayerHandle microphone =
+      CreateCMSAudioPlayer(&config, cms::kCMSAudioInput, "mouth");
   unsigned char block[160];
   EXPECT_EQ(GetEncodeAudioData(microphone, block, sizeof block, 0), 0) << "not started";
   ASSERT_EQ(StartAudioPlayer(microphone), 1);
@@ -202,7 +205,8 @@ TEST_F(AudioDevices, HandlesPlayCaptureAndList) {
   EXPECT_EQ(GetEncodeAudioData(microphone, block, 159, 5000), -1);
   ASSERT_EQ(GetEncodeAudioData(microphone, block, sizeof block, 5000), 160);
   DestroyAudioPlayer(microphone);
-  for (const auto invalid : {CMSAudioPlayerHandle{}, reinterpret_cast<void*>(~std::uintptr_t{0})}) {
+  for (const auto invalid :
+       {cms::CMSAudioPlayerHandle{}, reinterpret_cast<void*>(~std::uintptr_t{0})}) {
     EXPECT_EQ(StartAudioPlayer(invalid) + StopAudioPlayer(invalid) + PlayAudio(invalid, codes, 5) +
                   GetEncodeAudioData(invalid, block, 160, 0),
               0);
@@ -213,7 +217,8 @@ TEST_F(AudioDevices, HandlesPlayCaptureAndList) {
 // Its owner's threads may disagree: ThreadSanitizer looks.
 TEST_F(AudioDevices, AMicrophoneStartsAndStopsFromTwoThreadsWhileAThirdFetches) {
   const tCMSAudioPlayerConfig config;
-  const CMSAudioPlayerHandle microphone = CreateCMSAudioPlayer(&config, kCMSAudioInput, "mouth");
+  const cms::CMSAudioPlayerHandle microphone =
+      CreateCMSAudioPlayer(&config, cms::kCMSAudioInput, "mouth");
   std::atomic<bool> done{false};
   std::thread fetching([&] {
     unsigned char block[160];
@@ -237,7 +242,7 @@ TEST_F(AudioDevices, AMicrophoneStartsAndStopsFromTwoThreadsWhileAThirdFetches) 
 }
 
 TEST_F(AudioDevices, AnIdlePlayerCostsNothing) {
-  CCMSAudioPlayer player({}, "nothing");
+  cms::CCMSAudioPlayer player({}, "nothing");
   ASSERT_TRUE(player.Start());
   const unsigned char block[160] = {};
   player.Play(block, 160);

@@ -26,7 +26,7 @@ class Client final : public CMSClientBase {
 
   using CMSClientBase::Channel;
   using CMSClientBase::MarkOpening;
-  void SetSiteType(int type) { siteType_ = type; }
+  using CMSClientBase::SetSiteType;
 
   void Give(const std::string& data, int frameType, unsigned channel = 0) {
     std::string padded = data + std::string(CMSDecoder::kInputPadding, '\0');
@@ -71,7 +71,7 @@ TEST(CMSClientBase, WithoutDecodingFramesAreCountedAndRecorded) {
   EXPECT_EQ(client.recorded, 5);
   EXPECT_EQ(client.recordedAudio, 1);
   EXPECT_EQ(client.GetChannelSerialNum(0), 5u);
-  CMSFrameData data;
+  cms::CMSFrameData data;
   ASSERT_EQ(client.GetFrameData(&data, sizeof data), static_cast<int>(sizeof data));
   EXPECT_EQ(data.videoFrames, 5u);
   EXPECT_EQ(data.keyFrames, 1u);
@@ -129,7 +129,7 @@ TEST(CMSClientBase, ChannelsMayGoWhileOthersAskForThem) {
           client.GetDecodeStatus(channel, &width, nullptr, nullptr);
         }
         client.SetRecDuration(5);
-        CMSFrameData data;
+        cms::CMSFrameData data;
         client.GetFrameData(&data, sizeof data);
       }
     });
@@ -146,14 +146,14 @@ TEST(CMSClientBase, ChannelsMayGoWhileOthersAskForThem) {
 
 TEST(CMSClientBase, RecordsForTheChannelsThatThereAre) {
   Client client(4);
-  client.SetEventState(3, kEventStateAlarm);
-  EXPECT_EQ(client.GetEventState(3), unsigned{kEventStateAlarm});
+  client.SetEventState(3, cms::kEventStateAlarm);
+  EXPECT_EQ(client.GetEventState(3), unsigned{cms::kEventStateAlarm});
   client.AllocChannelData(1);
-  client.SetEventState(0, kEventStateAlarm);
-  EXPECT_EQ(client.GetEventState(0), unsigned{kEventStateAlarm});
+  client.SetEventState(0, cms::kEventStateAlarm);
+  EXPECT_EQ(client.GetEventState(0), unsigned{cms::kEventStateAlarm});
   EXPECT_EQ(client.GetEventState(3), 0u);
   client.AllocChannelData(0);  // the stream was closed; what it records goes on
-  EXPECT_EQ(client.GetEventState(0), unsigned{kEventStateAlarm});
+  EXPECT_EQ(client.GetEventState(0), unsigned{cms::kEventStateAlarm});
 }
 
 // Decoded on the receiving thread, and by a thread of the channel's own.
@@ -163,7 +163,7 @@ class Decoding : public testing::TestWithParam<bool> {
     client_.SetThreadedDecode(GetParam());
     client_.SetMustDecode(1);
     client_.EnableDecode(0, 0);
-    EXPECT_EQ(client_.Channel(0)->InitialCodec(CMS_CODEC_H264), 1);
+    EXPECT_EQ(client_.Channel(0)->InitialCodec(cms::CMS_CODEC_H264), 1);
   }
   void GiveAll(std::size_t from, std::size_t to) {
     for (std::size_t i = from; i < to; ++i) {
@@ -204,12 +204,12 @@ TEST_P(Decoding, WaitsForAKeyFrameAndThenShowsEveryPicture) {
 
 TEST_P(Decoding, TellsWhenTheLastPictureCameAndTheFirstOneOfEachOpening) {
   const auto data = [&] {
-    CMSFrameData frames;
+    cms::CMSFrameData frames;
     client_.GetFrameData(&frames, sizeof frames);
     return frames;
   };
-  EXPECT_EQ(data().sinceVideoMs, CMSFrameData::kNever);
-  EXPECT_EQ(data().sincePictureMs, CMSFrameData::kNever);
+  EXPECT_EQ(data().sinceVideoMs, cms::CMSFrameData::kNever);
+  EXPECT_EQ(data().sincePictureMs, cms::CMSFrameData::kNever);
   for (int opening = 0; opening < 2; ++opening) {
     client_.MarkOpening();
     EXPECT_EQ(data().firstFrameMs, 0u);
@@ -218,11 +218,11 @@ TEST_P(Decoding, TellsWhenTheLastPictureCameAndTheFirstOneOfEachOpening) {
     const unsigned given = opening == 0 ? 10 : 20;
     ASSERT_TRUE(test::WaitFor([&] { return client_.Decoded() == given; }));
     ASSERT_TRUE(test::WaitFor([&] { return data().sincePictureMs >= 20; }));
-    const CMSFrameData now = data();
+    const cms::CMSFrameData now = data();
     EXPECT_GT(now.firstPictureMs, 0u);
     EXPECT_GT(now.firstFrameMs, 0u);
     EXPECT_GE(now.sinceVideoMs, now.sincePictureMs);
-    EXPECT_NE(now.sinceVideoMs, CMSFrameData::kNever);
+    EXPECT_NE(now.sinceVideoMs, cms::CMSFrameData::kNever);
   }
 }
 
@@ -255,7 +255,8 @@ TEST(CMSClientBase, RecordingTypeTagsHaveTheirGaps) {
   } rows[] = {{1, {"VV", "VU", "VT"}}, {2, {"WV", "WU", "WT"}}, {3, {"", "XU", "XT"}},
               {5, {"", "VU", "VT"}},   {9, {"VV", "", ""}},     {10, {"VV", "VU", "VT"}},
               {0, {"", "", ""}},       {4, {"", "", ""}}};
-  constexpr CMSCodecID kCodecs[] = {CMS_CODEC_H264, CMS_CODEC_MJPEG, CMS_CODEC_MPEG4};
+  constexpr cms::CMSCodecID kCodecs[] = {cms::CMS_CODEC_H264, cms::CMS_CODEC_MJPEG,
+                                         cms::CMS_CODEC_MPEG4};
   for (const auto& row : rows) {
     for (int codec = 0; codec < 3; ++codec) {
       Client client;

@@ -31,7 +31,7 @@ const std::vector<YCbCr>& Patches() {
   return patches;
 }
 
-const int kWidth = kPatch * 8;
+const int kShownWidth = kPatch * 8;
 constexpr int kRounding =
     4;  // of the fast conversion; a wrong matrix or range is off by 10 or more
 
@@ -60,7 +60,7 @@ Rgb Computed(YCbCr sample, Matrix matrix, bool full) {
   return {byte(red), byte(green), byte(blue)};
 }
 
-Bytes Shown(CMSDecoder& decoder) {
+Bytes ShownColours(CMSDecoder& decoder) {
   tagSIZE size;
   const unsigned char* const pixels = decoder.LockDecodedImage(&size);
   const Bytes copy(pixels, pixels + size.cx * size.cy * 4);
@@ -75,16 +75,16 @@ void ExpectPatches(DECODE_CODEC codec, const Bytes& frame, Matrix matrix, bool f
   padded.resize(frame.size() + CMSDecoder::kInputPadding);
   const int length = static_cast<int>(frame.size());
   ASSERT_EQ(decoder.Decode(padded.data(), length, nullptr), DECODE_RESULT_PICTURE);
-  ASSERT_EQ(decoder.GetDecodeImageSize().cx, kWidth);
-  const Bytes pixels = Shown(decoder);
+  ASSERT_EQ(decoder.GetDecodeImageSize().cx, kShownWidth);
+  const Bytes pixels = ShownColours(decoder);
   for (std::size_t i = 0; i < Patches().size(); ++i) {
     YCbCr sample = Patches()[i];
     if (grey) {
       sample.cb = sample.cr = 128;
     }
     const Rgb wanted = Computed(sample, matrix, full);
-    const std::size_t middle =
-        4 * (static_cast<std::size_t>(kWidth) * (kPatch * kRows / 2) + i * kPatch + kPatch / 2);
+    const std::size_t middle = 4 * (static_cast<std::size_t>(kShownWidth) * (kPatch * kRows / 2) +
+                                    i * kPatch + kPatch / 2);
     EXPECT_NEAR(pixels[middle], wanted.blue, kRounding) << "blue of patch " << i;
     EXPECT_NEAR(pixels[middle + 1], wanted.green, kRounding) << "green of patch " << i;
     EXPECT_NEAR(pixels[middle + 2], wanted.red, kRounding) << "red of patch " << i;
@@ -140,7 +140,7 @@ std::string RawPicture(const std::string& format) {
   const int down = format == "yuv420p" ? 2 : 1;
   std::string raw;
   for (int plane = 0; plane < (format == "gray" ? 1 : 3); ++plane) {
-    const int width = plane == 0 ? kWidth : kWidth / across;
+    const int width = plane == 0 ? kShownWidth : kShownWidth / across;
     const int height = plane == 0 ? kPatch * kRows : kPatch * kRows / down;
     for (int i = 0; i < width * height; ++i) {
       const auto at = static_cast<std::size_t>(i % width * 8 / width);
@@ -162,7 +162,7 @@ TEST_P(H264Colours, AreThoseThatTheStreamNames) {
   const std::string base =
       testing::TempDir() + "/colours." + each.name + "." + std::to_string(getpid());
   std::ofstream(base + ".yuv", std::ios::binary) << RawPicture(each.format);
-  const std::string size = std::to_string(kWidth) + "x" + std::to_string(kPatch * kRows);
+  const std::string size = std::to_string(kShownWidth) + "x" + std::to_string(kPatch * kRows);
   const auto encoded =
       test::RunShell("ffmpeg -v error -y -f rawvideo -pix_fmt " + std::string(each.format) +
                      " -s " + size + " -i '" + base + ".yuv' -c:v libx264 -qp 0 -threads 1 " +

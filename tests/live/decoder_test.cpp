@@ -3,12 +3,15 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cmath>
 #include <cstdio>
 #include <random>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
+#include "cms/live/media/fisheye/fisheye_dewarper.h"
 #include "tests/support/encoded_clip.h"
 #include "tests/support/plain_decoder.h"
 #include "tests/support/wait.h"
@@ -59,7 +62,16 @@ int NumberShown(CMSDecoder& decoder, int codedWidth) {
 }
 
 DECODE_CODEC DecoderCodec(ClipCodec codec) {
-  return codec == ClipCodec::kMjpeg ? DECODE_CODEC_MJPEG : DECODE_CODEC_H264;
+  switch (codec) {
+    case ClipCodec::kMjpeg:
+      return DECODE_CODEC_MJPEG;
+    case ClipCodec::kH265:
+      return DECODE_CODEC_H265;
+    case ClipCodec::kMpeg4:
+      return DECODE_CODEC_MPEG4;
+    default:
+      return DECODE_CODEC_H264;
+  }
 }
 
 ClipSpec Spec(ClipCodec codec, int width, int height, int frames = 12) {
@@ -116,6 +128,9 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(PictureCase{ClipCodec::kH264, ClipProfile::kBaseline, {0, 0}},
                     PictureCase{ClipCodec::kH264, ClipProfile::kHigh, {160, 120}},
                     PictureCase{ClipCodec::kH264, ClipProfile::kHigh, {483, 361}},
+                    PictureCase{ClipCodec::kH265, ClipProfile::kBaseline, {0, 0}},
+                    PictureCase{ClipCodec::kH265, ClipProfile::kBaseline, {160, 120}},
+                    PictureCase{ClipCodec::kMpeg4, ClipProfile::kBaseline, {0, 0}},
                     PictureCase{ClipCodec::kMjpeg, ClipProfile::kBaseline, {0, 0}},
                     PictureCase{ClipCodec::kMjpeg, ClipProfile::kBaseline, {161, 121}},
                     PictureCase{ClipCodec::kMjpeg, ClipProfile::kBaseline, {640, 480}}));
@@ -288,16 +303,86 @@ TEST(Decoder, DamagedFramesNeverHarmTheFramesAfterAReset) {
   }
 }
 
-TEST(Decoder, FisheyeSettingsAreKeptButNothingDewarps) {
+TEST(Decoder, ShowsAFisheyeViewInPlaceOfThePicture) {
+  const auto clip = EncodeClip(Spec(ClipCodec::kH264, 320, 240));
   CMSDecoder decoder;
+  ASSERT_EQ(decoder.Create(DECODE_CODEC_H264, {320, 240}), 0);
+  ASSERT_EQ(Decode(decoder, clip[0].data), DECODE_RESULT_PICTURE);
+  const Bytes whole = Shown(decoder).pixels;
   stFisheyeParameter parameter;
-  parameter.viewMode = 4;
-  EXPECT_EQ(decoder.CreateFishEyeManager(parameter), 1);
+  parameter.mount = 1;
+  parameter.viewMode = static_cast<int>(cms::FisheyeViewKind::kOneCamera);
+  parameter.centerX = 160;
+  parameter.centerY = 120;
+  parameter.radius = 170;
+  EXPECT_EQ(decoder.CreateFishEyeManager(parameter), 0);
+  decoder.SetDewarpPosition(10, -5);
+  decoder.SetDewarpZoom(1.5F);
+  decoder.SetDisplaySize({200, 100}, nullptr);
   EXPECT_EQ(decoder.GetDewarpMode(), 4);
-  decoder.SetViewMode(2);
-  EXPECT_EQ(decoder.GetDewarpMode(), 2);
+  ASSERT_EQ(Decode(decoder, clip[0].data), DECODE_RESULT_PICTURE);
+  const auto [size, seen] = Shown(decoder);
+  ASSERT_EQ(std::pair(size.cx, size.cy), std::pair(200L, 100L));
+  EXPECT_EQ(decoder.GetDecodeImageSize().cx, 320);
+  // The same view of the whole picture, in colours.
+  cms::FisheyeJob job;
+  job.lens = {cms::FisheyeProjection::kEquidistant, cms::FisheyeMount::kWall, 180, {160, 120, 170}};
+  job.view = cms::MakeFisheyeView(cms::FisheyeViewKind::kOneCamera, job.lens.mount);
+  job.view.cameras[0] = {10, -5, 1.5};
+  job.source = {320, 240};
+  job.shown = {200, 100};
+  cms::FisheyeDewarper dewarper;
+  ASSERT_TRUE(dewarper.Prepare(job));
+  Bytes wanted(seen.size());
+  ASSERT_TRUE(dewarper.DewarpBgra(whole, 320 * 4, wanted, 200 * 4));
+  double off = 0;
+  for (std::size_t i = 0; i < seen.size(); ++i) {
+    off += std::abs(seen[i] - wanted[i]);
+  }
+  EXPECT_LT(off / static_cast<double>(seen.size()), 3);
+
+  decoder.SetPlanar(true);  // for those who draw by themselves
+  ASSERT_EQ(Decode(decoder, clip[0].data), DECODE_RESULT_PICTURE);
+  cms::PlanarPicture view;
+  ASSERT_TRUE(decoder.LockDecodedPlanes(&view));
+  EXPECT_EQ(std::pair(view.width, view.height), std::pair(200, 100));
+  decoder.UnlockDecodedImage();
+  decoder.SetPlanar(false);
+
+  decoder.SetViewMode(99);  // none that there is: the camera's picture
+  EXPECT_EQ(decoder.GetDewarpMode(), 99);
+  decoder.SetDisplaySize({}, nullptr);
+  ASSERT_EQ(Decode(decoder, clip[0].data), DECODE_RESULT_PICTURE);
+  EXPECT_EQ(Shown(decoder).pixels, whole);
   decoder.ReleaseFishEyeManager();
   EXPECT_EQ(decoder.GetDewarpMode(), 0);
+}
+
+TEST(Decoder, KeepsPlanesAsTheyAreDecoded) {
+  for (const ClipCodec codec : {ClipCodec::kH264, ClipCodec::kMjpeg}) {
+    const auto clip = EncodeClip(Spec(codec, 320, 240));
+    CMSDecoder decoder;
+    ASSERT_EQ(decoder.Create(DecoderCodec(codec), {320, 240}), 0);
+    decoder.SetPlanar(true);
+    cms::PlanarPicture picture;
+    EXPECT_FALSE(decoder.LockDecodedPlanes(&picture));
+    decoder.UnlockDecodedImage();
+    for (std::size_t i = 0; i < clip.size(); ++i) {
+      ASSERT_EQ(Decode(decoder, clip[i].data), DECODE_RESULT_PICTURE);
+      ASSERT_TRUE(decoder.LockDecodedPlanes(&picture));
+      Bytes grey;
+      for (int y = 0; y < picture.height; ++y) {
+        for (int x = 0; x < picture.width; ++x) {
+          grey.insert(grey.end(), 4, picture.planes[0][y * picture.strides[0] + x]);
+        }
+      }
+      EXPECT_EQ(picture.fullRange, codec == ClipCodec::kMjpeg);
+      EXPECT_NE(picture.planes[2], nullptr);
+      decoder.UnlockDecodedImage();
+      ASSERT_EQ(picture.width, 320);
+      EXPECT_EQ(test::ReadFrameNumber(grey.data(), 320, 240, 320 * 4, 320), static_cast<int>(i));
+    }
+  }
 }
 
 // Counts results as an owner of a decode thread does.
@@ -352,11 +437,11 @@ TEST(DecodeThread, AFullQueueRefusesFramesAndLosesNoneOfTheOthers) {
   decoder.UnlockDecodedImage();
   EXPECT_EQ(queued, 32);
   ASSERT_TRUE(test::WaitFor([&] { return results.counts[0] == queued; }));
-  const Bytes large(5U << 20U, 0);
+  const Bytes large(20U << 20U, 0);
   decoder.LockDecodedImage(nullptr);
   EXPECT_EQ(decoder.PutBuffer(clip[0].data.data(), length), 1);
   EXPECT_EQ(decoder.PutBuffer(large.data(), static_cast<int>(large.size())), 1);
-  EXPECT_EQ(decoder.PutBuffer(large.data(), static_cast<int>(large.size())), 0) << "8 MiB";
+  EXPECT_EQ(decoder.PutBuffer(large.data(), static_cast<int>(large.size())), 0) << "32 MiB";
   decoder.UnlockDecodedImage();
   decoder.EndThread();
   EXPECT_LE(results.Total(), queued + 2);

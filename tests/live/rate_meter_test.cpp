@@ -1,4 +1,4 @@
-#include "cms/live/rate_meter.h"
+#include "cms/live/internal/rate_meter.h"
 
 #include <gtest/gtest.h>
 

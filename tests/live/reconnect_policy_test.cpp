@@ -12,14 +12,15 @@
 #include "tests/support/wait.h"
 
 TEST(ReconnectPause, GrowsToItsLimitAndJitterTakesAtMostHalf) {
-  const ReconnectPolicy policy;
+  const cms::ReconnectPolicy policy;
   std::uint32_t previous = 0;
   for (std::uint32_t failures = 1; failures < 100; ++failures) {
-    const auto longest = cms::ReconnectPause(policy, ConnectionFault::kNoAnswer, failures, 0);
+    const auto longest = cms::ReconnectPause(policy, cms::ConnectionFault::kNoAnswer, failures, 0);
     EXPECT_GE(longest, previous);
     EXPECT_LE(longest, policy.longestPauseMs);
     for (const std::uint32_t random : {1u, 499u, 0x7FFFFFFFu, 0xFFFFFFFFu}) {
-      const auto pause = cms::ReconnectPause(policy, ConnectionFault::kNoAnswer, failures, random);
+      const auto pause =
+          cms::ReconnectPause(policy, cms::ConnectionFault::kNoAnswer, failures, random);
       EXPECT_GE(pause, longest / 2);
       EXPECT_LE(pause, longest);
     }
@@ -30,8 +31,9 @@ TEST(ReconnectPause, GrowsToItsLimitAndJitterTakesAtMostHalf) {
 
 // A camera that is restarted, or a cable that is pulled for a moment.
 TEST(ReconnectPause, AnAbsentCameraIsAskedOftenAtFirstAndNeverRarely) {
-  ReconnectPolicy policy;
-  for (const auto fault : {ConnectionFault::kUnreachable, ConnectionFault::kClosedByCamera}) {
+  cms::ReconnectPolicy policy;
+  for (const auto fault :
+       {cms::ConnectionFault::kUnreachable, cms::ConnectionFault::kClosedByCamera}) {
     std::uint64_t elapsed = 0;
     for (std::uint32_t failures = 1; failures < 1'000; ++failures) {
       const auto pause = cms::ReconnectPause(policy, fault, failures, 0);
@@ -46,11 +48,11 @@ TEST(ReconnectPause, AnAbsentCameraIsAskedOftenAtFirstAndNeverRarely) {
 }
 
 TEST(ReconnectPause, ARefusedPasswordIsTriedAtMostFiveTimesInTheFirstHour) {
-  const ReconnectPolicy policy;
+  const cms::ReconnectPolicy policy;
   std::uint64_t elapsed = 0;
   int attempts = 1;
   for (std::uint32_t failures = 1; elapsed < 3'600'000; ++failures) {
-    elapsed += cms::ReconnectPause(policy, ConnectionFault::kPasswordRefused, failures, ~0u);
+    elapsed += cms::ReconnectPause(policy, cms::ConnectionFault::kPasswordRefused, failures, ~0u);
     attempts += elapsed < 3'600'000 ? 1 : 0;
   }
   EXPECT_LE(attempts, 5);

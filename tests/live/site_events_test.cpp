@@ -27,7 +27,7 @@ constexpr cms::EventMarks kAlarm{false, true, false};
 // every marked picture is in a file, once, behind a key frame, and in the times of an event.
 TEST_F(SiteEvents, NoMarkedPictureIsLostWhereverItFalls) {
   std::mt19937 random(3);
-  client_->TurnOnRecordingState(0, kRecordDeviceEvent);
+  client_->TurnOnRecordingState(0, cms::kRecordDeviceEvent);
   std::set<std::uint32_t> marked;
   std::set<std::int64_t> markedSeconds;
   for (unsigned second = 0; second < 180; ++second) {
@@ -86,10 +86,30 @@ TEST_F(SiteEvents, NoMarkedPictureIsLostWhereverItFalls) {
 }
 
 // The stream has no key frame yet: the event waits for one instead of ending without a picture.
+// What the application knows at a moment holds for the pictures of that moment, when they come too.
+TEST_F(SiteEvents, PicturesThatWereHeldUpAreRecordedToTheEventsEnd) {
+  client_->TurnOnRecordingState(0, cms::kRecordDeviceEvent);
+  client_->SetRecDuration(1);
+  client_->held = 6;
+  Seconds(8);
+  const std::int64_t begin = site_.clock.WallSeconds();
+  client_->SetEventState(0, cms::kEventStateDeviceEvent);
+  Seconds(2);
+  const std::int64_t end = site_.clock.WallSeconds();
+  client_->SetEventState(0, 0);
+  Seconds(15);
+  client_->StopRecordAll();
+  const auto rows = EventRows(1);
+  ASSERT_EQ(rows.size(), 1u);
+  EXPECT_LE(rows[0].start, begin);
+  EXPECT_GE(rows[0].end, end);
+  EXPECT_LE(rows[0].end, end + 4);  // the next key frame behind the duration
+}
+
 TEST_F(SiteEvents, AnEventInFrontOfTheFirstKeyFrameIsRecordedFromThere) {
   source_.SkipToKeyFrame();
   source_.Next();
-  client_->TurnOnRecordingState(0, kRecordAlarm);
+  client_->TurnOnRecordingState(0, cms::kRecordAlarm);
   const std::int64_t begin = site_.clock.WallSeconds();
   client_->Give(source_, kAlarm);
   Seconds(1);
@@ -108,7 +128,7 @@ TEST_F(SiteEvents, AnEventInFrontOfTheFirstKeyFrameIsRecordedFromThere) {
 // A group of pictures that memory does not hold, and no key frame for long: the event ends then.
 TEST_F(SiteEvents, AnEventWithoutAPictureToComeEnds) {
   ASSERT_EQ(client_->SetRecEventPreAlarm(0, 1, 1, 100), 1);  // holds nothing
-  client_->TurnOnRecordingState(0, kRecordAlarm);
+  client_->TurnOnRecordingState(0, cms::kRecordAlarm);
   Seconds(1);
   client_->Give(source_, kAlarm);
   EXPECT_EQ(client_->IsRecording(0), 1);
@@ -125,7 +145,7 @@ TEST_F(SiteEvents, AnEventThatCannotBeginIsAGapAndTriedAgain) {
   test::FaultScope fault;
   fault.io.AwayFrom("../rec/");
   client_->SetRecDuration(3);
-  client_->TurnOnRecordingState(0, kRecordAlarm);
+  client_->TurnOnRecordingState(0, cms::kRecordAlarm);
   Seconds(5);
   EXPECT_FALSE(client_->GetRecordingGap());
   const std::int64_t begin = site_.clock.WallSeconds();
@@ -159,7 +179,7 @@ TEST_F(SiteEvents, AnEventThatCannotBeginIsAGapAndTriedAgain) {
 TEST_F(SiteEvents, AnEventBeginsWhenItsFolderComesBackWhileItLasts) {
   test::FaultScope fault;
   fault.io.AwayFrom("../rec/");
-  client_->TurnOnRecordingState(0, kRecordAlarm);
+  client_->TurnOnRecordingState(0, cms::kRecordAlarm);
   EXPECT_TRUE(test::WaitFor([&] {
     Seconds(1, kAlarm);
     return client_->IsRecording(0) == 0;
@@ -195,15 +215,15 @@ TEST_F(SiteEvents, EachChannelHasItsOwnPreAlarmAlsoWhenStartedByHand) {
   };
   both(11);
   const std::int64_t first = site_.clock.WallSeconds();
-  ASSERT_EQ(client_->StartRecord(0, kRecordAlarm), 1);
+  ASSERT_EQ(client_->StartRecord(0, cms::kRecordAlarm), 1);
   both(3);
   const std::int64_t begin = site_.clock.WallSeconds();
-  ASSERT_EQ(client_->StartRecord(1, kRecordAlarm), 1);
-  EXPECT_EQ(client_->StartRecord(1, kRecordAlarm), 1);  // runs
+  ASSERT_EQ(client_->StartRecord(1, cms::kRecordAlarm), 1);
+  EXPECT_EQ(client_->StartRecord(1, cms::kRecordAlarm), 1);  // runs
   both(3);
-  client_->StopRecord(0, kRecordAlarm);
+  client_->StopRecord(0, cms::kRecordAlarm);
   both(20);  // begun by hand: no mark keeps it, and it goes on
-  client_->StopRecord(1, kRecordAlarm);
+  client_->StopRecord(1, cms::kRecordAlarm);
   EXPECT_EQ(client_->IsRecording(), 0);
 
   std::vector<std::set<std::uint32_t>> sequences(2);
@@ -252,11 +272,11 @@ TEST_F(SiteEvents, WhatWasTurnedOffDoesNotBeginAgain) {
   });
   int left = 0;
   for (int i = 0; i < 100; ++i) {
-    client_->TurnOnRecordingState(0, kRecordAlarm);
-    client_->TurnOnRecordingState(0, kRecordSchedule);
+    client_->TurnOnRecordingState(0, cms::kRecordAlarm);
+    client_->TurnOnRecordingState(0, cms::kRecordSchedule);
     std::this_thread::yield();
-    client_->TurnOffRecordingState(0, kRecordSchedule);
-    client_->TurnOffRecordingState(0, kRecordAlarm);
+    client_->TurnOffRecordingState(0, cms::kRecordSchedule);
+    client_->TurnOffRecordingState(0, cms::kRecordAlarm);
     left += client_->IsRecording(0);
   }
   EXPECT_EQ(left, 0);

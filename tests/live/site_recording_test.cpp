@@ -21,27 +21,27 @@ namespace {
 
 using cms::GapCause;
 
-constexpr cms::EventMarks kDeviceEvent{true, false, false};
-constexpr cms::EventMarks kAlarm{false, true, false};
+constexpr cms::EventMarks kRecordedDeviceEvent{true, false, false};
+constexpr cms::EventMarks kRecordedAlarm{false, true, false};
 
 using SiteRecording = test::SiteRecordingTest;
 
 TEST_F(SiteRecording, EventsBeginWithTheirMarksAndEndAfterTheDuration) {
   client_->SetRecDuration(3);
-  Seconds(1, kDeviceEvent);  // not enabled
+  Seconds(1, kRecordedDeviceEvent);  // not enabled
   EXPECT_EQ(client_->IsRecording(), 0);
-  client_->TurnOnRecordingState(0, kRecordDeviceEvent);
-  client_->TurnOnRecordingState(0, kRecordAlarm);
-  client_->TurnOnRecordingState(7, kRecordAlarm);  // there is no such channel
+  client_->TurnOnRecordingState(0, cms::kRecordDeviceEvent);
+  client_->TurnOnRecordingState(0, cms::kRecordAlarm);
+  client_->TurnOnRecordingState(7, cms::kRecordAlarm);  // there is no such channel
   Seconds(1);
   EXPECT_EQ(client_->IsRecording(), 0);
   const std::int64_t begin = site_.clock.WallSeconds();
-  Seconds(1, kDeviceEvent);
+  Seconds(1, kRecordedDeviceEvent);
   EXPECT_EQ(client_->IsMotionRecording(0), 1);
-  Seconds(1, kDeviceEvent);
+  Seconds(1, kRecordedDeviceEvent);
   Seconds(2);
   EXPECT_EQ(client_->IsMotionRecording(0), 1);
-  client_->SetEventState(0, kEventStateAlarm);
+  client_->SetEventState(0, cms::kEventStateAlarm);
   Seconds(1);
   client_->SetEventState(0, 0);
   EXPECT_EQ(client_->IsMotionRecording(0), 1);  // up to the next key frame
@@ -69,8 +69,8 @@ TEST_F(SiteRecording, EventsBeginWithTheirMarksAndEndAfterTheDuration) {
 
 TEST_F(SiteRecording, AnEventOfASilentStreamEndsByTheClock) {
   client_->SetRecDuration(2);
-  client_->TurnOnRecordingState(0, kRecordAlarm);
-  Seconds(3, kAlarm);
+  client_->TurnOnRecordingState(0, cms::kRecordAlarm);
+  Seconds(3, kRecordedAlarm);
   EXPECT_EQ(client_->IsRecording(0), 1);
   EXPECT_TRUE(test::WaitFor([&] {
     Silence(1);
@@ -83,18 +83,18 @@ TEST_F(SiteRecording, AnEventOfASilentStreamEndsByTheClock) {
 // between the events too, where the seconds before the second reach back to the first.
 TEST_F(SiteRecording, ThePreAlarmIsOnDiskAndTheEventSaysHowMuch) {
   client_->SetRecDuration(2);
-  client_->TurnOnRecordingState(0, kRecordDeviceEvent);
+  client_->TurnOnRecordingState(0, cms::kRecordDeviceEvent);
   ASSERT_EQ(client_->SetRecEventPreAlarm(0, 5, 1), 1);
   Seconds(11);
   client_->Give(source_);  // the event falls into a group of pictures
   const std::uint32_t mark = source_.NextSequence();
   const std::int64_t begin = site_.clock.WallSeconds();
-  Seconds(1, kDeviceEvent);
+  Seconds(1, kRecordedDeviceEvent);
   Seconds(6);
   EXPECT_EQ(client_->IsRecording(), 0);
   EXPECT_EQ(client_->WaitRecorded(30'000), 1);  // a finished file is not continued
   const std::uint32_t second = source_.NextSequence();
-  Seconds(1, kDeviceEvent);
+  Seconds(1, kRecordedDeviceEvent);
   Seconds(6);
 
   const auto files = site_.Files();
@@ -120,12 +120,12 @@ TEST_F(SiteRecording, ThePreAlarmIsOnDiskAndTheEventSaysHowMuch) {
 
 TEST_F(SiteRecording, WhatIsRecordedAnywayIsNotKeptTwice) {
   ASSERT_EQ(client_->SetRecEventPreAlarm(0, 5, 1), 1);
-  client_->TurnOnRecordingState(0, kRecordAlarm);
+  client_->TurnOnRecordingState(0, cms::kRecordAlarm);
   Seconds(4);
-  ASSERT_EQ(client_->StartRecord(0, kRecordInstant), 1);
+  ASSERT_EQ(client_->StartRecord(0, cms::kRecordInstant), 1);
   const std::uint32_t first = source_.NextSequence();
   Seconds(3);
-  Seconds(1, kAlarm);
+  Seconds(1, kRecordedAlarm);
   client_->StopRecordAll();
   test::CheckSeams(site_.Files(), first);
   const auto events = EventRows(1);
@@ -135,10 +135,10 @@ TEST_F(SiteRecording, WhatIsRecordedAnywayIsNotKeptTwice) {
 }
 
 TEST_F(SiteRecording, MemoryForThePreAlarmIsBounded) {
-  client_->TurnOnRecordingState(0, kRecordAlarm);
+  client_->TurnOnRecordingState(0, cms::kRecordAlarm);
   ASSERT_EQ(client_->SetRecEventPreAlarm(0, 60, 1, 20'000), 1);
   Seconds(30);
-  Seconds(1, kAlarm);
+  Seconds(1, kRecordedAlarm);
   client_->StopRecordAll();
   const auto files = site_.Files();
   ASSERT_EQ(files.size(), 1u);
@@ -150,7 +150,7 @@ TEST_F(SiteRecording, MemoryForThePreAlarmIsBounded) {
 }
 
 TEST_F(SiteRecording, ASlowStreamReachesTheDiskWithinFiveSeconds) {
-  ASSERT_EQ(client_->StartRecord(0, kRecordInstant), 1);
+  ASSERT_EQ(client_->StartRecord(0, cms::kRecordInstant), 1);
   client_->Give(source_);
   const auto onDisk = [&] {
     return std::filesystem::file_size(site_.Rec() + "/Rec_Site12_20231114221320.drv") > 0 &&
@@ -163,19 +163,19 @@ TEST_F(SiteRecording, ASlowStreamReachesTheDiskWithinFiveSeconds) {
 
 TEST_F(SiteRecording, GapsHaveTheirCause) {
   const std::int64_t begin = site_.clock.WallSeconds();
-  client_->TurnOnRecordingState(0, kRecordSchedule);
-  client_->SetConnection(ConnectionState::kWaiting, ConnectionFault::kPasswordRefused);
+  client_->TurnOnRecordingState(0, cms::kRecordSchedule);
+  client_->SetConnection(cms::ConnectionState::kWaiting, cms::ConnectionFault::kPasswordRefused);
   ASSERT_TRUE(WaitForGap(GapCause::kPasswordRefused));
-  client_->SetConnection(ConnectionState::kOpening);  // the next attempt: no news
+  client_->SetConnection(cms::ConnectionState::kOpening);  // the next attempt: no news
   Silence(2);
-  client_->SetConnection(ConnectionState::kPlaying);
+  client_->SetConnection(cms::ConnectionState::kPlaying);
   ASSERT_TRUE(WaitForGap(GapCause::kNoPictures));
   ASSERT_TRUE(WaitForEnd(1));
   Seconds(5);
   const std::int64_t lost = site_.clock.WallSeconds() - 1;  // the last frame's second
-  client_->SetConnection(ConnectionState::kWaiting, ConnectionFault::kClosedByCamera);
+  client_->SetConnection(cms::ConnectionState::kWaiting, cms::ConnectionFault::kClosedByCamera);
   ASSERT_TRUE(WaitForGap(GapCause::kCameraGone));
-  client_->SetConnection(ConnectionState::kPlaying);
+  client_->SetConnection(cms::ConnectionState::kPlaying);
   ASSERT_TRUE(WaitForEnd(2));
   Seconds(2);
   client_->StopRecordAll();
@@ -196,7 +196,7 @@ TEST_F(SiteRecording, GapsHaveTheirCause) {
 
 TEST_F(SiteRecording, AFullDiskIsAGapAndRecordingResumes) {
   test::FaultScope fault;
-  client_->TurnOnRecordingState(0, kRecordSchedule);
+  client_->TurnOnRecordingState(0, cms::kRecordSchedule);
   Seconds(4);
   ASSERT_EQ(client_->WaitRecorded(30'000), 1);
   fault.io.LimitSpace(0);
@@ -228,7 +228,7 @@ TEST_F(SiteRecording, FinishedFilesMoveInOrderOnceTheTargetIsThere) {
   const std::string target = site_.folder.Beside("nas");
   ASSERT_EQ(client_->StartMoveFileToNAS(L"..\\nas"), 1);
   EXPECT_EQ(client_->StartMoveFileToNAS(L"..\\other"), 0);
-  ASSERT_EQ(client_->StartRecord(0, kRecordInstant), 1);
+  ASSERT_EQ(client_->StartRecord(0, cms::kRecordInstant), 1);
   for (int i = 0; i < 3; ++i) {
     Seconds(2);
     client_->ChangeRecordFile();
@@ -252,6 +252,45 @@ TEST_F(SiteRecording, FinishedFilesMoveInOrderOnceTheTargetIsThere) {
   EXPECT_EQ(cms::ReadFolderList(0).rows.at(0).folder, "..\\nas");
 }
 
+// What keeps the disk free takes the oldest while the target is away: the rest goes there all the
+// same, also when a record or the day's empty folder was tidied away meanwhile.
+TEST_F(SiteRecording, RecordingsThatWereRemovedMeanwhileHoldUpNoMove) {
+  const std::string target = site_.folder.Beside("nas");
+  std::filesystem::create_directory(target);
+  const auto record = [&] {
+    Seconds(2);
+    client_->ChangeRecordFile();
+  };
+  ASSERT_EQ(client_->StartRecord(0, cms::kRecordInstant), 1);
+  for (int i = 0; i < 3; ++i) {
+    record();
+  }
+  client_->StopRecordAll();
+  ASSERT_EQ(client_->WaitRecorded(30'000), 1);
+  const auto files = site_.Files();
+  ASSERT_EQ(files.size(), 3u);
+  test::FaultScope faults;
+  faults.io.HangAt("../nas/rec");
+  ASSERT_EQ(client_->StartMoveFileToNAS(L"..\\nas"), 1);
+  ASSERT_TRUE(test::WaitFor([&] {
+    site_.clock.Advance(1);
+    return faults.io.Hanging() > 0;
+  }));
+  for (const char* extension : {".drv", ".idx"}) {
+    std::filesystem::remove(site_.Rec() + "/" + files[0].name.substr(0, files[0].name.size() - 4) +
+                            extension);
+  }
+  faults.io.HangAt("");
+  ASSERT_TRUE(test::WaitFor([&] {
+    site_.clock.Advance(1);
+    return cms::ReadRecordList(L"..\\nas\\rec").rows.size() == 2;
+  }));
+  client_->StopMoveFileToNAS();
+  EXPECT_TRUE(site_.Files().empty());
+  EXPECT_EQ(test::ReadRecordings(target + "/rec").size(), 2u);
+  client_.reset();  // its threads use the faulty edge
+}
+
 // Nobody waits in between: the file that the end closes goes there too, however it ends.
 TEST_F(SiteRecording, TheLastFileIsMovedToo) {
   const std::string target = site_.folder.Beside("nas");
@@ -259,7 +298,7 @@ TEST_F(SiteRecording, TheLastFileIsMovedToo) {
   for (int round = 0; round < 6; ++round) {
     client_.emplace(test::ParamFor(12));
     ASSERT_EQ(client_->StartMoveFileToNAS(L"..\\nas"), 1);
-    ASSERT_EQ(client_->StartRecord(0, kRecordInstant), 1);
+    ASSERT_EQ(client_->StartRecord(0, cms::kRecordInstant), 1);
     Seconds(2);
     if (round % 2 == 0) {
       client_->StopRecordAll();
@@ -280,7 +319,7 @@ TEST_F(SiteRecording, WhatEarlierRunsLeftIsMovedByTheNext) {
   const auto record = [&](int site, const wchar_t* folder) {
     std::filesystem::create_directory(cms::NativePath(folder));
     client_.emplace(test::ParamFor(site, 64, folder));
-    EXPECT_EQ(client_->StartRecord(0, kRecordInstant), 1);
+    EXPECT_EQ(client_->StartRecord(0, cms::kRecordInstant), 1);
     Seconds(2);
   };
   record(12, L"..\\20260101");
@@ -290,7 +329,7 @@ TEST_F(SiteRecording, WhatEarlierRunsLeftIsMovedByTheNext) {
   client_.reset();
   test::RecordingClient writing(test::ParamFor(12, 64, L"..\\20260103"));
   std::filesystem::create_directory(site_.folder.Beside("20260103"));
-  ASSERT_EQ(writing.StartRecord(0, kRecordInstant), 1);
+  ASSERT_EQ(writing.StartRecord(0, cms::kRecordInstant), 1);
   writing.Give(source_);
   source_.SkipToKeyFrame();
 
@@ -318,24 +357,24 @@ TEST_F(SiteRecording, ARefusedStartSaysWhy) {
     EXPECT_EQ(client_->StartRecord(channel, kind), 0);
     return client_->GetStartRecordError();
   };
-  EXPECT_EQ(refused(3, kRecordInstant), "channel 3: the site has no such channel");
+  EXPECT_EQ(refused(3, cms::kRecordInstant), "channel 3: the site has no such channel");
   EXPECT_EQ(refused(0, 2), "kind 2 is no CMSRecordKind");
   client_->SetRecordParam(test::ParamFor(12, 0));
-  EXPECT_EQ(refused(0, kRecordAlarm), "fileSizeMiB and secondLimit are to be at least 1");
+  EXPECT_EQ(refused(0, cms::kRecordAlarm), "fileSizeMiB and secondLimit are to be at least 1");
   client_->SetRecordParam({});
-  EXPECT_EQ(refused(0, kRecordSchedule), "no path: SetRecordParam comes first");
+  EXPECT_EQ(refused(0, cms::kRecordSchedule), "no path: SetRecordParam comes first");
   client_->SetRecordParam(test::ParamFor(12, 64, L"..\\EventList0"));
   std::ofstream("../EventList0") << "no folder";
-  EXPECT_EQ(refused(0, kRecordInstant), "../EventList0/Rec_Site12_*: Not a directory");
+  EXPECT_EQ(refused(0, cms::kRecordInstant), "../EventList0/Rec_Site12_*: Not a directory");
   client_->SetRecordParam(test::ParamFor(12));
-  EXPECT_EQ(client_->StartRecord(0, kRecordInstant), 1);
+  EXPECT_EQ(client_->StartRecord(0, cms::kRecordInstant), 1);
   EXPECT_EQ(client_->GetStartRecordError(), "");
 }
 
 // Nothing waits for a disk that takes no more: who ends says so at once.
 TEST_F(SiteRecording, NobodyWaitsForAFullDisk) {
   test::FaultScope fault;
-  ASSERT_EQ(client_->StartRecord(0, kRecordInstant), 1);
+  ASSERT_EQ(client_->StartRecord(0, cms::kRecordInstant), 1);
   Seconds(4);
   ASSERT_EQ(client_->WaitRecorded(30'000), 1);
   Seconds(4);
@@ -354,7 +393,7 @@ TEST_F(SiteRecording, NobodyWaitsForAFullDisk) {
 
 // A day's folder changes, and the camera's clock steps back by an hour: nothing is overwritten.
 TEST_F(SiteRecording, ChangedPathsAndSteppingClocksLoseNothing) {
-  ASSERT_EQ(client_->StartRecord(0, kRecordInstant), 1);
+  ASSERT_EQ(client_->StartRecord(0, cms::kRecordInstant), 1);
   Seconds(4);
   std::filesystem::create_directory(site_.folder.Beside("rec2"));
   EXPECT_EQ(client_->ChangeRecordPath(test::ParamFor(12, 64, L"..\\rec2").path), 1);
@@ -387,7 +426,7 @@ TEST_F(SiteRecording, DaysOf23And25HoursOverwriteNothing) {
       std::filesystem::remove(entry.path());
     }
     site_.clock.SetWall(begin);
-    ASSERT_EQ(client_->StartRecord(0, kRecordInstant), 1);
+    ASSERT_EQ(client_->StartRecord(0, cms::kRecordInstant), 1);
     for (int i = 0; i < 6; ++i) {
       Seconds(2);
       site_.clock.SetWall(begin + 1'800 * (i + 1));

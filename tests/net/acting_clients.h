@@ -30,7 +30,7 @@ class ActingClient : public UdpClient {
   std::function<void()> action_;
 };
 
-class ActingStep : public RTCPStep {
+class ActingStep : public cms::RTCPStep {
  public:
   explicit ActingStep(std::function<int()> action) : action_(std::move(action)) {}
   int RTCPProcessNB() override {

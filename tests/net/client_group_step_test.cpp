@@ -14,6 +14,7 @@
 #include "tests/net/acting_clients.h"
 #include "tests/net/loopback.h"
 #include "tests/support/no_more_threads.h"
+#include "tests/support/process_state.h"
 #include "tests/support/wait.h"
 
 namespace {
@@ -25,9 +26,9 @@ using test::Descriptor;
 using test::SendTo;
 using test::WaitFor;
 
-constexpr int kGroup = 400;
+constexpr int kStepGroup = 400;
 
-EachClientGroupTable& Table() {
+EachClientGroupTable& StepTable() {
   return EachClientGroupTable::Instance();
 }
 
@@ -54,16 +55,16 @@ class ClientStepTest : public testing::Test {
 // However a callback takes its own client out of the group, its owner waits for the callback.
 TEST_F(ClientStepTest, OwnersWaitForAStepWhoseClientIsNotRegisteredAnyMore) {
   const std::function<void(ActingClient&)> ways[] = {
-      [](ActingClient& client) { Table().Unregister(&client); },
+      [](ActingClient& client) { StepTable().Unregister(&client); },
       [](ActingClient& client) { client.OnStopUDPClient(); },
-      [](ActingClient& client) { EXPECT_NE(Table().Register(&client, kGroup + 1), 0); },
+      [](ActingClient& client) { EXPECT_NE(StepTable().Register(&client, kStepGroup + 1), 0); },
   };
   for (const auto& way : ways) {
     for (const bool destroys : {false, true}) {
       Work work;
       std::unique_ptr<ActingClient> client;
       client = std::make_unique<ActingClient>([&] { work.Do([&] { way(*client); }); });
-      ASSERT_TRUE(client->Start(kGroup));
+      ASSERT_TRUE(client->Start(kStepGroup));
       SendTo(peer_, client->BoundPort(), "x");
       ASSERT_TRUE(WaitFor([&] { return work.acted.load(); }));
       if (destroys) {
@@ -92,7 +93,7 @@ TEST_F(ClientStepTest, OwnersOfConnectionsWaitForAStepThatStoppedThem) {
   };
   auto client = std::make_unique<test::TcpClient>(param);
   context.client = client.get();
-  ASSERT_TRUE(client->Start(listener.Port(), kGroup));
+  ASSERT_TRUE(client->Start(listener.Port(), kStepGroup));
   const Descriptor peer = listener.Accept();
   send(peer, "x", 1, MSG_NOSIGNAL);
   ASSERT_TRUE(WaitFor([&] { return work.acted.load(); }));
@@ -103,12 +104,12 @@ TEST_F(ClientStepTest, OwnersOfConnectionsWaitForAStepThatStoppedThem) {
 TEST_F(ClientStepTest, OwnersWaitForAnRtcpStepThatUnregisteredItself) {
   Work work;
   ActingStep step([&] {
-    work.Do([&] { Table().Unregister(&step); });
+    work.Do([&] { StepTable().Unregister(&step); });
     return 0;
   });
-  ASSERT_NE(Table().Register(&step, kGroup), 0);
+  ASSERT_NE(StepTable().Register(&step, kStepGroup), 0);
   ASSERT_TRUE(WaitFor([&] { return work.acted.load(); }));
-  Table().Unregister(&step);
+  StepTable().Unregister(&step);
   EXPECT_TRUE(work.left);
   EXPECT_EQ(step.calls, 1);
 }
@@ -124,7 +125,7 @@ TEST_F(ClientStepTest, ACallbackStopsItsClientWhileTheOwnerDestroysIt) {
       raw->OnStopUDPClient();
     });
     raw = client.get();
-    ASSERT_TRUE(client->Start(kGroup));
+    ASSERT_TRUE(client->Start(kStepGroup));
     SendTo(peer_, client->BoundPort(), "x");
     ASSERT_TRUE(WaitFor([&] { return entered.load(); }));
     client.reset();
@@ -140,16 +141,16 @@ TEST_F(ClientStepTest, AClientThatMovesIsServedByOneThreadAtATime) {
     most = std::max(most.load(), ++inside);
     if (!moved.exchange(true)) {
       --inside;  // the new group may begin before this call returns
-      EXPECT_NE(Table().Register(&client, kGroup + 1), 0);
+      EXPECT_NE(StepTable().Register(&client, kStepGroup + 1), 0);
       std::this_thread::sleep_for(milliseconds(50));
       return;
     }
     std::this_thread::sleep_for(milliseconds(1));
     --inside;
   });
-  ASSERT_NE(Table().Register(&client, kGroup + 1), 0);  // the group's threads run
-  Table().Unregister(&client);
-  ASSERT_TRUE(client.Start(kGroup));
+  ASSERT_NE(StepTable().Register(&client, kStepGroup + 1), 0);  // the group's threads run
+  StepTable().Unregister(&client);
+  ASSERT_TRUE(client.Start(kStepGroup));
   const std::uint16_t port = client.BoundPort();
   ASSERT_TRUE(WaitFor([&] {
     for (int i = 0; i < 10; ++i) {
@@ -172,7 +173,7 @@ TEST_F(ClientStepTest, ACallbackThatHoldsUpTheStopForTooLongKeepsItsOwnerWaiting
     }
     EXPECT_FALSE(unregistered);
   });
-  ASSERT_TRUE(client.Start(kGroup));
+  ASSERT_TRUE(client.Start(kStepGroup));
   SendTo(peer_, client.BoundPort(), "x");
   ASSERT_TRUE(WaitFor([&] { return entered.load(); }));
   StopEachClientNBManager();  // gives up after 10 seconds
@@ -193,9 +194,9 @@ TEST_F(ClientStepTest, ABusySenderLetsTheOtherStepsHaveTheirTurn) {
   config.sendQueueDepth = 50'000;  // never empty while the test lasts
   config.sendDatagramSize = 16;
   test::UdpClient sender(config);
-  ASSERT_TRUE(sender.Start(kGroup));
+  ASSERT_TRUE(sender.Start(kStepGroup));
   ActingStep step([] { return 0; });
-  ASSERT_NE(Table().Register(&step, kGroup), 0);
+  ASSERT_NE(StepTable().Register(&step, kStepGroup), 0);
   std::atomic<bool> done{false};
   std::thread offering([&] {
     while (!done) {
@@ -206,21 +207,21 @@ TEST_F(ClientStepTest, ABusySenderLetsTheOtherStepsHaveTheirTurn) {
   EXPECT_TRUE(WaitFor([&] { return step.calls >= before + 25; }));
   done = true;
   offering.join();
-  Table().Unregister(&step);
+  StepTable().Unregister(&step);
 }
 
 TEST_F(ClientStepTest, WithoutThreadsRegisteringFailsAndLaterWorks) {
   test::Sink sink;
   test::UdpClient client(test::UdpInto(sink));
   ASSERT_NE(client.OnStartUDPClient(), 0);
-  const long before = test::OpenDescriptors();
+  const std::size_t before = test::OpenDescriptors();
   {
     const test::NoMoreThreads refused;
-    EXPECT_EQ(Table().Register(&client, kGroup), 0);
+    EXPECT_EQ(StepTable().Register(&client, kStepGroup), 0);
   }
-  EXPECT_EQ(Table().Find(kGroup), nullptr);
+  EXPECT_EQ(StepTable().Find(kStepGroup), nullptr);
   EXPECT_EQ(test::OpenDescriptors(), before);
-  ASSERT_NE(Table().Register(&client, kGroup), 0);
+  ASSERT_NE(StepTable().Register(&client, kStepGroup), 0);
   SendTo(peer_, client.BoundPort(), "x");
   EXPECT_TRUE(WaitFor([&] { return sink.Calls() == 1; }));
 }

@@ -10,7 +10,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <filesystem>
 #include <iterator>
 #include <mutex>
 #include <string>
@@ -94,11 +93,6 @@ inline void SendTo(int descriptor, std::uint16_t port, const std::string& data) 
          sizeof to);
 }
 
-inline long OpenDescriptors() {
-  namespace fs = std::filesystem;
-  return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
-}
-
 // Sets the soft limit of open descriptors for a scope.
 class DescriptorLimit {
  public:
@@ -123,7 +117,7 @@ class TcpClient : public TCPClientBase {
   using TCPClientBase::TCPClientRecv;
   using TCPClientBase::TCPClientSend;
   ~TcpClient() override { OnStopTCPClient(true); }
-  void OnPeerClosed() override { ++peer_closed; }
+  void OnPeerClosed() override { ++peerClosed; }
   void RunOwnThreads() {
     recvThread_ = std::thread(TCPClientRecvThrd, this);
     sendThread_ = std::thread(TCPClientSendThrd, this);
@@ -135,7 +129,7 @@ class TcpClient : public TCPClientBase {
     return OnSend(const_cast<char*>(data.data()), static_cast<int>(data.size()));
   }
 
-  std::atomic<int> peer_closed{0};
+  std::atomic<int> peerClosed{0};
 };
 
 class UdpClient : public UDPClientBase {

@@ -14,6 +14,7 @@
 #include "cms/net/manual_tcp_client.h"
 #include "cms/runtime/wake_up.h"
 #include "tests/net/loopback.h"
+#include "tests/support/process_state.h"
 #include "tests/support/wait.h"
 
 namespace {
@@ -25,17 +26,17 @@ using test::Sink;
 using test::TcpClient;
 using test::WaitFor;
 
-constexpr unsigned kGroup = 100;
+constexpr unsigned kTcpGroup = 100;
 
 class TcpClientTest : public testing::Test {
  protected:
   void TearDown() override { StopEachClientNBManager(); }
 
   std::uint64_t ReceivePasses() {
-    return EachClientGroupTable::Instance().Find(kGroup)->Receiver().Passes();
+    return EachClientGroupTable::Instance().Find(kTcpGroup)->Receiver().Passes();
   }
   std::uint64_t SendPasses() {
-    return EachClientGroupTable::Instance().Find(kGroup)->Sender().Passes();
+    return EachClientGroupTable::Instance().Find(kTcpGroup)->Sender().Passes();
   }
 
   Listener listener_;
@@ -55,7 +56,7 @@ TEST_F(TcpClientTest, QueuedFramesAndCallbackGiveTheSameBytes) {
   Sink sink;
   for (const bool callback : {false, true}) {
     TcpClient client(callback ? test::TcpInto(sink) : tTcpClientParam{});
-    ASSERT_TRUE(client.Start(listener_.Port(), kGroup));
+    ASSERT_TRUE(client.Start(listener_.Port(), kTcpGroup));
     EXPECT_NE(client.IsConnecting(), 0);
     const Descriptor peer = listener_.Accept();
     std::thread sender([&] { SendAll(peer, data); });
@@ -80,7 +81,7 @@ TEST_F(TcpClientTest, QueuedFramesAndCallbackGiveTheSameBytes) {
 
 TEST_F(TcpClientTest, AReadIntoASmallBufferIsCut) {
   TcpClient client;
-  ASSERT_TRUE(client.Start(listener_.Port(), kGroup));
+  ASSERT_TRUE(client.Start(listener_.Port(), kTcpGroup));
   const Descriptor peer = listener_.Accept();
   SendAll(peer, "0123456789");
   char buffer[5] = "????";
@@ -93,7 +94,7 @@ TEST_F(TcpClientTest, AReadIntoASmallBufferIsCut) {
 TEST_F(TcpClientTest, MegabytesToASlowReaderArriveIntact) {
   const std::string data = test::Pattern(6'000'000);
   TcpClient client;
-  ASSERT_TRUE(client.Start(listener_.Port(), kGroup));
+  ASSERT_TRUE(client.Start(listener_.Port(), kTcpGroup));
   const Descriptor peer = listener_.Accept();
   std::string got;
   std::thread reader([&] {
@@ -129,7 +130,7 @@ TEST_F(TcpClientTest, TheSendQueueIsBoundedAndNeverLosesWhatItAccepted) {
   TcpClient client(param);
   EXPECT_EQ(client.Send(std::string(40, 'a')), 31);
   EXPECT_EQ(client.Send("b"), 0);
-  ASSERT_TRUE(client.Start(listener_.Port(), kGroup));
+  ASSERT_TRUE(client.Start(listener_.Port(), kTcpGroup));
   const Descriptor peer = listener_.Accept();
   char got[64];
   EXPECT_EQ(recv(peer, got, 31, MSG_WAITALL), 31);
@@ -139,11 +140,11 @@ TEST_F(TcpClientTest, TheSendQueueIsBoundedAndNeverLosesWhatItAccepted) {
 TEST_F(TcpClientTest, APeerThatClosedIsToldOnceAndCostsNothing) {
   Sink sink;
   TcpClient client(test::TcpInto(sink));
-  ASSERT_TRUE(client.Start(listener_.Port(), kGroup));
+  ASSERT_TRUE(client.Start(listener_.Port(), kTcpGroup));
   Descriptor peer = listener_.Accept();
   SendAll(peer, "last words");
   peer.Close();
-  EXPECT_TRUE(WaitFor([&] { return client.peer_closed > 0; }));
+  EXPECT_TRUE(WaitFor([&] { return client.peerClosed > 0; }));
   EXPECT_EQ(sink.Bytes(), "last words");
   // What is sent now meets a reset, which must neither raise a signal nor keep a thread busy.
   client.Send("anyone there?");
@@ -155,24 +156,24 @@ TEST_F(TcpClientTest, APeerThatClosedIsToldOnceAndCostsNothing) {
   std::this_thread::sleep_for(milliseconds(300));
   EXPECT_LE(ReceivePasses() - received, 2u);
   EXPECT_LE(SendPasses() - sent, 2u);
-  EXPECT_EQ(client.peer_closed, 1);
+  EXPECT_EQ(client.peerClosed, 1);
   client.OnStopTCPClient(false);
   EXPECT_EQ(client.TCPClientRecv(), 0);  // closed, which is no error
 }
 
 TEST_F(TcpClientTest, AResetConnectionIsDropped) {
   TcpClient client;
-  ASSERT_TRUE(client.Start(listener_.Port(), kGroup));
+  ASSERT_TRUE(client.Start(listener_.Port(), kTcpGroup));
   Descriptor peer = listener_.Accept();
   const linger hard{1, 0};
   setsockopt(peer, SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
   peer.Close();
-  EXPECT_TRUE(WaitFor([&] { return client.peer_closed > 0; }));
+  EXPECT_TRUE(WaitFor([&] { return client.peerClosed > 0; }));
   EXPECT_EQ(client.LastSocketError(), ECONNRESET);
   // The same object serves a new connection.
   client.OnStopTCPClient(true);
   EXPECT_EQ(client.IsConnecting(), 0);
-  ASSERT_TRUE(client.Start(listener_.Port(), kGroup));
+  ASSERT_TRUE(client.Start(listener_.Port(), kTcpGroup));
   const Descriptor again = listener_.Accept();
   SendAll(again, "x");
   char frame[1024];
@@ -184,7 +185,7 @@ TEST_F(TcpClientTest, AFullQueueIsNotSpunOnAndResumes) {
   param.recvQueueDepth = 4;
   param.recvChunkSize = 100;
   TcpClient client(param);
-  ASSERT_TRUE(client.Start(listener_.Port(), kGroup));
+  ASSERT_TRUE(client.Start(listener_.Port(), kTcpGroup));
   const Descriptor peer = listener_.Accept();
   const std::string data = test::Pattern(50'000);
   SendAll(peer, data);
@@ -209,7 +210,7 @@ TEST_F(TcpClientTest, StepsWithoutASocketFailAndWithAFullQueueTakeNothing) {
   TcpClient client(param);
   EXPECT_EQ(client.TCPClientRecv(), -1);
   EXPECT_EQ(client.TCPClientSend(), -1);
-  ASSERT_TRUE(client.Start(listener_.Port(), kNoIoGroup));
+  ASSERT_TRUE(client.Start(listener_.Port(), cms::kNoIoGroup));
   const Descriptor peer = listener_.Accept();
   SendAll(peer, std::string(3000, 'x'));
   std::this_thread::sleep_for(milliseconds(100));
@@ -223,14 +224,14 @@ TEST_F(TcpClientTest, StepsWithoutASocketFailAndWithAFullQueueTakeNothing) {
 }
 
 TEST_F(TcpClientTest, ConnectingFailsCleanlyInTimeAndOnCancel) {
-  const long before = test::OpenDescriptors();
+  const std::size_t before = test::OpenDescriptors();
   TcpClient client;
-  std::uint16_t closed_port = 0;
+  std::uint16_t closedPort = 0;
   {
     const Listener gone;
-    closed_port = gone.Port();
+    closedPort = gone.Port();
   }
-  EXPECT_FALSE(client.Start(closed_port, kGroup));
+  EXPECT_FALSE(client.Start(closedPort, kTcpGroup));
   EXPECT_EQ(client.LastSocketError(), ECONNREFUSED);
   EXPECT_EQ(client.Socket(), -1);
   EXPECT_EQ(test::OpenDescriptors(), before);
@@ -258,7 +259,7 @@ TEST_F(TcpClientTest, ConnectingFailsCleanlyInTimeAndOnCancel) {
 
 TEST_F(TcpClientTest, WithoutDescriptorsStartingFailsAndLaterWorks) {
   TcpClient client;
-  const long before = test::OpenDescriptors();
+  const std::size_t before = test::OpenDescriptors();
   for (int spare = 0; spare < 5; ++spare) {
     bool started = false;
     {
@@ -269,14 +270,14 @@ TEST_F(TcpClientTest, WithoutDescriptorsStartingFailsAndLaterWorks) {
         fillers.emplace_back(dup(0));
       } while (fillers.back() >= 0);
       fillers.resize(fillers.size() - 1 - static_cast<std::size_t>(spare));
-      started = client.Start(listener_.Port(), kGroup);
+      started = client.Start(listener_.Port(), kTcpGroup);
     }
     EXPECT_FALSE(started);
     EXPECT_EQ(client.Socket(), -1);
-    EXPECT_EQ(EachClientGroupTable::Instance().Find(kGroup), nullptr);
+    EXPECT_EQ(EachClientGroupTable::Instance().Find(kTcpGroup), nullptr);
     EXPECT_EQ(test::OpenDescriptors(), before);
   }
-  ASSERT_TRUE(client.Start(listener_.Port(), kGroup));
+  ASSERT_TRUE(client.Start(listener_.Port(), kTcpGroup));
 }
 
 TEST_F(TcpClientTest, DescriptorsAbove1023Work) {
@@ -288,7 +289,7 @@ TEST_F(TcpClientTest, DescriptorsAbove1023Work) {
   }
   Sink sink;
   TcpClient client(test::TcpInto(sink));
-  ASSERT_TRUE(client.Start(listener_.Port(), kGroup));
+  ASSERT_TRUE(client.Start(listener_.Port(), kTcpGroup));
   ASSERT_GT(client.Socket(), 1023);
   const Descriptor peer = listener_.Accept();
   SendAll(peer, "high");
@@ -300,13 +301,13 @@ TEST_F(TcpClientTest, DescriptorsAbove1023Work) {
 
 TEST_F(TcpClientTest, ManyRoundsLeakNothing) {
   TcpClient keeper;  // keeps the group's threads out of the count
-  ASSERT_TRUE(keeper.Start(listener_.Port(), kGroup));
-  const Descriptor keeper_peer = listener_.Accept();
-  const long before = test::OpenDescriptors();
+  ASSERT_TRUE(keeper.Start(listener_.Port(), kTcpGroup));
+  const Descriptor keeperPeer = listener_.Accept();
+  const std::size_t before = test::OpenDescriptors();
   const int rounds = test::kSanitized ? 1500 : 10'000;
   for (int i = 0; i < rounds; ++i) {
     TcpClient client;
-    ASSERT_TRUE(client.Start(listener_.Port(), kGroup));
+    ASSERT_TRUE(client.Start(listener_.Port(), kTcpGroup));
     Descriptor peer = listener_.Accept();
     client.Send("x");
     if (i % 2 == 0) {
@@ -320,7 +321,7 @@ TEST_F(TcpClientTest, ManyRoundsLeakNothing) {
 TEST_F(TcpClientTest, ThreadsOfItsOwnServeAClientToo) {
   Sink sink;
   TcpClient client(test::TcpInto(sink));
-  ASSERT_TRUE(client.Start(listener_.Port(), kNoIoGroup));
+  ASSERT_TRUE(client.Start(listener_.Port(), cms::kNoIoGroup));
   Descriptor peer = listener_.Accept();
   client.RunOwnThreads();
   EXPECT_NE(client.SetRecvThrdPriority(1), 0);
@@ -337,7 +338,7 @@ TEST_F(TcpClientTest, ThreadsOfItsOwnServeAClientToo) {
 
 TEST_F(TcpClientTest, ThreadsOfItsOwnRestWhileThereIsNothingToDo) {
   TcpClient tcp;
-  ASSERT_TRUE(tcp.Start(listener_.Port(), kNoIoGroup));
+  ASSERT_TRUE(tcp.Start(listener_.Port(), cms::kNoIoGroup));
   const Descriptor peer = listener_.Accept();
   test::UdpClient udp;
   ASSERT_NE(udp.OnStartUDPClient(), 0);
@@ -356,9 +357,9 @@ TEST_F(TcpClientTest, ThreadsOfItsOwnRestWhileThereIsNothingToDo) {
 
 TEST_F(TcpClientTest, ReleasingForgetsWhatWasNotRead) {
   TcpClient client;
-  ASSERT_TRUE(client.Start(listener_.Port(), kGroup));
+  ASSERT_TRUE(client.Start(listener_.Port(), kTcpGroup));
   SendAll(listener_.Accept(), "unread");
-  ASSERT_TRUE(WaitFor([&] { return client.IsDataAvail() != 0 && client.peer_closed == 1; }));
+  ASSERT_TRUE(WaitFor([&] { return client.IsDataAvail() != 0 && client.peerClosed == 1; }));
   client.OnStopTCPClient(true);
   client.OnReleaseMemory();
   char got[1024];
@@ -366,7 +367,7 @@ TEST_F(TcpClientTest, ReleasingForgetsWhatWasNotRead) {
   EXPECT_EQ(client.OnRecv(got, sizeof got), 0);
   EXPECT_EQ(client.OnRecv(got, sizeof got), 0);
   ASSERT_NE(client.OnAllocateMemory(), 0);
-  ASSERT_TRUE(client.Start(listener_.Port(), kGroup));
+  ASSERT_TRUE(client.Start(listener_.Port(), kTcpGroup));
   SendAll(listener_.Accept(), "new");
   int length = 0;
   EXPECT_TRUE(WaitFor([&] { return (length = client.OnRecv(got, sizeof got)) != 0; }));
@@ -414,8 +415,8 @@ TEST_F(TcpClientTest, StoppingAManualClientEndsItsCallsInProgress) {
 
 TEST_F(TcpClientTest, AManualClientWorksOnTheBlockingSocket) {
   ManualTCPClient client;
-  EXPECT_EQ(client.OnStartTCPClient(INADDR_LOOPBACK, 1, kGroup), 0);
-  ASSERT_NE(client.OnStartTCPClient(INADDR_LOOPBACK, listener_.Port(), kGroup), 0);
+  EXPECT_EQ(client.OnStartTCPClient(INADDR_LOOPBACK, 1, kTcpGroup), 0);
+  ASSERT_NE(client.OnStartTCPClient(INADDR_LOOPBACK, listener_.Port(), kTcpGroup), 0);
   Descriptor peer = listener_.Accept();
   std::thread answer([&] {
     std::string got(1'000'000, '\0');
@@ -432,7 +433,7 @@ TEST_F(TcpClientTest, AManualClientWorksOnTheBlockingSocket) {
   answer.join();
   EXPECT_EQ(client.OnStopTCPClient(false), 1);
   EXPECT_EQ(client.IsConnecting(), 0);
-  EXPECT_EQ(EachClientGroupTable::Instance().Find(kGroup), nullptr);
+  EXPECT_EQ(EachClientGroupTable::Instance().Find(kTcpGroup), nullptr);
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include "cms/exports/net_exports.h"
 #include "cms/runtime/clock.h"
 #include "tests/net/loopback.h"
+#include "tests/support/process_state.h"
 #include "tests/support/wait.h"
 
 namespace {
@@ -19,7 +20,7 @@ using test::Sink;
 using test::UdpClient;
 using test::WaitFor;
 
-constexpr int kGroup = 200;
+constexpr int kUdpGroup = 200;
 
 class UdpClientTest : public testing::Test {
  protected:
@@ -31,7 +32,7 @@ class UdpClientTest : public testing::Test {
 TEST_F(UdpClientTest, QueueModeDropsLongDatagramsAndCallbackModePassesThemWhole) {
   const std::string large = test::Pattern(60'000);
   UdpClient queued;
-  ASSERT_TRUE(queued.Start(kGroup));
+  ASSERT_TRUE(queued.Start(kUdpGroup));
   SendTo(peer_, queued.BoundPort(), large);
   SendTo(peer_, queued.BoundPort(), "");
   SendTo(peer_, queued.BoundPort(), std::string(2048, 'f'));
@@ -49,7 +50,7 @@ TEST_F(UdpClientTest, QueueModeDropsLongDatagramsAndCallbackModePassesThemWhole)
 
   Sink sink;
   UdpClient called(test::UdpInto(sink));
-  ASSERT_TRUE(called.Start(kGroup));
+  ASSERT_TRUE(called.Start(kUdpGroup));
   for (int i = 0; i < 40; ++i) {
     SendTo(peer_, called.BoundPort(), std::to_string(i) + ",");
   }
@@ -94,7 +95,7 @@ TEST_F(UdpClientTest, SendsAreCutBoundedAndGoToTheRemoteAddress) {
   EXPECT_EQ(client.Send(""), 0);
   EXPECT_EQ(client.Send("second"), 6);
   EXPECT_EQ(client.Send("full"), 0);
-  ASSERT_NE(EachClientGroupTable::Instance().Register(&client, kGroup), 0);
+  ASSERT_NE(EachClientGroupTable::Instance().Register(&client, kUdpGroup), 0);
   char got[32];
   EXPECT_EQ(recv(peer_, got, sizeof got, 0), 10);
   EXPECT_EQ(recv(peer_, got, sizeof got, 0), 6);
@@ -151,7 +152,7 @@ TEST_F(UdpClientTest, AFailedSendIsReportedAndStepsWithoutASocketFail) {
 }
 
 TEST_F(UdpClientTest, ABusyPortFailsAndAnAdoptedSocketIsKept) {
-  const long before = test::OpenDescriptors();
+  const std::size_t before = test::OpenDescriptors();
   {
     _UDPCLIENT_CONFIG config;
     config.localPort = test::PortOf(peer_);
@@ -164,7 +165,7 @@ TEST_F(UdpClientTest, ABusyPortFailsAndAnAdoptedSocketIsKept) {
     Descriptor bound = test::BoundSocket(SOCK_DGRAM);
     const std::uint16_t port = test::PortOf(bound);
     client.AdoptSocket(bound.Release());
-    ASSERT_TRUE(client.Start(kGroup));
+    ASSERT_TRUE(client.Start(kUdpGroup));
     EXPECT_EQ(client.BoundPort(), port);
     SendTo(peer_, port, "adopted");
     EXPECT_TRUE(WaitFor([&] { return sink.Bytes() == "adopted"; }));

@@ -71,7 +71,7 @@ TEST(CLFXBaseThread, ARefusedThreadIsReportedAndLeavesNothingBehind) {
 
 TEST(CriticalZone, IsRecursiveAndTestsWithoutBlocking) {
   CLFX::CLFX_CRITICAL_ZONE zone;
-  const auto free_for_others = [&] {
+  const auto freeForOthers = [&] {
     bool got = false;
     std::thread([&] {
       got = zone.LOCK_TEST();
@@ -84,7 +84,7 @@ TEST(CriticalZone, IsRecursiveAndTestsWithoutBlocking) {
   zone.LOCK();
   zone.LOCK();
   zone.UNLOCK();
-  EXPECT_FALSE(free_for_others());
+  EXPECT_FALSE(freeForOthers());
   zone.UNLOCK();
-  EXPECT_TRUE(free_for_others());
+  EXPECT_TRUE(freeForOthers());
 }

@@ -16,12 +16,12 @@
 
 namespace {
 
-constexpr std::uint32_t kSmall = CCircularLogWriter::kMinimumSize;
+constexpr std::uint32_t kSmall = cms::CCircularLogWriter::kMinimumSize;
 
-std::unique_ptr<CCircularLogWriter> Open(const std::string& path, int expected = 0,
-                                         std::uint32_t size = kSmall) {
+std::unique_ptr<cms::CCircularLogWriter> Open(const std::string& path, int expected = 0,
+                                              std::uint32_t size = kSmall) {
   int error = -1;
-  auto writer = CCircularLogWriter::Open(path, size, error);
+  auto writer = cms::CCircularLogWriter::Open(path, size, error);
   EXPECT_EQ(error, expected);
   EXPECT_EQ(writer != nullptr, expected == 0);
   return writer;
@@ -67,13 +67,13 @@ TEST(CircularLog, EntriesAreLinesWhateverTheTextSays) {
   {
     auto writer = Open(path);
     writer->Write("two\nlines\t\x1b[31m");
-    writer->Write(std::string(CCircularLogWriter::kLongestText - 1, 'x') + "\u00e9");
+    writer->Write(std::string(cms::CCircularLogWriter::kLongestText - 1, 'x') + "\u00e9");
     writer->Write("");
   }
   const auto entries = Entries(path);
   ASSERT_EQ(entries.size(), 3U);
   EXPECT_EQ(entries[0].text, "two\\nlines\\t\\x1b[31m");
-  EXPECT_EQ(entries[1].text, std::string(CCircularLogWriter::kLongestText - 1, 'x'));
+  EXPECT_EQ(entries[1].text, std::string(cms::CCircularLogWriter::kLongestText - 1, 'x'));
   EXPECT_EQ(entries[2].text, "");
 
   // A text that is itself a valid entry with a huge number, cut free by the ring at every offset.
@@ -85,11 +85,11 @@ TEST(CircularLog, EntriesAreLinesWhateverTheTextSays) {
     forged = forged.substr(0, forged.find('\n'));
   }
   auto writer = Open(path);
-  std::vector<cms::CircularLogEntry> entries_now;
+  std::vector<cms::CircularLogEntry> entriesNow;
   for (unsigned i = 0; i < 3000; ++i) {
     writer->Write(forged + std::string(i * i % 101, ' ') + forged);
-    ASSERT_TRUE(cms::ReadCircularLog(path, entries_now));
-    for (const auto& each : entries_now) {
+    ASSERT_TRUE(cms::ReadCircularLog(path, entriesNow));
+    for (const auto& each : entriesNow) {
       ASSERT_NE(each.text, "forged");
     }
   }
@@ -149,7 +149,7 @@ TEST(CircularLog, AKilledProcessLosesNothingThatWasWritten) {
     const pid_t child = fork();
     if (child == 0) {
       int error = 0;
-      auto writer = CCircularLogWriter::Open(path, 4 * kSmall, error);
+      auto writer = cms::CCircularLogWriter::Open(path, 4 * kSmall, error);
       std::array<std::thread, kThreads> threads;
       for (int t = 0; t < kThreads; ++t) {
         threads[static_cast<std::size_t>(t)] = std::thread([&, t] {

@@ -63,19 +63,19 @@ TEST_F(DiskSpace, OtherPathsAreAskedEveryTime) {
 }
 
 TEST_F(DiskSpace, AFailureIsNotRememberedAndLeavesTheOutputsAlone) {
-  std::uint64_t free_to_caller = 1;
+  std::uint64_t freeToCaller = 1;
   io_.FailOperation(0, EIO);
-  EXPECT_EQ(cms::DiskFreeSpace(L"S:", &free_to_caller, nullptr, nullptr), 0);
-  EXPECT_EQ(free_to_caller, 1u);
+  EXPECT_EQ(cms::DiskFreeSpace(L"S:", &freeToCaller, nullptr, nullptr), 0);
+  EXPECT_EQ(freeToCaller, 1u);
   io_.LimitSpace(4096);
   std::uint64_t total = 0;
   std::uint64_t free = 0;
-  EXPECT_EQ(cms::DiskFreeSpace(L"S:", &free_to_caller, &total, &free), 1);
-  EXPECT_EQ(free_to_caller, 4096u);
+  EXPECT_EQ(cms::DiskFreeSpace(L"S:", &freeToCaller, &total, &free), 1);
+  EXPECT_EQ(freeToCaller, 4096u);
   EXPECT_GE(total, free);
   io_.LimitSpace(1);
-  EXPECT_EQ(cms::DiskFreeSpace(L"S:", &free_to_caller, nullptr, nullptr), 1);
-  EXPECT_EQ(free_to_caller, 4096u);  // the remembered answer
+  EXPECT_EQ(cms::DiskFreeSpace(L"S:", &freeToCaller, nullptr, nullptr), 1);
+  EXPECT_EQ(freeToCaller, 4096u);  // the remembered answer
 }
 
 }  // namespace

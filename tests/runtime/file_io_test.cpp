@@ -93,7 +93,7 @@ TEST(FileIo, NamesFoldersSpaceAndStatus) {
   EXPECT_EQ(test::ReadWholeFile(folder.File("d/y")), "1234");
   cms::FileStatus status;
   ASSERT_TRUE(io.Status(folder.File("d/y"), status));
-  EXPECT_TRUE(status.is_regular && !status.is_directory && status.size == 4);
+  EXPECT_TRUE(status.isRegular && !status.isDirectory && status.size == 4);
   EXPECT_FALSE(io.Status(folder.File("none"), status));
   EXPECT_EQ(io.RemoveDirectory(folder.File("d")), -1);
   EXPECT_EQ(io.Remove(folder.File("d/y")), 0);
@@ -101,7 +101,7 @@ TEST(FileIo, NamesFoldersSpaceAndStatus) {
   EXPECT_EQ(io.SyncFolder(folder.File("d")), -1);
   cms::FreeSpace space;
   ASSERT_TRUE(io.Space(folder.Path(), space));
-  EXPECT_TRUE(space.total >= space.free && space.free >= space.free_to_caller && space.total > 0);
+  EXPECT_TRUE(space.total >= space.free && space.free >= space.freeToCaller && space.total > 0);
   EXPECT_FALSE(io.Space(folder.File("none"), space));
   EXPECT_EQ(cms::NativeFolderOf("a"), ".");
   EXPECT_EQ(cms::NativeFolderOf("/a"), "/");

@@ -41,9 +41,9 @@ TEST(NativePath, SplitsAtTheLastSeparatorOfEitherKind) {
   EXPECT_EQ(split.folder, L"a\\b");
   EXPECT_EQ(split.name, L"c.drv");
   const auto root = cms::SplitAtLastSeparator(L"\\c");
-  EXPECT_TRUE(root.has_folder && root.folder.empty());
+  EXPECT_TRUE(root.hasFolder && root.folder.empty());
   const auto plain = cms::SplitAtLastSeparator(L"c");
-  EXPECT_FALSE(plain.has_folder);
+  EXPECT_FALSE(plain.hasFolder);
   EXPECT_EQ(plain.name, L"c");
 }
 

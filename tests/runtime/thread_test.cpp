@@ -21,12 +21,12 @@ class Loop : public Thread {
   ~Loop() override { stop(); }
   void run() override {
     ++runs;
-    while (!IsStopRequested() || ignore_stop) {
+    while (!IsStopRequested() || ignoreStop) {
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
   }
   std::atomic<int> runs{0};
-  std::atomic<bool> ignore_stop{false};
+  std::atomic<bool> ignoreStop{false};
 };
 
 class Job : public Runnable {
@@ -103,14 +103,14 @@ TEST(Thread, StopBeforeStartLeavesNoRequestBehind) {
 
 TEST(Thread, StopGivesUpOnALoopThatIgnoresItAfterTenSeconds) {
   Loop loop;
-  loop.ignore_stop = true;
+  loop.ignoreStop = true;
   loop.start();
   const auto begin = Clock::now();
   loop.stop();
   EXPECT_GE(Clock::now() - begin, std::chrono::seconds(10));
   EXPECT_TRUE(loop.IsRunning());
   EXPECT_TRUE(loop.IsStopRequested());
-  loop.ignore_stop = false;
+  loop.ignoreStop = false;
 }
 
 TEST(Thread, ARunnableGetsTheCallsAndTheThreadCountsAsRunning) {

@@ -71,14 +71,14 @@ TEST(WideText, FieldsAreCutAtACharacterTerminatedAndZeroFilled) {
     EXPECT_EQ(cms::StoreUtf16(c.text, field), c.whole);
     EXPECT_EQ(field, c.bytes);
   }
-  char16_t record_field[260];
-  EXPECT_TRUE(cms::StoreUtf16(std::wstring(259, L'\x4E2D'), record_field));
-  EXPECT_EQ(cms::LoadUtf16(record_field), std::wstring(259, L'\x4E2D'));
-  EXPECT_FALSE(cms::StoreUtf16(std::wstring(260, L'x'), record_field));
-  EXPECT_EQ(record_field[259], u'\0');
+  char16_t recordField[260];
+  EXPECT_TRUE(cms::StoreUtf16(std::wstring(259, L'\x4E2D'), recordField));
+  EXPECT_EQ(cms::LoadUtf16(recordField), std::wstring(259, L'\x4E2D'));
+  EXPECT_FALSE(cms::StoreUtf16(std::wstring(260, L'x'), recordField));
+  EXPECT_EQ(recordField[259], u'\0');
   // A foreign writer's field without a terminator is read to its end and no further.
-  std::fill(std::begin(record_field), std::end(record_field), u'y');
-  EXPECT_EQ(cms::LoadUtf16(record_field).size(), 260u);
+  std::fill(std::begin(recordField), std::end(recordField), u'y');
+  EXPECT_EQ(cms::LoadUtf16(recordField).size(), 260u);
 }
 
 }  // namespace

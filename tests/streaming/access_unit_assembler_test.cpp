@@ -31,16 +31,16 @@ bool IsSet(NalCodec codec, Bytes unit) {
 }
 
 // What an encoder made, with 4-byte start codes.
-struct Clip {
+struct UnitClip {
   NalCodec codec;
   std::vector<Block> pictures;
   std::vector<bool> keys;
 };
 
-Clip Encode(NalCodec codec, test::ClipSpec spec) {
+UnitClip Encode(NalCodec codec, test::ClipSpec spec) {
   spec.codec = codec == NalCodec::kH264 ? test::ClipCodec::kH264 : test::ClipCodec::kH265;
   spec.gop = kGop;
-  Clip clip{codec, {}, {}};
+  UnitClip clip{codec, {}, {}};
   for (const auto& frame : test::EncodeClip(spec)) {
     clip.pictures.push_back(test::WithLongStartCodes(frame.data));
     clip.keys.push_back(frame.key);
@@ -48,12 +48,12 @@ Clip Encode(NalCodec codec, test::ClipSpec spec) {
   return clip;
 }
 
-const Clip& FourSlices(NalCodec codec) {
+const UnitClip& FourSlices(NalCodec codec) {
   const auto encode = [](NalCodec which) {
     return Encode(which, {.frames = 15, .slices = 4, .delimiters = true, .noise = true});
   };
-  static const Clip h264 = encode(NalCodec::kH264);
-  static const Clip h265 = encode(NalCodec::kH265);
+  static const UnitClip h264 = encode(NalCodec::kH264);
+  static const UnitClip h265 = encode(NalCodec::kH265);
   return codec == NalCodec::kH264 ? h264 : h265;
 }
 
@@ -61,7 +61,7 @@ RtpPackets Send(test::RtpPacketizer& rtp, NalCodec codec, Bytes picture, bool ag
   return codec == NalCodec::kH264 ? rtp.H264(picture, aggregate) : rtp.H265(picture, aggregate);
 }
 
-RtpPackets Send(const Clip& clip, bool aggregate = false) {
+RtpPackets Send(const UnitClip& clip, bool aggregate = false) {
   test::RtpPacketizer rtp(65500);
   RtpPackets packets;
   for (const Block& picture : clip.pictures) {
@@ -95,7 +95,7 @@ INSTANTIATE_TEST_SUITE_P(, AccessUnitOf, testing::Values(NalCodec::kH264, NalCod
                          });
 
 TEST_P(AccessUnitOf, EachLostPacketCostsItsPictureAndWhatDependsOnIt) {
-  const Clip& clip = FourSlices(GetParam());
+  const UnitClip& clip = FourSlices(GetParam());
   const RtpPackets packets = Send(clip, true);
   std::size_t picture = 0;
   for (std::size_t lost = 0; lost < packets.size(); ++lost) {
@@ -119,7 +119,7 @@ TEST_P(AccessUnitOf, EachLostPacketCostsItsPictureAndWhatDependsOnIt) {
 }
 
 TEST_P(AccessUnitOf, ReceptionStartsWithTheFirstKeyPictureWhoseStartIsSeen) {
-  const Clip& clip = FourSlices(GetParam());
+  const UnitClip& clip = FourSlices(GetParam());
   const RtpPackets packets = Send(clip);
   std::size_t picture = 0;
   for (std::size_t first = 0; first < packets.size(); ++first) {
@@ -144,7 +144,7 @@ TEST_P(AccessUnitOf, ReceptionStartsWithTheFirstKeyPictureWhoseStartIsSeen) {
 }
 
 TEST_P(AccessUnitOf, MarkersMayBeMissingOrStandOnEachPacketOrOnEachSlice) {
-  const Clip& clip = FourSlices(GetParam());
+  const UnitClip& clip = FourSlices(GetParam());
   RtpPackets none = Send(clip);
   RtpPackets ofUnits = none;
   for (std::size_t i = 0; i < none.size(); ++i) {
@@ -165,7 +165,7 @@ TEST_P(AccessUnitOf, MarkersMayBeMissingOrStandOnEachPacketOrOnEachSlice) {
   whole.erase(whole.begin());
   EXPECT_EQ(whole, (std::vector(allButLast.begin() + kGop, allButLast.end())));
 
-  const Clip single = Encode(clip.codec, {.frames = 10, .delimiters = true});
+  const UnitClip single = Encode(clip.codec, {.frames = 10, .delimiters = true});
   RtpPackets all = Send(single);
   for (RtpPacket& packet : all) {
     SetMarker(packet, EndsUnit(clip.codec, packet));
@@ -177,7 +177,7 @@ TEST_P(AccessUnitOf, MarkersMayBeMissingOrStandOnEachPacketOrOnEachSlice) {
 
 TEST_P(AccessUnitOf, ParameterSetsStandInFrontOfEachKeyPicture) {
   for (const bool delimiters : {false, true}) {
-    const Clip clip = Encode(GetParam(), {.frames = 12, .delimiters = delimiters});
+    const UnitClip clip = Encode(GetParam(), {.frames = 12, .delimiters = delimiters});
     // Announced only; sent once, with a time stamp of their own, in front of the first picture.
     for (const bool announced : {true, false}) {
       UnitReceiver receiver({clip.codec});
@@ -212,7 +212,7 @@ TEST_P(AccessUnitOf, ParameterSetsStandInFrontOfEachKeyPicture) {
 }
 
 TEST_P(AccessUnitOf, KeyPicturesOfMegabytesPassAndLargerOnesAreDropped) {
-  const Clip& clip = FourSlices(GetParam());
+  const UnitClip& clip = FourSlices(GetParam());
   std::vector<Bytes> units = test::SplitAnnexB(clip.pictures[0]);
   Block slice(units.back().begin(), units.back().end());
   units.erase(std::find_if(units.begin(), units.end(),
@@ -243,7 +243,7 @@ TEST_P(AccessUnitOf, KeyPicturesOfMegabytesPassAndLargerOnesAreDropped) {
 }
 
 TEST_P(AccessUnitOf, PicturesInFrontOfAnOpenGroupsKeyPictureNeedTheGroupBefore) {
-  const Clip clip =
+  const UnitClip clip =
       Encode(GetParam(),
              {.frames = 20, .profile = test::ClipProfile::kHigh, .bframes = 2, .openGroups = true});
   const RtpPackets packets = Send(clip);
@@ -273,8 +273,34 @@ TEST_P(AccessUnitOf, PicturesInFrontOfAnOpenGroupsKeyPictureNeedTheGroupBefore) 
   }
 }
 
+// A sender without key pictures but the first renews its picture piece by piece.
+TEST_P(AccessUnitOf, ReceptionStartsWithAGradualRefreshToo) {
+  const bool h264 = GetParam() == NalCodec::kH264;
+  const UnitClip clip = Encode(GetParam(), {.frames = kGop});
+  const Block recoveryPoint =
+      h264 ? Block{6, 6, 2, 0x2C, 0x40, 0x80} : Block{0x4E, 1, 6, 2, 0x2C, 0x40, 0x80};
+  UnitReceiver receiver({GetParam()});
+  for (const Bytes unit : test::SplitAnnexB(clip.pictures[0])) {
+    if (IsSet(GetParam(), unit)) {
+      receiver.assembler.KeepParameterSet(unit);
+    }
+  }
+  test::RtpPacketizer rtp;
+  for (std::size_t i = 1; i < kGop; ++i) {
+    auto units = test::SplitAnnexB(clip.pictures[i]);
+    if (i == 2) {
+      units.insert(units.begin(), recoveryPoint);
+    }
+    receiver.Feed(h264 ? rtp.H264Units(units) : rtp.H265Units(units, false, false));
+  }
+  ASSERT_EQ(receiver.units.size(), kGop - 1u);
+  EXPECT_FALSE(receiver.units[0].decodable);
+  EXPECT_TRUE(receiver.units[1].key && receiver.units[1].decodable);
+  EXPECT_TRUE(!receiver.units[2].key && receiver.units[2].decodable);
+}
+
 TEST(AccessUnit, OrderNumbersArePassedOver) {
-  const Clip& clip = FourSlices(NalCodec::kH265);
+  const UnitClip& clip = FourSlices(NalCodec::kH265);
   for (const bool aggregate : {false, true}) {
     UnitReceiver receiver({NalCodec::kH265, true});
     test::RtpPacketizer rtp;
@@ -286,7 +312,7 @@ TEST(AccessUnit, OrderNumbersArePassedOver) {
 }
 
 TEST(AccessUnit, UnitsThatASenderGluedIntoOneAreLookedAtOneByOne) {
-  const Clip& clip = FourSlices(NalCodec::kH264);
+  const UnitClip& clip = FourSlices(NalCodec::kH264);
   UnitReceiver receiver({NalCodec::kH264});
   test::RtpPacketizer rtp;
   for (const Block& picture : clip.pictures) {
@@ -298,7 +324,7 @@ TEST(AccessUnit, UnitsThatASenderGluedIntoOneAreLookedAtOneByOne) {
 }
 
 TEST(AccessUnit, WhatIsNotReceivedIsCountedAndCostsItsPicture) {
-  const Clip& clip = FourSlices(NalCodec::kH264);
+  const UnitClip& clip = FourSlices(NalCodec::kH264);
   UnitReceiver receiver({NalCodec::kH264});
   test::RtpPacketizer rtp;
   receiver.Feed(rtp.H264(clip.pictures[0]));
@@ -315,7 +341,7 @@ TEST(AccessUnit, WhatIsNotReceivedIsCountedAndCostsItsPicture) {
 }
 
 TEST(AccessUnit, PacketsWithoutPayloadOnlyKeepTheirPlace) {
-  const Clip& clip = FourSlices(NalCodec::kH264);
+  const UnitClip& clip = FourSlices(NalCodec::kH264);
   UnitReceiver receiver({NalCodec::kH264});
   std::uint16_t sequence = 1;
   for (RtpPacket packet : Send(clip)) {

@@ -1,4 +1,4 @@
-// Whole access units from senders that know nothing of ours: FFmpeg's RTP muxer and GStreamer's
+// Site clients receive senders that know nothing of ours: FFmpeg's RTP muxer and GStreamer's
 // payloaders, with the streams of encoders as cameras have them.
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -7,7 +7,8 @@
 #include <fstream>
 #include <string>
 
-#include "tests/streaming/unit_receiver.h"
+#include "cms/streaming/internal/nal_unit.h"
+#include "tests/streaming/playing_client.h"
 #include "tests/support/encoded_clip.h"
 #include "tests/support/ffmpeg_sender.h"
 #include "tests/support/shell.h"
@@ -19,22 +20,22 @@ using Pictures = std::vector<std::vector<std::uint8_t>>;
 
 constexpr std::size_t kPictures = 50;
 
-struct Stream {
+struct SenderStream {
   NalCodec codec;
   int slices;
   bool delimiters;
   bool noise;  // pictures of many packets
 };
 
-void PrintTo(const Stream& stream, std::ostream* out) {
+void PrintTo(const SenderStream& stream, std::ostream* out) {
   *out << (stream.codec == NalCodec::kH264 ? "H264" : "H265") << '_' << stream.slices << "_slices"
        << (stream.delimiters ? "_delimiters" : "") << (stream.noise ? "_large" : "");
 }
 
-class SentBy : public testing::TestWithParam<Stream> {
+class SentBy : public testing::TestWithParam<SenderStream> {
  protected:
   SentBy() {
-    const Stream& stream = GetParam();
+    const SenderStream& stream = GetParam();
     for (const auto& frame :
          test::EncodeClip({.codec = stream.codec == NalCodec::kH264 ? test::ClipCodec::kH264
                                                                     : test::ClipCodec::kH265,
@@ -48,34 +49,39 @@ class SentBy : public testing::TestWithParam<Stream> {
   }
 
   void ExpectAll(const test::RtpPackets& packets, const Pictures& pictures) {
-    test::UnitReceiver receiver({GetParam().codec});
-    receiver.Feed(packets);
-    ASSERT_EQ(receiver.units.size(), kPictures);
-    for (std::size_t i = 0; i < kPictures; ++i) {
-      EXPECT_EQ(receiver.units[i].data, pictures[i]) << i;
-      EXPECT_EQ(receiver.units[i].key, keys_[i]) << i;
-      EXPECT_TRUE(receiver.units[i].decodable) << i;
-      EXPECT_EQ(receiver.units[i].newSize.has_value(), i == 0) << i;
+    for (const int transport : {cms::kRtspTransportUdp, cms::kRtspTransportInterleaved}) {
+      test::PlayingClient site(
+          test::VideoSdp(GetParam().codec == NalCodec::kH264 ? "H264" : "H265"), transport);
+      ASSERT_TRUE(site.SendInStep(packets)) << site.Totals().videoFrames;
+      site.ExpectPictures(pictures);
+      const auto frames = site.client.Video();
+      for (std::size_t i = 0; i < kPictures; ++i) {
+        EXPECT_EQ(frames.at(i).type, keys_[i] ? 1 : 2) << i;
+      }
+      unsigned width = 0;
+      unsigned height = 0;
+      site.client.GetWidthAndHeight(0, &width, &height);
+      EXPECT_EQ(width, 320u);
+      EXPECT_EQ(height, 240u);
     }
-    EXPECT_EQ(receiver.units[0].newSize, (cms::PictureSize{320, 240}));
   }
 
   Pictures pictures_;
   std::vector<bool> keys_;
 };
 
-std::string NameOf(const testing::TestParamInfo<Stream>& info) {
+std::string NameOf(const testing::TestParamInfo<SenderStream>& info) {
   return testing::PrintToString(info.param);
 }
 
 INSTANTIATE_TEST_SUITE_P(, SentBy,
-                         testing::Values(Stream{NalCodec::kH264, 1, false, false},
-                                         Stream{NalCodec::kH264, 4, false, true},
-                                         Stream{NalCodec::kH264, 4, true, false},
-                                         Stream{NalCodec::kH264, 1, true, true},
-                                         Stream{NalCodec::kH265, 1, false, false},
-                                         Stream{NalCodec::kH265, 4, true, true},
-                                         Stream{NalCodec::kH265, 1, true, true}),
+                         testing::Values(SenderStream{NalCodec::kH264, 1, false, false},
+                                         SenderStream{NalCodec::kH264, 4, false, true},
+                                         SenderStream{NalCodec::kH264, 4, true, false},
+                                         SenderStream{NalCodec::kH264, 1, true, true},
+                                         SenderStream{NalCodec::kH265, 1, false, false},
+                                         SenderStream{NalCodec::kH265, 4, true, true},
+                                         SenderStream{NalCodec::kH265, 1, true, true}),
                          NameOf);
 
 TEST_P(SentBy, FFmpegAllPicturesArriveAsTheyWereEncoded) {

@@ -25,11 +25,11 @@ class FrameCollector {
     return processer_.ProcessData(copy.data(), static_cast<int>(copy.size()));
   }
   int Feed(const RtpPackets& packets) {
-    int frames_completed = 0;
+    int framesCompleted = 0;
     for (const RtpPacket& packet : packets) {
-      frames_completed += Feed(packet);
+      framesCompleted += Feed(packet);
     }
-    return frames_completed;
+    return framesCompleted;
   }
 
   std::vector<std::vector<std::uint8_t>> frames;

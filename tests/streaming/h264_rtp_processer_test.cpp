@@ -45,17 +45,17 @@ Data FuA(unsigned type, bool start, bool end, std::size_t size, std::uint8_t fil
   return data;
 }
 
-const Data kSps = {0x67, 0x42, 0, 0x1E, 1, 2, 3, 4, 5, 6};
-const Data kPps = {0x68, 0xCE, 0x38, 0x80};
+const Data kH264Sps = {0x67, 0x42, 0, 0x1E, 1, 2, 3, 4, 5, 6};
+const Data kH264Pps = {0x68, 0xCE, 0x38, 0x80};
 const Data kDelimiter = {9, 0xF0};
 
 // A processer that has just seen the end of a frame, and what it delivers.
-struct Stream {
-  explicit Stream(bool ignoreDelimiters = false, bool withSets = true) : collector(processer) {
+struct H264Stream {
+  explicit H264Stream(bool ignoreDelimiters = false, bool withSets = true) : collector(processer) {
     processer.SetIgnoreDelimiters(ignoreDelimiters);
     if (withSets) {
-      Data sps = kSps;
-      Data pps = kPps;
+      Data sps = kH264Sps;
+      Data pps = kH264Pps;
       processer.SetSPSSet(sps.data(), static_cast<unsigned>(sps.size()));
       processer.SetPPSSet(pps.data(), static_cast<unsigned>(pps.size()));
     }
@@ -102,8 +102,8 @@ TEST(H264RTPProcesser, KeyFrameStarts) {
   const struct {
     const char* name;
     Data payload;
-    bool with_sets;
-    bool without_sets;
+    bool withSets;
+    bool withoutSets;
   } cases[] = {
       {"IDR", Nal(5, 30), true, true},
       {"SPS", Nal(7, 30), true, true},
@@ -113,29 +113,29 @@ TEST(H264RTPProcesser, KeyFrameStarts) {
       {"FU-A IDR start", FuA(5, true, false, 30), true, false},
       {"FU-A IDR middle", FuA(5, false, false, 30), false, false},
       {"FU-A slice start", FuA(1, true, false, 30), false, false},
-      {"STAP-A with an SPS behind others", StapA({Nal(6, 9), kSps, kPps}), true, true},
-      {"STAP-A with an IDR", StapA({kPps, Nal(5, 30)}), false, false},
+      {"STAP-A with an SPS behind others", StapA({Nal(6, 9), kH264Sps, kH264Pps}), true, true},
+      {"STAP-A with an IDR", StapA({kH264Pps, Nal(5, 30)}), false, false},
       {"delimiter", kDelimiter, false, false},
   };
   for (const auto& c : cases) {
-    for (const bool with_sets : {true, false}) {
-      Stream stream(false, with_sets);
+    for (const bool withSets : {true, false}) {
+      H264Stream stream(false, withSets);
       stream.Send(c.payload);
       const bool taken = stream.Send(FuA(5, false, true, 40)) == 1;
-      EXPECT_EQ(taken, with_sets ? c.with_sets : c.without_sets) << c.name << with_sets;
+      EXPECT_EQ(taken, withSets ? c.withSets : c.withoutSets) << c.name << withSets;
     }
   }
 }
 
 TEST(H264RTPProcesser, StoredParameterSetsGoInFrontOfAFragmentedIdrOnly) {
-  Stream stream;
+  H264Stream stream;
   stream.Send(FuA(5, true, false, 20));
   EXPECT_EQ(stream.Send(FuA(5, false, true, 20)), 1);
   const Data idr = Nal(5, 41);
-  EXPECT_EQ(stream.collector.frames.back(), AnnexB({kSps, kPps, idr}));
-  stream.Send(kSps);
+  EXPECT_EQ(stream.collector.frames.back(), AnnexB({kH264Sps, kH264Pps, idr}));
+  stream.Send(kH264Sps);
   EXPECT_EQ(stream.Send(FuA(5, true, true, 40)), 1);
-  EXPECT_EQ(stream.collector.frames.back(), AnnexB({kSps, idr})) << "the frame was not empty";
+  EXPECT_EQ(stream.collector.frames.back(), AnnexB({kH264Sps, idr})) << "the frame was not empty";
   EXPECT_EQ(stream.Send(FuA(1, true, true, 40)), 1);
   EXPECT_EQ(stream.collector.frames.back(), AnnexB({Nal(1, 41)}));
   EXPECT_EQ(stream.collector.types, (std::vector<int>{1, 1, 2}));
@@ -143,7 +143,7 @@ TEST(H264RTPProcesser, StoredParameterSetsGoInFrontOfAFragmentedIdrOnly) {
   unsigned char* data = nullptr;
   unsigned length = 0;
   stream.processer.GetSPSSet(&data, length);
-  EXPECT_EQ(Data(data, data + length), kSps);
+  EXPECT_EQ(Data(data, data + length), kH264Sps);
   Data longer(300, 8);
   stream.processer.SetPPSSet(longer.data(), 300);
   stream.processer.GetPPSSet(&data, length);
@@ -153,28 +153,28 @@ TEST(H264RTPProcesser, StoredParameterSetsGoInFrontOfAFragmentedIdrOnly) {
 TEST(H264RTPProcesser, FrameEnds) {
   // The FU-A end bit ends a frame without a marker; a marker on a header unit or aggregate does
   // not.
-  Stream stream;
-  EXPECT_EQ(stream.Send(kSps, true), 0);
-  EXPECT_EQ(stream.Send(kPps, true), 0);
+  H264Stream stream;
+  EXPECT_EQ(stream.Send(kH264Sps, true), 0);
+  EXPECT_EQ(stream.Send(kH264Pps, true), 0);
   EXPECT_EQ(stream.Send(Nal(6, 30), true), 0);
   EXPECT_EQ(stream.Send(StapA({Nal(5, 30)}), true), 0);
   EXPECT_EQ(stream.Send(FuA(1, true, false, 30), true), 0);
   EXPECT_EQ(stream.Send(FuA(1, false, true, 30), false), 1);
   EXPECT_EQ(stream.collector.frames.back(),
-            AnnexB({kSps, kPps, Nal(6, 30), Nal(5, 30), Nal(1, 61)}));
+            AnnexB({kH264Sps, kH264Pps, Nal(6, 30), Nal(5, 30), Nal(1, 61)}));
 }
 
 TEST(H264RTPProcesser, SeiIsKeptAsMetadataUnlessTooLong) {
-  Stream stream;
+  H264Stream stream;
   stream.Send(Nal(6, 256));
   EXPECT_EQ(stream.processer.GotAMetadata(), 0) << "not from a frame that is discarded";
   stream.Send(Nal(5, 30), true);
-  stream.Send(kSps);
+  stream.Send(kH264Sps);
   stream.Send(Nal(6, 256, 1));
   stream.Send(Nal(6, 257, 2));
   EXPECT_EQ(stream.Send(Nal(5, 30), true), 1);
   EXPECT_EQ(stream.collector.frames.back(),
-            AnnexB({kSps, Nal(6, 256, 1), Nal(6, 257, 2), Nal(5, 30)}));
+            AnnexB({kH264Sps, Nal(6, 256, 1), Nal(6, 257, 2), Nal(5, 30)}));
   Data copy(256);
   void* dest = copy.data();
   unsigned length = 0;
@@ -188,8 +188,8 @@ TEST(H264RTPProcesser, SeiIsKeptAsMetadataUnlessTooLong) {
 
 TEST(H264RTPProcesser, UnsupportedTypesDropTheFrameUntilTheNextKeyFrame) {
   for (const unsigned type : {0u, 2u, 3u, 4u, 9u, 10u, 12u, 23u, 25u, 26u, 27u, 29u, 30u, 31u}) {
-    Stream stream;
-    stream.Send(kSps);
+    H264Stream stream;
+    stream.Send(kH264Sps);
     EXPECT_EQ(stream.Send(Nal(type, 30), true), 0) << type;
     EXPECT_EQ(stream.Send(Nal(5, 30), true), 0) << type << ": the failed packet is no boundary";
     EXPECT_EQ(stream.Send(Nal(5, 31), true), 1) << type;
@@ -198,27 +198,27 @@ TEST(H264RTPProcesser, UnsupportedTypesDropTheFrameUntilTheNextKeyFrame) {
 }
 
 TEST(H264RTPProcesser, PayloadsThatLieFailTheFrame) {
-  Data long_unit = StapA({Nal(7, 20)});
-  long_unit[2] = 21;
-  Data half_size = StapA({Nal(7, 20)});
-  half_size.push_back(0);
-  const Data cases[] = {long_unit, half_size, {28}, {0x7C}, StapA({kDelimiter}), {24, 0xFF}};
+  Data longUnit = StapA({Nal(7, 20)});
+  longUnit[2] = 21;
+  Data halfSize = StapA({Nal(7, 20)});
+  halfSize.push_back(0);
+  const Data cases[] = {longUnit, halfSize, {28}, {0x7C}, StapA({kDelimiter}), {24, 0xFF}};
   for (const Data& payload : cases) {
-    Stream stream;
-    stream.Send(kSps);
+    H264Stream stream;
+    stream.Send(kH264Sps);
     stream.Send(payload);
     EXPECT_EQ(stream.Send(Nal(5, 30), true), payload == StapA({kDelimiter}) ? 1 : 0)
         << testing::PrintToString(payload);
     // As the first packet behind a frame end, where a key frame is looked for in it.
     for (const bool ignore : {false, true}) {
-      Stream boundary(ignore);
+      H264Stream boundary(ignore);
       EXPECT_EQ(boundary.Send(payload, true), 0);
     }
   }
 }
 
 TEST(H264RTPProcesser, FrameEndInFrontOfAGapIsNoBoundary) {
-  Stream stream;
+  H264Stream stream;
   stream.rtp.Skip(1);
   EXPECT_EQ(stream.Send(Nal(5, 30), true), 0) << "it may lack its first slices";
   EXPECT_EQ(stream.Send(Nal(5, 30), true), 1);
@@ -264,39 +264,39 @@ TEST(H264RTPProcesser, IgnoredUnitsLeaveTheBoundaryToThePacketBehindThem) {
     // In front of a key frame, once and twice, with the marker and without.
     for (const bool marker : {false, true}) {
       for (const int count : {1, 2}) {
-        Stream stream(true);
+        H264Stream stream(true);
         for (int i = 0; i < count; ++i) {
           EXPECT_EQ(stream.Send(payload, marker), 0);
         }
         stream.Send(FuA(5, true, false, 30));
         EXPECT_EQ(stream.Send(FuA(5, false, true, 30), true), 1);
-        EXPECT_EQ(stream.collector.frames.back(), AnnexB({kSps, kPps, Nal(5, 61)}));
+        EXPECT_EQ(stream.collector.frames.back(), AnnexB({kH264Sps, kH264Pps, Nal(5, 61)}));
         EXPECT_EQ(stream.collector.types.back(), 1);
       }
     }
     // In front of an inter picture: the boundary passes to it, and it is refused.
-    Stream stream(true);
+    H264Stream stream(true);
     stream.Send(payload);
     EXPECT_EQ(stream.Send(Nal(1, 30), false), 0);
     EXPECT_EQ(stream.Send(Nal(5, 30), true), 0) << "the boundary was used up";
     EXPECT_EQ(stream.Send(Nal(5, 30), true), 1);
 
     // At the end and in the midst of a frame.
-    stream.Send(kSps);
+    stream.Send(kH264Sps);
     stream.Send(payload);
     EXPECT_EQ(stream.Send(Nal(5, 30), false), 0);
     EXPECT_EQ(stream.Send(payload, true), 1) << "the marker ends the frame";
-    EXPECT_EQ(stream.collector.frames.back(), AnnexB({kSps, Nal(5, 30)}));
+    EXPECT_EQ(stream.collector.frames.back(), AnnexB({kH264Sps, Nal(5, 30)}));
     EXPECT_EQ(stream.Send(payload, true), 0) << "nothing to deliver";
     EXPECT_EQ(stream.Send(Nal(1, 30), true), 1) << "and nothing lost";
   }
 }
 
 TEST(H264RTPProcesser, DelimiterInAnAggregateNeverLeadsTheFrame) {
-  Stream stream(true);
-  stream.Send(StapA({kDelimiter, kSps, kPps, Nal(12, 9)}));
+  H264Stream stream(true);
+  stream.Send(StapA({kDelimiter, kH264Sps, kH264Pps, Nal(12, 9)}));
   EXPECT_EQ(stream.Send(FuA(5, true, true, 30)), 1);
-  EXPECT_EQ(stream.collector.frames.back(), AnnexB({kSps, kPps, Nal(5, 31)}));
+  EXPECT_EQ(stream.collector.frames.back(), AnnexB({kH264Sps, kH264Pps, Nal(5, 31)}));
   EXPECT_EQ(stream.collector.types.back(), 1);
   // A fragmented filler's end bit is the filler's end, not the frame's.
   stream.Send(Nal(1, 30));

@@ -7,6 +7,7 @@
 #include <array>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <mutex>
 #include <string>
@@ -18,6 +19,7 @@
 #include "cms/runtime/clock.h"
 #include "tests/net/loopback.h"
 #include "tests/support/encoded_clip.h"
+#include "tests/support/process_state.h"
 #include "tests/support/wait.h"
 
 namespace {
@@ -33,7 +35,7 @@ std::string Part(const std::string& type, const std::string& body) {
          "\r\n\r\n" + body + "\r\n";
 }
 
-std::string Jpeg(const test::EncodedFrame& frame) {
+std::string HttpJpeg(const test::EncodedFrame& frame) {
   return Part("image/jpeg", std::string(frame.data.begin(), frame.data.end()));
 }
 
@@ -86,7 +88,7 @@ class MultipartClient : public CMSHTTPClient {
     cms::BuildVideoFrameHeader(header, info);
     OnGetVideoFrame(header.data(), static_cast<int>(header.size()), data, length, channel,
                     videoFlag);
-    if (keep_frames) {
+    if (keepFrames) {
       const std::lock_guard lock(mutex_);
       video_.emplace_back(reinterpret_cast<const char*>(data), static_cast<std::size_t>(length));
     }
@@ -100,8 +102,8 @@ class MultipartClient : public CMSHTTPClient {
                               static_cast<std::size_t>(length));
   }
 
-  CMSFrameData Totals() const {
-    CMSFrameData data;
+  cms::CMSFrameData Totals() const {
+    cms::CMSFrameData data;
     GetFrameData(&data, sizeof data);
     return data;
   }
@@ -114,7 +116,7 @@ class MultipartClient : public CMSHTTPClient {
     return audioFrames_;
   }
 
-  std::atomic<bool> keep_frames{true};
+  std::atomic<bool> keepFrames{true};
   std::atomic<int> parses{0};
 
  private:
@@ -125,8 +127,8 @@ class MultipartClient : public CMSHTTPClient {
   std::vector<std::string> audioFrames_;
 };
 
-stHTTPClientConfig ConfigFor(std::uint16_t port) {
-  stHTTPClientConfig config;
+cms::stHTTPClientConfig ConfigFor(std::uint16_t port) {
+  cms::stHTTPClientConfig config;
   config.address = INADDR_LOOPBACK;
   config.port = port;
   config.request = kRequest.data();
@@ -176,7 +178,7 @@ class Camera {
   test::Descriptor connection_;
 };
 
-std::vector<test::EncodedFrame> Clip(int frames) {
+std::vector<test::EncodedFrame> HttpClip(int frames) {
   test::ClipSpec spec;
   spec.codec = test::ClipCodec::kMjpeg;
   spec.frames = frames;
@@ -186,7 +188,7 @@ std::vector<test::EncodedFrame> Clip(int frames) {
 TEST(HttpClient, CutsTheReplyIntoFramesAndDecodesThem) {
   Camera camera;
   MultipartClient client;
-  stHTTPClientConfig config = ConfigFor(camera.Port());
+  cms::stHTTPClientConfig config = ConfigFor(camera.Port());
   ASSERT_EQ(client.SetConfig(&config), 1);
   client.SetMustDecode(1);
   client.EnableDecode(0, 0);
@@ -197,9 +199,9 @@ TEST(HttpClient, CutsTheReplyIntoFramesAndDecodesThem) {
   EXPECT_EQ(client.SetConfig(&config), 0);
   EXPECT_TRUE(camera.HearsNothing());
 
-  const auto clip = Clip(10);
+  const auto clip = HttpClip(10);
   for (const test::EncodedFrame& frame : clip) {
-    camera.Send(Jpeg(frame), 777);
+    camera.Send(HttpJpeg(frame), 777);
     camera.Send(Part("audio/basic", "sound" + std::to_string(frame.pts)));
   }
   ASSERT_TRUE(WaitFor([&] { return client.Audio().size() == 10; }));
@@ -224,7 +226,7 @@ TEST(HttpClient, CutsTheReplyIntoFramesAndDecodesThem) {
 TEST(HttpClient, StopPlayReleasesEverythingAndPlayStartsAnew) {
   Camera camera;
   MultipartClient client;
-  stHTTPClientConfig config = ConfigFor(camera.Port());
+  cms::stHTTPClientConfig config = ConfigFor(camera.Port());
   ASSERT_EQ(client.SetConfig(&config), 1);
   config.request = nullptr;  // the client has its own copy
   EXPECT_EQ(client.StopPlay(), 1) << "nothing to stop";
@@ -232,7 +234,7 @@ TEST(HttpClient, StopPlayReleasesEverythingAndPlayStartsAnew) {
   ASSERT_TRUE(camera.Serve());
   client.StopPlay();
   camera.Close();
-  const long before = test::OpenDescriptors();
+  const std::size_t before = test::OpenDescriptors();
   for (int round = 0; round < 20; ++round) {
     ASSERT_EQ(client.Play(), 1);
     ASSERT_TRUE(camera.Serve());
@@ -248,32 +250,32 @@ TEST(HttpClient, StopPlayReleasesEverythingAndPlayStartsAnew) {
 }
 
 TEST(HttpClient, SaysWhyItCannotPlay) {
-  std::uint16_t closed_port = 0;
+  std::uint16_t closedPort = 0;
   {
     const test::Listener gone;
-    closed_port = gone.Port();
+    closedPort = gone.Port();
   }
   MultipartClient client;
   EXPECT_EQ(client.SetConfig(nullptr), 0);
-  stHTTPClientConfig config = ConfigFor(closed_port);
+  cms::stHTTPClientConfig config = ConfigFor(closedPort);
   client.SetConfig(&config);
   EXPECT_EQ(client.Play(), 0);
-  EXPECT_EQ(client.GetConnectionStatus().fault, ConnectionFault::kUnreachable);
+  EXPECT_EQ(client.GetConnectionStatus().fault, cms::ConnectionFault::kUnreachable);
 
   Camera camera;
   EXPECT_EQ(client.StopPlay(), 1);
   config = ConfigFor(camera.Port());
-  config.codec = CMS_CODEC_MPEG4;
+  config.codec = cms::CMS_CODEC_MPEG4;
   client.SetConfig(&config);
   EXPECT_EQ(client.Play(), 0);
-  EXPECT_EQ(client.GetConnectionStatus().fault, ConnectionFault::kNoUsableVideo);
+  EXPECT_EQ(client.GetConnectionStatus().fault, cms::ConnectionFault::kNoUsableVideo);
   EXPECT_EQ(client.Play(), 0) << "what was made waits for StopPlay";
 
   client.StopPlay();
-  const std::string long_request(50'000, 'x');
+  const std::string longRequest(50'000, 'x');
   config = ConfigFor(camera.Port());
-  config.request = long_request.data();
-  config.requestLength = static_cast<int>(long_request.size());
+  config.request = longRequest.data();
+  config.requestLength = static_cast<int>(longRequest.size());
   client.SetConfig(&config);
   EXPECT_EQ(client.Play(), 0);
   EXPECT_EQ(client.IsClientPlaying(), 0);
@@ -288,12 +290,12 @@ TEST(HttpClient, StopPlayEndsAConnectInProgress) {
     connect(waiting.back(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
   }
   MultipartClient client;
-  stHTTPClientConfig config = ConfigFor(full.Port());
+  cms::stHTTPClientConfig config = ConfigFor(full.Port());
   client.SetConfig(&config);
   const std::uint64_t start = cms::TickMilliseconds();
   std::thread player([&] { EXPECT_EQ(client.Play(), 0); });
-  ASSERT_TRUE(
-      WaitFor([&] { return client.GetConnectionStatus().state == ConnectionState::kOpening; }));
+  ASSERT_TRUE(WaitFor(
+      [&] { return client.GetConnectionStatus().state == cms::ConnectionState::kOpening; }));
   client.StopPlay();
   player.join();
   EXPECT_LT(cms::TickMilliseconds() - start, 9'000U) << "the connect time-out";
@@ -303,11 +305,11 @@ TEST(HttpClient, StopPlayEndsAConnectInProgress) {
 TEST(HttpClient, IsBackAfterTheCameraClosedAndLosesNothingSentBefore) {
   Camera camera;
   MultipartClient client;
-  ReconnectPolicy policy;
+  cms::ReconnectPolicy policy;
   policy.firstPauseMs = 20;
   policy.longestPauseMs = 100;
   client.SetReconnectPolicy(policy);
-  stHTTPClientConfig config = ConfigFor(camera.Port());
+  cms::stHTTPClientConfig config = ConfigFor(camera.Port());
   client.SetConfig(&config);
   ASSERT_EQ(client.KeepOpen(), 1);
   for (unsigned round = 1; round <= 3; ++round) {
@@ -320,22 +322,22 @@ TEST(HttpClient, IsBackAfterTheCameraClosedAndLosesNothingSentBefore) {
   }
   ASSERT_TRUE(camera.Serve());
   EXPECT_TRUE(WaitFor([&] { return client.GetConnectionStatus().reconnects == 3; }));
-  EXPECT_EQ(client.GetConnectionStatus().state, ConnectionState::kPlaying);
+  EXPECT_EQ(client.GetConnectionStatus().state, cms::ConnectionState::kPlaying);
 }
 
 TEST(HttpClient, SoundAloneDoesNotKeepAStreamAlive) {
   Camera camera;
   MultipartClient client;
-  ReconnectPolicy policy;
+  cms::ReconnectPolicy policy;
   policy.deadStreamMs = 300;
   policy.firstPauseMs = 60'000;
   client.SetReconnectPolicy(policy);
-  stHTTPClientConfig config = ConfigFor(camera.Port());
+  cms::stHTTPClientConfig config = ConfigFor(camera.Port());
   client.SetConfig(&config);
   ASSERT_EQ(client.KeepOpen(), 1);
   ASSERT_TRUE(camera.Serve());
   const auto died = [&] {
-    return client.GetConnectionStatus().fault == ConnectionFault::kStreamDied;
+    return client.GetConnectionStatus().fault == cms::ConnectionFault::kStreamDied;
   };
   EXPECT_TRUE(WaitFor([&] {
     camera.SendIfItListens(Part("audio/basic", "sound"));
@@ -346,7 +348,7 @@ TEST(HttpClient, SoundAloneDoesNotKeepAStreamAlive) {
 TEST(HttpClient, GoesOnAfterAFrameThatNeverEnds) {
   Camera camera;
   MultipartClient client;
-  stHTTPClientConfig config = ConfigFor(camera.Port());
+  cms::stHTTPClientConfig config = ConfigFor(camera.Port());
   client.SetConfig(&config);
   ASSERT_EQ(client.Play(), 1);
   ASSERT_TRUE(camera.Serve());
@@ -375,7 +377,7 @@ long Sleeps() {
 TEST(HttpClient, SleepsWhileNothingArrives) {
   Camera camera;
   MultipartClient client;
-  stHTTPClientConfig config = ConfigFor(camera.Port());
+  cms::stHTTPClientConfig config = ConfigFor(camera.Port());
   client.SetConfig(&config);
   ASSERT_EQ(client.Play(), 1);
   ASSERT_TRUE(camera.Serve());
@@ -392,7 +394,7 @@ TEST(HttpClient, SleepsWhileNothingArrives) {
 
 TEST(HttpClient, AudioTypeFollowsTheVideoTypeThatFixesIt) {
   MultipartClient client;
-  stHTTPClientConfig config;
+  cms::stHTTPClientConfig config;
   config.audioType = 4;
   config.videoType = 2;
   client.SetConfig(&config);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/streaming/unit_receiver.h"
+#include "tests/support/data_file.h"
 #include "tests/support/decoded_picture.h"
 #include "tests/support/encoded_clip.h"
 #include "tests/support/ffmpeg_sender.h"
@@ -70,6 +71,18 @@ TEST(JpegAssembler, SizesThatThePayloadHeaderCannotTellAreTheDescriptions) {
     EXPECT_EQ(described.units[0].newSize, size);
     ExpectSamePicture(described.units[0].data, jpeg);
     EXPECT_EQ(undescribed.units.size(), zero ? 0u : 1u);
+  }
+}
+
+TEST(JpegAssembler, RestartMarkersComeWithEitherSampling) {
+  for (const char* const name :
+       {"restart_interval_3_quality_90", "restart_interval_3_wide_chroma"}) {
+    const std::string text = test::ReadDataFile("jpeg/" + std::string(name) + ".jpg");
+    const Block jpeg(text.begin(), text.end());
+    JpegReceiver receiver;
+    receiver.Feed(test::RtpPacketizer(1, 700).Jpeg(jpeg));
+    ASSERT_EQ(receiver.units.size(), 1u) << name;
+    ExpectSamePicture(receiver.units[0].data, jpeg);
   }
 }
 

@@ -68,10 +68,12 @@ INSTANTIATE_TEST_SUITE_P(
         Form{"folded", kDigest}, Form{"odd_blanks", kDigest},
         Form{"without_commas", kDigest, ", qop=auth, "}, Form{"basic_first", kDigest},
         Form{"basic_first_in_one_line", kDigest, ", qop=auth, "},
-        Form{"sha256_first", kDigest, ", algorithm=MD5, qop=auth, "},
+        Form{"sha256_first", kDigest, ", algorithm=SHA-256, qop=auth, "},
+        Form{"sha256_last", kDigest, ", algorithm=SHA-256, qop=auth, "},
+        Form{"session_of_md5", kDigest, ", algorithm=MD5-sess, qop=auth, "},
         Form{"unknown_schemes_in_front", kDigest}, Form{"basic", kBasic},
         Form{"basic_without_quotes", kBasic}, Form{"basic_without_realm", kBasic},
-        Form{"sha256_or_basic", kBasic}),
+        Form{"sha256_or_basic", kDigest, ", algorithm=SHA-256, "}),
     [](const auto& form) { return form.param.file; });
 
 TEST_P(ChallengeForms, LogInAtAnRtspCamera) {
@@ -85,8 +87,9 @@ TEST_P(ChallengeForms, LogInAtAnRtspCamera) {
                      ChallengeLines(GetParam().file) + "\r\n";
   });
   test::RtspTestClient client;
-  stRTSPClientConfig config =
-      test::ConfigFor(server.UrlFor("admin", "secret"), kRtspTransportInterleaved);
+  cms::stRTSPClientConfig config =
+      test::ConfigFor(server.UrlFor("admin", "secret"), cms::kRtspTransportInterleaved);
+  config.allowBasic = GetParam().auth == kBasic;
   ASSERT_EQ(client.SetConfig(&config), 1);
   ASSERT_EQ(client.OpenStream(), 1) << client.GetConnectionStatus().detail;
   const auto requests = server.Requests();
@@ -115,6 +118,17 @@ TEST(Login, DigestsAreThoseOfTheRfc) {
   EXPECT_EQ(cms::DigestResponse(input), "6629fae49393a05397450978507c4ef1");
   input.qop = {};
   EXPECT_EQ(cms::DigestResponse(input), "670fd8c2df070c60b045671b8b24ff02");
+
+  // RFC 7616, 3.9.1.
+  input.realm = "http-auth@example.org";
+  input.password = "Circle of Life";
+  input.nonce = "7ypf/xlj9XXwfDPEoM4URrv/xwf94BcCAzFZH4GiTo0v";
+  input.cnonce = "f2/wE4q74E6zIJEtWaHKaf5wv/H5QzzpXusqGemxURZJ";
+  input.qop = "auth";
+  EXPECT_EQ(cms::DigestResponse(input), "8ca523f5e9506fed4657c9700eebdbec");
+  input.hash = &cms::Sha256Hex;
+  EXPECT_EQ(cms::DigestResponse(input),
+            "753927fa0e85d155564e2e272a28d1802ca10daf4496794697cf8db5856cb6c1");
 }
 
 TEST(Login, NamesWhatItCannotDo) {
@@ -122,11 +136,11 @@ TEST(Login, NamesWhatItCannotDo) {
     const char* lines;
     const char* problem;
   } cases[] = {
-      {"WWW-Authenticate: Digest realm=\"r\", algorithm=SHA-256, nonce=\"n\"\r\n",
-       "the login method is Digest with SHA-256, which is not supported"},
+      {"WWW-Authenticate: Digest realm=\"r\", algorithm=SHA-1, nonce=\"n\"\r\n",
+       "the login method is Digest with SHA-1, which is not supported"},
       {"WWW-Authenticate: Digest realm=\"r\", nonce=\"n\", algorithm=\"MD5-sess\"\r\n"
        "WWW-Authenticate: NTLM\r\n",
-       "the login method is Digest with MD5-sess or NTLM, which is not supported"},
+       "the login method is Digest with MD5-sess without qop or NTLM, which is not supported"},
       {"WWW-Authenticate: Digest realm=\"r\", nonce=\"n\", qop=\"auth-conf\"\r\n",
        "the login method is Digest with qop auth-conf, which is not supported"},
       {"WWW-Authenticate: Digest realm=\"r\"\r\n",
@@ -152,11 +166,11 @@ TEST(Login, AnUnsupportedLoginMethodIsTheConnectionsFault) {
         {{"WWW-Authenticate", "Digest realm=\"r\", nonce=\"n\", algorithm=SHA-512-256"}});
   });
   test::RtspTestClient client;
-  stRTSPClientConfig config =
-      test::ConfigFor(server.UrlFor("admin", "secret"), kRtspTransportInterleaved);
+  cms::stRTSPClientConfig config =
+      test::ConfigFor(server.UrlFor("admin", "secret"), cms::kRtspTransportInterleaved);
   client.SetConfig(&config);
   EXPECT_EQ(client.OpenStream(), 0);
-  EXPECT_EQ(client.Fault(), ConnectionFault::kPasswordRefused);
+  EXPECT_EQ(client.Fault(), cms::ConnectionFault::kPasswordRefused);
   EXPECT_THAT(client.GetConnectionStatus().detail,
               HasSubstr("the login method is Digest with SHA-512-256"));
   EXPECT_EQ(server.Requests().size(), 1u) << "a wrong answer would count as a failed login";

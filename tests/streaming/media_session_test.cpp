@@ -10,9 +10,9 @@
 namespace {
 
 struct Stream {
-  int payload_type = 65535;
+  int payloadType = 65535;
   std::string name;
-  unsigned clock_rate = 0;
+  unsigned clockRate = 0;
   std::string control;
   unsigned channels = 1;
   int port = 0;
@@ -23,12 +23,12 @@ struct Case {
   int result = 1;
   Stream video = {};
   Stream audio = {};
-  std::string session_control = {};
+  std::string sessionControl = {};
   double start = -1;
   double end = -1;
   float frameRate = 0;
-  bool not_30 = false;
-  std::string parameter_sets = {};
+  bool not30 = false;
+  std::string parameterSets = {};
 };
 
 void PrintTo(const Case& c, std::ostream* out) {
@@ -37,9 +37,9 @@ void PrintTo(const Case& c, std::ostream* out) {
 
 void ExpectStream(const _RTSPSUBSESSION_CONFIG& stream, const Stream& expected, const char* what) {
   SCOPED_TRACE(what);
-  EXPECT_EQ(stream.payloadType, expected.payload_type);
+  EXPECT_EQ(stream.payloadType, expected.payloadType);
   EXPECT_EQ(stream.encodingName, expected.name);
-  EXPECT_EQ(stream.clockRate, expected.clock_rate);
+  EXPECT_EQ(stream.clockRate, expected.clockRate);
   EXPECT_EQ(stream.control, expected.control);
   EXPECT_EQ(stream.channels, expected.channels);
   EXPECT_EQ(stream.clientRtpPort, expected.port);
@@ -56,41 +56,41 @@ TEST_P(Descriptions, AreReducedToTheirStreams) {
             c.result);
   ExpectStream(video, c.video, "video");
   ExpectStream(audio, c.audio, "audio");
-  EXPECT_EQ(session.ControlURL(), c.session_control);
+  EXPECT_EQ(session.ControlURL(), c.sessionControl);
   EXPECT_EQ(session.RangeStart(), c.start);
   EXPECT_EQ(session.RangeEnd(), c.end);
   EXPECT_FLOAT_EQ(session.FrameRate(), c.frameRate);
-  EXPECT_EQ(session.IsFrameRateNot30(), c.not_30);
-  EXPECT_EQ(video.parameterSets, c.parameter_sets);
+  EXPECT_EQ(session.IsFrameRateNot30(), c.not30);
+  EXPECT_EQ(video.parameterSets, c.parameterSets);
 }
 
 const Case kCases[] = {
     {.file = "h264_pcmu_absolute",
      .video = {96, "H264", 90000, "rtsp://192.0.2.20:554/stream1/trackID=1"},
      .audio = {0, "PCMU", 8000, "rtsp://192.0.2.20:554/stream1/trackID=2"},
-     .session_control = "rtsp://192.0.2.20:554/stream1/",
+     .sessionControl = "rtsp://192.0.2.20:554/stream1/",
      .frameRate = 25,
-     .not_30 = true,
-     .parameter_sets = "Z00AKp2oHgCJ+WbgICAgQA==,aO48gA=="},
+     .not30 = true,
+     .parameterSets = "Z00AKp2oHgCJ+WbgICAgQA==,aO48gA=="},
     {.file = "h264_l16_relative",
      .video = {96, "H264", 90000, "stream=0"},
      .audio = {97, "L16", 16000, "stream=1", 2},
-     .session_control = "*",
+     .sessionControl = "*",
      .start = 0,
      .end = 12.5,
      .frameRate = 30,
-     .parameter_sets = "Z2QAKKzZQHgCJ+XARAAAAwAEAAADAPA8YMZY,aOvjyyLA"},
+     .parameterSets = "Z2QAKKzZQHgCJ+XARAAAAwAEAAADAPA8YMZY,aOvjyyLA"},
     {.file = "mjpeg_pcma_static",
      .video = {26, "JPEG", 90000, "track1"},
      .audio = {8, "PCMA", 8000, "track2"},
      .frameRate = 12.5,
-     .not_30 = true},
+     .not30 = true},
     {.file = "mpeg4_bare_line_feeds",
      .video = {97, "MP4V-ES", 90000, "trackID=0"},
      .audio = {65535, "MPEG4-GENERIC", 16000, "trackID=1"},
      .frameRate = 15,
-     .not_30 = true},
-    {.file = "bare_carriage_returns", .video = {96, "H264", 90000, "one"}, .session_control = "*"},
+     .not30 = true},
+    {.file = "bare_carriage_returns", .video = {96, "H264", 90000, "one"}, .sessionControl = "*"},
     {.file = "last_line_not_ended", .video = {96, "H264", 90000, "trackID=7"}},
     {.file = "several_payload_types",
      .video = {96, "H264", 90000, "v"},
@@ -98,17 +98,17 @@ const Case kCases[] = {
     {.file = "metadata_after_audio",
      .video = {35, "H264", 90000, "rtsp://192.0.2.3/profile/video?token=1"},
      .audio = {0, "PCMU", 8000, "rtsp://192.0.2.3/profile/audio?token=1"},
-     .session_control = "rtsp://192.0.2.3/profile?token=1"},
+     .sessionControl = "rtsp://192.0.2.3/profile?token=1"},
     {.file = "metadata_first", .result = 0},
     {.file = "port_count_and_blanks",
      .video = {96, "H264", 90000, "videoTrack", 1, 49170},
      .audio = {11, "L16", 44100, "audioTrack"},
-     .session_control = "rtsp://192.0.2.5/base",
+     .sessionControl = "rtsp://192.0.2.5/base",
      .start = 0.25,
      .end = 7.5,
      .frameRate = 24.97f,
-     .not_30 = true,
-     .parameter_sets = "Z0IAHqaAoD2Q,aM4xUg=="},
+     .not30 = true,
+     .parameterSets = "Z0IAHqaAoD2Q,aM4xUg=="},
     {.file = "two_videos_the_second_counts", .video = {26, "JPEG", 90000, "second"}},
     {.file = "rtpmap_without_clock",
      .video = {96, "H264", 90000, "v"},
@@ -116,7 +116,7 @@ const Case kCases[] = {
     {.file = "secure_profile", .result = 0},
     {.file = "payload_type_above_127", .result = 0},
     {.file = "audio_only", .result = 0, .audio = {0, "PCMU", 8000, "a"}},
-    {.file = "no_media", .result = 0, .session_control = "*", .start = 0, .end = 5},
+    {.file = "no_media", .result = 0, .sessionControl = "*", .start = 0, .end = 5},
     {.file = "unknown_static_payload",
      .video = {77, "", 90000, "v"},
      .audio = {65535, "G722", 8000, "a"}},
@@ -139,9 +139,9 @@ TEST_F(MediaSessionTest, ASecondDescriptionLeavesNothingOfTheFirst) {
   EXPECT_EQ(Parse("v=0\r\n"), 0);
   EXPECT_EQ(session_.ControlURL(), "");
   EXPECT_LT(session_.RangeStart(), 0);
-  EXPECT_EQ(video_.payloadType, kNoPayloadType);
+  EXPECT_EQ(video_.payloadType, cms::kNoPayloadType);
   EXPECT_STREQ(video_.encodingName, "");
-  EXPECT_EQ(audio_.payloadType, kNoPayloadType);
+  EXPECT_EQ(audio_.payloadType, cms::kNoPayloadType);
 }
 
 TEST_F(MediaSessionTest, TextsAreCutAtTheirFieldsAndStayTerminated) {
@@ -163,6 +163,34 @@ TEST_F(MediaSessionTest, AParameterSetListThatIsTooLongLosesItsCutItem) {
   EXPECT_EQ(video_.parameterSets, std::string(256, 'A'));
   Parse(head + std::string(257, 'A') + "\r\n");
   EXPECT_STREQ(video_.parameterSets, "");
+}
+
+TEST_F(MediaSessionTest, AllParameterSetsAreKeptWholeOrNotAtAll) {
+  const std::string sps(300, 'S');
+  Parse(
+      "m=video 0 RTP/AVP 96\r\na=rtpmap:96 H265/90000\r\n"
+      "a=fmtp:96 profile-id=1; sprop-sps = " +
+      sps + "; sprop-vps=VVVV,WWWW;sprop-max-don-diff=2;sprop-pps=" + std::string(2000, 'P') +
+      "\r\n");
+  EXPECT_EQ(video_.nalSets, sps + ",VVVV,WWWW");
+  EXPECT_TRUE(video_.orderNumbers);
+  Parse("m=video 0 RTP/AVP 96\r\na=fmtp:96 sprop-max-don-diff=0;sprop-parameter-sets=" + sps +
+        ",PPPP\r\n");
+  EXPECT_EQ(video_.nalSets, sps + ",PPPP");
+  EXPECT_STREQ(video_.parameterSets, "");
+  EXPECT_FALSE(video_.orderNumbers);
+}
+
+TEST_F(MediaSessionTest, ThePictureSizeIsThatOfTheStreamsOwnType) {
+  const std::string head = "m=video 0 RTP/AVP 26\r\n";
+  const auto size = [&](const std::string& line) {
+    Parse(head + line + "\r\n");
+    return std::to_string(video_.width) + "x" + std::to_string(video_.height);
+  };
+  EXPECT_EQ(size("a=framesize:26 3840-2160"), "3840x2160");
+  EXPECT_EQ(size("a=framesize:96 3840-2160"), "0x0");
+  EXPECT_EQ(size("a=x-dimensions: 2592,1944"), "2592x1944");
+  EXPECT_EQ(size("a=framesize:26 70000-2160"), "0x0");
 }
 
 TEST_F(MediaSessionTest, ALineBeyondTheMaximumIsIgnored) {

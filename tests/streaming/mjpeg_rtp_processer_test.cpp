@@ -12,6 +12,7 @@
 #include "tests/streaming/frame_collector.h"
 #include "tests/support/decoded_picture.h"
 #include "tests/support/encoded_clip.h"
+#include "tests/support/paths.h"
 #include "tests/support/rtp_packetizer.h"
 
 namespace {
@@ -22,7 +23,7 @@ using test::RtpPacketizer;
 using Data = std::vector<std::uint8_t>;
 
 Data ReadFile(const std::string& name) {
-  std::ifstream file(std::string(TEST_DATA_DIR) + "/jpeg/" + name, std::ios::binary);
+  std::ifstream file(test::DataFolder() + "/jpeg/" + name, std::ios::binary);
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
@@ -52,8 +53,8 @@ Data InBand(const Data& tables, std::size_t announced) {
   return rest;
 }
 
-struct Stream {
-  Stream() : collector(processer) {
+struct MjpegStream {
+  MjpegStream() : collector(processer) {
     collector.Feed(rtp.Packet(Payload(1, 50, 64, 48, Data(30), 1), true));
   }
   int Send(const Data& payload, bool marker = true) {
@@ -68,13 +69,13 @@ struct Stream {
 }  // namespace
 
 TEST(MJPEGRTPProcesser, RealPicturesComeBackPixelForPixel) {
-  for (const bool end_marker : {true, false}) {
+  for (const bool endMarker : {true, false}) {
     const auto clip = test::EncodeClip({.codec = test::ClipCodec::kMjpeg, .frames = 4});
     MJPEGRTPProcesser processer;
     FrameCollector collector(processer);
     RtpPacketizer rtp(500);
     for (const auto& frame : clip) {
-      collector.Feed(rtp.Jpeg(frame.data, {.endMarker = end_marker}));
+      collector.Feed(rtp.Jpeg(frame.data, {.endMarker = endMarker}));
       rtp.Skip(1);  // gaps are not looked at
     }
     ASSERT_EQ(collector.frames.size(), 3u);
@@ -118,7 +119,7 @@ TEST(MJPEGRTPProcesser, ComputedTablesAndRestartMarkersOfAnotherEncoder) {
 
 TEST(MJPEGRTPProcesser, HeaderNamesSizeAndSampling) {
   for (const auto& [type, sampling] : {std::pair{0, 0x21}, {1, 0x22}, {64, 0x22}, {65, 0x22}}) {
-    Stream stream;
+    MjpegStream stream;
     const Data rest = type >= 64 ? Data(34, 0) : Data(30, 0);  // a restart interval of 0
     EXPECT_EQ(stream.Send(Payload(static_cast<unsigned>(type), 50, 640, 480, rest)), 1);
     ASSERT_EQ(stream.Last().size(), 605u + 30) << type;
@@ -130,7 +131,7 @@ TEST(MJPEGRTPProcesser, HeaderNamesSizeAndSampling) {
 }
 
 TEST(MJPEGRTPProcesser, TablesFollowQTypeAndSizeAlone) {
-  Stream stream;
+  MjpegStream stream;
   const Data first(128, 11);
   const Data second(128, 22);
   const Data scan(40, 0x5A);
@@ -177,7 +178,7 @@ TEST(MJPEGRTPProcesser, HeadersCutShortDropTheFrameAndKeepTheStoredTables) {
       Payload(65, 254, 64, 48, {0, 3, 0xFF, 0xFF, 0, 0, 0, 1}),
   };
   for (const Data& payload : bad) {
-    Stream stream;
+    MjpegStream stream;
     Data scan = good;
     scan.resize(scan.size() + 30, 0x5A);
     ASSERT_EQ(stream.Send(scan), 1);
@@ -193,7 +194,7 @@ TEST(MJPEGRTPProcesser, HeadersCutShortDropTheFrameAndKeepTheStoredTables) {
 
 TEST(MJPEGRTPProcesser, CapacityHoldsForHeaderAndScanTogether) {
   for (const int extra : {0, 1}) {
-    Stream stream;
+    MjpegStream stream;
     int left = RTPProcesserBase::kFrameCapacity - 605 + extra;
     int delivered = 0;
     for (unsigned offset = 0; left > 0;) {
@@ -224,7 +225,7 @@ TEST(MJPEGRTPProcesser, OneKeyFrameASecondAndTheOthersInTurn) {
   }
   cms::ReplaceClock(nullptr);
   for (std::size_t i = 0; i < types.size(); ++i) {
-    const std::size_t in_second = i % 300;  // beyond the counter's 8 bits
-    ASSERT_EQ(types[i], in_second == 0 ? 1 : in_second % 2 == 1 ? 2 : 3) << i;
+    const std::size_t inSecond = i % 300;  // beyond the counter's 8 bits
+    ASSERT_EQ(types[i], inSecond == 0 ? 1 : inSecond % 2 == 1 ? 2 : 3) << i;
   }
 }

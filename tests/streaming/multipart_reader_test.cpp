@@ -14,16 +14,16 @@ using Step = MultipartReader::Step;
 
 constexpr long kLargest = 1000;
 
-struct Answer {
+struct MultipartAnswer {
   int status = 0;
   std::vector<std::string> parts;
 };
 
 // What a reader finds in an answer that comes in pieces of so many bytes.
-Answer Read(const std::string& text, std::size_t piece) {
+MultipartAnswer Read(const std::string& text, std::size_t piece) {
   MultipartReader reader(kLargest);
   CRawBuffer buffer(65536, 1 << 20);
-  Answer answer;
+  MultipartAnswer answer;
   for (std::size_t at = 0; at < text.size(); at += piece) {
     const std::string bytes = text.substr(at, piece);
     buffer.Append(bytes.data(), static_cast<long>(bytes.size()));
@@ -64,7 +64,7 @@ TEST(MultipartReader, CutsTheStylesOfCameras) {
   };
   for (const auto& each : cases) {
     for (const std::size_t piece : {std::size_t{1}, std::size_t{7}, each.text.size()}) {
-      const Answer answer = Read(each.text, piece);
+      const MultipartAnswer answer = Read(each.text, piece);
       EXPECT_EQ(answer.status, 200) << each.style;
       EXPECT_THAT(answer.parts, ElementsAre("one", "t--wo")) << each.style << " by " << piece;
     }

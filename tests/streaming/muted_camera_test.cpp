@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <functional>
 #include <iterator>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <utility>
@@ -25,9 +26,9 @@ class MutedCamera {
  public:
   MutedCamera(int site, bool mutesVideo, bool mutesSound)
       : site_(site), mutesVideo_(mutesVideo), mutesSound_(mutesSound) {
-    stRTSPClientConfig config = test::ConfigFor(server_.Url(), kRtspTransportInterleaved);
+    cms::stRTSPClientConfig config = test::ConfigFor(server_.Url(), cms::kRtspTransportInterleaved);
     client_.SetConfig(&config);
-    ReconnectPolicy policy;
+    cms::ReconnectPolicy policy;
     policy.deadStreamMs = 3'000;
     policy.firstPauseMs = 100;
     policy.longestPauseMs = 200;
@@ -37,7 +38,7 @@ class MutedCamera {
     EXPECT_EQ(client_.KeepOpen(), 1);
   }
 
-  void StartRecording() { client_.TurnOnRecordingState(0, kRecordSchedule); }
+  void StartRecording() { client_.TurnOnRecordingState(0, cms::kRecordSchedule); }
   std::size_t Received() const { return client_.Video().size(); }
   bool IsPlaying() const { return client_.IsClientPlaying() != 0; }
   void Send(bool muted) {
@@ -46,9 +47,9 @@ class MutedCamera {
     }
     if (!muted || !mutesSound_) {
       test::RtpFields fields;
-      fields.payload_type = 0;
+      fields.payloadType = 0;
       fields.sequence = sound_++;
-      server_.SendRtp(1, test::RtpPacket(fields, std::string(160, 's')));
+      server_.SendRtp(1, test::RtpText(fields, std::string(160, 's')));
     }
   }
   std::uint64_t Recorded() const { return client_.GetRecordingStatus().videoFrames; }
@@ -150,7 +151,11 @@ TEST(MutedCamera, NoVideoIsAGapFromItsLastToItsNextPictureAndOpenedAgain) {
     const auto gaps = camera->Gaps();
     const auto hole = LongestHole(folder.Beside("rec"), site);
     EXPECT_GE(hole.second - hole.first, 6u);
-    ASSERT_EQ(gaps.size(), 1u) << site;
+    std::ostringstream list;
+    for (const auto& gap : gaps) {
+      list << " [" << gap.from << ", " << gap.to << "] cause " << static_cast<int>(gap.cause);
+    }
+    ASSERT_EQ(gaps.size(), 1u) << site << list.str() << ", longest pause " << longestPause << " ms";
     EXPECT_EQ(gaps[0].cause, cms::GapCause::kNoPictures);
     EXPECT_NEAR(double(gaps[0].from), hole.first, 1);
     EXPECT_NEAR(double(gaps[0].to), hole.second, 1);

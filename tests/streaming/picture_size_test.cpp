@@ -46,27 +46,28 @@ TEST(PictureSize, IsWhatTheEncoderWasToldInEveryFormat) {
     std::ifstream file(stream, std::ios::binary);
     const std::vector<unsigned char> frame((std::istreambuf_iterator<char>(file)), {});
     ASSERT_GT(frame.size(), 20u);
-    EXPECT_EQ(cms::AnnouncedSize(CMS_VIDEO_H264, frame), c.expected);
+    EXPECT_EQ(cms::AnnouncedSize(cms::CMS_VIDEO_H264, frame), c.expected);
   }
   fs::remove(stream);
 }
 
 TEST(PictureSize, IsReadFromKeyFramesOfEachCodecAndFromNothingElse) {
-  for (const auto& [codec, type] : {std::pair{test::ClipCodec::kH264, CMS_VIDEO_H264},
-                                    std::pair{test::ClipCodec::kMjpeg, CMS_VIDEO_MJPEG},
-                                    std::pair{test::ClipCodec::kMpeg4, CMS_VIDEO_MPEG4}}) {
+  for (const auto& [codec, type] : {std::pair{test::ClipCodec::kH264, cms::CMS_VIDEO_H264},
+                                    std::pair{test::ClipCodec::kMjpeg, cms::CMS_VIDEO_MJPEG},
+                                    std::pair{test::ClipCodec::kMpeg4, cms::CMS_VIDEO_MPEG4},
+                                    std::pair{test::ClipCodec::kH265, cms::CMS_VIDEO_H265}}) {
     const auto clip = test::EncodeClip({.codec = codec, .width = 328, .height = 248, .frames = 2});
     EXPECT_EQ(cms::AnnouncedSize(type, clip[0].data), (PictureSize{328, 248})) << type;
-    EXPECT_FALSE(cms::AnnouncedSize(CMS_VIDEO_UNKNOWN, clip[0].data));
+    EXPECT_FALSE(cms::AnnouncedSize(cms::CMS_VIDEO_UNKNOWN, clip[0].data));
     if (codec == test::ClipCodec::kH264) {
       EXPECT_FALSE(cms::AnnouncedSize(type, clip[1].data)) << "no parameter set";
     }
   }
 }
 
-class BitWriter {
+class SizeBitWriter {
  public:
-  BitWriter& Bits(std::uint32_t value, int count) {
+  SizeBitWriter& Bits(std::uint32_t value, int count) {
     for (int i = count - 1; i >= 0; --i) {
       if (used_ % 8 == 0) {
         bytes_.push_back(0);
@@ -75,14 +76,14 @@ class BitWriter {
     }
     return *this;
   }
-  BitWriter& Golomb(std::uint32_t value) {
+  SizeBitWriter& Golomb(std::uint32_t value) {
     int size = 0;
     while ((value + 1) >> (size + 1) != 0) {
       ++size;
     }
     return Bits(0, size).Bits(value + 1, size + 1);
   }
-  BitWriter& SignedGolomb(int value) {
+  SizeBitWriter& SignedGolomb(int value) {
     return Golomb(static_cast<std::uint32_t>(value > 0 ? 2 * value - 1 : -2 * value));
   }
   const std::vector<unsigned char>& Bytes() const { return bytes_; }
@@ -93,8 +94,8 @@ class BitWriter {
 };
 
 // What a high-profile set has up to its cropping rectangle: 40 x 23 macroblocks.
-BitWriter HighSet(bool lists) {
-  BitWriter set;
+SizeBitWriter HighSet(bool lists) {
+  SizeBitWriter set;
   set.Bits(100, 8).Bits(0, 8).Bits(30, 8).Golomb(0).Golomb(1).Golomb(0).Golomb(0).Bits(0, 1);
   set.Bits(lists ? 1 : 0, 1);
   if (lists) {
@@ -115,12 +116,13 @@ BitWriter HighSet(bool lists) {
 
 TEST(PictureSize, PassesOverScalingListsAndRefusesImpossibleCropping) {
   for (const bool lists : {false, true}) {
-    BitWriter set = HighSet(lists).Bits(1, 1).Golomb(0).Golomb(0).Golomb(0).Golomb(4).Bits(0, 1);
+    SizeBitWriter set =
+        HighSet(lists).Bits(1, 1).Golomb(0).Golomb(0).Golomb(0).Golomb(4).Bits(0, 1);
     EXPECT_EQ(cms::FullH264Size(set.Bytes()), (PictureSize{640, 360}));
-    BitWriter whole = HighSet(lists).Bits(0, 1);
+    SizeBitWriter whole = HighSet(lists).Bits(0, 1);
     EXPECT_EQ(cms::FullH264Size(whole.Bytes()), (PictureSize{640, 368}));
   }
-  BitWriter absurd = HighSet(false).Bits(1, 1).Golomb(200).Golomb(120).Golomb(0).Golomb(0);
+  SizeBitWriter absurd = HighSet(false).Bits(1, 1).Golomb(200).Golomb(120).Golomb(0).Golomb(0);
   EXPECT_FALSE(cms::FullH264Size(absurd.Bytes()));
   const std::vector<unsigned char> whole = HighSet(true).Bits(0, 1).Bytes();
   for (std::size_t size = 0; size + 1 < whole.size(); ++size) {

@@ -20,7 +20,7 @@ using test::FrameCollector;
 using test::RtpPackets;
 using Frames = std::vector<std::vector<std::uint8_t>>;
 
-Frames Clip(const test::ClipSpec& spec) {
+Frames SenderClip(const test::ClipSpec& spec) {
   Frames frames;
   for (auto& frame : test::EncodeClip(spec)) {
     frames.push_back(std::move(frame.data));
@@ -39,12 +39,12 @@ TEST(RealSender, H264) {
   } cases[] = {
       {nullptr, 320, 240, true}, {nullptr, 320, 240, false}, {"h264_mode0", 96, 64, false}};
   for (const auto& c : cases) {
-    const Frames clip = Clip({.width = c.width,
-                              .height = c.height,
-                              .frames = 20,
-                              .gop = 5,
-                              .profile = test::ClipProfile::kHigh,
-                              .noise = c.noise});
+    const Frames clip = SenderClip({.width = c.width,
+                                    .height = c.height,
+                                    .frames = 20,
+                                    .gop = 5,
+                                    .profile = test::ClipProfile::kHigh,
+                                    .noise = c.noise});
     H264RTPProcesser processer;
     FrameCollector collector(processer);
     collector.Feed(test::MuxRtp(AV_CODEC_ID_H264, clip, c.flags));
@@ -58,7 +58,7 @@ TEST(RealSender, H264) {
 
 TEST(RealSender, Mpeg4) {
   const Frames clip =
-      Clip({.codec = test::ClipCodec::kMpeg4, .frames = 20, .gop = 5, .noise = true});
+      SenderClip({.codec = test::ClipCodec::kMpeg4, .frames = 20, .gop = 5, .noise = true});
   MP4VESRTPProcesser processer;
   FrameCollector collector(processer);
   collector.Feed(test::MuxRtp(AV_CODEC_ID_MPEG4, clip));
@@ -66,7 +66,7 @@ TEST(RealSender, Mpeg4) {
 }
 
 TEST(RealSender, Mjpeg) {
-  const Frames clip = Clip({.codec = test::ClipCodec::kMjpeg, .frames = 5, .noise = true});
+  const Frames clip = SenderClip({.codec = test::ClipCodec::kMjpeg, .frames = 5, .noise = true});
   MJPEGRTPProcesser processer;
   FrameCollector collector(processer);
   collector.Feed(test::MuxRtp(AV_CODEC_ID_MJPEG, clip));
@@ -84,19 +84,20 @@ TEST(RealSender, AudioComesWithoutMarkers) {
     chunks.emplace_back(1460, static_cast<std::uint8_t>(i));  // a full packet each
   }
   const RtpPackets packets = test::MuxRtp(AV_CODEC_ID_PCM_MULAW, chunks);
-  SimpleRTPProcesser by_the_rule;
-  FrameCollector none(by_the_rule);
+  SimpleRTPProcesser byTheRule;
+  FrameCollector none(byTheRule);
   none.Feed(packets);
   EXPECT_TRUE(none.frames.empty());
 
-  struct : RTSPFrameSink {
+  struct : cms::RTSPFrameSink {
     void OnFrame(RTPProcesserBase&, std::span<std::uint8_t>) override {}
-    void OnSound(std::span<std::uint8_t> block) override {
+    void OnSound(std::span<std::uint8_t> block, std::uint32_t) override {
       heard.emplace_back(block.begin(), block.end());
     }
+    void OnReport(bool, const cms::SenderReport&) override {}
     Frames heard;
   } sink;
-  RTSPSubSessionOptions options;
+  cms::RTSPSubSessionOptions options;
   options.video = false;
   options.sink = &sink;
   _RTSPSUBSESSION_CONFIG config;

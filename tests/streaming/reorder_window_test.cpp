@@ -20,7 +20,7 @@ class SetClock : public cms::Clock {
   std::uint64_t now = 1000;
 };
 
-class ReorderWindowTest : public testing::Test, private cms::ReorderWindow::Sink {
+class ReorderWindowTest : public testing::Test {
  protected:
   using Numbers = std::vector<std::uint16_t>;
 
@@ -30,7 +30,9 @@ class ReorderWindowTest : public testing::Test, private cms::ReorderWindow::Sink
     const auto low = static_cast<std::uint8_t>(number);
     const std::vector<std::uint8_t> packet = {0x80, 96, high, low, 0,      0,    0,
                                               0,    0,  0,    0,   source, high, low};
-    window_.Take(packet);
+    for (auto next = window_.Put(packet); !next.empty(); next = window_.Next()) {
+      See(next);
+    }
   }
   void TakeAll(const Numbers& numbers) {
     for (const unsigned number : numbers) {
@@ -39,11 +41,10 @@ class ReorderWindowTest : public testing::Test, private cms::ReorderWindow::Sink
   }
 
   SetClock clock_;
-  cms::ReorderWindow window_{*this};
+  cms::ReorderWindow window_;
   Numbers seen_;
 
- private:
-  void OnPacketInOrder(cms::Bytes packet) override {
+  void See(cms::Bytes packet) {
     ASSERT_EQ(packet.size(), 14u);
     EXPECT_EQ(packet[2], packet[12]);
     EXPECT_EQ(packet[3], packet[13]);
@@ -92,6 +93,17 @@ TEST_F(ReorderWindowTest, ALostPacketIsWaitedForUntilTheTimeOrTheRoomIsUp) {
   EXPECT_EQ(seen_, expected);
 }
 
+TEST_F(ReorderWindowTest, WhatWaitedTooLongComesWithoutAnotherPacket) {
+  TakeAll({1, 3, 4, 6});
+  clock_.now += cms::ReorderWindow::kMilliseconds;
+  EXPECT_TRUE(window_.IsWaiting());
+  for (auto next = window_.Next(); !next.empty(); next = window_.Next()) {
+    See(next);
+  }
+  EXPECT_EQ(seen_, (Numbers{1, 3, 4, 6}));
+  EXPECT_FALSE(window_.IsWaiting());
+}
+
 TEST_F(ReorderWindowTest, ASenderThatStartsAnewIsFollowedAtOnce) {
   TakeAll({10, 12, 13});
   Take(500, 2);
@@ -101,8 +113,7 @@ TEST_F(ReorderWindowTest, ASenderThatStartsAnewIsFollowedAtOnce) {
     Take(number, 2);
   }
   EXPECT_EQ(seen_, (Numbers{10, 12, 13, 500, 501, 40000, 40001, 900, 901}));
-  window_.Take(std::vector<std::uint8_t>(11, 0x80));
-  EXPECT_EQ(seen_.size(), 9u);
+  EXPECT_TRUE(window_.Put(std::vector<std::uint8_t>(11, 0x80)).empty());
 }
 
 }  // namespace

@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
@@ -24,7 +26,7 @@ class TestClock : public cms::Clock {
   std::uint64_t now = 100'000;
 };
 
-class Statistics : public RTCPStatistics {
+class Statistics : public cms::RTCPStatistics {
  public:
   std::uint16_t LastSequence() const override { return 0xabcd; }
   std::uint8_t FractionLost() const override { return fraction; }
@@ -36,23 +38,30 @@ class Statistics : public RTCPStatistics {
 
 TEST(ReceiverReport, IsExactToTheByte) {
   cms::ReceiverReportValues values;
-  values.receiver_ssrc = 0x11223344;
-  values.sender_ssrc = {0xde, 0xad, 0xbe, 0xef};
-  values.fraction_lost = 0x5a;
-  values.cumulative_lost = 0x01020304;
-  values.last_sequence = 0xabcd;
+  values.receiverSsrc = 0x11223344;
+  values.senderSsrc = {0xde, 0xad, 0xbe, 0xef};
+  values.fractionLost = 0x5a;
+  values.cumulativeLost = 0x01020304;
+  values.lastSequence = 0xabcd;
   const std::array<std::uint8_t, 56> expected = {
       0x81, 201, 0,   7,   0x11, 0x22, 0x33, 0x44, 0xde, 0xad, 0xbe, 0xef, 0x5a, 1,
       2,    3,   0,   0,   0xab, 0xcd, 0,    0,    0,    0,    0,    0,    0,    0,
       0,    0,   0,   0,   0x81, 202,  0,    5,    0xde, 0xad, 0xbe, 0xef, 1,    10,
       'O',  'r', 'v', 'a', 'n',  't',  'a',  'C',  'M',  'S',  0,    0,    0,    0};
   EXPECT_EQ(cms::BuildReceiverReport(values), expected);
+
+  values.todaysCameras = true;  // the loss is signed, and the name that of the receiver
+  auto todays = expected;
+  const std::uint8_t mostLost[] = {0x7f, 0xff, 0xff};
+  std::copy(std::begin(mostLost), std::end(mostLost), todays.begin() + 13);
+  std::copy_n(expected.begin() + 4, 4, todays.begin() + 36);
+  EXPECT_EQ(cms::BuildReceiverReport(values), todays);
 }
 
 TEST(ReceiverReport, CumulativeLossDropsItsLowestByte) {
   const auto lost = [](std::uint32_t count) {
     cms::ReceiverReportValues values;
-    values.cumulative_lost = count;
+    values.cumulativeLost = count;
     const auto report = cms::BuildReceiverReport(values);
     return report[13] << 16 | report[14] << 8 | report[15];
   };
@@ -62,15 +71,15 @@ TEST(ReceiverReport, CumulativeLossDropsItsLowestByte) {
 }
 
 // An RTCP packet of a sender behind its interleaved prefix.
-std::string SenderPacket(char ssrc_byte = 'S') {
+std::string SenderPacket(char ssrcByte = 'S') {
   std::string packet("$\1\0\10\x80\xc9\0\1", 8);
-  return packet + std::string(4, ssrc_byte);
+  return packet + std::string(4, ssrcByte);
 }
 
 class RTCPInstanceTest : public testing::Test {
  protected:
   RTCPInstanceTest() {
-    config_.transportMode = kRTCPInterleaved;
+    config_.transportMode = cms::kRTCPInterleaved;
     config_.statistics = &statistics_;
     config_.sendContext = &sent_;
     config_.send = [](void* context, const unsigned char* packet, int length) {
@@ -165,7 +174,7 @@ TEST_F(RTCPInstanceTest, PacketsThatDoNotFitOrSayNothingAreDropped) {
 }
 
 TEST_F(RTCPInstanceTest, AReadFunctionOfTheOwnersCanEndIt) {
-  config_.transportMode = kRTCPOverUDP;
+  config_.transportMode = cms::kRTCPOverUDP;
   EXPECT_EQ(instance_.SetConfig(config_), 0) << "nothing to read from";
   EXPECT_EQ(instance_.Play(), 0);
   int result = 12;

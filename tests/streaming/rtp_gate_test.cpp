@@ -23,8 +23,8 @@ class RtpGateTest : public testing::Test {
 
   static std::string Packet(std::uint16_t sequence, std::uint8_t type = 96,
                             std::uint32_t source = kCamera) {
-    return test::RtpPacket(
-        {.payload_type = type, .sequence = sequence, .timestamp = 9000, .ssrc = source}, "payload");
+    return test::RtpText(
+        {.payloadType = type, .sequence = sequence, .timestamp = 9000, .ssrc = source}, "payload");
   }
 
   cms::RtpGate gate_;

@@ -42,15 +42,15 @@ void SendUntilFrames(ScriptedRtspServer& server, const RtspTestClient& client, s
 class BothTransports : public testing::TestWithParam<int> {};
 
 INSTANTIATE_TEST_SUITE_P(, BothTransports,
-                         testing::Values(kRtspTransportUdp, kRtspTransportInterleaved),
+                         testing::Values(cms::kRtspTransportUdp, cms::kRtspTransportInterleaved),
                          [](const auto& transport) {
-                           return transport.param == kRtspTransportUdp ? "Udp" : "Interleaved";
+                           return transport.param == cms::kRtspTransportUdp ? "Udp" : "Interleaved";
                          });
 
 TEST_P(BothTransports, SendsTheRequestsToTheByteAndHandsFramesOn) {
   ScriptedRtspServer server;
   RtspTestClient client;
-  stRTSPClientConfig config = ConfigFor(server.Url(), GetParam());
+  cms::stRTSPClientConfig config = ConfigFor(server.Url(), GetParam());
   config.streamNumber = 2;
   ASSERT_EQ(client.SetConfig(&config), 1);
   ASSERT_EQ(client.OpenStream(), 1) << client.GetConnectionStatus().detail;
@@ -58,7 +58,7 @@ TEST_P(BothTransports, SendsTheRequestsToTheByteAndHandsFramesOn) {
   SendUntilFrames(server, client, 3);
   ASSERT_TRUE(WaitFor([&] {
     // Interleaved, a packet is handed on when the next one shows that it was whole.
-    server.SendRtp(1, test::RtpPacket({.payload_type = 0}, std::string(160, 'a')));
+    server.SendRtp(1, test::RtpText({.payloadType = 0}, std::string(160, 'a')));
     return !client.Audio().empty();
   }));
   client.StopPlay();
@@ -74,21 +74,21 @@ TEST_P(BothTransports, SendsTheRequestsToTheByteAndHandsFramesOn) {
   EXPECT_EQ(texts[0], "OPTIONS " + url + " RTSP/1.0\r\nCSeq: 1\r\n" + agent + "\r\n");
   EXPECT_EQ(texts[1], "DESCRIBE " + url + " RTSP/1.0\r\nCSeq: 2\r\nAccept: application/sdp\r\n" +
                           agent + "\r\n");
-  const std::string transport = GetParam() == kRtspTransportUdp
+  const std::string transport = GetParam() == cms::kRtspTransportUdp
                                     ? "Transport: RTP/AVP;unicast;client_port=[0-9]+-[0-9]+\r\n"
                                     : "Transport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n";
   EXPECT_THAT(texts[2], MatchesRegex("SETUP " + url + "/trackID=0 RTSP/1.0\r\nCSeq: 3\r\n" +
                                      transport + agent + "\r\n"));
-  if (GetParam() == kRtspTransportInterleaved) {
+  if (GetParam() == cms::kRtspTransportInterleaved) {
     EXPECT_THAT(texts[3], HasSubstr("interleaved=2-3\r\n"));
   }
   EXPECT_THAT(texts[3], HasSubstr("SETUP " + url +
                                   "/trackID=1 RTSP/1.0\r\nCSeq: 4\r\n"
                                   "Session: 3BA1C0DE\r\nTransport: "));
   EXPECT_EQ(texts[4],
-            "PLAY " + url + " RTSP/1.0\r\nCSeq: 5\r\nSession: 3BA1C0DE\r\n" + agent + "\r\n");
+            "PLAY " + url + "/ RTSP/1.0\r\nCSeq: 5\r\nSession: 3BA1C0DE\r\n" + agent + "\r\n");
   EXPECT_THAT(texts.back(), MatchesRegex("TEARDOWN " + url +
-                                         " RTSP/1.0\r\nCSeq: [0-9]+\r\n"
+                                         "/ RTSP/1.0\r\nCSeq: [0-9]+\r\n"
                                          "Session: 3BA1C0DE\r\n" +
                                          agent + "\r\n"));
 
@@ -96,7 +96,7 @@ TEST_P(BothTransports, SendsTheRequestsToTheByteAndHandsFramesOn) {
   const std::string startCode("\0\0\0\1", 4);
   EXPECT_EQ(frame.type, 1);
   EXPECT_EQ(frame.payload, startCode + "\x67\x42" + std::string(10, 's') + startCode + "\x68qqq" +
-                               startCode + "\x65" + std::string(99, 'i'));
+                               startCode + "\x65\x88" + std::string(98, 'i'));
   ASSERT_EQ(frame.header.size(), 116u);
   EXPECT_EQ(frame.header.substr(0, 4), std::string("@2\x10\x18", 4)) << "stream number 2";
   const auto number = [&](std::size_t at) {
@@ -126,7 +126,7 @@ TEST_P(BothTransports, ReadsAnswersThatComeByteByByteAndBodiesThatComeLate) {
         .Then(whole.substr(body + 20));
   });
   RtspTestClient client;
-  stRTSPClientConfig config = ConfigFor(server.Url(), GetParam());
+  cms::stRTSPClientConfig config = ConfigFor(server.Url(), GetParam());
   client.SetConfig(&config);
   EXPECT_EQ(client.OpenStream(), 1) << client.GetConnectionStatus().detail;
   EXPECT_EQ(client.GetVideoEncoding(), "H264");
@@ -136,10 +136,7 @@ TEST_P(BothTransports, ReadsAnswersThatComeByteByByteAndBodiesThatComeLate) {
 TEST(CMSRTSPClient, LosesNoFrameAroundTheAnswersInTheInterleavedStream) {
   ScriptedRtspServer server;
   RtspTestClient client;
-  stRTSPClientConfig config = ConfigFor(server.Url(), kRtspTransportInterleaved);
-  client.SetConfig(&config);
-  ASSERT_EQ(client.OpenStream(), 1);
-  client.Play();
+  ASSERT_TRUE(test::Plays(client, ConfigFor(server.Url(), cms::kRtspTransportInterleaved)));
   H264Packets packets;
   std::string bytes;
   const auto add = [&](const std::vector<std::string>& frame) {
@@ -157,7 +154,7 @@ TEST(CMSRTSPClient, LosesNoFrameAroundTheAnswersInTheInterleavedStream) {
   }
   ASSERT_TRUE(server.SendRaw(bytes));
   EXPECT_TRUE(WaitFor([&] { return client.Video().size() == 100; })) << client.Video().size();
-  CMSFrameData data;
+  cms::CMSFrameData data;
   client.GetFrameData(&data, sizeof data);
   EXPECT_EQ(data.lostPackets, 0u);
   EXPECT_EQ(data.keyFrames, 50u);
@@ -166,7 +163,8 @@ TEST(CMSRTSPClient, LosesNoFrameAroundTheAnswersInTheInterleavedStream) {
 TEST(CMSRTSPClient, CountsLostPacketsAndOversizeFrames) {
   ScriptedRtspServer server;
   RtspTestClient client;
-  stRTSPClientConfig config = ConfigFor(server.Url(), kRtspTransportInterleaved);
+  cms::stRTSPClientConfig config = ConfigFor(server.Url(), cms::kRtspTransportInterleaved);
+  config.mostFrameBytes = 500'000;
   client.SetConfig(&config);
   ASSERT_EQ(client.OpenStream(), 1);
   client.Play();
@@ -175,7 +173,7 @@ TEST(CMSRTSPClient, CountsLostPacketsAndOversizeFrames) {
   server.SendRtp(0, packets.KeyFrame(60'000));
   packets.Skip(3);
   server.SendRtp(0, packets.KeyFrame());
-  CMSFrameData data;
+  cms::CMSFrameData data;
   EXPECT_TRUE(WaitFor([&] {
     server.SendRtp(0, packets.Picture());
     client.GetFrameData(&data, sizeof data);
@@ -183,13 +181,8 @@ TEST(CMSRTSPClient, CountsLostPacketsAndOversizeFrames) {
   }));
   EXPECT_EQ(data.lostPackets, 3u);
   EXPECT_TRUE(WaitFor([&] {
-    // Slices without a marker make one frame that passes the limit.
     server.SendRtp(0, packets.Picture());
-    for (int slice = 0; slice < 10; ++slice) {
-      auto slices = packets.KeyFrame(60'000);
-      slices.back()[1] = static_cast<char>(slices.back()[1] & 0x7F);
-      server.SendRtp(0, slices);
-    }
+    server.SendRtp(0, packets.KeyFrame(500'001));
     client.GetFrameData(&data, sizeof data);
     return data.oversizeFrames > 0;
   }));
@@ -206,15 +199,18 @@ struct Login {
 class Logins : public testing::TestWithParam<Login> {};
 INSTANTIATE_TEST_SUITE_P(
     , Logins,
-    testing::Values(Login{"DigestUdp", ScriptedCamera::Auth::kDigest, kRtspTransportUdp},
-                    Login{"DigestTcp", ScriptedCamera::Auth::kDigest, kRtspTransportInterleaved},
-                    Login{"BasicUdp", ScriptedCamera::Auth::kBasic, kRtspTransportUdp}),
+    testing::Values(Login{"DigestUdp", ScriptedCamera::Auth::kDigest, cms::kRtspTransportUdp},
+                    Login{"DigestTcp", ScriptedCamera::Auth::kDigest,
+                          cms::kRtspTransportInterleaved},
+                    Login{"BasicUdp", ScriptedCamera::Auth::kBasic, cms::kRtspTransportUdp}),
     [](const auto& login) { return login.param.name; });
 
 TEST_P(Logins, LogsInAfterTheChallengeAndSendsNoCredentialsBefore) {
   ScriptedRtspServer server({.auth = GetParam().auth});
   RtspTestClient client;
-  stRTSPClientConfig config = ConfigFor(server.UrlFor("admin", "secret"), GetParam().transport);
+  cms::stRTSPClientConfig config =
+      ConfigFor(server.UrlFor("admin", "secret"), GetParam().transport);
+  config.allowBasic = true;
   ASSERT_EQ(client.SetConfig(&config), 1);
   ASSERT_EQ(client.OpenStream(), 1) << client.GetConnectionStatus().detail;
   const auto requests = server.Requests();
@@ -230,14 +226,15 @@ TEST_P(Logins, LogsInAfterTheChallengeAndSendsNoCredentialsBefore) {
 TEST_P(Logins, AWrongPasswordIsToldApartAndTriedOnceOnly) {
   ScriptedRtspServer server({.auth = GetParam().auth});
   RtspTestClient client;
-  stRTSPClientConfig config = ConfigFor(server.UrlFor("admin", "wrong"), GetParam().transport);
+  cms::stRTSPClientConfig config = ConfigFor(server.UrlFor("admin", "wrong"), GetParam().transport);
+  config.allowBasic = true;
   client.SetConfig(&config);
   ASSERT_EQ(client.KeepOpen(), 1);
   ASSERT_TRUE(WaitFor([&] {
-    return client.GetConnectionStatus().state == ConnectionState::kWaiting &&
-           client.Fault() != ConnectionFault::kNone;
+    return client.GetConnectionStatus().state == cms::ConnectionState::kWaiting &&
+           client.Fault() != cms::ConnectionFault::kNone;
   }));
-  EXPECT_EQ(client.Fault(), ConnectionFault::kPasswordRefused);
+  EXPECT_EQ(client.Fault(), cms::ConnectionFault::kPasswordRefused);
   EXPECT_THAT(client.GetConnectionStatus().detail, Not(HasSubstr("wrong\"")));
   EXPECT_GE(client.GetConnectionStatus().retryInMs, 250'000u) << "no camera locks its account";
   std::size_t logins = 0;
@@ -251,11 +248,8 @@ TEST_P(Logins, AWrongPasswordIsToldApartAndTriedOnceOnly) {
 TEST(CMSRTSPClient, AnAnswersStaleNonceDuringKeepAliveCostsNothing) {
   ScriptedRtspServer server({.session = "abc;timeout=2", .auth = ScriptedCamera::Auth::kDigest});
   RtspTestClient client;
-  stRTSPClientConfig config =
-      ConfigFor(server.UrlFor("admin", "secret"), kRtspTransportInterleaved);
-  client.SetConfig(&config);
-  ASSERT_EQ(client.OpenStream(), 1);
-  client.Play();
+  ASSERT_TRUE(test::Plays(
+      client, ConfigFor(server.UrlFor("admin", "secret"), cms::kRtspTransportInterleaved)));
   server.SetNonce("a-new-nonce");
   H264Packets packets;
   ASSERT_TRUE(WaitFor([&] {
@@ -273,7 +267,7 @@ struct Refusal {
   const char* name;
   const char* method;
   std::function<RtspAnswer(ScriptedRtspServer&, const RtspRequest&)> answer;
-  ConnectionFault fault;
+  cms::ConnectionFault fault;
 };
 
 std::string Status(const RtspRequest& request, int status) {
@@ -282,68 +276,69 @@ std::string Status(const RtspRequest& request, int status) {
 
 const Refusal kRefusals[] = {
     {"NotFound", "DESCRIBE", [](auto&, auto& r) { return Status(r, 404); },
-     ConnectionFault::kNoSuchStream},
+     cms::ConnectionFault::kNoSuchStream},
     {"NotEnoughBandwidth", "SETUP", [](auto&, auto& r) { return Status(r, 453); },
-     ConnectionFault::kCameraFull},
+     cms::ConnectionFault::kCameraFull},
     {"Unavailable", "DESCRIBE", [](auto&, auto& r) { return Status(r, 503); },
-     ConnectionFault::kCameraFull},
+     cms::ConnectionFault::kCameraFull},
     {"UnsupportedTransport", "SETUP", [](auto&, auto& r) { return Status(r, 461); },
-     ConnectionFault::kTransportRefused},
+     cms::ConnectionFault::kTransportRefused},
     {"Forbidden", "DESCRIBE", [](auto&, auto& r) { return Status(r, 403); },
-     ConnectionFault::kPasswordRefused},
+     cms::ConnectionFault::kPasswordRefused},
     {"LoginWithoutCredentials", "DESCRIBE",
      [](auto&, auto& r) {
        return test::RtspResponse(r, 401, "Unauthorized",
                                  {{"WWW-Authenticate", "Basic realm=\"x\""}});
      },
-     ConnectionFault::kPasswordRefused},
+     cms::ConnectionFault::kPasswordRefused},
     {"InternalError", "PLAY", [](auto&, auto& r) { return Status(r, 500); },
-     ConnectionFault::kRefused},
+     cms::ConnectionFault::kRefused},
     {"SilentOptions", "OPTIONS", [](auto&, auto&) { return RtspAnswer(); },
-     ConnectionFault::kNoAnswer},
-    {"SilentPlay", "PLAY", [](auto&, auto&) { return RtspAnswer(); }, ConnectionFault::kNoAnswer},
+     cms::ConnectionFault::kNoAnswer},
+    {"SilentPlay", "PLAY", [](auto&, auto&) { return RtspAnswer(); },
+     cms::ConnectionFault::kNoAnswer},
     {"ClosesAtOptions", "OPTIONS", [](auto&, auto&) { return RtspAnswer().Close(); },
-     ConnectionFault::kClosedByCamera},
+     cms::ConnectionFault::kClosedByCamera},
     {"ResetsAtSetup", "SETUP", [](auto&, auto&) { return RtspAnswer().Reset(); },
-     ConnectionFault::kClosedByCamera},
+     cms::ConnectionFault::kClosedByCamera},
     {"NoBlankLine", "OPTIONS", [](auto&, auto&) { return "RTSP/1.0 200 OK\r\nCSeq: 1\r\n"; },
-     ConnectionFault::kNoAnswer},
+     cms::ConnectionFault::kNoAnswer},
     {"EndlessHeaders", "DESCRIBE",
      [](auto&, auto&) {
        return RtspAnswer("RTSP/1.0 200 OK\r\n")
            .Endless("X-More: " + std::string(1000, 'x') + "\r\n");
      },
-     ConnectionFault::kNoAnswer},
+     cms::ConnectionFault::kNoAnswer},
     {"BodyShorterThanItsLength", "DESCRIBE",
      [](auto& s, auto& r) { return test::WithHeader(s.GoodAnswer(r), "Content-Length", "100000"); },
-     ConnectionFault::kNoAnswer},
+     cms::ConnectionFault::kNoAnswer},
     {"HugeContentLength", "DESCRIBE",
      [](auto& s, auto& r) {
        return test::WithHeader(s.GoodAnswer(r), "Content-Length", "99999999999999");
      },
-     ConnectionFault::kNoAnswer},
+     cms::ConnectionFault::kNoAnswer},
     {"NoDescription", "DESCRIBE", [](auto&, auto& r) { return Status(r, 200); },
-     ConnectionFault::kNoUsableVideo},
+     cms::ConnectionFault::kNoUsableVideo},
     {"UnknownCodec", "DESCRIBE",
      [](auto&, auto& r) {
        return test::RtspResponse(r, 200, "OK", {{"Content-Type", "application/sdp"}},
-                                 "v=0\r\nm=video 0 RTP/AVP 96\r\na=rtpmap:96 H265/90000\r\n");
+                                 "v=0\r\nm=video 0 RTP/AVP 96\r\na=rtpmap:96 H266/90000\r\n");
      },
-     ConnectionFault::kNoUsableVideo},
+     cms::ConnectionFault::kNoUsableVideo},
     {"SessionOfTenKiB", "SETUP",
      [](auto& s, auto& r) {
        return test::WithHeader(s.GoodAnswer(r), "Session", std::string(10240, 'S'));
      },
-     ConnectionFault::kBadAnswer},
+     cms::ConnectionFault::kBadAnswer},
     {"NoSession", "SETUP",
      [](auto& s, auto& r) { return test::WithoutHeader(s.GoodAnswer(r), "Session"); },
-     ConnectionFault::kBadAnswer},
+     cms::ConnectionFault::kBadAnswer},
     {"ImpossiblePorts", "SETUP",
      [](auto& s, auto& r) {
        return test::WithHeader(s.GoodAnswer(r), "Transport",
                                "RTP/AVP;unicast;server_port=70000-70001");
      },
-     ConnectionFault::kBadAnswer},
+     cms::ConnectionFault::kBadAnswer},
 };
 
 class Refusals : public testing::TestWithParam<Refusal> {};
@@ -355,8 +350,8 @@ TEST_P(Refusals, AreNamedAndLeaveNothingBehind) {
   server.On(GetParam().method,
             [&](const RtspRequest& request) { return GetParam().answer(server, request); });
   RtspTestClient client;
-  for (const int transport : {kRtspTransportUdp, kRtspTransportInterleaved}) {
-    stRTSPClientConfig config = ConfigFor(server.Url(), transport);
+  for (const int transport : {cms::kRtspTransportUdp, cms::kRtspTransportInterleaved}) {
+    cms::stRTSPClientConfig config = ConfigFor(server.Url(), transport);
     config.answerTimeoutMs = 300;
     client.SetConfig(&config);
     EXPECT_EQ(client.OpenStream(), 0);  // the group's threads and descriptors exist from here on
@@ -372,24 +367,24 @@ TEST_P(Refusals, AreNamedAndLeaveNothingBehind) {
 
 TEST(CMSRTSPClient, NamesWhatIsWrongWithAnAddress) {
   RtspTestClient client;
-  stRTSPClientConfig config = ConfigFor("http://127.0.0.1/", kRtspTransportUdp);
+  cms::stRTSPClientConfig config = ConfigFor("http://127.0.0.1/", cms::kRtspTransportUdp);
   EXPECT_EQ(client.SetConfig(&config), 0);
   EXPECT_EQ(client.OpenStream(), 0);
   config.path = "rtsp://no-such-host.invalid/live";
   EXPECT_EQ(client.SetConfig(&config), 1);
   EXPECT_EQ(client.OpenStream(), 0);
-  EXPECT_EQ(client.Fault(), ConnectionFault::kBadAddress);
+  EXPECT_EQ(client.Fault(), cms::ConnectionFault::kBadAddress);
   config.path = "rtsp://127.0.0.1:1/live";
   client.SetConfig(&config);
   EXPECT_EQ(client.OpenStream(), 0);
-  EXPECT_EQ(client.Fault(), ConnectionFault::kUnreachable);
+  EXPECT_EQ(client.Fault(), cms::ConnectionFault::kUnreachable);
   EXPECT_THAT(client.GetConnectionStatus().detail, HasSubstr("127.0.0.1:1"));
 }
 
 TEST(CMSRTSPClient, BuildsTheUrlOfAnAddressAndAPath) {
   ScriptedRtspServer server;
   RtspTestClient client;
-  stRTSPClientConfig config = ConfigFor("/live", kRtspTransportInterleaved);
+  cms::stRTSPClientConfig config = ConfigFor("/live", cms::kRtspTransportInterleaved);
   config.kind = 1;
   config.address = 0x7F000001;
   config.port = server.Port();
@@ -402,37 +397,46 @@ TEST(CMSRTSPClient, FollowsTheControlAddressesOfTheDescription) {
   struct Case {
     const char* session;
     const char* media;
-    std::string expected;
+    std::string expected;  // by the described rules
+    std::string today;     // else
   };
   ScriptedRtspServer other;
   const std::string url = "rtsp://127.0.0.1";
-  for (const auto& [session, media, expected] :
-       {Case{"a=control:*\r\n", "trackID=0", "{url}/trackID=0"},
-        Case{"a=control:{url}/\r\n", "trackID=0", "{url}/trackID=0"},
-        Case{"", "/trackID=0", "{url}/trackID=0"},
-        Case{"a=control:rtsp://else/\r\n", "{url}/absolute", "{url}/absolute"}}) {
+  const Case cases[] = {
+      {"a=control:*\r\n", "trackID=0", "{url}/trackID=0", "{url}/trackID=0"},
+      {"a=control:{url}/\r\n", "trackID=0", "{url}/trackID=0", "{url}/trackID=0"},
+      {"a=control:part\r\n", "trackID=0", "part/trackID=0", "{url}/part/trackID=0"},
+      {"", "/trackID=0", "{url}/trackID=0", "{server}/trackID=0"},
+      {"a=control:rtsp://else/\r\n", "{url}/absolute", "{url}/absolute", "{url}/absolute"}};
+  for (std::size_t i = 0; i < 2 * std::size(cases); ++i) {
+    const Case& each = cases[i / 2];
+    const bool asSpecified = i % 2 != 0;
     ScriptedRtspServer server;
     const auto fill = [&](std::string text) {
       for (std::size_t at; (at = text.find("{url}")) != std::string::npos;) {
         text.replace(at, 5, server.Url());
       }
+      if (const std::size_t at = text.find("{server}"); at != std::string::npos) {
+        text.replace(at, 8, server.Url().substr(0, server.Url().rfind('/')));
+      }
       return text;
     };
     server.On("DESCRIBE", [&](const RtspRequest& r) {
       return test::RtspResponse(r, 200, "OK", {},
-                                fill(std::string("v=0\r\n") + session +
-                                     "m=video 0 RTP/AVP 26\r\na=control:" + media + "\r\n"));
+                                fill(std::string("v=0\r\n") + each.session +
+                                     "m=video 0 RTP/AVP 26\r\na=control:" + each.media + "\r\n"));
     });
     server.On("SETUP", [&](const RtspRequest& r) {
       return test::RtspResponse(r, 200, "OK", {{"Session", "1"}});
     });
     server.On("PLAY", [&](const RtspRequest& r) { return Status(r, 200); });
     RtspTestClient client;
-    stRTSPClientConfig config = ConfigFor(server.Url(), kRtspTransportUdp);
+    cms::stRTSPClientConfig config = ConfigFor(server.Url(), cms::kRtspTransportUdp);
+    config.todaysCameras = !asSpecified;
     client.SetConfig(&config);
     EXPECT_EQ(client.OpenStream(), 1) << client.GetConnectionStatus().detail;
     ASSERT_EQ(server.Count("SETUP"), 1u);
-    EXPECT_EQ(server.Requests("SETUP")[0].url, fill(expected));
+    EXPECT_EQ(server.Requests("SETUP")[0].url, fill(asSpecified ? each.expected : each.today));
   }
 }
 
@@ -440,7 +444,7 @@ TEST(CMSRTSPClient, ClosingEndsAnOpeningThatWaits) {
   ScriptedRtspServer server;
   server.On("DESCRIBE", [](const RtspRequest&) { return RtspAnswer(); });
   RtspTestClient client;
-  stRTSPClientConfig config = ConfigFor(server.Url(), kRtspTransportInterleaved);
+  cms::stRTSPClientConfig config = ConfigFor(server.Url(), cms::kRtspTransportInterleaved);
   config.answerTimeoutMs = 600'000;
   client.SetConfig(&config);
   int opened = -1;
@@ -449,7 +453,7 @@ TEST(CMSRTSPClient, ClosingEndsAnOpeningThatWaits) {
   client.CloseStream();
   opening.join();
   EXPECT_EQ(opened, 0);
-  EXPECT_EQ(client.Fault(), ConnectionFault::kCancelled);
+  EXPECT_EQ(client.Fault(), cms::ConnectionFault::kCancelled);
   server.On("DESCRIBE", [&](const RtspRequest& r) { return server.GoodAnswer(r); });
   EXPECT_EQ(client.OpenStream(), 1) << "a closed client can be opened again";
 }
@@ -457,7 +461,7 @@ TEST(CMSRTSPClient, ClosingEndsAnOpeningThatWaits) {
 TEST_P(BothTransports, ManyRoundsLeakNothing) {
   ScriptedRtspServer server;
   RtspTestClient client;
-  stRTSPClientConfig config = ConfigFor(server.Url(), GetParam());
+  cms::stRTSPClientConfig config = ConfigFor(server.Url(), GetParam());
   client.SetConfig(&config);
   std::size_t descriptors = 0;
   std::size_t threads = 0;
@@ -483,7 +487,7 @@ TEST(CMSRTSPClient, DecodingThatIsSwitchedOffUnderAFrameStaysOff) {
     RtspTestClient client;
     client.CMSClientBase::SetMustDecode(1);
     client.EnableDecode(0, 0);
-    ASSERT_EQ(client.Channel(0)->InitialCodec(CMS_CODEC_MJPEG), 1);
+    ASSERT_EQ(client.Channel(0)->InitialCodec(cms::CMS_CODEC_MJPEG), 1);
     std::atomic<bool> stop{false};
     std::atomic<int> given{0};
     std::thread receiver([&] {

@@ -22,11 +22,11 @@ class Recorder : public cms::RTSPDemultiplexer::Sink {
  public:
   void OnInterleavedPacket(int type, std::span<const std::uint8_t> frame) override {
     events.push_back(std::to_string(type) + std::string(frame.begin(), frame.end()));
-    last_data = frame.data();
+    lastData = frame.data();
   }
   void OnMessage(std::string_view message) override {
     events.push_back("m" + std::string(message));
-    last_data = message.data();
+    lastData = message.data();
   }
   void OnUnendedMessage(std::string_view message, bool grown) override {
     if (grown) {
@@ -38,18 +38,18 @@ class Recorder : public cms::RTSPDemultiplexer::Sink {
   }
 
   std::vector<std::string> events;
-  const void* last_data = nullptr;
+  const void* lastData = nullptr;
 };
 
-std::string Frame(int channel, const std::string& payload) {
+std::string InterleavedFrame(int channel, const std::string& payload) {
   return {'$', static_cast<char>(channel), static_cast<char>(payload.size() >> 8),
           static_cast<char>(payload.size())};
 }
 std::string Whole(int channel, const std::string& payload) {
-  return Frame(channel, payload) + payload;
+  return InterleavedFrame(channel, payload) + payload;
 }
 
-std::string Answer(int cseq, const std::string& body = "") {
+std::string DemuxAnswer(int cseq, const std::string& body = "") {
   std::string text = "RTSP/1.0 200 OK\r\nCSeq: " + std::to_string(cseq) + "\r\n";
   if (!body.empty()) text += "Content-Length: " + std::to_string(body.size()) + "\r\n";
   return text + "\r\n" + body;
@@ -81,16 +81,34 @@ TEST_F(RTSPDemultiplexerTest, AFrameWaitsForTheNextHeader) {
   EXPECT_EQ(demultiplexer_.SkippedBytes(), 0u);
 }
 
+TEST_F(RTSPDemultiplexerTest, PromptAFrameBehindWhichNothingCameIsDeliveredAtOnce) {
+  demultiplexer_.SetPrompt(true);
+  const std::string first = Whole(0, "video");
+  Add(first);
+  EXPECT_EQ(recorder_.events.size(), 1u);
+  AddByByte(first + DemuxAnswer(5));
+  EXPECT_THAT(recorder_.events, ElementsAre("0" + first, "0" + first, "m" + DemuxAnswer(5)));
+  Add(first + "$\x02");
+  EXPECT_EQ(recorder_.events.size(), 3u) << "what follows is looked at where it is there";
+  Add(std::string("\0\1a", 3) + first);
+  EXPECT_EQ(recorder_.events.size(), 6u);
+  EXPECT_EQ(demultiplexer_.SkippedBytes(), 0u);
+  Add("lost" + first);
+  EXPECT_EQ(recorder_.events.size(), 6u) << "out of step the next header has to be there";
+  Add(first);
+  EXPECT_EQ(recorder_.events.size(), 8u);
+}
+
 TEST_F(RTSPDemultiplexerTest, AnAnswerBehindTheLastPacketIsDeliveredAtOnce) {
   const std::string frame = Whole(1, "rtcp");
-  Add(frame + Answer(5));
-  EXPECT_THAT(recorder_.events, ElementsAre("1" + frame, "m" + Answer(5)));
+  Add(frame + DemuxAnswer(5));
+  EXPECT_THAT(recorder_.events, ElementsAre("1" + frame, "m" + DemuxAnswer(5)));
 
   const std::string request = "SET_PARAMETER * RTSP/1.0\r\nCSeq: 1\r\n\r\n";
-  AddByByte(frame + request + frame + Answer(6));
+  AddByByte(frame + request + frame + DemuxAnswer(6));
   EXPECT_EQ(recorder_.events.size(), 6u);
   EXPECT_EQ(recorder_.events[3], "m" + request);
-  EXPECT_EQ(recorder_.events[5], "m" + Answer(6));
+  EXPECT_EQ(recorder_.events[5], "m" + DemuxAnswer(6));
   EXPECT_EQ(demultiplexer_.SkippedBytes(), 0u);
 }
 
@@ -100,25 +118,27 @@ TEST_F(RTSPDemultiplexerTest, FramesAreParsedInPlace) {
   Add(frame.substr(0, 700));
   Add(segment);
   ASSERT_EQ(recorder_.events.size(), 3u);
-  EXPECT_EQ(recorder_.last_data, segment.data() + 704 + frame.size())
+  EXPECT_EQ(recorder_.lastData, segment.data() + 704 + frame.size())
       << "only the frame that was cut may be put together elsewhere";
 }
 
 TEST_F(RTSPDemultiplexerTest, AFalseFrameStartInLostDataIsSkipped) {
   // The first "$" describes a frame that does not end at a header.
-  const std::string lost = "xx" + Frame(0, "12345678") + "yy";
+  const std::string lost = "xx" + InterleavedFrame(0, "12345678") + "yy";
   const std::string good = Whole(0, "good");
-  Add(lost + good + good + Answer(1));
-  EXPECT_THAT(recorder_.events, ElementsAre("0" + good, "0" + good, "m" + Answer(1)));
+  Add(lost + good + good + DemuxAnswer(1));
+  EXPECT_THAT(recorder_.events, ElementsAre("0" + good, "0" + good, "m" + DemuxAnswer(1)));
   EXPECT_EQ(demultiplexer_.SkippedBytes(), lost.size());
 }
 
 TEST_F(RTSPDemultiplexerTest, StreamsThatNobodySetUpCostNothing) {
   const std::string good = Whole(0, "good");
   const std::string stray = Whole(8, "metadata");
-  Add(good + stray + good + stray + stray + good + stray + Answer(1) + stray + good + Answer(2));
-  EXPECT_THAT(recorder_.events, ElementsAre("0" + good, "0" + good, "0" + good, "m" + Answer(1),
-                                            "0" + good, "m" + Answer(2)));
+  Add(good + stray + good + stray + stray + good + stray + DemuxAnswer(1) + stray + good +
+      DemuxAnswer(2));
+  EXPECT_THAT(recorder_.events,
+              ElementsAre("0" + good, "0" + good, "0" + good, "m" + DemuxAnswer(1), "0" + good,
+                          "m" + DemuxAnswer(2)));
   EXPECT_EQ(demultiplexer_.SkippedBytes(), 0u);
   EXPECT_EQ(demultiplexer_.StrayFrames(), 5u);
 }
@@ -127,31 +147,32 @@ TEST_F(RTSPDemultiplexerTest, TheTalkStreamsChannelsAreItsOwn) {
   demultiplexer_.SetChannels({0, 1, 2, 3, 40, 41});
   const std::string good = Whole(0, "good");
   const std::string report = Whole(41, "report");
-  Add("lost" + good + report + good + Answer(1));
-  EXPECT_THAT(recorder_.events, ElementsAre("0" + good, "5" + report, "0" + good, "m" + Answer(1)));
+  Add("lost" + good + report + good + DemuxAnswer(1));
+  EXPECT_THAT(recorder_.events,
+              ElementsAre("0" + good, "5" + report, "0" + good, "m" + DemuxAnswer(1)));
 }
 
 TEST_F(RTSPDemultiplexerTest, AForeignChannelIsNoHeaderOutOfStepNorWithALargeNumber) {
   const std::string good = Whole(0, "good");
   const std::string stray = Whole(8, "stray");
   // In lost data a "$" with some small number behind it is no frame.
-  Add("lost" + stray + good + good + Answer(1));
-  EXPECT_THAT(recorder_.events, ElementsAre("0" + good, "0" + good, "m" + Answer(1)));
+  Add("lost" + stray + good + good + DemuxAnswer(1));
+  EXPECT_THAT(recorder_.events, ElementsAre("0" + good, "0" + good, "m" + DemuxAnswer(1)));
   EXPECT_EQ(demultiplexer_.SkippedBytes(), 4 + stray.size());
   // In step, 200 is a number that no server gives a stream.
   recorder_.events.clear();
-  const std::string false_start = Whole(200, "false");
-  Add(good + false_start + good + Answer(2));
-  EXPECT_THAT(recorder_.events, ElementsAre("0" + good, "m" + Answer(2)));
+  const std::string falseStart = Whole(200, "false");
+  Add(good + falseStart + good + DemuxAnswer(2));
+  EXPECT_THAT(recorder_.events, ElementsAre("0" + good, "m" + DemuxAnswer(2)));
 }
 
 TEST_F(RTSPDemultiplexerTest, BlankLinesBehindAPacketCostNothing) {
   const std::string good = Whole(0, "good");
   for (const std::string blank : {"\r\n", "\r\n\r\n", "\n", "\n\n\n"}) {
     recorder_.events.clear();
-    AddByByte(good + blank + Answer(1) + blank + good + blank + good + Answer(2));
-    EXPECT_THAT(recorder_.events,
-                ElementsAre("0" + good, "m" + Answer(1), "0" + good, "0" + good, "m" + Answer(2)));
+    AddByByte(good + blank + DemuxAnswer(1) + blank + good + blank + good + DemuxAnswer(2));
+    EXPECT_THAT(recorder_.events, ElementsAre("0" + good, "m" + DemuxAnswer(1), "0" + good,
+                                              "0" + good, "m" + DemuxAnswer(2)));
   }
   EXPECT_EQ(demultiplexer_.SkippedBytes(), 0u);
 }
@@ -160,49 +181,49 @@ TEST_F(RTSPDemultiplexerTest, ADescriptionWithoutALengthLastsUntilTheNextMessage
   demultiplexer_.SetChannels(cms::kNoChannels);
   const std::string head = "RTSP/1.0 200 OK\r\nCSeq: 2\r\n\r\n";
   const std::string text = "v=0\r\nOPTIONAL\r\nm=video 0 RTP/AVP 96\r\n";
-  for (const bool by_byte : {false, true}) {
+  for (const bool byByte : {false, true}) {
     recorder_.events.clear();
     demultiplexer_.ExpectDescription(true);
-    by_byte ? AddByByte(head + text) : Add(head + text);
+    byByte ? AddByByte(head + text) : Add(head + text);
     EXPECT_THAT(recorder_.events, ElementsAre("u" + head + text));
     demultiplexer_.ExpectDescription(false);
-    by_byte ? AddByByte(Answer(3)) : Add(Answer(3));
-    EXPECT_THAT(recorder_.events, ElementsAre("u" + head + text, "m" + Answer(3)));
+    byByte ? AddByByte(DemuxAnswer(3)) : Add(DemuxAnswer(3));
+    EXPECT_THAT(recorder_.events, ElementsAre("u" + head + text, "m" + DemuxAnswer(3)));
   }
   // Only where one is expected, and not an endless one.
-  Add(Answer(4) + Answer(5));
+  Add(DemuxAnswer(4) + DemuxAnswer(5));
   EXPECT_EQ(recorder_.events.size(), 4u);
   demultiplexer_.ExpectDescription(true);
   Add(head);
   for (int i = 0; i < 300; ++i) Add(std::string(1023, 'x') + "\n");
-  Add(Answer(6, "body"));
-  EXPECT_EQ(recorder_.events.back(), "m" + Answer(6, "body"));
+  Add(DemuxAnswer(6, "body"));
+  EXPECT_EQ(recorder_.events.back(), "m" + DemuxAnswer(6, "body"));
   EXPECT_LE(recorder_.events[4].size(), head.size() + 262144 + 1);
   EXPECT_EQ(demultiplexer_.SkippedBytes(), 300 * 1024u - 262144);
 }
 
 TEST_F(RTSPDemultiplexerTest, AnAnswerAmongLostDataIsFound) {
-  Add("garbage RTSP/ RTSP/1" + Answer(7, "body") + Whole(0, "x") + Answer(8));
+  Add("garbage RTSP/ RTSP/1" + DemuxAnswer(7, "body") + Whole(0, "x") + DemuxAnswer(8));
   EXPECT_THAT(recorder_.events,
-              ElementsAre("m" + Answer(7, "body"), "0" + Whole(0, "x"), "m" + Answer(8)));
+              ElementsAre("m" + DemuxAnswer(7, "body"), "0" + Whole(0, "x"), "m" + DemuxAnswer(8)));
 }
 
 TEST_F(RTSPDemultiplexerTest, AHeadWithoutBlankLineCostsNoPacket) {
   const std::string good = Whole(0, "good");
-  Add("RTSP/1.0 200 OK\r\nCSeq: 1\r\n" + good + good + Answer(2));
-  EXPECT_THAT(recorder_.events, ElementsAre("0" + good, "0" + good, "m" + Answer(2)));
+  Add("RTSP/1.0 200 OK\r\nCSeq: 1\r\n" + good + good + DemuxAnswer(2));
+  EXPECT_THAT(recorder_.events, ElementsAre("0" + good, "0" + good, "m" + DemuxAnswer(2)));
 }
 
 TEST_F(RTSPDemultiplexerTest, ABodyLengthThatLiesIsResynchronised) {
   const std::string good = Whole(0, "good");
   const std::string low = "RTSP/1.0 200 OK\r\nContent-Length: 2\r\n\r\nbo";
-  Add(low + "dy" + good + Answer(2));
-  EXPECT_THAT(recorder_.events, ElementsAre("m" + low, "0" + good, "m" + Answer(2)));
+  Add(low + "dy" + good + DemuxAnswer(2));
+  EXPECT_THAT(recorder_.events, ElementsAre("m" + low, "0" + good, "m" + DemuxAnswer(2)));
   EXPECT_EQ(demultiplexer_.SkippedBytes(), 2u);
 
   recorder_.events.clear();
-  Add("RTSP/1.0 200 OK\r\nContent-Length: 262145\r\n\r\n" + good + Answer(3));
-  EXPECT_THAT(recorder_.events, ElementsAre("0" + good, "m" + Answer(3)));
+  Add("RTSP/1.0 200 OK\r\nContent-Length: 262145\r\n\r\n" + good + DemuxAnswer(3));
+  EXPECT_THAT(recorder_.events, ElementsAre("0" + good, "m" + DemuxAnswer(3)));
   EXPECT_EQ(demultiplexer_.OversizeMessages(), 1u);
 }
 
@@ -211,19 +232,19 @@ TEST_F(RTSPDemultiplexerTest, TheLargestMessageAndFrameComeThroughByteByByte) {
   std::string message = "RTSP/1.0 200 OK\r\nContent-Length: 262144\r\nX: ";
   message += std::string(65536 - 4 - message.size(), 'x') + "\r\n\r\n";
   message += std::string(262144, '\n');
-  AddByByte(frame + message + frame + Answer(1));
+  AddByByte(frame + message + frame + DemuxAnswer(1));
   EXPECT_THAT(recorder_.events,
-              ElementsAre("2" + frame, "m" + message, "2" + frame, "m" + Answer(1)));
+              ElementsAre("2" + frame, "m" + message, "2" + frame, "m" + DemuxAnswer(1)));
 }
 
 TEST_F(RTSPDemultiplexerTest, AnEndlessHeadIsCountedAndLeftBehind) {
   demultiplexer_.SetChannels(cms::kNoChannels);
   const std::string endless = "RTSP/1.0 200 OK\r\nX: " + std::string(200000, 'x') + "\r\n";
   for (int i = 0; i < 10; ++i) Add(endless);
-  Add(Answer(3));
+  Add(DemuxAnswer(3));
   EXPECT_EQ(demultiplexer_.OversizeMessages(), 10u);
   ASSERT_FALSE(recorder_.events.empty());
-  EXPECT_EQ(recorder_.events.back(), "m" + Answer(3));
+  EXPECT_EQ(recorder_.events.back(), "m" + DemuxAnswer(3));
 }
 
 TEST_F(RTSPDemultiplexerTest, WithoutChannelsTheStreamIsMessagesOnly) {
@@ -242,10 +263,10 @@ TEST_F(RTSPDemultiplexerTest, WithoutChannelsTheStreamIsMessagesOnly) {
 }
 
 TEST_F(RTSPDemultiplexerTest, ResetForgetsTheTailAndTheChannels) {
-  Add(Frame(0, "half of a frame") + "half");
+  Add(InterleavedFrame(0, "half of a frame") + "half");
   demultiplexer_.Reset();
-  Add(Answer(1) + Whole(0, "x") + Answer(2));
-  EXPECT_THAT(recorder_.events, ElementsAre("m" + Answer(1), "m" + Answer(2)));
+  Add(DemuxAnswer(1) + Whole(0, "x") + DemuxAnswer(2));
+  EXPECT_THAT(recorder_.events, ElementsAre("m" + DemuxAnswer(1), "m" + DemuxAnswer(2)));
 }
 
 TEST_F(RTSPDemultiplexerTest, ChannelsAndCountersAreForAnyThread) {
@@ -347,8 +368,8 @@ TEST(RTSPDemultiplexerStreams, ComeOutIdenticalHoweverTheyAreCut) {
     std::string stream;
     Outcome expected;
     for (int i = 0; i < 40; ++i) streams.AddElement(stream, expected.events);
-    stream += Answer(99);
-    expected.events.push_back("m" + Answer(99));
+    stream += DemuxAnswer(99);
+    expected.events.push_back("m" + DemuxAnswer(99));
     ASSERT_TRUE(Demultiplex(stream, [&] { return streams.SegmentSize(); }) == expected);
   }
 }
@@ -371,11 +392,11 @@ TEST(RTSPDemultiplexerStreams, LossesDoNotDependOnTheCutsAndEnd) {
     // again.
     const std::string good = Whole(30, std::string(1000, '-'));
     for (int i = 0; i < 400; ++i) stream += good;
-    stream += Answer(99);
+    stream += DemuxAnswer(99);
 
     const Outcome whole = Demultiplex(stream, [&] { return stream.size(); });
     ASSERT_TRUE(Demultiplex(stream, [&] { return streams.SegmentSize(); }) == whole);
-    ASSERT_EQ(whole.events.back(), "m" + Answer(99));
+    ASSERT_EQ(whole.events.back(), "m" + DemuxAnswer(99));
     ASSERT_EQ(whole.events[whole.events.size() - 2], "0" + good);
     skipped += whole.skipped;
     oversize += whole.oversize;

@@ -22,8 +22,8 @@ using test::WaitFor;
 
 namespace {
 
-ReconnectPolicy QuickPolicy() {
-  ReconnectPolicy policy;
+cms::ReconnectPolicy QuickPolicy() {
+  cms::ReconnectPolicy policy;
   policy.deadStreamMs = 60'000;
   policy.firstPauseMs = 20;
   policy.longestPauseMs = 100;
@@ -33,30 +33,24 @@ ReconnectPolicy QuickPolicy() {
 TEST(Keeping, SendsGetParameterWithTheBareSessionId) {
   ScriptedRtspServer server({.session = "id-7;timeout=2"});
   RtspTestClient client;
-  stRTSPClientConfig config = ConfigFor(server.Url(), kRtspTransportUdp);
-  client.SetConfig(&config);
-  ASSERT_EQ(client.OpenStream(), 1);
-  client.Play();
+  ASSERT_TRUE(test::Plays(client, ConfigFor(server.Url(), cms::kRtspTransportUdp)));
   ASSERT_TRUE(WaitFor([&] { return server.Count("GET_PARAMETER") >= 2; }));
   const RtspRequest request = server.Requests("GET_PARAMETER")[0];
   EXPECT_EQ(request.text, "GET_PARAMETER " + server.Url() +
-                              " RTSP/1.0\r\nCSeq: " + request.Header("CSeq") +
+                              "/ RTSP/1.0\r\nCSeq: " + request.Header("CSeq") +
                               "\r\nSession: id-7\r\nUser-Agent: Orvanta_CMS v2009.11.02\r\n\r\n");
 }
 
 TEST(Keeping, FallsBackToOptionsWhereGetParameterIsUnknown) {
   for (const bool announced : {true, false}) {
-    ScriptedRtspServer server({.session = "id-7;timeout=2", .knows_get_parameter = false});
+    ScriptedRtspServer server({.session = "id-7;timeout=2", .knowsGetParameter = false});
     if (!announced) {  // the server does not say which methods it knows: the 405 does
       server.Once("OPTIONS", [&](const RtspRequest& r) {
         return test::WithoutHeader(server.GoodAnswer(r), "Public");
       });
     }
     RtspTestClient client;
-    stRTSPClientConfig config = ConfigFor(server.Url(), kRtspTransportInterleaved);
-    client.SetConfig(&config);
-    ASSERT_EQ(client.OpenStream(), 1);
-    client.Play();
+    ASSERT_TRUE(test::Plays(client, ConfigFor(server.Url(), cms::kRtspTransportInterleaved)));
     ASSERT_TRUE(WaitFor([&] { return server.Count("OPTIONS") >= 3; }));
     EXPECT_EQ(server.Count("GET_PARAMETER"), announced ? 0u : 1u);
     EXPECT_EQ(server.Requests("OPTIONS")[1].Header("Session"), "id-7");
@@ -65,12 +59,12 @@ TEST(Keeping, FallsBackToOptionsWhereGetParameterIsUnknown) {
 
 class KeepingBoth : public testing::TestWithParam<int> {};
 INSTANTIATE_TEST_SUITE_P(, KeepingBoth,
-                         testing::Values(kRtspTransportUdp, kRtspTransportInterleaved));
+                         testing::Values(cms::kRtspTransportUdp, cms::kRtspTransportInterleaved));
 
 TEST_P(KeepingBoth, ACameraThatIsSwitchedOffAndOnIsBackWithoutHelp) {
   ScriptedRtspServer server;
   RtspTestClient client;
-  stRTSPClientConfig config = ConfigFor(server.Url(), GetParam());
+  cms::stRTSPClientConfig config = ConfigFor(server.Url(), GetParam());
   client.SetConfig(&config);
   client.SetReconnectPolicy(QuickPolicy());
   ASSERT_EQ(client.OpenStream(), 1);
@@ -87,9 +81,9 @@ TEST_P(KeepingBoth, ACameraThatIsSwitchedOffAndOnIsBackWithoutHelp) {
   for (std::uint32_t round = 1; round <= 3; ++round) {
     ASSERT_TRUE(frameArrives());
     server.Stop();
-    ASSERT_TRUE(
-        WaitFor([&] { return client.GetConnectionStatus().state != ConnectionState::kPlaying; }));
-    ASSERT_TRUE(WaitFor([&] { return client.Fault() == ConnectionFault::kUnreachable; }));
+    ASSERT_TRUE(WaitFor(
+        [&] { return client.GetConnectionStatus().state != cms::ConnectionState::kPlaying; }));
+    ASSERT_TRUE(WaitFor([&] { return client.Fault() == cms::ConnectionFault::kUnreachable; }));
     EXPECT_EQ(client.IsClientPlaying(), 0);
     server.Start();
     ASSERT_TRUE(WaitFor([&] { return client.GetConnectionStatus().reconnects == round; }));
@@ -101,9 +95,9 @@ TEST_P(KeepingBoth, ACameraThatIsSwitchedOffAndOnIsBackWithoutHelp) {
 TEST_P(KeepingBoth, AStreamWithoutPacketsIsDeadAndOpenedAgain) {
   ScriptedRtspServer server;
   RtspTestClient client;
-  stRTSPClientConfig config = ConfigFor(server.Url(), GetParam());
+  cms::stRTSPClientConfig config = ConfigFor(server.Url(), GetParam());
   client.SetConfig(&config);
-  ReconnectPolicy policy = QuickPolicy();
+  cms::ReconnectPolicy policy = QuickPolicy();
   policy.deadStreamMs = 200;
   client.SetReconnectPolicy(policy);
   ASSERT_EQ(client.OpenStream(), 1);
@@ -117,7 +111,7 @@ TEST(Keeping, AForgottenSessionIsOpenedAgain) {
   server.Once("GET_PARAMETER",
               [](const RtspRequest& r) { return test::RtspResponse(r, 454, "Session Not Found"); });
   RtspTestClient client;
-  stRTSPClientConfig config = ConfigFor(server.Url(), kRtspTransportUdp);
+  cms::stRTSPClientConfig config = ConfigFor(server.Url(), cms::kRtspTransportUdp);
   client.SetConfig(&config);
   client.SetReconnectPolicy(QuickPolicy());
   ASSERT_EQ(client.OpenStream(), 1);
@@ -128,24 +122,24 @@ TEST(Keeping, AForgottenSessionIsOpenedAgain) {
 TEST(Keeping, StaysClosedWhenThePolicySaysSoAndAfterCloseStream) {
   ScriptedRtspServer server;
   RtspTestClient client;
-  stRTSPClientConfig config = ConfigFor(server.Url(), kRtspTransportInterleaved);
+  cms::stRTSPClientConfig config = ConfigFor(server.Url(), cms::kRtspTransportInterleaved);
   client.SetConfig(&config);
   client.SetReconnectPolicy(QuickPolicy());
   ASSERT_EQ(client.OpenStream(), 1);
   client.Play();
   client.CloseStream();
   server.CloseConnections();
-  EXPECT_EQ(client.GetConnectionStatus().state, ConnectionState::kClosed);
+  EXPECT_EQ(client.GetConnectionStatus().state, cms::ConnectionState::kClosed);
 
-  ReconnectPolicy once = QuickPolicy();
+  cms::ReconnectPolicy once = QuickPolicy();
   once.enabled = false;
   client.SetReconnectPolicy(once);
   server.On("DESCRIBE",
             [](const RtspRequest& r) { return test::RtspResponse(r, 404, "Not Found"); });
   ASSERT_EQ(client.KeepOpen(), 1);
-  ASSERT_TRUE(WaitFor([&] { return client.Fault() == ConnectionFault::kNoSuchStream; }));
+  ASSERT_TRUE(WaitFor([&] { return client.Fault() == cms::ConnectionFault::kNoSuchStream; }));
   ASSERT_TRUE(
-      WaitFor([&] { return client.GetConnectionStatus().state == ConnectionState::kClosed; }));
+      WaitFor([&] { return client.GetConnectionStatus().state == cms::ConnectionState::kClosed; }));
   EXPECT_EQ(server.Connections().size(), 2u);
 
   server.On("DESCRIBE", [&](const RtspRequest& r) { return server.GoodAnswer(r); });
@@ -156,7 +150,7 @@ TEST(Keeping, StaysClosedWhenThePolicySaysSoAndAfterCloseStream) {
 TEST(Keeping, TakesOverAStreamThatIsOpenAlready) {
   ScriptedRtspServer server;
   RtspTestClient client;
-  stRTSPClientConfig config = ConfigFor(server.Url(), kRtspTransportUdp);
+  cms::stRTSPClientConfig config = ConfigFor(server.Url(), cms::kRtspTransportUdp);
   client.SetConfig(&config);
   ASSERT_EQ(client.OpenStream(), 1);
   EXPECT_EQ(client.KeepOpen(), 1);
@@ -168,23 +162,23 @@ TEST(Keeping, TakesOverAStreamThatIsOpenAlready) {
 TEST_P(KeepingBoth, APausedStreamStaysPausedUntilItIsResumed) {
   ScriptedRtspServer server({.session = "1;timeout=2"});
   RtspTestClient client;
-  stRTSPClientConfig config = ConfigFor(server.Url(), GetParam());
+  cms::stRTSPClientConfig config = ConfigFor(server.Url(), GetParam());
   client.SetConfig(&config);
-  ReconnectPolicy policy = QuickPolicy();
+  cms::ReconnectPolicy policy = QuickPolicy();
   policy.deadStreamMs = 500;
   client.SetReconnectPolicy(policy);
   const auto state = [&] { return client.GetConnectionStatus().state; };
   ASSERT_EQ(client.OpenStream(), 1);
   ASSERT_EQ(client.Pause(), 1) << client.GetConnectionStatus().detail;
   client.Play();
-  EXPECT_EQ(state(), ConnectionState::kPaused);
+  EXPECT_EQ(state(), cms::ConnectionState::kPaused);
   ASSERT_TRUE(WaitFor([&] { return server.Count("GET_PARAMETER") >= 2; })) << "it is kept alive";
   EXPECT_EQ(server.Connections().size(), 1u) << "and not taken for dead";
   EXPECT_EQ(server.Playing(), 0u);
 
   server.CloseConnections();  // what comes back is paused, too
   ASSERT_TRUE(WaitFor([&] { return client.GetConnectionStatus().reconnects == 1; }));
-  EXPECT_EQ(state(), ConnectionState::kPaused);
+  EXPECT_EQ(state(), cms::ConnectionState::kPaused);
   EXPECT_EQ(server.Count("PLAY"), 1u);
   ASSERT_EQ(client.Resume(), 1);
   EXPECT_GE(server.Count("PLAY"), 2u);
@@ -193,7 +187,7 @@ TEST_P(KeepingBoth, APausedStreamStaysPausedUntilItIsResumed) {
       << "resumed, and no packet comes";
   ASSERT_TRUE(WaitFor([&] { return client.Pause() == 1; }));
   server.Stop();
-  ASSERT_TRUE(WaitFor([&] { return state() == ConnectionState::kWaiting; }));
+  ASSERT_TRUE(WaitFor([&] { return state() == cms::ConnectionState::kWaiting; }));
   EXPECT_EQ(client.Resume(), 1) << "taken back while the camera is away";
   server.Start();
   EXPECT_TRUE(WaitFor([&] { return server.Playing() == 1; }));
@@ -202,7 +196,7 @@ TEST_P(KeepingBoth, APausedStreamStaysPausedUntilItIsResumed) {
 TEST_P(KeepingBoth, AStreamThatIsPlayedAgainCanStillBePaused) {
   ScriptedRtspServer server;
   RtspTestClient client;
-  stRTSPClientConfig config = ConfigFor(server.Url(), GetParam());
+  cms::stRTSPClientConfig config = ConfigFor(server.Url(), GetParam());
   client.SetConfig(&config);
   ASSERT_EQ(client.OpenStream(), 1);
   for (int round = 0; round < 3; ++round) {
@@ -219,9 +213,9 @@ TEST(Keeping, AStreamThatTheApplicationOpensMeanwhileIsKeptAtOnce) {
   server.Once("DESCRIBE",
               [](const RtspRequest& r) { return test::RtspResponse(r, 404, "Not Found"); });
   RtspTestClient client;
-  stRTSPClientConfig config = ConfigFor(server.Url(), kRtspTransportInterleaved);
+  cms::stRTSPClientConfig config = ConfigFor(server.Url(), cms::kRtspTransportInterleaved);
   client.SetConfig(&config);
-  ReconnectPolicy policy = QuickPolicy();
+  cms::ReconnectPolicy policy = QuickPolicy();
   policy.firstFullPauseMs = 3'600'000;
   policy.longestFullPauseMs = 3'600'000;
   client.SetReconnectPolicy(policy);
@@ -237,24 +231,24 @@ TEST(Keeping, AStreamThatTheApplicationOpensMeanwhileIsKeptAtOnce) {
 TEST(Keeping, TheStatusSaysWhatIsGoingOnBetweenOpeningAndClosing) {
   ScriptedRtspServer server;
   RtspTestClient client;
-  stRTSPClientConfig config = ConfigFor(server.Url(), kRtspTransportInterleaved);
+  cms::stRTSPClientConfig config = ConfigFor(server.Url(), cms::kRtspTransportInterleaved);
   client.SetConfig(&config);
   const auto state = [&] { return client.GetConnectionStatus().state; };
   ASSERT_EQ(client.OpenStream(), 1);
-  EXPECT_EQ(state(), ConnectionState::kOpen);
+  EXPECT_EQ(state(), cms::ConnectionState::kOpen);
   EXPECT_EQ(client.IsClientPlaying(), 0);
   client.Play();
-  EXPECT_EQ(state(), ConnectionState::kPlaying);
+  EXPECT_EQ(state(), cms::ConnectionState::kPlaying);
   client.StopPlay();
-  EXPECT_EQ(state(), ConnectionState::kOpen);
+  EXPECT_EQ(state(), cms::ConnectionState::kOpen);
   client.CloseStream();
-  EXPECT_EQ(state(), ConnectionState::kClosed);
+  EXPECT_EQ(state(), cms::ConnectionState::kClosed);
 
   server.Stop();
   ASSERT_EQ(client.KeepOpen(), 1);
   ASSERT_TRUE(WaitFor([&] { return client.GetConnectionStatus().retryInMs > 0; }));
   client.StopPlay();
-  EXPECT_EQ(state(), ConnectionState::kClosed) << "no attempt comes any more";
+  EXPECT_EQ(state(), cms::ConnectionState::kClosed) << "no attempt comes any more";
   EXPECT_EQ(client.GetConnectionStatus().retryInMs, 0u);
 }
 
@@ -266,7 +260,7 @@ TEST(Keeping, SilentCamerasDelayNeitherTheOpeningNorTheKeepingOfAHealthyOne) {
   std::vector<std::unique_ptr<RtspTestClient>> clients;
   const auto add = [&](const std::string& url) {
     clients.push_back(std::make_unique<RtspTestClient>());
-    stRTSPClientConfig config = ConfigFor(url, kRtspTransportInterleaved);
+    cms::stRTSPClientConfig config = ConfigFor(url, cms::kRtspTransportInterleaved);
     config.answerTimeoutMs = 600'000;
     clients.back()->SetConfig(&config);
     clients.back()->SetReconnectPolicy(QuickPolicy());
@@ -283,7 +277,7 @@ TEST(Keeping, SilentCamerasDelayNeitherTheOpeningNorTheKeepingOfAHealthyOne) {
   ASSERT_TRUE(WaitFor([&] { return healthy.GetConnectionStatus().reconnects == 1; }));
   for (std::size_t i = 0; i + 1 < clients.size(); ++i) {
     EXPECT_TRUE(WaitFor([&] {
-      return clients[i]->GetConnectionStatus().state == ConnectionState::kOpening;
+      return clients[i]->GetConnectionStatus().state == cms::ConnectionState::kOpening;
     })) << i;
   }
 }
@@ -291,14 +285,14 @@ TEST(Keeping, SilentCamerasDelayNeitherTheOpeningNorTheKeepingOfAHealthyOne) {
 // Many cameras that vanish together must not be opened all at the same moment.
 TEST(Keeping, CamerasThatComeBackTogetherDoNotStorm) {
   ScriptedRtspServer server;
-  ReconnectPolicy policy = QuickPolicy();
+  cms::ReconnectPolicy policy = QuickPolicy();
   policy.firstPauseMs = 2'000;
   policy.longestPauseMs = 4'000;
   std::vector<std::unique_ptr<RtspTestClient>> clients;
   constexpr std::size_t kCameras = 100;
   for (std::size_t i = 0; i < kCameras; ++i) {
     clients.push_back(std::make_unique<RtspTestClient>());
-    stRTSPClientConfig config = ConfigFor(server.Url(), kRtspTransportInterleaved);
+    cms::stRTSPClientConfig config = ConfigFor(server.Url(), cms::kRtspTransportInterleaved);
     clients.back()->SetConfig(&config);
     clients.back()->SetReconnectPolicy(policy);
     ASSERT_EQ(clients.back()->KeepOpen(), 1);

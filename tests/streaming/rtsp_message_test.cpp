@@ -18,6 +18,19 @@ std::string Answer(const std::string& name) {
   return test::ReadDataFile("rtsp/" + name + ".txt");
 }
 
+TEST(RTSPMessage, HeadersThatGoOnInTheNextLineAreJoined) {
+  std::string text =
+      "RTSP/1.0 200 OK\r\nPublic: OPTIONS,\r\n\tDESCRIBE\nContent-Base:\n  "
+      "rtsp://c/live/\r\n\r\nv=0\n x";
+  const std::size_t size = text.size();
+  cms::UnfoldHead(text);
+  EXPECT_EQ(text.size(), size);
+  const RTSPMessage message(text);
+  EXPECT_TRUE(ParsePublic(message.Header("Public"), "DESCRIBE"));
+  EXPECT_EQ(message.Header("Content-Base"), "rtsp://c/live/");
+  EXPECT_EQ(message.Body(), "v=0\n x") << "the body is not a head";
+}
+
 TEST(RTSPMessage, ReadsAnswersOfManyStyles) {
   struct Case {
     const char* file;
@@ -148,6 +161,17 @@ TEST(TransportHeader, TakesPortsChannelsAndSource) {
   EXPECT_EQ(single->interleaved, (Pair{0, 1}));
   EXPECT_EQ(ParseTransport("RTP/AVP;server_port=0-0")->serverPort, (Pair{0, 0}));
   EXPECT_FALSE(ParseTransport("")->serverPort);
+}
+
+TEST(TransportHeader, NamesTheGroupThatIsSentTo) {
+  const auto group = ParseTransport(
+      "RTP/AVP;multicast;destination=239.1.2.3;port=5000-5001;ttl=999;source=192.0.2.1");
+  ASSERT_TRUE(group);
+  EXPECT_TRUE(group->multicast);
+  EXPECT_EQ(group->destination, "239.1.2.3");
+  EXPECT_EQ(group->port, (Pair{5000, 5001}));
+  EXPECT_EQ(group->ttl, 255u);
+  EXPECT_EQ(group->source, "192.0.2.1");
 }
 
 TEST(TransportHeader, RefusesWhatCannotBeFollowed) {

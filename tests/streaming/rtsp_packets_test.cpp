@@ -28,12 +28,12 @@ constexpr char kTalking[] =
     "m=audio 0 RTP/AVP 0\r\na=sendonly\r\na=control:trackID=2\r\n";
 
 // A sender report of 28 bytes without report blocks.
-std::string SenderReport(const std::string& ssrc) {
+std::string PacketSenderReport(const std::string& ssrc) {
   return std::string("\x80\xc8\0\6", 4) + ssrc + std::string(20, '\0');
 }
 
 unsigned LostPackets(const RtspTestClient& client) {
-  CMSFrameData data;
+  cms::CMSFrameData data;
   client.GetFrameData(&data, sizeof data);
   return static_cast<unsigned>(data.lostPackets);
 }
@@ -74,7 +74,7 @@ std::uint16_t ClientPort(const ScriptedRtspServer& server) {
 TEST(RtspPackets, TheCamerasReportsOnTheTalkChannelCostNoPicture) {
   ScriptedRtspServer server({.sdp = kTalking});
   RtspTestClient client;
-  stRTSPClientConfig config = ConfigFor(server.Url(), kRtspTransportInterleaved);
+  cms::stRTSPClientConfig config = ConfigFor(server.Url(), cms::kRtspTransportInterleaved);
   config.talkBack = true;
   client.SetConfig(&config);
   ASSERT_EQ(client.OpenStream(), 1) << client.GetConnectionStatus().detail;
@@ -84,9 +84,9 @@ TEST(RtspPackets, TheCamerasReportsOnTheTalkChannelCostNoPicture) {
   server.SendRtp(0, packets.Picture());
   for (int i = 0; i < 50; ++i) {
     server.SendRtp(0, packets.KeyFrame());
-    server.SendRtcp(2, SenderReport(ssrc));
+    server.SendRtcp(2, PacketSenderReport(ssrc));
     server.SendRtp(0, packets.Picture());
-    server.SendRtp(2, test::RtpPacket({.payload_type = 0}, std::string(160, 's')));
+    server.SendRtp(2, test::RtpText({.payloadType = 0}, std::string(160, 's')));
     server.SendRaw(test::InterleavedBlock(6, "metadata that nobody asked for"));
   }
   server.SendRtp(0, packets.Picture());
@@ -106,10 +106,7 @@ TEST(RtspPackets, TheCamerasReportsOnTheTalkChannelCostNoPicture) {
 TEST(RtspPackets, StrangersAndDoubledDatagramsCostNoPicture) {
   ScriptedRtspServer server;
   RtspTestClient client;
-  stRTSPClientConfig config = ConfigFor(server.Url(), kRtspTransportUdp);
-  client.SetConfig(&config);
-  ASSERT_EQ(client.OpenStream(), 1) << client.GetConnectionStatus().detail;
-  client.Play();
+  ASSERT_TRUE(test::Plays(client, ConfigFor(server.Url(), cms::kRtspTransportUdp)));
   const std::uint16_t port = ClientPort(server);
   const Stranger far("127.0.0.2");
   const Stranger near("127.0.0.1");
@@ -119,10 +116,10 @@ TEST(RtspPackets, StrangersAndDoubledDatagramsCostNoPicture) {
   for (std::size_t i = 0; i < 40; ++i) {
     auto frame = packets.KeyFrame();
     // What a stranger could make look like the stream's own.
-    far.Send(port, test::RtpPacket({.marker = true, .sequence = 40000}, "\x41 no picture of ours"));
+    far.Send(port, test::RtpText({.marker = true, .sequence = 40000}, "\x41 no picture of ours"));
     near.Send(port, std::string("\0\1\0\0", 4) + std::string(16, 'x'));
-    near.Send(port, SenderReport("\x0c\xa3\xe8\xa0"));
-    near.Send(port, test::RtpPacket({.payload_type = 111, .sequence = 30000}, "another type"));
+    near.Send(port, PacketSenderReport("\x0c\xa3\xe8\xa0"));
+    near.Send(port, test::RtpText({.payloadType = 111, .sequence = 30000}, "another type"));
     frame.insert(frame.begin() + 1, frame[0]);
     frame.push_back(frame[2]);
     server.SendRtp(0, frame);
@@ -141,7 +138,7 @@ TEST(RtspPackets, OverUdpTheWayIsOpenedFromTheClientsSide) {
                             r.Header("Transport") + ";source=127.0.0.1;server_port=" + port);
   });
   RtspTestClient client;
-  stRTSPClientConfig config = ConfigFor(server.Url(), kRtspTransportUdp);
+  cms::stRTSPClientConfig config = ConfigFor(server.Url(), cms::kRtspTransportUdp);
   client.SetConfig(&config);
   ASSERT_EQ(client.OpenStream(), 1) << client.GetConnectionStatus().detail;
   sockaddr_in from{};
@@ -157,15 +154,12 @@ TEST(RtspPackets, OverUdpTheWayIsOpenedFromTheClientsSide) {
 
 class ReportsOver : public testing::TestWithParam<int> {};
 INSTANTIATE_TEST_SUITE_P(, ReportsOver,
-                         testing::Values(kRtspTransportUdp, kRtspTransportInterleaved));
+                         testing::Values(cms::kRtspTransportUdp, cms::kRtspTransportInterleaved));
 
 TEST_P(ReportsOver, FollowTheCamerasFirstAndBeginWithoutALoss) {
   ScriptedRtspServer server;
   RtspTestClient client;
-  stRTSPClientConfig config = ConfigFor(server.Url(), GetParam());
-  client.SetConfig(&config);
-  ASSERT_EQ(client.OpenStream(), 1) << client.GetConnectionStatus().detail;
-  client.Play();
+  ASSERT_TRUE(test::Plays(client, ConfigFor(server.Url(), GetParam())));
   H264Packets packets;
   const auto sendFrame = [&] {
     server.SendRtp(0, packets.KeyFrame());
@@ -175,17 +169,22 @@ TEST_P(ReportsOver, FollowTheCamerasFirstAndBeginWithoutALoss) {
     sendFrame();
     return client.Video().size() > 3;
   }));
-  const auto reports = [&] { return server.RtcpReceived(0) + server.InterleavedReceived().size(); };
+  // Over UDP an empty one has opened the way.
+  const std::size_t opening = GetParam() == cms::kRtspTransportUdp ? 1 : 0;
+  ASSERT_TRUE(WaitFor([&] { return server.RtcpReceived(0) >= opening; }));
+  const auto reports = [&] {
+    return server.RtcpReceived(0) - opening + server.InterleavedReceived().size();
+  };
   EXPECT_EQ(reports(), 0u) << "before the camera's own";
   const std::string ssrc = "\x0c\xa3\xe8\xa0";
   const auto start = std::chrono::steady_clock::now();
   ASSERT_TRUE(WaitFor([&] {
     sendFrame();
-    server.SendRtcp(0, SenderReport(ssrc));
+    server.SendRtcp(0, PacketSenderReport(ssrc));
     return reports() >= 2;
   }));
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(2000));
-  if (GetParam() == kRtspTransportInterleaved) {
+  if (GetParam() == cms::kRtspTransportInterleaved) {
     const std::string report = server.InterleavedReceived()[0];
     ASSERT_EQ(report.size(), 4u + 56);
     EXPECT_EQ(report[1], 1);
@@ -198,7 +197,7 @@ TEST_P(ReportsOver, FollowTheCamerasFirstAndBeginWithoutALoss) {
 TEST(RtspPackets, WhatComesWhileNobodyPlaysIsNotLost) {
   ScriptedRtspServer server;
   RtspTestClient client;
-  stRTSPClientConfig config = ConfigFor(server.Url(), kRtspTransportInterleaved);
+  cms::stRTSPClientConfig config = ConfigFor(server.Url(), cms::kRtspTransportInterleaved);
   client.SetConfig(&config);
   ASSERT_EQ(client.OpenStream(), 1);
   H264Packets packets;
@@ -218,8 +217,8 @@ TEST(RtspPackets, WhatComesWhileNobodyPlaysIsNotLost) {
 }
 
 // The NAL units of an Annex B frame, one RTP packet each.
-std::vector<std::string> PacketsOf(const std::vector<std::uint8_t>& frame,
-                                   std::uint16_t* sequence) {
+std::vector<std::string> RtspPacketsOf(const std::vector<std::uint8_t>& frame,
+                                       std::uint16_t* sequence) {
   const std::string bytes(frame.begin(), frame.end());
   const std::string code("\0\0\1", 3);
   std::vector<std::string> packets;
@@ -230,7 +229,7 @@ std::vector<std::string> PacketsOf(const std::vector<std::uint8_t>& frame,
       unit.pop_back();  // of a 4-byte start code
     }
     packets.push_back(
-        test::RtpPacket({.marker = next == std::string::npos, .sequence = (*sequence)++}, unit));
+        test::RtpText({.marker = next == std::string::npos, .sequence = (*sequence)++}, unit));
     at = next;
   }
   return packets;
@@ -241,10 +240,7 @@ TEST(RtspPackets, ThePictureSizeIsKnownFromTheFirstKeyFrame) {
       {.width = 640, .height = 360, .frames = 4, .gop = 2, .profile = test::ClipProfile::kHigh});
   ScriptedRtspServer server;
   RtspTestClient client;  // nobody decodes
-  stRTSPClientConfig config = ConfigFor(server.Url(), kRtspTransportInterleaved);
-  client.SetConfig(&config);
-  ASSERT_EQ(client.OpenStream(), 1);
-  client.Play();
+  ASSERT_TRUE(test::Plays(client, ConfigFor(server.Url(), cms::kRtspTransportInterleaved)));
   std::uint16_t sequence = 1;
   unsigned width = 0;
   unsigned height = 0;
@@ -252,7 +248,7 @@ TEST(RtspPackets, ThePictureSizeIsKnownFromTheFirstKeyFrame) {
   EXPECT_EQ(width, 0u);
   ASSERT_TRUE(WaitFor([&] {
     for (const auto& frame : clip) {
-      server.SendRtp(0, PacketsOf(frame.data, &sequence));
+      server.SendRtp(0, RtspPacketsOf(frame.data, &sequence));
     }
     client.GetWidthAndHeight(0, &width, &height);
     return width > 0;

@@ -213,9 +213,9 @@ TEST(H264Size, ReadsEveryOrderCountTypeAndRefusesBrokenSets) {
   for (int i = 0; i < 255; ++i) {
     bits.Golomb(0x00FFFFFF);
   }
-  const auto long_set = tail(bits, 640, 480);
-  EXPECT_GT(long_set.Bytes(true).size(), long_set.Bytes(false).size()) << "case lost its point";
-  EXPECT_EQ(size(long_set), (PictureSize{640, 480}));
+  const auto longSet = tail(bits, 640, 480);
+  EXPECT_GT(longSet.Bytes(true).size(), longSet.Bytes(false).size()) << "case lost its point";
+  EXPECT_EQ(size(longSet), (PictureSize{640, 480}));
   bits = head();
   EXPECT_EQ(size(bits.Golomb(1).Put(0, 1).Golomb(5).Golomb(6).Golomb(256).Put(0xFFFFFFFF, 32)),
             (PictureSize{-1, -1}));
@@ -254,13 +254,13 @@ TEST(MjpegSize, KnowsSof0OnlyAndNeverLooksPastTheEnd) {
 }
 
 TEST(SystemTime, IsOneDayLateAndCarriesOver) {
-  const CMSSystemTime epoch{1970, 1, 4, 1, 0, 0, 0, 999};
+  const cms::CMSSystemTime epoch{1970, 1, 4, 1, 0, 0, 0, 999};
   std::int64_t seconds = 0;
   EXPECT_EQ(SystemTimeTotime_t(&epoch, &seconds), 86400);
   EXPECT_EQ(seconds, 86400);
-  const CMSSystemTime leap{2024, 2, 0, 28, 23, 59, 59, 0};
+  const cms::CMSSystemTime leap{2024, 2, 0, 28, 23, 59, 59, 0};
   EXPECT_EQ(cms::SystemTimeToSeconds(leap), 1709251199) << "2024-02-29 23:59:59";
-  const CMSSystemTime late{2039, 12, 0, 31, 0, 0, 0, 0};
+  const cms::CMSSystemTime late{2039, 12, 0, 31, 0, 0, 0, 0};
   EXPECT_EQ(cms::SystemTimeToSeconds(late), 2208988800) << "2040-01-01, in any time zone";
 }
 
@@ -270,7 +270,7 @@ TEST(Probes, ReadWhatRealEncodersWrite) {
     const cms::PictureSize size{width, height};
 
     const auto h264 = test::EncodeClip(spec);
-    EXPECT_EQ(cms::VideoTypeOf(h264[0].data), CMS_VIDEO_H264);
+    EXPECT_EQ(cms::VideoTypeOf(h264[0].data), cms::CMS_VIDEO_H264);
     const int sps = cms::H264SpsDataPos(h264[0].data);
     ASSERT_GT(sps, 0);
     EXPECT_EQ(cms::H264Size(cms::Bytes(h264[0].data).subspan(static_cast<std::size_t>(sps))), size);
@@ -278,12 +278,12 @@ TEST(Probes, ReadWhatRealEncodersWrite) {
 
     spec.codec = test::ClipCodec::kMjpeg;
     const auto mjpeg = test::EncodeClip(spec);
-    EXPECT_EQ(cms::VideoTypeOf(mjpeg[0].data), CMS_VIDEO_MJPEG);
+    EXPECT_EQ(cms::VideoTypeOf(mjpeg[0].data), cms::CMS_VIDEO_MJPEG);
     EXPECT_EQ(cms::MjpegSize(mjpeg[0].data), size);
 
     spec.codec = test::ClipCodec::kMpeg4;
     const auto mpeg4 = test::EncodeClip(spec);
-    EXPECT_EQ(cms::VideoTypeOf(mpeg4[0].data), CMS_VIDEO_MPEG4);
+    EXPECT_EQ(cms::VideoTypeOf(mpeg4[0].data), cms::CMS_VIDEO_MPEG4);
     const int vol = cms::Mpeg4VolDataPos(mpeg4[0].data);
     ASSERT_GT(vol, 0);
     EXPECT_EQ(

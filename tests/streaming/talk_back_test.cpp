@@ -9,6 +9,7 @@
 
 #include "tests/support/rtsp_camera.h"
 #include "tests/support/rtsp_test_client.h"
+#include "tests/support/tls_front.h"
 #include "tests/support/wait.h"
 
 namespace {
@@ -26,7 +27,7 @@ TEST(TalkBack, BackchannelsAreTakenOutOfADescription) {
     EXPECT_EQ(split.viewing, kViewing + metadata);
     EXPECT_EQ(split.talk.payloadType, 8);
     EXPECT_STREQ(split.talk.control, "speak");
-    EXPECT_EQ(cms::TalkBackFormat(split.talk).codecId, CMS_CODEC_PCM_ALAW);
+    EXPECT_EQ(cms::TalkBackFormat(split.talk).codecId, cms::CMS_CODEC_PCM_ALAW);
     EXPECT_EQ(cms::TalkBackFormat(split.talk).sampleRate, 8000u);
   }
   // Of several the first that we can speak; none of what merely looks like one.
@@ -37,7 +38,7 @@ TEST(TalkBack, BackchannelsAreTakenOutOfADescription) {
   EXPECT_EQ(cms::TalkBackFormat(several.talk).channels, 2u);
   EXPECT_EQ(several.viewing, kViewing);
   const std::string other = "m=audio 0 RTP/AVP 0\r\na=sendonlyish\r\ni=a=sendonly\r\n";
-  EXPECT_EQ(cms::SplitTalkBack(kViewing + other).talk.payloadType, kNoPayloadType);
+  EXPECT_EQ(cms::SplitTalkBack(kViewing + other).talk.payloadType, cms::kNoPayloadType);
   EXPECT_EQ(cms::SplitTalkBack(other).viewing, other);
   EXPECT_EQ(cms::SplitTalkBack("").viewing, "");
 }
@@ -80,53 +81,86 @@ TEST(TalkBack, PacketsGoOnWithTheSamplesAndAfterAPauseWithTheClock) {
   EXPECT_GE(word(3, 4) - word(0, 4), 1500u + 16000 * 3 / 10);
 }
 
-class TalkingTo : public testing::TestWithParam<int> {};
+struct TalkWay {
+  int transport;
+  bool tls;
+};
 
-TEST_P(TalkingTo, ACameraIsHeardThereByteByByte) {
-  namespace fs = std::filesystem;
-  const fs::path heard =
-      fs::temp_directory_path() /
-      ("orvanta-heard-" + std::to_string(::getpid()) + std::to_string(GetParam()));
-  fs::remove(heard);
-  std::string said;
-  {
-    const test::RtspCamera camera({"--audio", "pcma", "--talk", heard.string()});
-    test::RtspTestClient client;
-    stRTSPClientConfig config = test::ConfigFor(camera.Url(), GetParam());
-    config.talkBack = true;
-    ASSERT_EQ(client.SetConfig(&config), 1);
-    unsigned char block[160] = {};
-    EXPECT_EQ(client.SendAudioData(block, 160), 0) << "not connected";
-    ASSERT_EQ(client.OpenStream(), 1) << client.GetConnectionStatus().detail;
-    ASSERT_EQ(client.Play(), 1);
-    tCMSAudioPlayerConfig format;
-    ASSERT_EQ(client.GetTalkFormat(&format), 1);
-    EXPECT_EQ(format.codecId, CMS_CODEC_PCM_MULAW);
-    EXPECT_EQ(client.GetAudioEncoding(), "PCMA") << "what is heard from the camera";
-    for (int i = 0; i < 50; ++i) {
-      std::fill(std::begin(block), std::end(block), static_cast<unsigned char>(i));
-      ASSERT_EQ(client.SendAudioData(block, 160), 160);
-      said.append(reinterpret_cast<const char*>(block), 160);
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+class TalkingTo : public testing::TestWithParam<TalkWay> {
+ protected:
+  void TearDown() override { std::filesystem::remove(heard_); }
+
+  // Says a second of sound to a camera of its own; what was said, and what the camera wrote of it.
+  void Talk(std::string& said, std::string& heard) {
+    namespace fs = std::filesystem;
+    said.clear();
+    fs::remove(heard_);
+    {
+      const test::RtspCamera camera({"--audio", "pcma", "--talk", heard_.string()});
+      test::RtspTestClient client;
+      const test::Certificate certificate("127.0.0.1");
+      const test::TlsFront front(camera.Port(), certificate);
+      cms::stRTSPClientConfig config = test::ConfigFor(
+          GetParam().tls ? front.Url(camera.Url()) : camera.Url(), GetParam().transport);
+      config.certificate = cms::CertificateCheck::kPinned;
+      config.certificateFingerprint = certificate.Fingerprint();
+      config.talkBack = true;
+      ASSERT_EQ(client.SetConfig(&config), 1);
+      unsigned char block[160] = {};
+      EXPECT_EQ(client.SendAudioData(block, 160), 0) << "not connected";
+      ASSERT_EQ(client.OpenStream(), 1) << client.GetConnectionStatus().detail;
+      ASSERT_EQ(client.Play(), 1);
+      tCMSAudioPlayerConfig format;
+      ASSERT_EQ(client.GetTalkFormat(&format), 1);
+      EXPECT_EQ(format.codecId, cms::CMS_CODEC_PCM_MULAW);
+      EXPECT_EQ(client.GetAudioEncoding(), "PCMA") << "what is heard from the camera";
+      for (int i = 0; i < 50; ++i) {
+        std::fill(std::begin(block), std::end(block), static_cast<unsigned char>(i));
+        ASSERT_EQ(client.SendAudioData(block, 160), 160);
+        said.append(reinterpret_cast<const char*>(block), 160);
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+      }
+      test::WaitFor([&] {
+        std::error_code ignored;
+        return fs::file_size(heard_, ignored) >= said.size();
+      });
+      EXPECT_TRUE(
+          test::WaitFor([&] { return !client.Video().empty() && !client.Audio().empty(); }));
     }
-    EXPECT_TRUE(test::WaitFor([&] {
-      std::error_code ignored;
-      return fs::file_size(heard, ignored) >= said.size();
-    }));
-    EXPECT_TRUE(test::WaitFor([&] { return !client.Video().empty() && !client.Audio().empty(); }));
+    std::ifstream file(heard_, std::ios::binary);
+    heard.assign(std::istreambuf_iterator<char>(file), {});
   }
-  std::ifstream file(heard, std::ios::binary);
-  EXPECT_EQ(std::string((std::istreambuf_iterator<char>(file)), {}), said);
-  fs::remove(heard);
+
+  const std::filesystem::path heard_ =
+      std::filesystem::temp_directory_path() /
+      ("orvanta-heard-" + std::to_string(::getpid()) + std::to_string(GetParam().transport));
+};
+
+// GStreamer's server now and then never reads the port that it gave for what is said: datagrams
+// stay in its socket (ss -uanp shows them). It is asked anew then, but what it hears is heard
+// whole.
+TEST_P(TalkingTo, ACameraIsHeardThereByteByByte) {
+  std::string said;
+  std::string heard;
+  const int attempts = GetParam().transport == cms::kRtspTransportUdp ? 5 : 1;
+  for (int i = 0; i < attempts && heard.empty(); ++i) {
+    Talk(said, heard);
+    ASSERT_FALSE(HasFailure());
+  }
+  EXPECT_EQ(heard, said);
 }
 
-INSTANTIATE_TEST_SUITE_P(OverUdpAndTcp, TalkingTo,
-                         testing::Values(kRtspTransportUdp, kRtspTransportInterleaved));
+INSTANTIATE_TEST_SUITE_P(OverEach, TalkingTo,
+                         testing::Values(TalkWay{cms::kRtspTransportUdp, false},
+                                         TalkWay{cms::kRtspTransportInterleaved, false},
+                                         TalkWay{cms::kRtspTransportInterleaved, true},
+                                         TalkWay{cms::kRtspTransportHttp, false},
+                                         TalkWay{cms::kRtspTransportHttp, true}));
 
 TEST(TalkBack, ACameraWithoutABackchannelIsViewedAsUsual) {
   const test::RtspCamera camera;
   test::RtspTestClient client;
-  stRTSPClientConfig config = test::ConfigFor(camera.Url(), kRtspTransportInterleaved);
+  cms::stRTSPClientConfig config = test::ConfigFor(camera.Url(), cms::kRtspTransportInterleaved);
   config.talkBack = true;
   client.SetConfig(&config);
   ASSERT_EQ(client.OpenStream(), 1) << client.GetConnectionStatus().detail;

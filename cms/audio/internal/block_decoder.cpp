@@ -1,8 +1,8 @@
 #include "cms/audio/internal/block_decoder.h"
 
 #include <algorithm>
-#include <cstring>
 
+#include "cms/audio/compressed_sound_decoder.h"
 #include "cms/audio/g711_decoders.h"
 #include "cms/audio/ima_adpcm_decoder.h"
 #include "cms/audio/ms_adpcm_decoder.h"
@@ -28,7 +28,8 @@ std::unique_ptr<CAudioDecoderBase> MakeDecoder(std::int32_t codecId) {
     case CMS_CODEC_ADPCM_MS:
       return std::make_unique<MSADPCMDecoder>();
     default:
-      return nullptr;
+      return CompressedSoundDecoder::Knows(codecId) ? std::make_unique<CompressedSoundDecoder>()
+                                                    : nullptr;
   }
 }
 
@@ -47,8 +48,6 @@ BlockDecoder::BlockDecoder(const tCMSAudioPlayerConfig& config)
   decoder_->Initialize(&decoderConfig);
   if (config.codecId == CMS_CODEC_PCM_U8) {
     samples_.resize(config.maximumBlockSize);
-  } else {
-    samples_.resize(std::size_t{config.maximumBlockSize} * 2);  // 4 bytes a byte at most
   }
 }
 
@@ -78,8 +77,7 @@ std::span<const std::int16_t> BlockDecoder::Decode(const unsigned char* block, i
     });
     return std::span(samples_).first(bytes);
   }
-  std::memcpy(samples_.data(), data, bytes);
-  return std::span(samples_).first(bytes / sizeof(std::int16_t));
+  return {reinterpret_cast<const std::int16_t*>(data), bytes / sizeof(std::int16_t)};
 }
 
 }  // namespace cms

@@ -11,7 +11,7 @@
 
 namespace cms {
 
-// For one thread. Allocates in its constructor only.
+// For one thread. Allocates in its constructor only, for AAC until the first block too.
 class BlockDecoder {
  public:
   static bool Knows(std::int32_t codecId);
@@ -26,8 +26,8 @@ class BlockDecoder {
  private:
   const tCMSAudioPlayerConfig config_;
   std::unique_ptr<CAudioDecoderBase> decoder_;
-  std::vector<unsigned char> block_;  // with what decoders read behind it
-  std::vector<std::int16_t> samples_;
+  std::vector<unsigned char> block_;   // with what decoders read behind it
+  std::vector<std::int16_t> samples_;  // of 8-bit sound, which is widened
 };
 
 }  // namespace cms

@@ -5,7 +5,7 @@
 namespace cms {
 namespace {
 
-constexpr std::uint32_t kCorrectionsPerSecond = 10;
+constexpr std::size_t kFramesToCorrection = 800;  // 1,250 ppm, more than clocks differ
 constexpr double kSmoothing = 1.0 / 64;
 // Beyond the wanted delay by so much, waiting for corrections would take minutes.
 constexpr std::uint32_t kIntolerableMs = 300;
@@ -106,7 +106,7 @@ int PlayoutBuffer::Correction(const Run& run, std::size_t deviceFrames) {
   const std::size_t frames = run.samples / run.format.channels + deviceFrames;
   const auto delay = static_cast<double>(frames);
   averageDelay_ = averageDelay_ == 0 ? delay : averageDelay_ + (delay - averageDelay_) * kSmoothing;
-  if (sinceCorrection_ < run.format.sampleRate / kCorrectionsPerSecond) {
+  if (sinceCorrection_ < kFramesToCorrection) {
     return 0;
   }
   const auto wanted = static_cast<double>(Delay(delayMs_, run.format));

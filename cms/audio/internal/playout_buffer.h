@@ -21,8 +21,8 @@ struct PcmFormat {
 //
 // After a silence nothing is given out until the wanted delay has come together. A card that is
 // slower than the camera would pile the sound up over the hours, one that is faster would run dry
-// again and again: about ten times a second one sample more is put into, or left out of, what is
-// given out (spread over its neighbours), until the delay is the wanted one again. A pile beyond
+// again and again: once in 800 samples one more is put into, or left out of, what is given out
+// (spread over its neighbours), until the delay is the wanted one again. A pile beyond
 // what that can mend (a camera that sends a backlog) is cut at its old end.
 //
 // Nothing is allocated after construction.

@@ -13,6 +13,7 @@ GapCause CauseOfFault(ConnectionFault fault) {
     case ConnectionFault::kCameraFull:
     case ConnectionFault::kNoSuchStream:
     case ConnectionFault::kTransportRefused:
+    case ConnectionFault::kCertificateRefused:
     case ConnectionFault::kNoUsableVideo:
     case ConnectionFault::kRefused:
       return GapCause::kCameraRefuses;
@@ -21,6 +22,8 @@ GapCause CauseOfFault(ConnectionFault fault) {
     case ConnectionFault::kCancelled:
       return GapCause::kStreamClosed;
     case ConnectionFault::kStreamDied:
+    case ConnectionFault::kDatagramsLost:
+    case ConnectionFault::kNoFrames:
       return GapCause::kNoPictures;
     case ConnectionFault::kBadAddress:
     case ConnectionFault::kUnreachable:

@@ -18,7 +18,7 @@ namespace cms {
 class DecodeQueue {
  public:
   static constexpr int kMaxFrames = 32;
-  static constexpr std::size_t kMaxBytes = 8U << 20U;
+  static constexpr std::size_t kMaxBytes = 32U << 20U;  // four of the largest frames
 
   struct Frame {
     const std::uint8_t* data;  // followed by kInputPadding zero bytes

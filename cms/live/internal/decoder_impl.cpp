@@ -9,21 +9,21 @@ CMSDecoder::Impl::~Impl() {
   EndThread();
 }
 
-int CMSDecoder::Impl::Create(CMSCodecID codec) {
+int CMSDecoder::Impl::Create(cms::CMSCodecID codec) {
   const ScopeLock guard(lock_);
   const ScopeLock codecGuard(codecLock_);
-  if (codec != CMS_CODEC_NONE && codec_.Codec() == codec) {
+  if (codec != cms::CMS_CODEC_NONE && codec_.Codec() == codec) {
     return 0;
   }
   Close();
   return codec_.Open(codec) ? 0 : 1;
 }
 
-int CMSDecoder::Impl::Reset(CMSCodecID codec, bool sameCodec) {
+int CMSDecoder::Impl::Reset(cms::CMSCodecID codec, bool sameCodec) {
   const ScopeLock guard(lock_);
   const ScopeLock codecGuard(codecLock_);
-  const CMSCodecID open = codec_.Codec();
-  if (open == CMS_CODEC_NONE) {
+  const cms::CMSCodecID open = codec_.Codec();
+  if (open == cms::CMS_CODEC_NONE) {
     return 1;
   }
   Close();
@@ -82,7 +82,7 @@ DECODE_RESULT CMSDecoder::Impl::Decode(const unsigned char* data, int length, in
 cms::VideoCodec::Result CMSDecoder::Impl::Run(const unsigned char* data, int length, int* used) {
   const ScopeLock guard(codecLock_);
   const bool taken =
-      frame_ != nullptr && codec_.Codec() != CMS_CODEC_NONE && data != nullptr && length > 0;
+      frame_ != nullptr && codec_.Codec() != cms::CMS_CODEC_NONE && data != nullptr && length > 0;
   if (used != nullptr) {
     *used = taken ? length : 0;
   }
@@ -96,8 +96,7 @@ cms::VideoCodec::Result CMSDecoder::Impl::Run(const unsigned char* data, int len
 }
 
 DECODE_RESULT CMSDecoder::Impl::Show(DisplayCallback& callback) {
-  const AVFrame& frame = *frame_;
-  const tagSIZE size{frame.width, frame.height};
+  const tagSIZE size{frame_->width, frame_->height};
   const ScopeLock guard(lock_);
   if (frameOpening_ == opening_) {  // else it is the last of a stream that was closed meanwhile
     const bool first = decoded_.cx == 0;
@@ -108,11 +107,50 @@ DECODE_RESULT CMSDecoder::Impl::Show(DisplayCallback& callback) {
     }
   }
   const tagSIZE target = display_.cx > 0 && display_.cy > 0 ? display_ : size;
-  if (!picture_.Convert(frame, static_cast<int>(target.cx), static_cast<int>(target.cy))) {
+  if (!Convert(*frame_, target)) {
     return DECODE_RESULT_ERROR;
   }
   callback = displayCallback_;
   return DECODE_RESULT_PICTURE;
+}
+
+bool CMSDecoder::Impl::Convert(AVFrame& frame, const tagSIZE& size) {
+  const auto width = static_cast<int>(size.cx);
+  const auto height = static_cast<int>(size.cy);
+  planes_ = nullptr;  // what they were may be written over
+  const AVFrame* const seen = look_.Look(frame, width, height);
+  if (seen == nullptr || !planar_) {
+    return seen != nullptr && picture_.Convert(*seen, width, height);
+  }
+  planes_ = look_.In420(*seen);
+  if (planes_ == &frame && kept_ != nullptr) {
+    av_frame_unref(kept_.get());
+    av_frame_move_ref(kept_.get(), &frame);
+    planes_ = kept_.get();
+  }
+  return planes_ != nullptr;
+}
+
+void CMSDecoder::Impl::SetPlanar(bool planar) {
+  const ScopeLock guard(lock_);
+  planar_ = planar;
+}
+
+// As LockImage.
+bool CMSDecoder::Impl::LockPlanes(cms::PlanarPicture* picture) CMS_NO_THREAD_SAFETY_ANALYSIS {
+  lock_.Lock();
+  if (planes_ == nullptr || picture == nullptr) {
+    return false;
+  }
+  picture->width = planes_->width;
+  picture->height = planes_->height;
+  for (int i = 0; i < 3; ++i) {
+    picture->planes[i] = planes_->data[i];
+    picture->strides[i] = planes_->linesize[i];
+  }
+  picture->fullRange = cms::IsFullRange(*planes_);
+  picture->bt709 = planes_->colorspace == AVCOL_SPC_BT709;
+  return true;
 }
 
 void CMSDecoder::Impl::SetDisplaySize(tagSIZE size, DisplayCallback callback) {
@@ -143,7 +181,7 @@ int CMSDecoder::Impl::StartThread() {
   const ScopeLock guard(controlLock_);
   {
     const ScopeLock codecGuard(codecLock_);
-    if (codec_.Codec() == CMS_CODEC_NONE) {
+    if (codec_.Codec() == cms::CMS_CODEC_NONE) {
       return 1;
     }
   }
@@ -188,27 +226,7 @@ void CMSDecoder::Impl::DecodeQueued(ResultCallback callback, void* context) {
   }
 }
 
-void CMSDecoder::Impl::SetFisheye(const stFisheyeParameter& parameter) {
-  const ScopeLock guard(lock_);
-  fisheye_ = parameter;
-}
-
-void CMSDecoder::Impl::SetViewMode(int mode) {
-  const ScopeLock guard(lock_);
-  fisheye_.viewMode = mode;
-}
-
-void CMSDecoder::Impl::SetDewarpPosition(float pan, float tilt) {
-  const ScopeLock guard(lock_);
-  dewarpPosition_ = {pan, tilt};
-}
-
-void CMSDecoder::Impl::SetDewarpZoom(float zoom) {
-  const ScopeLock guard(lock_);
-  dewarpZoom_ = zoom;
-}
-
 int CMSDecoder::Impl::DewarpMode() {
   const ScopeLock guard(lock_);
-  return fisheye_.viewMode;
+  return fisheye_.parameter.viewMode;
 }

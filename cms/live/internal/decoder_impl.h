@@ -6,6 +6,7 @@
 
 #include "cms/live/decoder.h"
 #include "cms/live/internal/decode_queue.h"
+#include "cms/live/media/internal/fisheye_picture.h"
 #include "cms/live/media/internal/picture_converter.h"
 #include "cms/live/media/internal/video_codec.h"
 #include "cms/runtime/critical.h"
@@ -22,8 +23,8 @@ class CMSDecoder::Impl {
   Impl() = default;
   ~Impl();
 
-  int Create(CMSCodecID codec);
-  int Reset(CMSCodecID codec, bool sameCodec);
+  int Create(cms::CMSCodecID codec);
+  int Reset(cms::CMSCodecID codec, bool sameCodec);
   void Release();
   int IsResetNeeded(tagSIZE size);
   DECODE_RESULT Decode(const unsigned char* data, int length, int* used);
@@ -31,6 +32,8 @@ class CMSDecoder::Impl {
   void SetDisplaySize(tagSIZE size, DisplayCallback callback);
   unsigned char* LockImage(tagSIZE* size);
   void UnlockImage();
+  void SetPlanar(bool planar);
+  bool LockPlanes(cms::PlanarPicture* picture);
   tagSIZE DecodedSize();
 
   int StartThread();
@@ -39,10 +42,12 @@ class CMSDecoder::Impl {
   int IsThreadAlive() const { return running_.load(std::memory_order_relaxed) ? 0 : 1; }
   void SetResultCallback(ResultCallback callback, void* context);
 
-  void SetFisheye(const stFisheyeParameter& parameter);
-  void SetViewMode(int mode);
-  void SetDewarpPosition(float pan, float tilt);
-  void SetDewarpZoom(float zoom);
+  template <typename Change>
+  void ChangeFisheye(const Change& change) {
+    const ScopeLock guard(lock_);
+    change(fisheye_);
+    look_.Set(fisheye_);
+  }
   int DewarpMode();
 
  private:
@@ -54,6 +59,7 @@ class CMSDecoder::Impl {
   cms::VideoCodec::Result Run(const unsigned char* data, int length, int* used)
       CMS_REQUIRES(decodeLock_);
   DECODE_RESULT Show(DisplayCallback& callback) CMS_REQUIRES(decodeLock_);
+  bool Convert(AVFrame& frame, const tagSIZE& size) CMS_REQUIRES(lock_);
   void DecodeQueued(ResultCallback callback, void* context);
 
   CMSCritical controlLock_;
@@ -69,12 +75,14 @@ class CMSDecoder::Impl {
   unsigned frameOpening_ CMS_GUARDED_BY(decodeLock_) = 0;
 
   cms::PictureConverter picture_ CMS_GUARDED_BY(lock_);
+  bool planar_ CMS_GUARDED_BY(lock_) = false;
+  std::unique_ptr<AVFrame, FreeFrame> kept_ CMS_GUARDED_BY(lock_){av_frame_alloc()};
+  const AVFrame* planes_ CMS_GUARDED_BY(lock_) = nullptr;  // kept_, or what look_ made of it
   tagSIZE decoded_ CMS_GUARDED_BY(lock_);
   tagSIZE display_ CMS_GUARDED_BY(lock_);
   DisplayCallback displayCallback_ CMS_GUARDED_BY(lock_) = nullptr;
-  stFisheyeParameter fisheye_ CMS_GUARDED_BY(lock_);
-  stDewarpPosition dewarpPosition_ CMS_GUARDED_BY(lock_);
-  float dewarpZoom_ CMS_GUARDED_BY(lock_) = 1;
+  cms::FisheyeSettings fisheye_ CMS_GUARDED_BY(lock_);
+  cms::FisheyePicture look_ CMS_GUARDED_BY(lock_);
 
   cms::DecodeQueue queue_;
   cms::NamedThread thread_ CMS_GUARDED_BY(controlLock_);

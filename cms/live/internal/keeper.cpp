@@ -31,6 +31,7 @@ bool Keeper::Start(bool playing) {
   reconnects_.store(0, std::memory_order_relaxed);
   retryTick_.store(0, std::memory_order_relaxed);
   if (playing) {
+    LogState(LogLevel::kInfo, "the stream plays");
     StartWatching(now);
   } else {
     SetState(ConnectionState::kWaiting);
@@ -79,6 +80,32 @@ void Keeper::SetFault(ConnectionFault fault, std::string detail) {
   status_.detail = std::move(detail);
 }
 
+void Keeper::SetAddress(std::string address) {
+  ScopeLock lock(statusLock_);
+  address_ = std::move(address);
+}
+
+void Keeper::SetSoundProblem(std::string problem) {
+  if (!problem.empty()) {
+    LogState(LogLevel::kWarning, "its sound is left out: " + problem);
+  }
+  ScopeLock lock(statusLock_);
+  status_.sound = std::move(problem);
+}
+
+// The fault's own words stand behind what is said; no lock is held that a camera could keep.
+void Keeper::LogState(LogLevel level, const std::string& what) const {
+  if (!IsLogged(level)) {
+    return;
+  }
+  std::string text;
+  {
+    ScopeLock lock(statusLock_);
+    text = (address_.empty() ? "a camera" : address_) + ": " + what;
+  }
+  Log(level, "connection", text);
+}
+
 void Keeper::SetState(ConnectionState state) {
   ScopeLock lock(statusLock_);
   status_.state = state;
@@ -115,7 +142,11 @@ void Keeper::HandOver(bool watched, std::uint64_t now) {
 void Keeper::StartWatching(std::uint64_t now) {
   openedAt_ = now;
   lastMoved_ = now;
-  lastCount_ = stream_->Counts().packets;
+  lastFrameAt_ = now;
+  const StreamCounts counts = stream_->Counts();
+  lastCount_ = counts.packets;
+  lastFrames_ = counts.frames.value_or(0);
+  soundAlone_ = counts.soundAlone;
 }
 
 std::uint64_t Keeper::OpenTurn(std::uint64_t now) {
@@ -131,11 +162,13 @@ std::uint64_t Keeper::OpenTurn(std::uint64_t now) {
     return retry;
   }
   if (!stream_->OpenForKeeping()) {
+    LogFailure();
     return PauseAfterFailure();
   }
   if (everOpen_) {
     reconnects_.fetch_add(1, std::memory_order_relaxed);
   }
+  LogState(LogLevel::kInfo, everOpen_ ? "the stream plays again" : "the stream plays");
   everOpen_ = true;
   const std::uint64_t opened = TickMilliseconds();
   StartWatching(opened);
@@ -149,9 +182,9 @@ std::uint64_t Keeper::WatchTurn() {
   }
   const std::uint64_t now = TickMilliseconds();  // not before the watching began
   const ReconnectPolicy policy = Policy();
-  const std::uint64_t count = stream_->Counts().packets;
-  if (count != lastCount_ || IsPaused()) {
-    lastCount_ = count;
+  const StreamCounts counts = stream_->Counts();
+  if (counts.packets != lastCount_ || IsPaused()) {
+    lastCount_ = counts.packets;
     lastMoved_ = now;
   }
   if (now - openedAt_ >= policy.settledMs) {
@@ -165,14 +198,60 @@ std::uint64_t Keeper::WatchTurn() {
     SetFault(fault, "no video for " + std::to_string(policy.deadStreamMs / 1000) +
                         " s although the connection stands; opening it again");
   }
+  if (fault == ConnectionFault::kNone && HasNoFrames(now, counts, policy)) {
+    fault = ConnectionFault::kNoFrames;
+  }
   if (fault == ConnectionFault::kNone) {
     // Four looks within the limit notice a dead stream at most a quarter late.
     return now + std::min<std::uint64_t>(nextIn, std::max(policy.deadStreamMs / 4, 1u));
   }
 
+  LogState(LogLevel::kWarning, std::string("the stream is lost: ") + ConnectionFaultName(fault) +
+                                   ": " + Status().detail + "; opening it again");
   isToClose_ = true;
   HandOver(false, now);
   return Turns::kNever;
+}
+
+// Says so in the status while that is so; true when the stream is to be opened anew, for many a
+// camera begins a session with a key picture.
+bool Keeper::HasNoFrames(std::uint64_t now, const StreamCounts& counts,
+                         const ReconnectPolicy& policy) {
+  const bool comes = !counts.frames || *counts.frames != lastFrames_;
+  if (comes || IsPaused()) {
+    lastFrames_ = counts.frames.value_or(0);
+    lastFrameAt_ = now;
+  }
+  // Packets that came since, not the silence behind the last frame.
+  const std::uint64_t without = lastMoved_ - std::min(lastFrameAt_, lastMoved_);
+  const bool none = without >= policy.noFramesMs;
+  if (none != (Status().fault == ConnectionFault::kNoFrames)) {
+    LogState(none ? LogLevel::kWarning : LogLevel::kInfo,
+             none ? "packets come, but no whole picture" : "pictures come");
+    SetFault(none ? ConnectionFault::kNoFrames : ConnectionFault::kNone,
+             none ? "packets come, but no whole picture for " +
+                        std::to_string(policy.noFramesMs / 1000) +
+                        " s; where packets are lost try interleaved TCP, else a shorter key-frame "
+                        "interval or another codec at the camera"
+                  : "");
+  }
+  return without >= policy.framelessMs;
+}
+
+// An error is what does not pass by itself.
+void Keeper::LogFailure() const {
+  const ConnectionStatus status = Status();
+  if (status.fault == ConnectionFault::kCancelled) {
+    return;
+  }
+  const bool lasts = status.fault == ConnectionFault::kPasswordRefused ||
+                     status.fault == ConnectionFault::kBadAddress ||
+                     status.fault == ConnectionFault::kNoSuchStream ||
+                     status.fault == ConnectionFault::kNoUsableVideo ||
+                     status.fault == ConnectionFault::kCertificateRefused;
+  LogState(lasts ? LogLevel::kError : LogLevel::kWarning,
+           std::string("not opened: ") + ConnectionFaultName(status.fault) + ": " + status.detail +
+               (Policy().enabled ? "; tried again by itself" : ""));
 }
 
 std::uint64_t Keeper::PauseAfterFailure() {

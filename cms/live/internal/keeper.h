@@ -11,6 +11,7 @@
 #include "cms/runtime/critical.h"
 #include "cms/runtime/internal/cancel_gate.h"
 #include "cms/runtime/internal/turns.h"
+#include "cms/runtime/log.h"
 
 namespace cms {
 
@@ -30,8 +31,13 @@ class Keeper final {
   ConnectionStatus Status() const;
   void SetFault(ConnectionFault fault, std::string detail);
   void SetState(ConnectionState state);
+  void SetSoundProblem(std::string problem);
+  void SetAddress(std::string address);  // of the camera, as the log calls it
   ReconnectPolicy Policy() const;
   void SetPolicy(const ReconnectPolicy& policy);
+  // Of the stream that is watched: it has no video at all. It asks nobody, so also while the stream
+  // is being destroyed.
+  bool IsSoundAlone() const { return soundAlone_.load(std::memory_order_relaxed); }
   StreamCounts Counts() const { return stream_ != nullptr ? stream_->Counts() : StreamCounts{}; }
 
  private:
@@ -54,10 +60,13 @@ class Keeper final {
 
   std::uint64_t WatchTurn();
   std::uint64_t OpenTurn(std::uint64_t now);
+  void LogFailure() const;
   std::uint64_t PauseAfterFailure();
   void StartWatching(std::uint64_t now);
   bool IsPaused() const;
+  bool HasNoFrames(std::uint64_t now, const StreamCounts& counts, const ReconnectPolicy& policy);
   void HandOver(bool watched, std::uint64_t now);
+  void LogState(LogLevel level, const std::string& what) const;
 
   KeptStream* const stream_;
   CancelGate gate_;
@@ -65,12 +74,14 @@ class Keeper final {
   mutable CMSCritical statusLock_;
   ConnectionStatus status_ CMS_GUARDED_BY(statusLock_);
   ReconnectPolicy policy_ CMS_GUARDED_BY(statusLock_);
+  std::string address_ CMS_GUARDED_BY(statusLock_);
 
   Watching watching_{*this};
   Opening opening_{*this};
   std::atomic<bool> kept_{false};
   std::atomic<bool> gaveUp_{false};  // the policy does not try again: Start may begin anew
   std::atomic<bool> opened_{false};  // by the client application: to be taken over at once
+  std::atomic<bool> soundAlone_{false};
   std::atomic<std::uint32_t> reconnects_{0};
   std::atomic<std::uint64_t> retryTick_{0};
 
@@ -86,6 +97,8 @@ class Keeper final {
   std::uint64_t openedAt_ = 0;
   std::uint64_t lastCount_ = 0;
   std::uint64_t lastMoved_ = 0;
+  std::uint64_t lastFrames_ = 0;
+  std::uint64_t lastFrameAt_ = 0;  // or packet of a stream whose frames are not counted
 };
 
 }  // namespace cms

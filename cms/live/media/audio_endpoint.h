@@ -9,13 +9,14 @@
 
 // The audio settings of a player or a capture.
 struct tCMSAudioPlayerConfig {
-  std::int32_t codecId = CMS_CODEC_PCM_MULAW;  // a CMSCodecID; of the blocks played or captured
-  std::uint32_t sampleRate = 8000;             // samples a second of each channel
-  std::uint32_t channels = 1;                  // 1 or 2, interleaved
-  std::uint32_t maximumBlockSize = 4096;       // bytes of a block; a capture makes 20 ms blocks
-  std::uint32_t channelMode = 0;               // of IMA ADPCM, see IMAADPCMDecoder
-  std::uint32_t delayMs = 120;                 // what a player keeps ready, 20 to 1000
-  std::int32_t device = -1;  // as GetAudioDeviceInfoByAudioType counts; -1: default
+  std::int32_t codecId =
+      cms::CMS_CODEC_PCM_MULAW;           // a CMSCodecID; of the blocks played or captured
+  std::uint32_t sampleRate = 8000;        // samples a second of each channel
+  std::uint32_t channels = 1;             // 1 or 2, interleaved
+  std::uint32_t maximumBlockSize = 4096;  // bytes of a block; a capture makes 20 ms blocks
+  std::uint32_t channelMode = 0;          // of IMA ADPCM, see IMAADPCMDecoder
+  std::uint32_t delayMs = 120;            // what a player keeps ready, 20 to 1000
+  std::int32_t device = -1;               // as GetAudioDeviceInfoByAudioType counts; -1: default
 };
 static_assert(sizeof(tCMSAudioPlayerConfig) == 28);
 

@@ -1,8 +1,10 @@
 #include "cms/live/media/drv_header.h"
 
 #include <algorithm>
+#include <iterator>
 
 #include "cms/live/media/frame_header.h"
+#include "cms/live/media/frame_moment.h"
 
 namespace cms {
 namespace {
@@ -32,6 +34,19 @@ std::uint32_t DrvHeader::AreaLength() const {
 std::uint32_t DrvHeader::PayloadLength() const {
   const std::uint32_t size = Number32(4);
   return IsAudio() ? size : size - std::min(size, kCountedWithVideo);
+}
+
+std::optional<std::int64_t> DrvHeader::TimeUs() const {
+  constexpr std::size_t kVideoPlaces[] = {16, 17, 30};
+  constexpr std::size_t kAudioPlaces[] = {28, 29, 30};
+  std::uint32_t told = 0;
+  for (std::size_t i = 0; i < std::size(kVideoPlaces); ++i) {
+    told |= std::uint32_t{bytes_[IsAudio() ? kAudioPlaces[i] : kVideoPlaces[i]]} << 8 * i;
+  }
+  // Only kind '2' is written with it.
+  return told != kFrameTimeUntold && told <= kMicro && Kind() == '2'
+             ? std::optional(std::int64_t{Seconds()} * kMicro + told - 1)
+             : std::nullopt;
 }
 
 std::uint16_t DrvHeader::Number16(std::size_t offset) const {

@@ -4,6 +4,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 
 #include "cms/live/media/frame_type.h"
@@ -51,6 +52,9 @@ class CMS_API DrvHeader {
   std::uint8_t StreamNumber() const { return bytes_[3] >> 2 & 3; }
   std::uint32_t Seconds() const { return Number32(8); }  // since 1970-01-01 UTC
   std::uint32_t Sequence() const { return Number32(20); }
+  // When the frame was taken, in microseconds since 1970-01-01 UTC, within Seconds(); nothing where
+  // the header tells its second alone. See FrameMoment::timeUs.
+  std::optional<std::int64_t> TimeUs() const;
 
   // Bytes in front of the payload: what the header says for video, which counts the header itself
   // (never less than that), and the header alone for audio.

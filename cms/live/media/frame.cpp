@@ -24,6 +24,7 @@ FrameView FrameOf(const void* header, int headerSize, const void* data, int size
     frame.key = frame.fields.IsKeyFrame();
     frame.audio = frame.fields.IsAudio();
     frame.seconds = frame.fields.Seconds();
+    frame.timeUs = frame.fields.TimeUs().value_or(0);
   }
   return frame;
 }

@@ -14,7 +14,7 @@ namespace cms {
 // a payload: made there once, its header read once, and handed on to recording as it is. The bytes
 // are somebody else's and are valid during the call that hands the frame over.
 //
-// Times are microseconds, of which the header's are whole seconds.
+// Times are microseconds; see FrameMoment for what they mean.
 struct FrameView {
   std::span<const std::uint8_t> header;  // the whole area in front of the payload
   std::span<const std::uint8_t> payload;
@@ -24,7 +24,8 @@ struct FrameView {
   bool key = false;
   bool audio = false;
   std::uint32_t seconds = 0;    // the header's, since 1970-01-01 UTC
-  std::uint64_t arrivalUs = 0;  // of the tick counter (cms::TickMilliseconds); 0: not known
+  std::uint64_t arrivalUs = 0;  // of the tick counter (cms::TickMicroseconds); 0: not known
+  std::int64_t timeUs = 0;      // of our clock, since 1970-01-01 UTC; 0: the header tells seconds
   std::int64_t cameraUs = 0;    // the camera's clock, since 1970-01-01 UTC; 0: not known
 };
 

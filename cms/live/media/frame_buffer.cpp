@@ -156,9 +156,9 @@ long CFrameBuffer::GetWriteRemnantSize() const {
 // Walks this ring's slots, so its writer is kept out as well; two rings are locked in the order of
 // their addresses, in case somebody copies the other way round.
 long CFrameBuffer::BufferCopy(CFrameBuffer* other) {
-  const bool in_order = std::less<>()(this, other);
-  ScopeLock first(in_order ? writeLock_ : other->writeLock_);
-  ScopeLock second(in_order ? other->writeLock_ : writeLock_);
+  const bool inOrder = std::less<>()(this, other);
+  ScopeLock first(inOrder ? writeLock_ : other->writeLock_);
+  ScopeLock second(inOrder ? other->writeLock_ : writeLock_);
   ScopeLock read(readLock_);
   if (slotSize_ == 0 || other->slotSize_ == 0) {
     return 0;

@@ -3,11 +3,14 @@
 #include <algorithm>
 #include <cstring>
 
+#include "cms/live/media/frame_moment.h"
+
 namespace cms {
 namespace {
 
 constexpr std::size_t kHeaderSize = sizeof(DRVFrameHeader);
 constexpr std::size_t kHalf = kHeaderSize / 2;
+constexpr std::size_t kFrameTimeBytes = 3;
 
 // Bytes of the video area, counted from its end.
 constexpr std::size_t kMarkFromEnd = 30;
@@ -22,6 +25,8 @@ std::uint8_t CodecMark(int videoType) {
       return 0xD0;
     case CMS_VIDEO_MPEG4:
       return 0xE0;
+    case CMS_VIDEO_H265:
+      return 0xC0;
     default:
       return 0;
   }
@@ -51,6 +56,11 @@ DRVFrameHeader FirstHalf(const FrameInfo& info, std::uint32_t size, std::uint32_
   return header;
 }
 
+constexpr std::uint32_t FrameTimeOf(const FrameInfo& info) {
+  return info.microseconds ? 1 + std::min(*info.microseconds, std::uint32_t{kMicro} - 1)
+                           : kFrameTimeUntold;
+}
+
 }  // namespace
 
 CMSVideoType VideoTypeOfHeader(std::span<const std::uint8_t> area) {
@@ -58,7 +68,8 @@ CMSVideoType VideoTypeOfHeader(std::span<const std::uint8_t> area) {
     return CMS_VIDEO_UNKNOWN;
   }
   const std::uint8_t mark = area[kVideoHeaderRoom - kCodecMarkFromEnd];
-  for (const CMSVideoType type : {CMS_VIDEO_H264, CMS_VIDEO_MJPEG, CMS_VIDEO_MPEG4}) {
+  for (const CMSVideoType type :
+       {CMS_VIDEO_H264, CMS_VIDEO_MJPEG, CMS_VIDEO_MPEG4, CMS_VIDEO_H265}) {
     if (mark == CodecMark(type)) {
       return type;
     }
@@ -87,6 +98,8 @@ void BuildVideoFrameHeader(std::span<std::uint8_t, kVideoHeaderRoom> area,
       RoundedFrameRate(info.frameRate) << kFlagFrameRateShift | type << kFlagFrameTypeShift);
   header.areaLength = kVideoHeaderRoom;
   header.sequence = info.sequence;
+  header.timeLow = static_cast<std::uint16_t>(FrameTimeOf(info));
+  header.timeHigh = static_cast<std::uint8_t>(FrameTimeOf(info) >> 16);
   std::memset(area.data(), 0, area.size());
   std::memcpy(area.data(), &header, sizeof(header));
   area[kVideoHeaderRoom - kMarkFromEnd] = 1;
@@ -100,7 +113,11 @@ void BuildAudioFrameHeader(std::span<std::uint8_t, kAudioHeaderRoom> area,
   const DRVFrameHeader header = FirstHalf(
       info, info.payloadSize, kFlagAudio | std::uint32_t{kKeyFrame} << kFlagFrameTypeShift);
   std::memcpy(area.data(), &header, sizeof(header));
-  std::memcpy(area.data() + kHalf, &info.format, sizeof(info.format));
+  AudioFormatDescriptor format = info.format;
+  for (std::size_t i = 0; info.microseconds && i < kFrameTimeBytes; ++i) {
+    format.reserved[i] = static_cast<std::uint8_t>(FrameTimeOf(info) >> 8 * i);
+  }
+  std::memcpy(area.data() + kHalf, &format, sizeof(format));
   SealFrameHeader(area);
 }
 

@@ -4,6 +4,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 
 #include "cms/live/media/codec_id.h"
@@ -21,13 +22,13 @@ struct DRVFrameHeader {
   std::uint32_t seconds;        // arrival, since 1970-01-01 UTC
   std::uint8_t flags[3];        // 24-bit word: see cms::FrameHeaderFlag
   std::uint8_t check;           // XOR of bytes 0 to 14
-  std::uint16_t reserved16;     // 0
+  std::uint16_t timeLow;        // video: see cms::kFrameTimeUntold
   std::uint16_t areaLength;     // video: length of the header area, these 32 bytes included
   std::uint32_t sequence;       // video: counts the connection's frames from 1
   std::uint16_t alarmMask;      // recordings: one bit for each channel
   std::uint16_t videoLossMask;  // "
   std::uint16_t eventMask;      // "
-  std::uint8_t reserved30;      // 0
+  std::uint8_t timeHigh;        // video: "
   std::uint8_t secondCheck;     // XOR of bytes 16 to 30
 };
 #pragma pack(pop)
@@ -37,10 +38,10 @@ static_assert(
     offsetof(DRVFrameHeader, version) == 2 && offsetof(DRVFrameHeader, stream) == 3 &&
     offsetof(DRVFrameHeader, size) == 4 && offsetof(DRVFrameHeader, seconds) == 8 &&
     offsetof(DRVFrameHeader, flags) == 12 && offsetof(DRVFrameHeader, check) == 15 &&
-    offsetof(DRVFrameHeader, reserved16) == 16 && offsetof(DRVFrameHeader, areaLength) == 18 &&
+    offsetof(DRVFrameHeader, timeLow) == 16 && offsetof(DRVFrameHeader, areaLength) == 18 &&
     offsetof(DRVFrameHeader, sequence) == 20 && offsetof(DRVFrameHeader, alarmMask) == 24 &&
     offsetof(DRVFrameHeader, videoLossMask) == 26 && offsetof(DRVFrameHeader, eventMask) == 28 &&
-    offsetof(DRVFrameHeader, reserved30) == 30 && offsetof(DRVFrameHeader, secondCheck) == 31);
+    offsetof(DRVFrameHeader, timeHigh) == 30 && offsetof(DRVFrameHeader, secondCheck) == 31);
 
 namespace cms {
 
@@ -57,12 +58,17 @@ enum FrameHeaderFlag : std::uint32_t {
 inline constexpr int kFlagFrameRateShift = 10;  // 6 bits, video only
 inline constexpr int kFlagFrameTypeShift = 16;  // 3 bits; audio: 1
 
+// Where the header's second alone is known. Else these 24 bits are 1 + the microseconds within that
+// second: of video in timeLow and timeHigh, of audio in bytes 28 to 30, the lowest first.
+inline constexpr std::uint32_t kFrameTimeUntold = 0;
+
 struct FrameInfo {
-  std::uint32_t payloadSize = 0;    // bytes, without any header
-  std::int64_t hostSeconds = 0;     // arrival by the host's clock, since 1970-01-01 UTC
-  std::int64_t clockOffset = 0;     // seconds to add to it, the connection's
-  unsigned streamNumber = 0;        // 0 to 3
-  bool announcedOtherRate = false;  // the stream announced a frame rate other than 30
+  std::uint32_t payloadSize = 0;                // bytes, without any header
+  std::int64_t hostSeconds = 0;                 // arrival by the host's clock, since 1970-01-01 UTC
+  std::optional<std::uint32_t> microseconds{};  // within that second, where they are known
+  std::int64_t clockOffset = 0;                 // seconds to add to it, the connection's
+  unsigned streamNumber = 0;                    // 0 to 3
+  bool announcedOtherRate = false;              // the stream announced a frame rate other than 30
 };
 
 struct VideoFrameInfo : FrameInfo {

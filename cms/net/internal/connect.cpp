@@ -45,9 +45,9 @@ int AwaitConnected(int descriptor, int timeout, const WakeUp* cancel) {
 
 }  // namespace
 
-int ConnectWithin(int descriptor, const sockaddr_in& address, int milliseconds,
+int ConnectWithin(int descriptor, const SocketAddress& address, int milliseconds,
                   const WakeUp* cancel) {
-  if (connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+  if (connect(descriptor, address.Pointer(), address.size) == 0) {
     return 0;
   }
   return errno == EINPROGRESS || errno == EINTR ? AwaitConnected(descriptor, milliseconds, cancel)

@@ -6,9 +6,13 @@
 
 namespace {
 
-bool TryStart(Thread& thread) {
+bool TryStart(Thread& thread, bool settles) {
   try {
-    thread.start();
+    if (settles) {
+      thread.start();
+    } else {
+      thread.StartAtOnce();
+    }
     return true;
   } catch (const std::runtime_error&) {  // there is no thread to be had
     return false;
@@ -26,7 +30,7 @@ void EachClientManager::RegisterClient(const cms::IoClient& client) {
     receiver_->RegisterClient(*endpoint);
     sender_->RegisterClient(*endpoint);
   } else {
-    sender_->RegisterClient(std::get<RTCPStep*>(client));
+    sender_->RegisterClient(std::get<cms::RTCPStep*>(client));
   }
 }
 
@@ -35,14 +39,14 @@ void EachClientManager::UnRegisterClient(const cms::IoClient& client) {
     receiver_->UnRegisterClient(*endpoint);
     sender_->UnRegisterClient(*endpoint);
   } else {
-    sender_->UnRegisterClient(std::get<RTCPStep*>(client));
+    sender_->UnRegisterClient(std::get<cms::RTCPStep*>(client));
   }
 }
 
 bool EachClientManager::IsInStepOf(const cms::IoClient& client) const {
   auto* const* const endpoint = std::get_if<cms::SocketEndpoint*>(&client);
   return endpoint != nullptr ? receiver_->IsInStepOf(*endpoint)
-                             : sender_->IsInStepOf(std::get<RTCPStep*>(client));
+                             : sender_->IsInStepOf(std::get<cms::RTCPStep*>(client));
 }
 
 void EachClientManager::WaitForSteps() {
@@ -50,7 +54,7 @@ void EachClientManager::WaitForSteps() {
   sender_->WaitForStep();
 }
 
-EachClientManager::State EachClientManager::start() {
+EachClientManager::State EachClientManager::start(bool settles) {
   if (CurrentState() == State::kStarted) {
     return State::kStarted;
   }
@@ -58,12 +62,17 @@ EachClientManager::State EachClientManager::start() {
   if (CurrentState() != State::kNew || !receiver_->IsUsable() || !sender_->IsUsable()) {
     return CurrentState();
   }
-  // Side by side: each start lasts 100 ms, and a camera's opening waits for both.
   bool receiving = false;
-  cms::NamedThread helper;
-  const bool sending =
-      helper.Start("cms-group", [&] { receiving = TryStart(*receiver_); }) && TryStart(*sender_);
-  helper.Join();
+  bool sending = false;
+  if (settles) {  // side by side: each start lasts 100 ms
+    cms::NamedThread helper;
+    sending = helper.Start("cms-group", [&] { receiving = TryStart(*receiver_, true); }) &&
+              TryStart(*sender_, true);
+    helper.Join();
+  } else {
+    receiving = TryStart(*receiver_, false);
+    sending = receiving && TryStart(*sender_, false);
+  }
   if (!sending || !receiving) {
     sender_->stop();
     receiver_->stop();

@@ -34,8 +34,8 @@ class EachClientManager {
   void WaitForSteps();
 
   // Starts both threads unless that was done, or the pair was stopped: how it stands then. kNew
-  // when the process could not make them.
-  State start();
+  // when the process could not make them. Takes 100 ms where it `settles` them.
+  State start(bool settles);
   void stop();  // at most 10 seconds for each thread
   State CurrentState() const { return state_.load(std::memory_order_acquire); }
   bool IsRunning() const { return receiver_->IsRunning() || sender_->IsRunning(); }

@@ -36,7 +36,7 @@ void EachClientRecvManager::run() {
       UpdateSet();
     }
     if (result.moved && !result.burst) {
-      PauseUntil(start + kBatchInterval);
+      PauseUntil(start + (result.datagrams ? kDatagramInterval : kStreamInterval));
     }
   }
 }
@@ -45,7 +45,7 @@ EachClientRecvManager::PassResult EachClientRecvManager::Dispatch() {
   PassResult result;
   const auto ready = [this](const Entry& entry)
                          CMS_NO_THREAD_SAFETY_ANALYSIS { return IsReady(entry); };
-  for (const std::shared_ptr<Entry>& entry : Snapshot(ready)) {
+  for (Entry* const entry : Snapshot(ready)) {
     if (IsStopRequested()) {
       break;
     }
@@ -53,7 +53,9 @@ EachClientRecvManager::PassResult EachClientRecvManager::Dispatch() {
       continue;  // unregistered by a step before, or given another socket
     }
     const StepInProgress<cms::SocketEndpoint>::Scope running(step_, entry->endpoint);
+    const bool overUdp = entry->endpoint->GetTransport() == cms::SocketEndpoint::Transport::kUdp;
     const cms::SocketEndpoint::Received taken = entry->endpoint->ReceiveStep();
+    result.datagrams = result.datagrams || overUdp;
     result.moved = result.moved || taken.bytes > 0;
     if (entry->endpoint == nullptr) {
       continue;  // unregistered by its own step; the client may be gone

@@ -9,10 +9,12 @@
 class EachClientRecvManager final : public EachClientSRManager {
  public:
   // After a pass that moved data the next wait begins no earlier than this long after that pass
-  // began to wait. Datagrams of many cameras trickle in one by one; taking them in batches of 2 ms
-  // saves most of the waits and wake-ups, and adds little to a picture interval of 33 ms. The first
-  // data after a rest, and everything while a burst lasts, is taken at once.
-  static constexpr std::chrono::microseconds kBatchInterval{2000};
+  // began to wait. Packets of many cameras trickle in one by one; taking them in batches saves most
+  // of the waits and wake-ups, and adds little to a picture interval of 33 ms. The first data after
+  // a rest, and everything while a burst lasts, is taken at once. Datagrams rest for less: what
+  // their socket has no room for is lost, where a connection holds the camera back.
+  static constexpr std::chrono::microseconds kDatagramInterval{2000};
+  static constexpr std::chrono::microseconds kStreamInterval{5000};
 
   explicit EachClientRecvManager(int group);
   ~EachClientRecvManager() override;
@@ -29,6 +31,7 @@ class EachClientRecvManager final : public EachClientSRManager {
 
   struct PassResult {
     bool moved = false;
+    bool datagrams = false;
     bool burst = false;
   };
   PassResult Dispatch() CMS_REQUIRES(lock_);

@@ -10,7 +10,7 @@ EachClientSendManager::~EachClientSendManager() {
   EachClientSRManager::stop();
 }
 
-void EachClientSendManager::RegisterClient(RTCPStep* step) {
+void EachClientSendManager::RegisterClient(cms::RTCPStep* step) {
   const Visitor visitor(*this);
   ScopeLock lock(lock_);
   if (std::ranges::find(rtcpSteps_, step) == rtcpSteps_.end()) {
@@ -19,7 +19,7 @@ void EachClientSendManager::RegisterClient(RTCPStep* step) {
   }
 }
 
-void EachClientSendManager::UnRegisterClient(RTCPStep* step) {
+void EachClientSendManager::UnRegisterClient(cms::RTCPStep* step) {
   const Visitor visitor(*this);
   ScopeLock lock(lock_);
   std::erase(rtcpSteps_, step);
@@ -56,7 +56,7 @@ void EachClientSendManager::Dispatch() {
   const auto canSend = [this](const Entry& entry) CMS_NO_THREAD_SAFETY_ANALYSIS {
     return IsReady(entry) || (!entry.blocked && entry.endpoint->HasPending());
   };
-  for (const std::shared_ptr<Entry>& entry : Snapshot(canSend)) {
+  for (Entry* const entry : Snapshot(canSend)) {
     if (IsStopRequested()) {
       return;
     }
@@ -102,14 +102,14 @@ void EachClientSendManager::CallRtcpSteps() {
   ScopeLock callbacks(receiver_.CallbackLock());
   ScopeLock lock(lock_);
   rtcpSnapshot_ = rtcpSteps_;
-  for (RTCPStep* step : rtcpSnapshot_) {
+  for (cms::RTCPStep* step : rtcpSnapshot_) {
     if (IsStopRequested()) {
       return;
     }
     if (std::ranges::find(rtcpSteps_, step) == rtcpSteps_.end()) {
       continue;  // unregistered by a step before
     }
-    const StepInProgress<RTCPStep>::Scope running(step_, step);
+    const StepInProgress<cms::RTCPStep>::Scope running(step_, step);
     if (step->RTCPProcessNB() < 0) {
       std::erase(rtcpSteps_, step);
     }

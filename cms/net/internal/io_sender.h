@@ -22,13 +22,13 @@ class EachClientSendManager final : public EachClientSRManager {
 
   using EachClientSRManager::RegisterClient;
   using EachClientSRManager::UnRegisterClient;
-  void RegisterClient(RTCPStep* step);
-  void UnRegisterClient(RTCPStep* step);
+  void RegisterClient(cms::RTCPStep* step);
+  void UnRegisterClient(cms::RTCPStep* step);
 
   void run() override;
 
   // Whether that RTCP step is running. Its object may be gone.
-  bool IsInStepOf(const RTCPStep* step) const { return step_.IsOf(step); }
+  bool IsInStepOf(const cms::RTCPStep* step) const { return step_.IsOf(step); }
 
  private:
   bool IsWaitedOn(const Entry& entry) override;
@@ -39,9 +39,9 @@ class EachClientSendManager final : public EachClientSRManager {
   int MillisecondsToRtcp();
 
   EachClientRecvManager& receiver_;
-  StepInProgress<RTCPStep> step_;
-  std::vector<RTCPStep*> rtcpSteps_ CMS_GUARDED_BY(lock_);
-  std::vector<RTCPStep*> rtcpSnapshot_ CMS_GUARDED_BY(lock_);
+  StepInProgress<cms::RTCPStep> step_;
+  std::vector<cms::RTCPStep*> rtcpSteps_ CMS_GUARDED_BY(lock_);
+  std::vector<cms::RTCPStep*> rtcpSnapshot_ CMS_GUARDED_BY(lock_);
   std::chrono::steady_clock::time_point nextRtcp_{};  // this thread's
   bool moreToSend_ = false;                           // this thread's
 };

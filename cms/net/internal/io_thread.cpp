@@ -47,7 +47,7 @@ void EachClientSRManager::RegisterClient(cms::SocketEndpoint* client) {
     const auto place = std::ranges::find_if(clients_, [client](const auto& other) {
       return other->endpoint->GetTransport() > client->GetTransport();
     });
-    clients_.insert(place, std::make_shared<Entry>(Entry{client}));
+    clients_.insert(place, std::make_unique<Entry>(Entry{client}));
     SetSignal(*client, signal_);
   } else {
     FreeSlot(**found);  // it may have another socket by now, even under the same number
@@ -77,12 +77,12 @@ void EachClientSRManager::Remove(const cms::SocketEndpoint* endpoint) {
   if (found == clients_.end()) {
     return;
   }
-  const std::shared_ptr<Entry> entry = *found;
+  Entry& entry = *removed_.emplace_back(std::move(*found));
   clients_.erase(found);
   // At once, since the owner closes the socket next and its number may come back as another's.
-  FreeSlot(*entry);
-  SetSignal(*entry->endpoint, nullptr);
-  entry->endpoint = nullptr;
+  FreeSlot(entry);
+  SetSignal(*entry.endpoint, nullptr);
+  entry.endpoint = nullptr;
   signal_->MarkChanged();
 }
 
@@ -132,7 +132,7 @@ void EachClientSRManager::UpdateSet() {
     return;
   }
   wanted_.clear();
-  for (const std::shared_ptr<Entry>& entry : clients_) {
+  for (const std::unique_ptr<Entry>& entry : clients_) {
     const int descriptor = entry->endpoint->Socket();
     entry->slot = -1;
     if (descriptor < 0) {
@@ -158,7 +158,7 @@ void EachClientSRManager::UpdateSet() {
     item.place = PlaceOf(item.descriptor);
     Watch(slots_[static_cast<std::size_t>(item.place)], item.watched);
   }
-  for (const std::shared_ptr<Entry>& entry : clients_) {
+  for (const std::unique_ptr<Entry>& entry : clients_) {
     if (entry->slot >= 0) {
       entry->slot = wanted_[static_cast<std::size_t>(entry->slot)].place;
     }

@@ -61,7 +61,7 @@ class EachClientSRManager : public Thread {
     int slot = -1;                            // the socket's place in the set; -1: not served
     bool blocked = false;                     // send thread: bytes wait for the system to take them
   };
-  using List = std::vector<std::shared_ptr<Entry>>;
+  using List = std::vector<std::unique_ptr<Entry>>;
 
   // Whose step is running, of those that call somebody. It may have been unregistered by its step,
   // or be gone. Scopes are made and destroyed with the lock held.
@@ -105,11 +105,12 @@ class EachClientSRManager : public Thread {
   // The clients that are served and that the predicate takes, to be walked while the list may
   // change. One at a time.
   template <class Predicate>
-  const List& Snapshot(Predicate predicate) CMS_REQUIRES(lock_) {
+  const std::vector<Entry*>& Snapshot(Predicate predicate) CMS_REQUIRES(lock_) {
     snapshot_.clear();
-    for (const std::shared_ptr<Entry>& entry : clients_) {
+    removed_.clear();
+    for (const std::unique_ptr<Entry>& entry : clients_) {
       if (entry->slot >= 0 && predicate(*entry)) {
-        snapshot_.push_back(entry);
+        snapshot_.push_back(entry.get());
       }
     }
     return snapshot_;
@@ -150,6 +151,7 @@ class EachClientSRManager : public Thread {
   std::atomic<std::uint64_t> passes_{0};
   std::array<epoll_event, kMaxSockets + 1> received_{};  // this thread's
   std::array<Slot, kMaxSockets> slots_ CMS_GUARDED_BY(lock_);
-  List snapshot_ CMS_GUARDED_BY(lock_);
+  std::vector<Entry*> snapshot_ CMS_GUARDED_BY(lock_);
+  List removed_ CMS_GUARDED_BY(lock_);  // which a snapshot may have
   std::vector<Wanted> wanted_ CMS_GUARDED_BY(lock_);
 };

@@ -28,7 +28,9 @@ bool TCPClientBase::Impl::QueueIsFull() {
 cms::SocketEndpoint::Received TCPClientBase::Impl::ReceiveStep() {
   const unsigned begun = Unregistrations();
   Received taken;
-  for (int reads = 0; reads < kReadsPerStep; ++reads) {
+  // What TLS holds has left the socket, and the system does not tell of it again: at the limit that
+  // is given as well.
+  for (int reads = 0; reads < kReadsPerStep || tls != nullptr; ++reads) {
     const int descriptor = Socket();
     if (descriptor < 0) {
       taken.bytes = reads == 0 ? -1 : taken.bytes;  // a callback may have closed it
@@ -37,13 +39,13 @@ cms::SocketEndpoint::Received TCPClientBase::Impl::ReceiveStep() {
     if (param.recvCallback == nullptr && PauseWhenFull()) {
       return taken;
     }
-    const auto got =
-        static_cast<int>(recv(descriptor, recvScratch.get(),
-                              static_cast<std::size_t>(param.recvChunkSize), MSG_DONTWAIT));
+    const bool mayRead = reads < kReadsPerStep;
+    const int got = ReceiveBytes(descriptor, mayRead);
     if (got < 0 && errno == EINTR) {
       continue;
     }
     if (got < 0 && (cms::IsWouldBlock(errno) || errno == 0)) {
+      taken.burst = taken.burst || !mayRead;
       return taken;
     }
     if (got <= 0) {
@@ -63,12 +65,19 @@ cms::SocketEndpoint::Received TCPClientBase::Impl::ReceiveStep() {
     if (taken.bytes >= kBurstBytes) {
       taken.burst = true;
     }
-    if (got < param.recvChunkSize) {
+    if (got < param.recvChunkSize && tls == nullptr) {
       return taken;  // a short read emptied the socket; what comes later makes it ready again
     }
   }
   taken.burst = true;
   return taken;
+}
+
+int TCPClientBase::Impl::ReceiveBytes(int descriptor, bool fromSocket) {
+  return tls != nullptr
+             ? tls->Receive(recvScratch.get(), param.recvChunkSize, fromSocket)
+             : static_cast<int>(recv(descriptor, recvScratch.get(),
+                                     static_cast<std::size_t>(param.recvChunkSize), MSG_DONTWAIT));
 }
 
 bool TCPClientBase::Impl::PauseWhenFull() {

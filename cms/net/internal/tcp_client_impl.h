@@ -7,6 +7,7 @@
 #include "cms/live/media/frame_buffer.h"
 #include "cms/live/media/simple_buffer.h"
 #include "cms/net/internal/socket_endpoint.h"
+#include "cms/net/internal/tls_stream.h"
 #include "cms/net/tcp_client.h"
 #include "cms/runtime/critical.h"
 
@@ -30,6 +31,7 @@ class TCPClientBase::Impl final : public cms::SocketEndpoint {
   std::atomic<bool> sendFailed{false};
   std::unique_ptr<char[]> recvScratch;  // receive thread
   std::unique_ptr<char[]> sendScratch;  // send thread
+  std::unique_ptr<cms::TlsStream> tls;  // none: plain TCP; not changed while registered
   CFrameBuffer recvQueue;
   CMSCritical sendLock;  // the ring takes no lock of its own
   std::unique_ptr<CSimpleBuffer> sendRing CMS_GUARDED_BY(sendLock);
@@ -38,6 +40,7 @@ class TCPClientBase::Impl final : public cms::SocketEndpoint {
   int pendingSendLength CMS_GUARDED_BY(sendLock) = 0;  // unsent bytes in the send scratch
 
  private:
+  int ReceiveBytes(int descriptor, bool fromSocket);
   bool PauseWhenFull();
   void ReportClosed();
   int TakeFromRing();

@@ -4,7 +4,7 @@
 #include <unistd.h>
 
 CTcpCtrl::CTcpCtrl(int descriptor, const sockaddr_in& peer, int stop,
-                   const tTcpServerConfig& config)
+                   const cms::tTcpServerConfig& config)
     : socket_(descriptor),
       peer_(peer),
       sender_(descriptor, stop, config),

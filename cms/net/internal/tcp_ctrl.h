@@ -13,7 +13,7 @@
 class CTcpCtrl {
  public:
   // Owns the socket from here on, but not `stop`.
-  CTcpCtrl(int descriptor, const sockaddr_in& peer, int stop, const tTcpServerConfig& config);
+  CTcpCtrl(int descriptor, const sockaddr_in& peer, int stop, const cms::tTcpServerConfig& config);
   ~CTcpCtrl();  // closes the socket, once its send thread has ended; nobody receives any more
   CTcpCtrl(const CTcpCtrl&) = delete;
   CTcpCtrl& operator=(const CTcpCtrl&) = delete;

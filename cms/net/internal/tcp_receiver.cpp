@@ -8,7 +8,7 @@
 #include "cms/net/internal/socket_io.h"
 #include "cms/net/internal/wait_ready.h"
 
-CTcpReceiver::CTcpReceiver(int descriptor, int stop, const tTcpServerConfig& config)
+CTcpReceiver::CTcpReceiver(int descriptor, int stop, const cms::tTcpServerConfig& config)
     : socket_(descriptor),
       stop_(stop),
       config_(config),

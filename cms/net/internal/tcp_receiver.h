@@ -9,7 +9,7 @@
 class CTcpReceiver {
  public:
   // Neither descriptor is owned; `stop` becomes readable when the server stops.
-  CTcpReceiver(int descriptor, int stop, const tTcpServerConfig& config);
+  CTcpReceiver(int descriptor, int stop, const cms::tTcpServerConfig& config);
 
   // Receives until the peer has closed, the connection has failed or the server stops.
   void Run();
@@ -17,6 +17,6 @@ class CTcpReceiver {
  private:
   const int socket_;
   const int stop_;
-  const tTcpServerConfig& config_;
+  const cms::tTcpServerConfig& config_;
   std::vector<char> scratch_;
 };

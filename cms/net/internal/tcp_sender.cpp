@@ -8,7 +8,7 @@
 
 #include "cms/net/internal/wait_ready.h"
 
-CTcpSender::CTcpSender(int descriptor, int stop, const tTcpServerConfig& config)
+CTcpSender::CTcpSender(int descriptor, int stop, const cms::tTcpServerConfig& config)
     : socket_(descriptor),
       stop_(stop),
       capacity_(static_cast<std::size_t>(config.recvFrameSize) *

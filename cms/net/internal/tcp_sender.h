@@ -19,7 +19,7 @@ class CTcpSender {
   using Block = std::shared_ptr<const std::string>;
 
   // Neither descriptor is owned; `stop` becomes readable when the server stops.
-  CTcpSender(int descriptor, int stop, const tTcpServerConfig& config);
+  CTcpSender(int descriptor, int stop, const cms::tTcpServerConfig& config);
   ~CTcpSender() { Stop(); }
   CTcpSender(const CTcpSender&) = delete;
   CTcpSender& operator=(const CTcpSender&) = delete;

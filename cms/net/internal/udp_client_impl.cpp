@@ -22,10 +22,8 @@ constexpr std::uint64_t kSendStepMilliseconds = 31;
 
 }  // namespace
 
-void UDPClientBase::Impl::Deliver(char* data, int length) {
-  if (config.recvCallback != nullptr && config.recvContext != nullptr) {
-    config.recvCallback(config.recvContext, data, length);
-  } else if (length <= config.recvDatagramSize && recvQueue.Write(data, length, 1) > 0) {
+void UDPClientBase::Impl::Queue(char* data, int length) {
+  if (length <= config.recvDatagramSize && recvQueue.Write(data, length, 1) > 0) {
     queuedReceives.fetch_add(1, std::memory_order_release);
   }
 }
@@ -53,7 +51,11 @@ cms::SocketEndpoint::Received UDPClientBase::Impl::ReceiveStep() {
     }
     for (int i = 0; i < count; ++i) {
       total.bytes += batch.Length(i);
-      Deliver(batch.Data(i), batch.Length(i));
+      if (HasCallback()) {
+        config.recvCallback(config.recvContext, batch.Data(i), batch.Length(i));
+      } else {
+        Queue(batch.Data(i), batch.Length(i));
+      }
       if (Unregistrations() != begun) {
         return total;
       }
@@ -84,8 +86,7 @@ int UDPClientBase::Impl::SendOne(int descriptor) {
     return 0;
   }
   const auto sent = sendto(descriptor, datagram.data(), static_cast<std::size_t>(length),
-                           MSG_DONTWAIT | MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&remote),
-                           sizeof remote);
+                           MSG_DONTWAIT | MSG_NOSIGNAL, remote.Pointer(), remote.size);
   if (sent >= 0) {
     return static_cast<int>(sent);
   }

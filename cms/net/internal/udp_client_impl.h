@@ -1,11 +1,10 @@
 // What stands behind UDPClientBase: its state, and the steps of the I/O threads.
 #pragma once
 
-#include <netinet/in.h>
-
 #include <atomic>
 
 #include "cms/live/media/frame_buffer.h"
+#include "cms/net/internal/socket_address.h"
 #include "cms/net/internal/socket_endpoint.h"
 #include "cms/net/udp_client.h"
 #include "cms/runtime/critical.h"
@@ -20,12 +19,17 @@ class UDPClientBase::Impl final : public cms::SocketEndpoint {
 
   int SendPending();  // UDPClientSend
   int SendOne(int descriptor);
-  void Deliver(char* data, int length);
+  // A datagram goes to the callback, where there is one, else into the queue.
+  bool HasCallback() const {
+    return config.recvCallback != nullptr && config.recvContext != nullptr;
+  }
+  void Queue(char* data, int length);
 
   _UDPCLIENT_CONFIG config;
   std::atomic<int> running{0};
   bool adopted = false;
-  sockaddr_in remote{};
+  cms::SocketAddress remote;
+  bool remoteIsSet = false;  // and not the configuration's
   CFrameBuffer recvQueue;
   std::atomic<int> queuedReceives{0};
   CMSCritical sendLock;  // serialises senders; the queue's reader is the send thread

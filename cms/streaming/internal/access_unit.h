@@ -29,14 +29,19 @@ struct AccessUnit {
   std::span<std::uint8_t> data;
   std::uint32_t timestamp = 0;
   // Decoding can begin here: an IDR (H.264) or IRAP (H.265) picture, an H.264 picture of intra
-  // slices at a recovery point, any JPEG. The parameter sets that it needs are in front of its
-  // slices.
+  // slices at a recovery point, the beginning of a gradual refresh (a recovery point some pictures
+  // ahead, of senders that have no other), any JPEG. The parameter sets that it needs are in front
+  // of its slices.
   bool key = false;
   // Nothing that this picture may refer to is missing: a key picture has come, and all packets
   // since then. What else is done with pictures that are not decodable is the callee's choice.
   bool decodable = false;
   // The size in pixels: set with the first decodable picture, and when it changed.
   std::optional<PictureSize> newSize;
+  // The last SEI unit of kMostMetadata bytes or fewer in it, with its NAL header, without start
+  // code.
+  Bytes metadata;
+  static constexpr std::size_t kMostMetadata = 256;
 };
 
 class AccessUnitSink {

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "cms/live/media/internal/bit_reader.h"
 #include "cms/streaming/internal/annex_b.h"
-#include "cms/streaming/internal/bit_reader.h"
 
 namespace cms {
 namespace {
@@ -14,21 +14,22 @@ void CountOne(std::atomic<std::uint32_t>& counter) {
   counter.store(counter.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
 }
 
-// Whether an SEI unit, from the byte behind its NAL header, has a recovery point at its own picture
-// (ITU-T H.264, D.1.8: recovery_frame_cnt is 0, a set bit).
-bool HasRecoveryPoint(Bytes messages) {
+// Whether an SEI unit, from the byte behind its NAL header, has a recovery point (ITU-T H.264,
+// D.1.8; H.265, D.2.8), and whether that is at its own picture: the count of pictures up to it is 0
+// in both codings, a set bit.
+std::optional<bool> RecoversHere(Bytes messages) {
   constexpr unsigned kRecoveryPoint = 6;
   while (const auto message = ParseSeiMessage(messages)) {
     const Bytes payload = messages.subspan(static_cast<std::size_t>(message->payloadPos));
-    if (message->type == kRecoveryPoint) {
-      return !payload.empty() && (payload[0] & 0x80) != 0;
+    if (message->type == kRecoveryPoint && !payload.empty()) {
+      return (payload[0] & 0x80) != 0;
     }
     if (message->size >= payload.size()) {
       break;
     }
     messages = payload.subspan(message->size);
   }
-  return false;
+  return std::nullopt;
 }
 
 }  // namespace
@@ -157,8 +158,18 @@ void AccessUnitAssembler::LookAtUnit(Bytes unit, bool atFront) {
     unit_.hasSps = unit_.hasSps || IsSps(format_.codec, type);
   } else if (IsDelimiterUnit(format_.codec, type)) {
     unit_.delimiterLength = atFront ? kNalStartCode.size() + unit.size() : 0;
-  } else if (format_.codec == NalCodec::kH264 && type == kH264Sei && HasRecoveryPoint(body)) {
-    unit_.recoveryPoint = true;
+  } else if (IsSei(format_.codec, type)) {
+    LookAtSei(unit);
+  }
+}
+
+void AccessUnitAssembler::LookAtSei(Bytes unit) {
+  if (const auto here = RecoversHere(unit.subspan(NalHeaderSize(format_.codec)))) {
+    (*here ? unit_.recoveryPoint : unit_.refreshBegins) = true;
+  }
+  if (unit.size() <= AccessUnit::kMostMetadata) {
+    unit_.metadataAt = static_cast<std::size_t>(unit.data() - buffer_.Content().data());
+    unit_.metadataLength = unit.size();
   }
 }
 
@@ -189,6 +200,9 @@ void AccessUnitAssembler::LookAtSlice(unsigned type, Bytes body) {
 }
 
 bool AccessUnitAssembler::IsKey() const {
+  if (unit_.refreshBegins) {
+    return true;
+  }
   if (format_.codec == NalCodec::kH264) {
     return unit_.pictureType == kH264IdrSlice || (unit_.recoveryPoint && unit_.intraOnly);
   }
@@ -209,8 +223,9 @@ void AccessUnitAssembler::EndUnit() {
   EndNal();
   unit_.open = false;
   if (unit_.picture) {
-    if (IsWhole(IsKey())) [[likely]] {
-      Deliver();
+    const bool key = IsKey();
+    if (IsWhole(key)) [[likely]] {
+      sink_.OnAccessUnit(Finish(key));
     } else {
       CountOne(dropped_);
       if (unit_.oversize) {
@@ -222,8 +237,7 @@ void AccessUnitAssembler::EndUnit() {
   buffer_.Clear();
 }
 
-void AccessUnitAssembler::Deliver() {
-  const bool key = IsKey();
+AccessUnit AccessUnitAssembler::Finish(bool key) {
   AccessUnit unit;
   unit.timestamp = unit_.timestamp;
   unit.key = key && sets_.Complete();
@@ -231,11 +245,12 @@ void AccessUnitAssembler::Deliver() {
     keysBringSets_ = unit_.hasSps;
     if (NeedsSets() && sets_.Complete()) {
       sets_.WriteAnnexB(buffer_.Insert(unit_.delimiterLength, sets_.AnnexBSize()));
+      unit_.metadataAt += sets_.AnnexBSize();
     }
   }
   const bool h265 = format_.codec == NalCodec::kH265;
   if (unit.key) {
-    const bool isBla = unit_.pictureType <= kH265LastBla;
+    const bool isBla = IsIrap(unit_.pictureType) && unit_.pictureType <= kH265LastBla;
     leadingLost_ = h265 && (!chainWhole_ || isBla);
     chainWhole_ = true;
   }
@@ -246,7 +261,8 @@ void AccessUnitAssembler::Deliver() {
   }
   buffer_.ZeroTail();
   unit.data = buffer_.Content();
-  sink_.OnAccessUnit(unit);
+  unit.metadata = Bytes(unit.data).subspan(unit_.metadataAt, unit_.metadataLength);
+  return unit;
 }
 
 }  // namespace cms

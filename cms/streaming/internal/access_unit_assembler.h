@@ -57,13 +57,16 @@ class AccessUnitAssembler {
     bool beginsWhole = false;  // its first NAL unit is one that an access unit can begin with
     bool damaged = false;
     bool oversize = false;
-    bool picture = false;  // a slice has begun
-    bool recoveryPoint = false;
+    bool picture = false;        // a slice has begun
+    bool recoveryPoint = false;  // here, and
+    bool refreshBegins = false;  // some pictures ahead
     bool intraOnly = true;
     unsigned pictureType = 0;         // NAL type of the first slice
     bool hasSps = false;              // in band
     unsigned setKinds = 0;            // in band: a bit for each type
     std::size_t delimiterLength = 0;  // of a delimiter at its very front, with the start code
+    std::size_t metadataAt = 0;       // in the buffer
+    std::size_t metadataLength = 0;
   };
 
   void AddPiece(const NalPiece& piece);
@@ -72,12 +75,13 @@ class AccessUnitAssembler {
   void Append(Bytes data);
   void Look(Bytes units);
   void LookAtUnit(Bytes unit, bool atFront);
+  void LookAtSei(Bytes unit);
   void LookAtSlice(unsigned type, Bytes body);
   void EndUnit();
   bool IsWhole(bool key) const;
   bool IsKey() const;
   bool NeedsSets() const;
-  void Deliver();
+  AccessUnit Finish(bool key);
 
   AccessUnitSink& sink_;
   const NalFormat format_;

@@ -2,8 +2,6 @@
 
 #include <initializer_list>
 
-#include "cms/runtime/digest.h"
-
 namespace cms {
 namespace {
 
@@ -19,11 +17,15 @@ std::string Joined(std::initializer_list<std::string_view> texts) {
 }  // namespace
 
 std::string DigestResponse(const DigestInput& input) {
-  const std::string ha1 = Md5Hex(Joined({input.username, input.realm, input.password}));
+  const auto hash = input.hash;
+  std::string ha1 = hash(Joined({input.username, input.realm, input.password}));
+  if (input.session) {
+    ha1 = hash(Joined({ha1, input.nonce, input.cnonce}));
+  }
   const std::string request = Joined({input.method, input.uri});
-  if (input.qop.empty()) return Md5Hex(Joined({ha1, input.nonce, Md5Hex(request)}));
-  const std::string ha2 = Md5Hex(input.qop == "auth-int" ? Joined({request, Md5Hex({})}) : request);
-  return Md5Hex(Joined({ha1, input.nonce, input.nc, input.cnonce, input.qop, ha2}));
+  if (input.qop.empty()) return hash(Joined({ha1, input.nonce, hash(request)}));
+  const std::string ha2 = hash(input.qop == "auth-int" ? Joined({request, hash({})}) : request);
+  return hash(Joined({ha1, input.nonce, input.nc, input.cnonce, input.qop, ha2}));
 }
 
 std::string DigestLine(const DigestTexts& texts, std::string_view more) {

@@ -1,8 +1,10 @@
-// What every Digest answer is made of (RFC 2617), with and without "qop".
+// What every Digest answer is made of (RFC 7616, RFC 2617), with and without "qop".
 #pragma once
 
 #include <string>
 #include <string_view>
+
+#include "cms/runtime/digest.h"
 
 namespace cms {
 
@@ -17,9 +19,11 @@ struct DigestInput {
   std::string_view qop = {};  // "auth", "auth-int" of a request without a body, or empty
   std::string_view nc = {};   // these two count with a qop only
   std::string_view cnonce = {};
+  std::string (*hash)(std::string_view) = &Md5Hex;
+  bool session = false;  // "-sess": of the first nonces of both sides; needs a qop
 };
 
-// The "response": 32 lower-case hexadecimal characters.
+// The "response" in lower-case hexadecimal characters: 32 of MD5, 64 of SHA-256.
 std::string DigestResponse(const DigestInput& input);
 
 // The five parameters that every answer has, as they stand between the quotation marks of the line.

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <array>
 
-#include "cms/streaming/internal/bit_reader.h"
+#include "cms/live/media/internal/bit_reader.h"
 
 namespace cms {
 namespace {

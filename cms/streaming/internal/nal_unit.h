@@ -64,6 +64,11 @@ constexpr bool IsDelimiterUnit(NalCodec codec, unsigned type) {
   return codec == NalCodec::kH264 ? type == kH264Delimiter : type == kH265Delimiter;
 }
 
+// Of the SEI units that stand in front of their picture.
+constexpr bool IsSei(NalCodec codec, unsigned type) {
+  return codec == NalCodec::kH264 ? type == kH264Sei : type == kH265PrefixSei;
+}
+
 // The types of the parameter sets lie side by side, each in front of those that refer to it.
 constexpr unsigned FirstSetType(NalCodec codec) {
   return codec == NalCodec::kH264 ? unsigned{kH264Sps} : unsigned{kH265Vps};

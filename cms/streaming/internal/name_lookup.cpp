@@ -1,28 +1,56 @@
 #include "cms/streaming/internal/name_lookup.h"
 
+#include <netdb.h>
 #include <poll.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cstring>
 #include <map>
 #include <memory>
+#include <optional>
+#include <utility>
 #include <vector>
 
+#include "cms/net/internal/socket_address.h"
 #include "cms/runtime/clock.h"
 #include "cms/runtime/critical.h"
 #include "cms/runtime/internal/named_thread.h"
-#include "cms/streaming/rtsp_url.h"
 
 namespace cms {
 namespace {
 
-std::atomic<Resolver> resolver_in_use{nullptr};
+std::atomic<Resolver> resolverInUse{nullptr};
+
+// The system's order (RFC 6724) knows which of them can be reached from here.
+std::vector<IpAddress> ResolveAll(const std::string& host) {
+  addrinfo hints{};
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* found = nullptr;
+  std::vector<IpAddress> addresses;
+  if (getaddrinfo(host.c_str(), nullptr, &hints, &found) != 0) {
+    return addresses;
+  }
+  for (const addrinfo* each = found; each != nullptr; each = each->ai_next) {
+    SocketAddress address;
+    std::memcpy(&address.storage, each->ai_addr,
+                std::min<std::size_t>(each->ai_addrlen, sizeof address.storage));
+    if (const IpAddress ip = address.Address();
+        ip && std::find(addresses.begin(), addresses.end(), ip) == addresses.end()) {
+      addresses.push_back(ip);
+    }
+  }
+  freeaddrinfo(found);
+  return addresses;
+}
 
 // The questions to the resolver that are open, and those who wait for their answers.
 class Questions {
  public:
   struct Question {
     bool answered = false;
-    std::optional<std::uint32_t> address;
+    std::vector<IpAddress> addresses;
     std::vector<std::shared_ptr<WakeUp>> waiting;
   };
 
@@ -54,17 +82,18 @@ class Questions {
     if (!question.answered) {
       return std::nullopt;
     }
-    return question.address ? NameLookup{NameLookup::Outcome::kFound, *question.address}
-                            : NameLookup{NameLookup::Outcome::kNoAddress, 0};
+    return NameLookup{
+        question.addresses.empty() ? NameLookup::Outcome::kNoAddress : NameLookup::Outcome::kFound,
+        question.addresses};
   }
 
  private:
   void Ask(const std::string& host, Question& question) {
-    const Resolver resolver = resolver_in_use.load();
-    const auto address = resolver != nullptr ? resolver(host) : ResolveIPv4(host);
+    const Resolver resolver = resolverInUse.load();
+    auto addresses = resolver != nullptr ? resolver(host) : ResolveAll(host);
     ScopeLock lock(lock_);
     question.answered = true;
-    question.address = address;
+    question.addresses = std::move(addresses);
     for (const auto& waiting : question.waiting) {
       waiting->Signal();
     }
@@ -81,15 +110,15 @@ bool IsReadable(const pollfd& entry) {
 
 }  // namespace
 
-NameLookup LookUpIPv4(const std::string& host, int limitMs, const WakeUp& cancel) {
+NameLookup LookUpHost(const std::string& host, int limitMs, const WakeUp& cancel) {
   using Outcome = NameLookup::Outcome;
-  if (const auto dotted = ParseIPv4(host)) {
-    return {Outcome::kFound, *dotted};
+  if (const auto address = IpAddress::Parse(host)) {
+    return {Outcome::kFound, {*address}};
   }
   const auto answered = std::make_shared<WakeUp>();
   const auto question = Questions::Instance().Join(host, answered);
   if (question == nullptr) {
-    return {Outcome::kNoThread, 0};
+    return {Outcome::kNoThread, {}};
   }
   const std::uint64_t end = TickMilliseconds() + static_cast<std::uint64_t>(limitMs);
   while (true) {
@@ -97,19 +126,19 @@ NameLookup LookUpIPv4(const std::string& host, int limitMs, const WakeUp& cancel
     const std::uint64_t now = TickMilliseconds();
     poll(entries, 2, now < end ? static_cast<int>(end - now) : 0);
     if (IsReadable(entries[1])) {
-      return {Outcome::kCancelled, 0};
+      return {Outcome::kCancelled, {}};
     }
     if (const auto answer = Questions::Instance().AnswerTo(*question)) {
       return *answer;
     }
     if (now >= end) {
-      return {Outcome::kTimeout, 0};
+      return {Outcome::kTimeout, {}};
     }
   }
 }
 
 void SetResolver(Resolver resolver) {
-  resolver_in_use.store(resolver);
+  resolverInUse.store(resolver);
 }
 
 }  // namespace cms

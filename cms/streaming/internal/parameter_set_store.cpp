@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
+#include "cms/live/media/internal/bit_reader.h"
 #include "cms/streaming/internal/annex_b.h"
-#include "cms/streaming/internal/bit_reader.h"
 #include "cms/streaming/internal/h265_parameter_sets.h"
 #include "cms/streaming/internal/picture_size.h"
 

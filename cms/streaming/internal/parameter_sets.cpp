@@ -36,14 +36,20 @@ std::vector<std::uint8_t> DecodeBase64(std::string_view item) {
 
 }  // namespace
 
-ParameterSets DecodeParameterSets(std::string_view list) {
-  ParameterSets sets;
+std::vector<std::vector<std::uint8_t>> DecodeNalUnits(std::string_view list) {
+  std::vector<std::vector<std::uint8_t>> units;
   while (!list.empty()) {
     const std::size_t end = list.find(',');
     std::vector<std::uint8_t> nal = DecodeBase64(Trim(list.substr(0, end)));
     list.remove_prefix(end == std::string_view::npos ? list.size() : end + 1);
-    // A type byte alone is no parameter set.
-    if (nal.size() < 2) continue;
+    if (nal.size() >= 2) units.push_back(std::move(nal));
+  }
+  return units;
+}
+
+ParameterSets DecodeParameterSets(std::string_view list) {
+  ParameterSets sets;
+  for (std::vector<std::uint8_t>& nal : DecodeNalUnits(list)) {
     const int type = nal[0] & 0x1f;
     if (type == kSequenceParameterSet && sets.sps.empty()) {
       sets.sps = std::move(nal);

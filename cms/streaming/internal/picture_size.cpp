@@ -3,8 +3,9 @@
 #include <algorithm>
 #include <array>
 
+#include "cms/live/media/internal/bit_reader.h"
 #include "cms/streaming/internal/annex_b.h"
-#include "cms/streaming/internal/bit_reader.h"
+#include "cms/streaming/internal/h265_parameter_sets.h"
 #include "cms/streaming/internal/nal_unit.h"
 
 namespace cms {
@@ -59,20 +60,22 @@ std::optional<CropUnit> ReadColours(GolombReader& bits) {
   return CropUnit{!grey && format != 3 ? 2u : 1u, !grey && format == 1 ? 2u : 1u};
 }
 
-std::optional<PictureSize> SizeInAnnexB(Bytes frame) {
+// The first sequence parameter set in front of the picture, from behind its NAL header; empty when
+// there is none.
+Bytes SpsInAnnexB(NalCodec codec, Bytes frame) {
   for (std::size_t at = EndOfStartCode(frame, 0); at < frame.size();
        at = EndOfStartCode(frame, at)) {
-    const unsigned type = NalType(NalCodec::kH264, frame[at]);
-    if (type == kH264Sps) {
+    const unsigned type = NalType(codec, frame[at]);
+    if (IsSps(codec, type)) {
       const std::size_t next = EndOfStartCode(frame, at);
       const std::size_t end = next < frame.size() ? next - kShortStartCode : next;
-      return FullH264Size(frame.subspan(at + 1, end - at - 1));
+      return frame.first(end).subspan(std::min(at + NalHeaderSize(codec), end));
     }
-    if (NalPlaceOf(NalCodec::kH264, type) == NalPlace::kPicture) {
+    if (NalPlaceOf(codec, type) == NalPlace::kPicture) {
       break;
     }
   }
-  return std::nullopt;
+  return {};
 }
 
 }  // namespace
@@ -118,7 +121,12 @@ std::optional<PictureSize> AnnouncedSize(int videoType, Bytes frame) {
   std::optional<PictureSize> size;
   switch (videoType) {
     case CMS_VIDEO_H264:
-      size = SizeInAnnexB(frame);
+      size = FullH264Size(SpsInAnnexB(NalCodec::kH264, frame));
+      break;
+    case CMS_VIDEO_H265:
+      if (const auto sps = ReadH265Sps(SpsInAnnexB(NalCodec::kH265, frame))) {
+        size = sps->size;
+      }
       break;
     case CMS_VIDEO_MJPEG:
       size = MjpegSize(frame);

@@ -4,10 +4,13 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <random>
 #include <string>
+
+#include "cms/net/internal/socket_address.h"
 
 namespace cms {
 namespace {
@@ -15,16 +18,18 @@ namespace {
 constexpr int kFirstPort = 1024;  // below are the privileged ones
 constexpr int kMostDraws = 10'000;
 
-int BindUdp(std::uint16_t port) {
-  const int descriptor = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+int BindUdp(std::uint16_t port, bool ipv6) {
+  const SocketAddress local(
+      ipv6 ? IpAddress(std::array<std::uint8_t, 16>{}, 0) : IpAddress(INADDR_ANY), port);
+  const int descriptor = socket(ipv6 ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (descriptor < 0) {
     return -1;
   }
-  sockaddr_in local{};
-  local.sin_family = AF_INET;
-  local.sin_port = htons(port);
-  local.sin_addr.s_addr = htonl(INADDR_ANY);
-  if (bind(descriptor, reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0) {
+  const int on = 1;
+  if (ipv6) {
+    setsockopt(descriptor, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
+  }
+  if (bind(descriptor, local.Pointer(), local.size) != 0) {
     const int error = errno;
     close(descriptor);
     errno = error;
@@ -35,15 +40,15 @@ int BindUdp(std::uint16_t port) {
 
 }  // namespace
 
-StreamFailure BindPortPair(_RTSPSUBSESSION_CONFIG& config) {
+StreamFailure BindPortPair(_RTSPSUBSESSION_CONFIG& config, bool ipv6) {
   static thread_local std::minstd_rand random{std::random_device{}()};
   for (int draw = 0; draw < kMostDraws; ++draw) {
     const auto port = static_cast<std::uint16_t>(random() % 65535);
     if (port % 2 != 0 || port < kFirstPort) {
       continue;
     }
-    const int rtp = BindUdp(port);
-    const int rtcp = rtp >= 0 ? BindUdp(static_cast<std::uint16_t>(port + 1)) : -1;
+    const int rtp = BindUdp(port, ipv6);
+    const int rtcp = rtp >= 0 ? BindUdp(static_cast<std::uint16_t>(port + 1), ipv6) : -1;
     if (rtcp >= 0) {
       config.clientRtpPort = port;
       config.clientRtcpPort = static_cast<std::uint16_t>(port + 1);

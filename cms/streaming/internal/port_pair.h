@@ -7,7 +7,7 @@
 namespace cms {
 
 // Binds two sockets to an even port for RTP and the next one for RTCP (RFC 3550, section 11), on
-// any local address, and puts both into the configuration, whose owner closes them.
-StreamFailure BindPortPair(_RTSPSUBSESSION_CONFIG& config);
+// any local address of that version, and puts both into the configuration, whose owner closes them.
+StreamFailure BindPortPair(_RTSPSUBSESSION_CONFIG& config, bool ipv6);
 
 }  // namespace cms

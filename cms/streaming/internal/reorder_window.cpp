@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <new>
+#include <utility>
 
 #include "cms/runtime/clock.h"
 #include "cms/streaming/internal/rtp_packet.h"
@@ -13,56 +14,47 @@ constexpr std::uint16_t kFurthestBehind = 100;  // MAX_MISORDER of RFC 3550, app
 
 }  // namespace
 
-void ReorderWindow::Take(Bytes packet) {
-  if (packet.size() < RtpPacket::kFixedHeader) {
-    return;
-  }
-  const std::uint16_t sequence = RtpPacket(packet).Sequence();
-  const std::uint32_t source = RtpPacket(packet).Source();
-  if (source != source_ || !any_) [[unlikely]] {
-    StartAnew(source, sequence);
-  } else if (sequence != expected_) [[unlikely]] {
-    if (static_cast<std::uint16_t>(expected_ - sequence) <= kFurthestBehind) {
-      late_.fetch_add(1, std::memory_order_relaxed);
-      return;
+Bytes ReorderWindow::Put(Bytes packet) {
+  arrived_ = packet.size() >= RtpPacket::kFixedHeader ? packet : Bytes();
+  return Next();
+}
+
+Bytes ReorderWindow::Next() {
+  while (true) {
+    if (held_ > 0 && SlotOf(expected_).used) [[unlikely]] {
+      return Release();
     }
-    while (held_ > 0 && Ahead(sequence) >= kPackets) {
+    if (arrived_.empty()) {
+      if (!IsOverdue()) [[likely]] {
+        return {};
+      }
       SkipMissing();
+      continue;
     }
-    if (sequence != expected_ && (Ahead(sequence) >= kPackets || !Hold(packet, sequence))) {
-      StartAnew(source, sequence);
+    const std::uint16_t sequence = RtpPacket(arrived_).Sequence();
+    if (sequence == expected_ && any_) [[likely]] {
+      ++expected_;
+      return std::exchange(arrived_, {});
+    }
+    if (any_ && static_cast<std::uint16_t>(expected_ - sequence) <= kFurthestBehind) {
+      late_.fetch_add(1, std::memory_order_relaxed);
+      arrived_ = {};
+    } else if (any_ && Ahead(sequence) < kPackets && Hold(arrived_, sequence)) {
+      arrived_ = {};
+    } else if (held_ > 0) {
+      SkipMissing();  // what waits goes first
+    } else {
+      any_ = true;
+      expected_ = sequence;
     }
   }
-  if (sequence == expected_) [[likely]] {
-    PassOn(packet);
-    PassOnReady();
-  }
-  if (held_ > 0) [[unlikely]] {
-    SkipOverdue();
-  }
 }
 
-void ReorderWindow::StartAnew(std::uint32_t source, std::uint16_t sequence) {
-  while (held_ > 0) {
-    SkipMissing();
-  }
-  any_ = true;
-  source_ = source;
-  expected_ = sequence;
-}
-
-void ReorderWindow::PassOn(Bytes packet) {
-  ++expected_;
-  sink_.OnPacketInOrder(packet);
-}
-
-void ReorderWindow::PassOnReady() {
-  while (held_ > 0 && SlotOf(expected_).used) {
-    Slot& slot = SlotOf(expected_);
-    slot.used = false;
-    --held_;
-    PassOn({BytesOf(expected_), slot.length});
-  }
+Bytes ReorderWindow::Release() {
+  Slot& slot = SlotOf(expected_);
+  slot.used = false;
+  --held_;
+  return {BytesOf(expected_++), slot.length};
 }
 
 // False when the packet cannot wait.
@@ -89,22 +81,18 @@ void ReorderWindow::SkipMissing() {
   while (!SlotOf(expected_).used) {
     ++expected_;
   }
-  PassOnReady();
 }
 
 // The packet behind the missing one came first of those that wait for it, or nearly so.
-void ReorderWindow::SkipOverdue() {
-  const std::uint64_t now = TickMilliseconds();
-  while (held_ > 0) {
-    std::uint16_t next = expected_;
-    while (!SlotOf(next).used) {
-      ++next;
-    }
-    if (now - SlotOf(next).arrival < kMilliseconds) {
-      return;
-    }
-    SkipMissing();
+bool ReorderWindow::IsOverdue() {
+  if (held_ == 0) [[likely]] {
+    return false;
   }
+  std::uint16_t next = expected_;
+  while (!SlotOf(next).used) {
+    ++next;
+  }
+  return TickMilliseconds() - SlotOf(next).arrival >= kMilliseconds;
 }
 
 }  // namespace cms

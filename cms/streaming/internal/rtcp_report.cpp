@@ -25,15 +25,23 @@ std::array<std::uint8_t, kReceiverReportSize> BuildReceiverReport(
   put(0, kVersionAndCount, 1);
   put(1, 201, 1);  // RR
   put(2, 7, 2);
-  put(4, values.receiver_ssrc, 4);
-  std::copy(values.sender_ssrc.begin(), values.sender_ssrc.end(), report.begin() + kBlock);
-  put(kBlock + 4, values.fraction_lost, 1);
-  put(kBlock + 5, values.cumulative_lost >> 8, 3);
-  put(kBlock + 8, values.last_sequence, 4);
+  put(4, values.receiverSsrc, 4);
+  std::copy(values.senderSsrc.begin(), values.senderSsrc.end(), report.begin() + kBlock);
+  put(kBlock + 4, values.fractionLost, 1);
+  constexpr std::uint32_t kMostLost = 0x7FFFFF;  // the field is signed
+  put(kBlock + 5,
+      values.todaysCameras ? std::min(values.cumulativeLost, kMostLost)
+                           : values.cumulativeLost >> 8,
+      3);
+  put(kBlock + 8, values.lastSequence, 4);
   put(kSDES, kVersionAndCount, 1);
   put(kSDES + 1, 202, 1);  // SDES
   put(kSDES + 2, 5, 2);
-  std::copy(values.sender_ssrc.begin(), values.sender_ssrc.end(), report.begin() + kSDES + 4);
+  if (values.todaysCameras) {
+    put(kSDES + 4, values.receiverSsrc, 4);
+  } else {
+    std::copy(values.senderSsrc.begin(), values.senderSsrc.end(), report.begin() + kSDES + 4);
+  }
   put(kSDES + 8, 1, 1);  // CNAME
   put(kSDES + 9, kCanonicalName.size(), 1);
   std::copy(kCanonicalName.begin(), kCanonicalName.end(), report.begin() + kSDES + 10);

@@ -18,6 +18,7 @@ class RtpPacket {
       : bytes_(bytes) {}  // kFixedHeader or more
 
   unsigned Version() const { return bytes_[0] >> 6u; }
+  bool Marker() const { return (bytes_[1] & 0x80) != 0; }
   unsigned PayloadType() const { return bytes_[1] & 0x7Fu; }
   std::uint16_t Sequence() const { return Number16(2); }
   std::uint32_t Timestamp() const { return Number32(4); }

@@ -4,23 +4,26 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 
-#include "cms/net/tcp_client.h"
 #include "cms/runtime/critical.h"
 #include "cms/runtime/internal/cancel_gate.h"
+#include "cms/streaming/internal/camera_connection.h"
 #include "cms/streaming/internal/name_lookup.h"
 #include "cms/streaming/internal/rtsp_demultiplexer.h"
+#include "cms/streaming/internal/rtsp_tunnel.h"
+#include "cms/streaming/login.h"
 
 namespace cms {
 
 // Everything that the camera sends is cut into packets and messages on the I/O thread; packets go
 // to the sink at once, answers are handed to the one request that waits for their CSeq. Owner's
 // calls may come from any thread, one request at a time. What shuts the gate ends their waits.
-class RTSPConnection final : public TCPClientBase,
+class RTSPConnection final : public CameraConnection,
                              private RTSPDemultiplexer::Sink,
                              private CancelGate::Waiter {
  public:
@@ -41,12 +44,22 @@ class RTSPConnection final : public TCPClientBase,
   RTSPConnection(Sink& sink, CancelGate& gate);
   ~RTSPConnection() override;
 
-  // The address of the host to connect to.
+  // What a tunnel's requests say.
+  struct Tunnel {
+    std::string path;
+    std::string host;  // with its port
+    Login login;       // with the credentials, before any challenge
+    bool mayLogIn = false;
+    int answerLimitMs = 0;
+  };
+
+  // The addresses of the host to connect to.
   NameLookup LookUp(const std::string& host, int limitMs) const {
-    return LookUpIPv4(host, limitMs, gate_.Signal());
+    return LookUpHost(host, limitMs, gate_.Signal());
   }
-  // Connects and registers with the I/O threads of the group; false: see LastError().
-  bool Open(std::uint32_t address, std::uint16_t port, int timeoutMs, int group);
+  // Connects as Connect does, for RTSP inside HTTP, which takes two sockets.
+  StreamFailure OpenTunnel(const CameraRoute& route, Tunnel tunnel);
+  void SetPrompt(bool prompt) { demultiplexer_.SetPrompt(prompt); }  // before Connect
   void SetChannels(const RTSPStreamChannels& channels) { demultiplexer_.SetChannels(channels); }
 
   // Sends a whole request and makes its answer the one that WaitAnswer waits for.
@@ -68,29 +81,33 @@ class RTSPConnection final : public TCPClientBase,
 
   bool Cancelled() const { return gate_.IsShut(); }
   bool PeerClosed() const { return closed_.load(); }
-  int LastError() const { return LastSocketError(); }
 
-  int OnConnect(unsigned long address, unsigned long port) override;
   void OnPeerClosed() override;
 
  private:
+  class Uplink;
+
   static tTcpClientParam Parameters(RTSPConnection* self);
   static void OnBytes(char* data, int length, void* context);
   void OnInterleavedPacket(int type, std::span<const std::uint8_t> frame) override;
   void OnMessage(std::string_view message) override;
   void OnUnendedMessage(std::string_view message, bool grown) override;
+  StreamFailure AskForTunnel(const CameraRoute& route, Tunnel& tunnel, const std::string& cookie);
+  StreamFailure WaitTunnel(int limitMs);
+  std::span<const std::uint8_t> TakeTunnelHead(std::span<const std::uint8_t> bytes);
   void TakeAnswer(std::string_view message, bool unended);
   Wait WaitAnswerUnless(bool cancellable, int timeoutMs, std::string* answer);
   void AnswerRequest(std::string_view message);
   void MarkClosed();
   void OnCancel() override;
+  void Trace(const char* direction, std::string_view text) const;
 
   Sink& sink_;
   RTSPDemultiplexer demultiplexer_;
   CancelGate& gate_;
   std::atomic<bool> closed_{false};
-  int connectTimeoutMs_ = -1;
-  std::atomic<bool> started_{false};
+  std::unique_ptr<Uplink> uplink_;  // of a tunnel: what is sent goes there
+  bool headPending_ = false;  // of the answer to a tunnel's GET; the I/O thread's once it runs
 
   CMSCritical lock_;                        // of the mailbox
   std::condition_variable_any arrived_;     // or nothing will
@@ -102,6 +119,7 @@ class RTSPConnection final : public TCPClientBase,
   bool unanswered_ CMS_GUARDED_BY(lock_) = false;
   int keepAlive_ CMS_GUARDED_BY(lock_) = 0;  // CSeq of the one that is not answered, 0: none
   std::optional<std::string> keepAliveAnswer_ CMS_GUARDED_BY(lock_);
+  TunnelAnswer tunnelAnswer_ CMS_GUARDED_BY(lock_);
 };
 
 }  // namespace cms

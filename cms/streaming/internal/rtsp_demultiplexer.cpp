@@ -48,12 +48,12 @@ bool IsLineEnd(std::uint8_t byte) {
 }
 
 // `header`: the four bytes behind a frame.
-bool IsValidHeader(Bytes header, const RTSPStreamChannels& ids, bool in_step) {
-  while (in_step && !header.empty() && IsLineEnd(header[0])) header = header.subspan(1);
+bool IsValidHeader(Bytes header, const RTSPStreamChannels& ids, bool inStep) {
+  while (inStep && !header.empty() && IsLineEnd(header[0])) header = header.subspan(1);
   if (header.empty()) return true;
   if (header[0] != '$') return MatchAnyStart(AsText(header)) != Match::kNo;
   return header.size() < 2 || TypeOf(header[1], ids) >= 0 ||
-         (in_step && header[1] < RTSPDemultiplexer::kStrayChannels);
+         (inStep && header[1] < RTSPDemultiplexer::kStrayChannels);
 }
 
 // Where a line begins, at or behind `from`, that is the start of a message or may become one; npos
@@ -80,12 +80,20 @@ void Count(std::atomic<std::uint64_t>& counter, std::size_t by) {
 constexpr unsigned kIdBits = 10;
 constexpr std::uint64_t kNoId = (1u << kIdBits) - 1;
 
-std::uint64_t Pack(const RTSPStreamChannels& ids) {
+constexpr std::uint64_t Pack(const RTSPStreamChannels& ids) {
   std::uint64_t packed = 0;
   for (const int id : ids) {
     packed = packed << kIdBits | (id >= 0 && id <= 255 ? static_cast<std::uint64_t>(id) : kNoId);
   }
   return packed;
+}
+
+RTSPStreamChannels Unpacked(std::uint64_t packed) {
+  RTSPStreamChannels ids;
+  for (auto id = ids.rbegin(); id != ids.rend(); ++id, packed >>= kIdBits) {
+    *id = (packed & kNoId) == kNoId ? -1 : static_cast<int>(packed & kNoId);
+  }
+  return ids;
 }
 
 }  // namespace
@@ -98,12 +106,7 @@ void RTSPDemultiplexer::SetChannels(const RTSPStreamChannels& ids) {
 }
 
 RTSPStreamChannels RTSPDemultiplexer::Channels() const {
-  std::uint64_t packed = channels_.load(std::memory_order_relaxed);
-  RTSPStreamChannels ids;
-  for (auto id = ids.rbegin(); id != ids.rend(); ++id, packed >>= kIdBits) {
-    *id = (packed & kNoId) == kNoId ? -1 : static_cast<int>(packed & kNoId);
-  }
-  return ids;
+  return Unpacked(channels_.load(std::memory_order_relaxed));
 }
 
 void RTSPDemultiplexer::Reset() {
@@ -149,11 +152,19 @@ void RTSPDemultiplexer::Append(Bytes data) {
 // Delivers what is whole; returns the bytes done with. When some are left, wanted_ tells what they
 // need.
 std::size_t RTSPDemultiplexer::Parse(Bytes data) {
+  constexpr std::uint64_t kNone = Pack(kNoChannels);
+  std::uint64_t packed = channels_.load(std::memory_order_relaxed);
+  RTSPStreamChannels ids = Unpacked(packed);
   std::size_t at = 0;
   while (at < data.size()) {
     const Bytes rest = data.subspan(at);
-    const RTSPStreamChannels ids = Channels();
-    const bool interleaved = ids != kNoChannels;
+    // Only where a message has changed them: unpacking stalls the processor for each packet.
+    if (const std::uint64_t now = channels_.load(std::memory_order_relaxed); now != packed)
+        [[unlikely]] {
+      packed = now;
+      ids = Unpacked(packed);
+    }
+    const bool interleaved = packed != kNone;
     const Step step =
         interleaved && rest[0] == '$' ? ParseFrame(rest, ids) : ParseMessage(rest, interleaved);
     if (step.consumed == 0) {
@@ -174,9 +185,12 @@ RTSPDemultiplexer::Step RTSPDemultiplexer::ParseFrame(Bytes rest, const RTSPStre
   if (type < 0 && !(inStep_ && rest[1] < kStrayChannels)) return Skip(rest, true);
   if (rest.size() < kInterleavedPrefix) return {0, kInterleavedPrefix, kInterleavedPrefix};
   const std::size_t size = kInterleavedPrefix + (static_cast<std::size_t>(rest[2]) << 8) + rest[3];
-  const std::size_t with_next = size + kInterleavedPrefix;
-  if (rest.size() < with_next) return {0, with_next, with_next};
-  if (!IsValidHeader(rest.subspan(size, kInterleavedPrefix), ids, inStep_)) {
+  const std::size_t withNext = size + kInterleavedPrefix;
+  const bool prompt = prompt_ && inStep_;
+  if (prompt && rest.size() < size) return {0, size, withNext};
+  if (rest.size() < withNext) {
+    if (!prompt || rest.size() != size) return {0, withNext, withNext};
+  } else if (!IsValidHeader(rest.subspan(size, kInterleavedPrefix), ids, inStep_)) {
     return Skip(rest, true);
   }
   if (type >= 0) {

@@ -27,7 +27,8 @@ inline constexpr RTSPStreamChannels kNoChannels = {-1, -1, -1, -1, -1, -1};
 // - A frame ("$", a channel id, a length) is taken only when it is there whole and is followed by
 //   the four bytes of another valid header, so that a "$" inside lost data is not taken for one.
 //   The start of an RTSP message counts as a valid header too: an answer between two packets costs
-//   neither.
+//   neither. Where that is asked for (SetPrompt), a frame in step behind which nothing has come yet
+//   is taken at once: of a picture's last packet the next one would be a picture late.
 // - While the stream is in step, a header with any channel below kStrayChannels is valid, and so is
 //   a blank line: servers also send streams that nobody set up. Their frames are stepped over. Once
 //   out of step only negotiated channels lead back.
@@ -71,6 +72,8 @@ class RTSPDemultiplexer {
 
   // The channel ids by type, -1 for none; in force from the next frame on. All are -1 at first.
   void SetChannels(const RTSPStreamChannels& ids);
+
+  void SetPrompt(bool prompt) { prompt_ = prompt; }  // before the first bytes
 
   // Whether the next good answer has a description behind it.
   void ExpectDescription(bool expect) {
@@ -120,6 +123,7 @@ class RTSPDemultiplexer {
   std::size_t tailSize_ = 0;
   Step wanted_;  // of the tail
 
+  bool prompt_ = false;
   bool inStep_ = true;            // the position is a boundary, not inside skipped data
   std::size_t headSearched_ = 0;  // bytes from the position known to hold no end of a head
   std::size_t noMessage_ = 0;     // bytes from the position known to start no message

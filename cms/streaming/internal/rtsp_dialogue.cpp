@@ -12,8 +12,12 @@ constexpr char kUserAgent[] = "User-Agent: Orvanta_CMS v2009.11.02\r\n";
 
 RTSPDialogue::RTSPDialogue(RTSPConnection& connection, std::shared_ptr<const RTSPTarget> target,
                            GetParameter known)
-    : connection_(connection), target_(std::move(target)), known_(known) {
+    : connection_(connection),
+      target_(std::move(target)),
+      sessionUrl_(target_->url),
+      known_(known) {
   login_.SetCredentials(target_->config.user, target_->config.password);
+  login_.AllowBasic(target_->MayUseBasic());
 }
 
 // --- Requests and answers -----------------------------------------------------------------------
@@ -201,7 +205,7 @@ StreamFailure RTSPDialogue::ReadKeepAliveAnswer(const std::string& answer, std::
 void RTSPDialogue::SendKeepAlive() {
   const char* const method = keepAliveBy_ == KeepAliveBy::kOptions ? "OPTIONS" : "GET_PARAMETER";
   const int cseq = cseq_++;
-  connection_.SendKeepAlive(TextOf({method, target_->url, SessionLine()}, cseq), cseq);
+  connection_.SendKeepAlive(TextOf({method, sessionUrl_, SessionLine()}, cseq), cseq);
 }
 
 }  // namespace cms

@@ -55,6 +55,9 @@ class RTSPDialogue {
   // the milliseconds until then. Waits for nobody. A failure ends the stream.
   StreamFailure KeepAlive(std::uint64_t now, std::uint64_t* nextInMs);
   GetParameter Known() const { return known_; }
+  // What the requests for all streams together name from now on: first it is the target's.
+  void SetSessionUrl(const std::string& url) { sessionUrl_ = url; }
+  const std::string& SessionUrl() const { return sessionUrl_; }
 
  private:
   enum class KeepAliveBy { kGetParameter, kOptions };
@@ -69,6 +72,7 @@ class RTSPDialogue {
   const std::shared_ptr<const RTSPTarget> target_;
   Login login_;
   int cseq_ = 1;
+  std::string sessionUrl_;
   std::string sessionId_;
   std::uint32_t sessionTimeout_ = RTSPSessionHeader::kDefaultTimeout;  // seconds
 

@@ -9,6 +9,8 @@
 namespace cms {
 namespace {
 
+constexpr std::uint32_t kMostHops = 255;
+
 // Cuts what lies before the next separator off `text`.
 std::string_view TakeItem(std::string_view& text, char separator) {
   const std::size_t end = text.find(separator);
@@ -47,10 +49,21 @@ std::size_t FindRTSPHeadEnd(std::string_view text, std::size_t from) {
   return std::string_view::npos;
 }
 
+void UnfoldHead(std::string& message) {
+  const std::size_t end = std::min(FindRTSPHeadEnd(message), message.size());
+  for (std::size_t at = message.find('\n'); at < end && at + 1 < end;
+       at = message.find('\n', at + 1)) {
+    if (message[at + 1] == ' ' || message[at + 1] == '\t') {
+      message[at] = ' ';
+      if (at > 0 && message[at - 1] == '\r') message[at - 1] = ' ';
+    }
+  }
+}
+
 RTSPMessage::RTSPMessage(std::string_view text) : text_(text) {
-  const std::size_t head_end = FindRTSPHeadEnd(text);
-  std::string_view head = text.substr(0, head_end);
-  if (head_end != std::string_view::npos) rest_ = text.substr(head_end);
+  const std::size_t headEnd = FindRTSPHeadEnd(text);
+  std::string_view head = text.substr(0, headEnd);
+  if (headEnd != std::string_view::npos) rest_ = text.substr(headEnd);
   hasFirstLine_ = head.find_first_of("\r\n") != std::string_view::npos;
   TakeLine(head, firstLine_);
   headers_ = head;
@@ -144,11 +157,18 @@ std::optional<RTSPTransportHeader> ParseTransport(std::string_view value) {
     if (interleaved) pair = &transport.interleaved;
     if (EqualAnyCase(name, "server_port")) pair = &transport.serverPort;
     if (EqualAnyCase(name, "client_port")) pair = &transport.clientPort;
+    if (EqualAnyCase(name, "port")) pair = &transport.port;
     if (pair) {
       *pair = ParsePair(parameter, interleaved ? 255 : 65535);
       if (!*pair && pair != &transport.clientPort) return std::nullopt;
     } else if (EqualAnyCase(name, "source")) {
       transport.source = Trim(parameter);
+    } else if (EqualAnyCase(name, "destination")) {
+      transport.destination = Trim(parameter);
+    } else if (EqualAnyCase(name, "ttl")) {
+      transport.ttl = std::min(ParseNumber(parameter).value_or(0), kMostHops);
+    } else if (EqualAnyCase(name, "multicast")) {
+      transport.multicast = true;
     }
   }
   return transport;

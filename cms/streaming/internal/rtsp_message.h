@@ -14,6 +14,10 @@ namespace cms {
 // before it are known to hold no end.
 std::size_t FindRTSPHeadEnd(std::string_view text, std::size_t from = 0);
 
+// Has each header stand on one line: of the head's line ends, those in front of a blank, with which
+// a header goes on in the next line (RFC 2616, 2.2), become blanks. Nothing moves.
+void UnfoldHead(std::string& message);
+
 // A view over one whole message, head and body, such as the demultiplexer delivers. It copies
 // nothing: the text outlives the view and every view that it returns. Never fails; what is missing
 // is empty.
@@ -87,13 +91,17 @@ struct RTSPTransportHeader {
   std::optional<Pair> clientPort;
   std::optional<Pair> interleaved;  // channel numbers, 0 to 255
   bool tcp = false;                 // the protocol is RTP/AVP/TCP
-  std::string source;               // the sender's host when it is not the RTSP server, else empty
+  bool multicast = false;
+  std::optional<Pair> port;  // of the group
+  std::string destination;   // the group, else empty
+  std::uint32_t ttl = 0;     // of what is sent to it; 0: not said
+  std::string source;        // the sender's host when it is not the RTSP server, else empty
 };
 
-// Reads the first transport of the value. Nothing when serverPort or interleaved is malformed or a
-// number is out of range (ports 65535, channels 255): such an answer cannot be followed. A pair
-// with one number means that number and the next (RFC 2326, 12.39). Unknown parameters, ssrc among
-// them, and a malformed clientPort, which tells nothing that is needed, are ignored.
+// Reads the first transport of the value. Nothing when serverPort, port or interleaved is malformed
+// or a number is out of range (ports 65535, channels 255): such an answer cannot be followed. A
+// pair with one number means that number and the next (RFC 2326, 12.39). Unknown parameters, ssrc
+// among them, and a malformed clientPort, which tells nothing that is needed, are ignored.
 std::optional<RTSPTransportHeader> ParseTransport(std::string_view value);
 
 // PLAY's Range line for a presentation from `start` to `end` seconds, line end included; empty when

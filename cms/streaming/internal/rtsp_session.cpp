@@ -1,12 +1,15 @@
 #include "cms/streaming/internal/rtsp_session.h"
 
-#include <cerrno>
-#include <cstring>
+#include <algorithm>
 #include <utility>
 
+#include "cms/net/client_group.h"
+#include "cms/runtime/clock.h"
 #include "cms/streaming/interleaved.h"
 #include "cms/streaming/internal/port_pair.h"
+#include "cms/streaming/internal/rtsp_client_state.h"
 #include "cms/streaming/internal/rtsp_message.h"
+#include "cms/streaming/internal/stream_url.h"
 #include "cms/streaming/rtsp_url.h"
 
 using cms::RTSPRequest;
@@ -20,8 +23,10 @@ constexpr std::size_t kLongestDescription = 256 * 1024;
 constexpr std::size_t kLongestQuote = 120;  // of an answer, in a failure's text
 constexpr unsigned kOptionNotSupported = 551;
 
-int SocketsFor(const stRTSPClientConfig& config) {
-  return config.transport != kRtspTransportUdp
+int SocketsFor(const cms::stRTSPClientConfig& config) {
+  constexpr int kSocketsPerTunnel = 2;
+  return config.transport == cms::kRtspTransportHttp ? kSocketsPerTunnel
+         : config.transport == cms::kRtspTransportInterleaved
              ? 1
              : kSocketsPerUdpSession + (config.talkBack ? kSocketsPerUdpStream : 0);
 }
@@ -33,15 +38,19 @@ CMSRTSPClient::Session::Session(CMSRTSPClient& client,
                                 cms::GetParameter known)
     : client_(client),
       target_(std::move(target)),
-      group_(target_->config.group, kAutomaticGroup, SocketsFor(target_->config)),
+      group_(target_->config.group, cms::kAutomaticGroup, SocketsFor(target_->config)),
       connection_(*this, client.OpeningGate()),
       dialogue_(connection_, target_, known),
-      address_(target_->config.address),
       asksForTalk_(target_->config.talkBack),
+      transport_(target_->config.transport),
       video_(connection_),
       audio_(connection_),
       talk_(connection_),
-      frames_(client, target_->config) {}
+      frames_(client, target_->config) {
+  for (RTSPStream* const stream : {&video_, &audio_, &talk_}) {
+    stream->todaysCameras = target_->config.todaysCameras;
+  }
+}
 
 CMSRTSPClient::Session::~Session() {
   Stop();
@@ -57,49 +66,65 @@ void CMSRTSPClient::Session::Stop() {
 
 // --- The connection -----------------------------------------------------------------------------
 
-StreamFailure CMSRTSPClient::Session::Connect() {
-  const stRTSPClientConfig& config = target_->config;
-  if (config.transport != kRtspTransportUdp && config.transport != kRtspTransportInterleaved) {
-    return {ConnectionFault::kBadAddress,
-            "transport " + std::to_string(config.transport) + " is neither 0 nor 1"};
-  }
-  if (address_ == 0) {
-    if (auto failure = LookUpHost()) {
-      return failure;
-    }
-  }
-  if (!connection_.Cancelled() &&
-      connection_.Open(address_, target_->port, static_cast<int>(config.connectTimeoutMs),
-                       group_.Key())) {
-    return {};
-  }
-  if (connection_.Cancelled()) {
-    return {ConnectionFault::kCancelled, "closed while opening"};
-  }
-  const int error = connection_.LastError();
-  const ConnectionFault fault = error == EMFILE || error == ENFILE || error == ENOMEM
-                                    ? ConnectionFault::kOutOfResources
-                                    : ConnectionFault::kUnreachable;
-  return {fault, std::string("cannot connect: ") + std::strerror(error)};
+bool CMSRTSPClient::Session::OverUdp() const {
+  const int transport = Transport();
+  return transport == cms::kRtspTransportUdp || transport == cms::kRtspTransportMulticast;
 }
 
-StreamFailure CMSRTSPClient::Session::LookUpHost() {
+StreamFailure CMSRTSPClient::Session::Connect() {
+  const cms::stRTSPClientConfig& config = target_->config;
+  if (config.transport < cms::kRtspTransportUdp ||
+      config.transport > cms::kRtspTransportMulticast) {
+    return {cms::ConnectionFault::kBadAddress,
+            "transport " + std::to_string(config.transport) + " is none that there is"};
+  }
+  if (config.todaysCameras) {
+    connection_.SetPrompt(true);
+    EachClientGroupTable::Instance().Prepare(group_.Key());
+  }
+  cms::CameraRoute route;
+  route.port = target_->port;
+  route.tls = target_->tls;
+  route.connectTimeoutMs = static_cast<int>(config.connectTimeoutMs);
+  route.group = group_.Key();
+  if (config.address != 0) {
+    route.addresses = {cms::IpAddress(config.address)};
+  } else if (auto failure = LookUpHost(&route)) {
+    return failure;
+  }
+  if (connection_.Cancelled()) {
+    return {cms::ConnectionFault::kCancelled, "closed while opening"};
+  }
+  if (config.transport != cms::kRtspTransportHttp) {
+    return connection_.Connect(route);
+  }
+  cms::RTSPConnection::Tunnel tunnel;
+  tunnel.path = cms::PathOfUrl(target_->url);
+  tunnel.host = target_->HostAndPort();
+  tunnel.login.SetCredentials(config.user, config.password);
+  tunnel.login.AllowBasic(target_->MayUseBasic());
+  tunnel.mayLogIn = target_->HasCredentials();
+  tunnel.answerLimitMs = static_cast<int>(config.answerTimeoutMs);
+  return connection_.OpenTunnel(route, std::move(tunnel));
+}
+
+StreamFailure CMSRTSPClient::Session::LookUpHost(cms::CameraRoute* route) {
   using Outcome = cms::NameLookup::Outcome;
   const std::uint32_t limitMs = target_->config.connectTimeoutMs;
-  const auto found = connection_.LookUp(target_->host, static_cast<int>(limitMs));
+  auto found = connection_.LookUp(target_->host, static_cast<int>(limitMs));
   switch (found.outcome) {
     case Outcome::kFound:
-      address_ = found.address;
+      route->addresses = std::move(found.addresses);
       break;
     case Outcome::kNoAddress:
-      return {ConnectionFault::kBadAddress, "the host name has no IPv4 address"};
+      return {cms::ConnectionFault::kBadAddress, "the host name has no address"};
     case Outcome::kTimeout:
-      return {ConnectionFault::kUnreachable, "the host name could not be looked up within " +
-                                                 std::to_string(limitMs / 1000) + " s"};
+      return {cms::ConnectionFault::kUnreachable, "the host name could not be looked up within " +
+                                                      std::to_string(limitMs / 1000) + " s"};
     case Outcome::kCancelled:
-      return {ConnectionFault::kCancelled, "closed while opening"};
+      return {cms::ConnectionFault::kCancelled, "closed while opening"};
     case Outcome::kNoThread:
-      return {ConnectionFault::kOutOfResources, "no thread to look the host name up"};
+      return {cms::ConnectionFault::kOutOfResources, "no thread to look the host name up"};
   }
   return {};
 }
@@ -143,86 +168,157 @@ StreamFailure CMSRTSPClient::Session::Describe() {
       talk_.config = split.talk;
     }
   }
-  if (body.size() > kLongestDescription ||
-      description_.ParseDescription(body, video_.config, audio_.config) == 0) {
-    return {ConnectionFault::kNoUsableVideo, "the description has no video section"};
+  description_.KeepAnySound(target_->config.todaysCameras);
+  const bool hasVideo = body.size() <= kLongestDescription &&
+                        description_.ParseDescription(body, video_.config, audio_.config) != 0;
+  {
+    const ScopeLock lock(client_.shown_->lock);  // the keeping asks for it
+    hasVideo_ = hasVideo;
+  }
+  const bool soundAlone = !hasVideo && target_->config.todaysCameras && audio_.Present();
+  if (!hasVideo && !soundAlone) {
+    return {cms::ConnectionFault::kNoUsableVideo, "the description has no video section"};
+  }
+  TakeBaseUrl(cms::RTSPMessage(answer));
+  describedGroup_ = cms::MulticastOf(body);
+  if (describedGroup_ && Transport() == cms::kRtspTransportUdp && target_->config.todaysCameras) {
+    transport_ = cms::kRtspTransportMulticast;
   }
   failure = MakeSubSessions();
   frames_.TakeDescription(description_, video_.config, audio_.config);
   return failure;
 }
 
+// RFC 2326, C.1.1. Cameras that name the session's own URL mean their streams to be behind it.
+void CMSRTSPClient::Session::TakeBaseUrl(const cms::RTSPMessage& answer) {
+  if (!target_->config.todaysCameras) {
+    return;
+  }
+  baseUrl_ = cms::ControlUrl(cms::BaseUrlOf(answer, target_->url), description_.ControlURL());
+  dialogue_.SetSessionUrl(baseUrl_);
+}
+
+std::string CMSRTSPClient::Session::UrlOf(const RTSPStream& stream) const {
+  return baseUrl_.empty() ? description_.StreamURL(target_->url, stream.config)
+                          : cms::ControlUrl(baseUrl_, stream.config.control);
+}
+
 StreamFailure CMSRTSPClient::Session::MakeSubSessions() {
-  RTSPSubSessionOptions options;
+  cms::RTSPSubSessionOptions options;
   options.siteNumber = target_->config.siteNumber;
   options.ignoreDelimiters = target_->config.ignoreDelimiters;
   options.sink = &frames_;
-  if (video_.subSession.SetConfig(video_.config, options) == 0) {
-    return {ConnectionFault::kNoUsableVideo,
+  if (target_->config.todaysCameras) {
+    options.units = &frames_;
+    options.mostUnitBytes = target_->config.mostFrameBytes;
+  }
+  ScopeLock lock(client_.shown_->lock);  // they are counted from here on
+  if (hasVideo_ && video_.subSession.SetConfig(video_.config, options) == 0) {
+    return {cms::ConnectionFault::kNoUsableVideo,
             std::string("video in the encoding \"") + video_.config.encodingName +
-                "\" is not supported (H264, JPEG and MP4V-ES are)"};
+                "\" is not supported (" + (target_->config.todaysCameras ? "H264, H265" : "H264") +
+                ", JPEG and MP4V-ES are)"};
   }
   if (audio_.Present()) {
     options.video = false;
     if (audio_.subSession.SetConfig(audio_.config, options) == 0) {
-      audio_.config.payloadType = kNoPayloadType;
+      audio_.config.payloadType = cms::kNoPayloadType;
     }
+  }
+  if (!hasVideo_ && !audio_.Present()) {
+    return {cms::ConnectionFault::kNoUsableVideo,
+            std::string("the description has no video section, and sound in the encoding \"") +
+                audio_.config.encodingName + "\" is not supported"};
   }
   return {};
 }
 
 StreamFailure CMSRTSPClient::Session::BindPorts() {
-  if (target_->config.transport != kRtspTransportUdp) {
+  if (Transport() != cms::kRtspTransportUdp) {
     return {};
   }
-  if (auto failure = cms::BindPortPair(video_.config)) {
+  const bool ipv6 = connection_.Peer().IsV6();
+  if (auto failure = hasVideo_ ? cms::BindPortPair(video_.config, ipv6) : StreamFailure{}) {
     return failure;
   }
-  if (audio_.Present() && cms::BindPortPair(audio_.config)) {
-    audio_.config.payloadType = kNoPayloadType;  // the picture comes all the same
+  if (audio_.Present() && cms::BindPortPair(audio_.config, ipv6)) {
+    audio_.config.payloadType = cms::kNoPayloadType;  // the picture comes all the same
   }
   if (!audio_.Present()) {
     // Fewer threads serve the same number of cameras when its places are given back.
     group_.Shrink(kSocketsPerUdpSession - kSocketsPerUdpStream +
                   (talk_.Present() ? kSocketsPerUdpStream : 0));
   }
-  return talk_.Present() ? cms::BindPortPair(talk_.config) : StreamFailure{};
+  return talk_.Present() ? cms::BindPortPair(talk_.config, ipv6) : StreamFailure{};
 }
 
 // --- SETUP --------------------------------------------------------------------------------------
 
 RTSPRequest CMSRTSPClient::Session::SetUpRequest(const std::string& url,
                                                  const _RTSPSUBSESSION_CONFIG& config) const {
-  const bool udp = target_->config.transport == kRtspTransportUdp;
+  const bool udp = OverUdp();
   const int first = udp ? config.clientRtpPort : config.rtpChannel;
   const int second = udp ? config.clientRtcpPort : config.rtcpChannel;
-  const std::string transport = std::string("Transport: RTP/AVP") +
-                                (udp ? ";unicast;client_port=" : "/TCP;unicast;interleaved=") +
-                                std::to_string(first) + "-" + std::to_string(second) + "\r\n";
+  const std::string transport =
+      Transport() == cms::kRtspTransportMulticast
+          ? "Transport: RTP/AVP;multicast\r\n"
+          : std::string("Transport: RTP/AVP") +
+                (udp ? ";unicast;client_port=" : "/TCP;unicast;interleaved=") +
+                std::to_string(first) + "-" + std::to_string(second) + "\r\n";
   return {"SETUP", url,
           (dialogue_.HasSession() ? dialogue_.SessionLine() : "") + transport + TalkRequirement()};
 }
 
-StreamFailure CMSRTSPClient::Session::SetUp(RTSPStream& stream, std::string_view name) {
-  const bool interleaved = target_->config.transport == kRtspTransportInterleaved;
-  if (interleaved) {
+StreamFailure CMSRTSPClient::Session::AgreeOn(RTSPStream& stream, std::string_view name) {
+  if (!OverUdp()) {
     stream.config.rtpChannel = nextChannel_++;
     stream.config.rtcpChannel = nextChannel_++;
   }
-  const std::string url = description_.StreamURL(target_->url, stream.config);
   std::string answer;
-  auto failure = dialogue_.Ask(SetUpRequest(url, stream.config), name, &answer);
+  auto failure = dialogue_.Ask(SetUpRequest(UrlOf(stream), stream.config), name, &answer);
+  const bool absolute = stream.config.control[0] == '/' && !baseUrl_.empty();
+  if (absolute && failure.fault == cms::ConnectionFault::kNoSuchStream) {
+    // Of a path from the root some cameras mean that it is behind the base.
+    const std::string url = baseUrl_ + std::string(stream.config.control);
+    failure = dialogue_.Ask(SetUpRequest(url, stream.config), name, &answer);
+  }
   if (!failure) {
-    failure = TakeSetUpAnswer(answer, stream.config);
+    failure = TakeSetUpAnswer(answer, stream.config, &stream.source, &stream.group);
+  }
+  return failure || !stream.group.address ? failure : JoinGroup(stream);
+}
+
+// A camera that only describes a group, and was not asked for it by the user, is asked to send to
+// this client alone; one that refuses UDP, for its packets inside the connection. That costs a
+// request: a new connection would find some cameras still busy with this one's end.
+StreamFailure CMSRTSPClient::Session::SetUp(RTSPStream& stream, std::string_view name) {
+  auto failure = AgreeOn(stream, name);
+  const auto mayTry = [&] {
+    return failure.fault == cms::ConnectionFault::kTransportRefused && !dialogue_.HasSession();
+  };
+  if (mayTry() && Transport() == cms::kRtspTransportMulticast &&
+      target_->config.transport == cms::kRtspTransportUdp) {
+    transport_ = cms::kRtspTransportUdp;
+    failure = BindPorts();
+    if (!failure) {
+      failure = AgreeOn(stream, name);
+    }
+  }
+  if (mayTry() && OverUdp() && target_->MayChangeTransport()) {
+    transport_ = cms::kRtspTransportInterleaved;
+    for (RTSPStream* const each : {&video_, &audio_, &talk_}) {
+      each->ClosePorts();
+    }
+    failure = AgreeOn(stream, name);
   }
   if (failure) {
     return failure;
   }
-  if (!stream.Open(target_->config.transport, address_, group_.Key())) {
-    return {ConnectionFault::kOutOfResources,
+  if (!stream.Open(OverUdp(), connection_.Peer(), group_.Key())) {
+    return {cms::ConnectionFault::kOutOfResources,
             "no threads, descriptors or memory left to receive the stream"};
   }
-  if (interleaved) {
+  if (!OverUdp()) {
     SetChannels();
   }
   return {};
@@ -238,7 +334,9 @@ StreamFailure CMSRTSPClient::Session::SetUpTalk() {
 }
 
 StreamFailure CMSRTSPClient::Session::TakeSetUpAnswer(const std::string& answer,
-                                                      _RTSPSUBSESSION_CONFIG& config) {
+                                                      _RTSPSUBSESSION_CONFIG& config,
+                                                      cms::IpAddress* source,
+                                                      cms::MulticastGroup* group) {
   const cms::RTSPMessage message(answer);
   if (auto failure = dialogue_.TakeSession(message)) {
     return failure;
@@ -248,20 +346,33 @@ StreamFailure CMSRTSPClient::Session::TakeSetUpAnswer(const std::string& answer,
   }
   const auto transport = cms::ParseTransport(message.Header("Transport"));
   if (!transport) {
-    return {ConnectionFault::kBadAnswer,
+    return {cms::ConnectionFault::kBadAnswer,
             "the answer to SETUP has an impossible transport: " +
                 std::string(message.Header("Transport").substr(0, kLongestQuote))};
   }
-  const bool udp = target_->config.transport == kRtspTransportUdp;
+  const bool udp = OverUdp();
   const bool ports = transport->serverPort.has_value();
   const bool channels = transport->interleaved.has_value() || transport->tcp;
   if (udp ? channels && !ports : ports && !channels) {
-    return {ConnectionFault::kTransportRefused,
+    return {cms::ConnectionFault::kTransportRefused,
             std::string("the camera answered SETUP with ") +
                 (udp ? "interleaved TCP although UDP was asked for, try interleaved TCP"
                      : "UDP although interleaved TCP was asked for, try UDP")};
   }
-  config.source = cms::ParseIPv4(transport->source).value_or(0);
+  if (transport->multicast && udp) {
+    group->address = cms::IpAddress::Parse(transport->destination).value_or(describedGroup_);
+    group->rtpPort = transport->port ? transport->port->rtp : config.clientRtpPort;
+    group->rtcpPort = transport->port ? transport->port->rtcp
+                                      : static_cast<std::uint16_t>(config.clientRtpPort + 1);
+    group->hops = static_cast<int>(transport->ttl);
+  }
+  if (transport->multicast && udp ? !group->address.IsMulticast() || group->rtpPort == 0
+                                  : Transport() == cms::kRtspTransportMulticast) {
+    return {cms::ConnectionFault::kTransportRefused,
+            "the camera names no multicast group in its answer to SETUP, try UDP or TCP"};
+  }
+  *source = cms::IpAddress::Parse(transport->source).value_or(cms::IpAddress());
+  config.source = source->V4();
   if (transport->serverPort) {
     config.serverRtpPort = transport->serverPort->rtp;
     config.serverRtcpPort = transport->serverPort->rtcp;
@@ -271,6 +382,14 @@ StreamFailure CMSRTSPClient::Session::TakeSetUpAnswer(const std::string& answer,
     config.rtcpChannel = transport->interleaved->rtcp;
   }
   return {};
+}
+
+// Sockets for this client alone, if there are any, are of no use.
+StreamFailure CMSRTSPClient::Session::JoinGroup(RTSPStream& stream) {
+  transport_ = cms::kRtspTransportMulticast;
+  stream.ClosePorts();
+  return cms::JoinMulticast(stream.group, connection_.Local(), stream.Senders(connection_.Peer()),
+                            stream.config);
 }
 
 // Tells the connection which channels carry the streams.
@@ -289,7 +408,7 @@ void CMSRTSPClient::Session::SetChannels() {
 // --- Playing ------------------------------------------------------------------------------------
 
 RTSPRequest CMSRTSPClient::Session::PlayRequest() const {
-  return {"PLAY", target_->url,
+  return {"PLAY", dialogue_.SessionUrl(),
           dialogue_.SessionLine() +
               cms::RangeLine(description_.RangeStart(), description_.RangeEnd()) +
               TalkRequirement()};
@@ -297,7 +416,24 @@ RTSPRequest CMSRTSPClient::Session::PlayRequest() const {
 
 StreamFailure CMSRTSPClient::Session::Play() {
   std::string answer;
-  return dialogue_.Ask(PlayRequest(), "PLAY", &answer);
+  auto failure = dialogue_.Ask(PlayRequest(), "PLAY", &answer);
+  playedAt_ = cms::TickMilliseconds();
+  return failure;
+}
+
+StreamFailure CMSRTSPClient::Session::WatchDatagrams(std::uint64_t now, std::uint64_t* nextInMs) {
+  constexpr std::uint64_t kPatience = 3'000;  // milliseconds
+  const auto packets = [](const RTSPStream& stream) { return stream.subSession.PacketCount(); };
+  if (!OverUdp() || playedAt_ == 0 || packets(video_) + packets(audio_) > 0) {
+    return {};
+  }
+  if (now < playedAt_ + kPatience) {
+    *nextInMs = std::min(*nextInMs, playedAt_ + kPatience - now);
+    return {};
+  }
+  return {cms::ConnectionFault::kDatagramsLost,
+          "no packet came over UDP within " + std::to_string(kPatience / 1000) +
+              " s (a firewall between here and the camera?): going over to TCP"};
 }
 
 StreamFailure CMSRTSPClient::Session::Pause() {
@@ -306,7 +442,7 @@ StreamFailure CMSRTSPClient::Session::Pause() {
 }
 
 RTSPRequest CMSRTSPClient::Session::TearDownRequest() const {
-  return {"TEARDOWN", target_->url, dialogue_.SessionLine()};
+  return {"TEARDOWN", dialogue_.SessionUrl(), dialogue_.SessionLine()};
 }
 
 // The camera has a session from the first SETUP on, also when the opening fails later. The answer
@@ -326,19 +462,19 @@ void CMSRTSPClient::Session::SetDelivering(bool delivering) {
 
 void CMSRTSPClient::Session::OnPacket(int type, std::span<const std::uint8_t> frame) {
   switch (type) {
-    case kInterleaveVideoRTP:
-      video_.TakePacket(frame.subspan(kInterleavedPrefix));
+    case cms::kInterleaveVideoRTP:
+      video_.TakePacket(frame.subspan(cms::kInterleavedPrefix));
       break;
-    case kInterleaveAudioRTP:
-      audio_.TakePacket(frame.subspan(kInterleavedPrefix));
+    case cms::kInterleaveAudioRTP:
+      audio_.TakePacket(frame.subspan(cms::kInterleavedPrefix));
       break;
     case cms::kInterleaveTalkRTP:  // sound goes there; nothing comes from there
       break;
     default: {
-      RTSPStream& stream = type == kInterleaveVideoRTCP   ? video_
-                           : type == kInterleaveAudioRTCP ? audio_
-                                                          : talk_;
-      stream.rtcp.RTPOverRTSPAddPacket(frame.data(), static_cast<int>(frame.size()));
+      RTSPStream& stream = type == cms::kInterleaveVideoRTCP   ? video_
+                           : type == cms::kInterleaveAudioRTCP ? audio_
+                                                               : talk_;
+      stream.TakeControl(frame);
       break;
     }
   }

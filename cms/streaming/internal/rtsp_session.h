@@ -1,6 +1,7 @@
 // Everything that one opening of an RTSP stream owns, and its steps.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <span>
@@ -8,6 +9,7 @@
 #include <string_view>
 
 #include "cms/streaming/internal/group_allocator.h"
+#include "cms/streaming/internal/multicast_group.h"
 #include "cms/streaming/internal/rtsp_connection.h"
 #include "cms/streaming/internal/rtsp_dialogue.h"
 #include "cms/streaming/internal/rtsp_frame_source.h"
@@ -44,11 +46,20 @@ class CMSRTSPClient::Session final : private cms::RTSPConnection::Sink {
   cms::RTSPRequest DescribeRequest() const;
   cms::RTSPRequest SetUpRequest(const std::string& url, const _RTSPSUBSESSION_CONFIG& config) const;
   cms::RTSPRequest PlayRequest() const;
-  cms::RTSPRequest PauseRequest() const { return {"PAUSE", target_->url, ""}; }
+  cms::RTSPRequest PauseRequest() const { return {"PAUSE", dialogue_.SessionUrl(), ""}; }
   cms::RTSPRequest TearDownRequest() const;
-  cms::StreamFailure TakeSetUpAnswer(const std::string& answer, _RTSPSUBSESSION_CONFIG& config);
+  // *source is where the packets come from, *group where they go to, when the answer says so.
+  cms::StreamFailure TakeSetUpAnswer(const std::string& answer, _RTSPSUBSESSION_CONFIG& config,
+                                     cms::IpAddress* source, cms::MulticastGroup* group);
+
+  // A failure when a camera that plays over UDP has not been heard for some seconds; *nextInMs
+  // becomes no more than the milliseconds until that is known.
+  cms::StreamFailure WatchDatagrams(std::uint64_t now, std::uint64_t* nextInMs);
+  // How the packets travel: RTSPTransport. Any thread.
+  int Transport() const { return transport_.load(std::memory_order_relaxed); }
 
   void SetDelivering(bool delivering);  // to the client, of frames that come
+  bool HasVideo() const { return hasVideo_; }
   RTSPStream& Stream(bool video) { return video ? video_ : audio_; }
   const RTSPStream& Stream(bool video) const { return video ? video_ : audio_; }
   const RTSPStream& Talk() const { return talk_; }  // what we send
@@ -58,9 +69,14 @@ class CMSRTSPClient::Session final : private cms::RTSPConnection::Sink {
   const cms::RTSPTarget& Target() const { return *target_; }
 
  private:
-  cms::StreamFailure LookUpHost();
+  cms::StreamFailure LookUpHost(cms::CameraRoute* route);
+  bool OverUdp() const;
+  cms::StreamFailure AgreeOn(RTSPStream& stream, std::string_view name);
+  cms::StreamFailure JoinGroup(RTSPStream& stream);
   cms::StreamFailure MakeSubSessions();
   std::string TalkRequirement() const;
+  std::string UrlOf(const RTSPStream& stream) const;
+  void TakeBaseUrl(const cms::RTSPMessage& answer);
   void SetChannels();
   void OnPacket(int type, std::span<const std::uint8_t> frame) override;
   void OnConnectionEvent() override;
@@ -70,10 +86,14 @@ class CMSRTSPClient::Session final : private cms::RTSPConnection::Sink {
   cms::GroupClaim group_;
   cms::RTSPConnection connection_;
   cms::RTSPDialogue dialogue_;
-  std::uint32_t address_;  // the camera's; 0: not looked up yet
-  int nextChannel_ = 0;    // of the interleaved ones
-  bool asksForTalk_;       // until the camera says that it knows no backchannel
+  int nextChannel_ = 0;  // of the interleaved ones
+  bool asksForTalk_;     // until the camera says that it knows no backchannel
   MediaSession description_;
+  cms::IpAddress describedGroup_;  // to which the camera says that it sends; none: to each alone
+  std::atomic<int> transport_;     // how they do travel
+  std::uint64_t playedAt_ = 0;     // ticks; 0: it was not asked to play
+  std::string baseUrl_;            // of the streams; empty: as the described rules have it
+  bool hasVideo_ = true;           // else the description has sound alone
   RTSPStream video_;
   RTSPStream audio_;
   RTSPStream talk_;

@@ -199,7 +199,7 @@ TEST(CCircularBuffer, OverwritesAllButTheSlotBeingReadAndRefusesNothing) {
   EXPECT_EQ(Take(ring, 1), "a");  // the read slot holds "b" still
   EXPECT_EQ(ring.Write("efghijkl", 8), 8);
   EXPECT_EQ(Take(ring, 1), "b");
-  CCircularBuffer too_small(1, 16);
-  EXPECT_EQ(too_small.Write("a", 1), 0);
-  EXPECT_EQ(Take(too_small, 1), "");
+  CCircularBuffer tooSmall(1, 16);
+  EXPECT_EQ(tooSmall.Write("a", 1), 0);
+  EXPECT_EQ(Take(tooSmall, 1), "");
 }

@@ -190,12 +190,12 @@ TEST(CFrameBuffer, CarriesFramesInOrderAndWholeBetweenTwoThreads) {
     }
   });
   std::uint32_t expected = 0;
-  std::uint32_t empty_reads = 0;
+  std::uint32_t emptyReads = 0;
   std::vector<unsigned char> read(512);
   while (expected < kFrames && buffer.WaitForFrame(30000)) {
     const long got = buffer.Read(read.data(), 512);
     if (got == 0) {
-      ++empty_reads;
+      ++emptyReads;
       continue;
     }
     const auto frame = make(expected);
@@ -205,7 +205,7 @@ TEST(CFrameBuffer, CarriesFramesInOrderAndWholeBetweenTwoThreads) {
   }
   writer.join();
   EXPECT_EQ(expected, kFrames);
-  EXPECT_EQ(empty_reads, 1u) << "only the first slot is empty; a reader must not spin";
+  EXPECT_EQ(emptyReads, 1u) << "only the first slot is empty; a reader must not spin";
 }
 
 TEST(CFrameBuffer, SerialisesSeveralWritersAndReaders) {

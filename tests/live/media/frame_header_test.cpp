@@ -76,8 +76,8 @@ TEST(DRVFrameHeader, VideoRatesTypesAndMarks) {
   info.announcedOtherRate = false;
   info.frameType = 0x7A;  // the low three bits
   EXPECT_EQ(FlagsOf(Video(info)), 0x02'65'00u);
-  const std::uint8_t marks[] = {0, 0xF0, 0xD0, 0xE0, 0};
-  for (int type = 0; type < 5; ++type) {
+  const std::uint8_t marks[] = {0, 0xF0, 0xD0, 0xE0, 0xC0, 0};
+  for (int type = 0; type < 6; ++type) {
     info.videoType = type;
     EXPECT_EQ(Video(info)[kVideoHeaderRoom - 29], marks[type]);
   }
@@ -88,7 +88,7 @@ TEST(DRVFrameHeader, AudioCarriesThePlainSizeAndTheFormat) {
   info.payloadSize = 320;
   info.hostSeconds = 1'000'000'000;
   info.streamNumber = 1;
-  info.format = {CMS_CODEC_PCM_MULAW, 8000, 1, 16, {1, 2, 3, 0xFF}};
+  info.format = {cms::CMS_CODEC_PCM_MULAW, 8000, 1, 16, {1, 2, 3, 0xFF}};
   std::vector<std::uint8_t> bytes(kAudioHeaderRoom, 0xAA);
   cms::BuildAudioFrameHeader(std::span<std::uint8_t, kAudioHeaderRoom>(bytes), info);
   const std::vector<std::uint8_t> expected = {

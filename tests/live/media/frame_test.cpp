@@ -40,4 +40,23 @@ TEST(FrameView, KnowsWhatItsHeaderSays) {
   }
 }
 
+TEST(FrameView, KnowsTheMicrosecondsThatItsHeaderTellsInBytesThatWereReserved) {
+  for (const std::uint32_t within : {0u, 1u, 65'535u, 999'999u}) {
+    std::array<std::uint8_t, cms::kVideoHeaderRoom> area;
+    cms::VideoFrameInfo video;
+    video.hostSeconds = 1'700'000'000;
+    video.clockOffset = 3600;
+    video.microseconds = within;
+    cms::BuildVideoFrameHeader(area, video);
+    EXPECT_EQ(ViewOf(area, static_cast<int>(area.size())).timeUs, 1'700'003'600'000'000 + within);
+    cms::AudioFrameInfo sound;
+    static_cast<cms::FrameInfo&>(sound) = video;
+    sound.format = {0x15002, 48'000, 2, 16, {}};
+    cms::BuildAudioFrameHeader(std::span(area).first<cms::kAudioHeaderRoom>(), sound);
+    const cms::FrameView frame = ViewOf(area, cms::kAudioHeaderRoom);
+    EXPECT_TRUE(frame.fields.Holds());
+    EXPECT_EQ(frame.timeUs, 1'700'003'600'000'000 + within);
+  }
+}
+
 }  // namespace

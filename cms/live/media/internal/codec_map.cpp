@@ -10,6 +10,28 @@ AVCodecID ToLibraryCodec(CMSCodecID codec) {
       return AV_CODEC_ID_MPEG4;
     case CMS_CODEC_H264:
       return AV_CODEC_ID_H264;
+    case CMS_CODEC_H265:
+      return AV_CODEC_ID_HEVC;
+    case CMS_CODEC_PCM_S16LE:
+      return AV_CODEC_ID_PCM_S16LE;
+    case CMS_CODEC_PCM_S16BE:
+      return AV_CODEC_ID_PCM_S16BE;
+    case CMS_CODEC_PCM_MULAW:
+      return AV_CODEC_ID_PCM_MULAW;
+    case CMS_CODEC_PCM_ALAW:
+      return AV_CODEC_ID_PCM_ALAW;
+    case CMS_CODEC_AAC:
+      return AV_CODEC_ID_AAC;
+    case CMS_CODEC_G726_16:
+    case CMS_CODEC_G726_24:
+    case CMS_CODEC_G726_32:
+    case CMS_CODEC_G726_40:
+      return AV_CODEC_ID_ADPCM_G726LE;
+    case CMS_CODEC_G726_AAL2_16:
+    case CMS_CODEC_G726_AAL2_24:
+    case CMS_CODEC_G726_AAL2_32:
+    case CMS_CODEC_G726_AAL2_40:
+      return AV_CODEC_ID_ADPCM_G726;
     default:
       return AV_CODEC_ID_NONE;
   }
@@ -21,6 +43,10 @@ CMSCodecID ToCodecID(DECODE_CODEC codec) {
       return CMS_CODEC_MJPEG;
     case DECODE_CODEC_H264:
       return CMS_CODEC_H264;
+    case DECODE_CODEC_H265:
+      return CMS_CODEC_H265;
+    case DECODE_CODEC_MPEG4:
+      return CMS_CODEC_MPEG4;
   }
   return CMS_CODEC_NONE;
 }

@@ -12,7 +12,8 @@ extern "C" {
 
 namespace cms {
 
-// AV_CODEC_ID_NONE for a number that names no video codec of ours.
+// AV_CODEC_ID_NONE for a number that is no codec's of ours, and for the devices' own blocks of
+// ADPCM.
 AVCodecID ToLibraryCodec(CMSCodecID codec);
 
 // CMS_CODEC_NONE for every value that CMSDecoder does not decode.

@@ -64,19 +64,19 @@ bool PictureConverter::Prepare(const Geometry& geometry) {
   geometry_ = Geometry{};
   sws_freeContext(scaler_);
   scaler_ = nullptr;
-  if (geometry.to_width <= 0 || geometry.to_height <= 0 || geometry.to_width > kMaxSide ||
-      geometry.to_height > kMaxSide) {
+  if (geometry.toWidth <= 0 || geometry.toHeight <= 0 || geometry.toWidth > kMaxSide ||
+      geometry.toHeight > kMaxSide) {
     return false;
   }
   const std::size_t needed =
-      Stride(geometry.to_width) * static_cast<std::size_t>(geometry.to_height) + kRowAlignment;
+      Stride(geometry.toWidth) * static_cast<std::size_t>(geometry.toHeight) + kRowAlignment;
   if (needed > capacity_) {
     pixels_.reset(static_cast<unsigned char*>(av_malloc(needed)));
     capacity_ = pixels_ ? needed : 0;
   }
-  scaler_ = sws_getContext(geometry.from_width, geometry.from_height,
-                           static_cast<AVPixelFormat>(geometry.from_format), geometry.to_width,
-                           geometry.to_height, AV_PIX_FMT_BGRA, SWS_FAST_BILINEAR, nullptr, nullptr,
+  scaler_ = sws_getContext(geometry.fromWidth, geometry.fromHeight,
+                           static_cast<AVPixelFormat>(geometry.fromFormat), geometry.toWidth,
+                           geometry.toHeight, AV_PIX_FMT_BGRA, SWS_FAST_BILINEAR, nullptr, nullptr,
                            nullptr);
   if (!pixels_ || scaler_ == nullptr) {
     return false;
@@ -96,12 +96,12 @@ void PictureConverter::SetColours(const Geometry& geometry) {
                                &saturation) < 0) {
     return;  // pictures that are RGB already
   }
-  if (geometry.from_range != AVCOL_RANGE_UNSPECIFIED) {
-    full = geometry.from_range == AVCOL_RANGE_JPEG ? 1 : 0;
+  if (geometry.fromRange != AVCOL_RANGE_UNSPECIFIED) {
+    full = geometry.fromRange == AVCOL_RANGE_JPEG ? 1 : 0;
   }
-  const int* const named = geometry.from_matrix == AVCOL_SPC_UNSPECIFIED
+  const int* const named = geometry.fromMatrix == AVCOL_SPC_UNSPECIFIED
                                ? matrix
-                               : sws_getCoefficients(geometry.from_matrix);
+                               : sws_getCoefficients(geometry.fromMatrix);
   sws_setColorspaceDetails(scaler_, named, full, toMatrix, toFull, brightness, contrast,
                            saturation);
 }

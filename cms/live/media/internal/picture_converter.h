@@ -35,13 +35,13 @@ class PictureConverter {
 
  private:
   struct Geometry {
-    int from_width = 0;
-    int from_height = 0;
-    int from_format = -1;
-    int from_matrix = 0;  // AVColorSpace
-    int from_range = 0;   // AVColorRange
-    int to_width = 0;
-    int to_height = 0;
+    int fromWidth = 0;
+    int fromHeight = 0;
+    int fromFormat = -1;
+    int fromMatrix = 0;  // AVColorSpace
+    int fromRange = 0;   // AVColorRange
+    int toWidth = 0;
+    int toHeight = 0;
     bool operator==(const Geometry&) const = default;
   };
   struct AlignedDelete {

@@ -15,8 +15,6 @@ CMSCritical& OpenLock() {
   return lock;
 }
 
-void KeepMemory(void*, std::uint8_t*) {}
-
 }  // namespace
 
 VideoCodec::~VideoCodec() {
@@ -37,18 +35,13 @@ bool VideoCodec::Open(CMSCodecID codec, bool unrecovered) {
 bool VideoCodec::Allocate(CMSCodecID codec, bool unrecovered) {
   const AVCodecID id = ToLibraryCodec(codec);
   const AVCodec* decoder = id != AV_CODEC_ID_NONE ? avcodec_find_decoder(id) : nullptr;
-  if (decoder == nullptr) {
+  if (decoder == nullptr || decoder->type != AVMEDIA_TYPE_VIDEO) {
     return false;
   }
-  static std::uint8_t nothing[1];
   context_ = avcodec_alloc_context3(decoder);
-  packet_ = av_packet_alloc();
   picture_ = av_frame_alloc();
   surplus_ = av_frame_alloc();
-  borrowed_ =
-      av_buffer_create(nothing, sizeof nothing, KeepMemory, nullptr, AV_BUFFER_FLAG_READONLY);
-  if (context_ == nullptr || packet_ == nullptr || picture_ == nullptr || surplus_ == nullptr ||
-      borrowed_ == nullptr) {
+  if (!packet_.Allocate() || context_ == nullptr || picture_ == nullptr || surplus_ == nullptr) {
     return false;
   }
   context_->thread_count = 1;  // a site's channels are the parallelism
@@ -63,10 +56,9 @@ bool VideoCodec::Allocate(CMSCodecID codec, bool unrecovered) {
 void VideoCodec::Close() {
   codec_ = CMS_CODEC_NONE;
   avcodec_free_context(&context_);
-  av_packet_free(&packet_);
   av_frame_free(&picture_);
   av_frame_free(&surplus_);
-  av_buffer_unref(&borrowed_);
+  packet_.Free();
 }
 
 void VideoCodec::Flush() {
@@ -80,17 +72,7 @@ VideoCodec::Result VideoCodec::Decode(const std::uint8_t* data, int length, std:
     return Result::kError;
   }
   const LibrarySilence silence;
-  // The codec copies a packet that has no reference-counted buffer. The caller's memory outlives
-  // the packet, because Receive takes everything out of the codec: a standing reference saves the
-  // copy.
-  packet_->buf = borrowed_;
-  packet_->data = const_cast<std::uint8_t*>(data);
-  packet_->size = length;
-  packet_->pts = pts;
-  const int sent = avcodec_send_packet(context_, packet_);
-  packet_->buf = nullptr;
-  packet_->data = nullptr;
-  packet_->size = 0;
+  const int sent = packet_.Send(context_, {data, static_cast<std::size_t>(length)}, pts);
   const Result received = Receive();
   return received == Result::kNoPicture && sent < 0 ? Result::kError : received;
 }

@@ -9,6 +9,7 @@ extern "C" {
 }
 
 #include "cms/live/media/codec_id.h"
+#include "cms/live/media/internal/borrowed_packet.h"
 
 namespace cms {
 
@@ -68,8 +69,7 @@ class VideoCodec {
 
   CMSCodecID codec_ = CMS_CODEC_NONE;
   AVCodecContext* context_ = nullptr;
-  AVPacket* packet_ = nullptr;
-  AVBufferRef* borrowed_ = nullptr;  // stands for the caller's memory, see Decode
+  BorrowedPacket packet_;
   AVFrame* picture_ = nullptr;
   AVFrame* surplus_ = nullptr;
 };

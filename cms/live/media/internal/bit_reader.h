@@ -1,17 +1,16 @@
-// Readers of the bit fields in the headers of MPEG-4 and H.264.
+// Readers of the bit fields in the headers of MPEG-4 video and AAC, H.264 and H.265.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
-
-#include "cms/streaming/stream_probes.h"
+#include <span>
 
 namespace cms {
 
 // Bits, most significant first. Behind the end come zeros, and Ok() is false from then on.
 class BitReader {
  public:
-  explicit BitReader(Bytes data) : BitReader(data, false) {}
+  explicit BitReader(std::span<const std::uint8_t> data) : BitReader(data, false) {}
 
   std::uint32_t Read(unsigned int count) {
     std::uint32_t value = 0;
@@ -27,9 +26,11 @@ class BitReader {
     }
   }
   bool Ok() const { return ok_; }
+  // Bits that were taken, up to the end.
+  std::size_t Position() const { return at_ * 8 - bitsLeft_; }
 
  protected:
-  BitReader(Bytes data, bool escaped) : data_(data), escaped_(escaped) {}
+  BitReader(std::span<const std::uint8_t> data, bool escaped) : data_(data), escaped_(escaped) {}
 
   std::uint32_t Bit() {
     if (bitsLeft_ == 0 && !NextByte()) {
@@ -56,7 +57,7 @@ class BitReader {
     return true;
   }
 
-  Bytes data_;
+  std::span<const std::uint8_t> data_;
   const bool escaped_;  // emulation-prevention bytes are dropped
   std::size_t at_ = 0;
   unsigned int zeros_ = 0;
@@ -69,7 +70,7 @@ class BitReader {
 // bytes.
 class GolombReader : public BitReader {
  public:
-  explicit GolombReader(Bytes data) : BitReader(data, true) {}
+  explicit GolombReader(std::span<const std::uint8_t> data) : BitReader(data, true) {}
 
   // Codes of more than 31 leading zeros stand for no number; Ok() is false after one.
   std::uint32_t Unsigned() {
