@@ -4,10 +4,12 @@
 #include <cstddef>
 #include <ctime>
 #include <limits>
+#include <optional>
 #include <string>
 
 #include "cms/playback/internal/playback_spans.h"
 #include "cms/playback/internal/record_lists.h"
+#include "cms/recording/data_root.h"
 #include "cms/recording/event_db_info.h"
 #include "cms/recording/internal/database_file.h"
 #include "cms/recording/internal/database_locks.h"
@@ -15,7 +17,6 @@
 #include "cms/recording/internal/record_bytes.h"
 #include "cms/recording/rec_folder_db_writer.h"
 #include "cms/recording/recording_kind.h"
-#include "cms/runtime/native_path.h"
 #include "cms/runtime/wide_text.h"
 
 namespace {
@@ -32,9 +33,9 @@ std::int64_t MonthBegin(int year, int month) {
 }
 
 int KindOf(unsigned type) {
-  return type == kRecordAlarm       ? stLocalEvent::kAlarm
-         : type == kRecordVideoLoss ? stLocalEvent::kVideoLoss
-                                    : stLocalEvent::kDeviceEvent;
+  return type == cms::kRecordAlarm       ? stLocalEvent::kAlarm
+         : type == cms::kRecordVideoLoss ? stLocalEvent::kVideoLoss
+                                         : stLocalEvent::kDeviceEvent;
 }
 
 stLocalEvent EventOf(const FX_EventDBInfo& info) {
@@ -70,7 +71,9 @@ struct LocalPBSearchEngine::State {
   int month = 0;  // from 1
   std::array<int, 32> days{};
   bool readEverything = true;
-  cms::RecordLists lists{cms::CurrentFileIo()};
+  std::string dataRoot;  // as it was given
+  std::optional<cms::RecordLists> lists;
+  std::string listsRoot;  // of what they remember
   cms::PlaybackSpans spans;
   std::vector<stLocalEvent> events;
 
@@ -110,20 +113,28 @@ void LocalPBSearchEngine::State::LoadFolders(bool withDetails) {
       spans.Add(cms::RecordFrom<FX_RecordDBInfo>(record));
     }
   };
+  const std::string root = cms::DataRootOr(dataRoot);
   std::vector<std::string> folders;
   {
     ScopeLock databases(cms::FolderDatabaseLock());
-    cms::DatabaseFile list(cms::FolderListPath(cmsNumber), sizeof(stRecFolderDB),
-                           cms::DatabaseAccess::kRead);
+    cms::DatabaseFile list(cms::FolderListPath(cmsNumber), sizeof(cms::stRecFolderDB),
+                           cms::DatabaseAccess::kRead, root);
     const bool read = list && list.ForEach([&](auto entry) {
-      folders.push_back(cms::NativePath(cms::LoadUtf16(entry)));
+      folders.push_back(cms::PathInData(cms::LoadUtf16(entry), root));
       return true;
     });
     readEverything = read || list.Missing();
   }
-  lists.BeginQuery();
+  if (!root.empty() && !std::ranges::count(folders, cms::RecordingsOf(root))) {
+    folders.push_back(cms::RecordingsOf(root));
+  }
+  if (!lists || listsRoot != root) {
+    lists.emplace(cms::CurrentFileIo(), root);
+    listsRoot = root;
+  }
+  lists->BeginQuery();
   for (const std::string& folder : folders) {
-    readEverything = lists.AskEach(folder, query) && readEverything;
+    readEverything = lists->AskEach(folder, query) && readEverything;
   }
   days[0] = 0;
 }
@@ -148,6 +159,10 @@ LocalPBSearchEngine::~LocalPBSearchEngine() = default;
 void LocalPBSearchEngine::setCMSInfo(unsigned cmsNumber, unsigned value2) {
   state_->cmsNumber = cmsNumber;
   state_->value2 = value2;
+}
+
+void LocalPBSearchEngine::SetDataRoot(const std::string& folder) {
+  state_->dataRoot = cms::WholeDataRoot(folder);
 }
 
 void LocalPBSearchEngine::setSearchYearAndMonth(int year, int month) {
@@ -190,13 +205,15 @@ void LocalPBSearchEngine::loadEventList() {
     bool read = false;
     bool missing = false;
     if (prunes) {
-      cms::DatabaseFile list(path, sizeof(FX_EventDBInfo), cms::DatabaseAccess::kChange);
+      cms::DatabaseFile list(path, sizeof(FX_EventDBInfo), cms::DatabaseAccess::kChange,
+                             state_->dataRoot);
       missing = list.Missing();
       read = list && list.Filter(keep);
     }
     if (!read && !missing) {
       state_->events.clear();  // what may not be changed may still be read
-      cms::DatabaseFile list(path, sizeof(FX_EventDBInfo), cms::DatabaseAccess::kRead);
+      cms::DatabaseFile list(path, sizeof(FX_EventDBInfo), cms::DatabaseAccess::kRead,
+                             state_->dataRoot);
       missing = list.Missing();
       read = list && list.ForEach([&](auto record) {
         keep(record);

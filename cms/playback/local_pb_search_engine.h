@@ -4,12 +4,14 @@
 #include <array>
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "cms/playback/search_results.h"
 #include "cms/runtime/api.h"
 
-// Answers from the databases of recordings beside the working folder (docs/formats.md): the folder
+// Answers from the databases of recordings in the data root, or, where there is none, beside the
+// working folder (docs/formats.md): the folder
 // list "..\RecFolderDB<CMS number>", the record list of each folder inside the listed ones, and the
 // event list "..\EventList<CMS number>". A record counts when both of its times are set, its start
 // is before its end, it touches the interval, and its .drv file is there; no recording is opened.
@@ -37,6 +39,10 @@ class CMS_API LocalPBSearchEngine {
   // The number of the databases, and the CMS number of the events that are shown and pruned.
   // `value2` is kept without a meaning. 0 and 0 at first.
   void setCMSInfo(unsigned cmsNumber, unsigned value2);
+
+  // Searches are in this data root from now on (cms/recording/data_root.h): in the folders of its
+  // list and in DIR/recordings; without one, or with an empty folder, in that of the process.
+  void SetDataRoot(const std::string& folder);
 
   // Searches are for this month, in UTC, from now on: from its first second to its last.
   // A month that no calendar has holds nothing.

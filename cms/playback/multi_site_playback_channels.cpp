@@ -18,7 +18,7 @@ int VideoTypeOf(const Session& session, unsigned site, unsigned channel) {
   return data != nullptr ? data->VideoType() : 0;
 }
 
-const _MULTI_PB_SITE_CONFIG* ConfigOf(const Session& session, unsigned site) {
+const cms::_MULTI_PB_SITE_CONFIG* ConfigOf(const Session& session, unsigned site) {
   const auto* const base = session ? session->Site(site) : nullptr;
   return base != nullptr ? &base->Config() : nullptr;
 }
@@ -71,11 +71,11 @@ unsigned CCMSMultiSitePlaybackCtrl::GetImageID(unsigned site, unsigned channel) 
 char CCMSMultiSitePlaybackCtrl::GetChFrameState(unsigned site, unsigned channel) const {
   const auto session = impl_->Running();
   return session ? session->Transport().StateOf(session->NumberOf(site, channel))
-                 : PLAYBACK_CHANNEL_OFF;
+                 : cms::PLAYBACK_CHANNEL_OFF;
 }
 
 int CCMSMultiSitePlaybackCtrl::GetChannelStatus(unsigned site, unsigned channel,
-                                                stPlaybackChannelStatus* status) const {
+                                                cms::stPlaybackChannelStatus* status) const {
   const auto session = impl_->Running();
   const auto* const data = session ? session->Channel(site, channel) : nullptr;
   if (data == nullptr || status == nullptr) {
@@ -96,15 +96,19 @@ int CCMSMultiSitePlaybackCtrl::IsIPCamera(unsigned site, unsigned) const {
 }
 
 int CCMSMultiSitePlaybackCtrl::IsH264(unsigned site, unsigned channel) const {
-  return VideoTypeOf(impl_->Running(), site, channel) == CMS_VIDEO_H264 ? 1 : 0;
+  return VideoTypeOf(impl_->Running(), site, channel) == cms::CMS_VIDEO_H264 ? 1 : 0;
+}
+
+int CCMSMultiSitePlaybackCtrl::IsH265(unsigned site, unsigned channel) const {
+  return VideoTypeOf(impl_->Running(), site, channel) == cms::CMS_VIDEO_H265 ? 1 : 0;
 }
 
 int CCMSMultiSitePlaybackCtrl::IsMJPEG(unsigned site, unsigned channel) const {
-  return VideoTypeOf(impl_->Running(), site, channel) == CMS_VIDEO_MJPEG ? 1 : 0;
+  return VideoTypeOf(impl_->Running(), site, channel) == cms::CMS_VIDEO_MJPEG ? 1 : 0;
 }
 
 int CCMSMultiSitePlaybackCtrl::IsMPEG4(unsigned site, unsigned channel) const {
-  return VideoTypeOf(impl_->Running(), site, channel) == CMS_VIDEO_MPEG4 ? 1 : 0;
+  return VideoTypeOf(impl_->Running(), site, channel) == cms::CMS_VIDEO_MPEG4 ? 1 : 0;
 }
 
 int CCMSMultiSitePlaybackCtrl::Is84Inter(unsigned site, unsigned channel) const {
@@ -211,17 +215,16 @@ void CCMSMultiSitePlaybackCtrl::UnLockImage(unsigned site, unsigned channel) {
 int CCMSMultiSitePlaybackCtrl::SetDecoderRenderCallback(unsigned site, unsigned channel,
                                                         const tagSIZE* size,
                                                         RenderCallback callback) {
-  int known = 0;
-  impl_->Operate([&](cms::PlaybackSession& session) {
-    if (auto* const data = session.Channel(site, channel)) {
-      data->SetRenderCallback(callback);
-      data->Pictures()->SetDisplaySize(size != nullptr ? *size : tagSIZE{});
-      data->ShowAnew();
-      session.Transport().Synchronise();
-      known = 1;
-    }
+  return impl_->ShowAnew(site, channel, [&](CCMSPlaybackChannelData& data) {
+    data.SetRenderCallback(callback);
+    data.Pictures()->SetDisplaySize(size != nullptr ? *size : tagSIZE{});
   });
-  return known;
+}
+
+int CCMSMultiSitePlaybackCtrl::SetFisheye(unsigned site, unsigned channel,
+                                          const cms::FisheyeSettings& settings) {
+  return impl_->ShowAnew(
+      site, channel, [&](CCMSPlaybackChannelData& data) { data.Pictures()->SetFisheye(settings); });
 }
 
 int CCMSMultiSitePlaybackCtrl::GetPlaybackFrameData(unsigned site, unsigned channel,

@@ -6,6 +6,7 @@
 #include "cms/playback/internal/multi_site_playback_impl.h"
 #include "cms/playback/internal/single_drv_data_reader.h"
 #include "cms/runtime/file_io.h"
+#include "cms/runtime/native_path.h"
 
 CCMSMultiSitePlaybackCtrl::CCMSMultiSitePlaybackCtrl() : impl_(std::make_unique<Impl>()) {}
 
@@ -43,9 +44,9 @@ int CCMSMultiSitePlaybackCtrl::GetStartAndEndTimeOfDRVFile(std::int64_t* start, 
   if (start == nullptr || end == nullptr || file == nullptr) {
     return 0;
   }
-  _MULTI_PB_SITE_CONFIG config;
+  cms::_MULTI_PB_SITE_CONFIG config;
   config.files = {file};
-  config.source = PLAYBACK_SOURCE_SINGLE_DRV;
+  config.source = cms::PLAYBACK_SOURCE_SINGLE_DRV;
   config.channelCount = 0;
   CCMSPlaybackSiteBase site(config, 0);
   std::string error;
@@ -55,6 +56,11 @@ int CCMSMultiSitePlaybackCtrl::GetStartAndEndTimeOfDRVFile(std::int64_t* start, 
   *start = site.StartTime();
   *end = site.EndTime();
   return 1;
+}
+
+int CCMSMultiSitePlaybackCtrl::GetStartAndEndTimeOfDRVFile(std::int64_t* start, std::int64_t* end,
+                                                           const std::string& file) {
+  return GetStartAndEndTimeOfDRVFile(start, end, cms::SystemPath(file).c_str());
 }
 
 std::int64_t CCMSMultiSitePlaybackCtrl::GetPlaybackDataStartTime() const {
@@ -155,7 +161,7 @@ int CCMSMultiSitePlaybackCtrl::IsPlaybackInSlowMode() const {
 
 std::int64_t CCMSMultiSitePlaybackCtrl::GetCurPlaybackTargetTime() const {
   const auto session = impl_->Running();
-  return session ? session->Transport().Target() : kPlaybackNoTargetTime;
+  return session ? session->Transport().Target() : cms::kPlaybackNoTargetTime;
 }
 
 std::int64_t CCMSMultiSitePlaybackCtrl::GetPlaybackTime() const {

@@ -71,6 +71,8 @@ class CMS_API CCMSMultiSitePlaybackCtrl {
   int IsAllEndOfFile() const;  // every displayed channel is at its end, in the direction of play
   // Of a recording's first and last picture. 0 when the file has none or cannot be read.
   int GetStartAndEndTimeOfDRVFile(std::int64_t* start, std::int64_t* end, const wchar_t* file);
+  // The same for a native path in UTF-8.
+  int GetStartAndEndTimeOfDRVFile(std::int64_t* start, std::int64_t* end, const std::string& file);
   std::int64_t GetPlaybackDataStartTime() const;  // of all sites; 0 while not started
   std::int64_t GetPlaybackDataEndTime() const;
   std::int64_t GetTotalPlaybackTime() const;  // milliseconds between the two
@@ -125,12 +127,13 @@ class CMS_API CCMSMultiSitePlaybackCtrl {
   int GetCMSSiteType(unsigned site) const;
   unsigned GetImageID(unsigned site, unsigned channel) const;  // grows with each picture shown
   char GetChFrameState(unsigned site, unsigned channel) const;
-  int GetChannelStatus(unsigned site, unsigned channel, stPlaybackChannelStatus* status) const;
+  int GetChannelStatus(unsigned site, unsigned channel, cms::stPlaybackChannelStatus* status) const;
   // The largest distance, in milliseconds, of a shown picture from the clock, taken over all
   // channels whenever the clock is read or a picture is looked at: what is due is shown before.
   std::int64_t GetMaximumSkew() const;
   int IsIPCamera(unsigned site, unsigned channel) const;  // a site of one channel is a camera
-  int IsH264(unsigned site, unsigned channel) const;      // these three: of the picture shown
+  int IsH264(unsigned site, unsigned channel) const;      // these four: of the picture shown
+  int IsH265(unsigned site, unsigned channel) const;
   int IsMJPEG(unsigned site, unsigned channel) const;
   int IsMPEG4(unsigned site, unsigned channel) const;
   int Is84Inter(unsigned site, unsigned channel) const;  // 704x240 or 704x288: one field of a frame
@@ -141,6 +144,7 @@ class CMS_API CCMSMultiSitePlaybackCtrl {
   int GetCAMERA_TITLE(unsigned site, unsigned channel, std::wstring* title) const;
   int GetTextType(unsigned site, unsigned channel) const;  // 1 when it has a text line, else 0
   int GetTextString(unsigned site, unsigned channel, std::wstring* text) const;
+  // As the site's configuration has it.
   int GetFisheyeInfo(unsigned site, unsigned channel, stFisheyeParameter* parameter) const;
 
   // --- Pictures ----------------------------------------------------------------------------------
@@ -158,13 +162,15 @@ class CMS_API CCMSMultiSitePlaybackCtrl {
   // on the channel's reader thread with no lock held (may be null).
   int SetDecoderRenderCallback(unsigned site, unsigned channel, const tagSIZE* size,
                                RenderCallback callback);
+  // How the channel is looked at from now on, the picture shown included; of a site's configuration
+  // until then. Positions and zooms are of its virtual cameras. 0 when playback has not started.
+  int SetFisheye(unsigned site, unsigned channel, const cms::FisheyeSettings& settings);
   // Copies the recorded frame that is shown at a time, its header in front. `size`: bytes of the
   // buffer, then of the frame; 0 when there is no frame, or none that fits (size says).
   int GetPlaybackFrameData(unsigned site, unsigned channel, std::int64_t time,
                            unsigned char* buffer, long& size);
 
-  // --- Audio: handed out (onAudio) at speed 1 forward
-  // ---------------------------------------------
+  // --- Audio: handed out (onAudio) at speed 1 forward --------------------------------------------
   int SetAudio(unsigned site, const std::string& device);  // a name that goes with its blocks
   int SetChAudioState(unsigned site, unsigned channel, int on);
   void SetAllAudioState(int on);
@@ -177,6 +183,6 @@ class CMS_API CCMSMultiSitePlaybackCtrl {
                        _MULTI_PB_GET_FRAME_CALL_BACK_PARAM* parameter);
 
  private:
-  class Impl;
+  class CMS_HIDDEN Impl;
   std::unique_ptr<Impl> impl_;
 };

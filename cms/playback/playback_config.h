@@ -7,6 +7,9 @@
 #include <vector>
 
 #include "cms/live/media/fisheye.h"
+#include "cms/runtime/api.h"
+
+namespace cms {
 
 // All times of playback are milliseconds since 1970-01-01 UTC.
 inline constexpr std::int64_t kPlaybackNoTargetTime = std::numeric_limits<std::int64_t>::max();
@@ -30,6 +33,13 @@ struct _MULTI_PB_SITE_CONFIG {
   // that begins later is played; files that merely share a second are both played whole.
   std::vector<std::wstring> files;
 
+  // One more of them, native and in UTF-8.
+  CMS_API void AddFile(const std::string& path);
+
+  // Where relative paths of recordings count from (cms/recording/data_root.h), as the search engine
+  // that found them was told; empty: that of the process.
+  std::string dataRoot;
+
   // Also look for newer recordings of the site while playing at its end, for as long as that lasts:
   // in the folder of its last file and, when that folder's name is a day ("20240229"), in those of
   // later days beside it (PLAYBACK_SOURCE_DRV, names of the form "Rec_Site12_20240229.drv").
@@ -38,7 +48,7 @@ struct _MULTI_PB_SITE_CONFIG {
   int channelCount = 1;              // 0: as many as the index of the first file names
   std::vector<std::wstring> titles;  // of the channels; the site's name for those without one
   std::vector<std::wstring> texts;   // a second line for each channel, as GetTextString gives it
-  stFisheyeParameter fisheye;        // kept for GetFisheyeInfo
+  stFisheyeParameter fisheye;        // how its channels are looked at (cms/live/media/fisheye.h)
 
   double rawFrameRate = 25;       // of PLAYBACK_SOURCE_RAW
   std::int64_t rawStartTime = 0;  // the time of its first picture
@@ -58,15 +68,17 @@ struct _MULTI_PB_AUDIO_BLOCK {
   const char* device = "";              // what SetAudio gave for the site
 };
 
+}  // namespace cms
+
 struct _MULTI_SITE_PLAYBACK_CONFIG {
-  std::vector<_MULTI_PB_SITE_CONFIG> sites;        // in the order of their site indexes
-  std::int64_t startTime = kPlaybackNoTargetTime;  // none: where the first site begins
+  std::vector<cms::_MULTI_PB_SITE_CONFIG> sites;        // in the order of their site indexes
+  std::int64_t startTime = cms::kPlaybackNoTargetTime;  // none: where the first site begins
   bool startPaused = false;
 
   // Both may be null. They run on the channel's reader thread with no lock held; they must not stop
   // or destroy the controller, and what they do delays that channel's pictures.
   void (*onPicture)(void* context, unsigned site, unsigned channel, std::int64_t time) = nullptr;
-  void (*onAudio)(void* context, const _MULTI_PB_AUDIO_BLOCK* block) = nullptr;
+  void (*onAudio)(void* context, const cms::_MULTI_PB_AUDIO_BLOCK* block) = nullptr;
   void* context = nullptr;
 };
 
@@ -80,6 +92,8 @@ struct _MULTI_PB_GET_FRAME_CALL_BACK_PARAM {
   std::int64_t wantedTime = 0;  // of the picture that it is on its way to
   int show = 0;                 // answer: 0: decode it for those that follow, 1: it is that picture
 };
+
+namespace cms {
 
 // What a channel shows at the moment (GetChFrameState).
 enum PLAYBACK_CHANNEL_STATE : char {
@@ -100,3 +114,5 @@ struct stPlaybackChannelStatus {
   std::uint64_t skippedBytes = 0;    // of the recordings read so far, in no frame
   std::uint64_t rebuiltIndexes = 0;  // that were missing or wrong
 };
+
+}  // namespace cms

@@ -81,7 +81,7 @@ bool ControlWriteFile::AddToQueue(int handle, const void* data, std::uint32_t le
     ++queued_;
   }
   slot->handle = handle;
-  slot->close_after = closeAfter;
+  slot->closeAfter = closeAfter;
   slot->length = length;
   slot->status = std::move(status);
   if (length > 0) {
@@ -144,7 +144,7 @@ void ControlWriteFile::WriteQueueFn() {
     Slot& slot = slots_[drain_];
     slot.filled.Wait();
     WriteSlot(slot);
-    if (slot.close_after) {
+    if (slot.closeAfter) {
       CloseSlot(slot);
     }
     slot.status.reset();
@@ -179,8 +179,8 @@ void ControlWriteFile::WriteSlot(Slot& slot) {
   const std::uint32_t lost = slot.length - written;
   lostBytes_ += lost;
   if (slot.status) {
-    slot.status->written_bytes += written;
-    slot.status->lost_bytes += lost;
+    slot.status->writtenBytes += written;
+    slot.status->lostBytes += lost;
   }
 }
 

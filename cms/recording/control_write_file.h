@@ -22,9 +22,9 @@ class NamedThread;
 // What became of the buffers that were queued with it; one for each open file, shared by the queue
 // and the file's owner, who reads it at any time from any thread.
 struct WriteStatus {
-  std::atomic<int> error{0};                    // errno of the first failure, 0 while all is well
-  std::atomic<std::uint64_t> written_bytes{0};  // on disk as far as the platform is concerned
-  std::atomic<std::uint64_t> lost_bytes{0};     // failed or refused
+  std::atomic<int> error{0};                   // errno of the first failure, 0 while all is well
+  std::atomic<std::uint64_t> writtenBytes{0};  // on disk as far as the platform is concerned
+  std::atomic<std::uint64_t> lostBytes{0};     // failed or refused
   std::atomic<bool> closed{false};  // the queue closed the file; nothing changes any more
 };
 
@@ -78,7 +78,7 @@ class CMS_API ControlWriteFile {
   struct Slot {
     cms::Event filled;
     int handle = -1;
-    bool close_after = false;
+    bool closeAfter = false;
     std::uint8_t* buffer = nullptr;  // nullptr when length is 0
     std::uint32_t length = 0;
     std::shared_ptr<cms::WriteStatus> status;

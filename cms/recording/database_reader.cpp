@@ -57,24 +57,24 @@ SpanRow RowOf(const FX::FX_RecSubFolderDBInfo& span) {
 
 }  // namespace
 
-DatabaseContent<RecordRow> ReadRecordList(std::wstring_view folder) {
+DatabaseContent<RecordRow> ReadRecordList(std::wstring_view folder, const std::string& dataRoot) {
   return ReadDatabase<FX::FX_RecordDBInfo, RecordRow>(RecordListPath(folder), RecordDatabaseLock(),
-                                                      RowOf);
+                                                      RowOf, dataRoot);
 }
 
-DatabaseContent<SpanRow> ReadFolderSpan(std::wstring_view folder) {
+DatabaseContent<SpanRow> ReadFolderSpan(std::wstring_view folder, const std::string& dataRoot) {
   return ReadDatabase<FX::FX_RecSubFolderDBInfo, SpanRow>(FolderSpanPath(folder),
-                                                          RecordDatabaseLock(), RowOf);
+                                                          RecordDatabaseLock(), RowOf, dataRoot);
 }
 
-DatabaseContent<EventRow> ReadEventList(int number) {
+DatabaseContent<EventRow> ReadEventList(int number, const std::string& dataRoot) {
   return ReadDatabase<FX::FX_EventDBInfo, EventRow>(EventListPath(number), EventDatabaseLock(),
-                                                    RowOf);
+                                                    RowOf, dataRoot);
 }
 
-DatabaseContent<FolderRow> ReadFolderList(unsigned number) {
-  return ReadDatabase<stRecFolderDB, FolderRow>(FolderListPath(number), FolderDatabaseLock(),
-                                                RowOf);
+DatabaseContent<FolderRow> ReadFolderList(unsigned number, const std::string& dataRoot) {
+  return ReadDatabase<stRecFolderDB, FolderRow>(FolderListPath(number), FolderDatabaseLock(), RowOf,
+                                                dataRoot);
 }
 
 std::string TextOfRecordTime(std::int64_t seconds) {

@@ -64,11 +64,16 @@ struct DatabaseContent {
 
 // Each takes its database's lock of the process while it reads and waits for no other process.
 // Paths are as the system writes them; of a recording folder, without a separator behind it. A span
-// file is one row.
-CMS_API DatabaseContent<RecordRow> ReadRecordList(std::wstring_view folder);
-CMS_API DatabaseContent<SpanRow> ReadFolderSpan(std::wstring_view folder);
-CMS_API DatabaseContent<EventRow> ReadEventList(int number);         // "..\EventList<number>"
-CMS_API DatabaseContent<FolderRow> ReadFolderList(unsigned number);  // "..\RecFolderDB<number>"
+// file is one row. Without a root (cms/recording/data_root.h) that of the process counts.
+CMS_API DatabaseContent<RecordRow> ReadRecordList(std::wstring_view folder,
+                                                  const std::string& dataRoot = {});
+CMS_API DatabaseContent<SpanRow> ReadFolderSpan(std::wstring_view folder,
+                                                const std::string& dataRoot = {});
+// "..\EventList<number>"
+CMS_API DatabaseContent<EventRow> ReadEventList(int number, const std::string& dataRoot = {});
+// "..\RecFolderDB<number>"
+CMS_API DatabaseContent<FolderRow> ReadFolderList(unsigned number,
+                                                  const std::string& dataRoot = {});
 
 // A record's time as "2024-02-29T12:00:00Z", "-" when it is not set; a time that no calendar holds
 // stays a number.

@@ -18,16 +18,16 @@ struct DrvIdx {
   std::uint32_t state;         // the recorder's
   std::uint32_t reserved;      // 0
   std::uint64_t milliseconds;  // frame time since 1970-01-01 UTC
-  std::uint32_t frame_type;    // a cms::FrameType
-  std::uint32_t second_state;  // the recorder's
+  std::uint32_t frameType;     // a cms::FrameType
+  std::uint32_t secondState;   // the recorder's
 
   bool operator==(const DrvIdx&) const = default;
 };
 static_assert(sizeof(DrvIdx) == 32 && std::is_trivially_copyable_v<DrvIdx>);
 static_assert(offsetof(DrvIdx, channel) == 0 && offsetof(DrvIdx, offset) == 4 &&
               offsetof(DrvIdx, state) == 8 && offsetof(DrvIdx, reserved) == 12 &&
-              offsetof(DrvIdx, milliseconds) == 16 && offsetof(DrvIdx, frame_type) == 24 &&
-              offsetof(DrvIdx, second_state) == 28);
+              offsetof(DrvIdx, milliseconds) == 16 && offsetof(DrvIdx, frameType) == 24 &&
+              offsetof(DrvIdx, secondState) == 28);
 
 namespace cms {
 

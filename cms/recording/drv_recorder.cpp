@@ -1,16 +1,17 @@
 #include "cms/recording/drv_recorder.h"
 
 #include <algorithm>
-#include <utility>
 
 #include "cms/recording/event_db_list_writer.h"
 #include "cms/recording/internal/database_locks.h"
 #include "cms/recording/internal/record_text.h"
+#include "cms/recording/internal/recorder_state.h"
 #include "cms/recording/internal/recording_file.h"
 
 namespace FX {
 
-FX_DRVRecorder::FX_DRVRecorder() {
+FX_DRVRecorder::FX_DRVRecorder()
+    : kinds_(std::make_unique<Kinds>()), frames_(std::make_unique<Frames>()) {
   AtExit([this] { StopAtExit(); });
 }
 
@@ -37,14 +38,14 @@ bool FX_DRVRecorder::Start(cms::RecordKind kind, unsigned channel) {
   if (IsEvent(kind)) {
     OpenEvent(kind, channel);
   }
-  running_[IndexOf(kind)].Set(channel);
+  kinds_->running[IndexOf(kind)].Set(channel);
   return true;
 }
 
 void FX_DRVRecorder::Stop(cms::RecordKind kind, unsigned channel) {
   cms::ChannelSet::Check(channel);
   ScopeLock hold(starting_);
-  running_[IndexOf(kind)].Clear(channel);
+  kinds_->running[IndexOf(kind)].Clear(channel);
   if (IsEvent(kind)) {
     StoreEvent(kind, channel);
   }
@@ -55,7 +56,7 @@ void FX_DRVRecorder::Stop(cms::RecordKind kind, unsigned channel) {
 
 void FX_DRVRecorder::StopRecordAll() {
   ScopeLock hold(starting_);
-  for (auto& set : running_) {
+  for (auto& set : kinds_->running) {
     set.ClearAll();
   }
   for (unsigned channel = 0; channel < cms::kChannels; ++channel) {
@@ -69,25 +70,31 @@ void FX_DRVRecorder::StopRecordAll() {
 void FX_DRVRecorder::OpenEvent(cms::RecordKind kind, unsigned channel) {
   StoreEvent(kind, channel);
   ScopeLock hold(lock_);
-  Event& event = EventOf(kind, channel);
+  Frames::Event& event = frames_->EventOf(kind, channel);
   event.isOpen = true;
   event.drvPath = FrontOfPath();
-  event.preAlarm = preAlarmEnabled_ ? preAlarm_ : std::uint8_t{0};
+  event.preAlarm = frames_->preAlarmEnabled ? frames_->preAlarm : std::uint8_t{0};
+}
+
+void FX_DRVRecorder::StoreEvent(cms::RecordKind kind, unsigned channel) {
+  ScopeLock hold(lock_);
+  PassOnEvent(kind, channel);
+  frames_->EventOf(kind, channel) = {};
 }
 
 // An event without frames leaves no record.
-void FX_DRVRecorder::StoreEvent(cms::RecordKind kind, unsigned channel) {
-  ScopeLock hold(lock_);
-  const Event event = std::exchange(EventOf(kind, channel), {});
+void FX_DRVRecorder::PassOnEvent(cms::RecordKind kind, unsigned channel) {
+  const Frames::Event event = frames_->EventOf(kind, channel);
   if (event.start == 0) {
     return;
   }
-  DoOnDisk([event, kind, channel, device = Device()] {
+  DoOnDisk([event, kind, channel, device = Device(), root = DataRoot()] {
     const cms::TryDatabaseLock database(cms::EventDatabaseLock());
     if (!database) {
       return cms::DiskTaskResult::kBusy;
     }
     FX_EventDBListWriter list;
+    list.SetDataRoot(root);
     list.InitialEventDBInfo(event.drvPath.c_str(), channel, EventTypeOf(kind), event.preAlarm,
                             device.port, device.siteName.c_str(), device.address.c_str());
     list.SetRecordTime(event.start, channel);
@@ -98,13 +105,33 @@ void FX_DRVRecorder::StoreEvent(cms::RecordKind kind, unsigned channel) {
 }
 
 void FX_DRVRecorder::TurnOffAllRecordState() {
-  for (auto& set : enabled_) {
+  for (auto& set : kinds_->enabled) {
     set.ClearAll();
   }
 }
 
+bool FX_DRVRecorder::IsRunning(cms::RecordKind kind, unsigned channel) const {
+  return kinds_->running[IndexOf(kind)].Has(channel);
+}
+bool FX_DRVRecorder::IsRunning(cms::RecordKind kind) const {
+  return kinds_->running[IndexOf(kind)].Any();
+}
+bool FX_DRVRecorder::IsStateOn(cms::RecordKind kind, unsigned channel) const {
+  return kinds_->enabled[IndexOf(kind)].Has(channel);
+}
+bool FX_DRVRecorder::IsStateOn(cms::RecordKind kind) const {
+  return kinds_->enabled[IndexOf(kind)].Any();
+}
+void FX_DRVRecorder::TurnOnState(cms::RecordKind kind, unsigned channel) {
+  kinds_->enabled[IndexOf(kind)].Set(channel);
+}
+void FX_DRVRecorder::TurnOffState(cms::RecordKind kind, unsigned channel) {
+  kinds_->enabled[IndexOf(kind)].Clear(channel);
+}
+
 bool FX_DRVRecorder::AnyRuns() const {
-  return std::any_of(running_.begin(), running_.end(), [](const auto& set) { return set.Any(); });
+  return std::any_of(kinds_->running.begin(), kinds_->running.end(),
+                     [](const auto& set) { return set.Any(); });
 }
 
 unsigned FX_DRVRecorder::RunningKinds(unsigned channel) const {
@@ -130,7 +157,7 @@ bool FX_DRVRecorder::GetDeviceEventRecStatus(unsigned channel) {
 bool FX_DRVRecorder::GetDeviceEventStatus(unsigned channel) {
   cms::ChannelSet::Check(channel);
   ScopeLock hold(lock_);
-  return EventOf(kDeviceEvent, channel).isOpen;
+  return frames_->EventOf(kDeviceEvent, channel).isOpen;
 }
 
 void FX_DRVRecorder::SetRecordTime(std::int64_t time, unsigned channel) {
@@ -145,7 +172,7 @@ void FX_DRVRecorder::SetEventTime(std::int64_t time, unsigned channel) {
   ScopeLock hold(lock_);
   for (const cms::RecordKind kind : cms::kEventKinds) {
     if (time > kNoFramesTime && IsRunning(kind, channel)) {
-      Event& event = EventOf(kind, channel);
+      Frames::Event& event = frames_->EventOf(kind, channel);
       cms::WidenRecordTimes(time, event.start, event.end);
     }
   }
@@ -153,28 +180,28 @@ void FX_DRVRecorder::SetEventTime(std::int64_t time, unsigned channel) {
 
 void FX_DRVRecorder::SetPreAlarm(std::uint8_t seconds, bool enabled) {
   ScopeLock hold(lock_);
-  preAlarm_ = seconds;
-  preAlarmEnabled_ = enabled;
+  frames_->preAlarm = seconds;
+  frames_->preAlarmEnabled = enabled;
 }
 
 void FX_DRVRecorder::SetEventPreAlarm(unsigned channel, std::uint8_t seconds) {
   cms::ChannelSet::Check(channel);
   ScopeLock hold(lock_);
   for (const cms::RecordKind kind : cms::kEventKinds) {
-    EventOf(kind, channel).preAlarm = seconds;
+    frames_->EventOf(kind, channel).preAlarm = seconds;
   }
 }
 
 void FX_DRVRecorder::SetRecParam(const stRecordParam& param) {
   ScopeLock hold(lock_);
-  param_ = param;
-  param_.path[std::size(param_.path) - 1] = L'\0';
-  SetTarget(param_.path, param_.fileSizeMiB, param_.secondLimit);
+  frames_->param = param;
+  frames_->param.path[std::size(frames_->param.path) - 1] = L'\0';
+  SetTarget(frames_->param.path, frames_->param.fileSizeMiB, frames_->param.secondLimit);
 }
 
 stRecordParam FX_DRVRecorder::GetRecParam() const {
   ScopeLock hold(lock_);
-  return param_;
+  return frames_->param;
 }
 
 }  // namespace FX

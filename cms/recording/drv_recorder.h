@@ -1,13 +1,12 @@
 // FX_DRVRecorder: the recordings of one site, of five kinds, and the records of its events.
 #pragma once
 
-#include <array>
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <string>
 
 #include "cms/live/media/frame.h"
-#include "cms/recording/channel_set.h"
 #include "cms/recording/drv_writer.h"
 #include "cms/recording/record_param.h"
 #include "cms/recording/recording_kind.h"
@@ -23,9 +22,10 @@ namespace FX {
 // somebody holds EventDBLock for long: behind that. Channels are 0 to 31; others throw
 // std::out_of_range.
 //
-// A file also ends in front of a key frame whose time is before that of the channel's frame before
-// it, and in front of one of another codec or picture format: each file's times rise, and it has
-// one format for each channel.
+// A file also ends in front of the next key frame once the clock has been set (times go back, or 30
+// seconds further ahead than has passed), and in front of one of another codec or picture format:
+// each file's times rise, and it has one format for each channel. What is left of the group of
+// pictures behind the step has a record, and an event a row, of its own.
 class CMS_API FX_DRVRecorder : public CLFX::CLFXDRVWriter {
  public:
   FX_DRVRecorder();
@@ -37,21 +37,15 @@ class CMS_API FX_DRVRecorder : public CLFX::CLFXDRVWriter {
   // Stores the record of an event. The files are closed when nothing runs any more.
   void Stop(cms::RecordKind kind, unsigned channel);
   void StopRecordAll();
-  bool IsRunning(cms::RecordKind kind, unsigned channel) const {
-    return running_[IndexOf(kind)].Has(channel);
-  }
-  bool IsRunning(cms::RecordKind kind) const { return running_[IndexOf(kind)].Any(); }
+  bool IsRunning(cms::RecordKind kind, unsigned channel) const;
+  bool IsRunning(cms::RecordKind kind) const;
 
   // The recording states: which kinds the client application has enabled. The recorder keeps them
   // for whoever decides on starting.
-  bool IsStateOn(cms::RecordKind kind, unsigned channel) const {
-    return enabled_[IndexOf(kind)].Has(channel);
-  }
-  bool IsStateOn(cms::RecordKind kind) const { return enabled_[IndexOf(kind)].Any(); }
-  void TurnOnState(cms::RecordKind kind, unsigned channel) { enabled_[IndexOf(kind)].Set(channel); }
-  void TurnOffState(cms::RecordKind kind, unsigned channel) {
-    enabled_[IndexOf(kind)].Clear(channel);
-  }
+  bool IsStateOn(cms::RecordKind kind, unsigned channel) const;
+  bool IsStateOn(cms::RecordKind kind) const;
+  void TurnOnState(cms::RecordKind kind, unsigned channel);
+  void TurnOffState(cms::RecordKind kind, unsigned channel);
   void TurnOffAllRecordState();
 
   // The same by the name of the kind.
@@ -122,6 +116,10 @@ class CMS_API FX_DRVRecorder : public CLFX::CLFXDRVWriter {
   void SetRecParam(const stRecordParam& param);
   stRecordParam GetRecParam() const;
 
+  // While it is so, no video belongs to the sound: a file may begin with any block of it, and it
+  // counts as the frames that show whether something is missing.
+  void SetSoundAlone(bool alone);
+
   enum class FrameUse {
     kPlain,
     kMarked,       // video: written with the device-event mark
@@ -145,51 +143,21 @@ class CMS_API FX_DRVRecorder : public CLFX::CLFXDRVWriter {
  private:
   using enum cms::RecordKind;
 
-  // An event that runs while `isOpen`, with what it takes to store its record.
-  struct Event {
-    bool isOpen = false;
-    std::wstring drvPath;
-    std::uint8_t preAlarm = 0;
-    std::int64_t start = 0;
-    std::int64_t end = 0;
-  };
-
-  // What the next key frame of a channel is held against.
-  struct Shown {
-    std::uint32_t seconds = 0;  // of the latest frame; 0: none is in the open file
-    std::uint64_t format = 0;
-  };
-
-  Event& EventOf(cms::RecordKind kind, unsigned channel) CMS_REQUIRES(lock_) {
-    return events_[IndexOf(kind)][channel];
-  }
   void StopAtExit();
   void OpenEvent(cms::RecordKind kind, unsigned channel) CMS_REQUIRES(starting_);
   void StoreEvent(cms::RecordKind kind, unsigned channel) CMS_REQUIRES(starting_);
+  void PassOnEvent(cms::RecordKind kind, unsigned channel) CMS_REQUIRES(lock_);
+  void EndEventsBefore(std::int64_t time, unsigned channel) CMS_REQUIRES(lock_);
   bool AnyRuns() const;
   unsigned RunningKinds(unsigned channel) const;  // as bits
   bool RecordAudioBlocks(std::span<const std::span<const std::uint8_t>> blocks,
                          std::uint32_t seconds) CMS_REQUIRES(lock_);
-  Shown& ShownOf(unsigned channel) CMS_REQUIRES(lock_);
-  std::uint64_t Milliseconds(std::uint32_t seconds, std::uint64_t tick) CMS_REQUIRES(lock_);
 
-  std::array<cms::ChannelSet, cms::kRecordKinds.size()> running_;  // changed under starting_
-  std::array<cms::ChannelSet, cms::kRecordKinds.size()> enabled_;
   CMSCritical starting_;  // orders starts and stops; taken before lock_, not by recorded frames
-
-  stRecordParam param_ CMS_GUARDED_BY(lock_);
-  std::uint8_t preAlarm_ CMS_GUARDED_BY(lock_) = 0;
-  bool preAlarmEnabled_ CMS_GUARDED_BY(lock_) = false;
-  std::array<std::array<Event, cms::kChannels>, cms::kEventKinds.size()> events_
-      CMS_GUARDED_BY(lock_);
-  std::array<Shown, cms::kChannels> shown_ CMS_GUARDED_BY(lock_);
-  std::uint64_t shownFile_ CMS_GUARDED_BY(lock_) = 0;  // whose frames they are
-  bool hasVideo_ CMS_GUARDED_BY(lock_) = false;        // that file
-
-  // The millisecond counter of the running second.
-  std::uint32_t second_ CMS_GUARDED_BY(lock_) = 0;
-  std::uint64_t secondTick_ CMS_GUARDED_BY(lock_) = 0;
-  std::uint64_t millisecond_ CMS_GUARDED_BY(lock_) = 0;
+  struct CMS_HIDDEN Kinds;
+  const std::unique_ptr<Kinds> kinds_;
+  struct CMS_HIDDEN Frames;
+  const std::unique_ptr<Frames> frames_ CMS_PT_GUARDED_BY(lock_);
 };
 
 }  // namespace FX

@@ -3,8 +3,9 @@
 #include <array>
 
 #include "cms/live/media/frame_header.h"
-#include "cms/recording/drv_recorder.h"
 #include "cms/recording/internal/picture_format.h"
+#include "cms/recording/internal/recorder_state.h"
+#include "cms/recording/internal/recording_file.h"
 #include "cms/runtime/clock.h"
 
 namespace FX {
@@ -56,79 +57,113 @@ bool FX_DRVRecorder::RecordFrame(const cms::FrameView& frame, FrameUse use) {
   const bool live = use != FrameUse::kBeforeEvent;
   const std::uint64_t format =
       live && frame.key ? cms::PictureFormatOf(frame.header, frame.payload) : 0;
-  if (const Shown& shown = ShownOf(frame.channel);
-      live && frame.key &&
-      (frame.seconds < shown.seconds ||
-       (format != 0 && shown.format != 0 && format != shown.format))) {
+  const std::uint64_t tick =
+      frame.arrivalUs != 0 ? frame.arrivalUs / 1000 : cms::TickMilliseconds();
+  const Frames::Shown& before = frames_->ShownOf(FileNumber(), frame.channel);
+  const bool clockSet = live && before.IsBehindStep(frame.seconds, tick);
+  const bool otherFormat =
+      live && frame.key && format != 0 && before.format != 0 && format != before.format;
+  if (clockSet || otherFormat) {
     SetForceChangeFile();
   }
   DrvIdx record{};
   record.channel = frame.channel;
   record.state = kinds;
-  record.milliseconds = Milliseconds(frame.seconds, frame.arrivalUs / 1000);
-  record.frame_type = frame.fields.FrameType();
-  record.second_state = marks.State();
+  record.milliseconds = frames_->Milliseconds(frame);
+  record.frameType = frame.fields.FrameType();
+  record.secondState = marks.State();
   SetDrvIdx(record);
-  if (!RecordBlocks(blocks, frame.key ? cms::kBeginsFile : cms::kDependent)) {
+  if (!AddData(blocks, frame.key ? cms::kBeginsFile : cms::kDependent)) {
     return false;
   }
   status_.AddVideo({cms::TickMilliseconds(), cms::WallSeconds()});
-  if (frame.key || !param_.indexKeyFramesOnly) {
+  if (frame.key || !frames_->param.indexKeyFramesOnly) {
     WriteDrvIdx();
   }
-  hasVideo_ = true;
+  frames_->hasVideo = true;
   if (!live) {
     CLFXDRVWriter::SetRecordTime(frame.seconds);
     return true;
   }
-  // Behind a clock that was set back, and until the next file begins, the record keeps its times:
-  // they would shrink to those behind the step.
-  Shown& shown = ShownOf(frame.channel);
-  const std::int64_t fileTime = std::max(frame.seconds, shown.seconds);
+  // Behind a clock that was set, and until the next file begins, the file has a record more; of a
+  // small step back the record keeps its times: they would shrink to those behind it.
+  Frames::Shown& shown = frames_->ShownOf(FileNumber(), frame.channel);
+  if (clockSet) {
+    EndEventsBefore(frame.seconds, frame.channel);
+  }
+  const bool anew = clockSet && BeginRecordSpan(frame.seconds);
+  shown.seconds = anew ? frame.seconds : std::max(frame.seconds, shown.seconds);
+  shown.tick = tick;
   SetEventTime(frame.seconds, frame.channel);
-  CLFXDRVWriter::SetRecordTime(fileTime);
-  shown.seconds = std::max(frame.seconds, shown.seconds);
+  CLFXDRVWriter::SetRecordTime(shown.seconds);
   shown.format = format != 0 ? format : shown.format;
   return true;
+}
+
+// An event goes on behind a clock that was set as another one: between its times lies what nobody
+// recorded.
+void FX_DRVRecorder::EndEventsBefore(std::int64_t time, unsigned channel) {
+  for (const cms::RecordKind kind : cms::kEventKinds) {
+    Frames::Event& event = frames_->EventOf(kind, channel);
+    if (event.start != 0 && !cms::TimeSpan{event.start, event.end}.IsNear(time)) {
+      PassOnEvent(kind, channel);
+      event.start = 0;
+      event.end = 0;
+      event.preAlarm = 0;
+    }
+  }
+}
+
+void FX_DRVRecorder::SetSoundAlone(bool alone) {
+  ScopeLock hold(lock_);
+  frames_->soundAlone = alone;
 }
 
 // Sound is found by the times of the video that it belongs to, or by its own when there is none.
 bool FX_DRVRecorder::RecordAudioBlocks(std::span<const std::span<const std::uint8_t>> blocks,
                                        std::uint32_t seconds) {
-  if (!RecordBlocks(blocks, cms::kDependent)) {
+  const bool alone = frames_->soundAlone;
+  if (!AddData(blocks, alone ? cms::kSoundAlone : cms::kDependent)) {
     return false;
   }
-  ShownOf(0);
-  if (!hasVideo_) {
+  if (alone) {
+    status_.AddVideo({cms::TickMilliseconds(), cms::WallSeconds()});
+  }
+  frames_->ShownOf(FileNumber(), 0);
+  if (!frames_->hasVideo) {
     CLFXDRVWriter::SetRecordTime(seconds);
   }
   return true;
 }
 
-FX_DRVRecorder::Shown& FX_DRVRecorder::ShownOf(unsigned channel) {
-  if (shownFile_ != FileNumber()) {
-    shownFile_ = FileNumber();
-    shown_ = {};
-    hasVideo_ = false;
+FX_DRVRecorder::Frames::Shown& FX_DRVRecorder::Frames::ShownOf(std::uint64_t file,
+                                                               unsigned channel) {
+  if (shownFile != file) {
+    shownFile = file;
+    shown = {};
+    hasVideo = false;
   }
-  return shown_[channel];
+  return shown[channel];
 }
 
-// Header times are whole seconds: within one, the time since its first frame, and never the same
-// twice while the second has milliseconds left. A frame that comes later than its second, and whose
-// arrival is not known, follows the one before it.
-std::uint64_t FX_DRVRecorder::Milliseconds(std::uint32_t seconds, std::uint64_t arrivalTick) {
-  const std::uint64_t tick = arrivalTick != 0 ? arrivalTick : cms::TickMilliseconds();
-  if (seconds != second_) {
-    second_ = seconds;
-    secondTick_ = tick;
-    millisecond_ = 0;
+// Of a header that tells its second alone: within it, the time since its first frame. Never the
+// same twice while the second has milliseconds left. A frame that comes later than its second, and
+// whose arrival is not known, follows the one before it.
+std::uint64_t FX_DRVRecorder::Frames::Milliseconds(const cms::FrameView& frame) {
+  const std::uint64_t tick =
+      frame.arrivalUs != 0 ? frame.arrivalUs / 1000 : cms::TickMilliseconds();
+  const bool told = frame.timeUs != 0;
+  const auto within = static_cast<std::uint64_t>(frame.timeUs / 1000 % 1000);
+  if (frame.seconds != second) {
+    second = frame.seconds;
+    secondTick = tick;
+    millisecond = told ? within : 0;
   } else {
-    const std::uint64_t since = tick > secondTick_ ? tick - secondTick_ : 0;
-    const std::uint64_t next = millisecond_ + 1;
-    millisecond_ = std::min<std::uint64_t>(since < 1000 ? std::max(next, since) : next, 999);
+    const std::uint64_t since = told ? within : tick > secondTick ? tick - secondTick : 0;
+    const std::uint64_t next = millisecond + 1;
+    millisecond = std::min<std::uint64_t>(since < 1000 ? std::max(next, since) : next, 999);
   }
-  return std::uint64_t{seconds} * 1000 + millisecond_;
+  return std::uint64_t{frame.seconds} * 1000 + millisecond;
 }
 
 }  // namespace FX

@@ -25,11 +25,11 @@ void DrvWalker::Refresh() {
     ended_ = true;
     return;
   }
-  report_.file_size = static_cast<std::uint64_t>(size);
+  report_.fileSize = static_cast<std::uint64_t>(size);
   buffered_ = 0;
-  if (ended_ && report_.error == 0 && report_.file_size > position_) {
-    report_.skipped_bytes -= std::exchange(report_.tail_length, 0);
-    report_.bad_checks -= std::exchange(tailBadChecks_, 0);
+  if (ended_ && report_.error == 0 && report_.fileSize > position_) {
+    report_.skippedBytes -= std::exchange(report_.tailLength, 0);
+    report_.badChecks -= std::exchange(tailBadChecks_, 0);
     report_.tail = DrvTail::kNone;
     ended_ = false;
   }
@@ -42,13 +42,13 @@ void DrvWalker::Seek(std::uint64_t offset) {
 
 // The bytes at `offset`, as many as are wanted unless the file ends (or fails) before.
 std::span<const std::uint8_t> DrvWalker::Bytes(std::uint64_t offset, std::size_t wanted) {
-  if (offset >= report_.file_size) {
+  if (offset >= report_.fileSize) {
     return {};
   }
-  wanted = std::min<std::uint64_t>(wanted, report_.file_size - offset);
+  wanted = std::min<std::uint64_t>(wanted, report_.fileSize - offset);
   if (offset < bufferOffset_ || offset + wanted > bufferOffset_ + buffered_) {
     const std::size_t size =
-        std::min<std::uint64_t>(std::max(wanted, kReadAhead), report_.file_size - offset);
+        std::min<std::uint64_t>(std::max(wanted, kReadAhead), report_.fileSize - offset);
     bufferOffset_ = offset;
     buffered_ = io_.ReadAllAt(handle_, buffer_.data(), size, offset);
     if (buffered_ < wanted && report_.error == 0) {
@@ -76,8 +76,8 @@ bool DrvWalker::HeaderHoldsAt(std::uint64_t offset) {
 // lies elsewhere is read without giving up the buffer that is being searched.
 bool DrvWalker::LeadsOn(std::uint64_t offset, const DrvHeader& header) {
   const std::uint64_t end = offset + header.FrameLength();
-  if (end >= report_.file_size) {
-    return end == report_.file_size;
+  if (end >= report_.fileSize) {
+    return end == report_.fileSize;
   }
   if (end + kDrvHeaderSize <= bufferOffset_ + buffered_) {
     return HeaderHoldsAt(end);
@@ -88,7 +88,7 @@ bool DrvWalker::LeadsOn(std::uint64_t offset, const DrvHeader& header) {
 }
 
 // The first place from `from` on, in front of `limit`, with a header that holds; else `limit`.
-std::uint64_t DrvWalker::Find(std::uint64_t from, std::uint64_t limit, bool must_lead_on) {
+std::uint64_t DrvWalker::Find(std::uint64_t from, std::uint64_t limit, bool mustLeadOn) {
   while (from < limit) {
     const auto bytes = Bytes(from, kBufferSize);
     if (bytes.size() < kDrvHeaderSize) {
@@ -105,7 +105,7 @@ std::uint64_t DrvWalker::Find(std::uint64_t from, std::uint64_t limit, bool must
         return limit;
       }
       const DrvHeader header(bytes.subspan(at).first<kDrvHeaderSize>());
-      if (header.Holds() && (!must_lead_on || LeadsOn(from + at, header))) {
+      if (header.Holds() && (!mustLeadOn || LeadsOn(from + at, header))) {
         return from + at;
       }
     }
@@ -118,27 +118,27 @@ std::optional<DrvFrame> DrvWalker::FrameAt(std::uint64_t offset) {
   const auto header = HeaderAt(offset);
   if (!header || !header->Holds()) {
     tailBadChecks_ = header && header->HasSync() ? 1 : 0;
-    report_.bad_checks += tailBadChecks_;
+    report_.badChecks += tailBadChecks_;
     return std::nullopt;
   }
   tailBadChecks_ = 0;
   DrvFrame frame;
   frame.header = *header;
   frame.offset = offset;
-  frame.payload_offset = offset + header->AreaLength();
-  frame.payload_length = header->PayloadLength();
+  frame.payloadOffset = offset + header->AreaLength();
+  frame.payloadLength = header->PayloadLength();
   return frame;
 }
 
 std::optional<DrvFrame> DrvWalker::Next() {
-  while (!ended_ && report_.error == 0 && position_ < report_.file_size) {
+  while (!ended_ && report_.error == 0 && position_ < report_.fileSize) {
     const auto frame = FrameAt(position_);
     if (report_.error != 0) {
       break;
     }
     if (!frame) {
-      const std::uint64_t next = Find(position_ + 1, report_.file_size, false);
-      if (next == report_.file_size) {
+      const std::uint64_t next = Find(position_ + 1, report_.fileSize, false);
+      if (next == report_.fileSize) {
         break;
       }
       Skip(position_, next);
@@ -146,15 +146,15 @@ std::optional<DrvFrame> DrvWalker::Next() {
       continue;
     }
     const std::uint64_t end = frame->End();
-    if (end != report_.file_size && !HeaderHoldsAt(end)) {
-      const std::uint64_t limit = std::min(end, report_.file_size);
+    if (end != report_.fileSize && !HeaderHoldsAt(end)) {
+      const std::uint64_t limit = std::min(end, report_.fileSize);
       const std::uint64_t inside = Find(position_ + kDrvHeaderSize, limit, true);
       if (inside < limit) {
         Skip(position_, inside);
         position_ = inside;
         continue;
       }
-      if (end > report_.file_size) {
+      if (end > report_.fileSize) {
         break;
       }
     }
@@ -171,23 +171,23 @@ std::optional<DrvFrame> DrvWalker::Next() {
 
 void DrvWalker::Count(const DrvFrame& frame) {
   ++report_.frames;
-  report_.key_frames += frame.header.IsKeyFrame() ? 1 : 0;
-  report_.frame_bytes += frame.End() - frame.offset;
-  report_.end_of_frames = frame.End();
+  report_.keyFrames += frame.header.IsKeyFrame() ? 1 : 0;
+  report_.frameBytes += frame.End() - frame.offset;
+  report_.endOfFrames = frame.End();
   if (frame.header.IsAudio()) {
-    ++report_.audio_frames;
+    ++report_.audioFrames;
     return;
   }
   const std::uint32_t seconds = frame.header.Seconds();
-  const bool first = report_.frames - report_.audio_frames == 1;
-  report_.first_seconds = first ? seconds : report_.first_seconds;
-  report_.earliest_seconds = first ? seconds : std::min(report_.earliest_seconds, seconds);
-  report_.last_seconds = seconds;
-  report_.latest_seconds = std::max(report_.latest_seconds, seconds);
+  const bool first = report_.frames - report_.audioFrames == 1;
+  report_.firstSeconds = first ? seconds : report_.firstSeconds;
+  report_.earliestSeconds = first ? seconds : std::min(report_.earliestSeconds, seconds);
+  report_.lastSeconds = seconds;
+  report_.latestSeconds = std::max(report_.latestSeconds, seconds);
 }
 
 void DrvWalker::Skip(std::uint64_t from, std::uint64_t to) {
-  report_.skipped_bytes += to - from;
+  report_.skippedBytes += to - from;
   auto& ranges = report_.skipped;
   if (!ranges.empty() && ranges.back().offset + ranges.back().length == from) {
     ranges.back().length += to - from;
@@ -197,14 +197,14 @@ void DrvWalker::Skip(std::uint64_t from, std::uint64_t to) {
 }
 
 void DrvWalker::End() {
-  if (std::exchange(ended_, true) || report_.error != 0 || position_ >= report_.file_size) {
+  if (std::exchange(ended_, true) || report_.error != 0 || position_ >= report_.fileSize) {
     return;
   }
   const DrvTail tail = JudgeTail();
   if (report_.error == 0) {
     report_.tail = tail;
-    report_.tail_length = report_.file_size - position_;
-    report_.skipped_bytes += report_.tail_length;
+    report_.tailLength = report_.fileSize - position_;
+    report_.skippedBytes += report_.tailLength;
   }
 }
 
@@ -214,14 +214,14 @@ DrvTail DrvWalker::JudgeTail() {
   if (header && header->Holds()) {
     return DrvTail::kTornFrame;
   }
-  for (std::uint64_t at = position_; at < report_.file_size;) {
+  for (std::uint64_t at = position_; at < report_.fileSize;) {
     const auto bytes = Bytes(at, kBufferSize);
     if (bytes.empty()) {
       break;
     }
     if (std::any_of(bytes.begin(), bytes.end(), [](std::uint8_t byte) { return byte != 0; })) {
-      return report_.file_size - position_ < kDrvHeaderSize ? DrvTail::kPartialHeader
-                                                            : DrvTail::kForeign;
+      return report_.fileSize - position_ < kDrvHeaderSize ? DrvTail::kPartialHeader
+                                                           : DrvTail::kForeign;
     }
     at += bytes.size();
   }

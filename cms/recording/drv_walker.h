@@ -17,10 +17,10 @@ namespace cms {
 struct DrvFrame {
   DrvHeader header;
   std::uint64_t offset = 0;  // of the header
-  std::uint64_t payload_offset = 0;
-  std::uint32_t payload_length = 0;
+  std::uint64_t payloadOffset = 0;
+  std::uint32_t payloadLength = 0;
 
-  std::uint64_t End() const { return payload_offset + payload_length; }
+  std::uint64_t End() const { return payloadOffset + payloadLength; }
 };
 
 // What the end of the file is, behind the last whole frame.
@@ -40,22 +40,22 @@ struct DrvWalkReport {
   static constexpr std::size_t kMaximumRanges = 64;
 
   std::uint64_t frames = 0;  // whole ones; audio ones and key frames among them
-  std::uint64_t audio_frames = 0;
-  std::uint64_t key_frames = 0;
-  std::uint64_t frame_bytes = 0;  // headers and areas included
+  std::uint64_t audioFrames = 0;
+  std::uint64_t keyFrames = 0;
+  std::uint64_t frameBytes = 0;  // headers and areas included
   // Of the video frames, seconds since 1970-01-01 UTC; 0 without any.
-  std::uint32_t first_seconds = 0;
-  std::uint32_t earliest_seconds = 0;  // the first one's unless the camera's clock stepped back
-  std::uint32_t last_seconds = 0;
-  std::uint32_t latest_seconds = 0;  // the last one's unless the clock stepped back
-  std::uint64_t skipped_bytes = 0;   // not in any whole frame, the tail included
-  std::uint64_t bad_checks = 0;      // where a header had to be, one with a wrong check byte
-  std::vector<Range> skipped;        // the first kMaximumRanges of them, in order, without the tail
-  std::uint64_t file_size = 0;
-  std::uint64_t end_of_frames = 0;  // behind the last whole frame
-  DrvTail tail = DrvTail::kNone;    // known once the walk has ended
-  std::uint64_t tail_length = 0;    // bytes, up to the end of the file
-  int error = 0;                    // errno when reading failed; the walk ended there
+  std::uint32_t firstSeconds = 0;
+  std::uint32_t earliestSeconds = 0;  // the first one's unless the camera's clock stepped back
+  std::uint32_t lastSeconds = 0;
+  std::uint32_t latestSeconds = 0;  // the last one's unless the clock stepped back
+  std::uint64_t skippedBytes = 0;   // not in any whole frame, the tail included
+  std::uint64_t badChecks = 0;      // where a header had to be, one with a wrong check byte
+  std::vector<Range> skipped;       // the first kMaximumRanges of them, in order, without the tail
+  std::uint64_t fileSize = 0;
+  std::uint64_t endOfFrames = 0;  // behind the last whole frame
+  DrvTail tail = DrvTail::kNone;  // known once the walk has ended
+  std::uint64_t tailLength = 0;   // bytes, up to the end of the file
+  int error = 0;                  // errno when reading failed; the walk ended there
 };
 
 // Steps from header to header. After each frame the next header must hold (sync byte, kind, both
@@ -91,7 +91,7 @@ class CMS_API DrvWalker {
   std::optional<DrvHeader> HeaderAt(std::uint64_t offset);
   bool HeaderHoldsAt(std::uint64_t offset);
   bool LeadsOn(std::uint64_t offset, const DrvHeader& header);
-  std::uint64_t Find(std::uint64_t from, std::uint64_t limit, bool must_lead_on);
+  std::uint64_t Find(std::uint64_t from, std::uint64_t limit, bool mustLeadOn);
   std::optional<DrvFrame> FrameAt(std::uint64_t offset);
   void Count(const DrvFrame& frame);
   void Skip(std::uint64_t from, std::uint64_t to);

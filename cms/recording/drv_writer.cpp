@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "cms/recording/internal/database_paths.h"
 #include "cms/recording/internal/exit_stops.h"
 #include "cms/recording/internal/record_text.h"
 #include "cms/recording/internal/recording_disk.h"
@@ -53,7 +54,7 @@ void CLFXDRVWriter::NoExitStop() {
 bool CLFXDRVWriter::StartRecord(const wchar_t* path, int sizeMiB, int limit2, int /*value3*/,
                                 const wchar_t* /*text5*/) {
   ScopeLock hold(lock_);
-  if (!series_->Start(std::wstring(cms::TextOf(path)), sizeMiB, limit2)) {
+  if (!series_->Start(Located(path), sizeMiB, limit2)) {
     return false;
   }
   if (series_->NeverWaits()) {
@@ -97,6 +98,21 @@ bool CLFXDRVWriter::IsRecording() {
 
 // --- What files are to be -----------------------------------------------------------------------
 
+void CLFXDRVWriter::SetDataRoot(const std::string& folder) {
+  const std::string root = cms::WholeDataRoot(folder);
+  ScopeLock hold(lock_);
+  series_->Target().dataRoot = root;
+}
+
+std::string CLFXDRVWriter::DataRoot() const {
+  ScopeLock hold(lock_);
+  return series_->Target().dataRoot;
+}
+
+std::wstring CLFXDRVWriter::Located(const wchar_t* path) const {
+  return cms::LocatedInData(cms::TextOf(path), series_->Target().dataRoot);
+}
+
 void CLFXDRVWriter::SetTarget(const wchar_t* path, int sizeMiB, int limit2) {
   ScopeLock hold(lock_);
   series_->Target().sizeMiB = sizeMiB;
@@ -106,7 +122,7 @@ void CLFXDRVWriter::SetTarget(const wchar_t* path, int sizeMiB, int limit2) {
 
 void CLFXDRVWriter::ChangeRecordPath(const wchar_t* path) {
   ScopeLock hold(lock_);
-  series_->ChangePath(std::wstring(cms::TextOf(path)));
+  series_->ChangePath(Located(path));
 }
 
 void CLFXDRVWriter::SetDevice(const wchar_t* address, const wchar_t* siteName, std::uint16_t port) {
@@ -178,11 +194,10 @@ std::wstring CLFXDRVWriter::FrontOfPath() const {
 bool CLFXDRVWriter::Record(const void* data, std::uint32_t length, int frameKind) {
   const std::span<const std::uint8_t> block(static_cast<const std::uint8_t*>(data), length);
   ScopeLock hold(lock_);
-  return RecordBlocks({&block, 1}, frameKind);
+  return AddData({&block, 1}, frameKind);
 }
 
-bool CLFXDRVWriter::RecordBlocks(std::span<const std::span<const std::uint8_t>> blocks,
-                                 int frameKind) {
+bool CLFXDRVWriter::AddData(std::span<const std::span<const std::uint8_t>> blocks, int frameKind) {
   std::uint64_t length = 0;
   for (const auto& block : blocks) {
     length += block.size();
@@ -192,7 +207,7 @@ bool CLFXDRVWriter::RecordBlocks(std::span<const std::span<const std::uint8_t>> 
   }
   const bool key = frameKind == cms::kBeginsFile;
   series_->Notice();
-  const bool begins = series_->Begins(key);
+  const bool begins = series_->Begins(key || frameKind == cms::kSoundAlone);
   if (begins && series_->IsChangeWanted(length)) {
     RollOver();
   }
@@ -200,21 +215,25 @@ bool CLFXDRVWriter::RecordBlocks(std::span<const std::span<const std::uint8_t>> 
     return false;
   }
   record_.offset = static_cast<std::uint32_t>(series_->Offset());
-  AddData(blocks, length);
+  series_->Add(blocks, length);
   series_->CountFrame(length, key);
   return true;
-}
-
-void CLFXDRVWriter::AddData(std::span<const std::span<const std::uint8_t>> blocks,
-                            std::uint64_t length) {
-  series_->Add(blocks, length);
 }
 
 void CLFXDRVWriter::SetRecordTime(std::int64_t time) {
   ScopeLock hold(lock_);
   if (const auto& file = series_->File(); time > 0 && file) {
-    cms::WidenRecordTimes(time, file->start, file->end);
+    cms::WidenRecordTimes(time, file->span.start, file->span.end);
   }
+}
+
+bool CLFXDRVWriter::BeginRecordSpan(std::int64_t time) {
+  const auto& file = series_->File();
+  if (!file || file->span.start == 0 || file->span.IsNear(time)) {
+    return false;
+  }
+  file->earlierSpans.push_back(std::exchange(file->span, {}));
+  return true;
 }
 
 std::uint32_t CLFXDRVWriter::GetDrvOffset() const {

@@ -34,6 +34,7 @@ enum class DiskTaskResult {
 
 inline constexpr int kBeginsFile = 0;  // a frame that may begin a file: a key frame
 inline constexpr int kDependent = 1;
+inline constexpr int kSoundAlone = 2;  // a block of sound that may begin a file
 
 // How long frames may wait in memory when the owner's clock calls Flush every second, and the age
 // that makes it so. The queue's own work is the rest of the five seconds that may ever be lost.
@@ -111,6 +112,9 @@ class CMS_API CLFXDRVWriter {
   void SetDrvIdx(const DrvIdx& record);  // what WriteDrvIdx appends; Record moves its offset along
   void WriteDrvIdx();
 
+  // Where relative paths count from (cms/recording/data_root.h). Before a path is given.
+  void SetDataRoot(const std::string& folder);
+
   void ChangeRecordPath(const wchar_t* path);  // from the next file on; at once when none is open
 
   // What the records of files say; for files begun from now on. Null texts are empty ones.
@@ -145,17 +149,22 @@ class CMS_API CLFXDRVWriter {
   bool IsSettled() const;
 
   cms::RecordingStatus GetRecordingStatus() const;
-  std::wstring GetDrvPath() const;  // of the open file; empty when none is
+  // Of the open file, with the data root in front; empty when none is.
+  std::wstring GetDrvPath() const;
 
  protected:
   // Record for a frame in pieces.
-  bool RecordBlocks(std::span<const std::span<const std::uint8_t>> blocks, int frameKind)
+  bool AddData(std::span<const std::span<const std::uint8_t>> blocks, int frameKind)
       CMS_REQUIRES(lock_);
   std::uint64_t FileNumber() const CMS_REQUIRES(lock_);  // counts them
   const cms::RecordedDevice& Device() const CMS_REQUIRES(lock_);
+  // In front of SetRecordTime, when the clock has been set: the open file gets one record more, for
+  // the times from here on. False when the time goes on from the record that there is.
+  bool BeginRecordSpan(std::int64_t time) CMS_REQUIRES(lock_);
   bool StartRecordAgain();  // with the path and the limits that are stored
   bool GoesOn() const;      // started, and nothing but StopRecord ends it
   void SetTarget(const wchar_t* path, int sizeMiB, int limit2);
+  std::string DataRoot() const;
   std::wstring FrontOfPath() const;  // of the current file, up to the stamp
 
   // Has the disk thread do it behind what it was given before, again and again until it is done.
@@ -170,8 +179,7 @@ class CMS_API CLFXDRVWriter {
 
  private:
   bool RollOver() CMS_REQUIRES(lock_);
-  void AddData(std::span<const std::span<const std::uint8_t>> blocks, std::uint64_t length)
-      CMS_REQUIRES(lock_);
+  std::wstring Located(const wchar_t* path) const CMS_REQUIRES(lock_);
 
   const std::unique_ptr<cms::RecordingSeries> series_ CMS_GUARDED_BY(lock_);
   DrvIdx record_ CMS_GUARDED_BY(lock_) = {};

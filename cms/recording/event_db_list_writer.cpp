@@ -22,10 +22,17 @@ constexpr int kEventList = 0;  // every recorder of the process writes the same 
 struct FX_EventDBListWriter::Pending {
   FX_EventDBInfo info;
   char16_t listPath[260] = {};
+  std::string dataRoot;
 };
 
 FX_EventDBListWriter::FX_EventDBListWriter() = default;
 FX_EventDBListWriter::~FX_EventDBListWriter() = default;
+
+void FX_EventDBListWriter::SetDataRoot(const std::string& folder) {
+  const std::string root = cms::WholeDataRoot(folder);
+  ScopeLock hold(lock_);
+  dataRoot_ = root;
+}
 
 void FX_EventDBListWriter::InitialEventDBInfo(const wchar_t* drvPath, unsigned channel,
                                               unsigned type, std::uint8_t preAlarm,
@@ -42,6 +49,7 @@ void FX_EventDBListWriter::InitialEventDBInfo(const wchar_t* drvPath, unsigned c
       static_cast<std::uint16_t>(channel), type, preAlarm, port, siteName, address);
   cms::StoreUtf16(cms::EventListPath(kEventList), pending->listPath);
   ScopeLock hold(lock_);
+  pending->dataRoot = dataRoot_;
   slots_[channel] = std::move(pending);
 }
 
@@ -70,7 +78,7 @@ bool FX_EventDBListWriter::WriteDBInfoIntoList(unsigned channel) {
     return true;
   }
   cms::DatabaseFile list(cms::LoadUtf16(pending->listPath), sizeof(FX_EventDBInfo),
-                         cms::DatabaseAccess::kCreate);
+                         cms::DatabaseAccess::kCreate, pending->dataRoot);
   return list && list.Append(cms::BytesOf(pending->info));
 }
 

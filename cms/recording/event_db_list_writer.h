@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdint>
 #include <memory>
+#include <string>
 
 #include "cms/recording/event_db_info.h"
 #include "cms/runtime/api.h"
@@ -22,6 +23,9 @@ class CMS_API FX_EventDBListWriter {
   ~FX_EventDBListWriter();
   FX_EventDBListWriter(const FX_EventDBListWriter&) = delete;
   FX_EventDBListWriter& operator=(const FX_EventDBListWriter&) = delete;
+
+  // Whose list the records go into, for those opened from now on (cms/recording/data_root.h).
+  void SetDataRoot(const std::string& folder);
 
   // Opens the channel's record; one that is still pending is stored first. The site number is that
   // of the recording's name, "...\Rec_Site<number>_<stamp>.drv", 0 for other names. The record goes
@@ -46,6 +50,7 @@ class CMS_API FX_EventDBListWriter {
  private:
   struct Pending;
   mutable CMSCritical lock_;  // taken inside the event databases' lock, never around it
+  std::string dataRoot_ CMS_GUARDED_BY(lock_);
   std::array<std::unique_ptr<Pending>, kChannels> slots_ CMS_GUARDED_BY(lock_);
 };
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -11,6 +12,7 @@
 #include "cms/recording/internal/database_paths.h"
 #include "cms/recording/internal/gap_record.h"
 #include "cms/recording/internal/record_bytes.h"
+#include "cms/runtime/log.h"
 #include "cms/runtime/wide_text.h"
 
 namespace cms {
@@ -47,6 +49,66 @@ GapRow GapRowOf(const GapRecord& record) {
   return row;
 }
 
+// What somebody can do about it; empty where it ends by itself.
+const char* AdviceOf(GapCause cause) {
+  switch (cause) {
+    case GapCause::kPasswordRefused:
+      return "; give the site the camera's user name and password";
+    case GapCause::kCameraRefuses:
+      return "; end other sessions of the camera, or choose a stream that it has";
+    case GapCause::kWaitingForKeyFrame:
+      return "; if it lasts, shorten the key-frame interval at the camera";
+    case GapCause::kDiskFull:
+      return "; free space on the disk of the recordings";
+    case GapCause::kWriteFailed:
+      return "; look after the disk and the rights of the recordings' folder";
+    case GapCause::kOutOfResources:
+      return "; allow the process more descriptors or memory";
+    case GapCause::kNoPictures:
+      return "; restart the camera or its encoder";
+    default:
+      return "";
+  }
+}
+
+LogLevel LevelOf(GapCause cause) {
+  if (cause == GapCause::kStopped || cause == GapCause::kStreamClosed) {
+    return LogLevel::kInfo;
+  }
+  return cause == GapCause::kConnecting || cause == GapCause::kWaitingForKeyFrame
+             ? LogLevel::kWarning
+             : LogLevel::kError;
+}
+
+// As lines of the log name a site.
+std::string NameOf(const GapSite& site) {
+  std::string name = "site " + std::to_string(site.number);
+  if (!site.name.empty()) {
+    name += " \"" + Utf8FromWide(site.name) + "\"";
+  }
+  if (!site.address.empty()) {
+    name += " (" + Utf8FromWide(site.address) + ":" + std::to_string(site.port) + ")";
+  }
+  return name;
+}
+
+void LogBegin(const GapSite& site, GapCause cause, int error) {
+  const LogLevel level = LevelOf(cause);
+  if (IsLogged(level)) {
+    Log(level, "gap",
+        NameOf(site) + ": nothing is recorded: " + GapCauseName(cause) +
+            (error != 0 ? ": " + std::generic_category().message(error) : "") + AdviceOf(cause));
+  }
+}
+
+void LogEnd(const GapSite& site, GapCause cause, std::int64_t seconds) {
+  if (IsLogged(LogLevel::kInfo)) {
+    Log(LogLevel::kInfo, "gap",
+        NameOf(site) + ": the gap is over after " + std::to_string(seconds) + " s (" +
+            GapCauseName(cause) + ")");
+  }
+}
+
 }  // namespace
 
 std::string GapCauseName(GapCause cause) {
@@ -59,8 +121,8 @@ std::string GapCauseName(GapCause cause) {
   return number < std::size(kNames) ? kNames[number] : "cause " + std::to_string(number);
 }
 
-DatabaseContent<GapRow> ReadGapLog(int number) {
-  return ReadDatabase<GapRecord, GapRow>(GapLogPath(number), GapLogLock(), GapRowOf);
+DatabaseContent<GapRow> ReadGapLog(int number, const std::string& dataRoot) {
+  return ReadDatabase<GapRecord, GapRow>(GapLogPath(number), GapLogLock(), GapRowOf, dataRoot);
 }
 
 // A record and, once it is in the file, where and how.
@@ -77,6 +139,10 @@ GapLogWriter::~GapLogWriter() {
   if (WriteWaiting() && open_ && !open_->isStored) {
     Write(*open_);
   }
+}
+
+void GapLogWriter::SetDataRoot(const std::string& folder) {
+  dataRoot_ = WholeDataRoot(folder);
 }
 
 void GapLogWriter::SetSite(const GapSite& site) {
@@ -97,7 +163,7 @@ bool GapLogWriter::HasWaiting() const {
 
 void GapLogWriter::EndAbandoned(std::int64_t now) {
   ScopeLock hold(GapLogLock());
-  DatabaseFile file(GapLogPath(number_), sizeof(GapRecord), DatabaseAccess::kCreate);
+  DatabaseFile file(GapLogPath(number_), sizeof(GapRecord), DatabaseAccess::kCreate, dataRoot_);
   if (!file) {
     return;
   }
@@ -131,6 +197,8 @@ void GapLogWriter::Begin(GapCause cause, std::int64_t from, int error) {
   open_->record.error = error;
   open_->record.from = from;
   open_->record.updated = from;
+  ++totals_.Of(cause).begun;
+  LogBegin(site_, cause, error);
   if (WriteWaiting()) {
     Write(*open_);
   }
@@ -142,6 +210,10 @@ void GapLogWriter::End(std::int64_t to) {
   }
   open_->record.to = std::max(to, open_->record.from);
   open_->record.updated = open_->record.to;
+  const auto cause = static_cast<GapCause>(open_->record.cause);
+  const std::int64_t seconds = open_->record.to - open_->record.from;
+  totals_.Of(cause).seconds += seconds;
+  LogEnd(site_, cause, seconds);
   if (waiting_.size() == kMostWaiting) {
     waiting_.erase(waiting_.begin());
   }
@@ -173,7 +245,7 @@ bool GapLogWriter::WriteWaiting() {
 // In place where its record stands, else as a new one: somebody may have removed the file.
 bool GapLogWriter::Write(Entry& entry) {
   ScopeLock hold(GapLogLock());
-  DatabaseFile file(GapLogPath(number_), sizeof(GapRecord), DatabaseAccess::kCreate);
+  DatabaseFile file(GapLogPath(number_), sizeof(GapRecord), DatabaseAccess::kCreate, dataRoot_);
   if (!file) {
     return false;
   }

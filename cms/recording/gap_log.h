@@ -1,6 +1,7 @@
 // The gap log: when a site should have recorded and did not, and why.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -46,6 +47,22 @@ struct OpenGap {
   std::int64_t from = 0;
 };
 
+// The gaps of one site, by their cause's number, since its client was made; those of causes that
+// are not known count as kUnknown.
+struct GapTotals {
+  struct Cause {
+    std::uint64_t begun = 0;
+    std::int64_t seconds = 0;  // of those that are over
+  };
+  static constexpr std::size_t kCauses = 12;
+  std::array<Cause, kCauses> causes;
+
+  Cause& Of(GapCause cause) {
+    const auto number = static_cast<std::size_t>(cause);
+    return causes[number < kCauses ? number : 0];
+  }
+};
+
 struct GapRow {
   std::string siteName;
   std::string address;
@@ -59,8 +76,9 @@ struct GapRow {
 };
 
 // "..\GapLog<number>", in the order in which the gaps began. Takes the log's lock of the process
-// while it reads and waits for no other process.
-CMS_API DatabaseContent<GapRow> ReadGapLog(int number);
+// while it reads and waits for no other process. Without a root (cms/recording/data_root.h) that of
+// the process counts.
+CMS_API DatabaseContent<GapRow> ReadGapLog(int number, const std::string& dataRoot = {});
 
 // Writes the gaps of one site, one after the other. A gap is in the file from its beginning on, so
 // that a killed process leaves it there without an end. What cannot be written, for example because
@@ -76,7 +94,8 @@ class CMS_API GapLogWriter {
   GapLogWriter(const GapLogWriter&) = delete;
   GapLogWriter& operator=(const GapLogWriter&) = delete;
 
-  void SetSite(const GapSite& site);  // of gaps begun from now on
+  void SetDataRoot(const std::string& folder);  // first; without it that of the process counts
+  void SetSite(const GapSite& site);            // of gaps begun from now on
 
   // Recording begins: ends the gaps that earlier processes left open for this site. A stop lasted
   // until now, any other gap until it was last known to last. Makes the log if there is none, so
@@ -90,6 +109,7 @@ class CMS_API GapLogWriter {
 
   std::optional<OpenGap> Open() const;
   bool HasWaiting() const;
+  const GapTotals& Totals() const { return totals_; }
 
  private:
   struct Entry;
@@ -97,9 +117,11 @@ class CMS_API GapLogWriter {
   bool WriteWaiting();
 
   const int number_;
+  std::string dataRoot_;
   GapSite site_;
   std::unique_ptr<Entry> open_;
   std::vector<Entry> waiting_;  // ended, not in the file as such yet
+  GapTotals totals_;
 };
 
 }  // namespace cms

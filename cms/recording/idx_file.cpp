@@ -118,7 +118,7 @@ class NewIndex {
   bool IsBegun() const { return begun_; }
 
   // Begins with the first `records` records of the old index.
-  bool Begin(int old_handle, std::uint64_t records) {
+  bool Begin(int oldHandle, std::uint64_t records) {
     begun_ = true;
     if (path_.empty()) {
       return true;
@@ -132,7 +132,7 @@ class NewIndex {
     for (std::uint64_t at = 0; at < records;) {
       const std::size_t count = std::min<std::uint64_t>(records - at, kBufferedRecords);
       buffer_.resize(count);
-      if (io_.ReadAllAt(old_handle, buffer_.data(), count * sizeof(DrvIdx), at * sizeof(DrvIdx)) <
+      if (io_.ReadAllAt(oldHandle, buffer_.data(), count * sizeof(DrvIdx), at * sizeof(DrvIdx)) <
               count * sizeof(DrvIdx) ||
           !Flush()) {
         return false;
@@ -150,13 +150,13 @@ class NewIndex {
     return buffer_.size() < kBufferedRecords || Flush();
   }
 
-  bool Replace(const std::string& idx_path) {
+  bool Replace(const std::string& idxPath) {
     if (!Flush() || io_.Sync(file_->Handle()) != 0 || !file_->Close() ||
-        io_.Rename(path_, idx_path) != 0) {
+        io_.Rename(path_, idxPath) != 0) {
       return false;
     }
     file_.reset();  // nothing is left to remove
-    return io_.SyncFolder(NativeFolderOf(idx_path)) == 0;
+    return io_.SyncFolder(NativeFolderOf(idxPath)) == 0;
   }
 
  private:
@@ -175,12 +175,12 @@ class NewIndex {
 };
 
 bool PointsAt(const DrvIdx& record, const DrvFrame& frame) {
-  return record.offset == frame.offset && record.frame_type == frame.header.FrameType() &&
+  return record.offset == frame.offset && record.frameType == frame.header.FrameType() &&
          record.milliseconds / 1000 == frame.header.Seconds();
 }
 
-bool IndexesKeyFramesOnly(FileIo& io, int drv, const std::string& idx_path) {
-  const ScopedFile old(io, idx_path, kFileRead);
+bool IndexesKeyFramesOnly(FileIo& io, int drv, const std::string& idxPath) {
+  const ScopedFile old(io, idxPath, kFileRead);
   if (!old) {
     return false;
   }
@@ -188,7 +188,7 @@ bool IndexesKeyFramesOnly(FileIo& io, int drv, const std::string& idx_path) {
   std::uint32_t first = UINT32_MAX;
   std::uint32_t last = 0;
   while (const auto record = reader.Next()) {
-    if (record->frame_type != kKeyFrame) {
+    if (record->frameType != kKeyFrame) {
       return false;
     }
     first = std::min(first, record->offset);
@@ -228,7 +228,7 @@ class RecordMaker {
     record.milliseconds = lastMilliseconds_ >= begin && lastMilliseconds_ <= end
                               ? std::min(lastMilliseconds_ + 1, end)
                               : begin;
-    record.frame_type = frame.header.FrameType();
+    record.frameType = frame.header.FrameType();
     lastMilliseconds_ = record.milliseconds;
     return record;
   }
@@ -241,7 +241,7 @@ class RecordMaker {
 
 enum class IdxAction { kCompare, kRebuild };
 
-IdxRebuild Merge(FileIo& io, const std::string& drv_path, const std::string& idx_path,
+IdxRebuild Merge(FileIo& io, const std::string& drvPath, const std::string& idxPath,
                  IdxAction action) {
   const bool rebuild = action == IdxAction::kRebuild;
   IdxRebuild result;
@@ -249,23 +249,23 @@ IdxRebuild Merge(FileIo& io, const std::string& drv_path, const std::string& idx
     result.error = ErrorOf(error);
     return result;
   };
-  const ScopedFile drv(io, drv_path, rebuild ? kFileRead | kFileExclusive : unsigned{kFileRead});
+  const ScopedFile drv(io, drvPath, rebuild ? kFileRead | kFileExclusive : unsigned{kFileRead});
   if (!drv) {
     return failed(errno);
   }
-  result.key_frames_only = IndexesKeyFramesOnly(io, drv.Handle(), idx_path);
-  OldIndex old(io, idx_path);
+  result.keyFramesOnly = IndexesKeyFramesOnly(io, drv.Handle(), idxPath);
+  OldIndex old(io, idxPath);
   if (old.Error() != 0) {
     return failed(old.Error());
   }
-  NewIndex fresh(io, rebuild ? idx_path + kNewSuffix : std::string());
+  NewIndex fresh(io, rebuild ? idxPath + kNewSuffix : std::string());
   RecordMaker maker;
   DrvWalker walker(io, drv.Handle());
   std::uint64_t kept = 0;
   // While nothing differs, the records kept are the first ones of the old index.
   const auto differs = [&] { return fresh.IsBegun() || fresh.Begin(old.Handle(), kept); };
   while (const auto frame = walker.Next()) {
-    if (frame->header.IsAudio() || (result.key_frames_only && !frame->header.IsKeyFrame())) {
+    if (frame->header.IsAudio() || (result.keyFramesOnly && !frame->header.IsKeyFrame())) {
       continue;
     }
     if (frame->offset > kLargestOffset) {
@@ -306,12 +306,12 @@ IdxRebuild Merge(FileIo& io, const std::string& drv_path, const std::string& idx
     return failed(result.walk.error != 0 ? result.walk.error : old.Error());
   }
   result.dropped = old.Records() - (result.records - result.added);
-  result.torn_bytes = old.TornBytes();
-  if (!fresh.IsBegun() && (result.dropped != 0 || result.torn_bytes != 0) && !differs()) {
+  result.tornBytes = old.TornBytes();
+  if (!fresh.IsBegun() && (result.dropped != 0 || result.tornBytes != 0) && !differs()) {
     return failed(errno);
   }
   result.changed = fresh.IsBegun();
-  if (rebuild && result.changed && !fresh.Replace(idx_path)) {
+  if (rebuild && result.changed && !fresh.Replace(idxPath)) {
     return failed(errno);
   }
   result.done = true;
@@ -320,21 +320,21 @@ IdxRebuild Merge(FileIo& io, const std::string& drv_path, const std::string& idx
 
 }  // namespace
 
-IdxRebuild RebuildIdx(FileIo& io, const std::string& drv_path, const std::string& idx_path) {
-  return Merge(io, drv_path, idx_path, IdxAction::kRebuild);
+IdxRebuild RebuildIdx(FileIo& io, const std::string& drvPath, const std::string& idxPath) {
+  return Merge(io, drvPath, idxPath, IdxAction::kRebuild);
 }
 
-IdxRebuild CompareIdx(FileIo& io, const std::string& drv_path, const std::string& idx_path) {
-  return Merge(io, drv_path, idx_path, IdxAction::kCompare);
+IdxRebuild CompareIdx(FileIo& io, const std::string& drvPath, const std::string& idxPath) {
+  return Merge(io, drvPath, idxPath, IdxAction::kCompare);
 }
 
-TailCut CutTornTail(FileIo& io, const std::string& drv_path) {
+TailCut CutTornTail(FileIo& io, const std::string& drvPath) {
   TailCut result;
   const auto failed = [&result](int error) {
     result.error = ErrorOf(error);
     return result;
   };
-  ScopedFile drv(io, drv_path, kFileReadWrite | kFileExclusive);
+  ScopedFile drv(io, drvPath, kFileReadWrite | kFileExclusive);
   if (!drv) {
     return failed(errno);
   }
@@ -355,11 +355,11 @@ TailCut CutTornTail(FileIo& io, const std::string& drv_path) {
       (walk.tail == DrvTail::kPartialHeader && walk.frames == 0)) {
     return result;
   }
-  if (io.Truncate(drv.Handle(), walk.file_size - walk.tail_length) != 0 ||
+  if (io.Truncate(drv.Handle(), walk.fileSize - walk.tailLength) != 0 ||
       io.Sync(drv.Handle()) != 0 || !drv.Close()) {
     return failed(errno);
   }
-  result.bytes = walk.tail_length;
+  result.bytes = walk.tailLength;
   result.done = true;
   return result;
 }

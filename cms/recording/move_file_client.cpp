@@ -3,16 +3,25 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <string>
+#include <system_error>
 #include <utility>
 
+#include "cms/recording/data_root.h"
 #include "cms/recording/internal/file_move.h"
 #include "cms/runtime/file_io.h"
-#include "cms/runtime/native_path.h"
+#include "cms/runtime/log.h"
 
 namespace {
 
 constexpr int kRetryMilliseconds = 2000;
 constexpr int kHighPriority = -10;
+
+bool IsGoneForMove(const std::string& source) {
+  cms::FileStatus status;
+  return !cms::CurrentFileIo().Status(source, status) && errno == ENOENT;
+}
 
 }  // namespace
 
@@ -124,11 +133,21 @@ bool CLFX_MOVEFILE_Client::Move(const Pair& pair) {
     return false;
   }
   cms::FileIo& io = cms::CurrentFileIo();
-  const std::string destination = cms::NativePath(pair.destination);
-  const int error = cms::MoveFile(io, cms::NativePath(pair.source), destination);
+  const std::string destination = cms::PathInData(pair.destination);
+  const std::string source = cms::PathInData(pair.source);
+  int error = cms::MoveFile(io, source, destination);
+  error = error == ENOENT && passGone_ && IsGoneForMove(source) ? 0 : error;
   if (const std::string folder = cms::NativeFolderOf(destination); error == 0 && folder != swept_) {
     cms::RemoveMovingFiles(io, folder);
     swept_ = folder;
+  }
+  if (error == 0 ? cms::IsLogged(cms::LogLevel::kInfo) : cms::IsLogged(cms::LogLevel::kWarning)) {
+    const std::string both = cms::PathInData(pair.source) +
+                             (error == 0 ? ": moved to " : ": cannot be moved to ") + destination;
+    cms::Log(error == 0 ? cms::LogLevel::kInfo : cms::LogLevel::kWarning, "move",
+             error == 0 ? both
+                        : both + ": " + std::generic_category().message(error) +
+                              "; tried again every two seconds");
   }
   lastError_ = error;
   return error == 0;

@@ -26,7 +26,7 @@ class CMS_API CLFX_MOVEFILE_Client : public CLFX::CLFXBaseThread {
   CLFX_MOVEFILE_Client();
   ~CLFX_MOVEFILE_Client() override;
 
-  // Appends a file and where it goes; paths as in cms/runtime/native_path.h. Before StartMove too.
+  // Appends a file and where it goes; paths as in cms/runtime/nativePath.h. Before StartMove too.
   void AddMove(std::wstring source, std::wstring destination);
 
   bool StartMove();  // false when it runs already, or was not seen off by Supervision
@@ -38,6 +38,10 @@ class CMS_API CLFX_MOVEFILE_Client : public CLFX::CLFXBaseThread {
 
   // Waits for the thread to end after StopMove; false on time-out. After true it may start again.
   bool Supervision(std::uint32_t timeoutMs);
+
+  // A pair whose source is gone leaves the list from now on: somebody removed the file, which may
+  // have been the oldest. Before StartMove.
+  void PassGoneFiles() { passGone_ = true; }
 
   // Asks the system to prefer the mover's thread; without the right to it nothing changes.
   void SetHighPriority();
@@ -65,4 +69,5 @@ class CMS_API CLFX_MOVEFILE_Client : public CLFX::CLFXBaseThread {
   cms::Event changed_;                         // the list, or what the thread is to do
   std::atomic<bool> highPriority_{false};
   std::atomic<int> lastError_{0};
+  std::atomic<bool> passGone_{false};
 };

@@ -7,12 +7,16 @@
 
 #include "cms/runtime/api.h"
 
+namespace cms {
+
 // One entry of a folder list: a path, UTF-16LE, terminated by a zero and zero-filled behind.
 struct stRecFolderDB {
   char16_t folder[260] = {};
 };
-static_assert(sizeof(stRecFolderDB) == 520 && offsetof(stRecFolderDB, folder) == 0 &&
-              std::is_trivially_copyable_v<stRecFolderDB>);
+
+}  // namespace cms
+static_assert(sizeof(cms::stRecFolderDB) == 520 && offsetof(cms::stRecFolderDB, folder) == 0 &&
+              std::is_trivially_copyable_v<cms::stRecFolderDB>);
 
 // Keeps the folder list of a number, "..\RecFolderDB<number>". It has no state of its own; any
 // thread may use any object. Each call takes the folder databases' lock of the process.
@@ -26,4 +30,10 @@ class CMS_API CRecFolderDBWriter {
   // Removes the first entry of the folder. Always true; a list that could not be rewritten stays as
   // it is.
   bool DeleteRecFolderDB(unsigned number, const wchar_t* folder);
+
+  // The same for a native path in UTF-8, in the list of a data root (cms/recording/data_root.h).
+  int WriterRecFolderDB(unsigned number, const std::string& folder,
+                        const std::string& dataRoot = {});
+  bool DeleteRecFolderDB(unsigned number, const std::string& folder,
+                         const std::string& dataRoot = {});
 };

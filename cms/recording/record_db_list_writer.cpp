@@ -22,14 +22,15 @@ void StorePath(const std::wstring& path, char16_t (&field)[260]) {
   }
 }
 
-bool AppendToList(const stRecordDB& record) {
+bool AppendToList(const stRecordDB& record, const std::string& dataRoot) {
   cms::DatabaseFile list(cms::LoadUtf16(record.recordListPath), sizeof(FX_RecordDBInfo),
-                         cms::DatabaseAccess::kCreate);
+                         cms::DatabaseAccess::kCreate, dataRoot);
   return list && list.Append(cms::BytesOf<FX_RecordDBInfo>(record));
 }
 
-bool WidenFolderSpan(const stRecordDB& record) {
-  cms::FolderSpanFile file(cms::LoadUtf16(record.folderSpanPath), cms::DatabaseAccess::kCreate);
+bool WidenFolderSpan(const stRecordDB& record, const std::string& dataRoot) {
+  cms::FolderSpanFile file(cms::LoadUtf16(record.folderSpanPath), cms::DatabaseAccess::kCreate,
+                           dataRoot);
   FX_RecSubFolderDBInfo span;
   if (!file || !file.Read(span)) {
     return false;
@@ -40,6 +41,12 @@ bool WidenFolderSpan(const stRecordDB& record) {
 }
 
 }  // namespace
+
+void FX_RecordDBListWriter::SetDataRoot(const std::string& folder) {
+  const std::string root = cms::WholeDataRoot(folder);
+  ScopeLock hold(lock_);
+  dataRoot_ = root;
+}
 
 void FX_RecordDBListWriter::SetDBListPath(const wchar_t* folder) {
   const std::wstring text(cms::TextOf(folder));
@@ -74,16 +81,18 @@ bool FX_RecordDBListWriter::WriteDBInfoIntoList() {
   }
   ScopeLock databases(cms::RecordDatabaseLock());
   stRecordDB record;
+  std::string dataRoot;
   {
     ScopeLock hold(lock_);
     if (record_.pending == 0) {
       return true;
     }
     record = record_;
+    dataRoot = dataRoot_;
     record_ = stRecordDB();
   }
-  const bool listed = AppendToList(record);
-  const bool widened = WidenFolderSpan(record);
+  const bool listed = AppendToList(record, dataRoot);
+  const bool widened = WidenFolderSpan(record, dataRoot);
   return listed && widened;
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 #include "cms/recording/record_db_info.h"
 #include "cms/runtime/api.h"
@@ -17,6 +18,9 @@ class CMS_API FX_RecordDBListWriter {
   FX_RecordDBListWriter() = default;
   FX_RecordDBListWriter(const FX_RecordDBListWriter&) = delete;
   FX_RecordDBListWriter& operator=(const FX_RecordDBListWriter&) = delete;
+
+  // Where relative paths of folders count from, from now on (cms/recording/data_root.h).
+  void SetDataRoot(const std::string& folder);
 
   // The recording folder of the records to come, without a separator behind it. Paths have at most
   // 259 characters; records of a folder whose databases' paths would have more are not stored.
@@ -37,6 +41,7 @@ class CMS_API FX_RecordDBListWriter {
 
  private:
   CMSCritical lock_;  // taken inside the record databases' lock, never around it
+  std::string dataRoot_ CMS_GUARDED_BY(lock_);
   stRecordDB record_ CMS_GUARDED_BY(lock_);
   char16_t listPath_[260] CMS_GUARDED_BY(lock_) = {};
   char16_t spanPath_[260] CMS_GUARDED_BY(lock_) = {};

@@ -4,6 +4,8 @@
 #include <array>
 #include <optional>
 
+namespace cms {
+
 // As client applications say it. Of the three kinds that are events the numbers are those of the
 // event list.
 enum CMSRecordKind : int {
@@ -20,8 +22,6 @@ enum CMSEventState : unsigned {
   kEventStateAlarm = 1u << 1,
   kEventStateVideoLoss = 1u << 2,
 };
-
-namespace cms {
 
 enum class RecordKind : unsigned { kDeviceEvent, kAlarm, kVideoLoss, kInstant, kSchedule };
 

@@ -21,13 +21,13 @@ bool IsDigit(wchar_t c) {
 
 }  // namespace
 
-std::wstring IdxPathOf(std::wstring_view drv_path) {
-  const std::wstring_view name = SplitAtLastSeparator(drv_path).name;
+std::wstring IdxPathOf(std::wstring_view drvPath) {
+  const std::wstring_view name = SplitAtLastSeparator(drvPath).name;
   const std::size_t dot = name.rfind(L'.');
   const std::size_t extension = dot == std::wstring_view::npos ? 0 : name.size() - dot;
-  std::wstring path(drv_path.substr(0, drv_path.size() - extension));
+  std::wstring path(drvPath.substr(0, drvPath.size() - extension));
   path += kIdxExtension;
-  return name.empty() || path == drv_path ? std::wstring() : path;
+  return name.empty() || path == drvPath ? std::wstring() : path;
 }
 
 std::optional<std::wstring> NextDrvFilename(std::wstring_view name) {

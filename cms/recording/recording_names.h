@@ -16,7 +16,7 @@ inline constexpr std::size_t kLongestRecordedPath = 259;
 
 // The path of the index that belongs to a data file: the extension of its name becomes "idx". Empty
 // when that is the path itself, so that an index is never taken for its own data file.
-CMS_API std::wstring IdxPathOf(std::wstring_view drv_path);
+CMS_API std::wstring IdxPathOf(std::wstring_view drvPath);
 
 // The name of the next file of the same recording: the decimal number between the last "_" and the
 // last "." grows by one (an unsigned 64-bit number: the largest is followed by 0). A text there

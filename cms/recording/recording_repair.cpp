@@ -6,19 +6,30 @@
 #include <filesystem>
 #include <map>
 #include <optional>
+#include <set>
 #include <string_view>
+#include <system_error>
 #include <thread>
 #include <utility>
 
+#include "cms/recording/data_root.h"
 #include "cms/recording/database_reader.h"
+#include "cms/recording/gap_log.h"
 #include "cms/recording/idx_file.h"
+#include "cms/recording/internal/database_follower.h"
+#include "cms/recording/internal/database_locks.h"
+#include "cms/recording/internal/database_maintenance.h"
+#include "cms/recording/internal/database_paths.h"
 #include "cms/recording/internal/error_of.h"
+#include "cms/recording/internal/event_mend.h"
 #include "cms/recording/internal/file_move.h"
 #include "cms/recording/internal/folder_mend.h"
+#include "cms/recording/record_db_info.h"
 #include "cms/recording/record_db_list_writer.h"
 #include "cms/recording/recording_names.h"
 #include "cms/runtime/clock.h"
 #include "cms/runtime/file_io.h"
+#include "cms/runtime/log.h"
 #include "cms/runtime/native_path.h"
 #include "cms/runtime/wide_text.h"
 
@@ -34,18 +45,22 @@ struct Times {
   std::int64_t end = 0;
 };
 
-// What a folder's record list says about its files.
+// What a folder's record list says about its files, which a repair of thousands asks and extends.
 class RecordedTimes {
  public:
-  // False when the list cannot be read.
-  bool Read(const std::wstring& folder) {
-    const auto list = ReadRecordList(folder);
-    times_.clear();
-    for (const RecordRow& row : list.rows) {
-      const std::wstring path = WideFromUtf8(row.file);
-      times_[std::wstring(SplitAtLastSeparator(path).name)].push_back({row.start, row.end});
-    }
-    return list.state != DatabaseState::kUnreadable;
+  RecordedTimes(const std::wstring& folder, const std::string& dataRoot)
+      : list_(RecordListPath(folder), RecordDatabaseLock(), dataRoot) {}
+
+  // What came since the last time. False when the list cannot be read.
+  bool Read() {
+    return list_.Look([this] { times_.clear(); },
+                      [this](const FX::FX_RecordDBInfo& record) {
+                        std::string file;
+                        record.GetFileName(file);
+                        const std::wstring path = WideFromUtf8(file);
+                        times_[std::wstring(SplitAtLastSeparator(path).name)].push_back(
+                            {record.GetStartTime(), record.GetEndTime()});
+                      }) != DatabaseState::kUnreadable;
   }
 
   // Of the records that name the file; empty when none does.
@@ -57,28 +72,64 @@ class RecordedTimes {
   // From the earliest of its frames to the latest.
   bool Cover(const std::wstring& name, const DrvWalkReport& walk) const {
     const std::vector<Times>& times = Of(name);
-    if (times.empty()) {
-      return false;
+    if (times.empty() || walk.lastSeconds == 0) {
+      return !times.empty();
     }
     Times whole = times.front();
     for (const Times& each : times) {
       whole = {std::min(whole.start, each.start), std::max(whole.end, each.end)};
     }
-    return whole.start <= walk.earliest_seconds && whole.end >= walk.latest_seconds;
+    return whole.start <= walk.earliestSeconds && whole.end >= walk.latestSeconds;
   }
 
  private:
+  DatabaseFollower<FX::FX_RecordDBInfo> list_;
   std::map<std::wstring, std::vector<Times>> times_;
   const std::vector<Times> none_{};
 };
 
+void LogRepaired(const RepairedRecording& result) {
+  const std::string path = NativePath(result.path);
+  switch (result.state) {
+    case RepairState::kRepaired:
+      Log(LogLevel::kWarning, "repair",
+          path + ": repaired" +
+              (result.cutBytes > 0 ? ", " + std::to_string(result.cutBytes) + " torn bytes cut"
+                                   : "") +
+              (result.indexRebuilt ? ", index made anew" : "") +
+              (result.recordAdded ? ", record added" : ""));
+      break;
+    case RepairState::kRemoved:
+      Log(LogLevel::kWarning, "repair", path + ": removed, it was empty");
+      break;
+    case RepairState::kFailed:
+      Log(LogLevel::kError, "repair",
+          path + ": cannot be repaired: " + std::generic_category().message(result.error));
+      break;
+    default:
+      break;
+  }
+}
+
 class Repair {
  public:
   Repair(const std::vector<std::wstring>& folders,
-         const std::function<bool(const RepairedRecording&)>& visit)
-      : io_(CurrentFileIo()), visit_(visit) {
+         const std::function<bool(const RepairedRecording&)>& visit, const RepairOptions& options)
+      : io_(CurrentFileIo()),
+        visit_(visit),
+        dataRoot_(DataRootOr(options.dataRoot)),
+        forgetMissing_(options.forgetMissing),
+        events_(io_, dataRoot_) {
+    for (const GapRow& gap : ReadGapLog(0, dataRoot_).rows) {  // of sites without a record yet
+      RecordRow row;
+      row.siteNumber = gap.siteNumber;
+      row.siteName = gap.siteName;
+      row.address = gap.address;
+      row.port = gap.port;
+      sites_.insert_or_assign(row.siteNumber, std::move(row));
+    }
     for (const std::wstring& folder : folders) {
-      for (RecordRow& row : ReadRecordList(folder).rows) {
+      for (RecordRow& row : ReadRecordList(folder, dataRoot_).rows) {
         sites_.insert_or_assign(row.siteNumber, std::move(row));
       }
     }
@@ -104,12 +155,18 @@ class Repair {
   bool RemoveEmpty(Recording& recording);
   bool MendIndex(Recording& recording);
   void MendRecord(Recording& recording);
+  bool MendEvents(Recording& recording, const RecordRow& site);
+  bool LookForMissing(const std::wstring& folder);
   void Count(const RepairedRecording& result);
   bool Fail(Recording& recording, int error);
 
   FileIo& io_;
   const std::function<bool(const RepairedRecording&)>& visit_;
-  RecordedTimes recorded_;                    // of the folder in work
+  const std::string dataRoot_;
+  const bool forgetMissing_;
+  EventMend events_;
+  std::vector<std::string> paths_;            // native, of the recordings of the folder in work
+  std::optional<RecordedTimes> recorded_;     // likewise
   std::map<std::uint32_t, RecordRow> sites_;  // a record of each, for those that are missing
   RepairReport report_;
 };
@@ -119,10 +176,10 @@ class Repair {
 constexpr std::int64_t kStepBack = 300;
 constexpr std::int64_t kHole = 86'400;
 
-// The spans of the video frames that no record covers: a recording that was continued has a record
-// for each time that it was closed. Nothing when reading fails.
+// The spans of the video frames, or of `sound` without any, that no record covers: a recording that
+// was continued has a record for each time that it was closed. Nothing when reading fails.
 std::optional<std::vector<Times>> Uncovered(FileIo& io, const std::string& drv,
-                                            const std::vector<Times>& recorded) {
+                                            const std::vector<Times>& recorded, bool sound) {
   const ScopedFile file(io, drv, kFileRead);
   if (!file) {
     return std::nullopt;
@@ -134,7 +191,7 @@ std::optional<std::vector<Times>> Uncovered(FileIo& io, const std::string& drv,
     const bool covered = std::any_of(recorded.begin(), recorded.end(), [&](const Times& times) {
       return seconds >= times.start && seconds <= times.end;
     });
-    if (frame->header.IsAudio() || covered) {
+    if (frame->header.IsAudio() != sound || covered) {
       continue;
     }
     if (spans.empty() || seconds < spans.back().end - kStepBack ||
@@ -155,7 +212,7 @@ bool Repair::Fail(Recording& recording, int error) {
 }
 
 void Repair::Mend(Recording& recording) {
-  if (NativePath(recording.result.path) != recording.drv) {
+  if (PathInData(recording.result.path, dataRoot_) != recording.drv) {
     Fail(recording, EILSEQ);  // no path of the system's leads there
   } else if (!IsHeld(recording) && MendEnd(recording) && MendIndex(recording)) {
     MendRecord(recording);
@@ -178,7 +235,7 @@ bool Repair::MendEnd(Recording& recording) {
   if (!io_.Status(recording.drv, status)) {
     return Fail(recording, errno);
   }
-  recording.modified = static_cast<std::int64_t>(status.modified_nanoseconds / 1'000'000);
+  recording.modified = static_cast<std::int64_t>(status.modifiedNanoseconds / 1'000'000);
   const IdxRebuild before = CompareIdx(io_, recording.drv, recording.idx);
   recording.walk = before.walk;
   if (!before.done) {
@@ -191,16 +248,16 @@ bool Repair::MendEnd(Recording& recording) {
     }
     recording.result.cutBytes = cut.bytes;
   }
-  const std::uint64_t size = before.walk.file_size - recording.result.cutBytes;
-  recording.result.strayBytes = before.walk.skipped_bytes - recording.result.cutBytes;
+  const std::uint64_t size = before.walk.fileSize - recording.result.cutBytes;
+  recording.result.strayBytes = before.walk.skippedBytes - recording.result.cutBytes;
   return size > 0 || RemoveEmpty(recording);
 }
 
 bool Repair::RemoveEmpty(Recording& recording) {
-  if (!recorded_.Read(recording.folder)) {
+  if (!recorded_->Read()) {
     return Fail(recording, EIO);
   }
-  if (!recorded_.Of(recording.name).empty()) {
+  if (!recorded_->Of(recording.name).empty()) {
     return true;
   }
   const ScopedFile file(io_, recording.drv, kFileReadWrite | kFileExclusive);
@@ -230,14 +287,14 @@ bool Repair::MendIndex(Recording& recording) {
 }
 
 void Repair::MendRecord(Recording& recording) {
-  if (recording.walk.last_seconds == 0) {
-    return;  // no video in it
+  if (recording.walk.frames == 0) {
+    return;
   }
-  if (Utf16Length(recording.result.path) > kLongestRecordedPath) {
+  if (Utf16Length(RecordedPath(recording.result.path, dataRoot_)) > kLongestRecordedPath) {
     Fail(recording, ENAMETOOLONG);
     return;
   }
-  if (recorded_.Cover(recording.name, recording.walk)) {
+  if (recorded_->Cover(recording.name, recording.walk)) {
     return;
   }
   const std::int64_t wait = recording.modified + kRecordDelayMilliseconds - WallSeconds() * 1000;
@@ -245,24 +302,33 @@ void Repair::MendRecord(Recording& recording) {
     std::this_thread::sleep_for(
         std::chrono::milliseconds(std::min(wait, kRecordDelayMilliseconds)));
   }
-  if (!recorded_.Read(recording.folder)) {
+  if (!recorded_->Read()) {
     Fail(recording, EIO);
     return;
   }
-  if (recorded_.Cover(recording.name, recording.walk)) {
+  if (recorded_->Cover(recording.name, recording.walk)) {
     return;
   }
-  const auto spans = Uncovered(io_, recording.drv, recorded_.Of(recording.name));
+  const auto spans =
+      Uncovered(io_, recording.drv, recorded_->Of(recording.name), recording.walk.lastSeconds == 0);
   if (!spans) {
     Fail(recording, errno);
     return;
   }
   const auto site = static_cast<std::uint32_t>(SiteNumberOf(recording.name).value_or(0));
   const auto known = sites_.find(site);
-  const RecordRow row = known != sites_.end() ? known->second : RecordRow();
+  RecordRow row = known != sites_.end() ? known->second : RecordRow();
+  row.siteNumber = site;
+  // First: once the record is there, nobody looks any more.
+  if (!spans->empty() && !MendEvents(recording, row)) {
+    Fail(recording, errno);
+    return;
+  }
   for (const Times& span : *spans) {
     FX::FX_RecordDBListWriter writer;
-    writer.SetDBListPath(recording.folder.c_str());
+    writer.SetDataRoot(dataRoot_);
+    writer.SetDBListPath(
+        RecordedPath(LocatedInData(recording.folder, dataRoot_), dataRoot_).c_str());
     writer.InitialRecordDBInfo(recording.name.c_str(), WideFromUtf8(row.address).c_str(),
                                WideFromUtf8(row.siteName).c_str(), row.port);
     writer.SetRecordTime(span.start);
@@ -275,44 +341,93 @@ void Repair::MendRecord(Recording& recording) {
   }
 }
 
+// The site's earlier recordings of the folder tell where an event began.
+bool Repair::MendEvents(Recording& recording, const RecordRow& site) {
+  constexpr std::size_t kMostEarlier = 16;
+  const std::string front = recording.drv.substr(0, recording.drv.rfind('_') + 1);
+  auto at = std::upper_bound(paths_.begin(), paths_.end(), recording.drv);
+  std::vector<std::string> indexes;
+  while (indexes.size() < kMostEarlier && at != paths_.begin() && (--at)->starts_with(front)) {
+    indexes.push_back(NativePath(IdxPathOf(SystemPath(*at))));
+  }
+  std::reverse(indexes.begin(), indexes.end());
+  const unsigned before = events_.Added();
+  const bool done = events_.Mend(indexes, site);
+  recording.result.eventsAdded = events_.Added() - before;
+  return done;
+}
+
+// False when it was stopped.
+bool Repair::LookForMissing(const std::wstring& folder) {
+  std::set<std::string> missing;
+  for (const RecordRow& row : ReadRecordList(folder, dataRoot_).rows) {
+    FileStatus status;
+    const bool gone = !io_.Status(PathInData(WideFromUtf8(row.file), dataRoot_), status) &&
+                      (errno == ENOENT || errno == ENOTDIR);
+    if (gone && row.start != 0) {
+      missing.insert(row.file);
+    }
+  }
+  const auto isMissing = [&](std::wstring_view file) {
+    return missing.contains(Utf8FromWide(file));
+  };
+  if (forgetMissing_ && !missing.empty() &&
+      !RemoveRecords(LocatedInData(folder, dataRoot_), isMissing)) {
+    report_.failedFolders.push_back(folder);
+  }
+  for (const std::string& file : missing) {
+    RepairedRecording result;
+    result.path = WideFromUtf8(file);
+    result.state = RepairState::kMissing;
+    ++report_.missing;
+    if (!visit_(result)) {
+      return false;
+    }
+  }
+  return true;
+}
+
 void Repair::Count(const RepairedRecording& result) {
+  LogRepaired(result);
   ++report_.files;
   report_.repaired += result.state == RepairState::kRepaired ? 1 : 0;
   report_.removed += result.state == RepairState::kRemoved ? 1 : 0;
   report_.recording += result.state == RepairState::kRecording ? 1 : 0;
   report_.failed += result.state == RepairState::kFailed ? 1 : 0;
   report_.recordsAdded += result.recordAdded ? 1 : 0;
+  report_.eventsAdded += result.eventsAdded;
   report_.indexRebuilt += result.indexRebuilt ? 1 : 0;
 }
 
 // False when it was stopped.
 bool Repair::Folder(const std::wstring& folder) {
   namespace fs = std::filesystem;
-  std::vector<std::string> paths;
+  paths_.clear();
   std::error_code error;
-  for (fs::directory_iterator at(NativePath(folder), error), end; !error && at != end;
+  for (fs::directory_iterator at(PathInData(folder, dataRoot_), error), end; !error && at != end;
        at.increment(error)) {
     std::error_code ignored;
     if (at->path().extension() == ".drv" && at->is_regular_file(ignored)) {
-      paths.push_back(at->path().string());
+      paths_.push_back(at->path().string());
     } else if (at->path().string().ends_with(".idx.new") || IsMovingFile(at->path().string())) {
       RemoveLeftover(io_, at->path().string());
     }
   }
-  if (error || !recorded_.Read(folder)) {
+  recorded_.emplace(folder, dataRoot_);
+  if (error || !recorded_->Read()) {
     report_.failedFolders.push_back(folder);
     return true;
   }
-  std::sort(paths.begin(), paths.end());
-  const auto before = ReadFolderSpan(folder);
+  std::sort(paths_.begin(), paths_.end());
+  const auto before = ReadFolderSpan(folder, dataRoot_);
   bool added = false;
-  for (const std::string& path : paths) {
+  for (const std::string& path : paths_) {
     Recording recording;
     recording.folder = folder;
     recording.name = WideFromUtf8(fs::path(path).filename().string());
     recording.drv = path;
     recording.result.path = folder + L"\\" + recording.name;
-    recording.idx = NativePath(IdxPathOf(recording.result.path));
+    recording.idx = PathInData(IdxPathOf(recording.result.path), dataRoot_);
     Mend(recording);
     Count(recording.result);
     added = added || recording.result.recordAdded;
@@ -320,8 +435,11 @@ bool Repair::Folder(const std::wstring& folder) {
       return false;
     }
   }
-  const FolderMend mend = MendFolderDatabases(folder);
-  const auto after = ReadFolderSpan(folder);
+  if (!LookForMissing(folder)) {
+    return false;
+  }
+  const FolderMend mend = MendFolderDatabases(LocatedInData(folder, dataRoot_));
+  const auto after = ReadFolderSpan(folder, dataRoot_);
   const bool widened = added && after.rows != before.rows;
   report_.spansFixed += mend == FolderMend::kMended || widened ? 1 : 0;
   if (mend == FolderMend::kFailed) {
@@ -333,8 +451,9 @@ bool Repair::Folder(const std::wstring& folder) {
 }  // namespace
 
 RepairReport RepairRecordings(const std::vector<std::wstring>& folders,
-                              const std::function<bool(const RepairedRecording&)>& visit) {
-  Repair repair(folders, visit);
+                              const std::function<bool(const RepairedRecording&)>& visit,
+                              const RepairOptions& options) {
+  Repair repair(folders, visit, options);
   repair.Report().complete = std::all_of(folders.begin(), folders.end(),
                                          [&](const auto& folder) { return repair.Folder(folder); });
   return std::move(repair.Report());

@@ -16,6 +16,7 @@ enum class RepairState {
   kRemoved,    // it was empty, and no record names it: it is gone, with its index
   kRecording,  // somebody records into it, and it was left alone
   kFailed,     // `error` says why; what could not be repaired is as it was
+  kMissing,    // it is gone, and a record names it; see RepairOptions::forgetMissing
 };
 
 // What became of one recording.
@@ -29,6 +30,14 @@ struct RepairedRecording {
   std::uint64_t indexed = 0;    // frames that had no index record
   std::uint64_t unindexed = 0;  // index records that pointed at no frame
   bool recordAdded = false;     // to the folder's record list, one or more
+  unsigned eventsAdded = 0;     // to the event list
+};
+
+struct RepairOptions {
+  std::string dataRoot;  // empty: that of the process (cms/recording/data_root.h)
+  // Takes the records out of the lists whose file is gone while its folder is there. Without it
+  // they stay, for a file may come back.
+  bool forgetMissing = false;
 };
 
 struct RepairReport {
@@ -38,6 +47,8 @@ struct RepairReport {
   std::uint64_t recording = 0;
   std::uint64_t failed = 0;
   std::uint64_t recordsAdded = 0;
+  std::uint64_t eventsAdded = 0;
+  std::uint64_t missing = 0;  // recordings that records name and that are gone
   std::uint64_t indexRebuilt = 0;
   std::uint64_t spansFixed = 0;
   std::vector<std::wstring> failedFolders;  // could not be read, or their databases not written
@@ -45,7 +56,7 @@ struct RepairReport {
 };
 
 // Repairs every recording of the folders (as the system writes paths, without a separator behind
-// them):
+// them; relative ones are in the data root, see cms/recording/data_root.h):
 //
 //  1. A torn frame at the end is cut off; an empty recording that no record names is removed, and
 //  so
@@ -53,18 +64,21 @@ struct RepairReport {
 //  2. The index is made to fit, as ModifyDrvIdxFile does.
 //  3. Frames that the folder's record list does not cover get a record, one for each span where a
 //     clock was set back between them, with the address, the name and the port of the site's other
-//     records in any of the folders.
+//     records in any of the folders. Events that ran when the process was killed, which the event
+//     list does not have, get their rows before that.
 //  4. A record list's torn tail is cut, and the folder's span made that of its records.
 //
 // Each step leaves what it finds sound as it is, byte for byte, so that a second repair changes
 // nothing. Every file is replaced or cut in one step: a repair that is killed is simply repeated.
 //
 // Other processes may record into the folders. Their open files are left alone; for the record of
-// one that they have just closed it waits up to two seconds. Records whose file is missing stay.
+// one that they have just closed it waits up to two seconds. Records whose file is missing stay and
+// are told, unless they are to be forgotten.
 //
 // `visit` is called for each recording once it is dealt with, and may return false to stop. Any
 // thread; it waits for the disk.
 CMS_API RepairReport RepairRecordings(const std::vector<std::wstring>& folders,
-                                      const std::function<bool(const RepairedRecording&)>& visit);
+                                      const std::function<bool(const RepairedRecording&)>& visit,
+                                      const RepairOptions& options = {});
 
 }  // namespace cms

@@ -50,10 +50,14 @@ struct RecordingStatus {
   std::uint64_t lateRecords = 0;  // of files, waiting to be mended or stored
   std::uint64_t lateEvents = 0;   // their records wait to be stored
 
+  unsigned waitingJobs = 0;           // of the disk: buffers to be written, files to be opened
+  std::uint64_t oldestWaitingMs = 0;  // since when the oldest of them waits; what memory holds
+                                      // before it is handed over does not count
+
   std::uint64_t lastFrameTick = 0;  // cms::TickMilliseconds of the last accepted frame, 0: none yet
 
   static constexpr std::uint64_t kShortestSilenceMs = 1'000;
-  std::uint64_t videoFrames = 0;                  // accepted
+  std::uint64_t videoFrames = 0;                  // accepted; of sound alone, its blocks
   Moment lastVideo;                               // the last one of them
   std::uint64_t silences = 0;                     // of kShortestSilenceMs or more that are over
   std::array<RecordingSilence, 16> lastSilences;  // the n-th one, from 0, stands at n % 16

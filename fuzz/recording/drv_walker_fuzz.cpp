@@ -28,14 +28,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::uint64_t end = 0;
   while (const auto frame = walker.Next()) {
     CHECK(frame->header.Holds() && frame->offset >= end && frame->End() <= size);
-    CHECK(frame->payload_offset + frame->payload_length == frame->End());
+    CHECK(frame->payloadOffset + frame->payloadLength == frame->End());
     end = frame->End();
     frames += bytes.substr(frame->offset, end - frame->offset);
   }
   const cms::DrvWalkReport& report = walker.Report();
-  CHECK(report.error == 0 && report.frame_bytes == frames.size());
-  CHECK(report.frame_bytes + report.skipped_bytes == size);
-  CHECK(report.end_of_frames == end && report.tail_length <= report.skipped_bytes);
+  CHECK(report.error == 0 && report.frameBytes == frames.size());
+  CHECK(report.frameBytes + report.skippedBytes == size);
+  CHECK(report.endOfFrames == end && report.tailLength <= report.skippedBytes);
   CHECK(!walker.Next());
   close(handle);
 
@@ -43,7 +43,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   cms::DrvWalker second(cms::SystemFileIo(), again);
   while (second.Next()) {
   }
-  CHECK(second.Report().frames == report.frames && second.Report().skipped_bytes == 0);
+  CHECK(second.Report().frames == report.frames && second.Report().skippedBytes == 0);
   close(again);
   return 0;
 }

@@ -36,35 +36,35 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     return 0;
   }
   const std::string bytes(reinterpret_cast<const char*>(data) + 2, size - 2);
-  const std::size_t idx_size = std::min(bytes.size(), std::size_t{data[0]} << 8 | data[1]);
-  const std::string drv_path = Folder() + "/a.drv";
-  const std::string idx_path = Folder() + "/a.idx";
-  std::ofstream(drv_path, std::ios::binary) << bytes.substr(idx_size);
-  std::ofstream(idx_path, std::ios::binary) << bytes.substr(0, idx_size);
+  const std::size_t idxSize = std::min(bytes.size(), std::size_t{data[0]} << 8 | data[1]);
+  const std::string drvPath = Folder() + "/a.drv";
+  const std::string idxPath = Folder() + "/a.idx";
+  std::ofstream(drvPath, std::ios::binary) << bytes.substr(idxSize);
+  std::ofstream(idxPath, std::ios::binary) << bytes.substr(0, idxSize);
 
   cms::FileIo& io = cms::SystemFileIo();
-  const auto foretold = cms::CompareIdx(io, drv_path, idx_path);
-  const auto result = cms::RebuildIdx(io, drv_path, idx_path);
+  const auto foretold = cms::CompareIdx(io, drvPath, idxPath);
+  const auto result = cms::RebuildIdx(io, drvPath, idxPath);
   CHECK(result.done && foretold.done);
   CHECK(foretold.changed == result.changed && foretold.added == result.added &&
         foretold.dropped == result.dropped && foretold.records == result.records);
-  const cms::ScopedFile drv(io, drv_path, cms::kFileRead);
-  const cms::ScopedFile idx(io, idx_path, cms::kFileRead);
+  const cms::ScopedFile drv(io, drvPath, cms::kFileRead);
+  const cms::ScopedFile idx(io, idxPath, cms::kFileRead);
   cms::IdxReader reader(io, idx.Handle());
   CHECK(reader.TornBytes() == 0 && reader.Records() == result.records);
   cms::DrvWalker walker(io, drv.Handle());
   while (const auto frame = walker.Next()) {
-    if (frame->header.IsAudio() || (result.key_frames_only && !frame->header.IsKeyFrame())) {
+    if (frame->header.IsAudio() || (result.keyFramesOnly && !frame->header.IsKeyFrame())) {
       continue;
     }
     const auto record = reader.Next();
     CHECK(record && record->offset == frame->offset);
     CHECK(record->milliseconds / 1000 == frame->header.Seconds());
-    CHECK(record->frame_type == frame->header.FrameType());
+    CHECK(record->frameType == frame->header.FrameType());
   }
   CHECK(!reader.Next());
   // Key frames alone may be all that is left, which then does not tell any more what was indexed.
-  const auto again = cms::RebuildIdx(io, drv_path, idx_path);
-  CHECK(again.done && (!again.changed || result.key_frames_only));
+  const auto again = cms::RebuildIdx(io, drvPath, idxPath);
+  CHECK(again.done && (!again.changed || result.keyFramesOnly));
   return 0;
 }

@@ -55,14 +55,14 @@ struct ClipRecording {
       const EncodedFrame& frame = (*clip)[static_cast<std::size_t>(first + i) % clip->size()];
       const std::int64_t time = start + i * interval;
       DrvFrameSpec spec;
-      spec.frame_type = frame.key ? 1 : 2;
+      spec.frameType = frame.key ? 1 : 2;
       spec.stream = channel;
       spec.seconds = static_cast<std::uint32_t>(time / 1000);
       spec.sequence = static_cast<std::uint32_t>(i + 1);
       spec.payload.assign(frame.data.begin(), frame.data.end());
       if (frame.key || !keyFramesOnly) {
         idx += MakeIdxRecord(channel, static_cast<std::uint32_t>(drv.bytes.size()),
-                             static_cast<std::uint64_t>(time), spec.frame_type);
+                             static_cast<std::uint64_t>(time), spec.frameType);
       }
       drv.Add(spec);
       if (audio) {
@@ -96,7 +96,7 @@ class Player {
 
   // A site that plays the files of these names.
   void AddSite(const std::vector<std::string>& names) {
-    _MULTI_PB_SITE_CONFIG site;
+    cms::_MULTI_PB_SITE_CONFIG site;
     site.siteNumber = static_cast<std::uint32_t>(config.sites.size() + 1);
     for (const std::string& name : names) {
       site.files.push_back(cms::SystemPath(Path(name)));

@@ -4,11 +4,13 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "cms/live/media/fisheye/fisheye_dewarper.h"
 #include "tests/playback/clip_recording.h"
 
 namespace {
@@ -32,7 +34,7 @@ TEST(Playback, ShowsEveryPictureForwardAndBackwardInTurn) {
   EXPECT_EQ(player.control.GetPlaySpeed(), -1);
   ASSERT_EQ(player.Settled(), 45);
   ASSERT_TRUE(player.Plays(45, 0));
-  stPlaybackChannelStatus status;
+  cms::stPlaybackChannelStatus status;
   ASSERT_EQ(player.control.GetChannelStatus(0, 0, &status), 1);
   EXPECT_EQ(status.shown, 46u + 45u);
   EXPECT_EQ(status.lost, 0u);
@@ -90,7 +92,7 @@ TEST(Playback, TransportStates) {
   EXPECT_EQ(control.SetPlaybackTargetTime(5), 0);
   EXPECT_EQ(control.PlaybackSetSlowMode(1), 0);
   EXPECT_EQ(control.GetPlaySpeed(), 0);
-  EXPECT_EQ(control.GetCurPlaybackTargetTime(), kPlaybackNoTargetTime);
+  EXPECT_EQ(control.GetCurPlaybackTargetTime(), cms::kPlaybackNoTargetTime);
   EXPECT_EQ(control.StartPlayback(), 0);  // nothing configured
 
   ClipRecording().Make().Write(player.Path("a.drv"));
@@ -124,13 +126,13 @@ TEST(Playback, TransportStates) {
   player.Settled();
   EXPECT_EQ(control.GetCurPlaybackTargetTime(), 0);
   EXPECT_EQ(control.PlaybackStepForward(), 1);
-  EXPECT_EQ(control.GetCurPlaybackTargetTime(), kPlaybackNoTargetTime);
+  EXPECT_EQ(control.GetCurPlaybackTargetTime(), cms::kPlaybackNoTargetTime);
   EXPECT_EQ(control.IsPlaybackStep(), 1);
   EXPECT_EQ(control.PlaybackStepBackward(), 1);
   EXPECT_EQ(control.PlaybackPause(), 1);
   EXPECT_EQ(control.IsPlaybackStep(), 0);
   EXPECT_EQ(control.IsPlaybackPause(), 1);
-  EXPECT_EQ(control.GetCurPlaybackTargetTime(), kPlaybackNoTargetTime);
+  EXPECT_EQ(control.GetCurPlaybackTargetTime(), cms::kPlaybackNoTargetTime);
   press(&CCMSMultiSitePlaybackCtrl::PlaybackSetSlowDown, 1);
   EXPECT_THAT(speeds, ElementsAre(-1));
   EXPECT_EQ(control.PlaybackResume(), 1);
@@ -201,7 +203,7 @@ TEST(Playback, SitesStayInStepOverDifferentBeginningsAndEnds) {
   EXPECT_EQ(player.control.GetPlaybackDataStartTime(), kStart);
   EXPECT_EQ(player.control.GetTotalPlaybackTime(), 99 * 40);
   EXPECT_EQ(player.Number(1), -2);
-  EXPECT_EQ(player.control.GetChFrameState(1, 0), PLAYBACK_CHANNEL_GAP);
+  EXPECT_EQ(player.control.GetChFrameState(1, 0), cms::PLAYBACK_CHANNEL_GAP);
   const auto expectAt = [&](std::int64_t time) {
     const int second = static_cast<int>((time - b.start + 40'000) / 40) - 1000;
     ASSERT_TRUE(player.Shows(static_cast<int>((time - kStart) / 40), 0)) << time - kStart;
@@ -347,8 +349,8 @@ TEST(Playback, WhatTheViewerChoseHoldsBeforeTheStartAndAfterAStop) {
     EXPECT_EQ(player.Settled(1), 10);
     EXPECT_EQ(control.IsQuickSearch(1), 1);
     EXPECT_EQ(player.Number(0), -2);
-    EXPECT_EQ(control.GetChFrameState(0, 0), PLAYBACK_CHANNEL_OFF);
-    EXPECT_EQ(control.GetChFrameState(2, 0), PLAYBACK_CHANNEL_OFF);
+    EXPECT_EQ(control.GetChFrameState(0, 0), cms::PLAYBACK_CHANNEL_OFF);
+    EXPECT_EQ(control.GetChFrameState(2, 0), cms::PLAYBACK_CHANNEL_OFF);
     control.StopPlayback();
   }
   control.setCurrentSplitMode(0);
@@ -357,6 +359,55 @@ TEST(Playback, WhatTheViewerChoseHoldsBeforeTheStartAndAfterAStop) {
   EXPECT_EQ(player.Settled(0), 0);
   EXPECT_EQ(player.Number(1), -2);
   EXPECT_EQ(player.Number(2), 0);
+}
+
+// The view is that of the whole picture shown, in a size of its own, while paused and playing.
+TEST(Playback, LooksAroundInAFisheyePicture) {
+  Player player;
+  ClipRecording().Make().Write(player.Path("a.drv"));
+  player.AddSite({"a.drv"});
+  ASSERT_TRUE(player.Start());
+  auto& control = player.control;
+  const auto shown = [&](tagSIZE* size) {
+    const unsigned char* const pixels = control.LockDecodedImage(0, 0, size);
+    std::vector<std::uint8_t> copy(pixels, pixels + size->cx * size->cy * 4);
+    control.UnlockDecodedImage(0, 0);
+    return copy;
+  };
+  cms::FisheyeSettings settings;
+  settings.parameter = {.mount = 1, .viewMode = 4, .centerX = 80, .centerY = 48, .radius = 85};
+  settings.Move({0, {10, -5}, 1.5F});
+  const tagSIZE room{120, 60};
+  cms::FisheyeJob job;
+  job.lens = settings.Lens();
+  job.view = settings.View();
+  job.source = {160, 96};
+  job.shown = {120, 60};
+  cms::FisheyeDewarper dewarper;
+  ASSERT_TRUE(dewarper.Prepare(job));
+  for (const int number : {0, 1}) {
+    tagSIZE size;
+    const auto whole = shown(&size);
+    ASSERT_EQ(size.cx, 160);
+    std::vector<std::uint8_t> wanted(120 * 60 * 4);
+    ASSERT_TRUE(dewarper.DewarpBgra(whole, 160 * 4, wanted, 120 * 4));
+    ASSERT_EQ(control.SetDecoderRenderCallback(0, 0, &room, nullptr), 1);
+    ASSERT_EQ(control.SetFisheye(0, 0, settings), 1);
+    std::vector<std::uint8_t> seen;
+    ASSERT_TRUE(test::WaitFor([&] {
+      seen = shown(&size);
+      return size.cx == 120 && size.cy == 60;
+    }));
+    double off = 0;
+    for (std::size_t i = 0; i < seen.size(); ++i) {
+      off += std::abs(seen[i] - wanted[i]);
+    }
+    EXPECT_LT(off / static_cast<double>(seen.size()), 4) << number;
+    ASSERT_EQ(control.SetFisheye(0, 0, {}), 1);
+    ASSERT_EQ(control.SetDecoderRenderCallback(0, 0, nullptr, nullptr), 1);
+    control.PlaybackStepForward();
+    ASSERT_EQ(player.Settled(), number + 1);
+  }
 }
 
 // The stepping channel's disk does not answer: the others take the step over.

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "cms/recording/keep/remove_recordings.h"
 #include "tests/playback/clip_recording.h"
 
 namespace {
@@ -70,7 +71,7 @@ TEST(PlaybackFiles, IndexesThatCannotBeUsedAreMadeInMemory) {
     player.AddSite({"a.drv"});
     ASSERT_TRUE(player.Start()) << player.control.GetLastErrorText();
     EXPECT_EQ(StepThrough(player), Range(0, 60));
-    stPlaybackChannelStatus status;
+    cms::stPlaybackChannelStatus status;
     player.control.GetChannelStatus(0, 0, &status);
     EXPECT_EQ(status.rebuiltIndexes, each.rebuilt);
     // Spread over their seconds, the pictures are where they were recorded, as near as one knows.
@@ -114,7 +115,7 @@ TEST(PlaybackFiles, DamageIsPassedOver) {
     EXPECT_EQ(std::count(numbers.begin(), numbers.end(), 59), 1);
     player.control.SetPlaybackTargetTime(kStart + 35 * 40);
     EXPECT_NEAR(player.Settled(), 35, withIndex ? 0 : 1);
-    stPlaybackChannelStatus status;
+    cms::stPlaybackChannelStatus status;
     player.control.GetChannelStatus(0, 0, &status);
     EXPECT_GT(status.skippedBytes, 0u);
   }
@@ -167,6 +168,37 @@ TEST(PlaybackFiles, AGrowingRecordingIsFollowedIntoItsNextFile) {
   })) << player.Number();
 }
 
+// The one that plays goes on to its end, the one behind it is passed over.
+TEST(PlaybackFiles, WhatIsRemovedWhileItPlaysEndsNoPlayback) {
+  Player player;
+  std::filesystem::create_directories(player.Path("recordings/day"));
+  std::vector<std::string> names;
+  for (const int first : {0, 60, 80}) {
+    ClipRecording part;
+    part.first = first;
+    part.count = first == 0 ? 60 : 20;
+    part.start = kStart + first * 40;
+    names.push_back("recordings/day/Rec_Site1_" + std::to_string(first) + ".drv");
+    part.Make().Write(player.Path(names.back()));
+  }
+  player.AddSite(names);
+  ASSERT_TRUE(player.Start());
+  player.control.PlaybackResume();
+  player.Settled();
+  ASSERT_TRUE(player.Plays(0, 20));
+  cms::RemoveOptions options;
+  options.root = player.folder.Path();
+  options.files = {player.Path(names[0]), player.Path(names[1])};
+  EXPECT_EQ(cms::RemoveRecordings(options).removed.size(), 2u);
+  ASSERT_TRUE(player.Plays(20, 59));
+  player.clock.AdvanceMilliseconds(21 * 40);
+  for (int number = 80; number < 100; ++number) {
+    ASSERT_TRUE(player.Shows(number)) << number << " is " << player.Number();
+    player.clock.AdvanceMilliseconds(40);
+  }
+  EXPECT_TRUE(test::WaitFor([&] { return player.control.IsAllEndOfFile() == 1; }));
+}
+
 TEST(PlaybackFiles, ChannelsOfOneFileAreShownAlone) {
   Player player;
   ClipRecording channels[2];
@@ -181,9 +213,9 @@ TEST(PlaybackFiles, ChannelsOfOneFileAreShownAlone) {
   for (std::size_t frame = 0; frame < 40; ++frame) {
     for (unsigned i = 0; i < 2; ++i) {
       const auto& each = channels[i].drv.frames[frame];
-      idx += test::MakeIdxRecord(i, static_cast<std::uint32_t>(drv.size()),
-                                 static_cast<std::uint64_t>(kStart) + frame * 40,
-                                 each.spec.frame_type);
+      idx +=
+          test::MakeIdxRecord(i, static_cast<std::uint32_t>(drv.size()),
+                              static_cast<std::uint64_t>(kStart) + frame * 40, each.spec.frameType);
       drv += channels[i].drv.bytes.substr(each.offset, each.length);
     }
   }
@@ -204,7 +236,7 @@ TEST(PlaybackFiles, ChannelsOfOneFileAreShownAlone) {
     EXPECT_EQ(each.Number(0, 1), 125);
     control.SetSingleChannel(0, 1, 1);
     EXPECT_EQ(each.Settled(), -2);
-    EXPECT_EQ(control.GetChFrameState(0, 0), PLAYBACK_CHANNEL_OFF);
+    EXPECT_EQ(control.GetChFrameState(0, 0), cms::PLAYBACK_CHANNEL_OFF);
     EXPECT_EQ(each.Number(0, 1), 125);
     control.PlaybackStepBackward();  // the only channel there is
     EXPECT_EQ(each.Settled(0, 1), 124);
@@ -228,7 +260,8 @@ TEST(PlaybackFiles, ChannelsOfOneFileAreShownAlone) {
 }
 
 TEST(PlaybackFiles, BareVideoIsPlayedAtItsRate) {
-  for (const auto codec : {test::ClipCodec::kH264, test::ClipCodec::kMjpeg}) {
+  for (const auto codec :
+       {test::ClipCodec::kH264, test::ClipCodec::kH265, test::ClipCodec::kMjpeg}) {
     Player player;
     test::ClipSpec spec;
     spec.codec = codec;
@@ -240,7 +273,7 @@ TEST(PlaybackFiles, BareVideoIsPlayedAtItsRate) {
     }
     ClipRecording::Put(player.Path("a.raw"), bytes);
     player.AddSite({"a.raw"});
-    player.config.sites[0].source = PLAYBACK_SOURCE_RAW;
+    player.config.sites[0].source = cms::PLAYBACK_SOURCE_RAW;
     player.config.sites[0].rawFrameRate = 10;
     player.config.sites[0].rawStartTime = kStart;
     ASSERT_TRUE(player.Start()) << player.control.GetLastErrorText();
@@ -249,6 +282,8 @@ TEST(PlaybackFiles, BareVideoIsPlayedAtItsRate) {
     player.control.SetPlaybackTargetTime(kStart + 1750);
     EXPECT_EQ(player.Settled(), 17);
     EXPECT_EQ(player.control.IsMJPEG(0, 0), codec == test::ClipCodec::kMjpeg ? 1 : 0);
+    EXPECT_EQ(player.control.IsH265(0, 0), codec == test::ClipCodec::kH265 ? 1 : 0);
+    EXPECT_EQ(player.control.IsH264(0, 0), codec == test::ClipCodec::kH264 ? 1 : 0);
   }
 }
 

@@ -15,7 +15,7 @@ using cms::PlaybackPlan;
 using View = PlaybackPlan::View;
 using Place = PlaybackPlan::Place;
 
-constexpr std::int64_t kBegin = 1'000'000;
+constexpr std::int64_t kPlanBegin = 1'000'000;
 constexpr std::int64_t kInterval = 40;
 constexpr std::size_t kLength = 10;  // frames of a group
 
@@ -24,7 +24,7 @@ class Groups : public cms::PlaybackDataReader {
  public:
   static constexpr std::size_t kCount = 4;
   static std::int64_t TimeOf(std::size_t group, std::size_t index) {
-    return kBegin + static_cast<std::int64_t>(group * kLength + index) * kInterval +
+    return kPlanBegin + static_cast<std::int64_t>(group * kLength + index) * kInterval +
            (group > 1 ? 10'000 : 0);
   }
 
@@ -148,7 +148,7 @@ TEST_F(Plan, InAGapThePictureBehindItIsMadeReady) {
   EXPECT_EQ(Name(Aim()), "2.1");
   view_.forward = false;
   EXPECT_EQ(Name(Aim()), "1.9");
-  view_.position = kBegin - 500;
+  view_.position = kPlanBegin - 500;
   EXPECT_EQ(Name(Aim()), "-");
   view_.forward = true;
   EXPECT_EQ(Name(Aim()), "0.0");

@@ -45,7 +45,7 @@ TEST(PlaybackThreads, RandomTransportUnderLoad) {
     std::atomic<std::uint64_t>* seen;
   } counters{&heard, &seen};
   player.config.context = &counters;
-  player.config.onAudio = [](void* context, const _MULTI_PB_AUDIO_BLOCK*) {
+  player.config.onAudio = [](void* context, const cms::_MULTI_PB_AUDIO_BLOCK*) {
     static_cast<Counters*>(context)->heard->fetch_add(1);
   };
   player.config.onPicture = [](void* context, unsigned, unsigned, std::int64_t) {
@@ -67,7 +67,7 @@ TEST(PlaybackThreads, RandomTransportUnderLoad) {
           player.control.UnLockImage(site, 0);
         }
         player.control.GetChFrameState(site, 0);
-        stPlaybackChannelStatus status;
+        cms::stPlaybackChannelStatus status;
         player.control.GetChannelStatus(site, 0, &status);
         std::this_thread::yield();
       }
@@ -223,7 +223,7 @@ TEST(PlaybackThreads, SoundComesWithItsPicturesAtSpeedOne) {
     std::vector<std::string> blocks;
   } heard;
   player.config.context = &heard;
-  player.config.onAudio = [](void* context, const _MULTI_PB_AUDIO_BLOCK* block) {
+  player.config.onAudio = [](void* context, const cms::_MULTI_PB_AUDIO_BLOCK* block) {
     auto* const all = static_cast<Heard*>(context);
     const std::lock_guard guard(all->lock);
     EXPECT_EQ(block->codecId, 0x10006u);

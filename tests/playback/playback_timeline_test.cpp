@@ -14,12 +14,13 @@
 #include "cms/runtime/native_path.h"
 #include "tests/support/drv_generator.h"
 #include "tests/support/faulty_file_io.h"
+#include "tests/support/paths.h"
 #include "tests/support/recording_reader.h"
 
 namespace {
 
 constexpr std::int64_t kBegin = 1'700'000'000'000;
-const std::string kData = TEST_DATA_DIR "/recordings";
+const std::string kData = test::DataFolder() + "/recordings";
 
 // The millisecond counter of recorders, by the time at which a frame comes.
 class Counter {
@@ -69,13 +70,13 @@ struct Site {
     const std::int64_t event = now + part.before;
     for (int i = 0; i < part.count; ++i, now += part.interval) {
       test::DrvFrameSpec spec;
-      spec.frame_type = i % part.gop == 0 ? 1 : 2;
+      spec.frameType = i % part.gop == 0 ? 1 : 2;
       spec.seconds = static_cast<std::uint32_t>(now / 1000);
       spec.sequence = static_cast<std::uint32_t>(taken.size() + 1);
       spec.payload = "picture " + std::to_string(taken.size());
       offsets.back().push_back(drv.bytes.size());
       idx += test::MakeIdxRecord(0, static_cast<std::uint32_t>(drv.bytes.size()),
-                                 counter.Of(now, std::max(now, event)), spec.frame_type);
+                                 counter.Of(now, std::max(now, event)), spec.frameType);
       drv.Add(spec);
       taken.push_back(now);
       if (part.audio) {

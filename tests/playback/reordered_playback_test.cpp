@@ -62,7 +62,7 @@ TEST_P(ReorderedPlayback, ShowsTheKthPictureAtTheKthTime) {
   ASSERT_EQ(player_.control.PlaybackSetSlowDown(), 1);
   ASSERT_EQ(player_.Settled(), 50);
   ASSERT_TRUE(player_.Plays(50, 0));
-  stPlaybackChannelStatus status;
+  cms::stPlaybackChannelStatus status;
   ASSERT_EQ(player_.control.GetChannelStatus(0, 0, &status), 1);
   EXPECT_EQ(status.shown, 51u + 50u);
   EXPECT_EQ(status.lost, 0u);
@@ -137,6 +137,7 @@ TEST_P(ReorderedPlayback, NumbersGoOnBehindADamagedFrame) {
 INSTANTIATE_TEST_SUITE_P(Kinds, ReorderedPlayback,
                          testing::Values(Reordered{"H264", test::ClipCodec::kH264, 2},
                                          Reordered{"H264Pyramid", test::ClipCodec::kH264, 3},
+                                         Reordered{"H265", test::ClipCodec::kH265, 2},
                                          Reordered{"Mpeg4", test::ClipCodec::kMpeg4, 2}),
                          [](const auto& kind) { return std::string(kind.param.name); });
 

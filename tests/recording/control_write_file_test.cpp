@@ -188,8 +188,8 @@ TEST(ControlWriteFile, RetriesWhatTimeMends) {
     EXPECT_TRUE(Add(queue, handle, text, true, status));
     EXPECT_TRUE(queue.WaitWritten(-1));
     EXPECT_EQ(test::ReadWholeFile(name), text);
-    EXPECT_EQ(status->written_bytes, text.size());
-    EXPECT_TRUE(status->error == 0 && status->lost_bytes == 0 && status->closed);
+    EXPECT_EQ(status->writtenBytes, text.size());
+    EXPECT_TRUE(status->error == 0 && status->lostBytes == 0 && status->closed);
   }
   // A descriptor that does not block, with a reader that comes late.
   Pipe pipe(O_NONBLOCK);
@@ -214,7 +214,7 @@ TEST(ControlWriteFile, BehindAFailedWriteNothingOfThatFileIsWritten) {
       handles.push_back(io.Open(names.back(), kNew));
       statuses.push_back(std::make_shared<cms::WriteStatus>());
     }
-    const std::uint64_t lost_before = queue.LostBytes();
+    const std::uint64_t lostBefore = queue.LostBytes();
     io.FailOperation(n, EIO);
     std::string whole;
     for (std::size_t b = 0; b < kBuffers; ++b) {
@@ -232,13 +232,13 @@ TEST(ControlWriteFile, BehindAFailedWriteNothingOfThatFileIsWritten) {
       ASSERT_EQ(left.empty() || whole.starts_with(left), true) << n;
       ASSERT_EQ(left.size() < whole.size(), fails) << n;
       ASSERT_EQ(statuses[f]->error, fails ? EIO : 0);
-      ASSERT_EQ(statuses[f]->written_bytes, left.size());
-      ASSERT_EQ(statuses[f]->lost_bytes, whole.size() - left.size());
+      ASSERT_EQ(statuses[f]->writtenBytes, left.size());
+      ASSERT_EQ(statuses[f]->lostBytes, whole.size() - left.size());
       EXPECT_TRUE(queue.AddToQueue(handles[f], nullptr, 0, true, statuses[f]));
     }
     EXPECT_TRUE(queue.WaitWritten(-1));
     ASSERT_TRUE(statuses[0]->closed && statuses[1]->closed);
-    ASSERT_EQ(queue.LostBytes() - lost_before, statuses[0]->lost_bytes + statuses[1]->lost_bytes);
+    ASSERT_EQ(queue.LostBytes() - lostBefore, statuses[0]->lostBytes + statuses[1]->lostBytes);
   }
   EXPECT_EQ(io.OpenHandles(), 0);
 }
@@ -261,7 +261,7 @@ TEST(ControlWriteFile, AFullDiskKeepsEveryEarlierByteAndTheNextFileGoesOnWithSpa
   EXPECT_TRUE(queue.WaitWritten(-1));
   EXPECT_EQ(test::ReadWholeFile(folder.File("full")),
             std::string(1000, 'a') + std::string(234, 'b'));
-  EXPECT_EQ(status->lost_bytes, 1767u);
+  EXPECT_EQ(status->lostBytes, 1767u);
   const int again = io.Open(folder.File("next"), kNew);
   EXPECT_EQ(again, handle);
   EXPECT_TRUE(Add(queue, again, "whole", true));
@@ -278,7 +278,7 @@ TEST(ControlWriteFile, AFailingCloseIsToldAndLeaksNothing) {
   io.FailOperation(1, EDQUOT);
   EXPECT_TRUE(Add(queue, handle, "text", true, status));
   EXPECT_TRUE(queue.WaitWritten(-1));
-  EXPECT_TRUE(status->error == EDQUOT && status->closed && status->written_bytes == 4);
+  EXPECT_TRUE(status->error == EDQUOT && status->closed && status->writtenBytes == 4);
   EXPECT_EQ(io.OpenHandles(), 0);
 }
 

@@ -10,6 +10,7 @@
 #include "cms/recording/database_reader.h"
 #include "cms/recording/event_db_list_writer.h"
 #include "tests/recording/database_bytes.h"
+#include "tests/support/paths.h"
 
 namespace {
 
@@ -18,8 +19,8 @@ using test::RecordBytes;
 using test::SpanBytes;
 using test::WriteWholeFile;
 
-constexpr const char* kList = "rec/RecordDB";
-constexpr const char* kSpan = "rec.DB";
+constexpr const char* kMaintainedList = "rec/RecordDB";
+constexpr const char* kMaintainedSpan = "rec.DB";
 constexpr std::int64_t kUnset = -77;
 
 struct Span {
@@ -39,7 +40,7 @@ TEST(DatabaseMaintenance, SpansOfLists) {
   const test::WorkFolder work;
   EXPECT_EQ(SpanOf(L"rec"), (Span{false, 0, 0}));
   EXPECT_EQ(MakeSubRecFolderDB(L"rec"), 1);
-  EXPECT_EQ(ReadWholeFile(kSpan), SpanBytes(0, 0));
+  EXPECT_EQ(ReadWholeFile(kMaintainedSpan), SpanBytes(0, 0));
   const std::string torn(735, '\x7F');
   const struct {
     std::string list;
@@ -58,12 +59,12 @@ TEST(DatabaseMaintenance, SpansOfLists) {
       {RecordBytes({u"a", -5, -3}), -5, -3, SpanBytes(0, 0)},
   };
   for (const auto& c : cases) {
-    WriteWholeFile(kList, c.list);
-    WriteWholeFile(kSpan, "something longer than a span");
+    WriteWholeFile(kMaintainedList, c.list);
+    WriteWholeFile(kMaintainedSpan, "something longer than a span");
     EXPECT_EQ(SpanOf(L"rec"), (Span{true, c.start, c.end}));
     EXPECT_EQ(MakeSubRecFolderDB(L"rec"), 1);
-    EXPECT_EQ(ReadWholeFile(kSpan), c.span);
-    EXPECT_EQ(ReadWholeFile(kList), c.list);  // reading changes nothing
+    EXPECT_EQ(ReadWholeFile(kMaintainedSpan), c.span);
+    EXPECT_EQ(ReadWholeFile(kMaintainedList), c.list);  // reading changes nothing
   }
   EXPECT_EQ(MakeSubRecFolderDB(L"no\\such\\folder"), 0);
   EXPECT_FALSE(GetTimeFromSubFolderDB(nullptr, nullptr, nullptr));
@@ -88,7 +89,7 @@ TEST(DatabaseMaintenance, SpansOfLongLists) {
     std::string changed = list;
     test::PutNumber(changed, at * test::kRecordBytes + 720, 8, 10);
     test::PutNumber(changed, (kCount - 1 - at) * test::kRecordBytes + 728, 8, 9000);
-    WriteWholeFile(kList, changed + "tail");
+    WriteWholeFile(kMaintainedList, changed + "tail");
     EXPECT_EQ(SpanOf(L"rec"), (Span{true, 10, 9000})) << at;
   }
 }
@@ -96,7 +97,7 @@ TEST(DatabaseMaintenance, SpansOfLongLists) {
 TEST(DatabaseMaintenance, NarrowingASpan) {
   const test::WorkFolder work;
   EXPECT_EQ(ModifyRecSubFolderDBInfo(L"rec", 1, 2), 0);
-  EXPECT_FALSE(std::filesystem::exists(kSpan));
+  EXPECT_FALSE(std::filesystem::exists(kMaintainedSpan));
   const struct {
     std::string before;
     std::int64_t start, end;
@@ -111,33 +112,33 @@ TEST(DatabaseMaintenance, NarrowingASpan) {
       {SpanBytes(100, 200).substr(0, 8), 0, 150, SpanBytes(100, 0)},
   };
   for (const auto& c : cases) {
-    WriteWholeFile(kSpan, c.before);
+    WriteWholeFile(kMaintainedSpan, c.before);
     EXPECT_EQ(ModifyRecSubFolderDBInfo(L"rec", c.start, c.end), 1);
-    EXPECT_EQ(ReadWholeFile(kSpan), c.after);
+    EXPECT_EQ(ReadWholeFile(kMaintainedSpan), c.after);
   }
   EXPECT_EQ(RemoveRecSubFolderDB(L"rec"), 1);
-  EXPECT_FALSE(std::filesystem::exists(kSpan));
+  EXPECT_FALSE(std::filesystem::exists(kMaintainedSpan));
   EXPECT_EQ(RemoveRecSubFolderDB(L"rec"), 0);
 }
 
 TEST(DatabaseMaintenance, ChangingTimes) {
   const test::WorkFolder work;
   EXPECT_EQ(ModifyDBInfoTime(L"rec", L"a", 1, 2), 0);
-  EXPECT_FALSE(std::filesystem::exists(kList));
+  EXPECT_FALSE(std::filesystem::exists(kMaintainedList));
   const std::string before = RecordBytes({u"rec\\one_1.drv", 10, 20}) +
                              RecordBytes({u"rec\\two_1.drv", 30, 40}) +
                              RecordBytes({u"rec\\one_2.drv", 50, 60});
-  WriteWholeFile(kList, before + "torn tail");
+  WriteWholeFile(kMaintainedList, before + "torn tail");
   EXPECT_EQ(ModifyDBInfoTime(L"rec", L"ONE", 1, 2), 0);
-  EXPECT_EQ(ReadWholeFile(kList), before);
+  EXPECT_EQ(ReadWholeFile(kMaintainedList), before);
   EXPECT_EQ(ModifyDBInfoTime(L"rec", L"one_", 11, 0), 1);
-  EXPECT_EQ(ReadWholeFile(kList), RecordBytes({u"rec\\one_1.drv", 11, 20}) +
-                                      RecordBytes({u"rec\\two_1.drv", 30, 40}) +
-                                      RecordBytes({u"rec\\one_2.drv", 11, 60}));
+  EXPECT_EQ(ReadWholeFile(kMaintainedList), RecordBytes({u"rec\\one_1.drv", 11, 20}) +
+                                                RecordBytes({u"rec\\two_1.drv", 30, 40}) +
+                                                RecordBytes({u"rec\\one_2.drv", 11, 60}));
   EXPECT_EQ(ModifyDBInfoTime(L"rec", L"", 0, 99), 1);  // every name contains nothing
-  EXPECT_EQ(ReadWholeFile(kList), RecordBytes({u"rec\\one_1.drv", 11, 99}) +
-                                      RecordBytes({u"rec\\two_1.drv", 30, 99}) +
-                                      RecordBytes({u"rec\\one_2.drv", 11, 99}));
+  EXPECT_EQ(ReadWholeFile(kMaintainedList), RecordBytes({u"rec\\one_1.drv", 11, 99}) +
+                                                RecordBytes({u"rec\\two_1.drv", 30, 99}) +
+                                                RecordBytes({u"rec\\one_2.drv", 11, 99}));
 }
 
 TEST(DatabaseMaintenance, AddingARecord) {
@@ -146,21 +147,22 @@ TEST(DatabaseMaintenance, AddingARecord) {
   const std::string bare = RecordBytes({u"rec\\\u6771_8.drv", 1, 2, u"", u"", 0, 0, 0, 0});
   EXPECT_EQ(AddDBInfoFromList(L"rec", L"x", L"\u6771_8.drv", 1, 2), 1);
   EXPECT_EQ(AddDBInfoFromList(L"rec", L"\u6771_9", L"\u6771_8.drv", 1, 2), 1);
-  EXPECT_EQ(ReadWholeFile(kList), bare + bare);
+  EXPECT_EQ(ReadWholeFile(kMaintainedList), bare + bare);
   // The first match, also when its name fills the field to the end without a zero; nibbles and flag
   // are not cloned. The torn tail is overwritten.
   const std::u16string full = std::u16string(259, u'q') + u'z';
   const std::string first = RecordBytes({full, 5, 6, u"addr", u"site", 99, 0x5A, 7, 42});
   const std::string second = RecordBytes({u"qz", 5, 6, u"other", u"other", 1, 0, 0, 1});
   for (const std::string& tail : {std::string(), std::string(735, 'T')}) {
-    WriteWholeFile(kList, bare + first + second + tail);
+    WriteWholeFile(kMaintainedList, bare + first + second + tail);
     EXPECT_EQ(AddDBInfoFromList(L"rec", L"qz", L"new.drv", -1, 0x7FFFFFFFFFFFFFFF), 1);
-    EXPECT_EQ(ReadWholeFile(kList), bare + first + second +
-                                        RecordBytes({u"rec\\new.drv", -1, 0x7FFFFFFFFFFFFFFF,
-                                                     u"addr", u"site", 99, 0, 0, 42}));
+    EXPECT_EQ(
+        ReadWholeFile(kMaintainedList),
+        bare + first + second +
+            RecordBytes({u"rec\\new.drv", -1, 0x7FFFFFFFFFFFFFFF, u"addr", u"site", 99, 0, 0, 42}));
   }
   EXPECT_EQ(AddDBInfoFromList(L"no\\such\\folder", L"x", L"y", 1, 2), 0);
-  EXPECT_FALSE(std::filesystem::exists(kSpan));
+  EXPECT_FALSE(std::filesystem::exists(kMaintainedSpan));
 }
 
 TEST(DatabaseMaintenance, RemovingARecord) {
@@ -170,29 +172,29 @@ TEST(DatabaseMaintenance, RemovingARecord) {
   const std::string b = RecordBytes({u"rec\\a_2.drv", 10, 0});
   const std::string c = RecordBytes({u"rec\\a_3.drv", 10, 20});
   const std::string d = RecordBytes({u"rec\\a_4.drv", 10, 20});
-  WriteWholeFile(kList, a + b + c + d + "torn");
-  WriteWholeFile(kSpan, SpanBytes(1, 2));
+  WriteWholeFile(kMaintainedList, a + b + c + d + "torn");
+  WriteWholeFile(kMaintainedSpan, SpanBytes(1, 2));
   EXPECT_EQ(RemoveDBInfoFromList(L"rec", L"a_1"), 0);  // records without both times stay
-  EXPECT_EQ(ReadWholeFile(kList), a + b + c + d);
+  EXPECT_EQ(ReadWholeFile(kMaintainedList), a + b + c + d);
   EXPECT_EQ(RemoveDBInfoFromList(L"rec", L"a_"), 1);
-  EXPECT_EQ(ReadWholeFile(kList), a + b + d);
+  EXPECT_EQ(ReadWholeFile(kMaintainedList), a + b + d);
   EXPECT_EQ(RemoveDBInfoFromList(L"rec", L"a_4"), 1);
-  EXPECT_EQ(ReadWholeFile(kList), a + b);
+  EXPECT_EQ(ReadWholeFile(kMaintainedList), a + b);
   EXPECT_EQ(RemoveDBInfoFromList(L"rec", L"a_4"), 0);
-  EXPECT_EQ(ReadWholeFile(kSpan), SpanBytes(1, 2));
+  EXPECT_EQ(ReadWholeFile(kMaintainedSpan), SpanBytes(1, 2));
 }
 
 TEST(DatabaseMaintenance, RemovingAList) {
   const test::WorkFolder work;
-  WriteWholeFile(kSpan, SpanBytes(1, 2));
+  WriteWholeFile(kMaintainedSpan, SpanBytes(1, 2));
   EXPECT_FALSE(RemoveDBList(L"rec"));
-  EXPECT_TRUE(std::filesystem::exists(kSpan));
-  WriteWholeFile(kList, "");
+  EXPECT_TRUE(std::filesystem::exists(kMaintainedSpan));
+  WriteWholeFile(kMaintainedList, "");
   EXPECT_TRUE(RemoveDBList(L"rec"));
-  EXPECT_FALSE(std::filesystem::exists(kSpan));
-  WriteWholeFile(kList, "");
+  EXPECT_FALSE(std::filesystem::exists(kMaintainedSpan));
+  WriteWholeFile(kMaintainedList, "");
   EXPECT_FALSE(RemoveDBList(L"rec"));  // the list is gone, but there was no span
-  EXPECT_FALSE(std::filesystem::exists(kList));
+  EXPECT_FALSE(std::filesystem::exists(kMaintainedList));
 }
 
 TEST(DatabaseMaintenance, TheEventLockKeepsEventsFromTheList) {
@@ -218,9 +220,9 @@ TEST(DatabaseMaintenance, TheReaderShowsEveryDatabase) {
   EXPECT_EQ(cms::ReadRecordList(L"rec").state, cms::DatabaseState::kMissing);
   EXPECT_EQ(cms::ReadFolderSpan(L"rec").state, cms::DatabaseState::kMissing);
   EXPECT_EQ(cms::ReadFolderList(0).state, cms::DatabaseState::kMissing);
-  const std::string golden = TEST_DATA_DIR "/databases/";
-  WriteWholeFile(kList, ReadWholeFile(golden + "RecordDB") + "torn");
-  WriteWholeFile(kSpan, ReadWholeFile(golden + "span.DB"));
+  const std::string golden = test::DataFolder() + "/databases/";
+  WriteWholeFile(kMaintainedList, ReadWholeFile(golden + "RecordDB") + "torn");
+  WriteWholeFile(kMaintainedSpan, ReadWholeFile(golden + "span.DB"));
   WriteWholeFile(work.Beside("EventList0"), ReadWholeFile(golden + "EventList0"));
   WriteWholeFile(work.Beside("RecFolderDB3"), ReadWholeFile(golden + "RecFolderDB3"));
 
@@ -247,8 +249,8 @@ TEST(DatabaseMaintenance, TheReaderShowsEveryDatabase) {
   ASSERT_EQ(folders.rows.size(), 2u);
   EXPECT_EQ(folders.rows[1].folder, "D:\\rec");
 
-  std::filesystem::remove(kList);
-  std::filesystem::create_directory(kList);
+  std::filesystem::remove(kMaintainedList);
+  std::filesystem::create_directory(kMaintainedList);
   EXPECT_EQ(cms::ReadRecordList(L"rec").state, cms::DatabaseState::kUnreadable);
   EXPECT_EQ(cms::TextOfRecordTime(std::numeric_limits<std::int64_t>::max()), "9223372036854775807");
 }

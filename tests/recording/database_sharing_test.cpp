@@ -28,7 +28,7 @@ using test::RecordBytes;
 using test::SpanBytes;
 using test::WriteWholeFile;
 
-constexpr const char* kList = "rec/RecordDB";
+constexpr const char* kSharedList = "rec/RecordDB";
 
 bool Store(int site, int file) {
   FX_RecordDBListWriter writer;
@@ -43,7 +43,7 @@ bool Store(int site, int file) {
 // Site number -> its records' times, in the order of the list.
 std::map<std::uint64_t, std::vector<std::int64_t>> StoredTimes() {
   std::map<std::uint64_t, std::vector<std::int64_t>> stored;
-  const std::string list = ReadWholeFile(kList);
+  const std::string list = ReadWholeFile(kSharedList);
   EXPECT_EQ(list.size() % test::kRecordBytes, 0u);
   for (std::size_t at = 0; at + test::kRecordBytes <= list.size(); at += test::kRecordBytes) {
     stored[test::NumberAt(list, at + 716, 4)].push_back(test::TimeAt(list, at + 720));
@@ -69,7 +69,7 @@ TEST(DatabaseSharing, ThreadsRecordSearchAndMaintain) {
   const test::WorkFolder work;
   constexpr int kSites = 4;
   constexpr int kFiles = 40;
-  WriteWholeFile(kList, RecordBytes({u"rec\\keep.drv", 1, 1, u"", u"", 0, 0, 0, 99}));
+  WriteWholeFile(kSharedList, RecordBytes({u"rec\\keep.drv", 1, 1, u"", u"", 0, 0, 0, 99}));
   FX_EventDBListWriter events;
   std::atomic<bool> stop{false};
   std::vector<std::thread> threads;
@@ -130,7 +130,7 @@ TEST(DatabaseSharing, ProcessesRecordIntoOneFolder) {
   for (int i = 0; i < kFiles; ++i) {
     doomed += RecordBytes({u"rec\\doomed.drv", 7, 8, u"", u"", 0, 0, 0, 77});
   }
-  WriteWholeFile(kList, doomed);
+  WriteWholeFile(kSharedList, doomed);
   std::vector<pid_t> children;
   for (int process = 1; process <= kProcesses + 1; ++process) {
     const pid_t child = fork();
@@ -166,27 +166,27 @@ TEST(DatabaseSharing, ProcessesRecordIntoOneFolder) {
 // A lock that is held for a moment is waited for by what changes the list, and by no reader.
 TEST(DatabaseSharing, ALockThatIsReleasedIsWaitedFor) {
   const test::WorkFolder work;
-  WriteWholeFile(kList, RecordBytes({u"rec\\a.drv", 10, 20}));
+  WriteWholeFile(kSharedList, RecordBytes({u"rec\\a.drv", 10, 20}));
   std::atomic<bool> removed{false};
-  auto lock = std::make_unique<ForeignLock>(kList);
+  auto lock = std::make_unique<ForeignLock>(kSharedList);
   std::thread removing([&] {
     EXPECT_EQ(RemoveDBInfoFromList(L"rec", L"a"), 1);
     removed = true;
   });
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
   EXPECT_FALSE(removed);
-  EXPECT_EQ(ReadWholeFile(kList).size(), test::kRecordBytes);
+  EXPECT_EQ(ReadWholeFile(kSharedList).size(), test::kRecordBytes);
   lock.reset();
   removing.join();
-  EXPECT_EQ(ReadWholeFile(kList), "");
+  EXPECT_EQ(ReadWholeFile(kSharedList), "");
 }
 
 // One that is never released keeps nobody from reading and recording, but from removing.
 TEST(DatabaseSharing, ALockThatStays) {
   const test::WorkFolder work;
   const std::string a = RecordBytes({u"rec\\a.drv", 10, 20});
-  WriteWholeFile(kList, a);
-  const ForeignLock lock(kList);
+  WriteWholeFile(kSharedList, a);
+  const ForeignLock lock(kSharedList);
   std::int64_t start = 0;
   EXPECT_TRUE(GetTimeFromSubFolderDB(L"rec", &start, nullptr));
   EXPECT_EQ(start, 10);
@@ -194,7 +194,7 @@ TEST(DatabaseSharing, ALockThatStays) {
   EXPECT_TRUE(Store(1, 4));
   EXPECT_EQ(StoredTimes()[1], (std::vector<std::int64_t>{10, 1005}));
   EXPECT_EQ(RemoveDBInfoFromList(L"rec", L"a"), 0);
-  EXPECT_EQ(ReadWholeFile(kList).substr(0, test::kRecordBytes), a);
+  EXPECT_EQ(ReadWholeFile(kSharedList).substr(0, test::kRecordBytes), a);
 }
 
 }  // namespace

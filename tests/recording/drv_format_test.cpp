@@ -17,7 +17,7 @@ cms::DrvHeader HeaderOf(const std::string& frame) {
 TEST(DrvHeader, NumbersFollowTheByteOrderOfTheKind) {
   for (const char kind : {'2', '6', '8', 'v'}) {
     const auto header = HeaderOf(test::MakeDrvFrame({.kind = kind,
-                                                     .frame_type = 2,
+                                                     .frameType = 2,
                                                      .stream = 3,
                                                      .seconds = 0x65432109,
                                                      .sequence = 0x01020304,

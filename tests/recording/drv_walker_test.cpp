@@ -34,7 +34,7 @@ class DrvWalker : public testing::Test {
     }
     walk.report = walker.Report();
     // What holds for every file: nothing is counted twice, nothing is left out.
-    EXPECT_EQ(walk.report.frame_bytes + walk.report.skipped_bytes, bytes.size());
+    EXPECT_EQ(walk.report.frameBytes + walk.report.skippedBytes, bytes.size());
     EXPECT_EQ(walk.report.frames, walk.frames.size());
     return walk;
   }
@@ -67,14 +67,14 @@ TEST_F(DrvWalker, FindsEveryFrameOfASoundFile) {
     ASSERT_EQ(Offsets(walk), Offsets(recording));
     for (std::size_t i = 0; i < walk.frames.size(); ++i) {
       const auto& spec = recording.frames[i].spec;
-      EXPECT_EQ(walk.frames[i].payload_length, spec.payload.size());
+      EXPECT_EQ(walk.frames[i].payloadLength, spec.payload.size());
       EXPECT_EQ(walk.frames[i].End(), recording.frames[i].offset + recording.frames[i].length);
       EXPECT_EQ(walk.frames[i].header.IsAudio(), spec.audio);
     }
-    EXPECT_EQ(walk.report.audio_frames, 15u);
-    EXPECT_EQ(walk.report.key_frames, 7u);  // of the nine at the step, two are audio
+    EXPECT_EQ(walk.report.audioFrames, 15u);
+    EXPECT_EQ(walk.report.keyFrames, 7u);  // of the nine at the step, two are audio
     EXPECT_EQ(walk.report.tail, DrvTail::kNone);
-    EXPECT_EQ(walk.report.skipped_bytes + walk.report.bad_checks, 0u);
+    EXPECT_EQ(walk.report.skippedBytes + walk.report.badChecks, 0u);
   }
   EXPECT_TRUE(WalkThrough("").frames.empty());
 }
@@ -91,13 +91,13 @@ TEST_F(DrvWalker, ForeignBytesBetweenFramesAreSkippedAndReported) {
   }
   const Walk walk = WalkThrough(bytes + junk);
   EXPECT_EQ(Offsets(walk), expected);
-  EXPECT_EQ(walk.report.skipped_bytes, 3 * junk.size());
+  EXPECT_EQ(walk.report.skippedBytes, 3 * junk.size());
   ASSERT_EQ(walk.report.skipped.size(), 2u);
   EXPECT_EQ(walk.report.skipped[1].offset, expected[6] - junk.size());
   EXPECT_EQ(walk.report.skipped[1].length, junk.size());
-  EXPECT_EQ(walk.report.bad_checks, 3u);
+  EXPECT_EQ(walk.report.badChecks, 3u);
   EXPECT_EQ(walk.report.tail, DrvTail::kForeign);
-  EXPECT_EQ(walk.report.tail_length, junk.size());
+  EXPECT_EQ(walk.report.tailLength, junk.size());
 }
 
 TEST_F(DrvWalker, ADamagedHeaderCostsItsFrameAlone) {
@@ -111,8 +111,8 @@ TEST_F(DrvWalker, ADamagedHeaderCostsItsFrameAlone) {
       expected.erase(expected.begin() + static_cast<std::ptrdiff_t>(i));
       const Walk walk = WalkThrough(bytes);
       ASSERT_EQ(Offsets(walk), expected) << "frame " << i << " byte " << byte;
-      EXPECT_EQ(walk.report.skipped_bytes, recording.frames[i].length);
-      EXPECT_EQ(walk.report.bad_checks, byte > 1 ? 1u : 0u);
+      EXPECT_EQ(walk.report.skippedBytes, recording.frames[i].length);
+      EXPECT_EQ(walk.report.badChecks, byte > 1 ? 1u : 0u);
     }
   }
 }
@@ -143,7 +143,7 @@ TEST_F(DrvWalker, HeadersInsideAWholePayloadStayPayload) {
   const std::string inner = test::MakeRecording(5, 2, 100, 5).bytes;
   test::DrvRecording outer;
   outer.Add({.payload = inner});
-  outer.Add({.frame_type = 2, .payload = "x" + inner + "y"});
+  outer.Add({.frameType = 2, .payload = "x" + inner + "y"});
   EXPECT_EQ(Offsets(WalkThrough(outer.bytes)), Offsets(outer));
 }
 
@@ -161,8 +161,8 @@ TEST_F(DrvWalker, EveryTornEndIsNamed) {
       }
     }
     ASSERT_EQ(walk.frames.size(), whole) << size;
-    ASSERT_EQ(walk.report.end_of_frames, end);
-    ASSERT_EQ(walk.report.tail_length, size - end);
+    ASSERT_EQ(walk.report.endOfFrames, end);
+    ASSERT_EQ(walk.report.tailLength, size - end);
     ASSERT_EQ(walk.report.tail, size == end       ? DrvTail::kNone
                                 : size - end < 32 ? DrvTail::kPartialHeader
                                                   : DrvTail::kTornFrame)
@@ -186,10 +186,10 @@ TEST_F(DrvWalker, FollowsAFileThatGrows) {
     while (const auto frame = walker.Next()) {
       found.push_back(frame->offset);
     }
-    ASSERT_EQ(walker.Report().frame_bytes + walker.Report().skipped_bytes, size);
+    ASSERT_EQ(walker.Report().frameBytes + walker.Report().skippedBytes, size);
   }
   EXPECT_EQ(found, Offsets(recording));
-  EXPECT_EQ(walker.Report().bad_checks, 0u);
+  EXPECT_EQ(walker.Report().badChecks, 0u);
   walker.Seek(recording.frames[7].offset);
   const auto frame = walker.Next();
   ASSERT_TRUE(frame);
@@ -229,13 +229,13 @@ TEST_F(DrvWalker, FilesPast4GiBAreWalked) {
   std::string first = test::MakeDrvFrame({});
   first.replace(4, 4, test::LittleEndian(large + 32, 4));
   test::Seal(first);
-  const std::string second = test::MakeDrvFrame({.frame_type = 2, .payload = "end"});
+  const std::string second = test::MakeDrvFrame({.frameType = 2, .payload = "end"});
   const int file = open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
   ASSERT_EQ(pwrite(file, first.data(), first.size(), 0), static_cast<ssize_t>(first.size()));
   const auto at = static_cast<off_t>(first.size() + large);
   ASSERT_EQ(pwrite(file, second.data(), second.size(), at), static_cast<ssize_t>(second.size()));
   cms::DrvWalker walker(io_, file);
-  EXPECT_EQ(walker.Next()->payload_length, large);
+  EXPECT_EQ(walker.Next()->payloadLength, large);
   EXPECT_EQ(walker.Next()->offset, static_cast<std::uint64_t>(at));
   EXPECT_FALSE(walker.Next());
   EXPECT_EQ(walker.Report().tail, DrvTail::kNone);

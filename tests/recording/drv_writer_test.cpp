@@ -174,10 +174,10 @@ TEST_F(DrvWriter, SizesAndFlushesAreStaggeredByPath) {
   EXPECT_EQ(fresh.Use(L"0", 9).FlushThreshold(), 449u * 1024);
   EXPECT_EQ(fresh.Use(L"63", 9).FlushThreshold(), CLFX::CLFXDRVWriter::kBufferSize);
   // The paths of days that are over give their slots back.
-  constexpr std::int64_t kDay = 86'400;
-  EXPECT_EQ(fresh.Use(L"5", kDay).number, 5u);
-  EXPECT_EQ(fresh.Use(L"another day's", 2 * kDay + 100).number, 0u);
-  EXPECT_EQ(fresh.Use(L"5", 2 * kDay + 100).startTime, 7);
+  constexpr std::int64_t kWrittenDay = 86'400;
+  EXPECT_EQ(fresh.Use(L"5", kWrittenDay).number, 5u);
+  EXPECT_EQ(fresh.Use(L"another day's", 2 * kWrittenDay + 100).number, 0u);
+  EXPECT_EQ(fresh.Use(L"5", 2 * kWrittenDay + 100).startTime, 7);
 }
 
 TEST_F(DrvWriter, AStoppedRecordingIsContinuedAtItsEnd) {

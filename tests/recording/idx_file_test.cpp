@@ -37,7 +37,7 @@ TEST_F(IdxFile, GoldenBytes) {
   test::DrvRecording recording;
   recording.Add({.stream = 2, .seconds = 0x10, .payload = "key"});
   recording.Add({.audio = true, .payload = "sound"});
-  recording.Add({.frame_type = 2, .stream = 2, .seconds = 0x10, .payload = "other"});
+  recording.Add({.frameType = 2, .stream = 2, .seconds = 0x10, .payload = "other"});
   test::WriteWholeFile(drv_, recording.bytes);
   EXPECT_TRUE(Rebuild().done);
   const unsigned char golden[] = {0,    0,    0, 0, 0,    0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,  //
@@ -48,14 +48,14 @@ TEST_F(IdxFile, GoldenBytes) {
 }
 
 TEST_F(IdxFile, ASoundIndexIsLeftAlone) {
-  for (const bool key_frames_only : {false, true}) {
-    Write(recording_.bytes, recording_.Idx(key_frames_only));
+  for (const bool keyFramesOnly : {false, true}) {
+    Write(recording_.bytes, recording_.Idx(keyFramesOnly));
     const auto before = std::filesystem::last_write_time(idx_);
     const auto result = Rebuild();
     EXPECT_TRUE(result.done);
     EXPECT_FALSE(result.changed);
-    EXPECT_EQ(result.key_frames_only, key_frames_only);
-    EXPECT_EQ(result.records * kRecord, recording_.Idx(key_frames_only).size());
+    EXPECT_EQ(result.keyFramesOnly, keyFramesOnly);
+    EXPECT_EQ(result.records * kRecord, recording_.Idx(keyFramesOnly).size());
     EXPECT_EQ(std::filesystem::last_write_time(idx_), before);
   }
 }
@@ -118,12 +118,12 @@ TEST_F(IdxFile, RecordsThatPointNowhereGoAndTheOthersStay) {
 
 TEST_F(IdxFile, CompletionGoesOnWithKeyFramesAloneAndWithTheChannelsOfTheStreams) {
   Write(recording_.bytes, recording_.Idx(true).substr(0, 3 * kRecord));
-  EXPECT_TRUE(Rebuild().key_frames_only);
+  EXPECT_TRUE(Rebuild().keyFramesOnly);
   EXPECT_EQ(Idx(), recording_.Idx(true));
 
   test::DrvRecording two;
   for (unsigned i = 0; i < 8; ++i) {
-    two.Add({.frame_type = 2, .stream = i % 2, .payload = "x"});
+    two.Add({.frameType = 2, .stream = i % 2, .payload = "x"});
   }
   std::string idx;
   for (std::uint32_t i = 0; i < 2; ++i) {
@@ -190,7 +190,7 @@ TEST_F(IdxFile, FramesPast4GiBGetNoRecord) {
 
 TEST_F(IdxFile, TheTornEndIsCutAndNothingElse) {
   const auto& last = recording_.frames.back();
-  const auto cut_to = [&](const std::string& drv) {
+  const auto cutTo = [&](const std::string& drv) {
     test::WriteWholeFile(drv_, drv);
     const auto cut = cms::CutTornTail(io_, drv_);
     const std::string left = test::ReadWholeFile(drv_);
@@ -199,14 +199,14 @@ TEST_F(IdxFile, TheTornEndIsCutAndNothingElse) {
     EXPECT_EQ(cut.done, left.size() != drv.size() || cut.tail == cms::DrvTail::kNone);
     return left.size();
   };
-  EXPECT_EQ(cut_to(recording_.bytes), recording_.bytes.size());
-  EXPECT_EQ(cut_to(recording_.bytes.substr(0, last.offset + last.length - 1)), last.offset);
-  EXPECT_EQ(cut_to(recording_.bytes.substr(0, last.offset + 20)), last.offset);
-  EXPECT_EQ(cut_to(recording_.bytes + std::string(5000, '\0')), recording_.bytes.size());
-  EXPECT_EQ(cut_to(test::MakeDrvFrame({.payload = "torn"}).substr(0, 100)), 0u);
+  EXPECT_EQ(cutTo(recording_.bytes), recording_.bytes.size());
+  EXPECT_EQ(cutTo(recording_.bytes.substr(0, last.offset + last.length - 1)), last.offset);
+  EXPECT_EQ(cutTo(recording_.bytes.substr(0, last.offset + 20)), last.offset);
+  EXPECT_EQ(cutTo(recording_.bytes + std::string(5000, '\0')), recording_.bytes.size());
+  EXPECT_EQ(cutTo(test::MakeDrvFrame({.payload = "torn"}).substr(0, 100)), 0u);
   const std::string foreign(300, 'x');
-  EXPECT_EQ(cut_to(recording_.bytes + foreign), recording_.bytes.size() + foreign.size());
-  EXPECT_EQ(cut_to("a note, no recording"), 20u);
+  EXPECT_EQ(cutTo(recording_.bytes + foreign), recording_.bytes.size() + foreign.size());
+  EXPECT_EQ(cutTo("a note, no recording"), 20u);
   EXPECT_EQ(cms::CutTornTail(io_, folder_.File("none")).error, ENOENT);
 
   const std::string torn = recording_.bytes.substr(0, last.offset + 40);
@@ -239,10 +239,10 @@ TEST_F(IdxFile, ExportsWorkOnTheSystemsPaths) {
 
 TEST_F(IdxFile, TheFirstHeaderOfADamagedHeadIsFound) {
   const std::string header = test::MakeDrvFrame({}).substr(0, 32);
-  std::string second_check_wrong = header;
-  second_check_wrong[31] = static_cast<char>(~second_check_wrong[31]);
-  std::string first_check_wrong = header;
-  first_check_wrong[15] = static_cast<char>(~first_check_wrong[15]);
+  std::string secondCheckWrong = header;
+  secondCheckWrong[31] = static_cast<char>(~secondCheckWrong[31]);
+  std::string firstCheckWrong = header;
+  firstCheckWrong[15] = static_cast<char>(~firstCheckWrong[15]);
   const auto position = [&](const std::string& head, std::size_t size) {
     std::string file = head + std::string(5000, 'x');
     file.resize(size);
@@ -252,12 +252,12 @@ TEST_F(IdxFile, TheFirstHeaderOfADamagedHeadIsFound) {
   EXPECT_EQ(position(header, 4096), 0u);
   EXPECT_EQ(position("x" + header, 4096), 1u);
   EXPECT_EQ(position("x" + header, 4095), 0u);
-  EXPECT_EQ(position("x" + second_check_wrong, 9000), 1u);
+  EXPECT_EQ(position("x" + secondCheckWrong, 9000), 1u);
   EXPECT_EQ(position(std::string(4079, '@') + header, 4096), 4079u);
   EXPECT_EQ(position(std::string(4080, '@') + header, 8192), 0u);
   // A wrong check moves the scan on by one byte: the next header may begin inside the false one.
-  EXPECT_EQ(position("x" + first_check_wrong + header, 4096), 33u);
-  EXPECT_EQ(position("x" + first_check_wrong.substr(0, 5) + header, 4096), 6u);
+  EXPECT_EQ(position("x" + firstCheckWrong + header, 4096), 33u);
+  EXPECT_EQ(position("x" + firstCheckWrong.substr(0, 5) + header, 4096), 6u);
   for (const char kind : {'6', '8', 'v'}) {
     EXPECT_EQ(position("x" + test::MakeDrvFrame({.kind = kind}), 4096), 1u);
   }

@@ -160,7 +160,7 @@ TEST_F(MoveFileClient, TwoNamesOfOneFileAreNotMovedOntoEachOther) {
 // Whichever operation fails, and even with a power cut behind it, the file is whole in one place.
 TEST_F(MoveFileClient, NeverHalfAFileAndNeverNone) {
   const std::string content(1'200'000, 'n');
-  for (const bool cut_power : {false, true}) {
+  for (const bool cutPower : {false, true}) {
     for (const bool across : {false, true}) {
       io_.OtherVolume(across ? folder_.File("nas") : "");
       for (std::uint64_t n = 0;; ++n) {
@@ -172,15 +172,15 @@ TEST_F(MoveFileClient, NeverHalfAFileAndNeverNone) {
         const bool reached = io_.Operations() > n;
         io_.FailOperation(test::FaultyFileIo::kNever, 0);
         ASSERT_EQ(io_.OpenHandles(), 0);
-        if (cut_power) {
+        if (cutPower) {
           io_.CutPower();
         }
         const std::string target = Read("nas/a");
         const bool moved = target == content;
         const bool stayed = Read("a") == content;
         ASSERT_TRUE(moved || stayed);
-        ASSERT_TRUE(moved || target == "before" || (cut_power && target.empty()));
-        if (!cut_power) {
+        ASSERT_TRUE(moved || target == "before" || (cutPower && target.empty()));
+        if (!cutPower) {
           // In both places only where the one that was replaced could not be given back.
           ASSERT_EQ(stayed, error != 0);
           ASSERT_FALSE(Exists("nas/a.moving"));

@@ -9,6 +9,7 @@
 #include "cms/recording/rec_folder_db_writer.h"
 #include "cms/recording/record_db_list_writer.h"
 #include "tests/recording/database_bytes.h"
+#include "tests/support/paths.h"
 
 namespace {
 
@@ -18,7 +19,7 @@ using test::TextAt;
 using test::TimeAt;
 
 std::string Golden(const std::string& name) {
-  return ReadWholeFile(TEST_DATA_DIR "/databases/" + name);
+  return ReadWholeFile(test::DataFolder() + "/databases/" + name);
 }
 
 TEST(RecordDatabase, EveryDatabaseMatchesItsGoldenFile) {

@@ -82,7 +82,7 @@ TEST(RecorderChild, DISABLED_Records) {
   test::WaitForDisk();
 }
 
-json Orvanta(const std::string& arguments) {
+json OrvantaProgram(const std::string& arguments) {
   const auto result = test::RunOrvanta(arguments + " --json");
   EXPECT_EQ(result.status, 0) << result.errors;
   return json::parse(result.output, nullptr, false);
@@ -105,7 +105,7 @@ TEST(RecorderProcesses, TwoRecordIntoOneFolderBesideARepair) {
   for (const pid_t child : children) {
     int status = 0;
     while (waitpid(child, &status, WNOHANG) == 0) {
-      const json repair = Orvanta("repair --data " + data);
+      const json repair = OrvantaProgram("repair --data " + data);
       EXPECT_EQ(repair["failed"], 0);
       repairedMeanwhile += repair["repaired"].get<std::uint64_t>();
       std::this_thread::sleep_for(std::chrono::milliseconds(50));
@@ -113,7 +113,7 @@ TEST(RecorderProcesses, TwoRecordIntoOneFolderBesideARepair) {
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
   }
   EXPECT_EQ(repairedMeanwhile, 0u);  // it found nothing that the recorders did not do themselves
-  EXPECT_EQ(Orvanta("repair --data " + data)["repaired"], 0);
+  EXPECT_EQ(OrvantaProgram("repair --data " + data)["repaired"], 0);
 
   const auto files = test::ReadRecordings(data + "/recordings/day1");
   std::map<std::string, std::vector<std::uint32_t>> frames;  // by site and process
@@ -135,7 +135,7 @@ TEST(RecorderProcesses, TwoRecordIntoOneFolderBesideARepair) {
     EXPECT_EQ(std::adjacent_find(sequences.begin(), sequences.end()), sequences.end()) << source;
   }
   std::map<std::string, int> records;
-  const json databases = Orvanta("db --data " + data);
+  const json databases = OrvantaProgram("db --data " + data);
   for (const auto& row : databases["records"]) {
     const auto path = row["file"].get<std::string>();
     ++records[path.substr(path.rfind('\\') + 1)];

@@ -26,7 +26,7 @@ constexpr std::int64_t kStart = 1'700'000'000;  // of the generated recordings, 
 constexpr char kOne[] = "rec/Rec_Site1_20260101000000";
 
 // All files below a folder with their content.
-std::map<std::string, std::string> Snapshot(const std::string& folder) {
+std::map<std::string, std::string> FolderSnapshot(const std::string& folder) {
   std::map<std::string, std::string> files;
   for (const auto& entry : fs::recursive_directory_iterator(folder)) {
     if (entry.is_regular_file()) {
@@ -61,11 +61,11 @@ class RecordingRepair : public testing::Test {
     });
   }
   void ExpectUnchangedByRepair() {
-    const auto before = Snapshot(".");
+    const auto before = FolderSnapshot(".");
     const auto report = Repair();
     EXPECT_EQ(report.repaired + report.removed + report.recording + report.failed, 0u);
     EXPECT_EQ(report.recordsAdded + report.indexRebuilt + report.spansFixed, 0u);
-    EXPECT_EQ(Snapshot("."), before);
+    EXPECT_EQ(FolderSnapshot("."), before);
   }
 
   const test::WorkFolder work_;
@@ -156,7 +156,7 @@ TEST_F(RecordingRepair, EachSpanOfAClockThatWasSetBackIsFoundAgain) {
   std::uint32_t sequence = 0;
   const auto add = [&](std::int64_t from, std::int64_t to) {
     for (std::int64_t second = from; second <= to; ++second) {
-      file.Add({.frame_type = second == from ? 1u : 2u,
+      file.Add({.frameType = second == from ? 1u : 2u,
                 .seconds = static_cast<std::uint32_t>(second),
                 .sequence = ++sequence});
     }
@@ -215,13 +215,13 @@ TEST_F(RecordingRepair, AFileThatWasJustClosedIsGivenTimeForItsRecord) {
 TEST_F(RecordingRepair, ForeignFilesAreNamedAndKept) {
   Write("rec/movie.drv", "this is no recording at all, but longer than a header");
   Write("rec/\xFFname.drv", recording_.bytes);  // no text of the system's
-  const auto before = Snapshot(".");
+  const auto before = FolderSnapshot(".");
   const auto report = Repair({L"rec", L"missing"});
   EXPECT_EQ(report.failed, 1u);
   EXPECT_EQ(results_.at(0).strayBytes, 53u);
   EXPECT_EQ(results_.at(1).error, EILSEQ);
   EXPECT_EQ(report.failedFolders, (std::vector<std::wstring>{L"missing"}));
-  EXPECT_EQ(Snapshot("."), before);
+  EXPECT_EQ(FolderSnapshot("."), before);
 }
 
 // Whichever operation fails: nothing whole is lost, and the next repair does the rest.
@@ -250,7 +250,7 @@ TEST_F(RecordingRepair, EveryOperationMayFail) {
       EXPECT_EQ(ReadWholeFile(std::string(kOne) + ".idx").size(), recording_.Idx().size());
       EXPECT_EQ(ReadWholeFile("rec/RecordDB").size(), test::kRecordBytes) << number;
       EXPECT_EQ(ReadWholeFile("rec.DB"), SpanBytes(kStart, kStart + 7)) << number;
-      EXPECT_EQ(Snapshot(".").size(), 4u) << number;
+      EXPECT_EQ(FolderSnapshot(".").size(), 4u) << number;
     }
   }
 }

@@ -6,14 +6,14 @@
 #include <stdexcept>
 
 #include "cms/live/media/codec_id.h"
+#include "cms/live/media/internal/fisheye_picture.h"
 #include "cms/live/media/internal/library_silence.h"
 #include "cms/live/media/internal/picture_converter.h"
 #include "cms/playback/clip/internal/clip_export.h"
 #include "cms/playback/clip/internal/picture_decoder.h"
 #include "cms/playback/clip/internal/recording_frames.h"
 #include "cms/playback/local_pb_search_engine.h"
-#include "cms/runtime/native_path.h"
-#include "cms/streaming/stream_probes.h"
+#include "cms/recording/data_root.h"
 
 namespace cms {
 namespace {
@@ -46,7 +46,7 @@ RecordedPicture Decode(const RecordingSource& source, WhichPicture which,
     }
     const auto payload = frames.Payload(*frame);
     if (frame->key) {
-      const CMSCodecID own = CodecOfVideoType(VideoTypeOf(payload));
+      const CMSCodecID own = CodecOfVideoType(frames.VideoType(*frame));
       if (!decoder || own != codec) {
         codec = own;
         decoder = codec != CMS_CODEC_NONE ? std::make_unique<PictureDecoder>(codec) : nullptr;
@@ -66,18 +66,22 @@ RecordedPicture Decode(const RecordingSource& source, WhichPicture which,
   if (!decoder || decoder->Picture() == nullptr) {
     throw std::runtime_error("there is no picture in it that can be decoded");
   }
-  if (codec != CMS_CODEC_MJPEG) {
+  const AVFrame& picture = *decoder->Picture();
+  const bool dewarps = source.fisheye.Dewarps();
+  if (codec != CMS_CODEC_MJPEG || dewarps) {
     result.jpeg.clear();  // of pictures in front of the codec's change
   }
-  const AVFrame& picture = *decoder->Picture();
+  result.width = dewarps && source.viewWidth > 0 ? source.viewWidth : picture.width;
+  result.height = dewarps && source.viewHeight > 0 ? source.viewHeight : picture.height;
+  FisheyePicture look;
+  look.Set(source.fisheye);
+  const AVFrame* const seen = look.Look(picture, result.width, result.height);
   PictureConverter converter;
-  if (!converter.Convert(picture, picture.width, picture.height)) {
+  if (seen == nullptr || !converter.Convert(*seen, result.width, result.height)) {
     throw std::runtime_error("its pictures are of a kind that cannot be converted");
   }
-  result.width = picture.width;
-  result.height = picture.height;
-  const auto size = static_cast<std::size_t>(4) * static_cast<std::size_t>(picture.width) *
-                    static_cast<std::size_t>(picture.height);
+  const auto size = static_cast<std::size_t>(4) * static_cast<std::size_t>(result.width) *
+                    static_cast<std::size_t>(result.height);
   result.bgra.assign(converter.Pixels(), converter.Pixels() + size);
   result.skippedBytes = frames.SkippedBytes();
   result.skippedFrames = frames.SkippedFrames();
@@ -87,15 +91,16 @@ RecordedPicture Decode(const RecordingSource& source, WhichPicture which,
 }  // namespace
 
 std::vector<RecordingPart> RecordingPartsOf(std::uint32_t site, std::int64_t first,
-                                            std::int64_t last) {
+                                            std::int64_t last, const std::string& dataRoot) {
   LocalPBSearchEngine engine;
+  engine.SetDataRoot(dataRoot);
   engine.searchByInterval(first, last);
   std::vector<RecordingPart> parts;
   for (const stPBTimeInfo& span : engine.getNormalPBInfo()) {
     for (std::size_t i = 0; span.siteNumber == site && i < span.records.size(); ++i) {
       const auto& record = span.records[i];
       RecordingPart part;
-      part.path = NativePath(record.GetFilenameW());
+      part.path = PathInData(record.GetFilenameW(), dataRoot);
       part.first = first;
       part.last = std::min(record.GetEndTime(), last);
       part.sharesSecond = i + 1 < span.records.size() &&

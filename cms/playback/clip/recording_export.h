@@ -1,10 +1,12 @@
 // Recordings for those who have no player of ours: clips as MP4 and Matroska files, and pictures.
 //
-// A clip has the encoded frames as the camera made them: nothing is decoded or encoded again,
-// except that H.264 units get lengths in place of their start codes. Frames of one second are
-// spread evenly over it; pictures that are shown in another order than they are decoded in
-// (B-frames) get both times. Damage is skipped, together with the frames that need what was
-// damaged, up to the next key frame.
+// A clip has the encoded frames as the camera made them: no picture is decoded or encoded again,
+// except that units of H.264 and H.265 get lengths in place of their start codes, and that a view
+// of a fisheye camera, where one is asked for, is made and encoded as H.264. Sound is copied where
+// it is AAC, and of the others where the container is Matroska and has a place for it; the rest
+// becomes AAC. MP4 has its index in front. Frames of one second are spread evenly over it; pictures
+// that are shown in another order than they are decoded in (B-frames) get both times. Damage is
+// skipped, together with the frames that need what was damaged, up to the next key frame.
 //
 // All functions read files and wait for the disk; any thread may call them, several at once.
 #pragma once
@@ -16,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "cms/live/media/fisheye.h"
 #include "cms/runtime/api.h"
 
 namespace cms {
@@ -32,9 +35,11 @@ struct RecordingPart {
 };
 
 // A site's recordings in an interval of seconds (both inclusive), in the order of play, as the
-// databases beside the working folder know them. Empty when there are none.
+// databases of the data root know them; without one that of the process counts, or else the
+// databases are beside the working folder (cms/recording/data_root.h). Empty when there are none.
 CMS_API std::vector<RecordingPart> RecordingPartsOf(std::uint32_t site, std::int64_t first,
-                                                    std::int64_t last);
+                                                    std::int64_t last,
+                                                    const std::string& dataRoot = {});
 
 // Called for every frame that is gone through, on the caller's thread: bytes of the parts' files so
 // far, and of all. Returns false to stop; then nothing is written. May be empty.
@@ -44,6 +49,11 @@ struct RecordingSource {
   std::vector<RecordingPart> parts;  // one after the other
   // 0 to 3, the number in the frames' headers; without one it is that of the first video frame.
   std::optional<unsigned> stream;
+  // How its pictures are looked at (cms/live/media/fisheye.h). A view is as large as the pictures
+  // unless a width and a height are given; a clip's is made even.
+  FisheyeSettings fisheye;
+  int viewWidth = 0;
+  int viewHeight = 0;
 };
 
 enum class ClipContainer { kMp4, kMatroska };
@@ -67,7 +77,7 @@ struct ExportResult {
   std::vector<std::string> notes;  // what was left out, and what to do about it
 };
 
-// Writes the source's video of one stream, and its audio where the container has a place for it.
+// Writes the source's video of one stream, and its audio.
 // The file is "<path>.part" until it is whole, and is removed when it does not become so. Fails
 // when there is no picture, when something cannot be read or written, and when `progress` stops it.
 //
@@ -81,7 +91,8 @@ struct RecordedPicture {
   int width = 0;
   int height = 0;
   std::vector<std::uint8_t> bgra;  // rows from top to bottom without gaps, 4 bytes a pixel
-  std::vector<std::uint8_t> jpeg;  // the same picture as the camera made it, if it made a JPEG
+  // The same picture as the camera made it, if it made a JPEG and that is what is looked at.
+  std::vector<std::uint8_t> jpeg;
   std::int64_t second = 0;         // since 1970-01-01 UTC
   std::uint64_t skippedBytes = 0;  // as above
   std::uint64_t skippedFrames = 0;

@@ -47,10 +47,10 @@ bool DrvFrameIndex::Load() {
 }
 
 bool DrvFrameIndex::Grow() {
-  const std::uint64_t before = walker_.Report().file_size;
+  const std::uint64_t before = walker_.Report().fileSize;
   walker_.Refresh();
   const bool moreRecords = !rebuilt_ && TakeNewRecords();
-  if (walker_.Report().file_size == before && !moreRecords) {
+  if (walker_.Report().fileSize == before && !moreRecords) {
     return false;
   }
   Walk();
@@ -92,7 +92,7 @@ void DrvFrameIndex::CountIndexed() {
 }
 
 std::uint64_t DrvFrameIndex::SkippedBytes() const {
-  return walker_.Report().skipped_bytes - walker_.Report().tail_length;
+  return walker_.Report().skippedBytes - walker_.Report().tailLength;
 }
 
 // Reads the records from the first one that was not read yet. False when there is no index, or none
@@ -118,7 +118,7 @@ bool DrvFrameIndex::ReadIdx() {
     others += record->channel != channel_ && record->channel < kMostPlaybackChannels ? 1 : 0;
     if (number++ >= records_ && record->channel == channel_) {
       raw_.push_back({std::min(record->milliseconds, kLatest), record->offset,
-                      static_cast<std::uint8_t>(record->frame_type), true});
+                      static_cast<std::uint8_t>(record->frameType), true});
     }
   }
   records_ = number;
@@ -201,7 +201,7 @@ void DrvFrameIndex::TakeFront() {
 // Records at the end may point behind the data, or at a frame that is not whole yet. The walk
 // begins behind the last one that is.
 void DrvFrameIndex::DropTorn() {
-  const std::uint64_t size = walker_.Report().file_size;
+  const std::uint64_t size = walker_.Report().fileSize;
   while (!raw_.empty()) {
     std::array<std::uint8_t, kDrvHeaderSize> bytes;
     const Raw& last = raw_.back();

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "cms/runtime/native_path.h"
+#include "cms/recording/data_root.h"
 #include "cms/runtime/wide_text.h"
 
 namespace cms {
@@ -106,7 +106,7 @@ void FilePresence::Split(std::span<const std::uint8_t> path, std::uint32_t& fold
     name = Utf8FromWide(LoadUtf16(path.subspan(length)));
     return;
   }
-  const std::string native = NativePath(LoadUtf16(path));
+  const std::string native = PathInData(LoadUtf16(path), dataRoot_);
   const std::size_t behind = native.rfind('/') + 1;  // 0 when there is no separator
   folder = IndexOf(behind == 0 ? "./" : native.substr(0, behind));
   name = native.substr(behind);

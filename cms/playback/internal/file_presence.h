@@ -6,6 +6,7 @@
 #include <span>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "cms/playback/internal/file_stamp.h"
@@ -24,7 +25,9 @@ class FilePresence {
     bool Exists() const { return (knowledge & 1) != 0; }
   };
 
-  explicit FilePresence(FileIo& io) : io_(io), folders_(1) {}
+  // Relative paths of records are in the data root.
+  FilePresence(FileIo& io, std::string dataRoot)
+      : io_(io), dataRoot_(std::move(dataRoot)), folders_(1) {}
 
   // What was listed is forgotten, and every folder has to show that it did not change.
   void BeginQuery();
@@ -62,6 +65,7 @@ class FilePresence {
   void Split(std::span<const std::uint8_t> path, std::uint32_t& folder, std::string& name);
 
   FileIo& io_;
+  const std::string dataRoot_;
   std::uint32_t query_ = 0;
   bool sure_ = true;
   std::vector<Folder> folders_;  // [0] stands for none

@@ -28,8 +28,8 @@ struct FileStamp {
       : device(status.device),
         inode(status.inode),
         size(status.size),
-        modified(status.modified_nanoseconds),
-        changed(status.changed_nanoseconds) {}
+        modified(status.modifiedNanoseconds),
+        changed(status.changedNanoseconds) {}
 
   bool operator==(const FileStamp&) const = default;
 

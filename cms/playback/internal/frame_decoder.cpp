@@ -2,7 +2,6 @@
 
 #include <algorithm>
 
-#include "cms/live/media/frame_header.h"
 #include "cms/live/media/input_padding.h"
 #include "cms/streaming/stream_probes.h"
 
@@ -72,8 +71,7 @@ bool FrameDecoder::Feed(const FrameRef& frame) {
     const auto bytes = std::span(bytes_).first(length_);
     const auto payload = bytes.subspan(frame.Frame().area);
     if (frame.index == 0) {
-      const CMSVideoType marked = VideoTypeOfHeader(bytes.first(frame.Frame().area));
-      const CMSVideoType type = marked != CMS_VIDEO_UNKNOWN ? marked : VideoTypeOf(payload);
+      const CMSVideoType type = VideoTypeOfKeyFrame(bytes.first(frame.Frame().area), payload);
       if (type != CMS_VIDEO_UNKNOWN && type != videoType_) {
         videoType_ = codec_.Open(CodecOfVideoType(type), true) ? type : CMS_VIDEO_UNKNOWN;
         deepest_ = 0;

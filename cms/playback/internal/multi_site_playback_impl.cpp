@@ -193,7 +193,7 @@ bool CCMSMultiSitePlaybackCtrl::Impl::WantsAudio(unsigned site, unsigned channel
          base->Data().PlaysForward();
 }
 
-void CCMSMultiSitePlaybackCtrl::Impl::OnAudio(_MULTI_PB_AUDIO_BLOCK& block) {
+void CCMSMultiSitePlaybackCtrl::Impl::OnAudio(cms::_MULTI_PB_AUDIO_BLOCK& block) {
   const Session session = Running();
   if (session) {
     const std::string device = session->Site(block.site)->Data().Device();

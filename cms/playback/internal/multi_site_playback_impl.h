@@ -37,6 +37,22 @@ class CCMSMultiSitePlaybackCtrl::Impl final : public cms::PlaybackSink {
     return 1;
   }
 
+  // Changes how a channel's pictures are made, and makes the one that is shown anew. 0 when there
+  // is no such channel.
+  template <typename Change>
+  int ShowAnew(unsigned site, unsigned channel, const Change& change) {
+    int known = 0;
+    Operate([&](cms::PlaybackSession& session) {
+      if (auto* const data = session.Channel(site, channel)) {
+        change(*data);
+        data->ShowAnew();
+        session.Transport().Synchronise();
+        known = 1;
+      }
+    });
+    return known;
+  }
+
   // Changes what the viewer wants, at once or for when playback starts. For a channel: 0 when there
   // is no such channel, or when none is configured.
   void Choose(const std::function<void(cms::PlaybackChoice&)>& change);
@@ -53,7 +69,7 @@ class CCMSMultiSitePlaybackCtrl::Impl final : public cms::PlaybackSink {
                        _MULTI_PB_GET_FRAME_CALL_BACK_PARAM* parameter) override;
   void OnPicture(unsigned site, unsigned channel, std::int64_t time) override;
   bool WantsAudio(unsigned site, unsigned channel) override;
-  void OnAudio(_MULTI_PB_AUDIO_BLOCK& block) override;
+  void OnAudio(cms::_MULTI_PB_AUDIO_BLOCK& block) override;
 
  private:
   struct Pin {

@@ -33,11 +33,15 @@ PictureStore::Picture* PictureStore::Convert(const AVFrame& frame) {
     picture = FreePicture();
     recorded_ = {frame.width, frame.height};
     size = SizeOf(recorded_);
+    if (std::exchange(fisheyeChanged_, false)) {
+      look_.Set(fisheye_);
+    }
   }
   // Neither shown, nor staged, nor pinned: it belongs to this thread alone.
-  const bool converted =
-      picture != nullptr &&
-      picture->converter.Convert(frame, static_cast<int>(size.cx), static_cast<int>(size.cy));
+  const auto width = static_cast<int>(size.cx);
+  const auto height = static_cast<int>(size.cy);
+  const AVFrame* const seen = picture != nullptr ? look_.Look(frame, width, height) : nullptr;
+  const bool converted = seen != nullptr && picture->converter.Convert(*seen, width, height);
   return converted ? picture : nullptr;
 }
 
@@ -141,6 +145,12 @@ void PictureStore::Unpin(Picture* picture) {
 void PictureStore::SetDisplaySize(const tagSIZE& size) {
   const ScopeLock guard(lock_);
   display_ = size;
+}
+
+void PictureStore::SetFisheye(const FisheyeSettings& settings) {
+  const ScopeLock guard(lock_);
+  fisheye_ = settings;
+  fisheyeChanged_ = true;
 }
 
 std::int64_t PictureStore::ShownTime() {

@@ -8,6 +8,7 @@
 #include <memory>
 #include <vector>
 
+#include "cms/live/media/internal/fisheye_picture.h"
 #include "cms/live/media/internal/picture_converter.h"
 #include "cms/live/media/size.h"
 #include "cms/playback/internal/playback_track.h"
@@ -44,8 +45,8 @@ class PictureStore {
   PictureStore(const PictureStore&) = delete;
   PictureStore& operator=(const PictureStore&) = delete;
 
-  // Converts a picture to the display size (0x0: as it is). Null when that failed or viewers have
-  // every picture pinned. Without Stage it is free again.
+  // Converts a picture, or what is seen of it, to the display size (0x0: as it is). Null when that
+  // failed or viewers have every picture pinned. Without Stage it is free again.
   Picture* Convert(const AVFrame& frame);
   // Behind what is staged already; its turn is from the frame's time up to `end`, or backward the
   // other way round. `forced`: it is shown even when that is over.
@@ -64,6 +65,8 @@ class PictureStore {
   void Unpin(Picture* picture);
 
   void SetDisplaySize(const tagSIZE& size);
+  void SetFisheye(
+      const FisheyeSettings& settings);  // of the pictures that are converted from now on
 
   Standing Stand();
   std::int64_t ShownTime();  // 0: none
@@ -89,6 +92,9 @@ class PictureStore {
   bool stagedNothing_ CMS_GUARDED_BY(lock_) = false;
   tagSIZE display_ CMS_GUARDED_BY(lock_);
   tagSIZE recorded_ CMS_GUARDED_BY(lock_);
+  FisheyeSettings fisheye_ CMS_GUARDED_BY(lock_);
+  bool fisheyeChanged_ CMS_GUARDED_BY(lock_) = false;
+  FisheyePicture look_;  // the reader thread's
   std::atomic<unsigned> imageId_{0};
   std::atomic<std::uint64_t> count_{0};
   std::atomic<std::int64_t> first_{0};

@@ -15,6 +15,9 @@ namespace cms {
 // (PlaybackTrack::IsGap).
 inline constexpr std::int64_t kPlaybackGap = 2000;
 
+// How long a frame is shown of which no neighbour tells: 25 a second.
+inline constexpr std::int64_t kUsualInterval = 40;
+
 inline constexpr unsigned kMostPlaybackChannels = 32;  // of a site
 
 // A frame as it lies in its file.

@@ -6,6 +6,7 @@
 #include "cms/playback/internal/raw_data_reader.h"
 #include "cms/playback/internal/single_drv_data_reader.h"
 #include "cms/recording/idx_file.h"
+#include "cms/recording/internal/database_paths.h"
 #include "cms/recording/recording_names.h"
 #include "cms/runtime/file_io.h"
 #include "cms/runtime/native_path.h"
@@ -31,15 +32,29 @@ unsigned ChannelsOf(const std::wstring& drvPath) {
   return count;
 }
 
+// A file of bare video is no recording.
+cms::_MULTI_PB_SITE_CONFIG Located(cms::_MULTI_PB_SITE_CONFIG config) {
+  for (std::wstring& file : config.files) {
+    if (config.source != cms::PLAYBACK_SOURCE_RAW) {
+      file = cms::LocatedInData(file, config.dataRoot);
+    }
+  }
+  return config;
+}
+
 }  // namespace
 
-std::unique_ptr<cms::PlaybackDataReader> MakePlaybackReader(const _MULTI_PB_SITE_CONFIG& config,
-                                                            unsigned channel) {
+void cms::_MULTI_PB_SITE_CONFIG::AddFile(const std::string& path) {
+  files.push_back(SystemPath(path));
+}
+
+std::unique_ptr<cms::PlaybackDataReader> MakePlaybackReader(
+    const cms::_MULTI_PB_SITE_CONFIG& config, unsigned channel) {
   cms::FileIo& io = cms::CurrentFileIo();
   switch (config.source) {
-    case PLAYBACK_SOURCE_SINGLE_DRV:
+    case cms::PLAYBACK_SOURCE_SINGLE_DRV:
       return std::make_unique<CPlaybackSingleDRVDataReader>(io, config.files.front(), channel);
-    case PLAYBACK_SOURCE_RAW:
+    case cms::PLAYBACK_SOURCE_RAW:
       return std::make_unique<CPlaybackRAWDataReader>(io, config.files.front(), config.rawFrameRate,
                                                       config.rawStartTime);
     default:
@@ -58,8 +73,8 @@ std::string CCMSPlaybackSiteData::Device() const {
   return device_;
 }
 
-CCMSPlaybackSiteBase::CCMSPlaybackSiteBase(const _MULTI_PB_SITE_CONFIG& config, unsigned index)
-    : config_(config), index_(index) {}
+CCMSPlaybackSiteBase::CCMSPlaybackSiteBase(const cms::_MULTI_PB_SITE_CONFIG& config, unsigned index)
+    : config_(Located(config)), index_(index) {}
 
 bool CCMSPlaybackSiteBase::Open(std::string& error) {
   if (config_.files.empty()) {
@@ -77,6 +92,9 @@ bool CCMSPlaybackSiteBase::Open(std::string& error) {
     if (reader->Open(why)) {
       channels_.push_back(
           std::make_unique<CCMSPlaybackChannelData>(index_, channel, std::move(reader)));
+      cms::FisheyeSettings settings;
+      settings.parameter = config_.fisheye;
+      channels_.back()->Pictures()->SetFisheye(settings);
       any = true;
     } else {
       channels_.push_back(nullptr);

@@ -14,8 +14,8 @@
 #include "cms/runtime/thread_annotations.h"
 
 // A reader for one channel of a site, not opened yet.
-std::unique_ptr<cms::PlaybackDataReader> MakePlaybackReader(const _MULTI_PB_SITE_CONFIG& config,
-                                                            unsigned channel);
+std::unique_ptr<cms::PlaybackDataReader> MakePlaybackReader(
+    const cms::_MULTI_PB_SITE_CONFIG& config, unsigned channel);
 
 // What a site has besides its channels: its sound.
 class CCMSPlaybackSiteData {
@@ -36,7 +36,7 @@ class CCMSPlaybackSiteData {
 // Made by StartPlayback, gone with StopPlayback. All but its sound stays as it was opened.
 class CCMSPlaybackSiteBase {
  public:
-  CCMSPlaybackSiteBase(const _MULTI_PB_SITE_CONFIG& config, unsigned index);
+  CCMSPlaybackSiteBase(const cms::_MULTI_PB_SITE_CONFIG& config, unsigned index);
 
   // Opens a reader for each channel. False when the site has nothing to play; `error` says why.
   bool Open(std::string& error);
@@ -45,7 +45,7 @@ class CCMSPlaybackSiteBase {
   CCMSPlaybackChannelData* Channel(unsigned channel) const {  // null: nothing to play there
     return channel < channels_.size() ? channels_[channel].get() : nullptr;
   }
-  const _MULTI_PB_SITE_CONFIG& Config() const { return config_; }
+  const cms::_MULTI_PB_SITE_CONFIG& Config() const { return config_; }
   CCMSPlaybackSiteData& Data() { return data_; }
   std::int64_t StartTime() const;
   std::int64_t EndTime() const;
@@ -57,7 +57,7 @@ class CCMSPlaybackSiteBase {
   std::atomic<bool>& Audible(unsigned channel) { return audible_[channel]; }
 
  private:
-  const _MULTI_PB_SITE_CONFIG config_;
+  const cms::_MULTI_PB_SITE_CONFIG config_;
   const unsigned index_;
   std::vector<std::unique_ptr<CCMSPlaybackChannelData>> channels_;
   std::vector<std::atomic<bool>> audible_;

@@ -6,9 +6,6 @@
 namespace cms {
 namespace {
 
-// How long a frame is shown of which no neighbour tells: 25 a second.
-constexpr std::int64_t kUsualInterval = 40;
-
 // Pictures further apart than a minute are single ones.
 constexpr std::int64_t kLongestInterval = 60'000;
 

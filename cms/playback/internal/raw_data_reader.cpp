@@ -48,7 +48,7 @@ bool CPlaybackRAWDataReader::Open(std::string& error) {
     return false;
   }
   if (!Parse() || frames_.empty()) {
-    error = path_ + ": no H.264, MPEG-4 or JPEG pictures in it";
+    error = path_ + ": no H.264, H.265, MPEG-4 or JPEG pictures in it";
     return false;
   }
   return true;
@@ -57,8 +57,8 @@ bool CPlaybackRAWDataReader::Open(std::string& error) {
 bool CPlaybackRAWDataReader::Parse() {
   std::vector<std::uint8_t> chunk(kChunk + AV_INPUT_BUFFER_PADDING_SIZE);
   std::size_t held = io_.ReadAllAt(file_.Handle(), chunk.data(), kChunk, 0);
-  const AVCodecID codec =
-      cms::ToLibraryCodec(cms::CodecOfVideoType(cms::VideoTypeOf(std::span(chunk).first(held))));
+  const AVCodecID codec = cms::ToLibraryCodec(
+      cms::CodecOfVideoType(cms::VideoTypeOfKeyFrame(std::span(chunk).first(held))));
   const AVCodec* const decoder = avcodec_find_decoder(codec);
   const std::unique_ptr<AVCodecParserContext, ParserClose> parser(av_parser_init(codec));
   const std::unique_ptr<AVCodecContext, ContextFree> context(

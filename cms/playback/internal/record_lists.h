@@ -44,7 +44,7 @@ struct RecordQuery {
 // 3. Any other list is asked for its stamp.
 class RecordLists {
  public:
-  explicit RecordLists(FileIo& io) : io_(io), presence_(io) {}
+  RecordLists(FileIo& io, const std::string& dataRoot) : io_(io), presence_(io, dataRoot) {}
 
   void BeginQuery();
 

@@ -73,7 +73,7 @@ bool CPlaybackSingleDRVDataReader::ReadRecords(int idx, std::uint64_t first, std
   }
   for (const DrvIdx& record : records) {
     const cms::IndexedFrame frame{record.milliseconds, record.offset,
-                                  static_cast<std::uint8_t>(record.frame_type), true};
+                                  static_cast<std::uint8_t>(record.frameType), true};
     if (record.channel != channel_ ||
         (!frames.empty() &&
          (frame.Second() < frames.back().Second() || frame.offset <= frames.back().offset))) {
@@ -201,6 +201,9 @@ void CPlaybackSingleDRVDataReader::Fit() {
 }
 
 void CPlaybackSingleDRVDataReader::Rest() {
+  if (index_ && !io_.Exists(drvPath_)) {
+    return;  // it was removed, and is played on all the same
+  }
   skipped_ = index_ ? index_->SkippedBytes() : skipped_;
   index_.reset();
   walker_.reset();
@@ -287,7 +290,7 @@ bool CPlaybackSingleDRVDataReader::Load(const GopPlace& place, PlaybackGop& gop)
     if (behind < frames.size() && found->offset >= frames[behind].offset) {
       break;
     }
-    PlaybackFrame frame{0, found->offset, header.AreaLength(), found->payload_length,
+    PlaybackFrame frame{0, found->offset, header.AreaLength(), found->payloadLength,
                         header.FrameType()};
     if (header.IsAudio()) {
       if (!gop.video.empty() && index_->IsOfChannel(header)) {
@@ -339,11 +342,10 @@ bool CPlaybackSingleDRVDataReader::Load(const GopPlace& place, PlaybackGop& gop)
 
 // Nothing tells more than the key frames on both sides.
 void CPlaybackSingleDRVDataReader::SpreadTimes(std::int64_t end, PlaybackGop& gop) const {
-  constexpr std::int64_t kUsualInterval = 40;
   const auto count = static_cast<std::int64_t>(gop.video.size());
   const std::int64_t begin = gop.video.front().time;
   const std::int64_t interval =
-      end - begin < count * cms::kPlaybackGap ? (end - begin) / count : kUsualInterval;
+      end - begin < count * cms::kPlaybackGap ? (end - begin) / count : cms::kUsualInterval;
   for (std::int64_t i = 1; i < count; ++i) {
     gop.video[static_cast<std::size_t>(i)].time = begin + i * std::max<std::int64_t>(interval, 1);
   }
@@ -359,7 +361,7 @@ void CPlaybackSingleDRVDataReader::SpreadTimes(std::int64_t end, PlaybackGop& go
 }
 
 std::uint64_t CPlaybackSingleDRVDataReader::SkippedByWalker() const {
-  return walker_->Report().skipped_bytes - walker_->Report().tail_length;
+  return walker_->Report().skippedBytes - walker_->Report().tailLength;
 }
 
 std::size_t CPlaybackSingleDRVDataReader::Read(const GopPlace&, const PlaybackFrame& frame,
@@ -381,7 +383,7 @@ int CPlaybackSingleDRVDataReader::LookAgainAfter() {
   cms::FileStatus status;
   const bool growing =
       io_.Status(drvPath_, status) &&
-      std::time(nullptr) - static_cast<std::int64_t>(status.modified_nanoseconds / 1'000'000'000) <
+      std::time(nullptr) - static_cast<std::int64_t>(status.modifiedNanoseconds / 1'000'000'000) <
           kGrowingSeconds;
   return growing ? kSoon : kNever;
 }

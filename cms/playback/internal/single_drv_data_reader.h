@@ -41,7 +41,8 @@ class CPlaybackSingleDRVDataReader final : public cms::PlaybackDataReader {
   void BeginAt(std::int64_t time);
   void EndBefore(std::int64_t time);
 
-  // Frees the index and closes the file until the next question.
+  // Frees the index and closes the file until the next question; not of one that is in use and
+  // gone.
   void Rest();
 
  private:

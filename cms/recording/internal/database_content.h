@@ -14,10 +14,10 @@ namespace cms {
 
 template <typename Record, typename Row>
 DatabaseContent<Row> ReadDatabase(const std::wstring& path, CMSCritical& lock,
-                                  Row (*rowOf)(const Record&)) {
+                                  Row (*rowOf)(const Record&), const std::string& dataRoot) {
   ScopeLock hold(lock);
   DatabaseContent<Row> content;
-  DatabaseFile file(path, sizeof(Record), DatabaseAccess::kRead);
+  DatabaseFile file(path, sizeof(Record), DatabaseAccess::kRead, dataRoot);
   if (!file) {
     content.state = file.Missing() ? DatabaseState::kMissing : DatabaseState::kUnreadable;
     return content;

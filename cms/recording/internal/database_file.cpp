@@ -5,8 +5,8 @@
 #include <chrono>
 #include <thread>
 
+#include "cms/recording/data_root.h"
 #include "cms/recording/internal/file_locks.h"
-#include "cms/runtime/native_path.h"
 
 namespace cms {
 
@@ -25,8 +25,8 @@ bool IsHeld(int error) {
 }  // namespace
 
 DatabaseFile::DatabaseFile(std::wstring_view systemPath, std::size_t recordSize,
-                           DatabaseAccess access)
-    : io_(CurrentFileIo()), path_(NativePath(systemPath)), recordSize_(recordSize) {
+                           DatabaseAccess access, const std::string& dataRoot)
+    : io_(CurrentFileIo()), path_(PathInData(systemPath, dataRoot)), recordSize_(recordSize) {
   Open(access);
 }
 

@@ -37,7 +37,9 @@ enum class DatabaseAccess {
 // caller holds. One object is for one thread.
 class DatabaseFile {
  public:
-  DatabaseFile(std::wstring_view systemPath, std::size_t recordSize, DatabaseAccess access);
+  // A relative path is one in the data root (PathInData).
+  DatabaseFile(std::wstring_view systemPath, std::size_t recordSize, DatabaseAccess access,
+               const std::string& dataRoot = {});
   DatabaseFile(const DatabaseFile&) = delete;
   DatabaseFile& operator=(const DatabaseFile&) = delete;
 

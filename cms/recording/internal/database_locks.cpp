@@ -23,4 +23,9 @@ CMSCritical& GapLogLock() {
   return lock;
 }
 
+CMSCritical& ProtectionLock() {
+  static auto& lock = *new CMSCritical;
+  return lock;
+}
+
 }  // namespace cms

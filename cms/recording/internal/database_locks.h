@@ -9,6 +9,7 @@ CMSCritical& RecordDatabaseLock();  // every record list and every folder span
 CMSCritical& EventDatabaseLock();   // every event list
 CMSCritical& FolderDatabaseLock();  // every folder list
 CMSCritical& GapLogLock();          // every gap log
+CMSCritical& ProtectionLock();      // every list of protected spans
 
 // Takes one of them only if it is free: for threads that another site's disk must not hold up.
 class TryDatabaseLock {

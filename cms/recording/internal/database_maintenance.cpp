@@ -5,13 +5,13 @@
 #include <string>
 #include <type_traits>
 
+#include "cms/recording/data_root.h"
 #include "cms/recording/internal/database_file.h"
 #include "cms/recording/internal/database_locks.h"
 #include "cms/recording/internal/database_paths.h"
 #include "cms/recording/internal/folder_span_file.h"
 #include "cms/recording/internal/record_bytes.h"
 #include "cms/recording/record_db_info.h"
-#include "cms/runtime/native_path.h"
 #include "cms/runtime/wide_text.h"
 
 namespace cms {
@@ -85,7 +85,7 @@ DatabaseFile OpenList(std::wstring_view folder, DatabaseAccess access) {
 // Not while another process writes into it.
 bool RemoveFile(const std::wstring& systemPath) {
   const DatabaseFile hold(systemPath, 1, DatabaseAccess::kChange);
-  return CurrentFileIo().Remove(NativePath(systemPath)) == 0;
+  return CurrentFileIo().Remove(PathInData(systemPath)) == 0;
 }
 
 }  // namespace
@@ -210,6 +210,33 @@ bool RemoveRecord(std::wstring_view folder, std::wstring_view name) {
 bool RemoveRecordList(std::wstring_view folder) {
   ScopeLock databases(RecordDatabaseLock());
   return RemoveFile(RecordListPath(folder)) && RemoveFile(FolderSpanPath(folder));
+}
+
+bool RemoveRecords(std::wstring_view folder,
+                   const std::function<bool(std::wstring_view file)>& isOne) {
+  ScopeLock databases(RecordDatabaseLock());
+  auto list = OpenList(folder, DatabaseAccess::kChange);
+  return list ? list.Filter([&](auto record) { return !isOne(LoadUtf16(record.first(kNameSize))); })
+              : list.Missing();
+}
+
+bool RemoveEmptyRecordList(std::wstring_view folder) {
+  ScopeLock databases(RecordDatabaseLock());
+  {
+    // Held, so that no other process appends to what is about to go.
+    auto list = OpenList(folder, DatabaseAccess::kChange);
+    bool empty = true;
+    // Of a list that cannot be read nothing is known.
+    const bool read = list && list.ForEach([&empty](auto) {
+      empty = false;
+      return false;
+    });
+    if (!read || !empty || CurrentFileIo().Remove(PathInData(RecordListPath(folder))) != 0) {
+      return false;
+    }
+  }
+  RemoveFile(FolderSpanPath(folder));
+  return true;
 }
 
 }  // namespace cms

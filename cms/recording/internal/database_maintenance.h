@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string_view>
 
 namespace cms {
@@ -20,5 +21,14 @@ bool AddRecord(std::wstring_view folder, std::wstring_view name, std::wstring_vi
                std::int64_t start, std::int64_t end);
 bool RemoveRecord(std::wstring_view folder, std::wstring_view name);
 bool RemoveRecordList(std::wstring_view folder);
+
+// Removes all records whose file, the whole path as it is recorded, is one of those. True unless
+// the list could not be read or written; a list that is missing has none.
+bool RemoveRecords(std::wstring_view folder,
+                   const std::function<bool(std::wstring_view file)>& isOne);
+
+// Removes the list when it holds no record any more, and with it the folder's span. True when it
+// went.
+bool RemoveEmptyRecordList(std::wstring_view folder);
 
 }  // namespace cms

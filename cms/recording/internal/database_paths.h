@@ -1,4 +1,4 @@
-// Where the databases lie, as the system writes paths.
+// Where the databases lie, as the system writes paths, and what paths are under a data root.
 #pragma once
 
 #include <string>
@@ -15,7 +15,7 @@ inline std::wstring FolderSpanPath(std::wstring_view folder) {
   return std::wstring(folder) + L".DB";
 }
 
-// Beside the folder that the process works in.
+// In the data root, or beside the folder that the process works in: for PathInData.
 inline std::wstring EventListPath(int number) {
   return L"..\\EventList" + std::to_wstring(number);
 }
@@ -25,5 +25,20 @@ inline std::wstring FolderListPath(unsigned number) {
 inline std::wstring GapLogPath(int number) {
   return L"..\\GapLog" + std::to_wstring(number);
 }
+
+// A root as it is kept: absolute, without a separator behind it; empty stays empty.
+std::string WholeDataRoot(const std::string& folder);
+
+// The root, or else that of the process; empty: there is none.
+std::string DataRootOr(const std::string& root);
+
+std::string RecordingsOf(const std::string& root);  // "<root>/recordings"
+
+// PathInData as the system writes paths. Without a root, and of an absolute path, the text itself.
+std::wstring LocatedInData(std::wstring_view systemPath, const std::string& root);
+
+// What records say of a located path. One below the root is told from DIR/recordings, where every
+// other folder in DIR that a process works in leads as well.
+std::wstring RecordedPath(std::wstring_view located, const std::string& root);
 
 }  // namespace cms

@@ -17,28 +17,40 @@ namespace cms {
 namespace {
 
 // The list and the span are two files: the record may have come into the first alone.
-bool IsListed(const FileRecord& record, const std::wstring& folder, const std::wstring& name) {
-  const auto list = ReadRecordList(folder);
+bool IsListed(const FileRecord& record, const TimeSpan& span, const std::wstring& folder,
+              const std::wstring& name) {
+  const auto list = ReadRecordList(folder, record.dataRoot);
   const std::string file = Utf8FromWide(folder + L"\\" + name);
   return std::any_of(list.rows.begin(), list.rows.end(), [&](const RecordRow& row) {
-    return row.file == file && row.start == record.start && row.end == record.end;
+    return row.file == file && row.start == span.start && row.end == span.end;
   });
 }
 
-bool Store(const FileRecord& record) {
+bool StoreSpan(const FileRecord& record, const TimeSpan& span) {
   const auto split = SplitAtLastSeparator(record.drvPath);
   const std::wstring folder(split.folder);
   const std::wstring name(split.name);
-  if (record.tried && IsListed(record, folder, name)) {
+  const std::wstring recorded = RecordedPath(folder, record.dataRoot);
+  if (record.tried && IsListed(record, span, recorded, name)) {
     return MakeFolderSpan(folder);
   }
   FX::FX_RecordDBListWriter writer;
-  writer.SetDBListPath(folder.c_str());
+  writer.SetDataRoot(record.dataRoot);
+  writer.SetDBListPath(recorded.c_str());
   writer.InitialRecordDBInfo(name.c_str(), record.device.address.c_str(),
                              record.device.siteName.c_str(), record.device.port);
-  writer.SetRecordTime(record.start);
-  writer.SetRecordTime(record.end);
+  writer.SetRecordTime(span.start);
+  writer.SetRecordTime(span.end);
   return writer.WriteDBInfoIntoList();
+}
+
+bool Store(FileRecord& record) {
+  const auto store = [&record](TimeSpan& span) {
+    span.end = span.start > 0 ? std::max(span.end, span.start + 1) : span.end;
+    return StoreSpan(record, span);
+  };
+  return std::all_of(record.earlierSpans.begin(), record.earlierSpans.end(), store) &&
+         store(record.span);
 }
 
 }  // namespace
@@ -52,7 +64,7 @@ int SettleFileRecord(FileIo& io, FileRecord& file) {
     }
     file.removed = mended.empty;
     file.stored = mended.empty;
-    file.end = mended.lastSeconds != 0 ? mended.lastSeconds : file.end;
+    file.span.end = mended.lastSeconds != 0 ? mended.lastSeconds : file.span.end;
     file.accepted = mended.kept;
     file.damaged = false;
   }
@@ -63,7 +75,6 @@ int SettleFileRecord(FileIo& io, FileRecord& file) {
   if (!hold) {
     return EBUSY;
   }
-  file.end = file.start > 0 ? std::max(file.end, file.start + 1) : file.end;
   file.stored = Store(file);
   file.tried = true;
   return file.stored ? 0 : EIO;

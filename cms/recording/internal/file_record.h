@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "cms/recording/internal/recording_file.h"
 #include "cms/recording/recording_status.h"
@@ -11,16 +12,17 @@
 namespace cms {
 
 struct FileRecord {
-  std::wstring front;  // of its path, as the recorder was given it
+  std::string dataRoot;  // empty: that of the process
+  std::wstring front;    // of its path
   std::wstring drvPath;
   std::wstring idxPath;
   RecordedDevice device;
   std::uint64_t begin = 0;  // where the recording began in the .drv file
 
   // Once it is closed.
-  std::int64_t start = 0;  // of the frames' times, seconds since 1970-01-01 UTC
-  std::int64_t end = 0;
-  FrameCounts accepted;  // behind `begin`; those in the file, once it has been mended
+  TimeSpan span;                       // of the frames' times
+  std::vector<TimeSpan> earlierSpans;  // a record for each
+  FrameCounts accepted;                // behind `begin`; those in the file, once it has been mended
   bool damaged = false;  // the end of the file has to be cut, or its index made to fit
   bool removed = false;  // nothing was in it
   bool stored = false;

@@ -8,8 +8,9 @@
 namespace cms {
 
 // Read byte by byte, so that a file that was torn when it was made gives the bytes that it has.
-FolderSpanFile::FolderSpanFile(std::wstring_view systemPath, DatabaseAccess access)
-    : file_(systemPath, 1, access) {}
+FolderSpanFile::FolderSpanFile(std::wstring_view systemPath, DatabaseAccess access,
+                               const std::string& dataRoot)
+    : file_(systemPath, 1, access, dataRoot) {}
 
 bool FolderSpanFile::Read(FX::FX_RecSubFolderDBInfo& span) {
   std::uint8_t bytes[sizeof(span)] = {};

@@ -1,6 +1,7 @@
 // The folder-span file: sixteen bytes beside a recording folder.
 #pragma once
 
+#include <string>
 #include <string_view>
 
 #include "cms/recording/internal/database_file.h"
@@ -12,7 +13,8 @@ namespace cms {
 // process adds meanwhile waits for the end of the hold.
 class FolderSpanFile {
  public:
-  FolderSpanFile(std::wstring_view systemPath, DatabaseAccess access);
+  FolderSpanFile(std::wstring_view systemPath, DatabaseAccess access,
+                 const std::string& dataRoot = {});
 
   explicit operator bool() const { return static_cast<bool>(file_); }
   // What the file holds; bytes that are not there count as 0. False when reading failed.

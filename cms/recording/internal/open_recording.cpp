@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "cms/recording/drv_format.h"
+#include "cms/recording/internal/database_paths.h"
 #include "cms/recording/internal/write_out.h"
 #include "cms/recording/recording_names.h"
 #include "cms/runtime/native_path.h"
@@ -15,6 +16,7 @@ namespace cms {
 
 OpenRecording::OpenRecording(const RecordingFile& file, std::int64_t time) {
   const std::wstring stem = file.front + RecordingStamp(time);
+  record_.dataRoot = file.dataRoot;
   record_.front = file.front;
   record_.drvPath = stem + L".drv";
   record_.idxPath = stem + L".idx";
@@ -22,7 +24,7 @@ OpenRecording::OpenRecording(const RecordingFile& file, std::int64_t time) {
 }
 
 int OpenRecording::Open() {
-  if (Utf16Length(record_.drvPath) > kLongestRecordedPath) {
+  if (Utf16Length(RecordedPath(record_.drvPath, record_.dataRoot)) > kLongestRecordedPath) {
     return ENAMETOOLONG;
   }
   const int error = OpenRecordingPair(CurrentFileIo(), record_.drvPath, record_.idxPath, pair_);
@@ -138,12 +140,26 @@ OpenRecording::End OpenRecording::Close(bool mend) {
   return end;
 }
 
+// What goes on within a moment is one span, also when it was meant for another file.
+void OpenRecording::AddSpans(const RecordingFile& part) {
+  std::vector<TimeSpan> spans = part.earlierSpans;
+  spans.push_back(part.span);
+  for (const TimeSpan& span : spans) {
+    if (span.start == 0) {
+      continue;
+    }
+    if (record_.span.start != 0 && !record_.span.IsNear(span.start)) {
+      record_.earlierSpans.push_back(std::exchange(record_.span, {}));
+    }
+    TimeSpan& whole = record_.span;
+    whole.start = whole.start == 0 ? span.start : std::min(whole.start, span.start);
+    whole.end = std::max(whole.end, span.end);
+  }
+}
+
 void OpenRecording::SumUp() {
   for (const auto& part : parts_) {
-    if (part->start != 0) {
-      record_.start = record_.start == 0 ? part->start : std::min(record_.start, part->start);
-      record_.end = std::max(record_.end, part->end);
-    }
+    AddSpans(*part);
     record_.accepted.frames += part->accepted.frames;
     record_.accepted.keyFrames += part->accepted.keyFrames;
     record_.accepted.bytes += part->accepted.bytes;

@@ -60,6 +60,7 @@ class OpenRecording {
 
  private:
   int Fail(int error);
+  void AddSpans(const RecordingFile& part);
   void SumUp();
 
   RecordingPair pair_;

@@ -13,6 +13,17 @@ using Bytes = std::span<const std::uint8_t>;
 
 constexpr std::size_t kSearched = 1024;  // parameter sets stand in front of a key frame
 
+int SequencePosition(CMSVideoType type, Bytes front) {
+  switch (type) {
+    case CMS_VIDEO_MPEG4:
+      return Mpeg4VolDataPos(front);
+    case CMS_VIDEO_H265:
+      return H265SpsDataPos(front);
+    default:
+      return H264SpsDataPos(front);
+  }
+}
+
 // Up to the next start code.
 Bytes UnitAt(Bytes data, int position) {
   if (position < 0 || static_cast<std::size_t>(position) >= data.size()) {
@@ -43,8 +54,7 @@ std::uint64_t PictureFormatOf(Bytes area, Bytes payload) {
     return hash | 1;
   }
   const Bytes front = payload.first(std::min(payload.size(), kSearched));
-  const Bytes unit =
-      UnitAt(front, type == CMS_VIDEO_MPEG4 ? Mpeg4VolDataPos(front) : H264SpsDataPos(front));
+  const Bytes unit = UnitAt(front, SequencePosition(type, front));
   for (const std::uint8_t byte : unit) {
     hash = Mixed(hash, byte);
   }

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstring>
 #include <memory>
 #include <span>
 
@@ -31,13 +30,13 @@ class RecordingBuffer {
     return length_ > 0 && now - since_ >= age;
   }
 
-  // Takes what there is room for and returns the rest.
-  std::span<const std::uint8_t> Append(std::span<const std::uint8_t> bytes) {
+  // The place of the next bytes, `size` of them or as many as there is room for: the caller's to
+  // fill at once.
+  std::span<std::uint8_t> Extend(std::size_t size) {
     since_ = length_ == 0 ? TickMilliseconds() : since_;
-    const std::size_t count = std::min<std::size_t>(bytes.size(), Room());
-    std::memcpy(memory_.get() + length_, bytes.data(), count);
-    length_ += static_cast<std::uint32_t>(count);
-    return bytes.subspan(count);
+    const std::uint32_t begin = length_;
+    length_ += static_cast<std::uint32_t>(std::min<std::size_t>(size, Room()));
+    return {memory_.get() + begin, length_ - begin};
   }
   void Clear() { length_ = 0; }
 

@@ -94,6 +94,7 @@ std::uint8_t* RecordingDisk::TakeBuffer(unsigned reserved, bool wait) {
 }
 
 void RecordingDisk::Push(Job job) {
+  job.since = SteadyMilliseconds();
   {
     const ScopeLock hold(lock_);
     jobs_[(first_ + count_) % kMostJobs] = std::move(job);
@@ -110,6 +111,12 @@ bool RecordingDisk::MayOpen() const {
 unsigned RecordingDisk::Waiting() const {
   const ScopeLock hold(lock_);
   return count_ + (busySince_ != 0 ? 1u : 0u);
+}
+
+std::uint64_t RecordingDisk::OldestMilliseconds() const {
+  const ScopeLock hold(lock_);
+  const std::uint64_t oldest = workSince_ != 0 ? workSince_ : count_ > 0 ? jobs_[first_].since : 0;
+  return oldest == 0 ? 0 : SteadyMilliseconds() - oldest;
 }
 
 bool RecordingDisk::Open(const std::shared_ptr<RecordingFile>& file, bool wait) {
@@ -269,6 +276,7 @@ void RecordingDisk::Work() {
       first_ = (first_ + 1) % kMostJobs;
       --count_;
       busySince_ = SteadyMilliseconds();
+      workSince_ = job.since;
       hold.UnLock();
       Do(job);
       job.file.reset();
@@ -300,6 +308,7 @@ void RecordingDisk::Work() {
     }
     Publish();
     busySince_ = 0;
+    workSince_ = 0;
     changed_.notify_all();
   }
   ended_ = true;

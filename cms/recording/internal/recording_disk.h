@@ -46,6 +46,8 @@ class RecordingDisk {
   bool HasRoom(unsigned buffers) const;
   bool MayOpen() const;
   unsigned Waiting() const;  // jobs that are not done
+  // For how many milliseconds the oldest of them has waited, the one in work included.
+  std::uint64_t OldestMilliseconds() const;
 
   // Ends the file before it; `wait` as for Write.
   bool Open(const std::shared_ptr<RecordingFile>& file, bool wait);
@@ -82,6 +84,7 @@ class RecordingDisk {
     RecordingPart part = RecordingPart::kDrv;
     bool counted = false;
     std::uint32_t length = 0;
+    std::uint64_t since = 0;  // milliseconds of the steady clock
     std::uint8_t* buffer = nullptr;
     std::shared_ptr<RecordingFile> file;
   };
@@ -119,6 +122,7 @@ class RecordingDisk {
   bool ended_ CMS_GUARDED_BY(lock_) = false;
   // Milliseconds of the steady clock; 0: it waits for work.
   std::uint64_t busySince_ CMS_GUARDED_BY(lock_) = 0;
+  std::uint64_t workSince_ CMS_GUARDED_BY(lock_) = 0;  // since when the job in work was asked for
 
   // Of the files, as the thread last published them.
   bool isOpen_ CMS_GUARDED_BY(lock_) = false;

@@ -17,6 +17,19 @@ struct RecordedDevice {
   std::uint16_t port = 0;
 };
 
+// Times of frames, seconds since 1970-01-01 UTC; 0: none.
+struct TimeSpan {
+  std::int64_t start = 0;
+  std::int64_t end = 0;
+
+  // What goes on or begins near it is of the same span; beyond, the clock has been set, or the
+  // camera was away for long.
+  bool IsNear(std::int64_t time) const {
+    constexpr std::int64_t kNear = 30;
+    return time >= start - kNear && time <= end + kNear;
+  }
+};
+
 // Shared by a recorder and its RecordingDisk. Frames are accepted while the file is still being
 // opened: their offsets count from where the file will turn out to begin.
 struct RecordingFile {
@@ -29,13 +42,14 @@ struct RecordingFile {
 
   // What is asked for; nothing of it changes once it is asked.
   std::wstring front;                 // of the path, up to the stamp
+  std::string dataRoot;               // empty: that of the process
   std::int64_t startTime = 0;         // in the name; a later second when that name is taken
   std::vector<std::uint8_t> headers;  // in front of the frames, unless the file has some already
   RecordedDevice device;
 
   // The recorder's until the disk is told to close the file or to open the next one.
-  std::int64_t start = 0;  // of the frames' times
-  std::int64_t end = 0;
+  TimeSpan span;                       // of the frames' times
+  std::vector<TimeSpan> earlierSpans;  // before the clock was set
   FrameCounts accepted;
 
   // The answer: `state` last.

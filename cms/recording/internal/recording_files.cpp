@@ -2,11 +2,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <system_error>
 #include <utility>
 
 #include "cms/recording/internal/recording_slots.h"
 #include "cms/recording/recording_names.h"
 #include "cms/runtime/clock.h"
+#include "cms/runtime/log.h"
 #include "cms/runtime/native_path.h"
 
 namespace cms {
@@ -28,11 +30,27 @@ bool IsTaken(int error) {
   return error == EWOULDBLOCK || error == EISDIR || error == ETXTBSY;
 }
 
+// `path` is that of a file, or the beginning of one's that has no name yet.
+void LogTrouble(const std::wstring& path, const char* what, int error) {
+  if (IsLogged(LogLevel::kError)) {
+    Log(LogLevel::kError, "recording",
+        NativePath(path) + ": " + what + ": " + std::generic_category().message(error) +
+            (IsFull(error) ? "; free space on that disk" : "; look after the disk and its rights"));
+  }
+}
+
+void LogEnd(const OpenRecording::End& end) {
+  if (end.wasOpen && IsLogged(LogLevel::kInfo)) {
+    Log(LogLevel::kInfo, "recording",
+        NativePath(end.record.drvPath) + ": ended, " + std::to_string(end.record.accepted.frames) +
+            " frames, " + std::to_string(end.record.accepted.bytes) + " bytes");
+  }
+}
+
 bool HasSpace(const std::wstring& front) {
   FreeSpace space;
   const auto folder = SplitAtLastSeparator(front).folder;
-  return !CurrentFileIo().Space(NativePath(folder), space) ||
-         space.free_to_caller >= kSpaceToResume;
+  return !CurrentFileIo().Space(NativePath(folder), space) || space.freeToCaller >= kSpaceToResume;
 }
 
 }  // namespace
@@ -48,12 +66,17 @@ void RecordingFiles::Open(const std::shared_ptr<RecordingFile>& file) {
     Close(false);
     current_ = std::move(next);
     file->idxError = current_.IdxError();
+    if (IsLogged(LogLevel::kInfo)) {
+      Log(LogLevel::kInfo, "recording", NativePath(current_.Record().drvPath) + ": begun");
+    }
   } else if (current_.TakesFrames()) {
     state = RecordingFile::State::kContinued;
+    LogTrouble(file->front, "no new file, the one before goes on", error);
   } else {
     wasFull_ = wasFull_ || IsFull(error);
     Close(false);
     state = RecordingFile::State::kFailed;
+    LogTrouble(file->front, "no recording can be begun", error);
   }
   file->openError = error;
   current_.AddPart(file);
@@ -105,14 +128,22 @@ bool RecordingFiles::IsLate(const std::wstring& drvPath, bool damaged) const {
 
 void RecordingFiles::Write(RecordingPart part, std::span<std::uint8_t> bytes) {
   std::uint32_t written = 0;
-  NoteFailure(current_.Write(part, bytes, written));
+  const int error = current_.Write(part, bytes, written);
+  NoteFailure(error);
+  if (error != 0) {
+    LogTrouble(current_.Record().drvPath, "cannot be written", error);
+  }
   if (part == RecordingPart::kDrv) {
     CountLost(bytes.size() - written, {}, {});
   }
 }
 
 void RecordingFiles::LookForFile() {
-  NoteFailure(current_.Look());
+  const int error = current_.Look();
+  NoteFailure(error);
+  if (error != 0) {
+    LogTrouble(current_.Record().drvPath, "is not where it was any more", error);
+  }
 }
 
 void RecordingFiles::NoteFailure(int error) {
@@ -124,6 +155,7 @@ void RecordingFiles::Close(bool counted) {
     return;
   }
   OpenRecording::End end = current_.Close(counted);
+  LogEnd(end);
   if (end.error != 0 && !counted) {
     ++counts_.failures;
     counts_.lastError = end.error;
@@ -146,7 +178,13 @@ bool RecordingFiles::Settle(bool last) {
       continue;
     }
     const FrameCounts accepted = late.accepted;
+    const bool damaged = late.damaged;
     const int error = SettleFileRecord(CurrentFileIo(), late);
+    if (error != 0 && error != EBUSY) {
+      LogTrouble(late.drvPath, "not mended or listed yet", error);
+    } else if (damaged && !late.damaged) {
+      Log(LogLevel::kWarning, "recording", NativePath(late.drvPath) + ": its end was mended");
+    }
     CountLost(0, accepted, late.accepted);
     busy = busy || error == EBUSY;
     if (error != 0 && error != EBUSY) {

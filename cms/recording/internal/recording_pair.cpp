@@ -77,7 +77,7 @@ int CountFrames(FileIo& io, const std::string& drvPath, std::uint64_t from, Fram
   while (walker.Next()) {
   }
   const DrvWalkReport& report = walker.Report();
-  counts = {report.frames, report.key_frames, report.frame_bytes};
+  counts = {report.frames, report.keyFrames, report.frameBytes};
   return report.error;
 }
 
@@ -91,7 +91,7 @@ int OpenRecordingPair(FileIo& io, const std::wstring& drvPath, const std::wstrin
   std::optional<ScopedFile> drv;
   if (!OpenForRecording(io, path, drv) && errno == ENOENT) {
     const auto split = SplitAtLastSeparator(drvPath);
-    if (split.has_folder && File(std::wstring(split.folder)).mkdirs()) {
+    if (split.hasFolder && File(std::wstring(split.folder)).mkdirs()) {
       OpenForRecording(io, path, drv);
     } else {
       errno = ENOENT;

@@ -2,11 +2,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <utility>
 
 #include "cms/recording/internal/record_bytes.h"
 #include "cms/recording/recording_names.h"
 #include "cms/runtime/clock.h"
+#include "cms/runtime/log.h"
+#include "cms/runtime/native_path.h"
 
 namespace cms {
 namespace {
@@ -17,6 +20,12 @@ constexpr std::uint64_t kSilentMilliseconds = 10'000;   // no frame for so long:
 constexpr std::uint64_t kKeylessMilliseconds = 10'000;  // no key frame for so long: likewise
 constexpr unsigned kBackedUp = 4;  // jobs that wait: handing over small buffers would not help
 constexpr unsigned kRoomToResume = DiskBuffers::kOwn - RecordingDisk::kReserved;
+
+void LogDisk(LogLevel level, const std::wstring& path, const char* what) {
+  if (IsLogged(level)) {
+    Log(level, "disk", NativePath(path) + ": " + what);
+  }
+}
 
 }  // namespace
 
@@ -227,8 +236,11 @@ bool RecordingSeries::HasRoom(std::uint64_t length, bool begins) {
   if (!room && !stalled_) {
     ++status_.failures;
     status_.lastError = ETIMEDOUT;
+    LogDisk(LogLevel::kError, target_.path,
+            "the disk does not keep up, frames are dropped; it is too slow or hangs");
   } else if (room && stalled_) {
     ++status_.resumptions;
+    LogDisk(LogLevel::kInfo, target_.path, "the disk takes frames again");
   }
   stalled_ = !room;
   status_.error = room ? 0 : ETIMEDOUT;
@@ -254,7 +266,9 @@ void RecordingSeries::Add(std::span<const std::span<const std::uint8_t>> blocks,
       if (frames_.Room() == 0) {  // a frame larger than the buffer
         MemoryRecordToFile(false);
       }
-      rest = frames_.Append(rest);
+      const auto place = frames_.Extend(rest.size());
+      std::memcpy(place.data(), rest.data(), place.size());
+      rest = rest.subspan(place.size());
     }
   }
 }
@@ -280,7 +294,8 @@ void RecordingSeries::AddIndex(DrvIdx record) {
     MemoryIdxToFile(false);
   }
   record.offset -= static_cast<std::uint32_t>(open_.begin);
-  index_.Append(BytesOf(record));
+  const auto bytes = BytesOf(record);
+  std::memcpy(index_.Extend(bytes.size()).data(), bytes.data(), bytes.size());
 }
 
 void RecordingSeries::Flush(std::uint32_t age) {
@@ -403,6 +418,8 @@ RecordingStatus RecordingSeries::Status() const {
     status.lastError = status.lastError != 0 ? status.lastError : counts.lastError;
     status.lateRecords = counts.lateRecords;
     status.lateEvents = disk_->Tasks();
+    status.waitingJobs = disk_->Waiting();
+    status.oldestWaitingMs = disk_->OldestMilliseconds();
   }
   return status;
 }

@@ -15,7 +15,8 @@
 namespace cms {
 
 struct RecordingTarget {
-  std::wstring path;                    // a folder and the front of a name
+  std::string dataRoot;                 // empty: that of the process
+  std::wstring path;                    // a folder and the front of a name, located in the root
   std::optional<std::wstring> newPath;  // in its place from the next file on
   int sizeMiB = 0;                      // behind which a file ends
   int limit2 = 0;
@@ -34,6 +35,7 @@ struct RecordingTarget {
   std::shared_ptr<RecordingFile> FileOf(std::int64_t startTime) const {
     auto file = std::make_shared<RecordingFile>();
     file->front = path;
+    file->dataRoot = dataRoot;
     file->startTime = startTime;
     file->device = device;
     if (limit2 != 1) {

@@ -45,18 +45,21 @@ class Gaps : public testing::Test {
       }
     }
   }
-  void Connection(ConnectionState state, ConnectionFault fault = ConnectionFault::kNone) {
+  void Connection(cms::ConnectionState state,
+                  cms::ConnectionFault fault = cms::ConnectionFault::kNone) {
     sight_.connection = cms::SightOf(state, fault, sight_.connection.lastVideoTick);
   }
   // The watchdog's doing, while the camera keeps silent.
   void Reopen() {
-    Connection(ConnectionState::kWaiting, ConnectionFault::kStreamDied);
+    Connection(cms::ConnectionState::kWaiting, cms::ConnectionFault::kStreamDied);
     Pass(7, 0);
-    Connection(ConnectionState::kOpening);
+    Connection(cms::ConnectionState::kOpening);
     Pass(3, 0);
-    Connection(ConnectionState::kPlaying);
+    Connection(cms::ConnectionState::kPlaying);
   }
-  cms::Moment Now() const { return {100'000 + passed_ * 100, 1'000 + std::int64_t(passed_) / 10}; }
+  cms::Moment Now() const {
+    return {100'000 + passed_ * 100, 1'000 + set_ + std::int64_t(passed_) / 10};
+  }
   static std::vector<Row> Rows() {
     std::vector<Row> rows;
     for (const cms::GapRow& row : cms::ReadGapLog(0).rows) {
@@ -69,13 +72,14 @@ class Gaps : public testing::Test {
     sight_.armed = true;
     sight_.wanted = true;
     sight_.alwaysWanted = true;
-    Connection(ConnectionState::kPlaying);
+    Connection(cms::ConnectionState::kPlaying);
   }
 
   test::WorkFolder folder_;
   cms::SiteGaps gaps_;
   cms::RecordingSight sight_;
   std::uint64_t passed_ = 0;
+  std::int64_t set_ = 0;  // by so much the clock was
   int sinceFrame_ = 0;
 };
 
@@ -111,9 +115,9 @@ TEST_F(Gaps, ASlowStreamIsNoGapAndItsOwnSilenceIs) {
 
 TEST_F(Gaps, TheCauseMayChangeAndThePartsDoNotOverlap) {
   Pass(100, 1);
-  Connection(ConnectionState::kWaiting, ConnectionFault::kClosedByCamera);
+  Connection(cms::ConnectionState::kWaiting, cms::ConnectionFault::kClosedByCamera);
   Pass(50, 0);
-  Connection(ConnectionState::kPlaying);
+  Connection(cms::ConnectionState::kPlaying);
   sight_.recording.state = cms::RecordingState::kWaitingForKeyFrame;
   Pass(50, 1, false);  // frames, but no key frame among them
   Pass(100, 0);        // then not even these
@@ -133,6 +137,27 @@ TEST_F(Gaps, TheCauseMayChangeAndThePartsDoNotOverlap) {
   }
 }
 
+TEST_F(Gaps, AClockThatIsSetMakesNoneLonger) {
+  Pass(100, 1);
+  Pass(100, 0);
+  set_ = 100'000;  // while one lasts: it goes on by the new time
+  Pass(50, 0);
+  Pass(100, 1);
+  set_ = 50'000;  // while all is well, and shortly before one begins
+  Pass(10, 1);
+  set_ = 90'000;
+  Pass(100, 0);
+  set_ = 70'000;
+  Pass(50, 1);
+  std::int64_t whole = 0;
+  for (const Row& row : Rows()) {
+    EXPECT_GE(row.to, row.from);
+    whole += row.to - row.from;
+  }
+  EXPECT_EQ(Rows().size(), 4u);
+  EXPECT_NEAR(static_cast<double>(whole), 25, 3);
+}
+
 TEST_F(Gaps, WhatIsNotWantedIsNone) {
   sight_.alwaysWanted = false;
   Pass(50, 1);
@@ -141,7 +166,7 @@ TEST_F(Gaps, WhatIsNotWantedIsNone) {
   sight_.wanted = true;
   Pass(50, 1);
   EXPECT_THAT(Rows(), IsEmpty());
-  Connection(ConnectionState::kPaused);
+  Connection(cms::ConnectionState::kPaused);
   Pass(50, 0);
   sight_.wanted = false;
   Pass(50, 0);

@@ -8,22 +8,33 @@
 
 #include "cms/live/media/codec_id.h"
 #include "cms/live/media/frame_header.h"
+#include "cms/live/media/internal/adts.h"
+#include "cms/live/media/internal/fisheye_picture.h"
 #include "cms/playback/clip/internal/clip_writer.h"
 #include "cms/playback/clip/internal/frame_times.h"
 #include "cms/playback/clip/internal/picture_decoder.h"
 #include "cms/playback/clip/internal/picture_order.h"
 #include "cms/playback/clip/internal/presentation_order.h"
 #include "cms/playback/clip/internal/recording_frames.h"
-#include "cms/streaming/stream_probes.h"
+#include "cms/playback/clip/internal/view_encoder.h"
 
 namespace cms {
 namespace {
 
-ClipAudio AudioOf(const RecordedFrame& frame) {
+ClipAudio AudioOf(const RecordedFrame& frame, std::span<const std::uint8_t> payload) {
   AudioFormatDescriptor format;
   std::memcpy(&format, frame.frame.header.Bytes().subspan(16).data(), sizeof(format));
-  return {format.codecId, static_cast<int>(std::min<std::uint32_t>(format.sampleRate, 1'000'000)),
-          format.channels};
+  ClipAudio audio;
+  audio.codecId = format.codecId;
+  audio.sampleRate = static_cast<int>(std::min<std::uint32_t>(format.sampleRate, 1'000'000));
+  audio.channels = format.channels;
+  if (audio.codecId == CMS_CODEC_AAC) {
+    if (const auto unit = ReadAdtsFrame(payload)) {
+      audio.config = AudioSpecificConfigOf(unit->format);
+      audio.sampleRate = static_cast<int>(unit->format.SampleRate());
+    }
+  }
+  return audio;
 }
 
 std::string NameOf(const ClipAudio& audio) {
@@ -35,6 +46,8 @@ std::string NameOf(const ClipAudio& audio) {
     case CMS_CODEC_PCM_S16LE:
     case CMS_CODEC_PCM_S16BE:
       return "L16";
+    case CMS_CODEC_AAC:
+      return "AAC without its header";
     default:
       return "codec " + std::to_string(audio.codecId);
   }
@@ -48,13 +61,15 @@ struct Beginning {
   int height = 0;
   int chromaFormat = 1;
   int bitDepth = 8;
+  bool fullRange = false;
   std::optional<ClipAudio> audio;
   std::int64_t first = 0;
   int reordering = 0;  // of pictures, as PresentationOrder takes it
 };
 
-void TryKeyFrame(std::span<const std::uint8_t> payload, Beginning& beginning) {
-  beginning.video = CodecOfVideoType(VideoTypeOf(payload));
+void TryKeyFrame(RecordingFrames& frames, const RecordedFrame& frame, Beginning& beginning) {
+  const auto payload = frames.Payload(frame);
+  beginning.video = CodecOfVideoType(frames.VideoType(frame));
   beginning.keyFrame.assign(payload.begin(), payload.end());
   PictureDecoder decoder(beginning.video);
   decoder.Decode(payload);
@@ -64,6 +79,7 @@ void TryKeyFrame(std::span<const std::uint8_t> payload, Beginning& beginning) {
     beginning.height = picture->height;
     beginning.chromaFormat = decoder.ChromaFormat();
     beginning.bitDepth = decoder.BitDepth();
+    beginning.fullRange = IsFullRange(*picture);
     beginning.reordering = decoder.Reordering();
   }
 }
@@ -87,11 +103,13 @@ Beginning LookAhead(const RecordingSource& source, const ExportProgress& progres
       break;
     }
     if (frame->audio) {
-      beginning.audio = beginning.audio ? beginning.audio : AudioOf(*frame);
+      if (!beginning.audio) {
+        beginning.audio = AudioOf(*frame, frames.Payload(*frame));
+      }
       continue;
     }
     if (frame->key && beginning.width == 0 && refused < kUndecodable) {
-      TryKeyFrame(frames.Payload(*frame), beginning);
+      TryKeyFrame(frames, *frame, beginning);
       refused += beginning.width == 0 ? 1 : 0;
       beginning.first = frame->Seconds();
       order = beginning.width == 0 ? nullptr : std::make_unique<PictureOrder>(beginning.video);
@@ -106,7 +124,8 @@ Beginning LookAhead(const RecordingSource& source, const ExportProgress& progres
                              std::string(frames.OtherFrames() != 0 ? " of that stream" : ""));
   }
   if (beginning.width == 0) {
-    throw std::runtime_error("its pictures are neither H.264 nor MJPEG nor MPEG-4, or damaged");
+    throw std::runtime_error(
+        "its pictures are neither H.264 nor H.265 nor MJPEG nor MPEG-4, or damaged");
   }
   return beginning;
 }
@@ -117,6 +136,7 @@ class ClipExport {
              const Beginning& beginning)
       : video_(beginning.video),
         frames_(options.source, progress),
+        views_(ViewsOf(options.source, beginning)),
         writer_(options.path, FormatOf(options, beginning)),
         order_(beginning.reordering),
         firstSound_(beginning.audio) {
@@ -134,6 +154,10 @@ class ClipExport {
     WriteReady();
     order_.End();
     WriteOrdered();
+    if (views_) {
+      views_->End();
+      WriteViews();
+    }
     writer_.Finish();
     result_.duration = writer_.Duration();
     result_.skippedBytes = frames_.SkippedBytes();
@@ -144,13 +168,11 @@ class ClipExport {
 
  private:
   ClipFormat FormatOf(const ExportOptions& options, const Beginning& beginning) {
-    if (beginning.audio && TakesAudio(options.container, *beginning.audio)) {
+    if (beginning.audio && SoundIn(options.container, *beginning.audio) != ClipSound::kLeftOut) {
       audio_ = beginning.audio;
     } else if (beginning.audio) {
-      result_.notes.push_back("the sound (" + NameOf(*beginning.audio) + ") was left out: " +
-                              (options.container == ClipContainer::kMp4
-                                   ? "MP4 has no place for it; .mkv may have"
-                                   : "Matroska has no place for it"));
+      result_.notes.push_back("the sound (" + NameOf(*beginning.audio) +
+                              ") was left out: it cannot be decoded");
     }
     result_.audio = audio_.has_value();
     ClipFormat format;
@@ -161,9 +183,39 @@ class ClipExport {
     format.chromaFormat = beginning.chromaFormat;
     format.bitDepth = beginning.bitDepth;
     format.keyFrame = beginning.keyFrame;
+    if (views_) {
+      format.video = CMS_CODEC_H264;
+      format.width = views_->Width();
+      format.height = views_->Height();
+      format.chromaFormat = 1;
+      format.bitDepth = 8;
+      format.keyFrame = views_->ParameterSets();
+    }
     format.audio = audio_;
     format.begin = beginning.first;
     return format;
+  }
+
+  // Nothing when the pictures go into the clip as the camera made them.
+  static std::unique_ptr<ViewEncoder> ViewsOf(const RecordingSource& source,
+                                              const Beginning& beginning) {
+    if (!source.fisheye.Dewarps()) {
+      return nullptr;
+    }
+    ViewFormat format;
+    format.codec = beginning.video;
+    format.fisheye = source.fisheye;
+    format.width = source.viewWidth > 0 ? source.viewWidth : beginning.width;
+    format.height = source.viewHeight > 0 ? source.viewHeight : beginning.height;
+    format.fullRange = beginning.fullRange;
+    return std::make_unique<ViewEncoder>(format);
+  }
+
+  void WriteViews() {
+    while (const auto view = views_->Next()) {
+      writer_.WriteVideo(view->bytes, view->times, view->key);
+      ++result_.frames;
+    }
   }
 
   void WriteReady() {
@@ -192,30 +244,39 @@ class ClipExport {
   void WriteVideo(const TimedFrame& next, std::int64_t decodingTime) {
     const auto payload = frames_.Payload(next.frame);
     if (next.frame.key) {
-      foreign_ = CodecOfVideoType(VideoTypeOf(payload)) != video_;
+      foreign_ = CodecOfVideoType(frames_.VideoType(next.frame)) != video_;
     }
-    begin_ = result_.frames == 0 ? next.time : begin_;
-    if (foreign_ || next.time < begin_) {
+    if (!foreign_) {
+      begin_ = begin_.value_or(next.time);
+    }
+    if (foreign_ || next.time < *begin_) {
       foreignFrames_ += foreign_ ? 1 : 0;
       result_.skippedFrames += foreign_ ? 0 : 1;  // needs what came in front of the first
       return;
     }
-    writer_.WriteVideo(payload, {decodingTime, next.time, next.interval}, next.frame.key);
-    result_.first = result_.frames == 0 ? next.frame.Seconds() : result_.first;
+    result_.first = result_.last == 0 ? next.frame.Seconds() : result_.first;
     result_.last = next.frame.Seconds();
-    ++result_.frames;
+    const PictureTimes times{decodingTime, next.time, next.interval};
+    if (views_) {
+      views_->Add(payload, times);
+      WriteViews();
+    } else {
+      writer_.WriteVideo(payload, times, next.frame.key);
+      ++result_.frames;
+    }
   }
 
   void WriteAudio(const TimedFrame& next) {
     if (result_.frames == 0) {
       return;
     }
-    const ClipAudio own = AudioOf(next.frame);
+    const auto payload = frames_.Payload(next.frame);
+    const ClipAudio own = AudioOf(next.frame, payload);
     if (!firstSound_ || !(own == *firstSound_)) {
       otherSound_ = own;
       ++otherBlocks_;
     } else if (audio_) {
-      writer_.WriteAudio(frames_.Payload(next.frame), next.time);
+      writer_.WriteAudio(payload, next.time, next.told);
     }
   }
 
@@ -239,11 +300,12 @@ class ClipExport {
   std::optional<ClipAudio> audio_;
   ExportResult result_;
   RecordingFrames frames_;
+  const std::unique_ptr<ViewEncoder> views_;
   ClipWriter writer_;
   FrameTimes times_;
   std::optional<PictureOrder> numbers_;  // where pictures are shown in another order
   PresentationOrder order_;
-  std::int64_t begin_ = 0;  // of the first picture written
+  std::optional<std::int64_t> begin_;  // of the first picture
   bool foreign_ = false;
   std::uint64_t foreignFrames_ = 0;
   const std::optional<ClipAudio> firstSound_;

@@ -22,6 +22,26 @@ constexpr std::uint64_t kReserveStep = 64 << 20;
 
 }  // namespace
 
+// What was written, from the beginning on.
+struct ClipFile::Reader {
+  FileIo& io;
+  const int handle;
+  std::uint64_t position = 0;
+
+  int Read(std::uint8_t* bytes, std::size_t size) {
+    const std::size_t got = io.ReadAllAt(handle, bytes, size, position);
+    position += got;
+    return got != 0 ? static_cast<int>(got) : AVERROR_EOF;
+  }
+  std::int64_t Seek(std::int64_t offset, int whence) {
+    if (whence != SEEK_SET || offset < 0) {
+      return AVERROR(EINVAL);
+    }
+    position = static_cast<std::uint64_t>(offset);
+    return offset;
+  }
+};
+
 void ClipFile::FreeContext::operator()(AVIOContext* context) const {
   av_freep(&context->buffer);
   avio_context_free(&context);
@@ -31,7 +51,7 @@ ClipFile::ClipFile(const std::string& path)
     : path_(path),
       part_(path + ".part"),
       io_(SystemFileIo()),
-      file_(io_, part_, kFileWrite | kFileCreate | kFileTruncate) {
+      file_(io_, part_, kFileRead | kFileWrite | kFileCreate | kFileTruncate) {
   Check(file_ ? 0 : AVERROR(errno));
   // Bytes to write are const for some releases of the muxer.
   context_.reset(avio_alloc_context(
@@ -63,6 +83,38 @@ ClipFile::~ClipFile() {
   if (!kept_) {
     io_.Remove(part_);
   }
+}
+
+void ClipFile::Attach(AVFormatContext& muxer) {
+  muxer.pb = context_.get();
+  muxer.opaque = this;
+  muxer.io_open = [](AVFormatContext* self, AVIOContext** reader, const char*, int,
+                     AVDictionary**) {
+    *reader = static_cast<ClipFile*>(self->opaque)->MakeReader();
+    return *reader != nullptr ? 0 : AVERROR(ENOMEM);
+  };
+  muxer.io_close2 = [](AVFormatContext*, AVIOContext* reader) {
+    delete static_cast<Reader*>(reader->opaque);
+    FreeContext()(reader);
+    return 0;
+  };
+}
+
+AVIOContext* ClipFile::MakeReader() {
+  std::unique_ptr<Reader> reader(new Reader{io_, file_.Handle()});
+  AVIOContext* const made = avio_alloc_context(
+      static_cast<unsigned char*>(av_malloc(kBufferSize)), kBufferSize, 0, reader.get(),
+      [](void* self, std::uint8_t* bytes, int size) {
+        return static_cast<Reader*>(self)->Read(bytes, static_cast<std::size_t>(size));
+      },
+      nullptr,
+      [](void* self, std::int64_t offset, int whence) {
+        return static_cast<Reader*>(self)->Seek(offset, whence);
+      });
+  if (made != nullptr) {
+    static_cast<void>(reader.release());  // io_close2 deletes it
+  }
+  return made;
 }
 
 void ClipFile::Check(int result) const {

@@ -2,7 +2,7 @@
 #pragma once
 
 extern "C" {
-#include <libavformat/avio.h>
+#include <libavformat/avformat.h>
 }
 
 #include <array>
@@ -31,9 +31,10 @@ class ClipFile {
   ClipFile(const ClipFile&) = delete;
   ClipFile& operator=(const ClipFile&) = delete;
 
-  AVIOContext* Context() { return context_.get(); }  // owned by this
-  void Check(int result) const;                      // throws of a result below 0
-  void Keep();                                       // nothing may be written behind it
+  // Makes the muxer write here, and read here what it wrote, where it moves that at the end.
+  void Attach(AVFormatContext& muxer);
+  void Check(int result) const;  // throws of a result below 0
+  void Keep();                   // nothing may be written behind it
 
  private:
   struct FreeContext {
@@ -42,6 +43,8 @@ class ClipFile {
 
   static constexpr std::size_t kPieces = 8;
 
+  struct Reader;
+  AVIOContext* MakeReader();
   int Write(const std::uint8_t* bytes, std::size_t size);
   std::int64_t Seek(std::int64_t offset, int whence);
   int HandOver();

@@ -8,11 +8,14 @@ extern "C" {
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 #include <vector>
 
+#include "cms/live/media/internal/adts.h"
 #include "cms/live/media/internal/codec_map.h"
-#include "cms/playback/clip/internal/avc_units.h"
 #include "cms/playback/clip/internal/clip_file.h"
+#include "cms/playback/clip/internal/file_units.h"
+#include "cms/playback/clip/internal/sound_encoder.h"
 #include "cms/recording/database_reader.h"
 
 namespace cms {
@@ -26,20 +29,16 @@ namespace {
 
 constexpr AVRational kMicroseconds{1, 1'000'000};
 constexpr AVRational kVideoClock{1, 90'000};
+constexpr std::uint32_t kHvc1 = MKTAG('h', 'v', 'c', '1');
+constexpr int kSoundTolerance = 50;  // parts of a second that sound may be off its time
 
-AVCodecID AudioCodec(std::uint32_t codecId) {
-  switch (codecId) {
-    case CMS_CODEC_PCM_MULAW:
-      return AV_CODEC_ID_PCM_MULAW;
-    case CMS_CODEC_PCM_ALAW:
-      return AV_CODEC_ID_PCM_ALAW;
-    case CMS_CODEC_PCM_S16LE:
-      return AV_CODEC_ID_PCM_S16LE;
-    case CMS_CODEC_PCM_S16BE:
-      return AV_CODEC_ID_PCM_S16BE;
-    default:
-      return AV_CODEC_ID_NONE;
-  }
+AVCodecID SoundCodecOf(const ClipAudio& audio) {
+  return ToLibraryCodec(static_cast<CMSCodecID>(audio.codecId));
+}
+
+// Of PCM and the logarithmic codecs.
+bool HasPlainSamples(const ClipAudio& audio) {
+  return av_get_exact_bits_per_sample(SoundCodecOf(audio)) >= 8;
 }
 
 const char* MuxerOf(ClipContainer container) {
@@ -54,8 +53,15 @@ void SetExtradata(AVCodecParameters& parameters, std::span<const std::uint8_t> b
   av_freep(&parameters.extradata);
   parameters.extradata =
       static_cast<std::uint8_t*>(av_mallocz(bytes.size() + AV_INPUT_BUFFER_PADDING_SIZE));
+  if (parameters.extradata == nullptr) {
+    throw std::bad_alloc();
+  }
   std::memcpy(parameters.extradata, bytes.data(), bytes.size());
   parameters.extradata_size = static_cast<int>(bytes.size());
+}
+
+std::span<const std::uint8_t> Extradata(const AVCodecParameters& parameters) {
+  return {parameters.extradata, static_cast<std::size_t>(parameters.extradata_size)};
 }
 
 // The parameter sets of a key frame, as the container's header wants them: the filter tells what it
@@ -86,13 +92,19 @@ void ReadParameterSets(std::span<const std::uint8_t> frame, AVCodecParameters& p
 
 }  // namespace
 
-bool TakesAudio(ClipContainer container, const ClipAudio& audio) {
-  const AVCodecID codec = AudioCodec(audio.codecId);
-  const AVOutputFormat* format = av_guess_format(MuxerOf(container), nullptr, nullptr);
+ClipSound SoundIn(ClipContainer container, const ClipAudio& audio) {
+  if (audio.codecId == CMS_CODEC_AAC) {
+    return audio.config != decltype(audio.config){} ? ClipSound::kCopied : ClipSound::kLeftOut;
+  }
   // Matroska's own list lacks what it takes over from WAV.
-  return codec != AV_CODEC_ID_NONE && audio.sampleRate > 0 && audio.channels > 0 &&
-         (avformat_query_codec(format, codec, FF_COMPLIANCE_NORMAL) == 1 ||
-          (format->codec_tag != nullptr && av_codec_get_tag(format->codec_tag, codec) != 0));
+  const AVOutputFormat* format = av_guess_format(MuxerOf(container), nullptr, nullptr);
+  const bool place = format->codec_tag != nullptr && HasPlainSamples(audio) &&
+                     av_codec_get_tag(format->codec_tag, SoundCodecOf(audio)) != 0;
+  if (container == ClipContainer::kMatroska && place && audio.sampleRate > 0 &&
+      audio.channels > 0) {
+    return ClipSound::kCopied;
+  }
+  return SoundEncoder::Knows(audio) ? ClipSound::kEncoded : ClipSound::kLeftOut;
 }
 
 struct ClipWriter::State {
@@ -107,14 +119,20 @@ struct ClipWriter::State {
   std::int64_t begin = -1;                // microseconds
   std::int64_t end = 0;                   // of the last picture, from `begin` on
   std::optional<std::int64_t> lastVideo;  // decoding, in the stream's units
-  std::int64_t samples = -1;  // of audio, up to which it was written; -1 before the first block
-  int sampleBytes = 1;        // of all channels
-  bool lengths = false;       // units of video carry theirs instead of start codes
+  std::int64_t samples = -1;    // of audio, up to which it was written; -1 before the first block
+  std::int64_t lastSound = -1;  // the first sample of the last block
+  int sampleBytes = 0;          // of all channels, where samples have any
+  std::unique_ptr<SoundEncoder> encoder;  // of sound that is not copied
+  bool lengths = false;                   // units of video carry theirs instead of start codes
   std::vector<std::uint8_t> scratch;
 
   void Check(int result) const { file.Check(result); }
   void AddVideo(const ClipFormat& format);
-  void AddAudio(const ClipAudio& audio);
+  void UseLengths(const std::vector<std::uint8_t>& configuration);
+  void AddAudio(ClipContainer container, const ClipAudio& audio);
+  int Rate() const { return audio->codecpar->sample_rate; }  // what `samples` counts by
+  std::int64_t WriteBlock(std::span<const std::uint8_t> block);
+  void WriteEncoded();
   struct Times {  // in the stream's units
     std::int64_t decoding = 0;
     std::int64_t presentation = 0;
@@ -136,26 +154,43 @@ void ClipWriter::State::AddVideo(const ClipFormat& format) {
     ReadParameterSets(format.keyFrame, parameters);
   }
   if (format.video == CMS_CODEC_H264) {
-    // The muxers could make lengths of start codes as well; this is several times as fast.
-    const auto record = AvcConfiguration(
-        {parameters.extradata, static_cast<std::size_t>(parameters.extradata_size)},
-        format.chromaFormat, format.bitDepth);
-    lengths = !record.empty();
-    if (lengths) {
-      SetExtradata(parameters, record);
-    }
+    UseLengths(AvcConfiguration(Extradata(parameters), format.chromaFormat, format.bitDepth));
+  } else if (format.video == CMS_CODEC_H265) {
+    UseLengths(HevcConfiguration(Extradata(parameters), format.chromaFormat, format.bitDepth));
+    // The name that all players take. The parameter sets stay in the pictures as well, for a camera
+    // that changes them.
+    parameters.codec_tag = format.container == ClipContainer::kMp4 && lengths ? kHvc1 : 0;
   }
 }
 
-void ClipWriter::State::AddAudio(const ClipAudio& wanted) {
+// The muxers could make lengths of start codes as well; this is several times as fast.
+void ClipWriter::State::UseLengths(const std::vector<std::uint8_t>& configuration) {
+  lengths = !configuration.empty();
+  if (lengths) {
+    SetExtradata(*video->codecpar, configuration);
+  }
+}
+
+void ClipWriter::State::AddAudio(ClipContainer container, const ClipAudio& wanted) {
   audio = avformat_new_stream(context, nullptr);
   Check(audio == nullptr ? AVERROR(ENOMEM) : 0);
-  audio->time_base = {1, wanted.sampleRate};
   AVCodecParameters& parameters = *audio->codecpar;
+  if (SoundIn(container, wanted) == ClipSound::kEncoded) {
+    encoder = std::make_unique<SoundEncoder>(wanted);
+    Check(avcodec_parameters_from_context(&parameters, &encoder->Context()));
+    audio->time_base = {1, encoder->Rate()};
+    return;
+  }
+  audio->time_base = {1, wanted.sampleRate};
   parameters.codec_type = AVMEDIA_TYPE_AUDIO;
-  parameters.codec_id = AudioCodec(wanted.codecId);
+  parameters.codec_id = SoundCodecOf(wanted);
   parameters.sample_rate = wanted.sampleRate;
   av_channel_layout_default(&parameters.ch_layout, wanted.channels);
+  if (wanted.codecId == CMS_CODEC_AAC) {
+    parameters.frame_size = kAacUnitSamples;
+    SetExtradata(parameters, wanted.config);
+    return;
+  }
   parameters.bits_per_coded_sample = av_get_bits_per_sample(parameters.codec_id);
   sampleBytes = parameters.bits_per_coded_sample / 8 * wanted.channels;
   parameters.block_align = sampleBytes;
@@ -180,18 +215,20 @@ ClipWriter::ClipWriter(const std::string& path, const ClipFormat& format)
   State& state = *state_;
   state.Check(avformat_alloc_output_context2(&state.context, nullptr, MuxerOf(format.container),
                                              path.c_str()));
-  state.context->pb = state.file.Context();
+  state.file.Attach(*state.context);
   // Times of decoding may lie in front of the beginning: those of presentation do not.
   state.context->avoid_negative_ts = AVFMT_AVOID_NEG_TS_DISABLED;
   state.AddVideo(format);
   if (format.audio) {
-    state.AddAudio(*format.audio);
+    state.AddAudio(format.container, *format.audio);
   }
   const std::string begin =
       format.begin == 0 ? "1970-01-01T00:00:00Z" : TextOfRecordTime(format.begin);
   av_dict_set(&state.context->metadata, "creation_time", begin.c_str(), 0);
   AVDictionary* muxing = nullptr;
   av_dict_set(&muxing, "write_crc32", "0", 0);  // Matroska's, which would take half of the time
+  // MP4's index in front, so that a player over a network begins at once.
+  av_dict_set(&muxing, "movflags", "faststart", 0);
   const int written = avformat_write_header(state.context, &muxing);
   av_dict_free(&muxing);
   state.Check(written);
@@ -223,25 +260,69 @@ void ClipWriter::WriteVideo(std::span<std::uint8_t> frame, const PictureTimes& t
   state.Write(stream, written, at, key || stream.codecpar->codec_id == AV_CODEC_ID_MJPEG);
 }
 
-void ClipWriter::WriteAudio(std::span<const std::uint8_t> block, std::int64_t time) {
+void ClipWriter::WriteAudio(std::span<const std::uint8_t> block, std::int64_t time, bool told) {
   State& state = *state_;
-  const int rate = state.audio->codecpar->sample_rate;
+  const int rate = state.Rate();
   const std::int64_t arrived = av_rescale(time - state.begin, rate, kMicroseconds.den);
-  // Blocks follow each other without a seam, unless they stayed away.
-  const std::int64_t tolerance = rate / 2;
-  if (state.samples < 0 || arrived > state.samples + tolerance) {
-    state.samples = std::max(state.samples, arrived);
+  // Blocks follow each other without a seam, unless they stayed away, or have left their times: the
+  // clocks of pictures and of sound part by a second in an hour.
+  const std::int64_t off = arrived - state.samples;
+  if (told && state.samples < 0 && arrived < 0) {
+    return;  // in front of the first picture
   }
-  AVStream& stream = *state.audio;
-  const std::int64_t count = static_cast<std::int64_t>(block.size()) / state.sampleBytes;
-  const AVRational clock{1, rate};
-  const std::int64_t at = av_rescale_q(state.samples, clock, stream.time_base);
-  state.Write(stream, block, {at, at, av_rescale_q(count, clock, stream.time_base)}, true);
-  state.samples += count;
+  if (state.samples < 0 || off > rate / 2) {
+    state.samples = std::max(state.samples, arrived);
+    if (state.encoder != nullptr) {
+      state.encoder->GoTo(state.samples);
+    }
+  } else if (told && std::abs(off) > rate / kSoundTolerance) {
+    if (state.encoder != nullptr) {
+      state.encoder->Stretch(off);
+    } else {
+      state.samples = std::max(arrived, state.lastSound + 1);
+    }
+  }
+  state.lastSound = state.samples;
+  state.samples += state.WriteBlock(block);
+}
+
+// The samples of it.
+std::int64_t ClipWriter::State::WriteBlock(std::span<const std::uint8_t> block) {
+  if (encoder != nullptr) {
+    const std::size_t added = encoder->Add(block);
+    WriteEncoded();
+    return static_cast<std::int64_t>(added);
+  }
+  std::span<const std::uint8_t> data = block;
+  std::int64_t count = kAacUnitSamples;
+  if (sampleBytes != 0) {
+    count = static_cast<std::int64_t>(block.size()) / sampleBytes;
+  } else if (const auto frame = ReadAdtsFrame(block)) {
+    data = frame->unit;
+  } else {
+    return 0;
+  }
+  const AVRational clock{1, Rate()};
+  const std::int64_t at = av_rescale_q(samples, clock, audio->time_base);
+  Write(*audio, data, {at, at, av_rescale_q(count, clock, audio->time_base)}, true);
+  return count;
+}
+
+void ClipWriter::State::WriteEncoded() {
+  const AVRational clock{1, Rate()};
+  while (const AVPacket* made = encoder->Next()) {
+    const std::int64_t at = av_rescale_q(made->pts, clock, audio->time_base);
+    Write(*audio, {made->data, static_cast<std::size_t>(made->size)},
+          {at, at, av_rescale_q(made->duration, clock, audio->time_base)}, true);
+  }
 }
 
 void ClipWriter::Finish() {
   State& state = *state_;
+  if (state.encoder != nullptr) {
+    state.encoder->End();
+    state.WriteEncoded();
+  }
   state.Check(av_write_trailer(state.context));
   state.file.Keep();
 }

@@ -1,6 +1,7 @@
-// ClipWriter: encoded frames into an MP4 or Matroska file, as they are.
+// ClipWriter: encoded frames into an MP4 or Matroska file, as they are, with their sound.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -16,6 +17,7 @@ struct ClipAudio {
   std::uint32_t codecId = 0;  // CMSCodecID
   int sampleRate = 0;
   int channels = 0;
+  std::array<std::uint8_t, 2> config{};  // AAC's AudioSpecificConfig; zeros: no block told it
   bool operator==(const ClipAudio&) const = default;
 };
 
@@ -39,8 +41,10 @@ struct ClipFormat {
   std::int64_t begin = 0;  // seconds since 1970-01-01 UTC, for the file's creation time
 };
 
-// Whether the container has a place for such sound.
-bool TakesAudio(ClipContainer container, const ClipAudio& audio);
+// What becomes of such sound in a container: AAC goes into both as it is, and into Matroska what it
+// has a place for; the rest is made AAC.
+enum class ClipSound { kCopied, kEncoded, kLeftOut };
+ClipSound SoundIn(ClipContainer container, const ClipAudio& audio);
 
 // Writes "<path>.part", which Finish renames to `path`; without Finish it is removed. Everything
 // throws std::runtime_error with the path. One thread at a time.
@@ -53,8 +57,9 @@ class ClipWriter {
 
   // The first picture's presentation is the beginning of the file. Its bytes are changed.
   void WriteVideo(std::span<std::uint8_t> frame, const PictureTimes& times, bool key);
-  // Times in microseconds; they grow.
-  void WriteAudio(std::span<const std::uint8_t> block, std::int64_t time);
+  // Times in microseconds; they grow. Blocks that cannot be used are passed over. `told`: the time
+  // is exact, see TimedFrame; sound that has drifted from its times follows them.
+  void WriteAudio(std::span<const std::uint8_t> block, std::int64_t time, bool told);
 
   void Finish();
   double Duration() const;  // seconds of video

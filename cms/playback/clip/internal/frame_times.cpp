@@ -6,6 +6,7 @@ namespace cms {
 namespace {
 
 constexpr std::int64_t kSecond = 1'000'000;
+constexpr std::size_t kNone = SIZE_MAX;
 constexpr std::int64_t kMostPictures = 10'000;  // in a second; beyond, a new one begins
 
 // What the header says of the camera's frame rate.
@@ -36,7 +37,7 @@ void FrameTimes::Add(RecordedFrame frame) {
       }
       continues = second == last + 1;
     }
-    seconds_.push_back({second, 0, continues, {}});
+    seconds_.push_back({second, 0, continues, shift_, {}});
     if (seconds_.size() > 2) {
       Release();
     }
@@ -69,13 +70,23 @@ void FrameTimes::Release() {
     interval = std::min(even, IntervalOf(second.frames.front()));
   }
   lastInterval_ = interval;
+  std::size_t before = kNone;  // where the picture in front is
   for (RecordedFrame& frame : second.frames) {
     const bool audio = frame.audio;
-    ready_.push_back({std::move(frame), audio ? lastTime_ : time, interval});
-    if (!audio) {
-      lastTime_ = time;
-      time += interval;
+    const auto told = frame.frame.header.TimeUs();
+    const std::int64_t at = told ? *told + second.shift * kSecond : audio ? lastTime_ : time;
+    ready_.push_back({std::move(frame), at, interval, told.has_value()});
+    if (audio) {
+      continue;
     }
+    TimedFrame& picture = ready_.back();
+    picture.time = std::max(at, lastTime_ + 1);
+    if (before != kNone && told) {
+      ready_[before].interval = picture.time - ready_[before].time;
+    }
+    before = ready_.size() - 1;
+    lastTime_ = picture.time;
+    time += interval;
   }
   seconds_.pop_front();
 }

@@ -17,7 +17,7 @@ struct PictureOrder::State {
 
   std::unique_ptr<AVCodecContext, Free> context;
   std::unique_ptr<AVCodecParserContext, Free> parser;
-  std::int64_t group = 0;    // H.264: from key frame to key frame; MPEG-4: from I or P to I or P
+  std::int64_t group = 0;    // from key frame to key frame; of MPEG-4 from I or P to I or P
   std::int64_t between = 0;  // B-frames of MPEG-4 in this group
 };
 
@@ -36,7 +36,7 @@ std::int64_t PictureOrder::Of(std::span<const std::uint8_t> picture, bool key) {
   int size = 0;
   av_parser_parse2(state.parser.get(), state.context.get(), &out, &size, picture.data(),
                    static_cast<int>(picture.size()), AV_NOPTS_VALUE, AV_NOPTS_VALUE, 0);
-  if (state.context->codec_id == AV_CODEC_ID_H264) {
+  if (state.context->codec_id == AV_CODEC_ID_H264 || state.context->codec_id == AV_CODEC_ID_HEVC) {
     // The picture order count begins anew with an IDR picture, and nothing in front of a key frame
     // is shown behind it.
     state.group += key || state.parser->key_frame == 1 ? 1 : 0;

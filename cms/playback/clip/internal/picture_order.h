@@ -10,7 +10,7 @@
 
 namespace cms {
 
-// H.264 and MPEG-4. One thread at a time.
+// H.264, H.265 and MPEG-4. One thread at a time.
 class PictureOrder {
  public:
   explicit PictureOrder(CMSCodecID codec);

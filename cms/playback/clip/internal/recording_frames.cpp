@@ -8,13 +8,18 @@
 #include <stdexcept>
 #include <utility>
 
+#include "cms/live/media/frame_header.h"
 #include "cms/live/media/input_padding.h"
 #include "cms/recording/idx_file.h"
 #include "cms/recording/recording_names.h"
 #include "cms/runtime/native_path.h"
+#include "cms/streaming/stream_probes.h"
 
 namespace cms {
 namespace {
+
+// In seconds of their times: sound lies in front of pictures whose encoder is slow, or behind them.
+constexpr std::int64_t kStreamsApart = 10;
 
 [[noreturn]] void Fail(const std::string& path, int error) {
   throw std::runtime_error(path + ": " + std::strerror(error));
@@ -35,7 +40,7 @@ std::uint64_t StartNear(int handle, const std::string& path, std::int64_t first)
     if (static_cast<std::int64_t>(record->milliseconds / 1000) + kLead >= first) {
       break;
     }
-    start = record->frame_type == kKeyFrame ? record->offset : start;
+    start = record->frameType == kKeyFrame ? record->offset : start;
   }
   std::array<std::uint8_t, kDrvHeaderSize> bytes{};
   const bool holds = io.ReadAllAt(handle, bytes.data(), bytes.size(), start) == bytes.size() &&
@@ -74,12 +79,12 @@ void RecordingFrames::OpenPart() {
   file_ = std::move(file);
   damage_ = 0;
   needsKey_ = true;
-  sharedSecondChecked_ = false;
+  takesSharedSecond_.reset();
   begun_ = part.first <= 0;
 }
 
 void RecordingFrames::ClosePart() {
-  doneBefore_ += walker_->Report().file_size;
+  doneBefore_ += walker_->Report().fileSize;
   done_ = doneBefore_;
   walker_.reset();
   file_.reset();
@@ -94,12 +99,12 @@ std::optional<DrvFrame> RecordingFrames::Walk() {
     if (report.error != 0) {
       Fail(parts_[part_ - 1].path, report.error);
     }
-    const std::uint64_t damage = std::exchange(damage_, report.skipped_bytes);
-    if (damage != report.skipped_bytes) {
+    const std::uint64_t damage = std::exchange(damage_, report.skippedBytes);
+    if (damage != report.skippedBytes) {
       needsKey_ = true;
-      skippedBytes_ += begun_ ? report.skipped_bytes - damage : 0;
+      skippedBytes_ += begun_ ? report.skippedBytes - damage : 0;
     }
-    if (!frame || (frame->payload_length != 0 && frame->payload_length <= kLargestFrame)) {
+    if (!frame || (frame->payloadLength != 0 && frame->payloadLength <= kLargestFrame)) {
       return frame;
     }
     needsKey_ = true;
@@ -123,9 +128,9 @@ bool RecordingFrames::EndsWithin(std::int64_t second, std::uint64_t offset) {
 bool RecordingFrames::StandsAlone(const DrvFrame& frame) {
   std::array<std::uint8_t, 2> begin{};
   return frame.header.IsKeyFrame() ||
-         (frame.payload_length >= begin.size() &&
+         (frame.payloadLength >= begin.size() &&
           SystemFileIo().ReadAllAt(file_->Handle(), begin.data(), begin.size(),
-                                   frame.payload_offset) == begin.size() &&
+                                   frame.payloadOffset) == begin.size() &&
           begin[0] == 0xFF && begin[1] == 0xD8);
 }
 
@@ -178,10 +183,17 @@ std::optional<RecordedFrame> RecordingFrames::Next() {
     const RecordingPart& part = parts_[part_ - 1];
     const std::int64_t second = frame->header.Seconds();
     if (second > part.last) {
-      const bool shared = part.sharesSecond && second == part.last + 1;
-      if (!shared ||
-          (!std::exchange(sharedSecondChecked_, true) && !EndsWithin(second, frame->offset))) {
+      if (second > part.last + kStreamsApart) {
         ClosePart();
+        continue;
+      }
+      if (!part.sharesSecond || second != part.last + 1) {
+        continue;
+      }
+      if (!takesSharedSecond_) {
+        takesSharedSecond_ = EndsWithin(second, frame->offset);
+      }
+      if (!*takesSharedSecond_) {
         continue;
       }
     }
@@ -195,11 +207,26 @@ std::optional<RecordedFrame> RecordingFrames::Next() {
   return frame;
 }
 
+CMSVideoType RecordingFrames::VideoType(const RecordedFrame& frame) const {
+  constexpr std::size_t kProbed = 8;
+  const auto read = [&](std::span<std::uint8_t> bytes, std::uint64_t offset) {
+    return bytes.first(
+        SystemFileIo().ReadAllAt(frame.file->Handle(), bytes.data(), bytes.size(), offset));
+  };
+  std::array<std::uint8_t, kVideoHeaderRoom> area{};
+  std::array<std::uint8_t, kProbed> front{};
+  const std::size_t length = frame.frame.payloadOffset - frame.frame.offset;
+  return VideoTypeOfKeyFrame(
+      length == area.size() ? read(area, frame.frame.offset) : std::span<std::uint8_t>(),
+      read(std::span(front).first(std::min<std::size_t>(kProbed, frame.frame.payloadLength)),
+           frame.frame.payloadOffset));
+}
+
 std::span<std::uint8_t> RecordingFrames::Payload(const RecordedFrame& frame) {
-  const std::size_t size = frame.frame.payload_length;
+  const std::size_t size = frame.frame.payloadLength;
   payload_.resize(std::max(payload_.size(), size + kInputPadding));
   if (SystemFileIo().ReadAllAt(frame.file->Handle(), payload_.data(), size,
-                               frame.frame.payload_offset) != size) {
+                               frame.frame.payloadOffset) != size) {
     throw std::runtime_error(std::string("a recording became shorter while it was read: ") +
                              std::strerror(errno == 0 ? EIO : errno));
   }

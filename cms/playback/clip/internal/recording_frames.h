@@ -9,6 +9,7 @@
 #include <span>
 #include <vector>
 
+#include "cms/live/media/codec_id.h"
 #include "cms/playback/clip/recording_export.h"
 #include "cms/recording/drv_walker.h"
 
@@ -35,6 +36,9 @@ class RecordingFrames {
 
   std::optional<RecordedFrame> Next();
 
+  // What a key frame is, by its header area or else by its bytes.
+  CMSVideoType VideoType(const RecordedFrame& frame) const;
+
   // With kInputPadding zeros behind it; valid until the next call.
   std::span<std::uint8_t> Payload(const RecordedFrame& frame);
 
@@ -57,11 +61,11 @@ class RecordingFrames {
   std::size_t part_ = 0;  // the next to open
   std::shared_ptr<const ScopedFile> file_;
   std::unique_ptr<DrvWalker> walker_;
-  bool begun_ = false;    // the first second wanted, or a later one, was met
-  bool needsKey_ = true;  // nothing that depends on others may follow
-  bool sharedSecondChecked_ = false;
-  std::uint64_t damage_ = 0;         // what the walker had skipped when it was last asked
-  std::deque<RecordedFrame> ready_;  // from a key frame on
+  bool begun_ = false;                     // the first second wanted, or a later one, was met
+  bool needsKey_ = true;                   // nothing that depends on others may follow
+  std::optional<bool> takesSharedSecond_;  // of the part that is open
+  std::uint64_t damage_ = 0;               // what the walker had skipped when it was last asked
+  std::deque<RecordedFrame> ready_;        // from a key frame on
   std::vector<std::uint8_t> payload_;
   std::uint64_t skippedBytes_ = 0;
   std::uint64_t skippedFrames_ = 0;

@@ -18,6 +18,14 @@ std::uint8_t SecondsBetween(std::uint32_t from, std::uint32_t to) {
   return static_cast<std::uint8_t>(to > from ? std::min(to - from, 255u) : 0u);
 }
 
+// The tick at which a frame was taken, as far as that is known.
+std::uint64_t TakenTick(const FrameView& frame) {
+  constexpr std::int64_t kLongestWayMs = 10'000;  // else a clock was set
+  const std::int64_t late = frame.timeUs == 0 ? 0 : (WallMicroseconds() - frame.timeUs) / 1000;
+  return frame.arrivalUs / 1000 -
+         static_cast<std::uint64_t>(late > 0 && late <= kLongestWayMs ? late : 0);
+}
+
 }  // namespace
 
 void EventRecording::SetPreAlarm(const FX_DRVRecorder& recorder, unsigned seconds, bool enabled,
@@ -53,14 +61,14 @@ void EventRecording::Keep(const FX_DRVRecorder& recorder) {
   }
 }
 
-bool EventRecording::Running::IsPast(std::uint64_t now, unsigned durationSeconds) const {
-  return now - lastMark >= std::uint64_t{durationSeconds} * 1000;
+bool EventRecording::Running::IsPast(std::uint64_t tick, unsigned durationSeconds) const {
+  return tick >= lastMark + std::uint64_t{durationSeconds} * 1000;
 }
 
 bool EventRecording::IsOver(const FX_DRVRecorder& recorder, RecordKind kind, std::uint64_t now,
-                            unsigned durationSeconds) const {
+                            std::uint64_t taken, unsigned durationSeconds) const {
   const Running& event = running_[IndexOf(kind)];
-  if (!event.own || !event.IsPast(now, durationSeconds) || !recorder.IsRunning(kind, channel_)) {
+  if (!event.own || !event.IsPast(taken, durationSeconds) || !recorder.IsRunning(kind, channel_)) {
     return false;
   }
   return event.recorded || now - event.lastMark >= kLongestGroupMs ||
@@ -71,6 +79,7 @@ EventRecording::Decision EventRecording::Decide(FX_DRVRecorder& recorder, const 
                                                 unsigned state, unsigned durationSeconds) {
   const unsigned marks = frame.marks.State() | state;
   const std::uint64_t now = frame.arrivalUs / 1000;
+  const std::uint64_t taken = TakenTick(frame);
   lastFrame_ = now;
   for (const RecordKind kind : kEventKinds) {
     Running& event = EventOf(kind);
@@ -78,16 +87,16 @@ EventRecording::Decision EventRecording::Decide(FX_DRVRecorder& recorder, const 
     const bool marked = (marks & BitOf(kind)) != 0;
     event.own = event.own && runs;
     if (marked) {
-      event.lastMark = now;
+      event.lastMark = std::max(event.lastMark, (state & BitOf(kind)) != 0 ? now : taken);
       event.due = !runs && recorder.IsStateOn(kind, channel_);
-    } else if (event.IsPast(now, durationSeconds)) {
+    } else if (event.IsPast(taken, durationSeconds)) {
       event.due = false;
     }
     if (event.due && now >= retryTick_) {
       event.own = Begin(recorder, kind, frame.seconds);
       retryTick_ = event.own ? 0 : now + kRetryMs;
     } else if (!marked && (frame.key || !kept_ || now - event.lastMark >= kLongestGroupMs) &&
-               IsOver(recorder, kind, now, durationSeconds)) {
+               IsOver(recorder, kind, now, taken, durationSeconds)) {
       recorder.Stop(kind, channel_);
     }
   }
@@ -132,7 +141,7 @@ void EventRecording::OnClock(FX_DRVRecorder& recorder, unsigned state, unsigned 
     if (Running& event = EventOf(kind); event.IsPast(now, durationSeconds)) {
       event.due = false;
     }
-    if (IsOver(recorder, kind, now, durationSeconds)) {
+    if (IsOver(recorder, kind, now, now, durationSeconds)) {
       recorder.Stop(kind, channel_);
     }
   }

@@ -14,10 +14,12 @@ namespace cms {
 
 // An event recording begins with the first frame that carries a mark of its kind, in its header or
 // in the event state, while its kind is enabled, and goes on until no frame carried one for the
-// record duration. It begins in front of that frame, at a key frame: that of the running group of
-// pictures, or the newest that is as old as the pre-alarm. So that the group is ready for the next
-// event, it ends with a key frame, and never in front of its first recorded frame. A recording that
-// cannot begin, because no file can be opened, is tried once a second while it is due.
+// record duration; what the event state says holds for the moment, so frames that were held up on
+// their way are waited for that long. It begins in front of that frame, at a key frame: that of the
+// running group of pictures, or the newest that is as old as the pre-alarm. So that the group is
+// ready for the next event, it ends with a key frame, and never in front of its first recorded
+// frame. A recording that cannot begin, because no file can be opened, is tried once a second while
+// it is due.
 //
 // Under the site's recorder lock, which the calls of the receiving thread and of the clock hold.
 class EventRecording {
@@ -64,12 +66,13 @@ class EventRecording {
     bool due = false;            // marked while its kind is on, and not begun yet
     bool recorded = false;       // a frame of it
     std::uint64_t lastMark = 0;  // tick
-    bool IsPast(std::uint64_t now, unsigned durationSeconds) const;
+    bool IsPast(std::uint64_t tick, unsigned durationSeconds) const;
   };
 
   Running& EventOf(RecordKind kind) { return running_[IndexOf(kind)]; }
+  // `taken`: of the frame in hand.
   bool IsOver(const FX::FX_DRVRecorder& recorder, RecordKind kind, std::uint64_t now,
-              unsigned durationSeconds) const;
+              std::uint64_t taken, unsigned durationSeconds) const;
   bool Begin(FX::FX_DRVRecorder& recorder, RecordKind kind, std::uint32_t seconds);
   std::uint32_t RecordKept(FX::FX_DRVRecorder& recorder);
   void Keep(const FX::FX_DRVRecorder& recorder);

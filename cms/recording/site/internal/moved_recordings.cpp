@@ -7,6 +7,7 @@
 
 #include "cms/recording/database_reader.h"
 #include "cms/recording/internal/database_maintenance.h"
+#include "cms/recording/internal/database_paths.h"
 #include "cms/recording/rec_folder_db_writer.h"
 #include "cms/recording/record_db_list_writer.h"
 #include "cms/recording/recording_names.h"
@@ -57,6 +58,7 @@ bool IsFree(const std::wstring& path) {
 }  // namespace
 
 bool MovedRecordings::Start() {
+  mover_.PassGoneFiles();
   if (!mover_.StartMove()) {
     return false;
   }
@@ -125,11 +127,33 @@ std::uint64_t MovedRecordings::Turn(std::uint64_t now) {
   return held_.empty() && moving_.empty() ? Turns::kNever : now + kLookMs;
 }
 
+// Removed by whoever keeps the disk free, and not the target taken away.
+bool MovedRecordings::IsGone(const Move& move) const {
+  return !IsThere(move.from) && !IsThere(move.to) && IsThere(FolderOf(move.to));
+}
+
+// An empty folder may have been removed since.
+void MovedRecordings::KeepFolder(const Move& move) const {
+  const std::wstring folder = FolderOf(move.to);
+  if (IsThere(move.from) && IsThere(target_) && !IsThere(folder)) {
+    CurrentFileIo().MakeDirectory(NativePath(folder));
+  }
+}
+
 void MovedRecordings::Look() {
-  while (!moving_.empty() && IsThere(moving_.front().to) && !IsThere(moving_.front().from) &&
-         TakeOver(moving_.front())) {
+  while (!moving_.empty()) {
+    Move& move = moving_.front();
+    if (IsGone(move)) {
+      moving_.pop_front();
+      continue;
+    }
+    KeepFolder(move);
+    if (!IsThere(move.to) || IsThere(move.from) || !TakeOver(move)) {
+      break;
+    }
     if (!listed_) {
-      CRecFolderDBWriter().WriterRecFolderDB(kFolderList, target_.c_str());
+      CRecFolderDBWriter().WriterRecFolderDB(
+          kFolderList, NativePath(RecordedPath(target_, dataRoot_)), dataRoot_);
       listed_ = true;
     }
     moving_.pop_front();
@@ -163,6 +187,15 @@ bool MovedRecordings::Hand(const FinishedRecording& file) {
       (!IsThere(folder) && CurrentFileIo().MakeDirectory(NativePath(folder)) != 0)) {
     return false;
   }
+  // Now, for a record whose file has gone may be dropped by others.
+  auto list = ReadRecordList(FolderOf(file.drvPath));
+  if (list.state == DatabaseState::kUnreadable) {
+    return false;
+  }
+  std::vector<RecordRow> rows = std::move(list.rows);
+  std::erase_if(rows, [name = Utf8FromWide(NameOf(file.drvPath))](const RecordRow& row) {
+    return Utf8FromWide(NameOf(WideFromUtf8(row.file))) != name;
+  });
   // A clock that was set back gives a name again, to another recording.
   std::wstring name = NameOf(file.drvPath);
   while (IsThere(folder + L"\\" + name)) {
@@ -173,24 +206,18 @@ bool MovedRecordings::Hand(const FinishedRecording& file) {
     mover_.AddMove(file.idxPath, IdxPathOf(to));
   }
   mover_.AddMove(file.drvPath, to);
-  moving_.push_back({file.drvPath, to});
+  moving_.push_back({file.drvPath, to, std::move(rows)});
   return true;
 }
 
 // A file that was continued has several records. False when it has to be tried again.
-bool MovedRecordings::TakeOver(const Move& move) const {
+bool MovedRecordings::TakeOver(Move& move) const {
   const std::wstring folder = FolderOf(move.from);
-  const std::string name = Utf8FromWide(NameOf(move.from));
-  const auto list = ReadRecordList(folder);
-  if (list.state == DatabaseState::kUnreadable) {
-    return false;
-  }
-  for (const RecordRow& row : list.rows) {
-    if (Utf8FromWide(NameOf(WideFromUtf8(row.file))) != name) {
-      continue;
-    }
+  while (!move.rows.empty()) {
+    const RecordRow& row = move.rows.front();
     FX::FX_RecordDBListWriter writer;
-    writer.SetDBListPath(FolderOf(move.to).c_str());
+    writer.SetDataRoot(dataRoot_);
+    writer.SetDBListPath(RecordedPath(FolderOf(move.to), dataRoot_).c_str());
     writer.InitialRecordDBInfo(NameOf(move.to).c_str(), WideFromUtf8(row.address).c_str(),
                                WideFromUtf8(row.siteName).c_str(), row.port);
     writer.SetRecordTime(row.start);
@@ -198,8 +225,10 @@ bool MovedRecordings::TakeOver(const Move& move) const {
     if (!writer.WriteDBInfoIntoList()) {
       return false;
     }
-    RemoveRecord(folder, NameOf(move.from));
-    MakeFolderSpan(folder);
+    if (RemoveRecord(folder, NameOf(move.from))) {
+      MakeFolderSpan(folder);
+    }
+    move.rows.erase(move.rows.begin());
   }
   return true;
 }

@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "cms/recording/database_reader.h"
 #include "cms/recording/drv_writer.h"
 #include "cms/recording/move_file_client.h"
 #include "cms/runtime/critical.h"
@@ -24,9 +25,10 @@ namespace cms {
 // the mover wait for the storage, and who calls Stop.
 class MovedRecordings final : public Turns::Member {
  public:
-  // `front` is that of the recordings' paths, "..\recordings\20240229\Rec_Site1_".
-  MovedRecordings(std::wstring target, std::wstring front)
-      : target_(std::move(target)), front_(std::move(front)) {}
+  // `front` is that of the recordings' paths, "..\recordings\20240229\Rec_Site1_"; both are located
+  // in the data root (empty: that of the process).
+  MovedRecordings(std::wstring target, std::wstring front, std::string dataRoot)
+      : target_(std::move(target)), front_(std::move(front)), dataRoot_(std::move(dataRoot)) {}
   ~MovedRecordings() { Turns::Moves().Remove(this); }
   MovedRecordings(const MovedRecordings&) = delete;
   MovedRecordings& operator=(const MovedRecordings&) = delete;
@@ -43,17 +45,21 @@ class MovedRecordings final : public Turns::Member {
   struct Move {
     std::wstring from;
     std::wstring to;
+    std::vector<RecordRow> rows;  // of the old folder's record list, still to be taken over
   };
   void PickUp();
   void PickUpFrom(const std::wstring& folder, std::vector<FinishedRecording>& files) const;
   void Look();  // makes folders, and moves the records of what has arrived
   bool Hand(const FinishedRecording& file);
-  bool TakeOver(const Move& move) const;
+  bool TakeOver(Move& move) const;
+  bool IsGone(const Move& move) const;
+  void KeepFolder(const Move& move) const;
 
   static constexpr std::size_t kMostMoving = 8;  // pairs that Stop may still have to try
 
   const std::wstring target_;
   const std::wstring front_;
+  const std::string dataRoot_;
   CLFX_MOVEFILE_Client mover_;
   CMSCritical lock_;
   std::deque<FinishedRecording> held_ CMS_GUARDED_BY(lock_);  // until their folder can be made

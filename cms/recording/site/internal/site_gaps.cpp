@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <utility>
 
 namespace cms {
@@ -89,9 +90,9 @@ bool SiteGaps::TakeFrames(const RecordingStatus& recording, bool all) {
     const std::uint64_t limit = seen_ ? kShortestGapMs : SilentLimit();
     if (all && !log_.Open() && silence.to.tick - from.tick >= limit) {
       const Cause cause = seen_.value_or(Cause{GapCause::kNoPictures});
-      log_.Begin(cause.cause, from.wall, cause.error);
+      log_.Begin(cause.cause, WallOf(from), cause.error);
     }
-    log_.End(silence.to.wall);
+    log_.End(WallOf(silence.to));
     good_ = silence.to;
   }
   silences_ = recording.silences;
@@ -100,13 +101,28 @@ bool SiteGaps::TakeFrames(const RecordingStatus& recording, bool all) {
   if (frames == 0 || recording.lastVideo.tick < begin) {
     return frames != 0;
   }
-  log_.End(recording.lastVideo.wall);
+  log_.End(WallOf(recording.lastVideo));
   good_ = recording.lastVideo;
   LearnDistance(frames, good_.tick - begin);
   return true;
 }
 
+// By today's clock, if it was set since by more than moments differ anyway.
+std::int64_t SiteGaps::WallOf(const Moment& moment) const {
+  constexpr std::int64_t kSet = 30;
+  const auto passed =
+      static_cast<std::int64_t>((now_.tick - std::min(moment.tick, now_.tick)) / 1000);
+  return std::abs(now_.wall - moment.wall - passed) <= kSet ? moment.wall : now_.wall - passed;
+}
+
 void SiteGaps::Look(const RecordingSight& sight) {
+  const Moment last = std::exchange(now_, sight.now);
+  if (const std::int64_t wall = WallOf(last); last.tick != 0 && wall != last.wall) {
+    if (const auto open = log_.Open()) {
+      log_.End(last.wall);
+      log_.Begin(open->cause, wall, open->error);
+    }
+  }
   if (!sight.armed) {
     if (std::exchange(armed_, false)) {
       TakeFrames(sight.recording, alwaysWanted_);
@@ -141,7 +157,7 @@ void SiteGaps::Look(const RecordingSight& sight) {
     const bool isOpen = log_.Open().has_value();
     const bool lasts = sight.now.tick - seenSince_ >= kLastingMs;
     if (lasts || (!isOpen && sight.now.tick - good_.tick >= kShortestGapMs)) {
-      log_.Begin(cause->cause, isOpen ? sight.now.wall : good_.wall, cause->error);
+      log_.Begin(cause->cause, isOpen ? sight.now.wall : WallOf(good_), cause->error);
     }
   }
   log_.Update(sight.now.wall);

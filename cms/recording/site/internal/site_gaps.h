@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
 
 #include "cms/recording/gap_log.h"
 #include "cms/recording/recording_status.h"
@@ -14,6 +15,7 @@ struct ConnectionSight {
   bool playing = false;
   GapCause cause = GapCause::kStreamClosed;  // while it does not play
   std::uint64_t lastVideoTick = 0;  // cms::TickMilliseconds of the last video frame that came
+  bool soundAlone = false;          // it has no video at all
 };
 
 struct RecordingSight {
@@ -30,15 +32,19 @@ struct RecordingSight {
 // cause may change. A connection that is lost, or a disk that fails, is a gap once it has been seen
 // for a second or nothing has been recorded for two; a stream that plays and brings no picture is
 // one after kSilentMs, or three times the usual distance of its frames. A hole that is over before
-// it is seen is written when its end is. One thread at a time; every call may wait for the disk.
+// it is seen is written when its end is. When the clock is set, a gap that lasts ends and goes on
+// as another one, and what was before counts by what has passed since. One thread at a time; every
+// call may wait for the disk.
 class SiteGaps {
  public:
   static constexpr std::uint64_t kSilentMs = 3'000;
 
+  void SetDataRoot(const std::string& folder) { log_.SetDataRoot(folder); }
   void SetSite(const GapSite& site) { log_.SetSite(site); }
   void Look(const RecordingSight& sight);
   bool HasWaiting() const { return log_.HasWaiting(); }
   std::optional<OpenGap> Open() const { return log_.Open(); }
+  const GapTotals& Totals() const { return log_.Totals(); }
 
  private:
   struct Cause {
@@ -53,7 +59,10 @@ class SiteGaps {
   void LearnDistance(std::uint64_t frames, std::uint64_t milliseconds);
   std::uint64_t SilentLimit() const;
 
+  std::int64_t WallOf(const Moment& moment) const;
+
   GapLogWriter log_;
+  Moment now_;  // of the look
   bool armed_ = false;
   bool alwaysWanted_ = false;       // when last looked while armed
   Moment good_;                     // until then what was wanted was recorded

@@ -7,6 +7,8 @@
 #include <thread>
 #include <utility>
 
+#include "cms/recording/data_root.h"
+#include "cms/recording/internal/database_paths.h"
 #include "cms/recording/internal/record_text.h"
 #include "cms/recording/recording_names.h"
 #include "cms/runtime/clock.h"
@@ -40,6 +42,24 @@ SiteRecording::~SiteRecording() {
   LookForGaps();
   CollectFinished();
   StopMoving();
+}
+
+void SiteRecording::SetDataRoot(const std::string& folder) {
+  recorder_.SetDataRoot(folder);
+  if (const stRecordParam param = recorder_.GetRecParam(); param.path[0] != L'\0') {
+    recorder_.SetRecParam(param);
+  }
+  {
+    ScopeLock hold(deviceLock_);
+    dataRoot_ = WholeDataRoot(folder);
+  }
+  ScopeLock turn(turning_);
+  gaps_.SetDataRoot(folder);
+}
+
+std::string SiteRecording::DataRoot() const {
+  ScopeLock hold(deviceLock_);
+  return dataRoot_;
 }
 
 void SiteRecording::SetParam(const stRecordParam& param) {
@@ -111,7 +131,8 @@ std::string SiteRecording::WhyNotStarted() const {
     return "fileSizeMiB and secondLimit are to be at least 1";
   }
   const int error = recorder_.GetRecordingStatus().lastError;
-  return NativePath(param.path) + "*: " + (error != 0 ? std::strerror(error) : "cannot be opened");
+  return PathInData(param.path, DataRoot()) +
+         "*: " + (error != 0 ? std::strerror(error) : "cannot be opened");
 }
 
 void SiteRecording::RefuseStart(std::string error) {
@@ -254,6 +275,7 @@ void SiteRecording::LookForGaps() {
   sight.alwaysWanted = IsAlwaysWanted();
   sight.recording = recorder_.GetRecordingStatus();
   sight.connection = connection_();
+  recorder_.SetSoundAlone(sight.connection.soundAlone);
   {
     ScopeLock hold(deviceLock_);
     gaps_.SetSite(site_);
@@ -261,11 +283,17 @@ void SiteRecording::LookForGaps() {
   gaps_.Look(sight);
   ScopeLock hold(gapLock_);
   gap_ = gaps_.Open();
+  totalGaps_ = gaps_.Totals();
 }
 
 std::optional<OpenGap> SiteRecording::Gap() const {
   ScopeLock hold(gapLock_);
   return gap_;
+}
+
+GapTotals SiteRecording::TotalGaps() const {
+  ScopeLock hold(gapLock_);
+  return totalGaps_;
 }
 
 // --- Finished files -----------------------------------------------------------------------------
@@ -321,8 +349,9 @@ bool SiteRecording::StartMoving(const wchar_t* target) {
   if (mover_) {
     return false;
   }
-  auto mover = std::make_unique<MovedRecordings>(std::wstring(TextOf(target)),
-                                                 std::wstring(recorder_.GetRecParam().path));
+  const std::string root = DataRoot();
+  auto mover = std::make_unique<MovedRecordings>(
+      LocatedInData(TextOf(target), root), LocatedInData(recorder_.GetRecParam().path, root), root);
   if (!mover->Start()) {
     return false;
   }

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "cms/recording/channel_set.h"
 #include "cms/recording/drv_recorder.h"
 #include "cms/recording/site/internal/event_recording.h"
 #include "cms/recording/site/internal/moved_recordings.h"
@@ -35,6 +36,7 @@ class SiteRecording final : public Turns::Member {
   FX::FX_DRVRecorder& Recorder() { return recorder_; }
   CMSCritical& Lock() { return lock_; }
 
+  void SetDataRoot(const std::string& folder);  // before anything is recorded
   void SetParam(const stRecordParam& param);
   void SetDevice(const wchar_t* address, const wchar_t* siteName, std::uint16_t port);
   void SetDuration(unsigned seconds) { duration_.store(seconds, std::memory_order_relaxed); }
@@ -62,6 +64,7 @@ class SiteRecording final : public Turns::Member {
   std::vector<std::wstring> TakeFiles();
 
   std::optional<OpenGap> Gap() const;  // never waits for the disk
+  GapTotals TotalGaps() const;         // likewise
 
   bool StartMoving(const wchar_t* target);
   void StopMoving();
@@ -86,6 +89,7 @@ class SiteRecording final : public Turns::Member {
   void StartSchedule();
   void CollectFinished();
   void LookForGaps() CMS_REQUIRES(turning_);
+  std::string DataRoot() const;
 
   const ConnectionSource connection_;
   FX::FX_DRVRecorder recorder_;
@@ -97,6 +101,7 @@ class SiteRecording final : public Turns::Member {
   ChannelSet due_;  // whose event recording could not begin yet
 
   mutable CMSCritical deviceLock_;
+  std::string dataRoot_ CMS_GUARDED_BY(deviceLock_);
   GapSite site_ CMS_GUARDED_BY(deviceLock_);
   std::string startError_ CMS_GUARDED_BY(deviceLock_);
 
@@ -104,6 +109,7 @@ class SiteRecording final : public Turns::Member {
   SiteGaps gaps_ CMS_GUARDED_BY(turning_);
   mutable CMSCritical gapLock_;
   std::optional<OpenGap> gap_ CMS_GUARDED_BY(gapLock_);
+  GapTotals totalGaps_ CMS_GUARDED_BY(gapLock_);
 
   mutable CMSCritical filesLock_;  // before the mover's
   std::deque<std::wstring> files_ CMS_GUARDED_BY(filesLock_);

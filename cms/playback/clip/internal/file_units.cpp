@@ -1,7 +1,10 @@
-#include "cms/playback/clip/internal/avc_units.h"
+#include "cms/playback/clip/internal/file_units.h"
 
 #include <algorithm>
 #include <cstddef>
+
+#include "cms/live/media/internal/bit_reader.h"
+#include "cms/streaming/internal/nal_unit.h"
 
 namespace cms {
 namespace {
@@ -71,12 +74,22 @@ bool IsHighProfile(std::uint8_t profile) {
   return std::find(std::begin(kOthers), std::end(kOthers), profile) == std::end(kOthers);
 }
 
+// ITU-T H.264, 7.3.3 and table 7-6.
+bool IsBSlice(std::span<const std::uint8_t> slice) {
+  constexpr std::uint32_t kKinds = 5;
+  GolombReader bits(slice.subspan(NalHeaderSize(NalCodec::kH264)));
+  bits.Unsigned();  // its first macroblock
+  const std::uint32_t kind = bits.Unsigned();
+  return bits.Ok() && kind % kKinds == 1;
+}
+
+// A count, on top of its byte's other bits, and so many units of the type with their lengths.
 void AppendSets(std::vector<std::uint8_t>& record, std::span<const std::uint8_t> bytes,
-                std::uint8_t type, std::uint8_t countBits) {
+                NalCodec codec, unsigned type, std::uint8_t countBits) {
   const std::size_t count = record.size();
   record.push_back(countBits);
   ForEachUnit(bytes, [&](const Unit& unit, std::size_t length) {
-    if (length >= 4 && length <= 0xFFFF && (bytes[unit.begin] & 0x1F) == type) {
+    if (length >= 4 && length <= 0xFFFF && NalType(codec, bytes[unit.begin]) == type) {
       ++record[count];
       record.push_back(static_cast<std::uint8_t>(length >> 8));
       record.push_back(static_cast<std::uint8_t>(length));
@@ -90,12 +103,10 @@ void AppendSets(std::vector<std::uint8_t>& record, std::span<const std::uint8_t>
 
 std::vector<std::uint8_t> AvcConfiguration(std::span<const std::uint8_t> parameterSets,
                                            int chromaFormat, int bitDepth) {
-  constexpr std::uint8_t kSps = 7;
-  constexpr std::uint8_t kPps = 8;
   std::vector<std::uint8_t> record = {1, 0, 0, 0, 0xFF};  // lengths of four bytes
-  AppendSets(record, parameterSets, kSps, 0xE0);
+  AppendSets(record, parameterSets, NalCodec::kH264, kH264Sps, 0xE0);
   const std::size_t pictureSets = record.size();
-  AppendSets(record, parameterSets, kPps, 0);
+  AppendSets(record, parameterSets, NalCodec::kH264, kH264Pps, 0);
   if (record[5] == 0xE0 || record[pictureSets] == 0) {
     return {};
   }
@@ -103,6 +114,44 @@ std::vector<std::uint8_t> AvcConfiguration(std::span<const std::uint8_t> paramet
   if (IsHighProfile(record[1])) {
     const auto depth = static_cast<std::uint8_t>(0xF8 | (bitDepth - 8));
     record.insert(record.end(), {static_cast<std::uint8_t>(0xFC | chromaFormat), depth, depth, 0});
+  }
+  return record;
+}
+
+// ISO/IEC 14496-15, 8.3.3.1.
+std::vector<std::uint8_t> HevcConfiguration(std::span<const std::uint8_t> parameterSets,
+                                            int chromaFormat, int bitDepth) {
+  constexpr std::size_t kProfileTierLevel = 12;
+  constexpr std::size_t kHead = 2 + 1 + kProfileTierLevel;  // behind the unit's header and a byte
+  std::vector<std::uint8_t> sps;
+  bool whole = false;
+  ForEachUnit(parameterSets, [&](const Unit& unit, std::size_t length) {
+    if (sps.empty() && NalType(NalCodec::kH265, parameterSets[unit.begin]) == kH265Sps) {
+      GolombReader bits(parameterSets.subspan(unit.begin, length));
+      for (std::size_t i = 0; i < kHead; ++i) {
+        sps.push_back(static_cast<std::uint8_t>(bits.Read(8)));
+      }
+      whole = bits.Ok();
+    }
+  });
+  if (!whole) {
+    return {};
+  }
+  const unsigned layers = (sps[2] >> 1 & 7u) + 1;
+  const unsigned nested = sps[2] & 1u;
+  const auto depth = static_cast<std::uint8_t>(0xF8 | (bitDepth - 8));
+  std::vector<std::uint8_t> record = {1};
+  record.insert(record.end(), sps.begin() + 3, sps.end());
+  record.insert(record.end(), {0xF0, 0, 0xFC,  // nothing is said of slices and threads
+                               static_cast<std::uint8_t>(0xFC | chromaFormat), depth, depth, 0, 0,
+                               static_cast<std::uint8_t>(layers << 3 | nested << 2 | 3), 3});
+  for (const unsigned type : {kH265Vps, kH265Sps, kH265Pps}) {
+    record.insert(record.end(), {static_cast<std::uint8_t>(type), 0});
+    const std::size_t count = record.size();
+    AppendSets(record, parameterSets, NalCodec::kH265, type, 0);
+    if (record[count] == 0) {
+      return {};
+    }
   }
   return record;
 }
@@ -132,6 +181,47 @@ std::span<const std::uint8_t> LengthsForStartCodes(std::span<std::uint8_t> frame
     return frame.subspan(first);
   }
   return scratch;
+}
+
+bool AppendPictureUnits(std::span<const std::uint8_t> picture, std::vector<std::uint8_t>& to) {
+  bool reordered = false;
+  ForEachUnit(picture, [&](const Unit& unit, std::size_t length) {
+    constexpr unsigned kFiller = 12;
+    const unsigned type =
+        length > 0 ? NalType(NalCodec::kH264, picture[unit.begin]) : unsigned{kFiller};
+    if (NalPlaceOf(NalCodec::kH264, type) == NalPlace::kParameterSet || type == kH264Delimiter ||
+        type == kFiller) {
+      return;
+    }
+    to.resize(to.size() + kLength);
+    PutLength(&to[to.size() - kLength], length);
+    const auto payload = picture.subspan(unit.begin, length);
+    to.insert(to.end(), payload.begin(), payload.end());
+    reordered = reordered || (type == kH264Slice && IsBSlice(payload));
+  });
+  return reordered;
+}
+
+// ITU-T H.264, 7.3.2.1.1.
+H264Samples H264SamplesOf(std::span<const std::uint8_t> parameterSets) {
+  H264Samples samples;
+  ForEachUnit(parameterSets, [&](const Unit& unit, std::size_t length) {
+    const auto sps = parameterSets.subspan(unit.begin, length);
+    if (length < 5 || NalType(NalCodec::kH264, sps[0]) != kH264Sps || !IsHighProfile(sps[1])) {
+      return;
+    }
+    GolombReader bits(sps.subspan(4));
+    bits.Unsigned();  // the set's number
+    const std::uint32_t chroma = bits.Unsigned();
+    if (chroma == 3) {
+      bits.Skip(1);
+    }
+    const std::uint32_t depth = bits.Unsigned();
+    if (bits.Ok() && chroma <= 3 && depth <= 6) {
+      samples = {static_cast<int>(chroma), static_cast<int>(depth) + 8};
+    }
+  });
+  return samples;
 }
 
 }  // namespace cms
