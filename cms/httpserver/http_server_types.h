@@ -7,6 +7,8 @@
 class HttpServer;   // opaque
 class HttpRequest;  // opaque; valid only while its handler runs
 
+namespace cms {
+
 // The password of a user name: non-zero when the user is known. Called from connection threads,
 // several at once. The name comes from the network.
 using HttpPasswordLookup = int (*)(const std::string& user, std::string& password);
@@ -15,6 +17,15 @@ using HttpPasswordLookup = int (*)(const std::string& user, std::string& passwor
 // once. `marker` is "IE" or null (see RegisterEgi), `reserved` is 0, the result is ignored. A
 // std::exception that leaves it, or a password lookup, ends the connection.
 using EgiCallback = int (*)(HttpRequest* request, const char* marker, std::uint32_t reserved);
+
+// What a login guard is told of a Digest login: it is about to be looked at, it was good, it was
+// wrong.
+enum class HttpLoginStep { kAsked, kGood, kWrong };
+
+// The result counts for kAsked: 0 has the client told to come later (429) without looking. Called
+// on connection threads, several at once. The name comes from the network and is proven with kGood.
+using HttpLoginGuard = int (*)(void* context, HttpRequest* request, const std::string& user,
+                               HttpLoginStep step);
 
 struct tHttpServerConfig {
   std::uint16_t port = 0;                       // 0: the system chooses, see GetHttpServerPort
@@ -37,11 +48,13 @@ struct tHttpServerConfigEx {
   std::uint32_t maxConnections = 0;
 };
 
+}  // namespace cms
+
 // A handler under its name.
 struct EgiHandler {
   static constexpr int kNameSize = 96;  // with the terminator
   char name[kNameSize];
-  EgiCallback callback;
+  cms::EgiCallback callback;
 };
 
 // IPv4 addresses from low to high, both included, as numbers: a.b.c.d is a*2^24 + b*2^16 + c*2^8 +
@@ -52,6 +65,8 @@ struct AccessRange {
   std::uint32_t high;
   std::uint32_t kind;
 };
+
+namespace cms {
 
 // Operations of SetWhiteBlackListInfo; others do nothing.
 inline constexpr int kAccessListAdd = 3;
@@ -74,3 +89,5 @@ enum HttpStatusIndex : std::uint32_t {
   kHttpNotInWhiteList = 7,  // 901
   kHttpInBlackList = 8      // 902
 };
+
+}  // namespace cms

@@ -7,6 +7,8 @@
 
 #include "cms/runtime/api.h"
 
+namespace cms {
+
 // One resolution of a camera's streams. All texts are zero-terminated constants.
 struct stResolutionRow {
   std::int32_t id;         // its place in the table
@@ -16,6 +18,8 @@ struct stResolutionRow {
   std::wstring_view ntsc;  // shown under a 60 Hz system
   std::wstring_view pal;   // shown under a 50 Hz system
 };
+
+}  // namespace cms
 
 // Which streams of a camera the entries of a resolution list belong to, for lists of three, four
 // and five entries; -1 marks an empty place.

@@ -11,14 +11,17 @@
 #include <optional>
 #include <utility>
 
+#include "cms/ipcam/internal/certificate_rule.h"
 #include "cms/ipcam/internal/http_exchange.h"
 #include "cms/ipcam/internal/onvif_answers.h"
+#include "cms/ipcam/internal/onvif_device.h"
 #include "cms/ipcam/internal/plain_text.h"
 #include "cms/ipcam/internal/soap_envelope.h"
 #include "cms/ipcam/internal/soap_operation.h"
 #include "cms/ipcam/internal/tag_search.h"
 #include "cms/runtime/clock.h"
 #include "cms/runtime/digest.h"
+#include "cms/runtime/log.h"
 #include "cms/runtime/text.h"
 #include "cms/runtime/wide_text.h"
 
@@ -49,6 +52,7 @@ void CIPCAM_Config_Utility::SetSiteInfo(const std::wstring& address, int port,
   port_ = port;
   userName_ = userName;
   password_ = password;
+  tls_.reset();
   clockKnown_ = false;
   clockOffset_ = 0;
   servicesAsked_ = false;
@@ -59,9 +63,18 @@ void CIPCAM_Config_Utility::SetSiteInfo(const std::wstring& address, int port,
   Succeed();
 }
 
+void CIPCAM_Config_Utility::SetSiteInfo(const cms::OnvifAccess& access) {
+  SetSiteInfo(cms::WideFromUtf8(access.host), cms::PortOf(access), cms::WideFromUtf8(access.user),
+              cms::WideFromUtf8(access.password));
+  if (access.tls) {
+    tls_ = std::make_unique<const cms::CertificateRule>(
+        cms::CertificateRule{access.check, access.fingerprint});
+  }
+}
+
 bool CIPCAM_Config_Utility::Succeed() {
   error_.clear();
-  result_ = kHttpCommandOk;
+  result_ = cms::kHttpCommandOk;
   return true;
 }
 
@@ -69,7 +82,7 @@ bool CIPCAM_Config_Utility::Fail(std::string_view what) {
   // Some of it comes from the network: one line of UTF-8 whatever was sent.
   error_ = cms::Utf8FromWide(cms::Plain(L"camera " + address_ + L":" + std::to_wstring(port_) +
                                         L": " + cms::WideFromUtf8(what)));
-  result_ = kHttpCommandFailed;
+  result_ = cms::kHttpCommandFailed;
   return false;
 }
 
@@ -112,7 +125,8 @@ int CIPCAM_Config_Utility::SendHTTPCommand(_SEND_HTTP_COMMAND_PARAM& param) {
 // One exchange of an operation. What it reports becomes the error text, with the camera's own
 // reason when it sent a SOAP fault. True for a whole "200 OK" answer.
 bool CIPCAM_Config_Utility::Exchange(_SEND_HTTP_COMMAND_PARAM& param, std::string_view operation) {
-  const cms::HttpExchangeReport report = cms::ExchangeHttp(param, interrupt_.Descriptor());
+  const cms::HttpExchangeReport report =
+      cms::ExchangeHttp(param, interrupt_.Descriptor(), tls_.get());
   answered_ = report.answered;
   status_ = report.status;
   std::string error = report.error;
@@ -122,7 +136,7 @@ bool CIPCAM_Config_Utility::Exchange(_SEND_HTTP_COMMAND_PARAM& param, std::strin
   if (error.empty()) {
     return Succeed();
   }
-  bool unauthorized = param.result == kHttpCommandUnauthorized;
+  bool unauthorized = param.result == cms::kHttpCommandUnauthorized;
   if (!report.body.empty()) {
     const std::wstring fault = cms::Normalized(cms::WideFromUtf8(report.body));
     if (const std::string reason = cms::FaultReason(fault); !reason.empty()) {
@@ -130,9 +144,14 @@ bool CIPCAM_Config_Utility::Exchange(_SEND_HTTP_COMMAND_PARAM& param, std::strin
     }
     unauthorized = unauthorized || cms::IsNotAuthorizedFault(fault);
   }
+  if (cms::IsLogged(cms::LogLevel::kWarning)) {
+    cms::Log(cms::LogLevel::kWarning, "onvif",
+             cms::Utf8FromWide(address_) + ":" + std::to_string(port_) + ": " +
+                 (operation.empty() ? "a request" : std::string(operation)) + " failed: " + error);
+  }
   Fail(operation.empty() ? error : std::string(operation) + ": " + error);
   if (unauthorized) {
-    result_ = kHttpCommandUnauthorized;
+    result_ = cms::kHttpCommandUnauthorized;
   }
   return false;
 }
@@ -245,7 +264,7 @@ bool CIPCAM_Config_Utility::Call(const cms::SoapOperation& operation, std::wstri
     return call();
   }
   error_ = missing;
-  result_ = kHttpCommandFailed;
+  result_ = cms::kHttpCommandFailed;
   return false;
 }
 
@@ -278,7 +297,7 @@ bool CIPCAM_Config_Utility::Post(const cms::SoapOperation& operation, std::wstri
   }
   _SEND_HTTP_COMMAND_PARAM param;
   InitialHTTPCommandParam(param);
-  param.verb = kHttpVerbPost;
+  param.verb = cms::kHttpVerbPost;
   param.objectPath = PathOf(operation);
   param.headers =
       L"User-Agent: gSOAP/2.7\r\n"
@@ -294,7 +313,7 @@ bool CIPCAM_Config_Utility::Post(const cms::SoapOperation& operation, std::wstri
   if (const std::string reason = cms::FaultReason(answer); !reason.empty()) {
     Fail(name + ": " + reason);
     if (cms::IsNotAuthorizedFault(answer)) {
-      result_ = kHttpCommandUnauthorized;
+      result_ = cms::kHttpCommandUnauthorized;
     }
     return false;
   }

@@ -9,14 +9,16 @@
 
 #include "cms/ipcam/discovered_device.h"
 #include "cms/ipcam/http_command.h"
+#include "cms/ipcam/onvif_access.h"
 #include "cms/ipcam/onvif_types.h"
 #include "cms/ipcam/param_types.h"
 #include "cms/runtime/api.h"
 #include "cms/runtime/wake_up.h"
 
 namespace cms {
+struct CertificateRule;
 struct SoapOperation;
-}
+}  // namespace cms
 
 // Speaks ONVIF (SOAP 1.2 over HTTP, WS-Security UsernameToken) and the parameter CGI with the one
 // camera that SetSiteInfo names, and WS-Discovery with all of them.
@@ -43,6 +45,9 @@ class CMS_API CIPCAM_Config_Utility {
   // Another camera: what was read of the last one, its clock included, is forgotten.
   void SetSiteInfo(const std::wstring& address, int port, const std::wstring& userName,
                    const std::wstring& password);
+  // The same of a camera that is asked over HTTPS where the access says so. Its login by HTTP is
+  // the one of SendHTTPCommand, whatever allowBasic says.
+  void SetSiteInfo(const cms::OnvifAccess& access);
 
   // One line of UTF-8 about the last operation that failed; empty when the last one succeeded (but
   // see GetAllONVIFConfig).
@@ -91,7 +96,7 @@ class CMS_API CIPCAM_Config_Utility {
 
   // --- ONVIF: reading -------------------------------------------------------------------------
   // What the operations below have read so far.
-  const stONVIFConfiguration& ONVIFConfiguration() const { return onvif_; }
+  const cms::stONVIFConfiguration& ONVIFConfiguration() const { return onvif_; }
 
   // Reads all of it: 8 requests, one for each profile (its stream) and one for each encoder
   // configuration that a profile uses (its options). False when the device information or the
@@ -111,10 +116,11 @@ class CMS_API CIPCAM_Config_Utility {
   // Of the configuration in the profile; of any when both are empty.
   bool ONVIF_GetVideoEncoderConfigurationOptions(const std::wstring& configurationToken,
                                                  const std::wstring& profileToken,
-                                                 stVideoEncoderOptions& options);
+                                                 cms::stVideoEncoderOptions& options);
   // The encoder configurations that the profile could use.
   bool ONVIF_GetUsableVideoEncoderConfiguration(
-      const std::wstring& profileToken, std::vector<stVideoEncoderConfiguration>& configurations);
+      const std::wstring& profileToken,
+      std::vector<cms::stVideoEncoderConfiguration>& configurations);
   bool GetVideoPropertyONVIFConfig();  // imaging: options and settings of the first video source
   bool GetNetworkONVIFConfig();        // interfaces, gateway, name servers: 3 requests
   // Names of the first and the second profile that has video; empty before they are read, or
@@ -124,11 +130,11 @@ class CMS_API CIPCAM_Config_Utility {
 
   // --- ONVIF: changing ------------------------------------------------------------------------
   // H264 sends all fields, JPEG the resolution and the quality; other encodings are not set so.
-  bool ONVIF_SetVideoEncoderConfiguration(const stVideoEncoderConfiguration& configuration);
+  bool ONVIF_SetVideoEncoderConfiguration(const cms::stVideoEncoderConfiguration& configuration);
   // Encoding and quality of the configuration "Profile1", named "VideoEncoder1", of cameras that
   // have but one.
   bool ONVIF_SetVideoEncoderConfiguration(const std::wstring& encoding, double quality);
-  bool ONVIF_SetAudioEncoderConfiguration(const stAudioEncoderConfiguration& configuration);
+  bool ONVIF_SetAudioEncoderConfiguration(const cms::stAudioEncoderConfiguration& configuration);
   bool ONVIF_CreateProfile(const std::wstring& name, std::wstring& token);
   bool ONVIF_AddVideoSourceConfiguration(const std::wstring& profileToken,
                                          const std::wstring& configurationToken);
@@ -138,29 +144,30 @@ class CMS_API CIPCAM_Config_Utility {
                                       const std::wstring& configurationToken);
   // Makes the camera send such a stream and returns where: of a profile that has it already, else
   // of the first one whose encoder can be set to it, else of a new profile "AutoStream".
-  bool ONVIF_AutoStream(const stAutoStream& wish, std::wstring& uri);
+  bool ONVIF_AutoStream(const cms::stAutoStream& wish, std::wstring& uri);
 
   // The items that are chosen, in the order of the schema.
-  static std::wstring GenerateVideoPropertyONVIFBody(const stImagingSettings& settings);
-  bool SetVideoPropertyONVIFConfig(const stImagingSettings& settings);
+  static std::wstring GenerateVideoPropertyONVIFBody(const cms::stImagingSettings& settings);
+  bool SetVideoPropertyONVIFConfig(const cms::stImagingSettings& settings);
   // The interface comes last, as the camera may not be reached under its old address any more.
-  bool SetNetworkInterfaceONVIFConfig(const stNetworkSettings& settings);
+  bool SetNetworkInterfaceONVIFConfig(const cms::stNetworkSettings& settings);
   // Encoders, audio, imaging, network, in this order; ends at the first that fails.
-  bool SetAllONVIFConfig(const stONVIFChanges& changes);
+  bool SetAllONVIFConfig(const cms::stONVIFChanges& changes);
   bool SetSystemFactoryDefault();  // "Hard": the network settings too
 
   // --- Parameter CGI --------------------------------------------------------------------------
   bool GetProdShortName(std::wstring& name);
   // All parameters of the groups, in the camera's order; of all groups when none is given.
   bool GetParameters(const std::vector<std::wstring>& groups,
-                     std::vector<stCameraParameter>& parameters);
-  bool GetParameterOptions(std::vector<stCameraParameter>& options);  // values joined by commas
+                     std::vector<cms::stCameraParameter>& parameters);
+  bool GetParameterOptions(
+      std::vector<cms::stCameraParameter>& options);  // values joined by commas
   // Sends all in one request. What is not among the parameters that can be set, or a value of the
   // wrong kind, is refused before anything is sent.
-  bool SetParameters(const std::vector<stCameraParameter>& parameters);
+  bool SetParameters(const std::vector<cms::stCameraParameter>& parameters);
   bool GetVideoResolutionAPIConfig();
   bool ParserResolutionAPIData(const std::wstring& answer);
-  const stResolutionConfiguration& ResolutionConfiguration() const { return resolution_; }
+  const cms::stResolutionConfiguration& ResolutionConfiguration() const { return resolution_; }
   // Keys joined by commas, one for each stream. True without a request when they are the camera's
   // already, as GetVideoResolutionAPIConfig read them.
   bool SetVideoResolutionAPIConfig(const std::wstring& combination);
@@ -174,11 +181,11 @@ class CMS_API CIPCAM_Config_Utility {
   void DoRecvResult(int socket);
   // Adds the devices of one answer to the list; false when there is none that is not in it already.
   bool ParserONVIFDiscoveryInfo(std::string_view answer);
-  const std::vector<stDiscoveredDevice>& DiscoveredDevices() const { return devices_; }
+  const std::vector<cms::stDiscoveredDevice>& DiscoveredDevices() const { return devices_; }
 
  protected:
   // Both are called on the thread that waits.
-  virtual void OnDeviceFound(const stDiscoveredDevice& device);  // does nothing
+  virtual void OnDeviceFound(const cms::stDiscoveredDevice& device);  // does nothing
   // The wait before a signed request in milliseconds. A subclass that makes it shorter must know
   // that its cameras accept it.
   virtual int SignedRequestWait() const { return 1000; }
@@ -205,20 +212,21 @@ class CMS_API CIPCAM_Config_Utility {
   bool Take(std::wstring_view operation, std::wstring_view answer);
   bool Set(const cms::SoapOperation& operation, std::wstring_view body);
   bool FindVideoSource();
-  bool SetUpEncoder(const stAutoStream& wish, stVideoEncoderConfiguration configuration,
+  bool SetUpEncoder(const cms::stAutoStream& wish, cms::stVideoEncoderConfiguration configuration,
                     const std::wstring& profileToken);
-  bool AddProfile(const stAutoStream& wish, std::wstring& profileToken);
+  bool AddProfile(const cms::stAutoStream& wish, std::wstring& profileToken);
   bool GetByCgi(std::wstring_view operation, std::wstring path, std::wstring& answer);
 
   std::wstring address_;
   int port_ = 0;
   std::wstring userName_;
   std::wstring password_;
+  std::unique_ptr<const cms::CertificateRule> tls_;  // of HTTPS; nothing: HTTP
   bool clockKnown_ = false;
   std::int64_t clockOffset_ = 0;
-  stONVIFConfiguration onvif_;
-  stResolutionConfiguration resolution_;
-  std::vector<stDiscoveredDevice> devices_;
+  cms::stONVIFConfiguration onvif_;
+  cms::stResolutionConfiguration resolution_;
+  std::vector<cms::stDiscoveredDevice> devices_;
   std::string messageIdEnd_;
   std::string error_;
   bool answered_ = false;  // the camera, to the last exchange
@@ -226,6 +234,6 @@ class CMS_API CIPCAM_Config_Utility {
   bool servicesAsked_ = false;
   std::wstring mediaPath_;    // empty: the usual one
   std::wstring imagingPath_;  // likewise
-  int result_ = kHttpCommandOk;
+  int result_ = cms::kHttpCommandOk;
   cms::WakeUp interrupt_;
 };

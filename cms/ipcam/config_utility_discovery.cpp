@@ -20,8 +20,6 @@
 
 namespace {
 
-constexpr const char* kDiscoveryGroup = "239.255.255.250";
-constexpr std::uint16_t kDiscoveryPort = 3702;
 constexpr std::uint64_t kListeningMs = 100 * 250;
 // The largest datagram: dozens of namespaces in front put a device's address beyond 3,000 bytes.
 constexpr std::size_t kMaxAnswer = 65536;
@@ -50,18 +48,19 @@ struct Socket {
 
 }  // namespace
 
-void CIPCAM_Config_Utility::OnDeviceFound(const stDiscoveredDevice& /*device*/) {}
+void CIPCAM_Config_Utility::OnDeviceFound(const cms::stDiscoveredDevice& /*device*/) {}
 
 bool CIPCAM_Config_Utility::DoONVIFDeviceDiscovery(const std::string& target) {
   const auto fail = [this](std::string what) {
     error_ = std::move(what);
-    result_ = kHttpCommandFailed;
+    result_ = cms::kHttpCommandFailed;
     return false;
   };
   sockaddr_in to{};
   to.sin_family = AF_INET;
-  to.sin_port = htons(kDiscoveryPort);
-  if (inet_pton(AF_INET, target.empty() ? kDiscoveryGroup : target.c_str(), &to.sin_addr) != 1) {
+  to.sin_port = htons(cms::kDiscoveryPort);
+  if (inet_pton(AF_INET, target.empty() ? cms::kDiscoveryGroup : target.c_str(), &to.sin_addr) !=
+      1) {
     return fail("discovery: not an IPv4 address: " + target);
   }
   const Socket socket;
@@ -111,9 +110,9 @@ void CIPCAM_Config_Utility::DoRecvResult(int socket) {
 bool CIPCAM_Config_Utility::ParserONVIFDiscoveryInfo(std::string_view answer) {
   bool added = false;
   for (const std::string_view match : cms::SplitProbeMatches(answer)) {
-    const std::optional<stDiscoveredDevice> device = cms::ParseProbeMatch(match);
+    const std::optional<cms::stDiscoveredDevice> device = cms::ParseProbeMatch(match, false);
     if (!device || devices_.size() == kMaxDevices ||
-        std::ranges::any_of(devices_, [&device](const stDiscoveredDevice& known) {
+        std::ranges::any_of(devices_, [&device](const cms::stDiscoveredDevice& known) {
           return known.address == device->address && known.port == device->port;
         })) {
       continue;

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "cms/ipcam/config_utility.h"
+#include "cms/ipcam/internal/media_answers.h"
 #include "cms/ipcam/internal/onvif_answers.h"
 #include "cms/ipcam/internal/onvif_bodies.h"
 #include "cms/ipcam/internal/soap_operation.h"
@@ -39,8 +40,8 @@ std::string Unreadable(const cms::SoapOperation& operation) {
 }
 
 // The name of the profile that is number `index` among those with video.
-std::wstring VideoProfileName(const std::vector<stVideoProfile>& profiles, int index) {
-  for (const stVideoProfile& profile : profiles) {
+std::wstring VideoProfileName(const std::vector<cms::stVideoProfile>& profiles, int index) {
+  for (const cms::stVideoProfile& profile : profiles) {
     if (profile.videoEncoder && index-- == 0) {
       return profile.name;
     }
@@ -72,7 +73,7 @@ bool CIPCAM_Config_Utility::Take(std::wstring_view operation, std::wstring_view 
     return cms::ParseVideoEncoderConfigurations(answer, onvif_.videoEncoders);
   }
   if (operation == kGetEncoderOptions.name) {
-    stVideoEncoderOptions options;
+    cms::stVideoEncoderOptions options;
     if (!cms::ParseVideoEncoderOptions(answer, options)) {
       return false;
     }
@@ -111,7 +112,8 @@ bool CIPCAM_Config_Utility::GetONVIFURI(const std::wstring& profileToken, std::w
   if (!cms::ParseStreamUri(answer, uri)) {
     return Fail(Unreadable(kGetStreamUri));
   }
-  const auto profile = std::ranges::find(onvif_.profiles, profileToken, &stVideoProfile::token);
+  const auto profile =
+      std::ranges::find(onvif_.profiles, profileToken, &cms::stVideoProfile::token);
   if (profile != onvif_.profiles.end()) {
     profile->uri = uri;
   }
@@ -120,7 +122,7 @@ bool CIPCAM_Config_Utility::GetONVIFURI(const std::wstring& profileToken, std::w
 
 bool CIPCAM_Config_Utility::ONVIF_GetVideoEncoderConfigurationOptions(
     const std::wstring& configurationToken, const std::wstring& profileToken,
-    stVideoEncoderOptions& options) {
+    cms::stVideoEncoderOptions& options) {
   std::wstring answer;
   if (!Call(kGetEncoderOptions, cms::VideoEncoderOptionsBody(configurationToken, profileToken),
             answer)) {
@@ -134,7 +136,8 @@ bool CIPCAM_Config_Utility::ONVIF_GetVideoEncoderConfigurationOptions(
 }
 
 bool CIPCAM_Config_Utility::ONVIF_GetUsableVideoEncoderConfiguration(
-    const std::wstring& profileToken, std::vector<stVideoEncoderConfiguration>& configurations) {
+    const std::wstring& profileToken,
+    std::vector<cms::stVideoEncoderConfiguration>& configurations) {
   std::wstring answer;
   const std::wstring body = L"<trt:GetCompatibleVideoEncoderConfigurations>" +
                             cms::Element(L"ProfileToken", profileToken) +
@@ -158,7 +161,7 @@ bool CIPCAM_Config_Utility::FindVideoSource() {
   if (onvif_.profiles.empty() && !Read(kGetProfiles, kGetProfilesBody)) {
     return false;
   }
-  for (const stVideoProfile& profile : onvif_.profiles) {
+  for (const cms::stVideoProfile& profile : onvif_.profiles) {
     if (!profile.videoSourceToken.empty()) {
       onvif_.videoSourceToken = profile.videoSourceToken;
       return true;
@@ -184,23 +187,23 @@ bool CIPCAM_Config_Utility::GetAllONVIFConfig() {
     if (!done && refused.empty()) {
       refused = error_;
     }
-    return done || (answered_ && result_ != kHttpCommandUnauthorized);
+    return done || (answered_ && result_ != cms::kHttpCommandUnauthorized);
   };
   if (!passable(Read(kGetEncoders, kGetEncodersBody))) {
     return false;
   }
-  std::vector<stVideoEncoderOptions> all;
-  for (const stVideoProfile& profile : std::vector<stVideoProfile>(onvif_.profiles)) {
+  std::vector<cms::stVideoEncoderOptions> all;
+  for (const cms::stVideoProfile& profile : std::vector<cms::stVideoProfile>(onvif_.profiles)) {
     std::wstring uri;
     if (!passable(GetONVIFURI(profile.token, uri))) {
       return false;
     }
     if (!profile.videoEncoder ||
         std::ranges::find(all, profile.videoEncoder->token,
-                          &stVideoEncoderOptions::configurationToken) != all.end()) {
+                          &cms::stVideoEncoderOptions::configurationToken) != all.end()) {
       continue;
     }
-    stVideoEncoderOptions options;
+    cms::stVideoEncoderOptions options;
     options.configurationToken = profile.videoEncoder->token;
     if (!passable(ONVIF_GetVideoEncoderConfigurationOptions(profile.videoEncoder->token,
                                                             profile.token, options))) {

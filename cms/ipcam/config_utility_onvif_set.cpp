@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "cms/ipcam/config_utility.h"
+#include "cms/ipcam/internal/media_answers.h"
 #include "cms/ipcam/internal/onvif_answers.h"
 #include "cms/ipcam/internal/onvif_bodies.h"
 #include "cms/ipcam/internal/soap_operation.h"
@@ -30,28 +31,32 @@ constexpr cms::SoapOperation kSetGateway = cms::DeviceOperation(L"SetNetworkDefa
 constexpr cms::SoapOperation kSetDns = cms::DeviceOperation(L"SetDNS");
 constexpr cms::SoapOperation kFactoryDefault = cms::DeviceOperation(L"SetSystemFactoryDefault");
 
-void Clamp(int& value, const std::optional<stRange>& range) {
+void Clamp(int& value, const std::optional<cms::stRange>& range) {
   if (range && range->min <= range->max) {
     value = static_cast<int>(std::clamp<double>(value, range->min, range->max));
   }
 }
 
 // The nearest in both directions; the largest when nothing is wished.
-stResolution Nearest(const std::vector<stResolution>& offered, const stResolution& wish) {
-  const auto area = [](const stResolution& one) { return std::int64_t{one.width} * one.height; };
-  if (wish == stResolution{}) {
+cms::stResolution Nearest(const std::vector<cms::stResolution>& offered,
+                          const cms::stResolution& wish) {
+  const auto area = [](const cms::stResolution& one) {
+    return std::int64_t{one.width} * one.height;
+  };
+  if (wish == cms::stResolution{}) {
     return *std::ranges::max_element(offered, {}, area);
   }
-  return *std::ranges::min_element(offered, {}, [&wish](const stResolution& one) {
+  return *std::ranges::min_element(offered, {}, [&wish](const cms::stResolution& one) {
     return std::abs(std::int64_t{one.width} - wish.width) +
            std::abs(std::int64_t{one.height} - wish.height);
   });
 }
 
 // `configuration` as the wish says, within what the camera offers; false when it cannot be so.
-bool Adapt(const stAutoStream& wish, const stVideoEncoderOptions& options,
-           stVideoEncoderConfiguration& configuration) {
-  const auto codec = std::ranges::find(options.codecs, wish.encoding, &stCodecOptions::encoding);
+bool Adapt(const cms::stAutoStream& wish, const cms::stVideoEncoderOptions& options,
+           cms::stVideoEncoderConfiguration& configuration) {
+  const auto codec =
+      std::ranges::find(options.codecs, wish.encoding, &cms::stCodecOptions::encoding);
   if (codec == options.codecs.end() || codec->resolutions.empty()) {
     return false;
   }
@@ -72,9 +77,10 @@ bool Adapt(const stAutoStream& wish, const stVideoEncoderOptions& options,
   return true;
 }
 
-bool Fulfills(const stVideoProfile& profile, const stAutoStream& wish) {
+bool Fulfills(const cms::stVideoProfile& profile, const cms::stAutoStream& wish) {
   return profile.videoEncoder && profile.videoEncoder->encoding == wish.encoding &&
-         (wish.resolution == stResolution{} || profile.videoEncoder->resolution == wish.resolution);
+         (wish.resolution == cms::stResolution{} ||
+          profile.videoEncoder->resolution == wish.resolution);
 }
 
 }  // namespace
@@ -85,7 +91,7 @@ bool CIPCAM_Config_Utility::Set(const cms::SoapOperation& operation, std::wstrin
 }
 
 bool CIPCAM_Config_Utility::ONVIF_SetVideoEncoderConfiguration(
-    const stVideoEncoderConfiguration& configuration) {
+    const cms::stVideoEncoderConfiguration& configuration) {
   if (configuration.encoding == L"H264") {
     return Set(kSetVideoEncoder, cms::H264EncoderBody(configuration));
   }
@@ -102,7 +108,7 @@ bool CIPCAM_Config_Utility::ONVIF_SetVideoEncoderConfiguration(const std::wstrin
 }
 
 bool CIPCAM_Config_Utility::ONVIF_SetAudioEncoderConfiguration(
-    const stAudioEncoderConfiguration& configuration) {
+    const cms::stAudioEncoderConfiguration& configuration) {
   return Set(kSetAudioEncoder, cms::AudioEncoderBody(configuration));
 }
 
@@ -133,17 +139,17 @@ bool CIPCAM_Config_Utility::ONVIF_AddMetadataConfiguration(const std::wstring& p
              cms::AddConfigurationBody(kAddMetadata.name, profileToken, configurationToken));
 }
 
-bool CIPCAM_Config_Utility::ONVIF_AutoStream(const stAutoStream& wish, std::wstring& uri) {
+bool CIPCAM_Config_Utility::ONVIF_AutoStream(const cms::stAutoStream& wish, std::wstring& uri) {
   if (!GetVideoProfileONVIFConfig()) {
     return false;
   }
-  const std::vector<stVideoProfile> profiles = onvif_.profiles;
-  for (const stVideoProfile& profile : profiles) {
+  const std::vector<cms::stVideoProfile> profiles = onvif_.profiles;
+  for (const cms::stVideoProfile& profile : profiles) {
     if (Fulfills(profile, wish)) {
       return GetONVIFURI(profile.token, uri);
     }
   }
-  for (const stVideoProfile& profile : profiles) {
+  for (const cms::stVideoProfile& profile : profiles) {
     if (profile.videoEncoder && SetUpEncoder(wish, *profile.videoEncoder, profile.token)) {
       return GetONVIFURI(profile.token, uri);
     }
@@ -155,10 +161,10 @@ bool CIPCAM_Config_Utility::ONVIF_AutoStream(const stAutoStream& wish, std::wstr
   return AddProfile(wish, token) && GetONVIFURI(token, uri);
 }
 
-bool CIPCAM_Config_Utility::SetUpEncoder(const stAutoStream& wish,
-                                         stVideoEncoderConfiguration configuration,
+bool CIPCAM_Config_Utility::SetUpEncoder(const cms::stAutoStream& wish,
+                                         cms::stVideoEncoderConfiguration configuration,
                                          const std::wstring& profileToken) {
-  stVideoEncoderOptions options;
+  cms::stVideoEncoderOptions options;
   if (!ONVIF_GetVideoEncoderConfigurationOptions(configuration.token, profileToken, options)) {
     return false;
   }
@@ -170,23 +176,23 @@ bool CIPCAM_Config_Utility::SetUpEncoder(const stAutoStream& wish,
 }
 
 // A profile of the first video source with an encoder that is not one of the profiles'.
-bool CIPCAM_Config_Utility::AddProfile(const stAutoStream& wish, std::wstring& profileToken) {
+bool CIPCAM_Config_Utility::AddProfile(const cms::stAutoStream& wish, std::wstring& profileToken) {
   std::wstring source;
   std::wstring metadata;
-  for (const stVideoProfile& profile : onvif_.profiles) {
+  for (const cms::stVideoProfile& profile : onvif_.profiles) {
     source = source.empty() ? profile.videoSourceConfigurationToken : source;
     metadata = metadata.empty() ? profile.metadataConfigurationToken : metadata;
   }
   if (source.empty()) {
     return Fail("none of its profiles has a video source");
   }
-  std::vector<stVideoEncoderConfiguration> encoders;
+  std::vector<cms::stVideoEncoderConfiguration> encoders;
   if (!ONVIF_CreateProfile(L"AutoStream", profileToken) ||
       !ONVIF_AddVideoSourceConfiguration(profileToken, source) ||
       !ONVIF_GetUsableVideoEncoderConfiguration(profileToken, encoders)) {
     return false;
   }
-  for (const stVideoEncoderConfiguration& encoder : encoders) {
+  for (const cms::stVideoEncoderConfiguration& encoder : encoders) {
     if (SetUpEncoder(wish, encoder, profileToken)) {
       return ONVIF_AddVideoEncoderConfiguration(profileToken, encoder.token) &&
              (metadata.empty() || ONVIF_AddMetadataConfiguration(profileToken, metadata));
@@ -199,18 +205,18 @@ bool CIPCAM_Config_Utility::AddProfile(const stAutoStream& wish, std::wstring& p
 }
 
 std::wstring CIPCAM_Config_Utility::GenerateVideoPropertyONVIFBody(
-    const stImagingSettings& settings) {
+    const cms::stImagingSettings& settings) {
   return cms::ImagingItems(settings);
 }
 
-bool CIPCAM_Config_Utility::SetVideoPropertyONVIFConfig(const stImagingSettings& settings) {
+bool CIPCAM_Config_Utility::SetVideoPropertyONVIFConfig(const cms::stImagingSettings& settings) {
   if (onvif_.videoSourceToken.empty() && !FindVideoSource()) {
     return false;
   }
   return Set(kSetImaging, cms::SetImagingBody(onvif_.videoSourceToken, settings));
 }
 
-bool CIPCAM_Config_Utility::SetNetworkInterfaceONVIFConfig(const stNetworkSettings& settings) {
+bool CIPCAM_Config_Utility::SetNetworkInterfaceONVIFConfig(const cms::stNetworkSettings& settings) {
   if (settings.interfaceToken.empty()) {
     return Fail("which network interface is to be set?");
   }
@@ -232,13 +238,13 @@ bool CIPCAM_Config_Utility::SetNetworkInterfaceONVIFConfig(const stNetworkSettin
   return Set(kSetInterfaces, cms::NetworkInterfaceBody(settings));
 }
 
-bool CIPCAM_Config_Utility::SetAllONVIFConfig(const stONVIFChanges& changes) {
-  for (const stVideoEncoderConfiguration& encoder : changes.videoEncoders) {
+bool CIPCAM_Config_Utility::SetAllONVIFConfig(const cms::stONVIFChanges& changes) {
+  for (const cms::stVideoEncoderConfiguration& encoder : changes.videoEncoders) {
     if (!ONVIF_SetVideoEncoderConfiguration(encoder)) {
       return false;
     }
   }
-  for (const stAudioEncoderConfiguration& encoder : changes.audioEncoders) {
+  for (const cms::stAudioEncoderConfiguration& encoder : changes.audioEncoders) {
     if (!ONVIF_SetAudioEncoderConfiguration(encoder)) {
       return false;
     }

@@ -36,7 +36,7 @@ bool CIPCAM_Config_Utility::GetProdShortName(std::wstring& name) {
 }
 
 bool CIPCAM_Config_Utility::GetParameters(const std::vector<std::wstring>& groups,
-                                          std::vector<stCameraParameter>& parameters) {
+                                          std::vector<cms::stCameraParameter>& parameters) {
   std::wstring answer;
   if (!GetByCgi(L"parameters", cms::ListPath(groups), answer)) {
     return false;
@@ -45,7 +45,7 @@ bool CIPCAM_Config_Utility::GetParameters(const std::vector<std::wstring>& group
   return !parameters.empty() || Fail("no such parameters");
 }
 
-bool CIPCAM_Config_Utility::GetParameterOptions(std::vector<stCameraParameter>& options) {
+bool CIPCAM_Config_Utility::GetParameterOptions(std::vector<cms::stCameraParameter>& options) {
   std::wstring answer;
   if (!GetByCgi(L"parameter options", L"/cgi-bin/admin/param.cgi?action=options", answer)) {
     return false;
@@ -54,7 +54,7 @@ bool CIPCAM_Config_Utility::GetParameterOptions(std::vector<stCameraParameter>& 
   return true;
 }
 
-bool CIPCAM_Config_Utility::SetParameters(const std::vector<stCameraParameter>& parameters) {
+bool CIPCAM_Config_Utility::SetParameters(const std::vector<cms::stCameraParameter>& parameters) {
   std::string error;
   std::optional<std::wstring> path = cms::UpdatePath(parameters, error);
   std::wstring answer;
@@ -68,7 +68,7 @@ bool CIPCAM_Config_Utility::GetVideoResolutionAPIConfig() {
 }
 
 bool CIPCAM_Config_Utility::ParserResolutionAPIData(const std::wstring& answer) {
-  std::optional<stResolutionConfiguration> read = cms::ParseResolutions(answer);
+  std::optional<cms::stResolutionConfiguration> read = cms::ParseResolutions(answer);
   if (!read) {
     return Fail("the camera does not tell its streams' resolutions");
   }

@@ -3,6 +3,8 @@
 
 #include <string>
 
+namespace cms {
+
 // The numbers of _SEND_HTTP_COMMAND_PARAM::verb.
 inline constexpr int kHttpVerbPost = 0;
 inline constexpr int kHttpVerbGet = 1;
@@ -11,6 +13,8 @@ inline constexpr int kHttpVerbGet = 1;
 inline constexpr int kHttpCommandOk = 0;            // the status said "200 OK"
 inline constexpr int kHttpCommandUnauthorized = 1;  // the status said "401 Unauthorized"
 inline constexpr int kHttpCommandFailed = 2;        // another status, or no usable answer
+
+}  // namespace cms
 
 // Times in milliseconds. Each bounds its whole step, so that no camera can hold the caller longer
 // than their sum (with the connect time taken once more for each retry).
@@ -21,7 +25,7 @@ struct _SEND_HTTP_COMMAND_PARAM {
   unsigned dataSendTimeout = 10000;        // to get the request's body out
   unsigned dataReceiveTimeout = 20000;     // until the answer's body is there
   unsigned connectRetries = 1;             // further attempts when a connection could not be made
-  int verb = kHttpVerbGet;
+  int verb = cms::kHttpVerbGet;
   std::wstring serverAddress;  // a host name or an address
   std::wstring userName;
   int port = 80;
@@ -32,5 +36,5 @@ struct _SEND_HTTP_COMMAND_PARAM {
   char* answer = nullptr;       // the caller's; gets the body of a "200 OK" and a zero behind it
   unsigned answerCapacity = 0;  // bytes; a longer body is cut to one byte less
   unsigned answerLength = 0;    // out: bytes without the zero
-  int result = kHttpCommandFailed;  // out
+  int result = cms::kHttpCommandFailed;  // out
 };

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+namespace cms {
+
 struct stONVIFDeviceInformation {
   std::wstring manufacturer;
   std::wstring model;
@@ -167,3 +169,5 @@ struct stAutoStream {
   std::wstring encoding = L"H264";  // or "JPEG"
   stResolution resolution;  // the nearest that the camera offers; 0 x 0: any, the largest if new
 };
+
+}  // namespace cms

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+namespace cms {
+
 // One parameter, without the "root." that answers put in front of its name.
 struct stCameraParameter {
   std::wstring name;
@@ -24,3 +26,5 @@ struct stResolutionConfiguration {
   bool fisheye = false;
   bool pal = false;  // a 50 Hz system was detected
 };
+
+}  // namespace cms

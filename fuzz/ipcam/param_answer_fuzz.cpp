@@ -14,7 +14,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::size_t streams = utility.ResolutionConfiguration().streams.size();
     CHECK(streams == 0 || (streams >= 3 && streams <= 5));
   }
-  for (const stCameraParameter& parameter : cms::ParseParameters(text)) {
+  for (const cms::stCameraParameter& parameter : cms::ParseParameters(text)) {
     CHECK(parameter.name.find(L'=') == std::wstring::npos);
     CHECK(parameter.value.find(L'\n') == std::wstring::npos);
   }

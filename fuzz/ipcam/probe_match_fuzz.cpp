@@ -11,7 +11,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   CIPCAM_Config_Utility utility;
   CHECK(utility.ParserONVIFDiscoveryInfo(answer) == !utility.DiscoveredDevices().empty());
   CHECK(!utility.ParserONVIFDiscoveryInfo(answer));
-  for (const stDiscoveredDevice& device : utility.DiscoveredDevices()) {
+  for (const cms::stDiscoveredDevice& device : utility.DiscoveredDevices()) {
     CHECK(!device.address.empty() && device.address.find_first_of("/: \"<>") == std::string::npos);
     CHECK(!device.address.starts_with("169.254"));
     const int port = std::atoi(device.port.c_str());

@@ -4,6 +4,7 @@
 #include <string_view>
 
 #include "cms/ipcam/config_utility.h"
+#include "cms/ipcam/internal/media_answers.h"
 #include "cms/ipcam/internal/onvif_answers.h"
 #include "cms/ipcam/internal/soap_envelope.h"
 #include "cms/ipcam/internal/tag_search.h"
@@ -19,7 +20,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         L"GetNetworkInterfaces", L"GetNetworkDefaultGateway", L"GetDNS"}) {
     utility.ParserAllONVIFData(operation, text);
   }
-  for (const stVideoProfile& profile : utility.ONVIFConfiguration().profiles) {
+  for (const cms::stVideoProfile& profile : utility.ONVIFConfiguration().profiles) {
     CHECK(!profile.token.empty());
   }
   const std::wstring normalized = cms::Normalized(text);

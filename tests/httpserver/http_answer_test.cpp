@@ -103,14 +103,14 @@ TEST_F(HttpAnswerTest, HeaderBlocksToTheByte) {
   EXPECT_EQ(Ask(Request("/nine")), "HTTP/1.1 \r\n" + common + "Connection: keep-alive\r\n\r\n");
   EXPECT_EQ(Ask(Request("/stream")),
             "HTTP/1.1 200 OK\r\n" + common + "Connection: keep-alive\r\n\r\nonetwo");
-  const std::string file_start = "HTTP/1.1 200 OK\r\nDate: " FIXED_DATE
-                                 "Server: CMS-HTTPServer\r\n"
-                                 "Content-type: text/html\r\n";
-  const std::string file_end = "Content-length: 5000000000\r\nConnection: keep-alive\r\n\r\n";
-  EXPECT_EQ(Ask(Request("/file")), file_start + file_end + "abc");
+  const std::string fileStart = "HTTP/1.1 200 OK\r\nDate: " FIXED_DATE
+                                "Server: CMS-HTTPServer\r\n"
+                                "Content-type: text/html\r\n";
+  const std::string fileEnd = "Content-length: 5000000000\r\nConnection: keep-alive\r\n\r\n";
+  EXPECT_EQ(Ask(Request("/file")), fileStart + fileEnd + "abc");
   EXPECT_EQ(Ask(Request("/file?yesterday")),
-            file_start + "Last-modified: yesterday\r\n" + file_end + "abc");
-  EXPECT_EQ(Ask(Request("/broken")), file_start + file_end) << "no header of somebody else's";
+            fileStart + "Last-modified: yesterday\r\n" + fileEnd + "abc");
+  EXPECT_EQ(Ask(Request("/broken")), fileStart + fileEnd) << "no header of somebody else's";
   EXPECT_EQ(Ask(Request("/none")),
             "HTTP/1.1 404 Not Found\r\n" + common +
                 "Content-type: text/html\r\nContent-length: 124\r\nConnection: close\r\n\r\n" +
@@ -129,7 +129,7 @@ TEST_F(HttpAnswerTest, DatesAndNonces) {
             "Digest realm=\"QNV\", domain=\"0.0.0.0\", qop=\"auth\", nonce=\"" +
                 cms::Md5Hex(FIXED_DATE) + "\", opaque=\"\", algorithm=\"MD5\", stale=\"FALSE\"");
   On("/401", [](HttpRequest* request, const char*, std::uint32_t) {
-    return SetStatusCode(request, kHttpAuthorizationRequired);
+    return SetStatusCode(request, cms::kHttpAuthorizationRequired);
   });
   Start();
   EXPECT_THAT(
@@ -288,7 +288,7 @@ TEST_F(HttpAnswerTest, AccessLists) {
   constexpr std::uint32_t kMe = INADDR_LOOPBACK;
   const auto answer = [&] { return Ask(Request("/")); };
   EXPECT_EQ(AllowAccess(server_, kMe), 2) << "nothing is checked yet";
-  SetWhiteBlackListInfo(server_, 0, 0xFFFFFFFF, 1, kAccessListAdd);
+  SetWhiteBlackListInfo(server_, 0, 0xFFFFFFFF, 1, cms::kAccessListAdd);
   EXPECT_THAT(answer(), StartsWith("HTTP/1.1 200 OK"));
   ClearAllWhiteBlackListInfo(server_);
 
@@ -298,32 +298,32 @@ TEST_F(HttpAnswerTest, AccessLists) {
               testing::AllOf(StartsWith("HTTP/1.1 901 Not in white list\r\n"),
                              EndsWith("Connection: close\r\n\r\n<HTML><BODY>\r\n<p>Not In White "
                                       "List!!</p>\r\n</BODY></HTML>\r\n")));
-  SetWhiteBlackListInfo(server_, kMe + 1, kMe + 9, 2, kAccessListAdd);
+  SetWhiteBlackListInfo(server_, kMe + 1, kMe + 9, 2, cms::kAccessListAdd);
   EXPECT_EQ(AllowAccess(server_, kMe), 1);
-  SetWhiteBlackListInfo(server_, kMe - 1, kMe, 2, kAccessListAdd);
+  SetWhiteBlackListInfo(server_, kMe - 1, kMe, 2, cms::kAccessListAdd);
   EXPECT_EQ(AllowAccess(server_, kMe), 2);
   EXPECT_THAT(answer(), StartsWith("HTTP/1.1 200 OK"));
-  SetWhiteBlackListInfo(server_, kMe, kMe, 0, kAccessListAdd);
+  SetWhiteBlackListInfo(server_, kMe, kMe, 0, cms::kAccessListAdd);
   EXPECT_EQ(AllowAccess(server_, kMe), 0);
   EXPECT_THAT(answer(),
               testing::AllOf(StartsWith("HTTP/1.1 902 In black list\r\n"),
                              EndsWith("Connection: close\r\n\r\n<HTML><BODY>\r\n<p>In Black "
                                       "List!!</p>\r\n</BODY></HTML>\r\n")));
-  SetWhiteBlackListInfo(server_, kMe, kMe, 1, kAccessListRemove);  // not in the list
-  SetWhiteBlackListInfo(server_, kMe, kMe, 0, 5);                  // no such operation
+  SetWhiteBlackListInfo(server_, kMe, kMe, 1, cms::kAccessListRemove);  // not in the list
+  SetWhiteBlackListInfo(server_, kMe, kMe, 0, 5);                       // no such operation
   EXPECT_EQ(AllowAccess(server_, kMe), 0);
-  SetWhiteBlackListInfo(server_, kMe, kMe, 0, kAccessListRemove);
+  SetWhiteBlackListInfo(server_, kMe, kMe, 0, cms::kAccessListRemove);
   EXPECT_EQ(AllowAccess(server_, kMe), 2);
 }
 
 TEST_F(HttpAnswerTest, StartsOnceAndAgain) {
   EXPECT_EQ(CreateHttpServer(nullptr), nullptr);
-  const tHttpServerConfig without{0, nullptr};
+  const cms::tHttpServerConfig without{0, nullptr};
   EXPECT_EQ(CreateHttpServer(&without), nullptr);
   EXPECT_EQ(StopListen(server_), -1);
   EXPECT_EQ(CloseHttpServer(server_), 1);
 
-  const tHttpServerConfig fixed{test::PortOf(test::BoundSocket(SOCK_STREAM)), test::OneUser};
+  const cms::tHttpServerConfig fixed{test::PortOf(test::BoundSocket(SOCK_STREAM)), test::OneUser};
   HttpServer* const server = CreateHttpServer(&fixed);
   RegisterEgi(server, "/", Echo);
   const auto ask = [&] {

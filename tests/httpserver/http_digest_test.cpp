@@ -6,6 +6,7 @@
 #include "cms/httpserver/internal/digest_verifier.h"
 #include "cms/runtime/clock.h"
 #include "cms/runtime/digest.h"
+#include "cms/streaming/login.h"
 #include "tests/httpserver/http_server_fixture.h"
 #include "tests/support/faulty_file_io.h"
 
@@ -276,6 +277,24 @@ TEST_F(HttpLogin, AnOldNonceIsToldToBeStale) {
 }
 
 // The proven user counts, wherever else a name stands.
+TEST_F(HttpLogin, TheStrongerOfTwoOffersIsTaken) {
+  EnableStrictDigest(server_, 1);
+  EnableSha256Digest(server_, 1);
+  const std::string url = "'" + Url("/auth/live?x=1") + "'";
+  const std::string told = Curl("-v --digest -u operator:secret " + url + " 2>&1");
+  EXPECT_THAT(told, AllOf(HasSubstr("hello operator|200"), HasSubstr("algorithm=MD5"),
+                          testing::ContainsRegex("> Authorization: Digest .*algorithm=SHA-256")));
+  EXPECT_THAT(Curl("--digest -u operator:wrong " + url), EndsWith("|401"));
+  // This library's client as well.
+  cms::Login login;
+  const std::string challenges = Ask(Request("/auth/live"));
+  login.SetCredentials("operator", "secret");
+  ASSERT_TRUE(login.ReadChallenges(challenges));
+  const std::string line = login.AuthorizationLine("GET", "/auth/live");
+  EXPECT_THAT(line, HasSubstr("SHA-256"));
+  EXPECT_THAT(Ask(Request("/auth/live", line)), EndsWith("hello operator"));
+}
+
 TEST_F(HttpLogin, NobodyActsUnderAnotherName) {
   Client client;
   const std::string authorization = "Authorization: Digest " + client.Parameters() + "\r\n";

@@ -18,6 +18,7 @@
 #include "cms/exports/http_server_exports.h"
 #include "cms/httpserver/internal/connection_threads.h"
 #include "tests/httpserver/http_server_fixture.h"
+#include "tests/support/process_state.h"
 
 namespace {
 
@@ -52,8 +53,11 @@ int Hello(HttpRequest* request, const char*, std::uint32_t) {
 constexpr long kWaiting = cms::ConnectionThreads::kMostWaiting;
 
 long RunningThreads() {
-  namespace fs = std::filesystem;
-  return std::distance(fs::directory_iterator("/proc/self/task"), fs::directory_iterator());
+  return static_cast<long>(test::RunningThreads());
+}
+
+long OpenDescriptors() {
+  return static_cast<long>(test::OpenDescriptors());
 }
 
 double ProcessorSeconds() {
@@ -70,7 +74,7 @@ class HttpLoadTest : public test::HttpServerTest {
     streaming = 0;
     chunks = 0;
     DestroyHttpServer(server_);
-    const tHttpServerConfigEx config{
+    const cms::tHttpServerConfigEx config{
         .passwordLookup = [](void*, const std::string&, std::string&) { return 0; },
         .maxConnections = connections};
     server_ = CreateHttpServerEx(&config);
@@ -172,7 +176,7 @@ TEST_F(HttpLoadTest, ClientsThatVanish) {
 
 TEST_F(HttpLoadTest, AFloodOfEveryKind) {
   Start();
-  const long descriptors = test::OpenDescriptors();
+  const long descriptors = OpenDescriptors();
   const long threads = RunningThreads();
   std::atomic<bool> flooding = true;
   std::atomic<int> floods = 0;
@@ -210,8 +214,8 @@ TEST_F(HttpLoadTest, AFloodOfEveryKind) {
     attacker.join();
   }
   EXPECT_TRUE(test::WaitFor([&] {
-    return test::OpenDescriptors() <= descriptors && RunningThreads() < threads + kWaiting;
-  })) << test::OpenDescriptors()
+    return OpenDescriptors() <= descriptors && RunningThreads() < threads + kWaiting;
+  })) << OpenDescriptors()
       << " descriptors, " << RunningThreads() << " threads";
   EXPECT_TRUE(Served());
 }
@@ -280,7 +284,7 @@ TEST_F(HttpLoadTest, OutOfDescriptors) {
     clients.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   }
   std::vector<Descriptor> hoard;
-  const test::DescriptorLimit limit(static_cast<rlim_t>(test::OpenDescriptors()) + 20);
+  const test::DescriptorLimit limit(static_cast<rlim_t>(OpenDescriptors()) + 20);
   while (true) {
     Descriptor one(dup(clients[0]));
     if (one < 0) {
@@ -309,19 +313,19 @@ TEST_F(HttpLoadTest, OutOfDescriptors) {
 TEST_F(HttpLoadTest, ClientsThatDoNotReadTakeNoMoreThanTheirShare) {
   SetUpFor(10);
   Start();
-  const long descriptors = test::OpenDescriptors();
+  const long descriptors = OpenDescriptors();
   std::vector<Descriptor> clients(40);
   for (Descriptor& each : clients) {
     each = Connected(Port());
     ASSERT_TRUE(SendText(each, Request("/stream")));
   }
-  const auto of_server = [&] {
-    return test::OpenDescriptors() - descriptors - static_cast<long>(clients.size());
+  const auto ofServer = [&] {
+    return OpenDescriptors() - descriptors - static_cast<long>(clients.size());
   };
   ASSERT_TRUE(test::WaitFor([] { return streaming == 10; }));
   std::this_thread::sleep_for(milliseconds(100));
   EXPECT_EQ(streaming, 10);
-  EXPECT_LE(of_server(), 10);
+  EXPECT_LE(ofServer(), 10);
   clients.resize(3);
   EXPECT_TRUE(Served()) << "those that went make place";
 }
@@ -331,14 +335,14 @@ TEST_F(HttpLoadTest, ClientsThatDoNotReadTakeNoMoreThanTheirShare) {
 TEST_F(HttpLoadTest, DeniedClientsLeaveRoomForOthers) {
   SetUpFor(0);
   constexpr std::uint32_t kDenied = INADDR_LOOPBACK + 4;
-  SetWhiteBlackListInfo(server_, INADDR_LOOPBACK, INADDR_LOOPBACK, 2, kAccessListAdd);
-  SetWhiteBlackListInfo(server_, kDenied, kDenied, 1, kAccessListAdd);
+  SetWhiteBlackListInfo(server_, INADDR_LOOPBACK, INADDR_LOOPBACK, 2, cms::kAccessListAdd);
+  SetWhiteBlackListInfo(server_, kDenied, kDenied, 1, cms::kAccessListAdd);
   EnableWhiteBlackList(server_, 1);
   {
     const test::DescriptorLimit limit(240);
     Start();
   }
-  const long descriptors = test::OpenDescriptors();
+  const long descriptors = OpenDescriptors();
   std::vector<Descriptor> clients;
   long most = 0;
   for (int i = 0; i < 400; ++i) {
@@ -350,15 +354,14 @@ TEST_F(HttpLoadTest, DeniedClientsLeaveRoomForOthers) {
     ASSERT_EQ(connect(made, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
     SendText(made, Request("/hello"));
     clients.push_back(std::move(made));
-    most =
-        std::max(most, test::OpenDescriptors() - descriptors - static_cast<long>(clients.size()));
+    most = std::max(most, OpenDescriptors() - descriptors - static_cast<long>(clients.size()));
     if (i % 50 == 49) {
       EXPECT_TRUE(Served()) << i;
     }
   }
   EXPECT_LE(most, 60);
   EXPECT_TRUE(test::WaitFor(
-      [&] { return test::OpenDescriptors() - descriptors <= static_cast<long>(clients.size()); }));
+      [&] { return OpenDescriptors() - descriptors <= static_cast<long>(clients.size()); }));
 }
 
 // Short connections share threads; one whose priority or handle was given away ends with its own.

@@ -60,13 +60,13 @@ inline std::string Request(const std::string& target, const std::string& headers
 class HttpServerTest : public testing::Test {
  protected:
   void SetUp() override {
-    const tHttpServerConfig config{0, OneUser};
+    const cms::tHttpServerConfig config{0, OneUser};
     server_ = CreateHttpServer(&config);
     ASSERT_NE(server_, nullptr);
   }
   void TearDown() override { DestroyHttpServer(server_); }
 
-  void On(const char* name, EgiCallback callback) { RegisterEgi(server_, name, callback); }
+  void On(const char* name, cms::EgiCallback callback) { RegisterEgi(server_, name, callback); }
   void Start() {
     ASSERT_EQ(StartHttpServer(server_), 1);
     ASSERT_NE(GetHttpServerPort(server_), 0);

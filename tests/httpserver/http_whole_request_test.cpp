@@ -76,7 +76,7 @@ TEST(WholeRequest, HeadersAndTheirEnd) {
 class HttpWholeRequests : public test::HttpServerTest {
  protected:
   void SetUp() override {
-    const tHttpServerConfigEx config{
+    const cms::tHttpServerConfigEx config{
         0,
         [](void* context, const std::string& user, std::string& password) {
           password = *static_cast<std::string*>(context);
@@ -100,6 +100,9 @@ class HttpWholeRequests : public test::HttpServerTest {
       RequestGetHeader(request, "host", host);
       RequestSetContentType(request, "text/plain");
       RequestSetContentType(request, "text/plain\r\nSet-Cookie: x");
+      EXPECT_EQ(RequestAddHeader(request, "X-Frame-Options", "DENY"), 1);
+      EXPECT_EQ(RequestAddHeader(request, "X-Other", "a\r\nSet-Cookie: x"), 0);
+      EXPECT_EQ(RequestAddHeader(request, "Set-Cookie: x\r\nX", "a"), 0);
       ++*static_cast<std::atomic<int>*>(context);
       return RequestWrite(request, ("hello " + user + " of " + host).c_str());
     };
@@ -132,7 +135,8 @@ TEST_F(HttpWholeRequests, ArriveInAnyPieces) {
 TEST_F(HttpWholeRequests, AnswersTellWhatTheyAreAndThatTheConnectionEnds) {
   EXPECT_THAT(Ask(Request("/hello")),
               testing::AllOf(StartsWith("HTTP/1.1 200 OK\r\n"),
-                             HasSubstr("\r\nContent-type: text/plain\r\nContent-length: 14\r\n"),
+                             HasSubstr("\r\nContent-type: text/plain\r\nContent-length: 14\r\n"
+                                       "X-Frame-Options: DENY\r\n"),
                              HasSubstr("\r\nConnection: close\r\n\r\n")));
   for (const auto& [number, line] :
        {std::pair("5", "404 Not Found"), std::pair("404", "404 Not Found"),

@@ -30,7 +30,7 @@ TEST(CapabilityTables, EachRowOfResolutionsAgreesWithItself) {
   ASSERT_EQ(table.size(), 56U);
   std::set<std::wstring_view> keys;
   std::int64_t width = 0;
-  for (const stResolutionRow& row : table) {
+  for (const cms::stResolutionRow& row : table) {
     const std::wstring key(row.key);
     SCOPED_TRACE(std::string(key.begin(), key.end()));
     EXPECT_EQ(&row, &table[static_cast<std::size_t>(row.id)]);

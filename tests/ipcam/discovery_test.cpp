@@ -34,7 +34,7 @@ std::string ProbeMatch(const std::string& urls, const std::string& scopes) {
 TEST(Discovery, AnAnswerTellsOneDevice) {
   const std::string scopes =
       "onvif://www.onvif.org/hardware/HW-1 onvif://www.onvif.org/name/Front%20%c3%a9&amp;\n"
-      "onvif://www.onvif.org/type/video_encoder ";
+      "onvif://www.onvif.org/type/videoEncoder ";
   struct Case {
     std::string answer;
     const char* found;  // address|port|hardware|name|type
@@ -72,7 +72,7 @@ TEST(Discovery, AnAnswerTellsOneDevice) {
     EXPECT_EQ(utility.ParserONVIFDiscoveryInfo(c.answer), *c.found != '\0');
     EXPECT_FALSE(utility.ParserONVIFDiscoveryInfo(c.answer));  // no device twice
     std::string found;
-    for (const stDiscoveredDevice& device : utility.DiscoveredDevices()) {
+    for (const cms::stDiscoveredDevice& device : utility.DiscoveredDevices()) {
       found += device.address + "|" + device.port + "|" + device.hardware + "|" + device.name +
                "|" + device.type;
     }
@@ -165,7 +165,7 @@ class Finder : public CIPCAM_Config_Utility {
   explicit Finder(std::size_t enough) : enough_(enough) {}
 
  protected:
-  void OnDeviceFound(const stDiscoveredDevice& /*device*/) override {
+  void OnDeviceFound(const cms::stDiscoveredDevice& /*device*/) override {
     if (DiscoveredDevices().size() == enough_) {
       Interrupt();
     }

@@ -63,28 +63,30 @@ TEST(HttpCommand, TheStatusDecidesAndTheRequestIsTheCallers) {
     const char* body;
   };
   for (const Case& c : {
-           Case{"HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello", kHttpCommandOk, "hello"},
-           Case{"HTTP/1.0 200 OK\r\n\r\nuntil the end", kHttpCommandOk, "until the end"},
-           Case{"HTTP/1.1 200 Ok\r\n\r\nx", kHttpCommandOk, "x"},
-           Case{"HTTP/1.1 2000 OK\r\n\r\nx", kHttpCommandFailed, ""},
+           Case{"HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello", cms::kHttpCommandOk, "hello"},
+           Case{"HTTP/1.0 200 OK\r\n\r\nuntil the end", cms::kHttpCommandOk, "until the end"},
+           Case{"HTTP/1.1 200 Ok\r\n\r\nx", cms::kHttpCommandOk, "x"},
+           Case{"HTTP/1.1 2000 OK\r\n\r\nx", cms::kHttpCommandFailed, ""},
            Case{"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n0\r\n\r\n",
-                kHttpCommandOk, "abc"},
-           Case{"HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 200 OK\r\n\r\nx", kHttpCommandOk, "x"},
+                cms::kHttpCommandOk, "abc"},
+           Case{"HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 200 OK\r\n\r\nx", cms::kHttpCommandOk, "x"},
            Case{"HTTP/1.1 401 Unauthorized\r\nContent-Length: 3\r\n\r\nno!",
-                kHttpCommandUnauthorized, ""},
-           Case{"HTTP/1.1 302 Found\r\nLocation: /200%20OK\r\n\r\n", kHttpCommandFailed, ""},
-           Case{"HTTP/1.1 500 Oh\r\nX: 200 OK\r\n\r\nno", kHttpCommandFailed, ""},
-           Case{"HTTP/1.1 200 OK\r\nContent-Length: 50\r\n\r\nbroken off", kHttpCommandFailed, ""},
-           Case{"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\nzz", kHttpCommandFailed, ""},
-           Case{"\x16\x03\x01 what?", kHttpCommandFailed, ""},
-           Case{"", kHttpCommandFailed, ""},
+                cms::kHttpCommandUnauthorized, ""},
+           Case{"HTTP/1.1 302 Found\r\nLocation: /200%20OK\r\n\r\n", cms::kHttpCommandFailed, ""},
+           Case{"HTTP/1.1 500 Oh\r\nX: 200 OK\r\n\r\nno", cms::kHttpCommandFailed, ""},
+           Case{"HTTP/1.1 200 OK\r\nContent-Length: 50\r\n\r\nbroken off", cms::kHttpCommandFailed,
+                ""},
+           Case{"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\nzz", cms::kHttpCommandFailed,
+                ""},
+           Case{"\x16\x03\x01 what?", cms::kHttpCommandFailed, ""},
+           Case{"", cms::kHttpCommandFailed, ""},
        }) {
     SCOPED_TRACE(c.answer);
     ScriptedHttpServer server([&c](const HttpRequestText&) { return c.answer; });
     Exchange exchange(server.Port());
     EXPECT_EQ(exchange.Run(), c.result) << exchange.utility.LastError();
     EXPECT_EQ(exchange.Answer(), c.body);
-    EXPECT_EQ(exchange.utility.LastError().empty(), c.result == kHttpCommandOk);
+    EXPECT_EQ(exchange.utility.LastError().empty(), c.result == cms::kHttpCommandOk);
     EXPECT_EQ(exchange.utility.LastResult(), c.result);
     ASSERT_GE(server.Requests().size(), 1U);
     EXPECT_THAT(server.Requests()[0].head, testing::StartsWith("GET /x?a=1,2&b=%20 HTTP/1.1\r\n"));
@@ -97,7 +99,7 @@ TEST(HttpCommand, HeadersAreAddedOnceAndAProxyOfTheEnvironmentIsNotUsed) {
   ScriptedHttpServer server([](const HttpRequestText&) { return ScriptedHttpServer::Ok("ok"); });
   Exchange exchange(server.Port());
   exchange.param.headers = L"X-One: 1\r\nx-one: 2\r\nAuthorization: Own\r\n";
-  EXPECT_EQ(exchange.Run(), kHttpCommandOk) << exchange.utility.LastError();
+  EXPECT_EQ(exchange.Run(), cms::kHttpCommandOk) << exchange.utility.LastError();
   unsetenv("http_proxy");
   const std::string head = server.Requests()[0].head;
   EXPECT_THAT(head, HasSubstr("X-One: 1\r\n"));
@@ -122,13 +124,13 @@ TEST(HttpCommand, AServerThatWantsDigestCredentialsGetsThem) {
                  : "HTTP/1.1 401 Unauthorized\r\n" + challenge + "\r\n\r\n";
     });
     Exchange exchange(server.Port());
-    exchange.param.verb = kHttpVerbPost;
+    exchange.param.verb = cms::kHttpVerbPost;
     exchange.param.body = L"b\u00e4";
     exchange.param.headers = L"Content-Length: 3\r\n";
-    EXPECT_EQ(exchange.Run(), kHttpCommandOk) << exchange.utility.LastError();
+    EXPECT_EQ(exchange.Run(), cms::kHttpCommandOk) << exchange.utility.LastError();
     EXPECT_EQ(exchange.Answer(), "b\u00e4");
     exchange.param.password = L"wrong";
-    EXPECT_EQ(exchange.Run(), kHttpCommandUnauthorized);
+    EXPECT_EQ(exchange.Run(), cms::kHttpCommandUnauthorized);
   }
 }
 
@@ -138,7 +140,7 @@ TEST(HttpCommand, ANonceThatIsStaleEachTimeEndsTheExchange) {
            "WWW-Authenticate: Digest realm=\"cam\", nonce=\"n1\", stale=true\r\n\r\n";
   });
   Exchange exchange(server.Port());
-  EXPECT_EQ(exchange.Run(), kHttpCommandUnauthorized) << exchange.utility.LastError();
+  EXPECT_EQ(exchange.Run(), cms::kHttpCommandUnauthorized) << exchange.utility.LastError();
   EXPECT_LE(server.Requests().size(), 5U);
 }
 
@@ -146,7 +148,7 @@ TEST(HttpCommand, EndlessAnswersAreCutOrGivenUp) {
   ScriptedHttpServer body([](const HttpRequestText&) { return "HTTP/1.1 200 OK\r\n\r\n"; });
   body.KeepOpen(std::string(1000, 'x'));
   Exchange exchange(body.Port());
-  EXPECT_EQ(exchange.Run(), kHttpCommandOk);
+  EXPECT_EQ(exchange.Run(), cms::kHttpCommandOk);
   EXPECT_EQ(exchange.Answer(), std::string(99, 'x'));
   EXPECT_EQ(exchange.answer[99], '\0');
   EXPECT_THAT(exchange.utility.LastError(), HasSubstr("longer than 99 bytes"));
@@ -154,7 +156,7 @@ TEST(HttpCommand, EndlessAnswersAreCutOrGivenUp) {
   ScriptedHttpServer header([](const HttpRequestText&) { return "HTTP/1.1 200 OK\r\n"; });
   header.KeepOpen("X-More: and more\r\n");
   Exchange second(header.Port());
-  EXPECT_EQ(second.Run(), kHttpCommandFailed);
+  EXPECT_EQ(second.Run(), cms::kHttpCommandFailed);
   EXPECT_THAT(second.utility.LastError(), HasSubstr("header does not end"));
 }
 
@@ -175,20 +177,20 @@ TEST(HttpCommand, EveryStepHasItsTime) {
   }
   Exchange connecting(ntohs(address.sin_port));
   connecting.param.connectTimeout = 100;
-  EXPECT_EQ(connecting.Run(), kHttpCommandFailed);
+  EXPECT_EQ(connecting.Run(), cms::kHttpCommandFailed);
   EXPECT_THAT(connecting.utility.LastError(), HasSubstr("no connection within 100 ms"));
   for (const int one : waiting) {
     close(one);
   }
   close(full);
-  EXPECT_EQ(connecting.Run(), kHttpCommandFailed);  // refused
+  EXPECT_EQ(connecting.Run(), cms::kHttpCommandFailed);  // refused
   EXPECT_FALSE(connecting.utility.LastError().empty());
 
   ScriptedHttpServer silent([](const HttpRequestText&) { return ""; });
   silent.KeepOpen("");
   Exchange awaiting(silent.Port());
   awaiting.param.controlReceiveTimeout = 100;
-  EXPECT_EQ(awaiting.Run(), kHttpCommandFailed);
+  EXPECT_EQ(awaiting.Run(), cms::kHttpCommandFailed);
   EXPECT_THAT(awaiting.utility.LastError(), HasSubstr("no answer within 100 ms"));
 
   // Interim answers are none, however many come.
@@ -198,14 +200,14 @@ TEST(HttpCommand, EveryStepHasItsTime) {
   Exchange dripped(interim.Port());
   dripped.param.controlReceiveTimeout = 200;
   dripped.param.dataReceiveTimeout = 200;
-  EXPECT_EQ(dripped.Run(), kHttpCommandFailed);
+  EXPECT_EQ(dripped.Run(), cms::kHttpCommandFailed);
   EXPECT_THAT(dripped.utility.LastError(), HasSubstr("no answer within 200 ms"));
 
   ScriptedHttpServer slow([](const HttpRequestText&) { return "HTTP/1.1 200 OK\r\n\r\nsome"; });
   slow.KeepOpen("");
   Exchange receiving(slow.Port());
   receiving.param.dataReceiveTimeout = 100;
-  EXPECT_EQ(receiving.Run(), kHttpCommandFailed);
+  EXPECT_EQ(receiving.Run(), cms::kHttpCommandFailed);
   EXPECT_EQ(receiving.Answer(), "");
   EXPECT_THAT(receiving.utility.LastError(), HasSubstr("did not end within 100 ms"));
 }
@@ -216,7 +218,7 @@ TEST(HttpCommand, ANameThatIsNotFoundCostsNoMoreThanItsTime) {
   exchange.param.connectTimeout = 200;
   exchange.param.connectRetries = 1;
   const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(exchange.Run(), kHttpCommandFailed);
+  EXPECT_EQ(exchange.Run(), cms::kHttpCommandFailed);
   EXPECT_LT(std::chrono::steady_clock::now() - start, kSlowLookUp);
   EXPECT_THAT(exchange.utility.LastError(), HasSubstr("no connection within 200 ms"));
 }
@@ -226,12 +228,12 @@ TEST(HttpCommand, AddressesAndPathsCannotChangeTheRequest) {
   for (const wchar_t* path : {L"", L"x", L"/a b", L"/a\r\nX: 1"}) {
     Exchange exchange(server.Port());
     exchange.param.objectPath = path;
-    EXPECT_EQ(exchange.Run(), kHttpCommandFailed);
+    EXPECT_EQ(exchange.Run(), cms::kHttpCommandFailed);
   }
   for (const wchar_t* address : {L"", L"a b", L"u@127.0.0.1", L"127.0.0.1/x", L"127.0.0.1:80"}) {
     Exchange exchange(server.Port());
     exchange.param.serverAddress = address;
-    EXPECT_EQ(exchange.Run(), kHttpCommandFailed);
+    EXPECT_EQ(exchange.Run(), cms::kHttpCommandFailed);
   }
   EXPECT_TRUE(server.Requests().empty());
 }

@@ -44,13 +44,13 @@ TEST_P(WholeCamera, IsReadWithOneRequestForEachQuestion) {
                           "GetOptions", "GetImagingSettings", "GetNetworkInterfaces",
                           "GetNetworkDefaultGateway", "GetDNS"));
 
-  const stONVIFConfiguration& read = utility.ONVIFConfiguration();
+  const cms::stONVIFConfiguration& read = utility.ONVIFConfiguration();
   EXPECT_EQ(read.device.manufacturer, L"Smith & Sons");
   EXPECT_EQ(read.device.model, L"Dome-2");
   EXPECT_EQ(read.device.hardwareId, L"rev-b");
 
   ASSERT_EQ(read.profiles.size(), 4U);
-  const stVideoProfile& main = read.profiles[0];
+  const cms::stVideoProfile& main = read.profiles[0];
   EXPECT_EQ(main.token, L"main<1>");
   EXPECT_EQ(main.name, L"Main");
   EXPECT_EQ(main.videoSourceConfigurationToken, L"vsc0");
@@ -66,7 +66,7 @@ TEST_P(WholeCamera, IsReadWithOneRequestForEachQuestion) {
   EXPECT_EQ(main.videoEncoder->govLength, 50);
   EXPECT_EQ(main.videoEncoder->multicast.ttl, 5);
   EXPECT_TRUE(main.videoEncoder->multicast.autoStart);
-  EXPECT_EQ(read.profiles[1].videoEncoder->resolution, (stResolution{640, 480}));
+  EXPECT_EQ(read.profiles[1].videoEncoder->resolution, (cms::stResolution{640, 480}));
   EXPECT_FALSE(read.profiles[3].videoEncoder);
   EXPECT_EQ(utility.GetMainStreamProfileName(), L"Main");
   EXPECT_EQ(utility.GetSubStreamProfileName(), L"Sub");
@@ -74,7 +74,7 @@ TEST_P(WholeCamera, IsReadWithOneRequestForEachQuestion) {
 
   ASSERT_EQ(read.videoEncoderOptions.size(), 2U);
   ASSERT_EQ(read.videoEncoderOptions[0].codecs.size(), 2U);
-  const stCodecOptions& h264 = read.videoEncoderOptions[0].codecs[0];
+  const cms::stCodecOptions& h264 = read.videoEncoderOptions[0].codecs[0];
   EXPECT_EQ(h264.encoding, L"H264");
   EXPECT_EQ(h264.resolutions.size(), 3U);
   EXPECT_EQ(h264.bitrate->max, 10240);
@@ -112,7 +112,7 @@ TEST(OnvifConfig, WhatACameraDoesNotOfferIsLeftEmpty) {
   FastUtility utility(camera.Port());
   EXPECT_TRUE(utility.GetAllONVIFConfig());
   EXPECT_THAT(utility.LastError(), HasSubstr("GetOptions: answered HTTP/1.1 500"));  // the first
-  EXPECT_EQ(utility.LastResult(), kHttpCommandOk);
+  EXPECT_EQ(utility.LastResult(), cms::kHttpCommandOk);
   EXPECT_FALSE(utility.ONVIFConfiguration().imaging.brightness);
   EXPECT_EQ(utility.ONVIFConfiguration().network.gateway, L"192.168.0.1");
   EXPECT_FALSE(utility.GetVideoPropertyONVIFConfig());
@@ -127,7 +127,7 @@ TEST(OnvifConfig, ACameraThatRefusesTheUserInBetweenIsAskedNothingMore) {
   });
   FastUtility utility(camera.Port());
   EXPECT_FALSE(utility.GetAllONVIFConfig());
-  EXPECT_EQ(utility.LastResult(), kHttpCommandUnauthorized);
+  EXPECT_EQ(utility.LastResult(), cms::kHttpCommandUnauthorized);
   EXPECT_THAT(utility.LastError(), HasSubstr("GetVideoEncoderConfigurations"));
   EXPECT_EQ(Operations(camera).back(), "GetVideoEncoderConfigurations");
   EXPECT_FALSE(utility.ONVIFConfiguration().profiles.empty());
@@ -225,7 +225,7 @@ TEST(OnvifConfig, FaultsNameTheCameraAndTheReasonAndNeverThePassword) {
   EXPECT_EQ(utility.LastError(), "camera 127.0.0.1:" + std::to_string(camera.Port()) +
                                      ": GetDeviceInformation: answered HTTP/1.1 400 Bad Request "
                                      "(Sender not authorized)");
-  EXPECT_EQ(utility.LastResult(), kHttpCommandUnauthorized);
+  EXPECT_EQ(utility.LastResult(), cms::kHttpCommandUnauthorized);
   EXPECT_EQ(camera.Requests().size(), 2U);  // nothing more is asked of a camera that refuses us
 
   FastUtility incomplete(camera.Port(), L"");
@@ -238,24 +238,24 @@ TEST(OnvifConfig, SettingsAreSentAsTheyWereReadAndChanged) {
   ScriptedHttpServer camera(test::OnvifAnswers());
   FastUtility utility(camera.Port());
   ASSERT_TRUE(utility.GetVideoProfileONVIFConfig());
-  stONVIFChanges changes;
+  cms::stONVIFChanges changes;
   changes.videoEncoders = utility.ONVIFConfiguration().videoEncoders;
   changes.audioEncoders = {*utility.ONVIFConfiguration().profiles[0].audioEncoder};
-  changes.imaging =
-      stImagingSettings{.brightness = 41.6,
-                        .colorSaturation = {},
-                        .contrast = {},
-                        .sharpness = {},
-                        .irCutFilter = L"OFF",
-                        .whiteBalance = stWhiteBalance{.mode = L"AUTO", .crGain = 7, .cbGain = 8},
-                        .backlightCompensation = L"ON",
-                        .wideDynamicRange = {}};
-  changes.network = stNetworkSettings{.interfaceToken = L"eth0",
-                                      .dhcp = false,
-                                      .address = L"192.168.0.10",
-                                      .prefixLength = 24,
-                                      .gateway = L"192.168.0.1",
-                                      .dns = L""};
+  changes.imaging = cms::stImagingSettings{
+      .brightness = 41.6,
+      .colorSaturation = {},
+      .contrast = {},
+      .sharpness = {},
+      .irCutFilter = L"OFF",
+      .whiteBalance = cms::stWhiteBalance{.mode = L"AUTO", .crGain = 7, .cbGain = 8},
+      .backlightCompensation = L"ON",
+      .wideDynamicRange = {}};
+  changes.network = cms::stNetworkSettings{.interfaceToken = L"eth0",
+                                           .dhcp = false,
+                                           .address = L"192.168.0.10",
+                                           .prefixLength = 24,
+                                           .gateway = L"192.168.0.1",
+                                           .dns = L""};
   const std::size_t before = camera.Requests().size();
   ASSERT_TRUE(utility.SetAllONVIFConfig(changes)) << utility.LastError();
   const std::vector<HttpRequestText> requests = camera.Requests();
@@ -297,7 +297,7 @@ TEST(OnvifConfig, AutoStreamUsesWhatIsThereThenSetsThenAdds) {
   ScriptedHttpServer camera(test::OnvifAnswers());
   FastUtility utility(camera.Port());
   std::wstring uri;
-  const auto operationsOf = [&](const stAutoStream& wish) {
+  const auto operationsOf = [&](const cms::stAutoStream& wish) {
     const std::size_t before = camera.Requests().size();
     EXPECT_TRUE(utility.ONVIF_AutoStream(wish, uri)) << utility.LastError();
     std::vector<std::string> names = Operations(camera);

@@ -61,12 +61,12 @@ TEST(ParamCgi, ReadsNamesListsAndResolutions) {
   ScriptedHttpServer server(camera.Handler());
   FastUtility utility(server.Port());
   std::wstring name;
-  std::vector<stCameraParameter> parameters;
+  std::vector<cms::stCameraParameter> parameters;
   EXPECT_TRUE(utility.GetProdShortName(name));
   EXPECT_EQ(name, L"D 2=x");
   EXPECT_TRUE(utility.GetParameters({L"Image", L"a&b=c"}, parameters));
-  EXPECT_THAT(parameters, ElementsAre(stCameraParameter{L"Brand.Brand", L"Acme"},
-                                      stCameraParameter{L"Brand.ProdShortName", L"D 2=x"}));
+  EXPECT_THAT(parameters, ElementsAre(cms::stCameraParameter{L"Brand.Brand", L"Acme"},
+                                      cms::stCameraParameter{L"Brand.ProdShortName", L"D 2=x"}));
   EXPECT_TRUE(utility.GetParameters({}, parameters) && utility.GetParameterOptions(parameters));
   EXPECT_TRUE(utility.GetVideoResolutionAPIConfig());
   EXPECT_TRUE(utility.SetTVSystem(3));
@@ -77,7 +77,7 @@ TEST(ParamCgi, ReadsNamesListsAndResolutions) {
                           "/cgi-bin/tvsystem.cgi?tvsystem=3"));
   EXPECT_EQ(server.Requests()[0].Header("Authorization"), "Basic YWRtaW46c2VjcmV0");
 
-  const stResolutionConfiguration& read = utility.ResolutionConfiguration();
+  const cms::stResolutionConfiguration& read = utility.ResolutionConfiguration();
   EXPECT_TRUE(read.fisheye && read.pal);
   ASSERT_EQ(read.streams.size(), 3U);
   EXPECT_EQ(read.streams[1].key, L"disable");
@@ -136,12 +136,12 @@ TEST(ParamCgi, ParametersAreCheckedAndSentInOneRequest) {
             kBase +
                 "update&Image.I0.Appearance.H264Bitrate=4096&Framerate.MJPEG=25"
                 "&ImageSource.I0.Sensor.Exposure=a%20b%26c%3D%C3%A9&AudioSource.A0.BitRate=ulaw");
-  for (const stCameraParameter& bad :
-       std::vector<stCameraParameter>{{L"Image.I0.Appearance.H264Bitrate", L"fast"},
-                                      {L"Image.I0.Appearance.H264Bitrate", L"-1"},
-                                      {L"Framerate.H264", L""},
-                                      {L"AudioSource.A0.BitRate", L"8000"},
-                                      {L"Brand.Brand", L"Mine"}}) {
+  for (const cms::stCameraParameter& bad :
+       std::vector<cms::stCameraParameter>{{L"Image.I0.Appearance.H264Bitrate", L"fast"},
+                                           {L"Image.I0.Appearance.H264Bitrate", L"-1"},
+                                           {L"Framerate.H264", L""},
+                                           {L"AudioSource.A0.BitRate", L"8000"},
+                                           {L"Brand.Brand", L"Mine"}}) {
     EXPECT_FALSE(utility.SetParameters({bad}));
   }
   EXPECT_EQ(server.Requests().size(), 1U);
@@ -152,13 +152,13 @@ TEST(ParamCgi, FailuresAreTold) {
   ScriptedHttpServer server([&answer](const HttpRequestText&) { return answer; });
   FastUtility utility(server.Port(), L"admin", L"hush-hush");
   EXPECT_FALSE(utility.SetVideoResolutionAPIConfig(L"720p,vga,vga"));
-  EXPECT_EQ(utility.LastResult(), kHttpCommandUnauthorized);
+  EXPECT_EQ(utility.LastResult(), cms::kHttpCommandUnauthorized);
   EXPECT_THAT(utility.LastError(), testing::Not(HasSubstr("hush")));
   answer = ScriptedHttpServer::Ok("root.Brand.Brand=Acme\n");
   std::wstring name = L"before";
   EXPECT_FALSE(utility.GetProdShortName(name));
   EXPECT_EQ(name, L"before");
-  EXPECT_EQ(utility.LastResult(), kHttpCommandFailed);
+  EXPECT_EQ(utility.LastResult(), cms::kHttpCommandFailed);
   EXPECT_FALSE(utility.GetVideoResolutionAPIConfig());
   answer = ScriptedHttpServer::Ok(std::string(70'000, 'x'));
   EXPECT_FALSE(utility.GetVideoResolutionAPIConfig());

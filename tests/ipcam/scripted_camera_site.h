@@ -8,6 +8,7 @@
 #include "cms/ipcam/config_utility.h"
 #include "cms/runtime/clock.h"
 #include "tests/support/data_file.h"
+#include "tests/support/paths.h"
 #include "tests/support/scripted_http_server.h"
 
 namespace test {
@@ -54,7 +55,7 @@ inline std::string OperationOf(const HttpRequestText& request) {
 inline std::string OnvifAnswer(const HttpRequestText& request, const std::string& style) {
   const std::string operation = OperationOf(request);
   const std::string file = "onvif/" + style + "/" + operation + ".xml";
-  if (std::filesystem::exists(std::string(TEST_DATA_DIR) + "/" + file)) {
+  if (std::filesystem::exists(test::DataFolder() + "/" + file)) {
     return ScriptedHttpServer::Ok(ReadDataFile(file));
   }
   if (operation.starts_with("Get")) {

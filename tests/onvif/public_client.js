@@ -26,7 +26,7 @@ async function main() {
   const scopes = await call(cam, 'getScopes');
   assert.ok(scopes.some((scope) => scope.scopeItem.includes('/hardware/')));
   assert.ok((await call(cam, 'getCapabilities')).media.XAddr.endsWith('/onvif/media_service'));
-  assert.strictEqual((await call(cam, 'getServices', true)).length, 3);
+  assert.strictEqual((await call(cam, 'getServices', true)).length, 4);
   assert.strictEqual((await call(cam, 'getHostname')).name, 'camera');
 
   const uri = await call(cam, 'getStreamUri', { protocol: 'RTSP', profileToken: 'Profile1' });
@@ -70,7 +70,41 @@ async function main() {
   console.log('a public ONVIF client agrees with the test camera');
 }
 
-main().catch((error) => {
+// A camera that moves and sees a motion every second.
+async function moves() {
+  const cam = await connect({ username, password });
+  const status = async () => (await call(cam, 'getStatus', {})).position;
+  await call(cam, 'absoluteMove', { x: 0.5, y: -0.25, zoom: 0.5 });
+  const arrives = async (x, y) => {
+    for (let i = 0; i < 100; ++i) {
+      const { x: pan, y: tilt } = await status();
+      if (Math.abs(pan - x) < 0.02 && Math.abs(tilt - y) < 0.02) return true;
+      await new Promise((resolve) => setTimeout(resolve, 100));
+    }
+    return false;
+  };
+  assert.ok(await arrives(0.5, -0.25), JSON.stringify(await status()));
+  await call(cam, 'setPreset', { presetName: 'gate' });
+  const preset = (await call(cam, 'getPresets', {})).gate.$.token;
+  await call(cam, 'continuousMove', { x: -0.5, y: 0, zoom: 0 });
+  await call(cam, 'stop', { panTilt: true, zoom: true });
+  await call(cam, 'gotoPreset', { preset });
+  assert.ok(await arrives(0.5, -0.25), JSON.stringify(await status()));
+
+  const heard = await new Promise((resolve, reject) => {
+    const told = [];
+    setTimeout(() => reject(new Error('no motion within half a minute')), 30000).unref();
+    cam.on('event', (message) => {
+      told.push(JSON.stringify(message));
+      if (told.filter((each) => each.includes('MotionAlarm')).length >= 3) resolve(told);
+    });
+  });
+  assert.ok(heard.some((each) => each.includes('true')) && heard.some((each) => each.includes('false')), heard.join());
+  console.log('it moves the camera, and hears what it sees');
+  process.exit(0);
+}
+
+(process.argv[5] === 'moves' ? moves() : main()).catch((error) => {
   console.error(error.message || error);
   process.exit(1);
 });

@@ -24,3 +24,8 @@ for style in plain prefixes,attributes pretty,sparse; do
   echo "$style:"
   node "$(dirname "$0")/public_client.js" "$port" 'näme &lt;&amp;&gt;' 'p&"<w>'\'' %+'
 done
+"$2" camera --port 0 --onvif 0 --no-discovery --ptz --motion-every 1 --motion-length 0.5 --user admin --password pw \
+  --json >"$work/moves" &
+until [[ -s $work/moves ]]; do sleep 0.05; done
+node "$(dirname "$0")/public_client.js" "$(grep -o '"onvif_url":"http://127.0.0.1:[0-9]*' "$work/moves" | grep -o '[0-9]*$')" \
+  admin pw moves

@@ -15,6 +15,7 @@ namespace {
 constexpr std::string_view kWhite = " \t\r\n\v\f";
 // What the digest with a qop is made of fits here; longer texts prove nothing.
 constexpr std::size_t kMaxDigestInput = 255;
+constexpr std::size_t kMaxSha256Input = kMaxDigestInput + std::size_t{2} * (64 - 32);
 
 class FieldScanner {
  public:
@@ -80,22 +81,25 @@ std::string Joined(std::initializer_list<std::string_view> parts) {
 
 // Whether the response is the one that the user's password and the other parameters make. An
 // unknown user's is computed as well: it takes as long as a known one's.
-bool IsProven(const DigestFields& given, std::string_view method, const PasswordLookup& lookup) {
+using Hash = std::string (*)(std::string_view input);
+
+bool IsProven(const DigestFields& given, std::string_view method, const PasswordLookup& lookup,
+              Hash hash = &Md5Hex) {
   std::string password;
   const bool known = lookup(given.userName, password) != 0;
-  const std::string ha1 = Md5Hex(given.userName + ':' + given.realm + ':' + password);
-  const std::string ha2 = Md5Hex(std::string(method) + ':' + given.uri);
+  const std::string ha1 = hash(given.userName + ':' + given.realm + ':' + password);
+  const std::string ha2 = hash(std::string(method) + ':' + given.uri);
   std::string proof;
   if (given.qop == "auth" || given.qop == "auth-int") {
     const std::string& client = given.qop == "auth" ? given.cnonce : given.nc;
     proof = Joined({ha1, given.nonce, given.nc, client, given.qop, ha2});
-    if (proof.size() > kMaxDigestInput) {
+    if (proof.size() > (hash == &Md5Hex ? kMaxDigestInput : kMaxSha256Input)) {
       return false;
     }
   } else {
     proof = Joined({ha1, given.nonce, ha2});
   }
-  const std::string expected = Md5Hex(proof);
+  const std::string expected = hash(proof);
   const bool equal = !expected.empty() && !ha1.empty() && !ha2.empty() &&
                      EqualInConstantTime(expected, given.response);
   return known && equal;
@@ -105,7 +109,7 @@ bool IsProven(const DigestFields& given, std::string_view method, const Password
 
 DigestFields ParseDigestFields(std::string_view authorization) {
   DigestFields fields;
-  const std::array<std::pair<std::string_view, std::string*>, 8> known = {{
+  const std::array<std::pair<std::string_view, std::string*>, 9> known = {{
       {"username", &fields.userName},
       {"realm", &fields.realm},
       {"nonce", &fields.nonce},
@@ -114,13 +118,14 @@ DigestFields ParseDigestFields(std::string_view authorization) {
       {"qop", &fields.qop},
       {"cnonce", &fields.cnonce},
       {"nc", &fields.nc},
+      {"algorithm", &fields.algorithm},
   }};
   FieldScanner scanner(authorization);
   std::string_view name;
   std::string value;
   while (scanner.Next(name, value)) {
-    for (const auto& [known_name, field] : known) {
-      if (EqualAnyCase(name, known_name)) {
+    for (const auto& [knownName, field] : known) {
+      if (EqualAnyCase(name, knownName)) {
         *field = value;
       }
     }
@@ -149,8 +154,9 @@ DigestVerdict VerifyStrictDigest(std::string_view authorization, std::string_vie
   }
   DigestFields given = ParseDigestFields(authorization);
   const bool counted = given.qop == "auth" && !given.nc.empty() && !given.cnonce.empty();
+  const Hash hash = EqualAnyCase(given.algorithm, "SHA-256") ? &Sha256Hex : &Md5Hex;
   if (given.userName.empty() || given.realm != kDigestRealm || (!counted && !given.qop.empty()) ||
-      !IsProven(given, method, lookup) || WithoutOrigin(given.uri) != WithoutOrigin(target)) {
+      !IsProven(given, method, lookup, hash) || WithoutOrigin(given.uri) != WithoutOrigin(target)) {
     return {DigestResult::kBad, {}};
   }
   switch (nonces.Check(given.nonce, nowMilliseconds)) {

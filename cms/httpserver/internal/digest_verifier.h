@@ -1,4 +1,4 @@
-// The server's side of HTTP Digest authentication (RFC 2617).
+// The server's side of HTTP Digest authentication (RFC 2617, RFC 7616).
 #pragma once
 
 #include <cstdint>
@@ -20,6 +20,7 @@ struct DigestFields {
   std::string qop;
   std::string cnonce;
   std::string nc;
+  std::string algorithm;
 };
 
 // Names count without regard to case. Of a name that comes twice the last value counts.
@@ -49,9 +50,9 @@ using PasswordLookup = std::function<int(const std::string& user, std::string& p
 DigestVerdict VerifyDigest(std::string_view authorization, std::string_view method,
                            const PasswordLookup& lookup);
 
-// As VerifyDigest, and the proof must be one for this target ("/auth/live?x=1"), this server's
-// realm and a nonce of these that is not too old. The qop is "auth", or there is none and no client
-// nonce either (RFC 2069).
+// As VerifyDigest, and by SHA-256 where the client says so; the proof must be one for this target
+// ("/auth/live?x=1"), this server's realm and a nonce of these that is not too old. The qop is
+// "auth", or there is none and no client nonce either (RFC 2069).
 DigestVerdict VerifyStrictDigest(std::string_view authorization, std::string_view method,
                                  std::string_view target, const PasswordLookup& lookup,
                                  const DigestNonces& nonces, std::uint64_t nowMilliseconds);

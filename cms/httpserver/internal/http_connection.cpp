@@ -1,10 +1,12 @@
 // The course of a connection: waiting, access, the request, the handler, the end.
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <chrono>
 #include <exception>
 
@@ -15,6 +17,8 @@
 #include "cms/net/internal/socket_io.h"
 #include "cms/net/internal/wait_ready.h"
 #include "cms/runtime/clock.h"
+#include "cms/runtime/ip_address.h"
+#include "cms/runtime/log.h"
 
 namespace {
 
@@ -40,6 +44,9 @@ constexpr std::string_view kNotWhiteBody =
     "<HTML><BODY>\r\n<p>Not In White List!!</p>\r\n</BODY></HTML>\r\n";
 constexpr std::string_view kBadRequestBody =
     "<HTML><BODY>\r\n<p>Bad Request!!</p>\r\n</BODY></HTML>\r\n";
+constexpr std::string_view kNotPlainBody =
+    "<HTML><BODY>\r\n<p>This server speaks HTTPS alone: put https:// in front of its "
+    "address.</p>\r\n</BODY></HTML>\r\n";
 constexpr std::string_view kNotFoundBody =
     "<HTML><HEAD><TITLE>Document Error: Not Found</TITLE></HEAD>\r\n"
     "<BODY><H2>Access Error: 404 -- Not Found</H2>\r\n</BODY></HTML>\r\n";
@@ -61,7 +68,7 @@ bool HttpRequest::Serve() {
     const Access access = CheckAccess();
     if (access == Access::kDenied) {
       PauseBeforeClose();
-    } else if (access == Access::kPassed && Receive()) {
+    } else if (access == Access::kPassed && Secure() && Receive()) {
       Answer();
       LingerBeforeClose();
     }
@@ -81,14 +88,59 @@ HttpRequest::Access HttpRequest::CheckAccess() {
     return Access::kGone;
   }
   switch (server_.AllowAccess(ntohl(client_.sin_addr.s_addr))) {
-    case kAccessBlack:
-      Refuse(kHttpInBlackList, kBlackBody);
-      return Access::kDenied;
-    case kAccessNotWhite:
-      Refuse(kHttpNotInWhiteList, kNotWhiteBody);
-      return Access::kDenied;
+    case cms::kAccessBlack:
+      return Deny(cms::kHttpInBlackList, kBlackBody);
+    case cms::kAccessNotWhite:
+      return Deny(cms::kHttpNotInWhiteList, kNotWhiteBody);
     default:
       return Access::kPassed;
+  }
+}
+
+// By TLS a handshake would have to be made to tell why.
+HttpRequest::Access HttpRequest::Deny(std::uint32_t status, std::string_view body) {
+  if (server_.Certificate() != nullptr) {
+    LogRefusal(status);
+    return Access::kGone;
+  }
+  Refuse(status, body);
+  return Access::kDenied;
+}
+
+// Whether the connection is as secure as the server wants it. A handshake has as long as a request.
+bool HttpRequest::Secure() {
+  if (server_.Certificate() == nullptr) {
+    return true;
+  }
+  const auto limit = server_.IsCrowded() ? kCrowdedRequestLimit : kRequestLimit;
+  char first = 0;
+  if (cms::WaitReady(socket_, POLLIN, server_.StopDescriptor(), limit) != cms::Readiness::kReady ||
+      recv(socket_, &first, 1, MSG_PEEK | MSG_DONTWAIT) != 1) {
+    return false;
+  }
+  if (first >= 'A' && first <= 'Z') {
+    RefusePlain();
+    return false;
+  }
+  const int on = 1;
+  setsockopt(socket_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);  // records are whole answers
+  cms::TlsResult result;
+  tls_ = cms::TlsStream::Accept(socket_, server_.Certificate()->Context().get(),
+                                static_cast<int>(milliseconds(limit).count()),
+                                server_.StopDescriptor(), &result);
+  if (tls_ == nullptr && !result.text.empty() && cms::IsLogged(cms::LogLevel::kInfo)) {
+    cms::Log(cms::LogLevel::kInfo, "server",
+             "a client at " + cms::IpAddress(ntohl(client_.sin_addr.s_addr)).Text() +
+                 " came to no agreement on TLS: " + result.text);
+  }
+  return tls_ != nullptr;
+}
+
+// Who typed "http://" is told what to type.
+void HttpRequest::RefusePlain() {
+  if (Receive() && Parse()) {
+    Refuse(cms::kHttpBadRequest, kNotPlainBody);
+    LingerBeforeClose();
   }
 }
 
@@ -113,7 +165,9 @@ bool HttpRequest::Receive() {
 // is being closed. Most requests are there already when their connection is accepted.
 ssize_t HttpRequest::ReceiveSome(std::span<char> buffer, steady_clock::time_point deadline) {
   while (!server_.IsStopping()) {
-    const ssize_t got = recv(socket_, buffer.data(), buffer.size(), MSG_DONTWAIT);
+    const ssize_t got = tls_ != nullptr
+                            ? tls_->Receive(buffer.data(), static_cast<int>(buffer.size()), true)
+                            : recv(socket_, buffer.data(), buffer.size(), MSG_DONTWAIT);
     if (got >= 0) {
       return got;
     }
@@ -140,13 +194,15 @@ bool HttpRequest::ReceiveOnce() {
   return true;
 }
 
+steady_clock::time_point HttpRequest::ReadLimit(steady_clock::time_point start) const {
+  return start + (server_.IsCrowded() ? kCrowdedRequestLimit : kRequestLimit);
+}
+
 bool HttpRequest::ReceiveWhole() {
   const auto start = steady_clock::now();
   std::array<char, 4096> buffer;
   while (true) {
-    const bool crowded = server_.IsCrowded();
-    const ssize_t got =
-        ReceiveSome(buffer, start + (crowded ? kCrowdedRequestLimit : kRequestLimit));
+    const ssize_t got = ReceiveSome(buffer, ReadLimit(start));
     if (got <= 0) {
       if (got < 0 && !text_.empty() && !server_.IsStopping()) {
         RefuseRead(408);
@@ -155,7 +211,8 @@ bool HttpRequest::ReceiveWhole() {
     }
     const std::size_t before = text_.size();
     text_.append(buffer.data(), static_cast<std::size_t>(got));
-    if (cms::HeadLength(text_, before) > 0) {
+    wanted_ = cms::HeadLength(text_, before);
+    if (wanted_ > 0) {
       return true;
     }
     if (text_.size() > cms::kMaxWholeRequest) {
@@ -166,6 +223,28 @@ bool HttpRequest::ReceiveWhole() {
   }
 }
 
+bool HttpRequest::ReadBody(std::size_t most, std::string& body) {
+  const std::string_view told = Header("Content-Length").value_or("");
+  std::size_t length = 0;
+  const auto [end, error] = std::from_chars(told.data(), told.data() + told.size(), length);
+  if (wanted_ == 0 || told.empty() || error != std::errc() || end != told.data() + told.size() ||
+      length > most || Header("Transfer-Encoding")) {
+    return false;
+  }
+  const auto start = steady_clock::now();
+  std::array<char, 4096> buffer;
+  while (text_.size() < wanted_ + length) {
+    const ssize_t got = ReceiveSome(buffer, ReadLimit(start));
+    if (got <= 0) {
+      return false;
+    }
+    text_.append(buffer.data(), static_cast<std::size_t>(got));
+  }
+  body = text_.substr(wanted_, length);
+  wanted_ += length;
+  return true;
+}
+
 bool HttpRequest::Parse() {
   return whole_ ? cms::ParseWholeRequest(std::string_view(text_).substr(0, cms::HeadLength(text_)),
                                          parsed_)
@@ -174,12 +253,12 @@ bool HttpRequest::Parse() {
 
 void HttpRequest::Answer() {
   if (!Parse()) {
-    Refuse(kHttpBadRequest, kBadRequestBody);
+    Refuse(cms::kHttpBadRequest, kBadRequestBody);
     return;
   }
   const cms::HttpHandler* const handler = server_.FindHandler(parsed_.command);
   if (handler == nullptr) {
-    Refuse(kHttpNotFound, kNotFoundBody);
+    Refuse(cms::kHttpNotFound, kNotFoundBody);
     return;
   }
   if (handler->name.find("/auth") == std::string::npos) {
@@ -197,6 +276,14 @@ void HttpRequest::Answer() {
 
 // Whether the request proves its user, whose name is told from then on; else it is answered.
 bool HttpRequest::LogIn() {
+  const cms::LoginGuard& guard = server_.Guard();
+  const bool guarded = guard && !parsed_.authorization.empty();
+  const std::string user =
+      guarded ? cms::ParseDigestFields(parsed_.authorization).userName : std::string();
+  if (guarded && guard(this, user, cms::HttpLoginStep::kAsked) == 0) {
+    RefuseRead(429);
+    return false;
+  }
   const cms::DigestVerdict verdict =
       server_.GetRules().strictDigest
           ? cms::VerifyStrictDigest(parsed_.authorization, parsed_.method, parsed_.target,
@@ -205,21 +292,41 @@ bool HttpRequest::LogIn() {
   switch (verdict.result) {
     case cms::DigestResult::kGood:
       parsed_.userName = verdict.userName;
+      if (guarded) {
+        guard(this, user, cms::HttpLoginStep::kGood);
+      }
       return true;
     case cms::DigestResult::kBad:
-      Refuse(kHttpAuthenticationError, kAuthenticationErrorBody);
+      if (guarded) {
+        guard(this, user, cms::HttpLoginStep::kWrong);
+      }
+      Refuse(cms::kHttpAuthenticationError, kAuthenticationErrorBody);
       return false;
     case cms::DigestResult::kNoneGiven:
       break;
     case cms::DigestResult::kStale:
-      challenge_ = cms::NonceChallenge(server_.Nonces().Make(cms::TickMilliseconds()), true);
+      challenge_ = MakeChallenge(true);
       break;
   }
-  Refuse(kHttpAuthorizationRequired, kAuthorizationRequiredBody);
+  Refuse(cms::kHttpAuthorizationRequired, kAuthorizationRequiredBody);
   return false;
 }
 
+// Of refusals those that an operator wants to know of.
+void HttpRequest::LogRefusal(std::uint32_t status) const {
+  const char* const why = status == cms::kHttpAuthenticationError ? "wrong user name or password"
+                          : status == cms::kHttpInBlackList       ? "the address is denied"
+                          : status == cms::kHttpNotInWhiteList    ? "the address is not allowed"
+                                                                  : nullptr;
+  if (why != nullptr && cms::IsLogged(cms::LogLevel::kWarning)) {
+    cms::Log(cms::LogLevel::kWarning, "server",
+             "a client at " + cms::IpAddress(ntohl(client_.sin_addr.s_addr)).Text() +
+                 " was refused: " + why);
+  }
+}
+
 void HttpRequest::Refuse(std::uint32_t status, std::string_view body) {
+  LogRefusal(status);
   status_ = status;
   keepAlive_ = false;
   disconnect_ = true;
@@ -236,7 +343,7 @@ void HttpRequest::RefuseRead(std::uint32_t status) {
 // Whether the client has sent more than was read, is about to, or may while a long answer is on its
 // way.
 bool HttpRequest::MayStillSend() {
-  const bool ended = whole_ ? cms::HeadLength(text_) == text_.size()
+  const bool ended = whole_ ? wanted_ == text_.size()
                             : text_.size() < cms::kMaxRequestText && text_.ends_with("\r\n\r\n");
   const std::string_view length = Header("Content-Length").value_or("0");
   char more = 0;
@@ -247,6 +354,7 @@ bool HttpRequest::MayStillSend() {
 // Closing a socket with unread bytes resets the connection, and the reset can overtake the answer.
 // So where the client may send more than was read, that is let run out.
 void HttpRequest::LingerBeforeClose() {
+  tls_.reset();  // whatever is sent still is dropped as it comes
   if (!MayStillSend()) {
     return;
   }

@@ -115,9 +115,21 @@ std::string DateChallenge(std::int64_t wallSeconds) {
 }
 
 // In an order that also clients read which expect the nonce behind the realm.
-std::string NonceChallenge(std::string_view nonce, bool stale) {
-  return "Digest realm=\"QNV\", nonce=\"" + std::string(nonce) +
-         "\", qop=\"auth\", algorithm=MD5, stale=" + (stale ? "true" : "false");
+std::string NonceChallenge(std::string_view nonce, bool stale, bool sha256) {
+  const auto by = [&](const char* algorithm) {
+    return "Digest realm=\"QNV\", nonce=\"" + std::string(nonce) +
+           "\", qop=\"auth\", algorithm=" + algorithm + ", stale=" + (stale ? "true" : "false");
+  };
+  return sha256 ? by("SHA-256") + "\r\nWWW-Authenticate: " + by("MD5") : by("MD5");
+}
+
+// RFC 9110, 5.6.2.
+bool IsHeaderName(std::string_view text) {
+  constexpr std::string_view kMarks = "!#$%&'*+-.^_`|~";
+  return !text.empty() && std::all_of(text.begin(), text.end(), [&](char c) {
+    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
+           kMarks.find(c) != std::string_view::npos;
+  });
 }
 
 bool IsHeaderValue(std::string_view text) {
@@ -149,6 +161,7 @@ std::string HeaderBlock(const AnswerHead& head, std::size_t bodyLength, std::int
     block += head.challenge;
     block += "\r\n";
   }
+  block += head.others;
   block += ConnectionLine(head.keepAlive);
   return block;
 }
@@ -169,6 +182,7 @@ std::string FileHeaderBlock(const AnswerHead& head, std::int64_t length,
   block += "Content-length: ";
   block += std::to_string(length);
   block += "\r\n";
+  block += head.others;
   block += ConnectionLine(head.keepAlive);
   return block;
 }

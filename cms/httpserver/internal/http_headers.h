@@ -20,8 +20,10 @@ std::uint32_t IndexOfCode(std::uint32_t code);
 
 // The values of WWW-Authenticate. The first one's nonce is the digest of the date.
 std::string DateChallenge(std::int64_t wallSeconds);
-std::string NonceChallenge(std::string_view nonce, bool stale);
+// Where SHA-256 is offered these are two headers' values, the stronger one first (RFC 7616, 3.3).
+std::string NonceChallenge(std::string_view nonce, bool stale, bool sha256);
 
+bool IsHeaderName(std::string_view text);
 // Whether a text may be the value of a header: it has no control characters.
 bool IsHeaderValue(std::string_view text);
 
@@ -30,6 +32,7 @@ struct AnswerHead {
   bool keepAlive = true;
   std::string_view contentType;  // empty: "text/html" where there is a body
   std::string_view challenge;    // empty: none
+  std::string_view others;       // whole lines, each with its end
 };
 
 // The header block of an answer, made at `wallSeconds`. A length is told only when there is a body.

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <limits>
 #include <memory>
 
 #include "cms/httpserver/internal/http_headers.h"
@@ -22,6 +23,8 @@ namespace {
 
 // A client that takes nothing for so long has gone, or means no good.
 constexpr std::chrono::seconds kStallLimit{30};
+// What one record of TLS takes (RFC 8446, 5.1).
+constexpr std::size_t kRecordSize = 16384;
 
 }  // namespace
 
@@ -32,6 +35,7 @@ HttpRequest::HttpRequest(HttpServer& server, int descriptor, const sockaddr_in& 
       whole_(server.GetRules().wholeRequests.load(std::memory_order_relaxed)) {}
 
 HttpRequest::~HttpRequest() {
+  tls_.reset();  // says goodbye
   close(socket_);
 }
 
@@ -45,9 +49,9 @@ std::optional<std::string_view> HttpRequest::Header(std::string_view name) const
 }
 
 bool HttpRequest::SetStatus(std::uint32_t status) {
-  if (whole_ && status > kHttpInBlackList) {
+  if (whole_ && status > cms::kHttpInBlackList) {
     status = cms::IndexOfCode(status);
-    if (status > kHttpInBlackList && (status < 200 || status > 599)) {
+    if (status > cms::kHttpInBlackList && (status < 200 || status > 599)) {
       return false;
     }
   }
@@ -60,6 +64,14 @@ bool HttpRequest::SetContentType(std::string_view type) {
     return false;
   }
   contentType_ = type;
+  return true;
+}
+
+bool HttpRequest::AddHeader(std::string_view name, std::string_view value) {
+  if (!cms::IsHeaderName(name) || !cms::IsHeaderValue(value)) {
+    return false;
+  }
+  otherHeaders_.append(name).append(": ").append(value).append("\r\n");
   return true;
 }
 
@@ -89,6 +101,7 @@ void HttpRequest::FillHead(cms::AnswerHead& head) const {
   head.keepAlive = !whole_;
   head.contentType = contentType_;
   head.challenge = challenge_;
+  head.others = otherHeaders_;
 }
 
 // The way of every answer. While the server is being closed it still delivers what the system takes
@@ -98,12 +111,11 @@ int HttpRequest::SendAnswer(std::string_view data) {
   if (!headersSent_) {
     const std::int64_t now = cms::WallSeconds();
     if (challenge_.empty() &&
-        (status_ == kHttpAuthorizationRequired || status_ == kHttpAuthenticationError)) {
-      challenge_ = server_.GetRules().strictDigest
-                       ? cms::NonceChallenge(server_.Nonces().Make(cms::TickMilliseconds()), false)
-                       : cms::DateChallenge(now);
+        (status_ == cms::kHttpAuthorizationRequired || status_ == cms::kHttpAuthenticationError)) {
+      challenge_ = server_.GetRules().strictDigest ? MakeChallenge(false) : cms::DateChallenge(now);
     }
-    const std::string code = whole_ && status_ > kHttpInBlackList ? cms::CodeText(status_) : "";
+    const std::string code =
+        whole_ && status_ > cms::kHttpInBlackList ? cms::CodeText(status_) : "";
     cms::AnswerHead head;
     FillHead(head);
     head.keepAlive = head.keepAlive && keepAlive_;
@@ -113,11 +125,21 @@ int HttpRequest::SendAnswer(std::string_view data) {
   if (parsed_.method == "HEAD") {
     data = {};
   }
+  if (tls_ != nullptr && !block.empty() && block.size() < kRecordSize) {
+    const std::string_view along = data.substr(0, kRecordSize - block.size());
+    block += along;
+    data.remove_prefix(along.size());
+  }
   if (!SendAll(block, data)) {
     return 0;
   }
   headersSent_ = true;
   return 1;
+}
+
+std::string HttpRequest::MakeChallenge(bool stale) const {
+  return cms::NonceChallenge(server_.Nonces().Make(cms::TickMilliseconds()), stale,
+                             server_.GetRules().sha256Digest);
 }
 
 int HttpRequest::SendFileHeader(std::int64_t length, std::string_view lastModified) {
@@ -139,14 +161,23 @@ int HttpRequest::SendFileHeader(std::int64_t length, std::string_view lastModifi
 }
 
 // Head and data leave together, in as few segments as they fit.
+ssize_t HttpRequest::SendSome(std::string_view head, std::string_view data) {
+  if (tls_ != nullptr) {
+    const std::string_view next = head.empty() ? data : head;
+    constexpr std::size_t kMost = std::numeric_limits<int>::max();
+    return tls_->Send(next.data(), static_cast<int>(std::min(next.size(), kMost)));
+  }
+  iovec parts[] = {{const_cast<char*>(head.data()), head.size()},
+                   {const_cast<char*>(data.data()), data.size()}};
+  msghdr message{};
+  message.msg_iov = parts;
+  message.msg_iovlen = 2;
+  return sendmsg(socket_, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+}
+
 bool HttpRequest::SendAll(std::string_view head, std::string_view data) {
   while (!head.empty() || !data.empty()) {
-    iovec parts[] = {{const_cast<char*>(head.data()), head.size()},
-                     {const_cast<char*>(data.data()), data.size()}};
-    msghdr message{};
-    message.msg_iov = parts;
-    message.msg_iovlen = 2;
-    const ssize_t sent = sendmsg(socket_, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+    const ssize_t sent = SendSome(head, data);
     if (sent < 0) {
       if (errno == EINTR ||
           (cms::IsWouldBlock(errno) &&
@@ -159,9 +190,9 @@ bool HttpRequest::SendAll(std::string_view head, std::string_view data) {
     }
     const auto count = static_cast<std::size_t>(sent);
     sent_ += count;
-    const std::size_t of_head = std::min(count, head.size());
-    head.remove_prefix(of_head);
-    data.remove_prefix(count - of_head);
+    const std::size_t ofHead = std::min(count, head.size());
+    head.remove_prefix(ofHead);
+    data.remove_prefix(count - ofHead);
   }
   return true;
 }

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdarg>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -14,6 +15,7 @@
 
 #include "cms/httpserver/internal/http_headers.h"
 #include "cms/httpserver/internal/request_parser.h"
+#include "cms/net/internal/tls_stream.h"
 
 class HttpServer;
 
@@ -46,6 +48,10 @@ class HttpRequest {
   // Of the request as it was received.
   std::optional<std::string_view> Header(std::string_view name) const;
 
+  // Once: takes what its Content-Length tells of, `most` bytes at most. False when that cannot be
+  // had.
+  bool ReadBody(std::size_t most, std::string& body);
+
   // A handler's flush: the header block unless it went out already, then the bytes unless the
   // method is HEAD. 0 when sending failed or the server is being closed; then disconnect is set.
   int Flush(const char* data, int length);
@@ -56,6 +62,8 @@ class HttpRequest {
   bool SetStatus(std::uint32_t status);
   // False for what no header can say.
   bool SetContentType(std::string_view type);
+  // Likewise, and for what is no name of one.
+  bool AddHeader(std::string_view name, std::string_view value);
   void SetKeepAlive(bool keep) { keepAlive_ = keep; }
   void Disconnect() { disconnect_ = true; }
   int SetPriority(int priority);
@@ -63,31 +71,42 @@ class HttpRequest {
  private:
   enum class Access { kPassed, kDenied, kGone };
   Access CheckAccess();
+  Access Deny(std::uint32_t status, std::string_view body);
+  bool Secure();
+  void RefusePlain();
   bool Receive();
   bool ReceiveOnce();
   bool ReceiveWhole();
   ssize_t ReceiveSome(std::span<char> buffer, std::chrono::steady_clock::time_point deadline);
+  std::chrono::steady_clock::time_point ReadLimit(
+      std::chrono::steady_clock::time_point start) const;
   bool Parse();
   void Answer();
   bool LogIn();
   void Refuse(std::uint32_t status, std::string_view body);
+  void LogRefusal(std::uint32_t status) const;
   void RefuseRead(std::uint32_t status);
   int SendAnswer(std::string_view data);
+  ssize_t SendSome(std::string_view head, std::string_view data);
   bool SendAll(std::string_view head, std::string_view data);
   void FillHead(cms::AnswerHead& head) const;
+  std::string MakeChallenge(bool stale) const;
   void PauseBeforeClose();
   bool MayStillSend();
   void LingerBeforeClose();
 
   HttpServer& server_;
   int socket_;
+  std::unique_ptr<cms::TlsStream> tls_;  // nullptr: as it is sent
   const sockaddr_in client_;
-  const bool whole_;  // whole requests are read
-  std::string text_;  // as received
+  const bool whole_;        // whole requests are read
+  std::string text_;        // as received: the head and, once it is read, the body
+  std::size_t wanted_ = 0;  // of it, where whole requests are read
   cms::ParsedRequest parsed_;
   std::string body_;
   std::string contentType_;
   std::string challenge_;
+  std::string otherHeaders_;  // whole lines
   std::uint32_t status_ = 0;  // an index, or a code of at least 200 where whole requests are read
   std::uint64_t sent_ = 0;    // bytes
   bool threadAsMade_ = true;

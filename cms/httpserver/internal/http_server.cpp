@@ -71,6 +71,20 @@ bool HttpServer::Start() {
   return true;
 }
 
+bool HttpServer::SetTls(cms::ServerCertificate::Files files, std::string* problem) {
+  if (!IsStopping()) {
+    *problem = "the server runs: TLS is told before it is started";
+    return false;
+  }
+  auto loaded = cms::ServerCertificate::Load(std::move(files), problem);
+  if (loaded == nullptr) {
+    return false;
+  }
+  certificate_ = std::move(loaded);
+  rules_.wholeRequests = true;
+  return true;
+}
+
 void HttpServer::Close() {
   if (IsStopping()) {
     return;
@@ -96,9 +110,9 @@ const cms::HttpHandler* HttpServer::FindHandler(std::string_view command) const 
 
 void HttpServer::ChangeAccessList(const AccessRange& range, int operation) {
   ScopeLock lock(settingsLock_);
-  if (operation == kAccessListAdd) {
+  if (operation == cms::kAccessListAdd) {
     accessList_.Add(range);
-  } else if (operation == kAccessListRemove) {
+  } else if (operation == cms::kAccessListRemove) {
     accessList_.Remove(range);
   }
 }
@@ -110,7 +124,7 @@ void HttpServer::ClearAccessList() {
 
 int HttpServer::AllowAccess(std::uint32_t address) const {
   if (!rules_.checksAccess.load(std::memory_order_relaxed)) {
-    return kAccessAllowed;
+    return cms::kAccessAllowed;
   }
   ScopeLock lock(settingsLock_);
   return accessList_.Answer(address);

@@ -10,17 +10,23 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "cms/httpserver/http_server_types.h"
 #include "cms/httpserver/internal/access_list.h"
 #include "cms/httpserver/internal/connection_threads.h"
 #include "cms/httpserver/internal/digest_nonces.h"
 #include "cms/httpserver/internal/digest_verifier.h"
+#include "cms/httpserver/internal/server_certificate.h"
 #include "cms/httpserver/internal/share.h"
 #include "cms/runtime/critical.h"
 #include "cms/runtime/wake_up.h"
 
 namespace cms {
+
+// As HttpLoginGuard.
+using LoginGuard =
+    std::function<int(HttpRequest* request, const std::string& user, HttpLoginStep step)>;
 
 struct HttpServerOptions {
   std::uint16_t port = 0;
@@ -55,6 +61,9 @@ class HttpServer {
   static std::size_t UsualMost();
 
   bool Start();
+  // From the next start on every connection is by TLS, and whole requests are read. False when the
+  // files do not do, or the server runs.
+  bool SetTls(cms::ServerCertificate::Files files, std::string* problem);
   // Returns when every handler has returned. Their sends fail from now on.
   void Close();
   int StopListening() { return threads_.StopAccepting(); }
@@ -66,6 +75,10 @@ class HttpServer {
   const cms::HttpHandler* FindHandler(std::string_view command) const;
   const cms::PasswordLookup& Passwords() const { return options_.passwordLookup; }
 
+  // Before the start.
+  void GuardLogins(cms::LoginGuard guard) { loginGuard_ = std::move(guard); }
+  const cms::LoginGuard& Guard() const { return loginGuard_; }
+
   void ChangeAccessList(const AccessRange& range, int operation);
   void ClearAccessList();
   int AllowAccess(std::uint32_t address) const;
@@ -76,6 +89,7 @@ class HttpServer {
     std::atomic<bool> firstLineOnly{false};
     std::atomic<bool> wholeRequests{false};
     std::atomic<bool> strictDigest{false};
+    std::atomic<bool> sha256Digest{false};  // with strictDigest
   };
   Rules& GetRules() { return rules_; }
   const Rules& GetRules() const { return rules_; }
@@ -87,11 +101,14 @@ class HttpServer {
   cms::Share& Pauses() { return pauses_; }
   cms::Share& Lingers() { return lingers_; }
   const cms::DigestNonces& Nonces() const { return nonces_; }
+  cms::ServerCertificate* Certificate() const { return certificate_.get(); }  // nullptr: no TLS
 
  private:
   const cms::HttpServerOptions options_;
   const cms::DigestNonces nonces_;
   Rules rules_;
+  std::unique_ptr<cms::ServerCertificate> certificate_;  // changes only while nothing runs
+  cms::LoginGuard loginGuard_;
   std::atomic<bool> running_{false};
   std::atomic<std::uint16_t> boundPort_;
   cms::Share pauses_;

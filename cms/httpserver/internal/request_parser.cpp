@@ -42,11 +42,11 @@ bool ParseRequest(std::string_view text, ParsedRequest& parsed, bool firstLineOn
     head = head.substr(0, head.find_first_of("\r\n"));
   }
 
-  const auto method_end = head.find_first_of(" /");
-  if (method_end == kNone) {
+  const auto methodEnd = head.find_first_of(" /");
+  if (methodEnd == kNone) {
     return false;
   }
-  parsed.method = head.substr(0, method_end);
+  parsed.method = head.substr(0, methodEnd);
   StrInBrace(head, parsed.method, ' ', ' ', parsed.target);
   if (head.find('?') != kNone) {
     StrInBrace(head, parsed.method, ' ', '?', parsed.command);

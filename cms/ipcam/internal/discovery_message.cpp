@@ -99,17 +99,17 @@ bool IsPort(std::string_view text) {
   return error == std::errc() && end == text.data() + text.size() && port > 0 && port <= 65535;
 }
 
-// The first usable URL of the list; false when there is none.
-bool FindServiceAddress(std::string_view urls, stDiscoveredDevice& device) {
-  constexpr std::string_view kHttp = "http://";
-  for (std::size_t at = urls.find(kHttp); at != std::string_view::npos; at = urls.find(kHttp)) {
-    urls.remove_prefix(at + kHttp.size());
+// The first usable URL of the list that begins with `scheme`; false when there is none.
+bool FindServiceAddress(std::string_view urls, std::string_view scheme, std::string_view usualPort,
+                        stDiscoveredDevice& device) {
+  for (std::size_t at = urls.find(scheme); at != std::string_view::npos; at = urls.find(scheme)) {
+    urls.remove_prefix(at + scheme.size());
     std::string_view place = urls.substr(0, urls.find_first_of(kBlanks));
     place = place.substr(0, place.find('/'));
     const std::size_t colon = place.find(':');
     const std::string_view host = place.substr(0, colon);
     const std::string_view port =
-        colon == std::string_view::npos ? std::string_view("80") : place.substr(colon + 1);
+        colon == std::string_view::npos ? usualPort : place.substr(colon + 1);
     if (IsUsableHost(host) && IsPort(port)) {
       device.address = host;
       device.port = port;
@@ -176,11 +176,17 @@ std::vector<std::string_view> SplitProbeMatches(std::string_view answer) {
   return matches;
 }
 
-std::optional<stDiscoveredDevice> ParseProbeMatch(std::string_view answer) {
+std::optional<stDiscoveredDevice> ParseProbeMatch(std::string_view answer, bool tlsToo) {
   stDiscoveredDevice device;
-  if (answer.find("wsdp:Device pub:Computer") != std::string_view::npos ||
-      !FindServiceAddress(Unescaped(Content(answer, ":XAddrs")), device)) {
+  if (answer.find("wsdp:Device pub:Computer") != std::string_view::npos) {
     return std::nullopt;
+  }
+  const std::string urls = Unescaped(Content(answer, ":XAddrs"));
+  if (!FindServiceAddress(urls, "http://", "80", device)) {
+    device.tls = tlsToo && FindServiceAddress(urls, "https://", "443", device);
+    if (!device.tls) {
+      return std::nullopt;
+    }
   }
   const std::string scopes = Unescaped(Content(answer, ":Scopes"));
   device.hardware = ScopeValue(scopes, "hardware");

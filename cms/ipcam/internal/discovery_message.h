@@ -11,6 +11,9 @@
 
 namespace cms {
 
+inline constexpr const char* kDiscoveryGroup = "239.255.255.250";
+inline constexpr std::uint16_t kDiscoveryPort = 3702;
+
 // The identifier of a probe that is sent at a time of seconds since 1970-01-01 UTC.
 std::string ProbeMessageId(std::int64_t seconds, std::string_view end);
 
@@ -22,7 +25,8 @@ std::string ProbeMessage(std::string_view messageId);
 std::vector<std::string_view> SplitProbeMatches(std::string_view answer);
 
 // The device of a ProbeMatch. Nothing when the answer is none, comes from a desktop computer, or
-// names no IPv4 address that can be reached from elsewhere.
-std::optional<stDiscoveredDevice> ParseProbeMatch(std::string_view answer);
+// names no IPv4 address that can be reached from elsewhere. One of HTTPS counts where it is asked
+// for and there is none of HTTP.
+std::optional<stDiscoveredDevice> ParseProbeMatch(std::string_view answer, bool tlsToo);
 
 }  // namespace cms

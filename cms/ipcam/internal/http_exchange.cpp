@@ -7,12 +7,13 @@
 #include <charconv>
 #include <cstddef>
 #include <cstring>
-#include <memory>
 #include <string_view>
 #include <system_error>
 
+#include "cms/ipcam/internal/curl_support.h"
 #include "cms/runtime/clock.h"
 #include "cms/runtime/digest.h"
+#include "cms/runtime/log.h"
 #include "cms/runtime/text.h"
 #include "cms/runtime/wide_text.h"
 
@@ -26,31 +27,10 @@ constexpr int kOk = 200;
 constexpr int kUnauthorized = 401;
 constexpr long kMaxLogins = 2;  // a login, and one more whose nonce had become stale
 
-struct FreeEasy {
-  void operator()(CURL* easy) const { curl_easy_cleanup(easy); }
-};
-struct FreeMulti {
-  void operator()(CURLM* multi) const { curl_multi_cleanup(multi); }
-};
-struct FreeUrl {
-  void operator()(CURLU* url) const { curl_url_cleanup(url); }
-};
-struct FreeList {
-  void operator()(curl_slist* list) const { curl_slist_free_all(list); }
-};
-using Headers = std::unique_ptr<curl_slist, FreeList>;
-
-void Append(Headers& list, const std::string& line) {
-  if (curl_slist* longer = curl_slist_append(list.get(), line.c_str())) {
-    static_cast<void>(list.release());
-    list.reset(longer);
-  }
-}
-
 // The caller's lines, then the Basic credentials. A line whose name is in the list already is left
 // out.
-Headers RequestHeaders(const _SEND_HTTP_COMMAND_PARAM& param, bool basic) {
-  Headers list;
+CurlList RequestHeaders(const _SEND_HTTP_COMMAND_PARAM& param, bool basic) {
+  CurlList list;
   const auto add = [&list](std::string_view line) {
     const std::string_view name = line.substr(0, line.find(':') + 1);
     for (const curl_slist* known = list.get(); known != nullptr; known = known->next) {
@@ -58,7 +38,7 @@ Headers RequestHeaders(const _SEND_HTTP_COMMAND_PARAM& param, bool basic) {
         return;
       }
     }
-    Append(list, std::string(line));
+    AppendHeader(list, std::string(line));
   };
   const std::string text = Utf8FromWide(param.headers);
   for (std::string_view rest = text; !rest.empty();) {
@@ -81,54 +61,21 @@ bool IsRequestTarget(std::string_view path) {
          });
 }
 
-// Whether the header line offers Digest, by itself or as one of several schemes: "Basic realm=x,
-// Digest realm=y" (RFC 9110, section 11.6.1).
-bool IsDigestChallenge(std::string_view line) {
-  constexpr std::string_view kName = "WWW-Authenticate:";
-  constexpr std::string_view kScheme = "Digest";
-  if (!EqualAnyCase(line.substr(0, kName.size()), kName)) {
-    return false;
+std::string RequestTrace(const _SEND_HTTP_COMMAND_PARAM& param, const std::string& url,
+                         const curl_slist* headers, const std::string& body) {
+  std::string text = std::string("-> ") + (param.verb == kHttpVerbPost ? "POST " : "GET ") + url;
+  for (; headers != nullptr; headers = headers->next) {
+    text.append("\n").append(headers->data);
   }
-  line.remove_prefix(kName.size());
-  while (!line.empty()) {
-    line.remove_prefix(std::min(line.find_first_not_of(" \t,"), line.size()));
-    if (EqualAnyCase(line.substr(0, kScheme.size()), kScheme) &&
-        line.substr(kScheme.size()).starts_with(' ')) {
-      return true;
-    }
-    line.remove_prefix(std::min(line.find(','), line.size()));
-  }
-  return false;
-}
-
-// "http://host:port", empty for an address or a port that is none.
-std::string Origin(const _SEND_HTTP_COMMAND_PARAM& param) {
-  const std::unique_ptr<CURLU, FreeUrl> url(curl_url());
-  std::string host = Utf8FromWide(param.serverAddress);
-  if (host.find(':') != std::string::npos && !host.starts_with('[')) {
-    host = "[" + host + "]";
-  }
-  char* text = nullptr;
-  if (url == nullptr || param.port <= 0 || param.port > 65535 ||
-      curl_url_set(url.get(), CURLUPART_SCHEME, "http", 0) != CURLUE_OK ||
-      curl_url_set(url.get(), CURLUPART_HOST, host.c_str(), 0) != CURLUE_OK ||
-      curl_url_set(url.get(), CURLUPART_PORT, std::to_string(param.port).c_str(), 0) != CURLUE_OK ||
-      curl_url_get(url.get(), CURLUPART_URL, &text, 0) != CURLUE_OK) {
-    return {};
-  }
-  std::string origin = text;
-  curl_free(text);
-  if (origin.ends_with('/')) {
-    origin.pop_back();
-  }
-  return origin;
+  return text.append("\n\n").append(body);
 }
 
 // The state of one attempt; libcurl calls Header and Body.
 class Attempt {
  public:
   Attempt(_SEND_HTTP_COMMAND_PARAM& param, const std::string& url, curl_slist* headers,
-          const std::string& body, bool digest, HttpExchangeReport& report)
+          const std::string& body, bool digest, const CertificateRule* tls,
+          HttpExchangeReport& report)
       : param_(param), report_(report), bodySize_(static_cast<curl_off_t>(body.size())) {
     easy_.reset(curl_easy_init());
     multi_.reset(curl_multi_init());
@@ -139,7 +86,11 @@ class Attempt {
     Set(CURLOPT_PATH_AS_IS, 1L);
     Set(CURLOPT_HTTPHEADER, headers);
     Set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
-    Set(CURLOPT_PROTOCOLS_STR, "http");
+    Set(CURLOPT_PROTOCOLS_STR, tls != nullptr ? "https" : "http");
+    Set(CURLOPT_ERRORBUFFER, problem_);
+    if (tls != nullptr) {
+      SetCertificateRule(easy_.get(), *tls);
+    }
     Set(CURLOPT_PROXY, "");  // also against http_proxy
     Set(CURLOPT_NOSIGNAL, 1L);
     Set(CURLOPT_QUICK_EXIT, 1L);  // whoever has waited long enough does not wait for the resolver
@@ -172,6 +123,11 @@ class Attempt {
   bool IsConnected() const { return Info(CURLINFO_PRETRANSFER_TIME_T) > 0; }
   bool WasInterrupted() const { return interrupted_; }
   bool IsDigestWanted() const { return digestWanted_; }
+  std::string AnswerTrace() const {
+    const bool whole = param_.answer != nullptr && report_.body.empty();
+    return header_ + (whole ? std::string(param_.answer, param_.answerLength) : report_.body) +
+           (report_.error.empty() ? "" : "(" + report_.error + ")");
+  }
 
  private:
   enum class Step { kConnecting, kSending, kAwaiting, kReceiving };
@@ -207,13 +163,14 @@ class Attempt {
   _SEND_HTTP_COMMAND_PARAM& param_;
   HttpExchangeReport& report_;
   const curl_off_t bodySize_;
-  std::unique_ptr<CURL, FreeEasy> easy_;
-  std::unique_ptr<CURLM, FreeMulti> multi_;
+  CurlEasy easy_;
+  CurlMulti multi_;
   bool added_ = false;
   bool interrupted_ = false;
   bool digestWanted_ = false;  // the server challenges so
   std::string header_;
   bool headerEnded_ = false;
+  char problem_[CURL_ERROR_SIZE] = {};
   Step step_ = Step::kConnecting;
   std::uint64_t stepBegan_ = 0;
 };
@@ -232,7 +189,7 @@ bool Attempt::OnHeader(std::string_view line) {
     header_.clear();
     headerEnded_ = false;
   }
-  digestWanted_ = digestWanted_ || IsDigestChallenge(line);
+  digestWanted_ = digestWanted_ || IsChallenge(line, "Digest");
   header_ += line;
   // After an interim answer the wait for the final one goes on: its limit does not begin anew.
   headerEnded_ = headerEnded_ || ((line == "\r\n" || line == "\n") && StatusCode() >= kOk);
@@ -317,7 +274,9 @@ void Attempt::Finish(CURLcode code) {
   } else if (code != CURLE_OK && !enough) {
     report_.error = header_.size() > kMaxAnswerHeader ? "the answer's header does not end"
                     : code == CURLE_PARTIAL_FILE      ? "the answer broke off"
-                                                      : curl_easy_strerror(code);
+                    : code == CURLE_PEER_FAILED_VERIFICATION && problem_[0] != '\0'
+                        ? problem_
+                        : curl_easy_strerror(code);
   } else if (IsOk()) {
     param_.result = kHttpCommandOk;
   } else if (StatusCode() == kUnauthorized) {
@@ -347,8 +306,8 @@ void Attempt::Run(int interrupt) {
       report_.answered = !header_.empty();
       return;
     }
-    const std::uint64_t left_ms = stepBegan_ + TimeFor(step_) - now;
-    curl_multi_poll(multi_.get(), &woken, 1, static_cast<int>(left_ms), nullptr);
+    const std::uint64_t leftMs = stepBegan_ + TimeFor(step_) - now;
+    curl_multi_poll(multi_.get(), &woken, 1, static_cast<int>(leftMs), nullptr);
     if (woken.revents != 0) {
       interrupted_ = true;
       report_.error = "interrupted";
@@ -359,8 +318,8 @@ void Attempt::Run(int interrupt) {
 
 }  // namespace
 
-HttpExchangeReport ExchangeHttp(_SEND_HTTP_COMMAND_PARAM& param, int interrupt) {
-  static const CURLcode initialized = curl_global_init(CURL_GLOBAL_ALL);
+HttpExchangeReport ExchangeHttp(_SEND_HTTP_COMMAND_PARAM& param, int interrupt,
+                                const CertificateRule* tls) {
   HttpExchangeReport report;
   param.result = kHttpCommandFailed;
   const auto clear = [&param] {
@@ -372,8 +331,9 @@ HttpExchangeReport ExchangeHttp(_SEND_HTTP_COMMAND_PARAM& param, int interrupt) 
   clear();
   const std::string target = Utf8FromWide(param.objectPath);
   const std::string body = Utf8FromWide(param.body);
-  const std::string origin = Origin(param);
-  if (initialized != CURLE_OK) {
+  const std::string origin =
+      HttpOrigin(tls != nullptr ? "https" : "http", Utf8FromWide(param.serverAddress), param.port);
+  if (!InitializeCurl()) {
     report.error = "the HTTP client cannot be started";
   } else if (origin.empty()) {
     report.error = "not an address and a port";
@@ -390,9 +350,15 @@ HttpExchangeReport ExchangeHttp(_SEND_HTTP_COMMAND_PARAM& param, int interrupt) 
   for (unsigned retries = 0; retries <= param.connectRetries;) {
     report = {};
     clear();
-    const Headers headers = RequestHeaders(param, !digest);
-    Attempt attempt(param, origin + target, headers.get(), body, digest, report);
+    const CurlList headers = RequestHeaders(param, !digest);
+    Attempt attempt(param, origin + target, headers.get(), body, digest, tls, report);
+    if (IsLogged(LogLevel::kTrace)) {
+      Log(LogLevel::kTrace, "http", RequestTrace(param, origin + target, headers.get(), body));
+    }
     attempt.Run(interrupt);
+    if (IsLogged(LogLevel::kTrace)) {
+      Log(LogLevel::kTrace, "http", "<- " + origin + "\n" + attempt.AnswerTrace());
+    }
     if (attempt.WasInterrupted()) {
       break;
     }

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "cms/ipcam/http_command.h"
+#include "cms/ipcam/internal/certificate_rule.h"
 
 namespace cms {
 
@@ -18,6 +19,8 @@ struct HttpExchangeReport {
 // Sends the request and fills answerLength and result. `interrupt` is a descriptor that ends the
 // exchange when it becomes readable. A server that refuses the Basic credentials and asks for
 // Digest ones is given these once. Reads no environment variable, follows no redirection.
-HttpExchangeReport ExchangeHttp(_SEND_HTTP_COMMAND_PARAM& param, int interrupt);
+// Over HTTPS with a rule for certificates, which outlives it.
+HttpExchangeReport ExchangeHttp(_SEND_HTTP_COMMAND_PARAM& param, int interrupt,
+                                const CertificateRule* tls);
 
 }  // namespace cms

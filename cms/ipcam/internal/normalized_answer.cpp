@@ -22,6 +22,11 @@ constexpr Namespace kNamespaces[] = {
     {L"http://www.onvif.org/ver10/media/wsdl", L"trt"},
     {L"http://www.onvif.org/ver20/imaging/wsdl", L"timg"},
     {L"http://www.onvif.org/ver10/imaging/wsdl", L"timg"},
+    {L"http://www.onvif.org/ver10/events/wsdl", L"tev"},
+    {L"http://www.onvif.org/ver20/ptz/wsdl", L"tptz"},
+    {L"http://www.onvif.org/ver20/media/wsdl", L"tr2"},
+    {L"http://docs.oasis-open.org/wsn/b-2", L"wsnt"},
+    {L"http://www.w3.org/2005/08/addressing", L"wsa5"},
     {L"http://www.w3.org/2003/05/soap-envelope", L"SOAP-ENV"},
     {L"http://schemas.xmlsoap.org/soap/envelope/", L"SOAP-ENV"},
 };

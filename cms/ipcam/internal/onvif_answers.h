@@ -25,12 +25,6 @@ std::string FaultReason(std::wstring_view answer);
 bool IsNotAuthorizedFault(std::wstring_view answer);
 
 bool ParseDeviceInformation(std::wstring_view answer, stONVIFDeviceInformation& device);
-bool ParseProfiles(std::wstring_view answer, std::vector<stVideoProfile>& profiles);
-bool ParseStreamUri(std::wstring_view answer, std::wstring& uri);
-bool ParseVideoEncoderConfigurations(std::wstring_view answer,
-                                     std::vector<stVideoEncoderConfiguration>& configurations);
-bool ParseVideoEncoderOptions(std::wstring_view answer, stVideoEncoderOptions& options);
-bool ParseCreatedProfile(std::wstring_view answer, std::wstring& token);
 bool ParseImagingOptions(std::wstring_view answer, stImagingOptions& options);
 bool ParseImagingSettings(std::wstring_view answer, stImagingSettings& settings);
 bool ParseNetworkInterfaces(std::wstring_view answer, std::vector<stNetworkInterface>& interfaces);

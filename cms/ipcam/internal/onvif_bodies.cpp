@@ -179,4 +179,10 @@ std::wstring NameServerBody(std::wstring_view address) {
          Element(L"tt:IPv4Address", address) + L"</tds:DNSManual></tds:SetDNS>";
 }
 
+std::wstring Media2Body(std::wstring_view operation, std::wstring_view elements) {
+  const std::wstring name(operation);
+  return L"<tr2:" + name + L" xmlns:tr2=\"http://www.onvif.org/ver20/media/wsdl\">" +
+         std::wstring(elements) + L"</tr2:" + name + L">";
+}
+
 }  // namespace cms

@@ -26,4 +26,7 @@ std::wstring SetImagingBody(std::wstring_view videoSourceToken, const stImagingS
 std::wstring NetworkInterfaceBody(const stNetworkSettings& settings);
 std::wstring NameServerBody(std::wstring_view address);  // empty: from DHCP
 
+// An operation of the second version of the media service, whose prefix no envelope declares.
+std::wstring Media2Body(std::wstring_view operation, std::wstring_view elements);
+
 }  // namespace cms

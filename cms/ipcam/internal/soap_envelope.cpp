@@ -166,16 +166,18 @@ std::string PasswordDigest(std::string_view nonce, std::string_view created,
   return Base64({digest, size});
 }
 
-std::wstring SignedEnvelope(const UsernameToken& token, std::wstring_view body) {
+std::wstring SignedEnvelope(const UsernameToken& token, std::wstring_view body,
+                            std::wstring_view headers) {
   std::wstring envelope;
-  envelope.reserve(kOpening.size() + body.size() + 1024);
+  envelope.reserve(kOpening.size() + headers.size() + body.size() + 1024);
   envelope += kOpening;
   envelope += L"<wsse:Username>" + XmlEscaped(token.userName) + L"</wsse:Username>";
   envelope += kPassword;
   envelope += token.digest + L"</wsse:Password><wsse:Nonce>" + token.nonce +
               L"</wsse:Nonce><wsu:Created>" + token.created +
-              L"</wsu:Created></wsse:UsernameToken></wsse:Security></SOAP-ENV:Header>"
-              L"<SOAP-ENV:Body>";
+              L"</wsu:Created></wsse:UsernameToken></wsse:Security>";
+  envelope += headers;
+  envelope += L"</SOAP-ENV:Header><SOAP-ENV:Body>";
   envelope += body;
   envelope += L"</SOAP-ENV:Body></SOAP-ENV:Envelope>";
   return envelope;

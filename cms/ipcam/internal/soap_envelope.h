@@ -33,8 +33,10 @@ struct UsernameToken {
   std::wstring created;
 };
 
-// `body` is XML that may use the prefixes tt, tds, trt, timg, tptz, tev and xsi.
-std::wstring SignedEnvelope(const UsernameToken& token, std::wstring_view body);
+// `body`, and `headers` behind the signature, are XML that may use the prefixes tt, tds, trt, timg,
+// tptz, tev, wsnt, wsa5 and xsi.
+std::wstring SignedEnvelope(const UsernameToken& token, std::wstring_view body,
+                            std::wstring_view headers = {});
 std::wstring ClockEnvelope();  // unsigned: GetSystemDateAndTime
 
 }  // namespace cms

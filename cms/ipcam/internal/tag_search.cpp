@@ -84,15 +84,19 @@ bool TakeElement(std::wstring_view& text, std::wstring_view name, std::wstring_v
   return true;
 }
 
-std::wstring Token(std::wstring_view element) {
+std::wstring AttributeOf(std::wstring_view element, std::wstring_view name) {
   const std::wstring_view tag = element.substr(0, element.find(L'>'));
-  constexpr std::wstring_view kAttribute = L" token=\"";
-  const std::size_t found = tag.find(kAttribute);
+  const std::wstring attribute = L" " + std::wstring(name) + L"=\"";
+  const std::size_t found = tag.find(attribute);
   if (found == std::wstring_view::npos) {
     return {};
   }
-  const std::wstring_view value = tag.substr(found + kAttribute.size());
+  const std::wstring_view value = tag.substr(found + attribute.size());
   return XmlUnescaped(value.substr(0, value.find(L'"')));
+}
+
+std::wstring Token(std::wstring_view element) {
+  return AttributeOf(element, L"token");
 }
 
 std::wstring TextOf(std::wstring_view text, std::wstring_view name) {

@@ -14,9 +14,9 @@ namespace cms {
 inline constexpr std::wstring_view kXmlSpace = L" \t\r\n";
 
 // An answer in the spelling that tag searches expect: the elements of ONVIF's namespaces with the
-// prefixes tt, tds, trt and timg whatever the camera calls them, a token in front of all other
-// attributes, double quotes, and no white space at the end of a tag. Anything else stays as it is,
-// broken texts too.
+// prefixes of SignedEnvelope, and tr2, whatever the camera calls them, a token in front of all
+// other attributes, double quotes, and no white space at the end of a tag. Anything else stays as
+// it is, broken texts too.
 std::wstring Normalized(std::wstring_view answer);
 
 // See CIPCAM_Config_Utility::ONVIF_GetStrByElement; a view of `text`, nothing when there is none.
@@ -31,7 +31,8 @@ std::wstring_view ElementContent(std::wstring_view text, std::wstring_view name)
 // next "</name>", or an empty "<name/>", the attributes included. False when none is left.
 bool TakeElement(std::wstring_view& text, std::wstring_view name, std::wstring_view& element);
 
-// The token attribute of an element as TakeElement gives it.
+// An attribute of an element as TakeElement gives it; empty when it has none of that name.
+std::wstring AttributeOf(std::wstring_view element, std::wstring_view name);
 std::wstring Token(std::wstring_view element);
 
 // Values of first elements: without white space around and without escapes.
