@@ -38,21 +38,21 @@ struct Format {
   int ratio;
 };
 
-Format FormatOf(const CMSWaveFormat* format) {
+Format FormatOf(const cms::CMSWaveFormat* format) {
   enum : std::uint16_t { kPcm = 1, kALaw = 6, kMuLaw = 7 };
   if (format == nullptr) {
-    return {CMS_CODEC_NONE, 0};
+    return {cms::CMS_CODEC_NONE, 0};
   }
   switch (format->formatTag) {
     case kPcm:
-      return format->bitsPerSample == 16 ? Format{CMS_CODEC_PCM_S16LE, 1}
-                                         : Format{CMS_CODEC_NONE, 0};
+      return format->bitsPerSample == 16 ? Format{cms::CMS_CODEC_PCM_S16LE, 1}
+                                         : Format{cms::CMS_CODEC_NONE, 0};
     case kALaw:
-      return {CMS_CODEC_PCM_ALAW, 2};
+      return {cms::CMS_CODEC_PCM_ALAW, 2};
     case kMuLaw:
-      return {CMS_CODEC_PCM_MULAW, 2};
+      return {cms::CMS_CODEC_PCM_MULAW, 2};
     default:
-      return {CMS_CODEC_NONE, 0};
+      return {cms::CMS_CODEC_NONE, 0};
   }
 }
 
@@ -129,17 +129,17 @@ void adpcm_decoder(const unsigned char* input, unsigned char* output, int length
   }
 }
 
-int GetAudioCodecIDFromAudioFmtTag(int* codecId, const CMSWaveFormat* format) {
+int GetAudioCodecIDFromAudioFmtTag(int* codecId, const cms::CMSWaveFormat* format) {
   if (codecId == nullptr) {
     return 0;
   }
   *codecId = FormatOf(format).codecId;
-  return *codecId != CMS_CODEC_NONE ? 1 : 0;
+  return *codecId != cms::CMS_CODEC_NONE ? 1 : 0;
 }
 
-int GetAudioCompressRatioFromAudioFmtTag(int* ratio, const CMSWaveFormat* format) {
+int GetAudioCompressRatioFromAudioFmtTag(int* ratio, const cms::CMSWaveFormat* format) {
   const Format found = FormatOf(format);
-  if (ratio == nullptr || found.codecId == CMS_CODEC_NONE) {
+  if (ratio == nullptr || found.codecId == cms::CMS_CODEC_NONE) {
     return 0;
   }
   *ratio = found.ratio;

@@ -42,7 +42,7 @@ CMS_API void adpcm_decoder(const unsigned char* input, unsigned char* output, in
 // The codec of a format (CMS_CODEC_PCM_S16LE, CMS_CODEC_PCM_ALAW or CMS_CODEC_PCM_MULAW) and how
 // many bytes of 16-bit PCM one of its bytes stands for (1, 2 and 2). 1 when the format is known;
 // otherwise 0, with the identifier 0 and the ratio untouched.
-CMS_API int GetAudioCodecIDFromAudioFmtTag(int* codecId, const CMSWaveFormat* format);
-CMS_API int GetAudioCompressRatioFromAudioFmtTag(int* ratio, const CMSWaveFormat* format);
+CMS_API int GetAudioCodecIDFromAudioFmtTag(int* codecId, const cms::CMSWaveFormat* format);
+CMS_API int GetAudioCompressRatioFromAudioFmtTag(int* ratio, const cms::CMSWaveFormat* format);
 
 }  // extern "C"

@@ -15,16 +15,16 @@ namespace {
 using Direction = cms::AlsaDevice::Direction;
 
 struct Endpoint {
-  std::unique_ptr<CCMSAudioPlayer> player;  // one of the two
+  std::unique_ptr<cms::CCMSAudioPlayer> player;  // one of the two
   std::unique_ptr<cms::Microphone> microphone;
 };
 
-Endpoint* Of(CMSAudioPlayerHandle handle) {
+Endpoint* Of(cms::CMSAudioPlayerHandle handle) {
   const bool invalid = handle == nullptr || ~reinterpret_cast<std::uintptr_t>(handle) == 0;
   return invalid ? nullptr : static_cast<Endpoint*>(handle);
 }
 
-CCMSAudioPlayer* PlayerOf(CMSAudioPlayerHandle handle) {
+cms::CCMSAudioPlayer* PlayerOf(cms::CMSAudioPlayerHandle handle) {
   Endpoint* const endpoint = Of(handle);
   return endpoint != nullptr ? endpoint->player.get() : nullptr;
 }
@@ -38,16 +38,16 @@ void CopyText(char (&to)[Size], const std::string& from) {
 
 }  // namespace
 
-CMSAudioPlayerHandle CreateCMSAudioPlayer(const tCMSAudioPlayerConfig* config, int kind,
-                                          const char* device) {
+cms::CMSAudioPlayerHandle CreateCMSAudioPlayer(const tCMSAudioPlayerConfig* config, int kind,
+                                               const char* device) {
   if (config == nullptr) {
     return nullptr;
   }
   const std::string name = device != nullptr ? device : "";
   auto endpoint = std::make_unique<Endpoint>();
-  if (kind == kCMSAudioOutput && CCMSAudioPlayer::IsUsable(*config)) {
-    endpoint->player = std::make_unique<CCMSAudioPlayer>(*config, name);
-  } else if (kind == kCMSAudioInput && CCMSAudioCapture::IsUsable(*config)) {
+  if (kind == cms::kCMSAudioOutput && cms::CCMSAudioPlayer::IsUsable(*config)) {
+    endpoint->player = std::make_unique<cms::CCMSAudioPlayer>(*config, name);
+  } else if (kind == cms::kCMSAudioInput && cms::CCMSAudioCapture::IsUsable(*config)) {
     endpoint->microphone = std::make_unique<cms::Microphone>(*config, name);
   } else {
     return nullptr;
@@ -55,11 +55,11 @@ CMSAudioPlayerHandle CreateCMSAudioPlayer(const tCMSAudioPlayerConfig* config, i
   return endpoint.release();
 }
 
-void DestroyAudioPlayer(CMSAudioPlayerHandle player) {
+void DestroyAudioPlayer(cms::CMSAudioPlayerHandle player) {
   delete Of(player);
 }
 
-int StartAudioPlayer(CMSAudioPlayerHandle player) {
+int StartAudioPlayer(cms::CMSAudioPlayerHandle player) {
   Endpoint* const endpoint = Of(player);
   if (endpoint == nullptr) {
     return 0;
@@ -67,7 +67,7 @@ int StartAudioPlayer(CMSAudioPlayerHandle player) {
   return (endpoint->player ? endpoint->player->Start() : endpoint->microphone->Start()) ? 1 : 0;
 }
 
-int StopAudioPlayer(CMSAudioPlayerHandle player) {
+int StopAudioPlayer(cms::CMSAudioPlayerHandle player) {
   Endpoint* const endpoint = Of(player);
   if (endpoint == nullptr) {
     return 0;
@@ -80,12 +80,12 @@ int StopAudioPlayer(CMSAudioPlayerHandle player) {
   return started ? 1 : 0;
 }
 
-int PlayAudio(CMSAudioPlayerHandle player, const unsigned char* block, int length) {
-  CCMSAudioPlayer* const to = PlayerOf(player);
+int PlayAudio(cms::CMSAudioPlayerHandle player, const unsigned char* block, int length) {
+  cms::CCMSAudioPlayer* const to = PlayerOf(player);
   return to != nullptr && to->Play(block, length) ? 1 : 0;
 }
 
-int GetEncodeAudioData(CMSAudioPlayerHandle microphone, unsigned char* buffer, int size,
+int GetEncodeAudioData(cms::CMSAudioPlayerHandle microphone, unsigned char* buffer, int size,
                        unsigned timeoutMs) {
   Endpoint* const endpoint = Of(microphone);
   if (endpoint == nullptr || !endpoint->microphone || buffer == nullptr) {
@@ -94,12 +94,12 @@ int GetEncodeAudioData(CMSAudioPlayerHandle microphone, unsigned char* buffer, i
   return endpoint->microphone->Fetch(buffer, size, timeoutMs);
 }
 
-int GetAudioDeviceInfoByAudioType(int kind, unsigned index, CMSAudioDeviceInfo* info) {
-  if (info == nullptr || (kind != kCMSAudioOutput && kind != kCMSAudioInput)) {
+int GetAudioDeviceInfoByAudioType(int kind, unsigned index, cms::CMSAudioDeviceInfo* info) {
+  if (info == nullptr || (kind != cms::kCMSAudioOutput && kind != cms::kCMSAudioInput)) {
     return 0;
   }
   const auto devices =
-      cms::ListAlsaDevices(kind == kCMSAudioOutput ? Direction::kPlay : Direction::kCapture);
+      cms::ListAlsaDevices(kind == cms::kCMSAudioOutput ? Direction::kPlay : Direction::kCapture);
   if (index >= devices.size()) {
     return 0;
   }
@@ -114,25 +114,25 @@ int GetAudioCodecIDByAudioType(int audioType, int* codecId) {
   }
   constexpr struct {
     int type;
-    CMSCodecID codec;
-  } kTags[] = {{1, CMS_CODEC_PCM_S16LE},
-               {2, CMS_CODEC_ADPCM_MS},
-               {6, CMS_CODEC_PCM_ALAW},
-               {7, CMS_CODEC_PCM_MULAW},
-               {0x11, CMS_CODEC_ADPCM_IMA}};
+    cms::CMSCodecID codec;
+  } kTags[] = {{1, cms::CMS_CODEC_PCM_S16LE},
+               {2, cms::CMS_CODEC_ADPCM_MS},
+               {6, cms::CMS_CODEC_PCM_ALAW},
+               {7, cms::CMS_CODEC_PCM_MULAW},
+               {0x11, cms::CMS_CODEC_ADPCM_IMA}};
   for (const auto& tag : kTags) {
     if (audioType == tag.type || audioType == tag.codec) {
       *codecId = tag.codec;
       return 1;
     }
   }
-  const bool pcm = audioType == CMS_CODEC_PCM_S16BE || audioType == CMS_CODEC_PCM_U8;
-  *codecId = pcm ? audioType : CMS_CODEC_NONE;
+  const bool pcm = audioType == cms::CMS_CODEC_PCM_S16BE || audioType == cms::CMS_CODEC_PCM_U8;
+  *codecId = pcm ? audioType : cms::CMS_CODEC_NONE;
   return pcm ? 1 : 0;
 }
 
-int GetIndexAndPrediction(CMSAudioPlayerHandle player, const unsigned char* block,
+int GetIndexAndPrediction(cms::CMSAudioPlayerHandle player, const unsigned char* block,
                           unsigned channelMode) {
-  CCMSAudioPlayer* const of = PlayerOf(player);
+  cms::CCMSAudioPlayer* const of = PlayerOf(player);
   return of != nullptr ? of->GetIndexAndPrediction(block, channelMode) : 0;
 }

@@ -39,31 +39,31 @@ struct CodecHandle {
 };
 
 // The picture given out, and the reference that keeps its planes.
-struct HeldPicture : CMSRawPicture {
+struct HeldPicture : cms::CMSRawPicture {
   AVFrame* frame = nullptr;
   ~HeldPicture() { av_frame_free(&frame); }
 };
 
-std::optional<CMS_PICTURE_FORMAT> PictureFormat(int format) {
+std::optional<cms::CMS_PICTURE_FORMAT> PictureFormat(int format) {
   switch (cms::PlainFormat(format)) {
     case AV_PIX_FMT_YUV420P:
-      return CMS_PICTURE_YUV420P;
+      return cms::CMS_PICTURE_YUV420P;
     case AV_PIX_FMT_YUV422P:
-      return CMS_PICTURE_YUV422P;
+      return cms::CMS_PICTURE_YUV422P;
     case AV_PIX_FMT_YUV444P:
-      return CMS_PICTURE_YUV444P;
+      return cms::CMS_PICTURE_YUV444P;
     case AV_PIX_FMT_YUV440P:
-      return CMS_PICTURE_YUV440P;
+      return cms::CMS_PICTURE_YUV440P;
     case AV_PIX_FMT_GRAY8:
-      return CMS_PICTURE_GRAY;
+      return cms::CMS_PICTURE_GRAY;
     default:
       return std::nullopt;
   }
 }
 
 // Null when the codec's format is none of ours or memory is short.
-CMSRawPicture* Hold(const AVFrame& frame) {
-  const std::optional<CMS_PICTURE_FORMAT> format = PictureFormat(frame.format);
+cms::CMSRawPicture* Hold(const AVFrame& frame) {
+  const std::optional<cms::CMS_PICTURE_FORMAT> format = PictureFormat(frame.format);
   auto held = std::unique_ptr<HeldPicture>(new (std::nothrow) HeldPicture{});
   if (!format || !held) {
     return nullptr;
@@ -76,8 +76,8 @@ CMSRawPicture* Hold(const AVFrame& frame) {
   held->height = frame.height;
   held->format = *format;
   const bool renamed = cms::PlainFormat(frame.format) != frame.format;
-  held->full_range = renamed || frame.color_range == AVCOL_RANGE_JPEG ? 1 : 0;
-  for (int plane = 0; plane < (*format == CMS_PICTURE_GRAY ? 1 : 3); ++plane) {
+  held->fullRange = renamed || frame.color_range == AVCOL_RANGE_JPEG ? 1 : 0;
+  for (int plane = 0; plane < (*format == cms::CMS_PICTURE_GRAY ? 1 : 3); ++plane) {
     held->planes[plane] = held->frame->data[plane];
     held->strides[plane] = held->frame->linesize[plane];
   }
@@ -92,14 +92,14 @@ CodecHandle* Handle(void* codec) {
 
 void* CMS_avcodec_open(int codec) {
   auto handle = std::unique_ptr<CodecHandle>(new (std::nothrow) CodecHandle);
-  if (!handle || !handle->codec.Open(static_cast<CMSCodecID>(codec))) {
+  if (!handle || !handle->codec.Open(static_cast<cms::CMSCodecID>(codec))) {
     return nullptr;
   }
   return handle.release();
 }
 
 int CMS_FFMPEG_Decode(void* codec, const unsigned char* data, int length, int* used,
-                      CMSRawPicture** picture) {
+                      cms::CMSRawPicture** picture) {
   if (used != nullptr) {
     *used = 0;
   }
@@ -108,7 +108,7 @@ int CMS_FFMPEG_Decode(void* codec, const unsigned char* data, int length, int* u
   }
   *picture = nullptr;
   CodecHandle* handle = Handle(codec);
-  if (handle == nullptr || handle->codec.Codec() == CMS_CODEC_NONE || data == nullptr ||
+  if (handle == nullptr || handle->codec.Codec() == cms::CMS_CODEC_NONE || data == nullptr ||
       length <= 0) {
     return DECODE_RESULT_ERROR;
   }
@@ -132,7 +132,7 @@ int CMS_FFMPEG_Decode(void* codec, const unsigned char* data, int length, int* u
   return DECODE_RESULT_ERROR;
 }
 
-void CMS_av_free_frame(CMSRawPicture* picture) {
+void CMS_av_free_frame(cms::CMSRawPicture* picture) {
   delete static_cast<HeldPicture*>(picture);
 }
 
@@ -145,7 +145,7 @@ void CMS_FFMPEG_Decode_Buffer_Free(void* codec) {
 
 int CMS_avcodec_close(void* codec) {
   CodecHandle* handle = Handle(codec);
-  if (handle == nullptr || handle->codec.Codec() == CMS_CODEC_NONE) {
+  if (handle == nullptr || handle->codec.Codec() == cms::CMS_CODEC_NONE) {
     return 0;
   }
   handle->codec.Close();

@@ -6,6 +6,8 @@
 
 #include "cms/runtime/api.h"
 
+namespace cms {
+
 enum CMS_PICTURE_FORMAT : int {
   CMS_PICTURE_YUV420P = 0,
   CMS_PICTURE_YUV422P = 1,
@@ -20,10 +22,12 @@ struct CMSRawPicture {
   int width;
   int height;
   CMS_PICTURE_FORMAT format;
-  int full_range;  // 1: samples span 0..255 (JPEG); 0: 16..235
+  int fullRange;  // 1: samples span 0..255 (JPEG); 0: 16..235
   const unsigned char* planes[3];
   int strides[3];  // bytes from one row to the next
 };
+
+}  // namespace cms
 
 extern "C" {
 
@@ -34,10 +38,10 @@ CMS_API void* CMS_avcodec_open(int codec);
 // Returns 0 with *picture set, 1 on an error, 2 when the data gave no picture yet; *picture is null
 // unless 0. `used` (may be null) receives the bytes taken.
 CMS_API int CMS_FFMPEG_Decode(void* codec, const unsigned char* data, int length, int* used,
-                              CMSRawPicture** picture);
+                              cms::CMSRawPicture** picture);
 
 // Gives a picture back; null is allowed.
-CMS_API void CMS_av_free_frame(CMSRawPicture* picture);
+CMS_API void CMS_av_free_frame(cms::CMSRawPicture* picture);
 
 // Frees the input buffer that CMS_FFMPEG_Decode keeps between calls; the next call makes a new one.
 CMS_API void CMS_FFMPEG_Decode_Buffer_Free(void* codec);

@@ -62,14 +62,14 @@ int Enable(HttpServer* server, std::atomic<bool> HttpServer::Rules::*rule, int e
 
 }  // namespace
 
-HttpServer* CreateHttpServer(const tHttpServerConfig* config) {
+HttpServer* CreateHttpServer(const cms::tHttpServerConfig* config) {
   if (config == nullptr || config->passwordLookup == nullptr) {
     return nullptr;
   }
   return Create({.port = config->port, .passwordLookup = config->passwordLookup});
 }
 
-HttpServer* CreateHttpServerEx(const tHttpServerConfigEx* config) {
+HttpServer* CreateHttpServerEx(const cms::tHttpServerConfigEx* config) {
   if (config == nullptr || config->passwordLookup == nullptr) {
     return nullptr;
   }
@@ -78,6 +78,15 @@ HttpServer* CreateHttpServerEx(const tHttpServerConfigEx* config) {
     return look(context, user, password);
   };
   return Create({config->port, config->bindAddress, config->maxConnections, lookup});
+}
+
+int SetHttpServerTls(HttpServer* server, const std::string& certificateFile,
+                     const std::string& keyFile, const std::string& clientAuthorityFile,
+                     std::string& problem) {
+  problem.clear();
+  return With(server, [&](HttpServer& at) {
+    return at.SetTls({certificateFile, keyFile, clientAuthorityFile}, &problem) ? 1 : 0;
+  });
 }
 
 int StartHttpServer(HttpServer* server) {
@@ -100,7 +109,7 @@ int GetHttpServerPort(HttpServer* server) {
   return server != nullptr ? server->Port() : 0;
 }
 
-int RegisterEgi(HttpServer* server, const char* name, EgiCallback callback) {
+int RegisterEgi(HttpServer* server, const char* name, cms::EgiCallback callback) {
   if (name == nullptr || callback == nullptr) {
     return 0;
   }
@@ -109,7 +118,8 @@ int RegisterEgi(HttpServer* server, const char* name, EgiCallback callback) {
   });
 }
 
-int RegisterEgiEx(HttpServer* server, const char* name, EgiCallbackEx callback, void* context) {
+int RegisterEgiEx(HttpServer* server, const char* name, cms::EgiCallbackEx callback,
+                  void* context) {
   if (name == nullptr || callback == nullptr) {
     return 0;
   }
@@ -126,8 +136,24 @@ int EnableStrictDigest(HttpServer* server, int enable) {
   return Enable(server, &HttpServer::Rules::strictDigest, enable);
 }
 
+int EnableSha256Digest(HttpServer* server, int enable) {
+  return Enable(server, &HttpServer::Rules::sha256Digest, enable);
+}
+
 int EnableFirstLineTarget(HttpServer* server, int enable) {
   return Enable(server, &HttpServer::Rules::firstLineOnly, enable);
+}
+
+int SetHttpLoginGuard(HttpServer* server, cms::HttpLoginGuard guard, void* context) {
+  return With(server, [&](HttpServer& at) {
+    at.GuardLogins(guard == nullptr
+                       ? cms::LoginGuard()
+                       : [guard, context](HttpRequest* request, const std::string& user,
+                                          cms::HttpLoginStep step) {
+                           return guard(context, request, user, step);
+                         });
+    return 1;
+  });
 }
 
 int EnableWhiteBlackList(HttpServer* server, int enable) {
@@ -204,6 +230,11 @@ int RequestGetHeader(HttpRequest* request, const char* name, std::string& value)
   });
 }
 
+int RequestReadBody(HttpRequest* request, std::uint32_t mostBytes, std::string& body) {
+  body.clear();
+  return With(request, [&](HttpRequest& of) { return of.ReadBody(mostBytes, body) ? 1 : 0; });
+}
+
 std::uint32_t GetClientAddress(HttpRequest* request) {
   return request != nullptr ? request->Client().sin_addr.s_addr : 0;
 }
@@ -270,6 +301,12 @@ int RequestSetContentType(HttpRequest* request, const char* type) {
   return type == nullptr
              ? 0
              : With(request, [&](HttpRequest& of) { return of.SetContentType(type) ? 1 : 0; });
+}
+
+int RequestAddHeader(HttpRequest* request, const char* name, const char* value) {
+  return name == nullptr || value == nullptr
+             ? 0
+             : With(request, [&](HttpRequest& of) { return of.AddHeader(name, value) ? 1 : 0; });
 }
 
 int SetKeepConnection(HttpRequest* request, int keep) {

@@ -15,10 +15,19 @@
 extern "C" {
 
 // A server that does not listen yet; null without a password lookup or when memory is short.
-CMS_API HttpServer* CreateHttpServer(const tHttpServerConfig* config);
+CMS_API HttpServer* CreateHttpServer(const cms::tHttpServerConfig* config);
 // The same for a server that is told more: its address, its bound on connections, and a context for
 // the look-up.
-CMS_API HttpServer* CreateHttpServerEx(const tHttpServerConfigEx* config);
+CMS_API HttpServer* CreateHttpServerEx(const cms::tHttpServerConfigEx* config);
+// Before the start: connections are by TLS (1.2 and 1.3) alone, with this certificate and those
+// that lead to its authority behind it, its key without a passphrase (files in PEM), and whole
+// requests are read (see EnableWholeRequests). With a file of authorities' certificates only
+// clients that show a certificate of theirs come in; empty: all. The files are looked at again as
+// connections come, so a renewed certificate needs no restart. 1; 0 and why when the files do not
+// do or the server runs.
+CMS_API int SetHttpServerTls(HttpServer* server, const std::string& certificateFile,
+                             const std::string& keyFile, const std::string& clientAuthorityFile,
+                             std::string& problem);
 // 1; 0 when it is running already or the port is taken.
 CMS_API int StartHttpServer(HttpServer* server);
 // Stops accepting, has the sends of running handlers fail, and returns when all of them have
@@ -33,9 +42,9 @@ CMS_API int GetHttpServerPort(HttpServer* server);
 // bytes; of equal names the first counts. With "/auth" in it the name is behind Digest
 // authentication; other names with "/" in them tell the handler of an old Internet Explorer by the
 // marker "IE". 0 when memory is short.
-CMS_API int RegisterEgi(HttpServer* server, const char* name, EgiCallback callback);
+CMS_API int RegisterEgi(HttpServer* server, const char* name, cms::EgiCallback callback);
 // The context is handed to the callback, and has to live until the server is closed.
-CMS_API int RegisterEgiEx(HttpServer* server, const char* name, EgiCallbackEx callback,
+CMS_API int RegisterEgiEx(HttpServer* server, const char* name, cms::EgiCallbackEx callback,
                           void* context);
 
 // Rules that are off at first; docs/http_server.md compares them. New servers want the first two.
@@ -49,10 +58,17 @@ CMS_API int EnableWholeRequests(HttpServer* server, int enable);
 // out within the last 5 minutes. Else a login that was once seen opens every target, for the method
 // it was made for, for ever.
 CMS_API int EnableStrictDigest(HttpServer* server, int enable);
+// Non-zero: clients are offered SHA-256 (RFC 7616) in front of MD5, with strict Digest. Not for
+// clients that look at the first offer alone and know none but MD5, as Python's urllib.
+CMS_API int EnableSha256Digest(HttpServer* server, int enable);
 // Non-zero: the target is looked for in the first line of a request alone. Browsers send headers
 // with a "?" in them to servers of their own host (Sec-Fetch-User, Sec-CH-UA-Mobile), behind which
 // a target without a query is not found otherwise. Whole requests have that anyway.
 CMS_API int EnableFirstLineTarget(HttpServer* server, int enable);
+
+// Has every Digest login go by this callback, which can hold off who guesses passwords. To be set
+// before the server is started; the context has to live until it is closed. Null: nobody is asked.
+CMS_API int SetHttpLoginGuard(HttpServer* server, cms::HttpLoginGuard guard, void* context);
 
 // Adds (3) or removes (4) a range of client addresses; see AccessRange. Always 1.
 CMS_API int SetWhiteBlackListInfo(HttpServer* server, std::uint32_t low, std::uint32_t high,
@@ -83,6 +99,11 @@ CMS_API int GetQueryData(HttpRequest* request, std::string* query);
 // The first header of that name, whose case does not count: "Host". 1 and its value, which may be
 // empty, or 0 when it is not in what was read.
 CMS_API int RequestGetHeader(HttpRequest* request, const char* name, std::string& value);
+
+// The request's body, which is waited for. 0 unless whole requests are read, it has a
+// Content-Length of at most that many bytes, and all of them came within 10 s (1 s while many
+// connections are being served). Once for a request.
+CMS_API int RequestReadBody(HttpRequest* request, std::uint32_t mostBytes, std::string& body);
 
 CMS_API std::uint32_t GetClientAddress(HttpRequest* request);  // network byte order
 CMS_API int GetClientAddressString(HttpRequest* request, std::string& address);
@@ -118,6 +139,10 @@ CMS_API int SendHeaderForFile(HttpRequest* request, long long length, std::strin
 CMS_API int SetStatusCode(HttpRequest* request, std::uint32_t status);
 // What "Content-type:" says: "application/json". "text/html" unless told. 0 for control characters.
 CMS_API int RequestSetContentType(HttpRequest* request, const char* type);
+// Another line of the header block, which has not gone out yet: "Content-Security-Policy". None of
+// those that the server writes itself. 0 for what is no name of a header, and for a value with
+// control characters.
+CMS_API int RequestAddHeader(HttpRequest* request, const char* name, const char* value);
 // What the "Connection:" line says; the connection is closed in any case, and where whole requests
 // are read it is "close" in any case.
 CMS_API int SetKeepConnection(HttpRequest* request, int keep);

@@ -3,11 +3,11 @@
 #include <cstdarg>
 #include <exception>
 
-#include "cms/runtime/log.h"
+#include "cms/runtime/application_log.h"
 #include "cms/runtime/native_path.h"
 
-static_assert(int{CMS_LOG_ERROR} == int{cms::kLogError} &&
-              int{CMS_LOG_DEBUG} == int{cms::kLogDebug});
+static_assert(int{cms::CMS_LOG_ERROR} == int{cms::kLogError} &&
+              int{cms::CMS_LOG_DEBUG} == int{cms::kLogDebug});
 
 namespace {
 
@@ -24,14 +24,14 @@ void LogLine(int level, const Char* format, std::va_list arguments) {
 void CMSLogA(const char* format, ...) {
   std::va_list arguments;
   va_start(arguments, format);
-  LogLine(CMS_LOG_INFORMATION, format, arguments);
+  LogLine(cms::CMS_LOG_INFORMATION, format, arguments);
   va_end(arguments);
 }
 
 void CMSLogW(const wchar_t* format, ...) {
   std::va_list arguments;
   va_start(arguments, format);
-  LogLine(CMS_LOG_INFORMATION, format, arguments);
+  LogLine(cms::CMS_LOG_INFORMATION, format, arguments);
   va_end(arguments);
 }
 
@@ -49,25 +49,26 @@ void CMSLogExW(int level, const wchar_t* format, ...) {
   va_end(arguments);
 }
 
-void CMSSetLog(CCircularLogWriter* writer, int highestLevel) {
+void CMSSetLog(cms::CCircularLogWriter* writer, int highestLevel) {
   cms::SetLog(writer, highestLevel);
 }
 
-CCircularLogWriter* CreateCircularLogWriter(const wchar_t* path, std::uint32_t size) {
+cms::CCircularLogWriter* CreateCircularLogWriter(const wchar_t* path, std::uint32_t size) {
   try {
     int error = 0;
-    return path != nullptr ? CCircularLogWriter::Open(cms::NativePath(path), size, error).release()
-                           : nullptr;
+    return path != nullptr
+               ? cms::CCircularLogWriter::Open(cms::NativePath(path), size, error).release()
+               : nullptr;
   } catch (const std::exception&) {
     return nullptr;
   }
 }
 
-void DestroyCircularLogWriter(CCircularLogWriter* writer) {
+void DestroyCircularLogWriter(cms::CCircularLogWriter* writer) {
   delete writer;
 }
 
-int WriteLog(CCircularLogWriter* writer, const char* text) {
+int WriteLog(cms::CCircularLogWriter* writer, const char* text) {
   try {
     return writer != nullptr && text != nullptr && writer->Write(text) ? 1 : 0;
   } catch (const std::exception&) {

@@ -7,8 +7,9 @@
 #include "cms/runtime/cpu_usage.h"
 #include "cms/runtime/icmp_echo.h"
 
-static_assert(int{CMS_ICMP_ECHO_ANSWERED} == static_cast<int>(cms::IcmpEchoStatus::kAnswered) &&
-              int{CMS_ICMP_ECHO_FAILED} == static_cast<int>(cms::IcmpEchoStatus::kFailed));
+static_assert(int{cms::CMS_ICMP_ECHO_ANSWERED} ==
+                  static_cast<int>(cms::IcmpEchoStatus::kAnswered) &&
+              int{cms::CMS_ICMP_ECHO_FAILED} == static_cast<int>(cms::IcmpEchoStatus::kFailed));
 
 namespace {
 
@@ -59,15 +60,16 @@ int CMSIcmpEcho(const char* address, int payload, int timeoutMilliseconds, int* 
   return static_cast<int>(result.status);
 }
 
-CNetworkCableMonitor* StartNetworkCableMonitor(NetworkCableCallback callback, void* context) {
+cms::CNetworkCableMonitor* StartNetworkCableMonitor(cms::NetworkCableCallback callback,
+                                                    void* context) {
   try {
-    auto monitor = std::make_unique<CNetworkCableMonitor>(callback, context);
+    auto monitor = std::make_unique<cms::CNetworkCableMonitor>(callback, context);
     return monitor->Start() ? monitor.release() : nullptr;
   } catch (const std::exception&) {
     return nullptr;
   }
 }
 
-void StopNetworkCableMonitor(CNetworkCableMonitor* monitor) {
+void StopNetworkCableMonitor(cms::CNetworkCableMonitor* monitor) {
   delete monitor;
 }

@@ -7,6 +7,8 @@
 #include "cms/runtime/api.h"
 #include "cms/runtime/cable_monitor.h"
 
+namespace cms {
+
 enum CMS_ICMP_ECHO_STATUS : int {
   CMS_ICMP_ECHO_ANSWERED = 0,
   CMS_ICMP_ECHO_TIMED_OUT = 1,
@@ -14,6 +16,8 @@ enum CMS_ICMP_ECHO_STATUS : int {
   CMS_ICMP_ECHO_NOT_PERMITTED = 3,  // to this process, by the system
   CMS_ICMP_ECHO_FAILED = 4,
 };
+
+}  // namespace cms
 
 extern "C" {
 
@@ -40,9 +44,9 @@ CMS_API int CMSIcmpEcho(const char* address, int payload, int timeoutMillisecond
 
 // Tells of every network interface, first as it is and then whenever it changes: see
 // cms/runtime/cable_monitor.h. Null when the system refuses.
-CMS_API CNetworkCableMonitor* StartNetworkCableMonitor(NetworkCableCallback callback,
-                                                       void* context);
+CMS_API cms::CNetworkCableMonitor* StartNetworkCableMonitor(cms::NetworkCableCallback callback,
+                                                            void* context);
 // No callback runs any more when it returns. Not from a callback; null is allowed.
-CMS_API void StopNetworkCableMonitor(CNetworkCableMonitor* monitor);
+CMS_API void StopNetworkCableMonitor(cms::CNetworkCableMonitor* monitor);
 
 }  // extern "C"

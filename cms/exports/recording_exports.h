@@ -6,7 +6,7 @@
 
 #include "cms/runtime/api.h"
 
-// Paths as in cms/runtime/native_path.h; a null pointer is an empty text. Any thread may call them.
+// Paths as in cms/runtime/nativePath.h; a null pointer is an empty text. Any thread may call them.
 extern "C" {
 
 // The byte offset of the first frame header in the head of a .drv file (the first 4080 places; its

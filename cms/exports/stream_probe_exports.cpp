@@ -85,7 +85,7 @@ void CMSGetMJPEGWidthAndHeight(const void* data, int length, int* width, int* he
   Store(height, size.height);
 }
 
-std::int64_t SystemTimeTotime_t(const CMSSystemTime* time, std::int64_t* seconds) {
+std::int64_t SystemTimeTotime_t(const cms::CMSSystemTime* time, std::int64_t* seconds) {
   const std::int64_t result = cms::SystemTimeToSeconds(*time);
   if (seconds != nullptr) {
     *seconds = result;

@@ -47,5 +47,5 @@ CMS_API void CMSGetMJPEGWidthAndHeight(const void* data, int length, int* width,
 
 // Seconds since 1970 of a UTC calendar time plus one day (see cms::SystemTimeToSeconds), stored in
 // `seconds` and returned.
-CMS_API std::int64_t SystemTimeTotime_t(const CMSSystemTime* time, std::int64_t* seconds);
+CMS_API std::int64_t SystemTimeTotime_t(const cms::CMSSystemTime* time, std::int64_t* seconds);
 }

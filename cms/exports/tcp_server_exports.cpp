@@ -2,7 +2,7 @@
 
 #include <new>
 
-CTcpServer* CreateTcpServer(tTcpServerConfig* config) {
+CTcpServer* CreateTcpServer(cms::tTcpServerConfig* config) {
   if (config == nullptr) {
     return nullptr;
   }

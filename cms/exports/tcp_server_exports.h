@@ -10,7 +10,7 @@
 extern "C" {
 
 // The record stays the caller's and outlives the server. Null when it is null or memory is short.
-CMS_API CTcpServer* CreateTcpServer(tTcpServerConfig* config);
+CMS_API CTcpServer* CreateTcpServer(cms::tTcpServerConfig* config);
 CMS_API void DestroyTcpServer(CTcpServer* server);  // stops it first
 
 // Listens, and tells address and port in the record: 1, or 0 on failure.

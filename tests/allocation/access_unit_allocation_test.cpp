@@ -14,26 +14,25 @@
 namespace {
 
 // Receives each second pair of packets in the wrong order.
-class Receiver final : cms::ReorderWindow::Sink, cms::AccessUnitSink {
+class Receiver final : cms::AccessUnitSink {
  public:
   void Feed(test::RtpPackets& packets) {
     for (std::size_t i = 0; i < packets.size(); ++i) {
       const std::size_t at = i % 4 == 2 && i + 1 < packets.size() ? i + 1 : i % 4 == 3 ? i - 1 : i;
-      window_.Take(packets[at]);
+      for (auto next = window_.Put(packets[at]); !next.empty(); next = window_.Next()) {
+        assembler_.Take({next.subspan(12), next[7], (next[1] & 0x80) != 0, first_});
+        first_ = false;
+      }
     }
   }
 
   int pictures = 0;
 
  private:
-  void OnPacketInOrder(cms::Bytes packet) override {
-    assembler_.Take({packet.subspan(12), packet[7], (packet[1] & 0x80) != 0, first_});
-    first_ = false;
-  }
   void OnAccessUnit(const cms::AccessUnit& unit) override { pictures += unit.decodable ? 1 : 0; }
 
   bool first_ = true;
-  cms::ReorderWindow window_{*this};
+  cms::ReorderWindow window_;
   cms::AccessUnitAssembler assembler_{*this, {}};
 };
 

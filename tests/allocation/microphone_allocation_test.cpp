@@ -15,7 +15,8 @@ TEST(MicrophoneAllocation, NothingIsAllocatedPerBlock) {
   std::ofstream(folder.File("asound.conf")) << "pcm.silence { type null }\n";
   ASSERT_EQ(setenv("ALSA_CONFIG_PATH", folder.File("asound.conf").c_str(), 1), 0);
   const tCMSAudioPlayerConfig config;
-  const CMSAudioPlayerHandle microphone = CreateCMSAudioPlayer(&config, kCMSAudioInput, "silence");
+  const cms::CMSAudioPlayerHandle microphone =
+      CreateCMSAudioPlayer(&config, cms::kCMSAudioInput, "silence");
   ASSERT_EQ(StartAudioPlayer(microphone), 1);
   unsigned char block[160];
   const auto fetch = [&](int blocks) {

@@ -53,7 +53,7 @@ TEST(RecordAllocation, NothingIsAllocatedForAKeptFrame) {
   test::RecordingClient client(test::ParamFor(1));
   test::FrameSource source;
   ASSERT_EQ(client.SetRecEventPreAlarm(0, 2, 1, 200'000), 1);
-  client.TurnOnRecordingState(0, kRecordDeviceEvent);
+  client.TurnOnRecordingState(0, cms::kRecordDeviceEvent);
   long kept = 0;
   long recorded = 0;
   std::thread receiving([&] {

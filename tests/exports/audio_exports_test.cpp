@@ -119,10 +119,10 @@ TEST(FormatExports, TagsToCodecsAndRatios) {
     int codecId;
     int ratio;
   };
-  for (const Case& each : {Case{1, 16, 1, CMS_CODEC_PCM_S16LE, 1}, Case{1, 8, 0, 0, -5},
-                           Case{6, 8, 1, CMS_CODEC_PCM_ALAW, 2}, Case{7, 8, 1, 0x10006, 2},
+  for (const Case& each : {Case{1, 16, 1, cms::CMS_CODEC_PCM_S16LE, 1}, Case{1, 8, 0, 0, -5},
+                           Case{6, 8, 1, cms::CMS_CODEC_PCM_ALAW, 2}, Case{7, 8, 1, 0x10006, 2},
                            Case{7, 16, 1, 0x10006, 2}, Case{2, 4, 0, 0, -5}}) {
-    CMSWaveFormat format{};
+    cms::CMSWaveFormat format{};
     format.formatTag = each.tag;
     format.bitsPerSample = each.bits;
     int codecId = -5;
@@ -135,7 +135,7 @@ TEST(FormatExports, TagsToCodecsAndRatios) {
   int codecId = -5;
   EXPECT_EQ(GetAudioCodecIDFromAudioFmtTag(&codecId, nullptr), 0);
   EXPECT_EQ(codecId, 0);
-  const CMSWaveFormat format{};
+  const cms::CMSWaveFormat format{};
   EXPECT_EQ(GetAudioCodecIDFromAudioFmtTag(nullptr, &format), 0);
   EXPECT_EQ(GetAudioCompressRatioFromAudioFmtTag(nullptr, &format), 0);
 }

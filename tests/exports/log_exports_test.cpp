@@ -13,12 +13,12 @@ TEST(LogExports, StandardErrorOneLineEach) {
   testing::internal::CaptureStderr();
   CMSLogA("camera %d says %s", 7, "no\nway");
   CMSLogW(L"%ls \u00e9 %d", L"wide", 8);
-  CMSLogExA(CMS_LOG_ERROR, "%s", std::string(10'000, 'x').c_str());
-  CMSLogExW(CMS_LOG_DEBUG, L"%ls", std::wstring(10'000, L'y').c_str());
-  CMSSetLog(nullptr, CMS_LOG_WARNING);
-  CMSLogExW(CMS_LOG_WARNING, L"seen");
+  CMSLogExA(cms::CMS_LOG_ERROR, "%s", std::string(10'000, 'x').c_str());
+  CMSLogExW(cms::CMS_LOG_DEBUG, L"%ls", std::wstring(10'000, L'y').c_str());
+  CMSSetLog(nullptr, cms::CMS_LOG_WARNING);
+  CMSLogExW(cms::CMS_LOG_WARNING, L"seen");
   CMSLogA("hidden");
-  CMSSetLog(nullptr, CMS_LOG_DEBUG);
+  CMSSetLog(nullptr, cms::CMS_LOG_DEBUG);
   CMSLogA(nullptr);
   CMSTraceA("nothing %d", 1);
   CMSTraceW(L"nothing");
@@ -37,15 +37,16 @@ TEST(LogExports, CircularLogOfManyThreads) {
   const test::TemporaryFolder folder;
   constexpr int kThreads = 8;
   constexpr int kLines = 500;
-  CCircularLogWriter* writer = CreateCircularLogWriter(folder.SystemFile("log").c_str(), 1 << 20);
+  cms::CCircularLogWriter* writer =
+      CreateCircularLogWriter(folder.SystemFile("log").c_str(), 1 << 20);
   ASSERT_NE(writer, nullptr);
-  CMSSetLog(writer, CMS_LOG_INFORMATION);
+  CMSSetLog(writer, cms::CMS_LOG_INFORMATION);
   std::vector<std::thread> threads;
   for (int i = 0; i < kThreads; ++i) {
     threads.emplace_back([i, writer] {
       for (int line = 0; line < kLines; ++line) {
         if (line % 2 == 0) {
-          CMSLogExA(CMS_LOG_ERROR, "%d", i);
+          CMSLogExA(cms::CMS_LOG_ERROR, "%d", i);
         } else {
           EXPECT_EQ(WriteLog(writer, "direct"), 1);
         }
@@ -55,7 +56,7 @@ TEST(LogExports, CircularLogOfManyThreads) {
   for (auto& each : threads) {
     each.join();
   }
-  CMSSetLog(nullptr, CMS_LOG_DEBUG);
+  CMSSetLog(nullptr, cms::CMS_LOG_DEBUG);
   DestroyCircularLogWriter(writer);
   std::vector<cms::CircularLogEntry> entries;
   ASSERT_TRUE(cms::ReadCircularLog(folder.File("log"), entries));

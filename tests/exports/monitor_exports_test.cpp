@@ -138,21 +138,22 @@ TEST(MonitorExports, IcmpEchoWithAndWithoutPrivileges) {
       SCOPED_TRACE(how);
       for (const int payload : {-1, 17, 60'000}) {
         EXPECT_EQ(CMSIcmpEcho("127.0.0.1", payload, 20'000, &microseconds, &error),
-                  CMS_ICMP_ECHO_ANSWERED);
+                  cms::CMS_ICMP_ECHO_ANSWERED);
         EXPECT_EQ(error, "");
         EXPECT_GT(microseconds, 0);
       }
       EXPECT_EQ(CMSIcmpEcho("198.51.100.7", 16, 20'000, nullptr, &error),
-                CMS_ICMP_ECHO_UNREACHABLE);
+                cms::CMS_ICMP_ECHO_UNREACHABLE);
       EXPECT_THAT(error, HasSubstr("198.51.100.7"));
-      EXPECT_EQ(CMSIcmpEcho("203.0.113.9", 16, 50, nullptr, &error), CMS_ICMP_ECHO_TIMED_OUT);
+      EXPECT_EQ(CMSIcmpEcho("203.0.113.9", 16, 50, nullptr, &error), cms::CMS_ICMP_ECHO_TIMED_OUT);
       EXPECT_THAT(error, HasSubstr("within 50 ms"));
     };
     everywhere("raw socket");
     if (!DropRawSockets()) {
       return;
     }
-    EXPECT_EQ(CMSIcmpEcho("127.0.0.1", 16, 1000, nullptr, &error), CMS_ICMP_ECHO_NOT_PERMITTED);
+    EXPECT_EQ(CMSIcmpEcho("127.0.0.1", 16, 1000, nullptr, &error),
+              cms::CMS_ICMP_ECHO_NOT_PERMITTED);
     EXPECT_THAT(error, HasSubstr("ping_group_range"));
     std::ofstream("/proc/sys/net/ipv4/ping_group_range") << "0 2147483647";
     everywhere("unprivileged socket");
@@ -161,9 +162,9 @@ TEST(MonitorExports, IcmpEchoWithAndWithoutPrivileges) {
     GTEST_SKIP() << reason;
   }
   std::string error;
-  EXPECT_EQ(CMSIcmpEcho("cam.example", 16, 1000, nullptr, &error), CMS_ICMP_ECHO_FAILED);
+  EXPECT_EQ(CMSIcmpEcho("cam.example", 16, 1000, nullptr, &error), cms::CMS_ICMP_ECHO_FAILED);
   EXPECT_THAT(error, HasSubstr("cam.example"));
-  EXPECT_EQ(CMSIcmpEcho(nullptr, 16, 1000, nullptr, nullptr), CMS_ICMP_ECHO_FAILED);
+  EXPECT_EQ(CMSIcmpEcho(nullptr, 16, 1000, nullptr, nullptr), cms::CMS_ICMP_ECHO_FAILED);
 }
 
 TEST(MonitorExports, CablesAreToldAsTheyAreAndAsTheyChange) {
@@ -187,7 +188,7 @@ TEST(MonitorExports, CablesAreToldAsTheyAreAndAsTheyChange) {
                "ip link set near up")) {
       return;
     }
-    CNetworkCableMonitor* const monitor = StartNetworkCableMonitor(take, &told);
+    cms::CNetworkCableMonitor* const monitor = StartNetworkCableMonitor(take, &told);
     ASSERT_NE(monitor, nullptr);
     const auto expect = [&told](const char* name, const States& states) {
       EXPECT_TRUE(test::WaitFor([&] { return told.Of(name) == states; }))

@@ -25,7 +25,7 @@ class Servers {
   Servers() {
     tcpConfig_.recvFrameSize = 100;
     tcp_ = CreateTcpServer(&tcpConfig_);
-    tHttpServerConfig config;
+    cms::tHttpServerConfig config;
     config.passwordLookup = NoPassword;
     http_ = CreateHttpServer(&config);
     if (StartTcpServer(tcp_) == 0 || StartHttpServer(http_) == 0) {
@@ -40,7 +40,7 @@ class Servers {
   unsigned short TcpPort() const { return tcpConfig_.localPort; }
 
  private:
-  tTcpServerConfig tcpConfig_;
+  cms::tTcpServerConfig tcpConfig_;
   CTcpServer* tcp_ = nullptr;
   HttpServer* http_ = nullptr;
 };
@@ -83,11 +83,11 @@ void UseTheLibrary() {
   cms::CurrentFileIo().Exists("/");
   std::uint64_t free = 0;
   GetDiskFreeSpaceEx2(L"/", &free, nullptr, nullptr);
-  CMSLogExA(CMS_LOG_DEBUG, "%s", digest.c_str());
+  CMSLogExA(cms::CMS_LOG_DEBUG, "%s", digest.c_str());
   CCMSBigNum number;
   number.FromDecimal("123456789012345678901234567890");
   CMSRTSPClient unused;
-  stRTSPClientConfig config;
+  cms::stRTSPClientConfig config;
   config.path = "rtsp://127.0.0.1:1/nobody";
   unused.SetConfig(&config);
 }
@@ -119,7 +119,7 @@ int main(int argc, char** argv) {
     std::fputs("usage: static_objects RTSP_URL MILLISECONDS [thread]\n", stderr);
     return 2;
   }
-  CMSSetLog(nullptr, CMS_LOG_ERROR);
+  CMSSetLog(nullptr, cms::CMS_LOG_ERROR);
   std::thread([] {
     for (;;) {
       UseTheLibrary();
@@ -130,9 +130,9 @@ int main(int argc, char** argv) {
   if (peer.OnStartTCPClient(0x7F000001, servers.TcpPort(), 1) == 0) {
     return 1;
   }
-  stRTSPClientConfig config;
+  cms::stRTSPClientConfig config;
   config.path = argv[1];
-  config.transport = kRtspTransportInterleaved;
+  config.transport = cms::kRtspTransportInterleaved;
   if (!camera.SetConfig(&config) || !camera.AllocChannelData(1) || !camera.OpenStream() ||
       !camera.Play()) {
     std::fprintf(stderr, "%s\n", camera.GetConnectionStatus().detail.c_str());

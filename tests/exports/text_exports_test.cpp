@@ -65,7 +65,7 @@ TEST(TextExports, GetLineNarrowAndWide) {
   };
   for (const auto& [text, lines] : cases) {
     Lines got;
-    Lines wide_got;
+    Lines wideGot;
     std::string line;
     for (int at = CMSGetLineA(text, line, 0); at != -1; at = CMSGetLineA(text, line, at)) {
       got.push_back(line);
@@ -75,9 +75,9 @@ TEST(TextExports, GetLineNarrowAndWide) {
     std::wstring wide;
     for (int at = CMSGetLineW(Wide(text), wide, 0); at != -1;
          at = CMSGetLineW(Wide(text), wide, at)) {
-      wide_got.emplace_back(wide.begin(), wide.end());
+      wideGot.emplace_back(wide.begin(), wide.end());
     }
-    EXPECT_EQ(wide_got, lines) << text;
+    EXPECT_EQ(wideGot, lines) << text;
   }
   std::string line;
   EXPECT_EQ(CMSGetLineA("a\n", line, -1), -1);
