@@ -51,6 +51,15 @@ orvanta live rtsp://127.0.0.1:1/none --seconds 1 2>/error && exit 1
 cat /error
 [[ $(wc -l </error) == 1 ]]
 [[ -s /usr/share/bash-completion/completions/orvanta ]]
+say "the recorder"
+quietly apt-get -y --no-install-recommends install /packages/orvanta-recorder_*.deb
+getent passwd orvanta >/dev/null
+[[ $(stat -c %U:%a /var/lib/orvanta) == orvanta:750 && $(stat -c %G:%a /etc/orvanta) == orvanta:750 ]]
+sed 's|^data = .*|data = "/var/lib/orvanta/test"|' /usr/share/doc/orvanta-recorder/examples/recorder.toml >/etc/orvanta/recorder.toml
+printf '[[sites]]\nnumber = 1\nurl = "rtsp://127.0.0.1:1/"\n' >>/etc/orvanta/recorder.toml
+setpriv --reuid orvanta --regid orvanta --clear-groups orvanta record --config /etc/orvanta/recorder.toml --check
+quietly dpkg -i /packages/orvanta-recorder_*.deb # an upgrade keeps what is configured
+[[ -s /etc/orvanta/recorder.toml ]]
 say "building"
 quietly apt-get -y --no-install-recommends install /packages/liborvanta-cms-dev_*.deb g++ pkg-config cmake make
 mkdir /example && cd /example
@@ -69,7 +78,7 @@ quietly cmake -S . -B build
 quietly cmake --build build
 build/by_cmake
 say "and away"
-quietly apt-get -y purge liborvanta-cms0.1 liborvanta-cms-dev orvanta-cms-tools
+quietly apt-get -y purge liborvanta-cms0.1 liborvanta-cms-dev orvanta-cms-tools orvanta-recorder
 left=$(find /usr /etc -iname '*orvanta*')
 [[ -z $left ]] || { echo "left behind: $left"; exit 1; }
 say "all as expected"
