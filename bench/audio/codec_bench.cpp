@@ -138,7 +138,7 @@ class Codec {
 
 void DecodeOurs(benchmark::State& state, CAudioDecoderBase& decoder, const Bytes& block,
                 std::size_t length) {
-  const CAudioDecoderConfig config{0, static_cast<std::uint32_t>(length), 1, 0, nullptr};
+  const cms::CAudioDecoderConfig config{0, static_cast<std::uint32_t>(length), 1, 0, nullptr};
   Require(decoder.Initialize(&config) == 1, "Initialize");
   for (auto _ : state) {
     Require(decoder.Decode(block.data(), static_cast<int>(length), 0) == 1, "Decode");

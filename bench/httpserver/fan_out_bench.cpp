@@ -54,7 +54,7 @@ int Stream(HttpRequest* request, const char*, std::uint32_t) {
 }
 
 void RunOurs() {
-  const tHttpServerConfig config{0, [](const std::string&, std::string&) { return 0; }};
+  const cms::tHttpServerConfig config{0, [](const std::string&, std::string&) { return 0; }};
   HttpServer* const server = CreateHttpServer(&config);
   RegisterEgi(server, "/page", Stream);
   EnableWholeRequests(server, 1);
@@ -92,7 +92,7 @@ void RunMicrohttpd() {
 }
 
 void RunBroadcast() {
-  tTcpServerConfig config;
+  cms::tTcpServerConfig config;
   CTcpServer* const server = CreateTcpServer(&config);
   StartTcpServer(server);
   std::thread sender([&] {

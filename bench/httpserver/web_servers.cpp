@@ -17,7 +17,7 @@ const std::string& Page() {
 }
 
 void RunOurs() {
-  const tHttpServerConfig config{0, [](const std::string&, std::string&) { return 0; }};
+  const cms::tHttpServerConfig config{0, [](const std::string&, std::string&) { return 0; }};
   HttpServer* const server = CreateHttpServer(&config);
   RegisterEgi(server, "/page", [](HttpRequest* request, const char*, std::uint32_t) {
     return RequestWrite(request, Page().c_str());

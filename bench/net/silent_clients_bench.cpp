@@ -24,7 +24,7 @@ constexpr int kGroup = 1;
 constexpr int kOfEachKind = 32;
 constexpr std::chrono::seconds kDuration{5};
 
-class SilentStep final : public RTCPStep {
+class SilentStep final : public cms::RTCPStep {
  public:
   int RTCPProcessNB() override { return 0; }
 };

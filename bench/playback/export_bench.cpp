@@ -36,7 +36,7 @@ void Make(const std::string& path) {
   for (std::uint32_t i = 0; written < kBytes; ++i) {
     const auto& encoded = clip[i % clip.size()];
     test::DrvFrameSpec frame;
-    frame.frame_type = encoded.key ? 1 : 2;
+    frame.frameType = encoded.key ? 1 : 2;
     frame.seconds += i / 25;
     frame.sequence = i + 1;
     frame.payload.assign(encoded.data.begin(), encoded.data.end());

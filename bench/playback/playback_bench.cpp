@@ -87,7 +87,7 @@ int Record(const std::filesystem::path& drvPath, std::uint64_t bytes, int mostSe
     info.hostSeconds = kStart + frames / kFps;
     info.frameRate = kFps;
     info.frameType = frame.key ? cms::kKeyFrame : cms::kOtherFrame;
-    info.videoType = CMS_VIDEO_H264;
+    info.videoType = cms::CMS_VIDEO_H264;
     info.sequence = frames + 1;
     std::array<std::uint8_t, cms::kVideoHeaderRoom> area;
     cms::BuildVideoFrameHeader(area, info);
@@ -95,7 +95,7 @@ int Record(const std::filesystem::path& drvPath, std::uint64_t bytes, int mostSe
     record.offset = static_cast<std::uint32_t>(offset);
     record.milliseconds =
         static_cast<std::uint64_t>(info.hostSeconds) * 1000 + frames % kFps * 1000 / kFps;
-    record.frame_type = frame.key ? cms::kKeyFrame : cms::kOtherFrame;
+    record.frameType = frame.key ? cms::kKeyFrame : cms::kOtherFrame;
     drv.write(reinterpret_cast<const char*>(area.data()), area.size());
     drv.write(reinterpret_cast<const char*>(frame.data.data()),
               static_cast<std::streamsize>(frame.data.size()));
@@ -145,7 +145,7 @@ bool Open(benchmark::State& state, CCMSMultiSitePlaybackCtrl& player,
   _MULTI_SITE_PLAYBACK_CONFIG config;
   config.startPaused = true;
   for (const auto& file : files) {
-    _MULTI_PB_SITE_CONFIG site;
+    cms::_MULTI_PB_SITE_CONFIG site;
     site.files = {cms::SystemPath(file.string())};
     config.sites.push_back(site);
   }
@@ -237,7 +237,7 @@ void BM_Sites(benchmark::State& state) {
     const auto shown = [&player, sites] {
       std::uint64_t sum = 0;
       for (unsigned site = 0; site < sites; ++site) {
-        stPlaybackChannelStatus status;
+        cms::stPlaybackChannelStatus status;
         player.GetChannelStatus(site, 0, &status);
         sum += status.shown;
       }

@@ -67,7 +67,7 @@ class Camera {
     info.payloadSize = kFrame;
     info.hostSeconds = cms::WallSeconds();
     info.frameType = sequence_ % kGop == 0 ? cms::kKeyFrame : cms::kOtherFrame;
-    info.videoType = CMS_VIDEO_H264;
+    info.videoType = cms::CMS_VIDEO_H264;
     info.sequence = ++sequence_;
     std::array<std::uint8_t, cms::kVideoHeaderRoom> area;
     cms::BuildVideoFrameHeader(area, info);

@@ -102,20 +102,20 @@ int main(int argc, char** argv) {
   for (const bool synced : {false, true}) {
     std::vector<double> ours;
     std::vector<double> dd;
-    double ours_time = 0;
-    const double dd_before = ProcessorMilliseconds(RUSAGE_CHILDREN);
+    double oursTime = 0;
+    const double ddBefore = ProcessorMilliseconds(RUSAGE_CHILDREN);
     for (int i = 0; i < rounds; ++i) {
       dd.push_back(mib / WithDd(path, buffers, synced));
       unlink(path.c_str());
-      const double ours_before = ProcessorMilliseconds(RUSAGE_SELF);
+      const double oursBefore = ProcessorMilliseconds(RUSAGE_SELF);
       ours.push_back(mib / WithQueue(queue, path, buffers, synced));
-      ours_time += ProcessorMilliseconds(RUSAGE_SELF) - ours_before;
+      oursTime += ProcessorMilliseconds(RUSAGE_SELF) - oursBefore;
       unlink(path.c_str());
     }
-    const double dd_time = ProcessorMilliseconds(RUSAGE_CHILDREN) - dd_before;
+    const double ddTime = ProcessorMilliseconds(RUSAGE_CHILDREN) - ddBefore;
     std::printf("%-18s %7.0f (%4.0f) %7.0f (%4.0f) %6.0f%%\n",
-                synced ? "until on the disk" : "until written", Middle(ours), ours_time / gib,
-                Middle(dd), dd_time / gib, 100 * Middle(ours) / Middle(dd));
+                synced ? "until on the disk" : "until written", Middle(ours), oursTime / gib,
+                Middle(dd), ddTime / gib, 100 * Middle(ours) / Middle(dd));
   }
   return 0;
 }

@@ -62,14 +62,14 @@ class BareReceiver final : public Receiver {
 
   ReceiveTotals Totals() override {
     ReceiveTotals totals;
-    totals.fewest_frames = ~std::uint64_t{0};
+    totals.fewestFrames = ~std::uint64_t{0};
     for (const Stream& stream : streams_) {
       const std::uint64_t frames = stream.frames.load(std::memory_order_relaxed);
       const std::uint64_t bytes = stream.bytes.load(std::memory_order_relaxed);
       totals.frames += frames;
-      totals.fewest_frames = std::min(totals.fewest_frames, frames);
+      totals.fewestFrames = std::min(totals.fewestFrames, frames);
       totals.bytes += bytes;
-      totals.lost_packets += stream.lost.load(std::memory_order_relaxed);
+      totals.lostPackets += stream.lost.load(std::memory_order_relaxed);
       totals.delivering += bytes > 0 ? 1 : 0;
     }
     return totals;
@@ -131,12 +131,12 @@ class BareReceiver final : public Receiver {
       transport =
           "RTP/AVP;unicast;client_port=" + std::to_string(media) + "-" + std::to_string(reports);
     }
-    const std::string set_up = Exchange(
+    const std::string setUp = Exchange(
         stream,
         "SETUP rtsp://127.0.0.1/clip RTSP/1.0\r\nCSeq: 1\r\nTransport: " + transport + "\r\n\r\n");
     const std::string play =
         Exchange(stream, "PLAY rtsp://127.0.0.1/clip RTSP/1.0\r\nCSeq: 2\r\n\r\n");
-    return set_up.starts_with("RTSP/1.0 200") && play.starts_with("RTSP/1.0 200");
+    return setUp.starts_with("RTSP/1.0 200") && play.starts_with("RTSP/1.0 200");
   }
 
   void Run() {

@@ -13,9 +13,9 @@ ChildProcess::ChildProcess(const std::vector<std::string>& arguments)
     : ChildProcess("/proc/self/exe", arguments) {}
 
 ChildProcess::ChildProcess(const std::string& program, const std::vector<std::string>& arguments) {
-  int to_child[2];
-  int from_child[2];
-  if (pipe2(to_child, O_CLOEXEC) != 0 || pipe2(from_child, O_CLOEXEC) != 0) {
+  int toChild[2];
+  int fromChild[2];
+  if (pipe2(toChild, O_CLOEXEC) != 0 || pipe2(fromChild, O_CLOEXEC) != 0) {
     return;
   }
   std::vector<char*> list;
@@ -27,15 +27,15 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
   pid_ = fork();
   if (pid_ == 0) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    dup2(to_child[0], STDIN_FILENO);
-    dup2(from_child[1], STDOUT_FILENO);
+    dup2(toChild[0], STDIN_FILENO);
+    dup2(fromChild[1], STDOUT_FILENO);
     execv(program.c_str(), list.data());
     _exit(127);
   }
-  close(to_child[0]);
-  close(from_child[1]);
-  input_ = to_child[1];
-  output_ = from_child[0];
+  close(toChild[0]);
+  close(fromChild[1]);
+  input_ = toChild[1];
+  output_ = fromChild[0];
 }
 
 ChildProcess::~ChildProcess() {

@@ -25,13 +25,15 @@ class GStreamerReceiver final : public Receiver {
     std::string text;
     for (int i = 0; i < job_.streams; ++i) {
       const std::string number = std::to_string(i);
+      const std::string codec = job_.h265 ? "h265" : "h264";
       const std::string rest = job_.recordTo.empty()
                                    ? "fakesink sync=false async=false name=sink" + number
-                                   : "h264parse name=sink" + number +
+                                   : codec + "parse name=sink" + number +
                                          " ! matroskamux ! filesink location=" + job_.recordTo +
                                          "/" + number + ".mkv";
       text += "rtspsrc location=rtsp://127.0.0.1:" + std::to_string(job_.port) +
-              "/clip protocols=" + (job_.tcp ? "tcp" : "udp") + " ! rtph264depay ! " + rest + " ";
+              "/clip protocols=" + (job_.tcp ? "tcp" : "udp") + " ! rtp" + codec + "depay ! " +
+              rest + " ";
     }
     GError* error = nullptr;
     pipeline_ = gst_parse_launch(text.c_str(), &error);
@@ -54,15 +56,15 @@ class GStreamerReceiver final : public Receiver {
 
   ReceiveTotals Totals() override {
     ReceiveTotals totals;
-    totals.fewest_frames = ~std::uint64_t{0};
+    totals.fewestFrames = ~std::uint64_t{0};
     for (const Stream& stream : streams_) {
       const std::uint64_t frames = stream.frames.load(std::memory_order_relaxed);
       totals.frames += frames;
-      totals.fewest_frames = std::min(totals.fewest_frames, frames);
+      totals.fewestFrames = std::min(totals.fewestFrames, frames);
       totals.bytes += stream.bytes.load(std::memory_order_relaxed);
       totals.delivering += frames > 0 ? 1 : 0;
     }
-    totals.lost_packets = LostPackets();
+    totals.lostPackets = LostPackets();
     return totals;
   }
 

@@ -11,6 +11,7 @@
 #include <memory>
 #include <set>
 #include <sstream>
+#include <utility>
 
 #include "bench/support/child_process.h"
 #include "bench/support/receivers.h"
@@ -23,12 +24,16 @@ constexpr int kGop = 50;
 constexpr int kFrames = 100;
 constexpr int kFps = 25;
 
-int g_seconds = 10;
-bool g_records = false;
-std::map<std::string, std::vector<double>> g_costs;  // by "transport streams receiver"
+constexpr char kH264Name[] = "h264";  // of a server's and a receiver's role, and in the tables
+constexpr char kH265Name[] = "h265";
 
-int Serve(int bitrate) {
+int gSeconds = 10;
+bool gRecords = false;
+std::map<std::string, std::vector<double>> gCosts;  // by "transport streams codec receiver"
+
+int Serve(int bitrate, test::ClipCodec codec) {
   test::ClipSpec spec;
+  spec.codec = codec;
   spec.width = 1920;
   spec.height = 1080;
   spec.frames = kFrames;
@@ -42,8 +47,9 @@ int Serve(int bitrate) {
   for (const auto& frame : frames) {
     bytes += frame.data.size();
   }
-  const PacketizedClip clip(frames);
-  std::printf("%.0f kbit/s in %.1f packets a frame, key frames of %zu packets\n",
+  const PacketizedClip clip(frames, codec);
+  std::printf("%s: %.0f kbit/s in %.1f packets a frame, key frames of %zu packets\n",
+              codec == test::ClipCodec::kH265 ? kH265Name : kH264Name,
               static_cast<double>(bytes) * 8 / 1000 * kFps / kFrames,
               static_cast<double>(clip.PacketCount()) / kFrames, clip.Frame(kGop).size());
   return ServeClip(clip);
@@ -51,13 +57,18 @@ int Serve(int bitrate) {
 
 // The server, made at the first use.
 struct Server {
-  ChildProcess process{{"--role=serve"}};
+  explicit Server(const char* codec) : process({"--role=serve", codec}) {}
+  ChildProcess process;
   std::string description = process.ReadLine();
   std::string port = process.ReadLine();
 };
 
-Server& TheServer() {
-  static Server server;
+Server& TheServer(bool h265) {
+  if (h265) {
+    static Server server(kH265Name);
+    return server;
+  }
+  static Server server(kH264Name);
   return server;
 }
 
@@ -83,10 +94,11 @@ class Folder {
   std::string path_;
 };
 
-Figures Measure(const std::string& receiver, int streams, bool tcp) {
-  const std::unique_ptr<Folder> folder(g_records ? new Folder : nullptr);
-  ChildProcess child({"--role=" + receiver, std::to_string(streams), tcp ? "tcp" : "udp",
-                      TheServer().port, std::to_string(g_seconds),
+Figures Measure(const ReceiverComparison::Case& what, bool tcp) {
+  const std::unique_ptr<Folder> folder(gRecords ? new Folder : nullptr);
+  ChildProcess child({"--role=" + what.receiver, std::to_string(what.streams),
+                      what.h265 ? kH265Name : kH264Name, tcp ? "tcp" : "udp",
+                      TheServer(what.h265).port, std::to_string(gSeconds),
                       folder ? folder->Path() : std::string()});
   std::istringstream line(child.ReadLine());
   Figures figures;
@@ -97,9 +109,14 @@ Figures Measure(const std::string& receiver, int streams, bool tcp) {
   return figures;
 }
 
-void BM_Receive(benchmark::State& state, const std::string& receiver, int streams, bool tcp) {
+std::string CostKey(bool tcp, int streams, bool h265, const std::string& receiver) {
+  return std::string(tcp ? "tcp " : "udp ") + std::to_string(streams) + " " +
+         (h265 ? kH265Name : kH264Name) + " " + receiver;
+}
+
+void BM_Receive(benchmark::State& state, const ReceiverComparison::Case& what, bool tcp) {
   for (auto _ : state) {
-    Figures figures = Measure(receiver, streams, tcp);
+    Figures figures = Measure(what, tcp);
     if (figures.empty()) {
       state.SkipWithError("the receiver failed");
       return;
@@ -115,12 +132,11 @@ void BM_Receive(benchmark::State& state, const std::string& receiver, int stream
     if (figures["lost"] > 0) {
       label = "LOST PACKETS ";
     }
-    if (figures["delivering"] < streams) {
+    if (figures["delivering"] < what.streams) {
       label += "SILENT STREAMS";
     }
     state.SetLabel(label);
-    g_costs[std::string(tcp ? "tcp " : "udp ") + std::to_string(streams) + " " + receiver]
-        .push_back(cost);
+    gCosts[CostKey(tcp, what.streams, what.h265, what.receiver)].push_back(cost);
   }
 }
 
@@ -134,19 +150,29 @@ void PrintComparison(const ReceiverComparison& comparison) {
   for (const auto& each : comparison.cases) {
     counts.insert(each.streams);
   }
-  for (const std::string transport : {"udp", "tcp"}) {
+  for (const bool tcp : {false, true}) {
+    const char* const transport = tcp ? "tcp" : "udp";
     for (const int streams : counts) {
-      const auto cost = [&](const std::string& receiver) {
-        return Median(g_costs[transport + " " + std::to_string(streams) + " " + receiver]);
+      const auto cost = [&](const std::string& receiver, bool h265 = false) {
+        return Median(gCosts[CostKey(tcp, streams, h265, receiver)]);
       };
+      if (cost("ours") > 0 && cost("ours", true) > 0) {
+        std::printf(
+            "%s, %d streams, ms per stream-second: ours H.264 %.2f, H.265 %.2f (%.2f of it)\n",
+            transport, streams, cost("ours"), cost("ours", true),
+            cost("ours", true) / cost("ours"));
+      }
       if (cost("ours") > 0 && cost("gstreamer") > 0) {
         std::printf(
             "%s, %d streams, ms per stream-second: ours %.2f, GStreamer %.2f (ours is %.2f "
             "of it)",
-            transport.c_str(), streams, cost("ours"), cost("gstreamer"),
-            cost("ours") / cost("gstreamer"));
-        if (cost("bare") > 0) {
-          std::printf(", bare loop %.2f, bare loop that writes %.2f", cost("bare"), cost("write"));
+            transport, streams, cost("ours"), cost("gstreamer"), cost("ours") / cost("gstreamer"));
+        for (const auto& [receiver, what] :
+             {std::pair("service", "the service"), std::pair("bare", "bare loop"),
+              std::pair("write", "bare loop that writes")}) {
+          if (cost(receiver) > 0) {
+            std::printf(", %s %.2f", what, cost(receiver));
+          }
         }
         std::printf("\n");
       }
@@ -156,19 +182,22 @@ void PrintComparison(const ReceiverComparison& comparison) {
 
 int RunRole(const std::string& role, const ReceiverComparison& comparison, char** arguments,
             int count) {
-  if (role == "serve") {
-    return Serve(comparison.bitrate);
+  if (role == "serve" && count > 0) {
+    return Serve(comparison.bitrate, arguments[0] == std::string(kH265Name)
+                                         ? test::ClipCodec::kH265
+                                         : test::ClipCodec::kH264);
   }
-  if (count < 5) {
+  if (count < 6) {
     return 2;
   }
   ReceiveJob job;
   job.receiver = role;
   job.streams = std::atoi(arguments[0]);
-  job.tcp = std::string(arguments[1]) == "tcp";
-  job.port = std::atoi(arguments[2]);
-  job.seconds = std::atoi(arguments[3]);
-  job.recordTo = arguments[4];
+  job.h265 = arguments[1] == std::string(kH265Name);
+  job.tcp = std::string(arguments[2]) == "tcp";
+  job.port = std::atoi(arguments[3]);
+  job.seconds = std::atoi(arguments[4]);
+  job.recordTo = arguments[5];
   return RunReceiver(job);
 }
 
@@ -180,28 +209,31 @@ int CompareReceivers(int argc, char** argv, const ReceiverComparison& comparison
     return RunRole(first.substr(7), comparison, argv + 2, argc - 2);
   }
   benchmark::Initialize(&argc, argv);
-  if (argc > 1 && std::sscanf(argv[1], "--seconds=%d", &g_seconds) == 1) {
+  if (argc > 1 && std::sscanf(argv[1], "--seconds=%d", &gSeconds) == 1) {
     --argc;
-    g_seconds += g_seconds % 2;
+    gSeconds += gSeconds % 2;
   }
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
     return 2;
   }
-  g_records = comparison.records;
+  gRecords = comparison.records;
   for (const bool tcp : {false, true}) {
-    for (const auto& [who, count] : comparison.cases) {
-      const std::string name =
-          std::string(tcp ? "tcp/" : "udp/") + std::to_string(count) + "/" + who;
+    for (const auto& each : comparison.cases) {
+      const std::string name = std::string(tcp ? "tcp/" : "udp/") + std::to_string(each.streams) +
+                               "/" + each.receiver + (each.h265 ? "/h265" : "");
       benchmark::RegisterBenchmark(name.c_str(),
-                                   [=, receiver = who, streams = count](benchmark::State& state) {
-                                     BM_Receive(state, receiver, streams, tcp);
-                                   })
+                                   [=](benchmark::State& state) { BM_Receive(state, each, tcp); })
           ->Iterations(1)
           ->UseManualTime()
           ->Unit(benchmark::kMillisecond);
     }
   }
-  benchmark::AddCustomContext("clip", TheServer().description);
+  for (const bool h265 : {false, true}) {
+    if (std::ranges::any_of(comparison.cases,
+                            [&](const auto& each) { return each.h265 == h265; })) {
+      benchmark::AddCustomContext(h265 ? "H.265 clip" : "clip", TheServer(h265).description);
+    }
+  }
   benchmark::RunSpecifiedBenchmarks();
   PrintComparison(comparison);
   return 0;

@@ -22,6 +22,7 @@ struct ReceiverComparison {
   struct Case {
     std::string receiver;  // as in ReceiveJob
     int streams = 32;
+    bool h265 = false;  // else H.264
   };
   std::vector<Case> cases;  // each over UDP, then over TCP
   int bitrate = 4'000'000;  // of the 1080p stream

@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -36,9 +37,9 @@ class OwnReceiver final : public Receiver {
       std::filesystem::current_path(job_.recordTo + "/work");  // the databases lie beside it
     }
     for (int i = 0; i < job_.streams; ++i) {
-      stRTSPClientConfig config;
+      cms::stRTSPClientConfig config;
       config.path = "rtsp://127.0.0.1:" + std::to_string(job_.port) + "/clip";
-      config.transport = job_.tcp ? kRtspTransportInterleaved : kRtspTransportUdp;
+      config.transport = job_.tcp ? cms::kRtspTransportInterleaved : cms::kRtspTransportUdp;
       config.ignoreDelimiters = true;
       config.siteNumber = i;
       auto client = std::make_unique<CMSRTSPClient>();
@@ -60,16 +61,16 @@ class OwnReceiver final : public Receiver {
 
   ReceiveTotals Totals() override {
     ReceiveTotals totals;
-    totals.fewest_frames = ~std::uint64_t{0};
+    totals.fewestFrames = ~std::uint64_t{0};
     for (const auto& client : clients_) {
-      CMSFrameData data;
+      cms::CMSFrameData data;
       client->GetFrameData(&data, sizeof data);
       const std::uint64_t frames =
           job_.recordTo.empty() ? data.videoFrames : client->GetRecordingStatus().frames;
       totals.frames += frames;
-      totals.fewest_frames = std::min(totals.fewest_frames, frames);
+      totals.fewestFrames = std::min(totals.fewestFrames, frames);
       totals.bytes += data.bytes;
-      totals.lost_packets += data.lostPackets;
+      totals.lostPackets += data.lostPackets;
       totals.delivering += data.videoFrames > 0 ? 1 : 0;
     }
     return totals;
@@ -81,7 +82,7 @@ class OwnReceiver final : public Receiver {
     const std::wstring path = L"..\\recordings\\Rec_Site" + std::to_wstring(number) + L"_";
     path.copy(param.path, std::size(param.path) - 1);
     client.SetRecordParam(param);
-    return client.StartRecord(0, kRecordInstant) != 0;
+    return client.StartRecord(0, cms::kRecordInstant) != 0;
   }
 
   ReceiveJob job_;
@@ -94,7 +95,14 @@ struct Usage {
   long waits = 0;  // times that a thread gave the processor up
 };
 
-Usage ProcessUsage() {
+// Of another process all of it counts as user time.
+Usage ProcessUsage(pid_t process) {
+  if (clockid_t clock{}; process != 0 && clock_getcpuclockid(process, &clock) == 0) {
+    timespec used{};
+    clock_gettime(clock, &used);
+    return {static_cast<double>(used.tv_sec) * 1e3 + static_cast<double>(used.tv_nsec) * 1e-6, 0,
+            0};
+  }
   rusage used{};
   getrusage(RUSAGE_SELF, &used);
   const auto milliseconds = [](const timeval& time) {
@@ -103,13 +111,17 @@ Usage ProcessUsage() {
   return {milliseconds(used.ru_utime), milliseconds(used.ru_stime), used.ru_nvcsw};
 }
 
-int ThreadCount() {
-  const std::filesystem::directory_iterator tasks("/proc/self/task");
+std::string ProcFile(pid_t process, const char* name) {
+  return "/proc/" + (process != 0 ? std::to_string(process) : "self") + "/" + name;
+}
+
+int ThreadCount(pid_t process) {
+  const std::filesystem::directory_iterator tasks(ProcFile(process, "task"));
   return static_cast<int>(std::distance(begin(tasks), end(tasks)));
 }
 
-double ResidentMegabytes() {
-  std::ifstream file("/proc/self/statm");
+double ResidentMegabytes(pid_t process) {
+  std::ifstream file(ProcFile(process, "statm"));
   double size = 0;
   double resident = 0;
   file >> size >> resident;
@@ -124,6 +136,7 @@ std::unique_ptr<Receiver> MakeOwnReceiver(const ReceiveJob& job) {
 
 int RunReceiver(const ReceiveJob& job) {
   const auto receiver = job.receiver == "ours"        ? MakeOwnReceiver(job)
+                        : job.receiver == "service"   ? MakeServiceReceiver(job)
                         : job.receiver == "gstreamer" ? MakeGStreamerReceiver(job)
                                                       : MakeBareReceiver(job);
   if (!receiver->Open()) {
@@ -136,25 +149,27 @@ int RunReceiver(const ReceiveJob& job) {
   }
   std::this_thread::sleep_for(kWarmUp);
 
-  const Usage usage_before = ProcessUsage();
+  const pid_t process = receiver->Process();
+  const Usage usageBefore = ProcessUsage(process);
   const ReceiveTotals before = receiver->Totals();
   const auto start = Clock::now();
   std::this_thread::sleep_for(std::chrono::seconds(job.seconds));
-  const Usage usage = ProcessUsage();
+  const Usage usage = ProcessUsage(process);
   const ReceiveTotals after = receiver->Totals();
   const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
 
-  const double stream_seconds = seconds * job.streams;
+  const double streamSeconds = seconds * job.streams;
   std::printf(
       "user=%f system=%f waits=%f delivering=%d frames=%f fewest=%f kbps=%f lost=%lu threads=%d "
       "rss=%f seconds=%f\n",
-      (usage.user - usage_before.user) / stream_seconds,
-      (usage.system - usage_before.system) / stream_seconds,
-      static_cast<double>(usage.waits - usage_before.waits) / seconds, after.delivering,
-      static_cast<double>(after.frames - before.frames) / stream_seconds,
-      static_cast<double>(after.fewest_frames - before.fewest_frames) / seconds,
-      static_cast<double>(after.bytes - before.bytes) * 8 / 1000 / stream_seconds,
-      static_cast<unsigned long>(after.lost_packets), ThreadCount(), ResidentMegabytes(), seconds);
+      (usage.user - usageBefore.user) / streamSeconds,
+      (usage.system - usageBefore.system) / streamSeconds,
+      static_cast<double>(usage.waits - usageBefore.waits) / seconds, after.delivering,
+      static_cast<double>(after.frames - before.frames) / streamSeconds,
+      static_cast<double>(after.fewestFrames - before.fewestFrames) / seconds,
+      static_cast<double>(after.bytes - before.bytes) * 8 / 1000 / streamSeconds,
+      static_cast<unsigned long>(after.lostPackets), ThreadCount(process),
+      ResidentMegabytes(process), seconds);
   std::fflush(stdout);
   return 0;
 }

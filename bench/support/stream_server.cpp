@@ -86,10 +86,10 @@ struct Client {
   std::uint32_t octets = 0;
   std::uint16_t sequence = 1;
   std::size_t frame = 0;
-  std::size_t packet = 0;        // the next one of the frame
-  Clock::time_point frame_time;  // when the frame began
+  std::size_t packet = 0;       // the next one of the frame
+  Clock::time_point frameTime;  // when the frame began
   Clock::time_point due;
-  Clock::time_point report_due;
+  Clock::time_point reportDue;
   std::vector<std::uint8_t> backlog;  // what the connection did not take yet
 };
 
@@ -268,9 +268,8 @@ void StreamServer::Answer(Client& client, std::string_view request) {
   } else if (method == "DESCRIBE") {
     body =
         "v=0\r\no=- 1 1 IN IP4 127.0.0.1\r\ns=clip\r\nc=IN IP4 0.0.0.0\r\nt=0 0\r\n"
-        "a=control:*\r\na=range:npt=now-\r\nm=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\n"
-        "a=fmtp:96 packetization-mode=1;sprop-parameter-sets=" +
-        clip_.ParameterSets() + "\r\na=framerate:25\r\na=control:stream=0\r\n";
+        "a=control:*\r\na=range:npt=now-\r\nm=video 0 RTP/AVP 96\r\n" +
+        clip_.MediaLines() + "a=framerate:25\r\na=control:stream=0\r\n";
     headers +=
         "Content-Type: application/sdp\r\nContent-Base: rtsp://127.0.0.1:" + std::to_string(port_) +
         "/clip/\r\n";
@@ -288,7 +287,7 @@ void StreamServer::Answer(Client& client, std::string_view request) {
   SendOnConnection(client, {&part, 1});
   client.playing = (client.playing || method == "PLAY") && method != "TEARDOWN";
   if (method == "PLAY") {
-    client.frame_time = client.due = client.report_due = Clock::now();
+    client.frameTime = client.due = client.reportDue = Clock::now();
   }
 }
 
@@ -301,15 +300,15 @@ void StreamServer::SendDue(Clock::time_point now) {
       SendOnConnection(*client, {});
     }
     if (now - client->due > kLate) {  // held up: go on from now instead of catching up in a burst
-      client->frame_time += now - client->due;
+      client->frameTime += now - client->due;
       client->due = now;
     }
     while (client->due <= now && client->playing) {
       client->playing = SendBurst(*client);
     }
-    if (client->report_due <= now && client->playing) {
+    if (client->reportDue <= now && client->playing) {
       client->playing = SendReport(*client);
-      client->report_due = now + kReportTime;
+      client->reportDue = now + kReportTime;
     }
   }
 }
@@ -358,8 +357,8 @@ bool StreamServer::SendBurst(Client& client) {
     client.packet = 0;
     client.frame = (client.frame + 1) % clip_.FrameCount();
     client.timestamp += kPictureTicks;
-    client.frame_time += kPictureTime;
-    client.due = std::max(client.due, client.frame_time);
+    client.frameTime += kPictureTime;
+    client.due = std::max(client.due, client.frameTime);
   }
   return true;
 }
@@ -394,7 +393,7 @@ bool StreamServer::SendReport(Client& client) {
 // or far behind.
 bool StreamServer::SendOnConnection(Client& client, std::span<iovec> parts) {
   std::vector<std::uint8_t>& backlog = client.backlog;
-  const auto send_parts = [&](std::span<iovec> list) {
+  const auto sendParts = [&](std::span<iovec> list) {
     msghdr message{};
     message.msg_iov = list.data();
     message.msg_iovlen = list.size();
@@ -402,12 +401,12 @@ bool StreamServer::SendOnConnection(Client& client, std::span<iovec> parts) {
   };
   if (!backlog.empty()) {
     iovec kept{backlog.data(), backlog.size()};
-    const auto sent = send_parts({&kept, 1});
+    const auto sent = sendParts({&kept, 1});
     backlog.erase(backlog.begin(), backlog.begin() + std::max<ssize_t>(sent, 0));
   }
   ssize_t sent = 0;
   if (backlog.empty() && !parts.empty()) {
-    sent = send_parts(parts);
+    sent = sendParts(parts);
     if (sent < 0 && errno != EAGAIN) {
       return false;
     }

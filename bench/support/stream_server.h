@@ -11,8 +11,8 @@
 
 namespace bench {
 
-// A clip's H.264 pictures as RTP payloads (RFC 6184: single units, FU-A when they are longer than
-// 1,400 bytes), made once and sent to every client from here.
+// A clip's H.264 or H.265 pictures as RTP payloads (RFC 6184 and RFC 7798: single units, fragments
+// when they are longer than 1,400 bytes), made once and sent to every client from here.
 class PacketizedClip {
  public:
   static constexpr std::size_t kPayload = 1400;
@@ -23,19 +23,20 @@ class PacketizedClip {
     bool marker = false;
   };
 
-  explicit PacketizedClip(const std::vector<test::EncodedFrame>& frames);
+  PacketizedClip(const std::vector<test::EncodedFrame>& frames, test::ClipCodec codec);
 
   std::size_t FrameCount() const { return frames_.size(); }
   std::span<const Packet> Frame(std::size_t index) const { return frames_[index]; }
   const std::uint8_t* Data(const Packet& packet) const { return bytes_.data() + packet.offset; }
   std::size_t PacketCount() const { return packetCount_; }
-  const std::string& ParameterSets() const { return parameterSets_; }  // as a description has them
+  // Of the session description: what the payload type 96 is, and the parameter sets.
+  const std::string& MediaLines() const { return mediaLines_; }
 
  private:
   std::vector<std::uint8_t> bytes_;
   std::vector<std::vector<Packet>> frames_;
   std::size_t packetCount_ = 0;
-  std::string parameterSets_;
+  std::string mediaLines_;
 };
 
 // Serves the clip at 25 pictures a second, over and over, to any number of RTSP clients over UDP or

@@ -22,6 +22,7 @@ case $1 in
   --preset) mkdir -p build/release/tools ;;
   --build)
     echo built >>"$BUILDS"
+    echo "$@" >"$BUILDS.last"
     sleep "${BUILD_SECONDS:-0}"
     [[ -z ${BUILD_FAILS:-} ]] || exit 1
     { echo '#!/bin/bash'; cat "$2/../../tools/main.sh"; } >"$2/tools/orvanta"
@@ -103,4 +104,12 @@ mv "$tree" "$work/moved"
 tree=$work/moved
 expect_run "tree moved" 12 7
 expect_run "nothing changed after the move" 12 7
+
+# The viewer and the fleet are built when they are asked for, and only then.
+for asked in fleet view; do
+  [[ $(<"$BUILDS.last") != *orvanta-$asked* ]] || fail "$asked was built without being asked for"
+  "$tree/run" "$asked" >"$work/out" 2>&1 || [[ $? == 7 ]] || fail "run $asked"
+  [[ $(<"$BUILDS.last") == *orvanta-$asked* ]] || fail "run $asked built: $(<"$BUILDS.last")"
+done
+[[ $(wc -l <"$BUILDS") == 14 ]] || fail "the viewer and the fleet: more than a build each"
 echo "all as expected"

@@ -16,12 +16,12 @@ fail() {
 mapfile -t made < <(cd "$work" && printf '%s\n' *.deb)
 architecture=$(dpkg --print-architecture)
 version=$(sed -n 's/^orvanta-cms (\(.*\)) .*/\1/p;q' "$(dirname "${BASH_SOURCE[0]}")/../../packaging/changelog")
-[[ ${made[*]} == "liborvanta-cms-dev_${version}_$architecture.deb liborvanta-cms0.1_${version}_$architecture.deb orvanta-cms-tools_${version}_$architecture.deb" ]] ||
+[[ ${made[*]} == "liborvanta-cms-dev_${version}_$architecture.deb liborvanta-cms0.1_${version}_$architecture.deb orvanta-cms-tools_${version}_$architecture.deb orvanta-cms-view_${version}_$architecture.deb orvanta-fleet_${version}_$architecture.deb orvanta-recorder_${version}_all.deb" ]] ||
   fail "made ${made[*]}, the changelog says $version"
 
-field() { dpkg-deb --field "$work/$1_${version}_$architecture.deb" "$2"; }
-for package in liborvanta-cms0.1 liborvanta-cms-dev orvanta-cms-tools; do
-  dpkg-deb --extract "$work/${package}_${version}_$architecture.deb" "$work/$package"
+field() { dpkg-deb --field "$work/$1_${version}"_*.deb "$2"; }
+for package in liborvanta-cms0.1 liborvanta-cms-dev orvanta-cms-tools orvanta-cms-view orvanta-fleet orvanta-recorder; do
+  dpkg-deb --extract "$work/${package}_${version}"_*.deb "$work/$package"
   (cd "$work/$package" && find . ! -type d | sort) >"$work/$package.files"
   documents=$work/$package/usr/share/doc/$package
   [[ -s $documents/copyright && $(zcat "$documents/changelog.Debian.gz") == *"($version)"* ]] || fail "$package: documents"
@@ -29,7 +29,7 @@ for package in liborvanta-cms0.1 liborvanta-cms-dev orvanta-cms-tools; do
 done
 
 echo "== dependencies"
-for needed in libc6 libavcodec libavformat libavutil libswscale libssl; do
+for needed in libc6 libavcodec libavformat libavutil libswresample libswscale libssl; do
   [[ ", $(field liborvanta-cms0.1 Depends)" == *", $needed"* ]] || fail "the library's package does not depend on $needed"
 done
 [[ $(field liborvanta-cms-dev Depends) == "liborvanta-cms0.1 (= $version)" ]] || fail "the development package's dependencies"
@@ -41,7 +41,13 @@ grep -qx "liborvanta-cms 0.1 liborvanta-cms0.1 (>= .*)" "$work/control/shlibs" |
   fail "the library's package does not say which library it has"
 grep -qx 'activate-noawait ldconfig' "$work/control/triggers" || fail "nobody calls ldconfig"
 
+[[ ", $(field orvanta-cms-tools Depends)" == *libsdl2* ]] && fail "the tools need a window system's library"
+for needed in "orvanta-cms-tools (= $version)" libsdl2-2.0-0 libsdl2-ttf-2.0-0 libfontconfig1; do
+  [[ ", $(field orvanta-cms-view Depends)" == *", $needed"* ]] || fail "the viewer does not depend on $needed"
+done
+
 echo "== contents"
+[[ -x $work/orvanta-cms-view/usr/bin/orvanta-view ]] || fail "no viewer in its package"
 grep -vE '^\./usr/(lib/([^/]+/)?liborvanta-cms\.so\.0(\.[0-9.]+)?|share/doc/liborvanta-cms0.1/.*)$' "$work/liborvanta-cms0.1.files" &&
   fail "the files above are in the library's package"
 for wanted in include/cms/cms.h 'lib/.*liborvanta-cms\.so' 'lib/.*orvanta-cms-config\.cmake' 'lib/.*orvanta-cms\.pc' \
@@ -49,16 +55,36 @@ for wanted in include/cms/cms.h 'lib/.*liborvanta-cms\.so' 'lib/.*orvanta-cms-co
   grep -qxE "\./usr/$wanted" "$work/liborvanta-cms-dev.files" || fail "no $wanted in the development package"
 done
 grep -E '/internal/|\.cpp$' "$work/liborvanta-cms-dev.files" | grep -v /examples/ && fail "the files above are for nobody"
-for binary in "$work"/liborvanta-cms0.1/usr/lib/**/liborvanta-cms.so.0.*.* "$work"/orvanta-cms-tools/usr/bin/*; do
+for binary in "$work"/liborvanta-cms0.1/usr/lib/**/liborvanta-cms.so.0.*.* "$work"/orvanta-cms-tools/usr/bin/* "$work"/orvanta-fleet/usr/bin/*; do
   [[ -f $binary ]] || continue
   readelf -S "$binary" | grep '\.debug_info' >/dev/null && fail "$binary carries debug information"
+done
+
+echo "== the recorder's service"
+recorder=$work/orvanta-recorder
+unit=$recorder/usr/lib/systemd/system/orvanta-recorder.service
+cmp "$recorder/usr/share/doc/orvanta-recorder/examples/recorder.toml" "$(dirname "${BASH_SOURCE[0]}")/../../packaging/recorder.toml" ||
+  fail "the example of the configuration"
+[[ -s $recorder/usr/share/man/man8/orvanta-recorder.8.gz ]] || fail "the recorder's man page"
+for needed in Type=notify User=orvanta ProtectSystem=strict WatchdogSec=30 ConditionPathExists=/etc/orvanta/recorder.toml; do
+  grep -qx "$needed" "$unit" || fail "the unit does not say $needed"
+done
+if command -v systemd-analyze >/dev/null; then
+  # It looks for the programs that the unit starts: here the package's own stand in.
+  sed "s|^ExecStart=/usr/bin/orvanta|ExecStart=$work/orvanta-cms-tools/usr/bin/orvanta|" "$unit" >"$work/orvanta-recorder.service"
+  systemd-analyze verify --man=no "$work/orvanta-recorder.service" 2>&1 | grep -F orvanta-recorder.service &&
+    fail "systemd does not take the unit"
+fi
+dpkg-deb --control "$work/orvanta-recorder_${version}_all.deb" "$work/recorder_control"
+for script in postinst prerm postrm; do
+  [[ -x $work/recorder_control/$script ]] && sh -n "$work/recorder_control/$script" || fail "the recorder's $script"
 done
 
 echo "== man pages and completion"
 orvanta=$build/tools/orvanta
 export ASAN_OPTIONS=detect_leaks=0
 page() { zcat "$work/orvanta-cms-tools/usr/share/man/man1/$1.1.gz" | sed 's/\\-/-/g'; }
-options() { grep -oE '^  (-[a-z],)?--[a-z-]+' | grep -oE -- '--[a-z-]+'; }
+options() { grep -oE '^  (-[a-z],)?--[a-z0-9-]+' | grep -oE -- '--[a-z0-9-]+'; }
 # shellcheck source=/dev/null
 source "$work/orvanta-cms-tools/usr/share/bash-completion/completions/orvanta"
 completed() { # WORD...
@@ -79,6 +105,11 @@ done
 [[ $(completed live --transport t) == tcp ]] || fail "the words of an option are not completed"
 [[ $(completed audio decode --codec mu) == mulaw ]] || fail "a command's command is not completed"
 [[ -z $(completed live --snapshot a) ]] || fail "a file's name is completed with options"
+
+echo "== the recorder's life"
+life=0
+"$(dirname "${BASH_SOURCE[0]}")/recorder_life_test.py" "$work" || life=$?
+((life == 0 || life == 77)) || fail "the recorder's life"
 
 if command -v lintian >/dev/null; then
   echo "== lintian"

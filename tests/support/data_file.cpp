@@ -5,10 +5,12 @@
 #include <fstream>
 #include <iterator>
 
+#include "tests/support/paths.h"
+
 namespace test {
 
 std::string ReadDataFile(const std::string& path) {
-  std::ifstream file(std::string(TEST_DATA_DIR) + "/" + path, std::ios::binary);
+  std::ifstream file(test::DataFolder() + "/" + path, std::ios::binary);
   if (!file) ADD_FAILURE() << "cannot read " << path;
   return {std::istreambuf_iterator<char>(file), {}};
 }

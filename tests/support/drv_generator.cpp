@@ -37,10 +37,10 @@ std::string MakeDrvFrame(const DrvFrameSpec& spec) {
   std::string frame{'@', spec.kind, 0x10, static_cast<char>(0x10 | spec.stream << 2)};
   frame += number(spec.payload.size() + (spec.audio ? 0 : 32), 4);
   frame += number(spec.seconds, 4);
-  frame += {static_cast<char>(spec.audio ? 4 : 0), 1, static_cast<char>(spec.frame_type), 0};
+  frame += {static_cast<char>(spec.audio ? 4 : 0), 1, static_cast<char>(spec.frameType), 0};
   if (spec.audio) {
-    frame += LittleEndian(spec.audioCodec, 4) + LittleEndian(8000, 4) + LittleEndian(1, 2) +
-             LittleEndian(16, 2) + std::string(4, '\0');
+    frame += LittleEndian(spec.audioCodec, 4) + LittleEndian(spec.audioRate, 4) +
+             LittleEndian(spec.audioChannels, 2) + LittleEndian(16, 2) + std::string(4, '\0');
   } else {
     frame += number(0, 2) + number(spec.area, 2) + number(spec.sequence, 4) + std::string(8, '\0');
     frame += std::string(spec.area > 32 ? spec.area - 32 : 0, '\0');
@@ -50,11 +50,10 @@ std::string MakeDrvFrame(const DrvFrameSpec& spec) {
 }
 
 std::string MakeIdxRecord(std::uint32_t channel, std::uint32_t offset, std::uint64_t milliseconds,
-                          std::uint32_t frame_type, std::uint32_t state,
-                          std::uint32_t second_state) {
+                          std::uint32_t frameType, std::uint32_t state, std::uint32_t secondState) {
   return LittleEndian(channel, 4) + LittleEndian(offset, 4) + LittleEndian(state, 4) +
-         LittleEndian(0, 4) + LittleEndian(milliseconds, 8) + LittleEndian(frame_type, 4) +
-         LittleEndian(second_state, 4);
+         LittleEndian(0, 4) + LittleEndian(milliseconds, 8) + LittleEndian(frameType, 4) +
+         LittleEndian(secondState, 4);
 }
 
 void DrvRecording::Add(const DrvFrameSpec& spec) {
@@ -63,18 +62,18 @@ void DrvRecording::Add(const DrvFrameSpec& spec) {
   bytes += frame;
 }
 
-std::string DrvRecording::Idx(bool key_frames_only) const {
+std::string DrvRecording::Idx(bool keyFramesOnly) const {
   std::string idx;
   std::uint32_t second = 0;
   std::uint64_t count = 0;
   for (const Frame& frame : frames) {
-    if (frame.spec.audio || (key_frames_only && frame.spec.frame_type != 1)) {
+    if (frame.spec.audio || (keyFramesOnly && frame.spec.frameType != 1)) {
       continue;
     }
     count = frame.spec.seconds == second ? count + 1 : 0;
     second = frame.spec.seconds;
     idx += MakeIdxRecord(frame.spec.stream, static_cast<std::uint32_t>(frame.offset),
-                         std::uint64_t{second} * 1000 + count, frame.spec.frame_type);
+                         std::uint64_t{second} * 1000 + count, frame.spec.frameType);
   }
   return idx;
 }
@@ -86,7 +85,7 @@ DrvRecording MakeRecording(std::size_t count, std::size_t gop, std::size_t large
   for (std::size_t i = 0; i < count; ++i) {
     DrvFrameSpec spec;
     spec.audio = i % 4 == 3;
-    spec.frame_type = spec.audio || i % gop == 0 ? 1 : 2;
+    spec.frameType = spec.audio || i % gop == 0 ? 1 : 2;
     spec.seconds += static_cast<std::uint32_t>(i / 5);
     spec.sequence = ++sequence;
     spec.payload.resize(random() % (largest + 1));

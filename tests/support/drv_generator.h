@@ -12,12 +12,14 @@ namespace test {
 struct DrvFrameSpec {
   char kind = '2';
   bool audio = false;
-  unsigned frame_type = 1;  // 1: key frame
+  unsigned frameType = 1;  // 1: key frame
   unsigned stream = 0;
   std::uint32_t seconds = 1'700'000'000;
   std::uint32_t sequence = 1;
   std::uint32_t audioCodec = 0x10006;  // CMSCodecID
-  unsigned area = 116;                 // video: header area, 32 bytes of header included
+  std::uint32_t audioRate = 8000;
+  unsigned audioChannels = 1;
+  unsigned area = 116;  // video: header area, 32 bytes of header included
   std::string payload = {};
 };
 
@@ -30,8 +32,8 @@ std::string MakeDrvFrame(const DrvFrameSpec& spec);
 
 // One 32-byte index record.
 std::string MakeIdxRecord(std::uint32_t channel, std::uint32_t offset, std::uint64_t milliseconds,
-                          std::uint32_t frame_type, std::uint32_t state = 0,
-                          std::uint32_t second_state = 0);
+                          std::uint32_t frameType, std::uint32_t state = 0,
+                          std::uint32_t secondState = 0);
 
 // A recording with what a reader has to find in it.
 struct DrvRecording {
@@ -46,7 +48,7 @@ struct DrvRecording {
   void Add(const DrvFrameSpec& spec);
   // The records of all video frames, or of key frames: channel = stream number, the milliseconds
   // count the records of a second.
-  std::string Idx(bool key_frames_only = false) const;
+  std::string Idx(bool keyFramesOnly = false) const;
 };
 
 // `count` frames, a key frame every `gop`, audio in between, five frames in a second, payloads of

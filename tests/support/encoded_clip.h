@@ -21,7 +21,7 @@ struct ClipSpec {
   int slices = 1;           // of each H.264 or H.265 picture
   bool delimiters = false;  // an access-unit delimiter before each H.264 or H.265 picture
   bool noise = false;       // pictures that are hard to compress
-  int bframes = 0;          // in a row; of H.264 with the high profile
+  int bframes = 0;          // in a row; of H.264 with the high profile, of H.265 and MPEG-4
   bool openGroups = false;  // those in front of a key frame refer to the group before it
 };
 

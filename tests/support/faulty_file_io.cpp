@@ -13,10 +13,10 @@
 
 namespace test {
 
-void FaultyFileIo::FailOperation(std::uint64_t number, int error, bool for_good) {
+void FaultyFileIo::FailOperation(std::uint64_t number, int error, bool forGood) {
   operations_ = 0;
   error_ = error;
-  forGood_ = for_good;
+  forGood_ = forGood;
   failing_ = number;
 }
 
@@ -272,7 +272,7 @@ bool FaultyFileIo::Space(const std::string& path, cms::FreeSpace& space) {
   if (Fails(path) || !real_.Space(path, space)) {
     return false;
   }
-  space.free_to_caller = std::min<std::uint64_t>(space.free_to_caller, space_);
+  space.freeToCaller = std::min<std::uint64_t>(space.freeToCaller, space_);
   return true;
 }
 

@@ -23,8 +23,8 @@ class FaultyFileIo final : public cms::FileIo {
   static constexpr std::uint64_t kNever = std::numeric_limits<std::uint64_t>::max();
 
   // Operations are counted from 0; the one with this number fails with `error`, and so do those
-  // behind it when `for_good` is set. Closing a file fails, but closes it, as on the platform.
-  void FailOperation(std::uint64_t number, int error, bool for_good = false);
+  // behind it when `forGood` is set. Closing a file fails, but closes it, as on the platform.
+  void FailOperation(std::uint64_t number, int error, bool forGood = false);
   std::uint64_t Operations() const { return operations_; }
 
   void LimitWrite(std::size_t bytes) { writeLimit_ = bytes; }  // at most so many for each call

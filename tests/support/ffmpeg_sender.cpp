@@ -22,7 +22,8 @@ int CollectPacket(void* opaque, std::uint8_t* data, int size) {
 }  // namespace
 
 RtpPackets MuxRtp(AVCodecID codec, const std::vector<std::vector<std::uint8_t>>& frames,
-                  const char* flags) {
+                  const char* flags, const std::vector<std::uint8_t>& extradata,
+                  std::string* description) {
   RtpPackets packets;
   AVFormatContext* format = nullptr;
   EXPECT_GE(avformat_alloc_output_context2(&format, nullptr, "rtp", nullptr), 0);
@@ -40,6 +41,13 @@ RtpPackets MuxRtp(AVCodecID codec, const std::vector<std::vector<std::uint8_t>>&
     stream->codecpar->format = AV_PIX_FMT_YUVJ420P;
     stream->time_base = {1, 90000};
   }
+  if (!extradata.empty()) {
+    AVCodecParameters& parameters = *stream->codecpar;
+    parameters.extradata =
+        static_cast<std::uint8_t*>(av_mallocz(extradata.size() + AV_INPUT_BUFFER_PADDING_SIZE));
+    parameters.extradata_size = static_cast<int>(extradata.size());
+    std::copy(extradata.begin(), extradata.end(), parameters.extradata);
+  }
   auto* buffer = static_cast<unsigned char*>(av_malloc(1472));
   format->pb = avio_alloc_context(buffer, 1472, 1, &packets, nullptr, CollectPacket, nullptr);
   format->pb->max_packet_size = 1472;
@@ -50,6 +58,11 @@ RtpPackets MuxRtp(AVCodecID codec, const std::vector<std::vector<std::uint8_t>>&
   }
   EXPECT_GE(avformat_write_header(format, &options), 0);
   av_dict_free(&options);
+  if (description != nullptr) {
+    char text[4096] = "";
+    EXPECT_GE(av_sdp_create(&format, 1, text, sizeof text), 0);
+    *description = text;
+  }
   AVPacket* packet = av_packet_alloc();
   for (std::size_t i = 0; i < frames.size(); ++i) {
     EXPECT_GE(av_new_packet(packet, static_cast<int>(frames[i].size())), 0);

@@ -19,6 +19,7 @@ struct PlainDecoder::State {
 
 PlainDecoder::PlainDecoder(ClipCodec codec) : state_(std::make_unique<State>()) {
   const AVCodec* decoder = avcodec_find_decoder(codec == ClipCodec::kH264    ? AV_CODEC_ID_H264
+                                                : codec == ClipCodec::kH265  ? AV_CODEC_ID_HEVC
                                                 : codec == ClipCodec::kMjpeg ? AV_CODEC_ID_MJPEG
                                                                              : AV_CODEC_ID_MPEG4);
   state_->context = avcodec_alloc_context3(decoder);

@@ -1,11 +1,17 @@
 #include "tests/support/process_state.h"
 
+#include <malloc.h>
+
 #include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
 #include <thread>
+
+#ifdef __SANITIZE_ADDRESS__
+extern "C" std::size_t __sanitizer_get_current_allocated_bytes();  // its header is clang's
+#endif
 
 namespace test {
 namespace {
@@ -22,6 +28,14 @@ std::size_t OpenDescriptors() {
 }
 std::size_t RunningThreads() {
   return Entries("/proc/self/task");
+}
+
+std::size_t HeapBytes() {
+#ifdef __SANITIZE_ADDRESS__
+  return __sanitizer_get_current_allocated_bytes();
+#else
+  return mallinfo2().uordblks;
+#endif
 }
 
 // Waiting time and again: a lock that is taken for a moment is no wait.

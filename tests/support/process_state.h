@@ -7,6 +7,7 @@ namespace test {
 
 std::size_t OpenDescriptors();
 std::size_t RunningThreads();
+std::size_t HeapBytes();  // that are allocated now
 
 // Until a thread of this process (gettid) has begun to wait for something.
 void WaitUntilItWaits(int thread);

@@ -16,6 +16,13 @@ struct RecordedClipSpec {
   int phase = 0;                       // how many frames of that second came before it
   unsigned stream = 0;
   std::uint32_t audioCodec = 0;  // CMSCodecID; 0: none. 8 kHz, one block for each picture
+  // In place of those blocks these, each behind the picture during which it ends.
+  struct Sound {
+    int rate = 8000;
+    int channels = 1;
+    int blockSamples = 160;
+    std::vector<std::vector<std::uint8_t>> blocks;
+  } sound;
 };
 
 // Frame i carries the number i in its picture and the second that it belongs to.

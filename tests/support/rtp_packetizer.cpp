@@ -28,7 +28,8 @@ struct JpegParts {
   std::uint8_t width = 0;            // in units of 8 pixels
   std::uint8_t height = 0;
   std::size_t restartInterval = 0;
-  Bytes scan;  // with the end-of-image marker
+  std::uint8_t type = 1;  // 4:2:0
+  Bytes scan;             // with the end-of-image marker
 };
 
 JpegParts ParseJpeg(Bytes jpeg) {
@@ -46,6 +47,7 @@ JpegParts ParseJpeg(Bytes jpeg) {
       }
     } else if (marker == 0xC0) {
       parts.height = static_cast<std::uint8_t>(((body[1] << 8 | body[2]) + 7) / 8);
+      parts.type = body[7] == 0x21 ? 0 : 1;  // of the first component's sampling
       parts.width = static_cast<std::uint8_t>(((body[3] << 8 | body[4]) + 7) / 8);
     } else if (marker == 0xDD) {
       parts.restartInterval = static_cast<std::size_t>(body[0] << 8 | body[1]);
@@ -222,7 +224,8 @@ RtpPackets RtpPacketizer::Jpeg(Bytes jpeg, const JpegOptions& options) {
   while (offset < scan.size()) {
     std::vector<std::uint8_t> payload = {0, static_cast<std::uint8_t>(offset >> 16)};
     Append16(payload, offset & 0xFFFF);
-    payload.push_back(parts.restartInterval != 0 ? 65 : 1);
+    payload.push_back(
+        static_cast<std::uint8_t>(parts.type + (parts.restartInterval != 0 ? 64 : 0)));
     payload.push_back(static_cast<std::uint8_t>(options.q));
     payload.push_back(parts.width);
     payload.push_back(parts.height);

@@ -38,8 +38,8 @@ class RtpPacketizer {
   // RFC 7798, likewise; with `orderNumbers` each unit has its decoding order number.
   RtpPackets H265(Bytes annexB, bool aggregate = false, bool orderNumbers = false);
   RtpPackets H265Units(const std::vector<Bytes>& units, bool aggregate, bool orderNumbers);
-  // RFC 2435; restart markers when the JPEG has a restart interval. The JPEG is baseline, 4:2:0,
-  // with the standard Huffman tables.
+  // RFC 2435; restart markers when the JPEG has a restart interval. The JPEG is baseline, 4:2:0 or
+  // 4:2:2, with the standard Huffman tables.
   RtpPackets Jpeg(Bytes jpeg, const JpegOptions& options = {});
   // RFC 3016.
   RtpPackets Mpeg4(Bytes frame);

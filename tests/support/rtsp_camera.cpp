@@ -15,6 +15,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "tests/support/paths.h"
+
 extern char** environ;
 
 namespace test {
@@ -108,7 +110,8 @@ void RtspCamera::Start() {
 // The camera's last words, "" when all is well.
 std::string RtspCamera::TryStart(unsigned port, std::size_t count) {
   // The camera goes with the test, even with one that crashes.
-  std::vector<std::string> arguments{"setpriv", "--pdeathsig", "KILL", ORVANTA_BINARY, "camera"};
+  std::vector<std::string> arguments{"setpriv", "--pdeathsig", "KILL", test::OrvantaBinary(),
+                                     "camera"};
   arguments.insert(arguments.end(), options_.begin(), options_.end());
   arguments.insert(arguments.end(), {"--port", std::to_string(port)});
   std::vector<std::string> environment = ChildEnvironment();
@@ -129,7 +132,7 @@ std::string RtspCamera::TryStart(unsigned port, std::size_t count) {
     return strerror(error);
   }
   std::vector<std::string> urls;
-  std::vector<std::string> http_urls;
+  std::vector<std::string> httpUrls;
   std::string said;
   while (urls.size() < count) {
     const std::string line = ReadLine(out[0]);
@@ -139,16 +142,20 @@ std::string RtspCamera::TryStart(unsigned port, std::size_t count) {
       return "see what it said above; " + said;
     }
     said += line;
+    if (constexpr std::string_view kCertificate = "certificate SHA-256 ";
+        line.starts_with(kCertificate)) {
+      fingerprint_ = line.substr(kCertificate.size(), line.size() - kCertificate.size() - 1);
+    }
     if (line.ends_with(" ready\n")) {
       const std::size_t first = line.find(' ');
       const std::size_t last = line.rfind(' ');
       urls.push_back(line.substr(0, first));
-      http_urls.push_back(first == last ? "" : line.substr(first + 1, last - first - 1));
+      httpUrls.push_back(first == last ? "" : line.substr(first + 1, last - first - 1));
     }
   }
   close(out[0]);
   urls_ = std::move(urls);
-  httpUrls_ = std::move(http_urls);
+  httpUrls_ = std::move(httpUrls);
   return {};
 }
 

@@ -26,6 +26,8 @@ class RtspCamera {
   const std::string& Url(std::size_t camera = 0) const { return urls_.at(camera); }
   const std::string& HttpUrl(std::size_t camera = 0) const { return httpUrls_.at(camera); }
   std::size_t Count() const { return urls_.size(); }
+  // Of its certificate, "AB:CD:..."; empty without --tls.
+  const std::string& Fingerprint() const { return fingerprint_; }
   std::uint16_t Port(std::size_t camera = 0) const;
 
   // Switches the camera off and on again; its ports stay the same (of several cameras
@@ -45,6 +47,7 @@ class RtspCamera {
   std::vector<std::string> options_;
   std::vector<std::string> urls_;
   std::vector<std::string> httpUrls_;
+  std::string fingerprint_;
   pid_t pid_ = -1;
 };
 

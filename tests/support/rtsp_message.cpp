@@ -54,8 +54,8 @@ bool TakeRtspRequest(std::string* bytes, RtspRequest* request) {
   if (blank == std::string::npos) {
     return false;
   }
-  const std::string length_text(HeaderValue(*bytes, "Content-Length"));
-  const std::size_t length = std::strtoul(length_text.c_str(), nullptr, 10);
+  const std::string lengthText(HeaderValue(*bytes, "Content-Length"));
+  const std::size_t length = std::strtoul(lengthText.c_str(), nullptr, 10);
   const std::size_t head = blank + 4;
   if (bytes->size() - head < length) {
     return false;
@@ -153,11 +153,11 @@ RtspAnswer& RtspAnswer::Reset() {
   return *this;
 }
 
-std::string RtpPacket(const RtpFields& fields, std::string_view payload) {
+std::string RtpText(const RtpFields& fields, std::string_view payload) {
   std::string packet;
   packet.reserve(12 + payload.size());
   packet.push_back(static_cast<char>(0x80));
-  packet.push_back(static_cast<char>((fields.marker ? 0x80 : 0) | (fields.payload_type & 0x7f)));
+  packet.push_back(static_cast<char>((fields.marker ? 0x80 : 0) | (fields.payloadType & 0x7f)));
   PutBigEndian(&packet, fields.sequence, 2);
   PutBigEndian(&packet, fields.timestamp, 4);
   PutBigEndian(&packet, fields.ssrc, 4);

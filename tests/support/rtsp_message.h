@@ -74,12 +74,12 @@ class RtspAnswer {
 
 // An RTP packet (RFC 3550) without CSRCs or extension.
 struct RtpFields {
-  std::uint8_t payload_type = 96;
+  std::uint8_t payloadType = 96;
   bool marker = false;
   std::uint16_t sequence = 0;
   std::uint32_t timestamp = 0;
   std::uint32_t ssrc = 0x0ca3e8a0;
 };
-std::string RtpPacket(const RtpFields& fields, std::string_view payload);
+std::string RtpText(const RtpFields& fields, std::string_view payload);
 
 }  // namespace test

@@ -1,6 +1,8 @@
 // An RTSP client that notes what it is handed, and packets that make frames.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <mutex>
 #include <string>
 #include <vector>
@@ -51,7 +53,7 @@ class RtspTestClient final : public CMSRTSPClient {
     std::lock_guard lock(mutex_);
     return audio_;
   }
-  ConnectionFault Fault() const { return GetConnectionStatus().fault; }
+  cms::ConnectionFault Fault() const { return GetConnectionStatus().fault; }
 
  private:
   mutable std::mutex mutex_;
@@ -60,20 +62,25 @@ class RtspTestClient final : public CMSRTSPClient {
 };
 
 // A configuration with short time-outs for a scripted server's URL.
-stRTSPClientConfig ConfigFor(const std::string& url, int transport);
+cms::stRTSPClientConfig ConfigFor(const std::string& url, int transport);
+
+// Configures, opens and plays; what the client says about it when that fails.
+testing::AssertionResult Plays(CMSRTSPClient& client, cms::stRTSPClientConfig config);
 
 // Makes the packets of small H.264 frames, numbered on.
 class H264Packets {
  public:
   // An ordinary picture in one packet.
   std::vector<std::string> Picture();
-  // SPS, PPS and a key picture of so many bytes, one packet each.
+  // SPS, PPS and a key picture of so many bytes, one packet each; a picture over 60,000 bytes comes
+  // in fragments.
   std::vector<std::string> KeyFrame(std::size_t size = 100);
   void Skip(std::uint16_t packets) { sequence_ = std::uint16_t(sequence_ + packets); }
 
  private:
   std::string Packet(std::string nalUnit, bool marker);
   std::uint16_t sequence_ = 65530;  // the tests cross the wrap
+  std::uint32_t timestamp_ = 0;
 };
 
 }  // namespace test

@@ -20,10 +20,10 @@ sockaddr_in Loopback(std::uint16_t port) {
   return address;
 }
 
-std::string Md5(const std::string& text) {
+std::string Hash(const EVP_MD* method, const std::string& text) {
   unsigned char digest[EVP_MAX_MD_SIZE];
   unsigned int size = 0;
-  EVP_Digest(text.data(), text.size(), digest, &size, EVP_md5(), nullptr);
+  EVP_Digest(text.data(), text.size(), digest, &size, method, nullptr);
   std::string hex;
   for (unsigned int i = 0; i < size; ++i) {
     char pair[3];
@@ -52,14 +52,14 @@ std::string Quoted(const std::string& line, const std::string& name) {
   return line.substr(start, line.find('"', start) - start);
 }
 
-// The same without quotation marks, up to the comma.
+// The same without quotation marks, up to the comma or the line's end.
 std::string Bare(const std::string& line, const std::string& name) {
   const std::size_t at = line.find(" " + name + "=");
   if (at == std::string::npos) {
     return {};
   }
   const std::size_t start = at + name.size() + 2;
-  return line.substr(start, line.find(',', start) - start);
+  return line.substr(start, line.find_first_of(",\r", start) - start);
 }
 
 // What the digest has between the two halves: the nonce, and what a qop adds to it.
@@ -104,7 +104,7 @@ std::string DefaultSdp() {
 
 bool HasCredentials(const ScriptedCamera& camera, const std::string& nonce,
                     const RtspRequest& request) {
-  if (camera.refuse_all) {
+  if (camera.refuseAll) {
     return false;
   }
   const std::string given = request.Header("Authorization");
@@ -114,13 +114,20 @@ bool HasCredentials(const ScriptedCamera& camera, const std::string& nonce,
     case ScriptedCamera::Auth::kBasic:
       return given == "Basic " + Base64(camera.user + ":" + camera.password);
     case ScriptedCamera::Auth::kDigest: {
-      const std::string ha1 = Md5(camera.user + ":" + camera.realm + ":" + camera.password);
-      const std::string body = Bare(given, "qop") == "auth-int" ? ":" + Md5("") : "";
-      const std::string ha2 = Md5(request.method + ":" + request.url + body);
+      const std::string algorithm = Bare(given, "algorithm");
+      const auto hash = [&](const std::string& text) {
+        return Hash(algorithm.starts_with("SHA-256") ? EVP_sha256() : EVP_md5(), text);
+      };
+      std::string ha1 = hash(camera.user + ":" + camera.realm + ":" + camera.password);
+      if (algorithm.ends_with("-sess")) {
+        ha1 = hash(ha1 + ":" + nonce + ":" + Quoted(given, "cnonce"));
+      }
+      const std::string body = Bare(given, "qop") == "auth-int" ? ":" + hash("") : "";
+      const std::string ha2 = hash(request.method + ":" + request.url + body);
       return given.compare(0, 7, "Digest ") == 0 && Quoted(given, "username") == camera.user &&
              Quoted(given, "realm") == camera.realm && Quoted(given, "nonce") == nonce &&
              Quoted(given, "uri") == request.url &&
-             Quoted(given, "response") == Md5(ha1 + DigestMiddle(given, nonce) + ha2);
+             Quoted(given, "response") == hash(ha1 + DigestMiddle(given, nonce) + ha2);
     }
   }
   return false;
@@ -134,21 +141,21 @@ std::string Challenge(const ScriptedCamera& camera, const std::string& nonce) {
 }
 
 RtspTrack::~RtspTrack() {
-  close(rtp_socket);
-  close(rtcp_socket);
+  close(rtpSocket);
+  close(rtcpSocket);
 }
 
 // An even port and the next one.
 void RtspTrack::OpenSockets() {
   for (int attempt = 0; attempt < 1000; ++attempt) {
-    rtp_socket = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    rtcp_socket = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (BindLoopback(rtp_socket, 0) && LocalPort(rtp_socket) % 2 == 0 &&
-        BindLoopback(rtcp_socket, static_cast<std::uint16_t>(LocalPort(rtp_socket) + 1))) {
+    rtpSocket = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    rtcpSocket = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (BindLoopback(rtpSocket, 0) && LocalPort(rtpSocket) % 2 == 0 &&
+        BindLoopback(rtcpSocket, static_cast<std::uint16_t>(LocalPort(rtpSocket) + 1))) {
       return;
     }
-    close(rtp_socket);
-    close(rtcp_socket);
+    close(rtpSocket);
+    close(rtcpSocket);
   }
   throw std::runtime_error("no pair of UDP ports");
 }
@@ -163,31 +170,31 @@ std::string RtspTrack::Agree(const ScriptedCamera& camera, const std::string& tr
   };
   if (camera.tcp && pair(";interleaved=")) {
     interleaved = true;
-    rtp_channel = static_cast<std::uint8_t>(first);
-    rtcp_channel = static_cast<std::uint8_t>(second);
+    rtpChannel = static_cast<std::uint8_t>(first);
+    rtcpChannel = static_cast<std::uint8_t>(second);
     return transport;
   }
   if (camera.udp && pair(";client_port=")) {
-    client_rtp = static_cast<std::uint16_t>(first);
-    client_rtcp = static_cast<std::uint16_t>(second);
+    clientRtp = static_cast<std::uint16_t>(first);
+    clientRtcp = static_cast<std::uint16_t>(second);
     OpenSockets();
-    return transport + ";server_port=" + std::to_string(LocalPort(rtp_socket)) + "-" +
-           std::to_string(LocalPort(rtcp_socket));
+    return transport + ";server_port=" + std::to_string(LocalPort(rtpSocket)) + "-" +
+           std::to_string(LocalPort(rtcpSocket));
   }
   return {};
 }
 
 void RtspTrack::SendDatagram(const std::string& packet, bool rtcp) const {
-  const sockaddr_in to = Loopback(rtcp ? client_rtcp : client_rtp);
+  const sockaddr_in to = Loopback(rtcp ? clientRtcp : clientRtp);
   // A refusal by the client's closed port is the network's matter, not the sender's.
-  sendto(rtcp ? rtcp_socket : rtp_socket, packet.data(), packet.size(), MSG_NOSIGNAL,
+  sendto(rtcp ? rtcpSocket : rtpSocket, packet.data(), packet.size(), MSG_NOSIGNAL,
          reinterpret_cast<const sockaddr*>(&to), sizeof to);
 }
 
 void RtspTrack::CountRtcp() {
   char byte = 0;
-  while (!interleaved && recv(rtcp_socket, &byte, 1, MSG_DONTWAIT | MSG_TRUNC) > 0) {
-    ++rtcp_received;
+  while (!interleaved && recv(rtcpSocket, &byte, 1, MSG_DONTWAIT | MSG_TRUNC) > 0) {
+    ++rtcpReceived;
   }
 }
 

@@ -20,18 +20,18 @@ struct ScriptedCamera {
   std::string user = "admin";
   std::string password = "secret";
   std::string realm = "camera";
-  bool refuse_all = false;          // 401 whatever the credentials are
-  bool knows_get_parameter = true;  // else 405, and OPTIONS does not name it
-  bool udp = true;                  // else SETUP over UDP gets 461
-  bool tcp = true;                  // else SETUP over TCP gets 461
-  std::uint16_t port = 0;           // 0: any
+  bool refuseAll = false;         // 401 whatever the credentials are
+  bool knowsGetParameter = true;  // else 405, and OPTIONS does not name it
+  bool udp = true;                // else SETUP over UDP gets 461
+  bool tcp = true;                // else SETUP over TCP gets 461
+  std::uint16_t port = 0;         // 0: any
 };
 
 // H.264 640x360 with payload type 96 as trackID=0 and PCMU as trackID=1.
 std::string DefaultSdp();
 
-// Whether the request's Authorization is good for its method and URL (RFC 2617, with the
-// qop that it names, if any).
+// Whether the request's Authorization is good for its method and URL (RFC 7616, with the
+// algorithm and the qop that it names, if any).
 bool HasCredentials(const ScriptedCamera& camera, const std::string& nonce,
                     const RtspRequest& request);
 // The WWW-Authenticate value that asks for them.
@@ -40,13 +40,13 @@ std::string Challenge(const ScriptedCamera& camera, const std::string& nonce);
 // Where one track's packets go, as SETUP agreed.
 struct RtspTrack {
   bool interleaved = false;
-  std::uint8_t rtp_channel = 0;
-  std::uint8_t rtcp_channel = 0;
-  std::uint16_t client_rtp = 0;
-  std::uint16_t client_rtcp = 0;
-  int rtp_socket = -1;
-  int rtcp_socket = -1;
-  std::size_t rtcp_received = 0;
+  std::uint8_t rtpChannel = 0;
+  std::uint8_t rtcpChannel = 0;
+  std::uint16_t clientRtp = 0;
+  std::uint16_t clientRtcp = 0;
+  int rtpSocket = -1;
+  int rtcpSocket = -1;
+  std::size_t rtcpReceived = 0;
 
   RtspTrack() = default;
   RtspTrack(const RtspTrack&) = delete;
@@ -57,7 +57,7 @@ struct RtspTrack {
   // not offer it.
   std::string Agree(const ScriptedCamera& camera, const std::string& transport);
   void SendDatagram(const std::string& packet, bool rtcp) const;
-  void CountRtcp();  // adds what has arrived since to rtcp_received
+  void CountRtcp();  // adds what has arrived since to rtcpReceived
 
  private:
   void OpenSockets();

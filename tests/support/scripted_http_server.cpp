@@ -17,7 +17,7 @@ bool IsReadable(int descriptor) {
   return poll(&waited, 1, 20) > 0;
 }
 
-bool SendAll(int connection, std::string_view bytes) {
+bool SendWhole(int connection, std::string_view bytes) {
   while (!bytes.empty()) {
     const ssize_t sent = send(connection, bytes.data(), bytes.size(), MSG_NOSIGNAL);
     if (sent <= 0) {
@@ -127,12 +127,12 @@ void ScriptedHttpServer::ServeConnection(int connection) {
     pause = pause_;
     keepOpen = keepOpen_;
   }
-  bool open = SendAll(connection, handler_(request));
+  bool open = SendWhole(connection, handler_(request));
   while (keepOpen && open && !stopping_) {
     char byte = 0;
     if (!block.empty()) {
       std::this_thread::sleep_for(pause);
-      open = SendAll(connection, block);
+      open = SendWhole(connection, block);
     } else if (IsReadable(connection)) {
       open = recv(connection, &byte, 1, 0) > 0;
     }

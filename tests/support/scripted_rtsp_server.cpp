@@ -25,12 +25,12 @@ bool SendAll(int socket, std::string_view bytes) {
   return true;
 }
 
-// The path of an rtsp URL, "" of anything else.
+// The path of an rtsp or rtsps URL, "" of anything else.
 std::string PathOf(const std::string& url) {
-  if (url.compare(0, 7, "rtsp://") != 0) {
+  if (!url.starts_with("rtsp://") && !url.starts_with("rtsps://")) {
     return {};
   }
-  const std::size_t slash = url.find('/', 7);
+  const std::size_t slash = url.find('/', url.find("://") + 3);
   return slash == std::string::npos ? "/" : url.substr(slash);
 }
 
@@ -47,7 +47,7 @@ struct ScriptedRtspServer::Connection {
   // Guarded by the server's mutex_.
   bool open = true;
   bool playing = false;
-  bool session_known = false;
+  bool sessionKnown = false;
   std::map<std::size_t, std::shared_ptr<RtspTrack>> tracks;
 };
 
@@ -178,7 +178,7 @@ std::size_t ScriptedRtspServer::RtcpReceived(std::size_t track) const {
   for (const auto& connection : connections_) {
     if (const auto found = connection->tracks.find(track); found != connection->tracks.end()) {
       found->second->CountRtcp();
-      received += found->second->rtcp_received;
+      received += found->second->rtcpReceived;
     }
   }
   return received;
@@ -212,7 +212,7 @@ bool ScriptedRtspServer::SendPackets(std::size_t track, std::span<const std::str
     const std::lock_guard write(connection->write);
     return std::all_of(packets.begin(), packets.end(), [&](const std::string& packet) {
       return SendAll(connection->socket,
-                     InterleavedBlock(rtcp ? target->rtcp_channel : target->rtp_channel, packet));
+                     InterleavedBlock(rtcp ? target->rtcpChannel : target->rtpChannel, packet));
     });
   }
   for (const std::string& packet : packets) {
@@ -275,16 +275,16 @@ void ScriptedRtspServer::Serve(Connection& connection) {
     const Lock lock(mutex_);
     greeting = onConnect_;
   }
-  bool go_on = !greeting || React(connection, greeting(RtspRequest{}));
+  bool goOn = !greeting || React(connection, greeting(RtspRequest{}));
   std::string bytes;
   char buffer[4096];
-  while (go_on) {
+  while (goOn) {
     const ssize_t count = recv(connection.socket, buffer, sizeof buffer, 0);
     if (count <= 0) {
       break;
     }
     bytes.append(buffer, static_cast<std::size_t>(count));
-    while (go_on && !bytes.empty()) {
+    while (goOn && !bytes.empty()) {
       if (bytes.front() == '$') {
         const std::size_t length = bytes.size() < 4
                                        ? bytes.size()
@@ -308,7 +308,7 @@ void ScriptedRtspServer::Serve(Connection& connection) {
         const Lock lock(mutex_);
         requests_.push_back(request);
       }
-      go_on = React(connection, Answer(request));
+      goOn = React(connection, Answer(request));
     }
   }
   // The write lock first: nobody may be sending on a descriptor that is closed and used anew.
@@ -351,8 +351,8 @@ bool ScriptedRtspServer::React(Connection& connection, const RtspAnswer& answer)
         action.call();
         break;
       case Kind::kReset: {
-        const linger at_once{1, 0};
-        setsockopt(connection.socket, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
+        const linger atOnce{1, 0};
+        setsockopt(connection.socket, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
         return false;
       }
       case Kind::kClose:
@@ -404,7 +404,7 @@ std::string ScriptedRtspServer::GoodAnswer(const RtspRequest& request) {
   if (request.method == "OPTIONS") {
     return RtspResponse(request, 200, "OK",
                         {{"Public", std::string("OPTIONS, DESCRIBE, SETUP, PLAY, PAUSE, TEARDOWN") +
-                                        (camera_.knows_get_parameter ? ", GET_PARAMETER" : "")}});
+                                        (camera_.knowsGetParameter ? ", GET_PARAMETER" : "")}});
   }
   if (path.compare(0, camera_.path.size(), camera_.path) != 0) {
     return RtspResponse(request, 404, "Stream Not Found");
@@ -423,15 +423,15 @@ std::string ScriptedRtspServer::SessionAnswer(const RtspRequest& request, Connec
   const std::string given = request.Header("Session");
   const Lock lock(mutex_);
   // PAUSE may come without a session line: its connection tells which one is meant.
-  const bool may_omit =
-      request.method == "PAUSE" || (request.method == "SETUP" && !connection.session_known);
-  if (given != session && !(given.empty() && may_omit)) {
+  const bool mayOmit =
+      request.method == "PAUSE" || (request.method == "SETUP" && !connection.sessionKnown);
+  if (given != session && !(given.empty() && mayOmit)) {
     return RtspResponse(request, 454, "Session Not Found");
   }
   if (request.method == "SETUP") {
     return Setup(request, connection);
   }
-  if (request.method == "GET_PARAMETER" && camera_.knows_get_parameter) {
+  if (request.method == "GET_PARAMETER" && camera_.knowsGetParameter) {
     return RtspResponse(request, 200, "OK", {{"Session", session}});
   }
   if (request.method == "PLAY" || request.method == "PAUSE") {
@@ -444,7 +444,7 @@ std::string ScriptedRtspServer::SessionAnswer(const RtspRequest& request, Connec
   }
   if (request.method == "TEARDOWN") {
     connection.playing = false;
-    connection.session_known = false;
+    connection.sessionKnown = false;
     connection.tracks.clear();
     return RtspResponse(request, 200, "OK");
   }
@@ -464,7 +464,7 @@ std::string ScriptedRtspServer::Setup(const RtspRequest& request, Connection& co
     return RtspResponse(request, 461, "Unsupported Transport");
   }
   connection.tracks[number] = std::move(track);
-  connection.session_known = true;
+  connection.sessionKnown = true;
   return RtspResponse(request, 200, "OK", {{"Transport", transport}, {"Session", camera_.session}});
 }
 

@@ -68,7 +68,7 @@ TEST(ScriptedRtspServer, IsACameraToARealClient) {
   for (const auto auth : {ScriptedCamera::Auth::kBasic, ScriptedCamera::Auth::kDigest}) {
     ScriptedRtspServer server({.auth = auth});
     server.On("PLAY", [&](const RtspRequest& request) {
-      const std::string silence = RtpPacket({.payload_type = 0}, std::string(160, '\xff'));
+      const std::string silence = RtpText({.payloadType = 0}, std::string(160, '\xff'));
       return RtspAnswer(server.GoodAnswer(request))
           .Do([&server, silence] { EXPECT_TRUE(server.SendRtp(1, silence)); })
           .Close();
@@ -117,7 +117,7 @@ TEST(ScriptedRtspServer, AnswersAsScriptedAndRecordsWhatItGot) {
 }
 
 TEST(ScriptedRtspServer, SendsPacketsOverTheAgreedTransport) {
-  const std::string packet = RtpPacket({.marker = true, .sequence = 0x1234}, "payload");
+  const std::string packet = RtpText({.marker = true, .sequence = 0x1234}, "payload");
   ScriptedRtspServer server;
   EXPECT_FALSE(server.SendRtp(0, packet));
   PlainClient client(server.Port());

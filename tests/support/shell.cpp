@@ -8,6 +8,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "tests/support/paths.h"
+
 namespace test {
 
 ShellResult RunShell(const std::string& command) {
@@ -33,7 +35,7 @@ ShellResult RunShell(const std::string& command) {
 }
 
 ShellResult RunOrvanta(const std::string& arguments) {
-  return RunShell(std::string(ORVANTA_BINARY) + " " + arguments);
+  return RunShell(test::OrvantaBinary() + " " + arguments);
 }
 
 }  // namespace test

@@ -27,6 +27,13 @@ camera local --port 8012 --onvif 80 --onvif-style addresses,pretty,attributes
 camera sparse --port 8013 --onvif 9013 --onvif-style sparse
 camera computer --port 8014 --onvif 9014 --onvif-style computer
 
+camera secured --port 8015 --onvif 9015 --onvif-tls --certificate "$work/camera.pem" --transports tcp
+
+# As they are found, by every interface.
+"$orvanta" discover --probe 2 >"$work/probed"
+[[ $(grep -c 'address: 10.20.30.1' "$work/probed") == 7 ]] || { cat "$work/probed"; exit 1; }
+grep -q 'host: https://10.20.30.1:9015' "$work/probed" || { cat "$work/probed"; exit 1; }
+
 "$orvanta" discover --json >"$work/found"
 found=$(python3 - "$work/found" <<'PYTHON'
 import json, sys

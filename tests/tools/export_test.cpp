@@ -2,12 +2,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <filesystem>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "tests/support/audio_codec.h"
 #include "tests/support/faulty_file_io.h"
 #include "tests/support/recorded_clip.h"
 #include "tests/support/shell.h"
@@ -23,7 +25,7 @@ using test::RunShell;
 using test::ShellResult;
 using testing::HasSubstr;
 
-constexpr std::int64_t kStart = 1'700'000'000;  // 2023-11-14T22:13:20Z
+constexpr std::int64_t kExportStart = 1'700'000'000;  // 2023-11-14T22:13:20Z
 constexpr std::uint32_t kMuLaw = 0x10006;
 constexpr std::uint32_t kL16 = 0x10000;
 
@@ -61,6 +63,21 @@ std::vector<int> NumbersShown(const std::string& path) {
   return numbers;
 }
 
+// A digest of each picture.
+std::vector<std::string> PicturesOf(const std::string& path) {
+  const ShellResult digests =
+      RunShell("ffmpeg -v error -i '" + path + "' -map 0:v -vsync passthrough -f framemd5 -");
+  EXPECT_EQ(digests.errors, "");
+  std::istringstream lines(digests.output);
+  std::vector<std::string> pictures;
+  for (std::string line; std::getline(lines, line);) {
+    if (!line.starts_with('#')) {
+      pictures.push_back(line.substr(line.rfind(' ') + 1));
+    }
+  }
+  return pictures;
+}
+
 int NumberShown(const std::string& path) {
   const auto numbers = NumbersShown(path);
   return numbers.empty() ? -1 : numbers.front();
@@ -95,8 +112,9 @@ TEST_F(Export, EveryCodecIntoBothContainers) {
     ClipCodec codec;
     const char* name;
   };
-  for (const Codec& codec : {Codec{ClipCodec::kH264, "h264"}, Codec{ClipCodec::kMjpeg, "mjpeg"},
-                             Codec{ClipCodec::kMpeg4, "mpeg4"}}) {
+  for (const Codec& codec :
+       {Codec{ClipCodec::kH264, "h264"}, Codec{ClipCodec::kH265, "hevc"},
+        Codec{ClipCodec::kMjpeg, "mjpeg"}, Codec{ClipCodec::kMpeg4, "mpeg4"}}) {
     test::RecordedClipSpec spec;
     spec.clip.codec = codec.codec;
     spec.clip.frames = 80;
@@ -116,16 +134,50 @@ TEST_F(Export, EveryCodecIntoBothContainers) {
       EXPECT_NEAR(Duration(probe), 80 / 25.0, 0.05);
       EXPECT_FALSE(std::filesystem::exists(out + ".part"));
     }
+    const std::string front = test::ReadWholeFile(Out("clip.mp4")).substr(0, 16'384);
+    EXPECT_LT(front.find("moov"), front.find("mdat")) << codec.name;
+    EXPECT_EQ(front.find("hvc1") != std::string::npos, codec.codec == ClipCodec::kH265);
+  }
+}
+
+// Each picture decodes to what the camera's own stream decodes to, also where key frames are large.
+TEST_F(Export, PicturesAreThoseOfTheStream) {
+  for (const ClipCodec codec : {ClipCodec::kH264, ClipCodec::kH265}) {
+    test::RecordedClipSpec spec;
+    spec.clip.codec = codec;
+    spec.clip.width = 1280;
+    spec.clip.height = 720;
+    spec.clip.frames = 6;
+    spec.clip.gop = 3;
+    spec.clip.noise = true;
+    spec.clip.bitrate = 200'000'000;
+    const DrvRecording recording = RecordClip(spec);
+    std::string stream;
+    std::size_t largest = 0;
+    for (const auto& frame : recording.frames) {
+      stream += frame.spec.payload;
+      largest = std::max(largest, frame.spec.payload.size());
+    }
+    ASSERT_GT(largest, 600'000u);
+    const std::string bare = Out(codec == ClipCodec::kH264 ? "bare.h264" : "bare.h265");
+    test::WriteWholeFile(bare, stream);
+    const std::vector<std::string> expected = PicturesOf(bare);
+    ASSERT_EQ(expected.size(), 6u);
+    const std::string drv = Drv(recording);
+    for (const std::string& out : {Out("clip.mp4"), Out("clip.mkv")}) {
+      EXPECT_EQ(Parsed(RunOrvanta("export --json " + drv + " " + out))["frames"], 6);
+      EXPECT_EQ(PicturesOf(out), expected) << out;
+    }
   }
 }
 
 // The recording has them in the order of decoding, with times of arrival.
 TEST_F(Export, PicturesOfCamerasWithBFramesAreShownInTheirOrder) {
-  for (const ClipCodec codec : {ClipCodec::kH264, ClipCodec::kMpeg4}) {
+  for (const ClipCodec codec : {ClipCodec::kH264, ClipCodec::kH265, ClipCodec::kMpeg4}) {
     test::RecordedClipSpec spec;
     spec.clip.codec = codec;
     spec.clip.profile = test::ClipProfile::kHigh;
-    spec.clip.bframes = codec == ClipCodec::kH264 ? 5 : 2;  // of H.264, some refer to others
+    spec.clip.bframes = codec == ClipCodec::kMpeg4 ? 2 : 4;  // of the others, some refer to some
     spec.clip.openGroups = true;
     spec.clip.frames = 80;
     spec.phase = 15;
@@ -156,23 +208,95 @@ TEST_F(Export, PicturesOfCamerasWithBFramesAreShownInTheirOrder) {
   }
 }
 
-TEST_F(Export, SoundGoesWhereTheContainerTakesIt) {
+// The same tone by every codec: copied where the container takes it, or else made AAC.
+TEST_F(Export, SoundIsHeardInBothContainers) {
+  struct Sound {
+    cms::CMSCodecID codec;
+    int rate;
+    int channels;
+    const char* inMatroska;
+  };
+  for (const Sound& sound : {Sound{cms::CMS_CODEC_PCM_MULAW, 8000, 1, "pcm_mulaw"},
+                             {cms::CMS_CODEC_PCM_S16LE, 8000, 1, "pcm_s16le"},
+                             {cms::CMS_CODEC_PCM_S16BE, 44100, 2, "pcm_s16be"},
+                             {cms::CMS_CODEC_G726_32, 8000, 1, "aac"},
+                             {cms::CMS_CODEC_PCM_ALAW, 14000, 1, "pcm_alaw"},
+                             {cms::CMS_CODEC_AAC, 16000, 1, "aac"}}) {
+    const std::vector<std::int16_t> tone =
+        test::Tone(static_cast<std::size_t>(4 * sound.rate), sound.rate, sound.channels);
+    test::RecordedClipSpec spec;
+    spec.clip.frames = 100;
+    spec.audioCodec = static_cast<std::uint32_t>(sound.codec);
+    spec.sound.rate = sound.rate;
+    spec.sound.channels = sound.channels;
+    spec.sound.blockSamples = sound.codec == cms::CMS_CODEC_AAC ? 1024 : 160;
+    spec.sound.blocks = test::EncodeBlocks(sound.codec, sound.rate, sound.channels, tone);
+    const std::string drv = Drv(RecordClip(spec));
+    for (const std::string& out : {Out("a.mkv"), Out("a.mp4")}) {
+      SCOPED_TRACE(std::to_string(sound.codec) + " " + out);
+      const ShellResult result = RunOrvanta("export --json " + drv + " " + out);
+      EXPECT_EQ(Parsed(result)["audio"], true);
+      EXPECT_EQ(result.errors, "");
+      const json probe = Probe(out);
+      ASSERT_EQ(probe["streams"].size(), 2u);
+      EXPECT_EQ(probe["streams"][1]["codec_name"], out.ends_with("mp4") ? "aac" : sound.inMatroska);
+      EXPECT_EQ(probe["streams"][0]["nb_read_frames"], "100");
+      EXPECT_NEAR(Duration(probe), 4, 0.1);
+      const ShellResult heard =
+          RunShell("ffmpeg -v error -i '" + out + "' -map 0:a -f s16le -ar " +
+                   std::to_string(sound.rate) + " -ac " + std::to_string(sound.channels) + " -");
+      std::vector<std::int16_t> samples(heard.output.size() / 2);
+      std::memcpy(samples.data(), heard.output.data(), samples.size() * 2);
+      // An MP4 tells players to leave out what is in front of the sound that was made AAC.
+      const bool made =
+          sound.codec != cms::CMS_CODEC_AAC && probe["streams"][1]["codec_name"] == "aac";
+      const bool delayed = sound.codec == cms::CMS_CODEC_AAC || (made && out.ends_with("mkv"));
+      const std::size_t delay = delayed ? test::kAacDelay : 0;
+      ASSERT_GT(samples.size(), tone.size() * 9 / 10);
+      EXPECT_GT(test::SignalToNoise(tone, std::span(samples).subspan(delay)), 18);
+      if (sound.codec == cms::CMS_CODEC_AAC) {
+        std::string blocks;
+        for (const auto& block : spec.sound.blocks) {
+          blocks.append(block.begin(), block.end());
+        }
+        const ShellResult copy =
+            RunShell("ffmpeg -v error -i '" + out + "' -map 0:a -c copy -f adts -");
+        EXPECT_GT(copy.output.size(), blocks.size() * 9 / 10);
+        EXPECT_EQ(copy.output, blocks.substr(0, copy.output.size()));
+      }
+    }
+  }
+}
+
+// Sound that pauses, and that nobody can decode.
+TEST_F(Export, SoundStaysAtItsTimeAndWhatIsUnknownIsTold) {
   test::RecordedClipSpec spec;
   spec.clip.frames = 75;
-  for (const std::uint32_t codec : {kMuLaw, kL16}) {
-    spec.audioCodec = codec;
-    const std::string drv = Drv(RecordClip(spec));
-    EXPECT_EQ(Parsed(RunOrvanta("export --json " + drv + " " + Out("a.mkv")))["audio"], true);
-    const json probe = Probe(Out("a.mkv"));
-    ASSERT_EQ(probe["streams"].size(), 2u);
-    EXPECT_EQ(probe["streams"][1]["codec_name"], codec == kMuLaw ? "pcm_mulaw" : "pcm_s16le");
-    EXPECT_EQ(probe["streams"][0]["nb_read_frames"], "75");
-    EXPECT_NEAR(Duration(probe), 3, 0.1);
-    const ShellResult mp4 = RunOrvanta("export --json " + drv + " " + Out("a.mp4"));
-    EXPECT_EQ(Parsed(mp4)["audio"], false);
-    EXPECT_THAT(mp4.errors, HasSubstr("left out"));
-    EXPECT_EQ(Probe(Out("a.mp4"))["streams"].size(), 1u);
+  spec.audioCodec = kMuLaw;
+  const std::string one = Drv(RecordClip(spec));
+  spec.start = kExportStart + 20;
+  test::WriteWholeFile(Out("two.drv"), RecordClip(spec).bytes);
+  for (const std::string& out : {Out("a.mkv"), Out("a.mp4")}) {
+    EXPECT_EQ(RunOrvanta("export " + one + " " + Out("two.drv") + " " + out).status, 0);
+    const ShellResult times = RunShell(
+        "ffprobe -v error -select_streams a -show_entries packet=pts_time -of csv=p=0 " + out);
+    std::istringstream lines(times.output);
+    int inGap = 0;
+    int behind = 0;
+    for (double time = 0; lines >> time; lines.ignore(8, '\n')) {
+      inGap += time > 3.3 && time < 19.7 ? 1 : 0;
+      behind += time >= 19.7 ? 1 : 0;
+    }
+    EXPECT_EQ(inGap, 0) << out;
+    EXPECT_GE(behind, 20) << out;
+    EXPECT_NEAR(Duration(Probe(out)), 23, 0.2);
   }
+  spec.audioCodec = 0x15001;
+  const ShellResult unknown =
+      RunOrvanta("export --json " + Drv(RecordClip(spec)) + " " + Out("b.mp4"));
+  EXPECT_EQ(Parsed(unknown)["audio"], false);
+  EXPECT_THAT(unknown.errors, HasSubstr("left out"));
+  EXPECT_EQ(Probe(Out("b.mp4"))["streams"].size(), 1u);
 }
 
 TEST_F(Export, SoundThatIsLeftOutIsTold) {
@@ -189,7 +313,7 @@ TEST_F(Export, SoundThatIsLeftOutIsTold) {
     spec.audioCodec = each.first;
     const std::string one = Drv(RecordClip(spec));
     spec.clip.frames = 50;
-    spec.start = kStart + 60;
+    spec.start = kExportStart + 60;
     spec.audioCodec = each.second;
     test::WriteWholeFile(Out("two.drv"), RecordClip(spec).bytes);
     const ShellResult result =
@@ -207,10 +331,10 @@ TEST_F(Export, FilesOfASiteFollowEachOtherWithoutLosingAFrame) {
   data.Add(2, RecordClip(spec));  // another site, in between
   spec.phase = 10;
   data.Add(1, RecordClip(spec));  // up to the 20th picture of the third second
-  spec.start = kStart + 2;
+  spec.start = kExportStart + 2;
   spec.phase = 20;
   data.Add(1, RecordClip(spec));  // goes on from there
-  spec.start = kStart + 20;
+  spec.start = kExportStart + 20;
   spec.phase = 0;
   data.Add(1, RecordClip(spec));  // behind a gap
   const std::string command = "export --json --data " + Out("data") + " --site 1 --from ";
@@ -262,7 +386,8 @@ TEST_F(Export, DamageIsPassedOverAndCounted) {
 }
 
 TEST_F(Export, APictureOfEachCodec) {
-  for (const ClipCodec codec : {ClipCodec::kH264, ClipCodec::kMjpeg, ClipCodec::kMpeg4}) {
+  for (const ClipCodec codec :
+       {ClipCodec::kH264, ClipCodec::kH265, ClipCodec::kMjpeg, ClipCodec::kMpeg4}) {
     test::RecordedClipSpec spec;
     spec.clip.codec = codec;
     spec.clip.frames = 60;

@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/paths.h"
 #include "tests/support/rtsp_camera.h"
 #include "tests/support/shell.h"
 
@@ -26,7 +27,7 @@ json Streams(const ShellResult& result) {
   return parsed.is_object() ? parsed["streams"] : json::array();
 }
 
-struct Way {
+struct LiveWay {
   const char* name;
   std::vector<std::string> camera;
   const char* codec;
@@ -34,7 +35,7 @@ struct Way {
   bool decoded;
 };
 
-const Way kWays[] = {
+const LiveWay kLiveWays[] = {
     {"BaselinePcmu", {"--audio", "pcmu"}, "H264", "PCMU", true},
     {"HighWithDelimitersPcma",
      {"--profile", "high", "--delimiters", "on", "--audio", "pcma", "--packets", "stap"},
@@ -43,15 +44,27 @@ const Way kWays[] = {
      true},
     {"HighInDescriptionOnly", {"--profile", "high", "--parameter-sets", "sdp"}, "H264", "", true},
     {"MjpegL16", {"--codec", "mjpeg", "--audio", "l16"}, "JPEG", "L16", true},
-    {"Mpeg4Pcmu", {"--codec", "mpeg4", "--audio", "pcmu"}, "MP4V-ES", "PCMU", false},
+    {"BaselineAac", {"--audio", "aac"}, "H264", "MPEG4-GENERIC", true},
+    {"BaselineG726", {"--audio", "g726"}, "H264", "G726-32", true},
+    {"Mpeg4Pcmu", {"--codec", "mpeg4", "--audio", "pcmu"}, "MP4V-ES", "PCMU", true},
+    {"H265Aac",
+     {"--codec", "h265", "--delimiters", "on", "--sei", "on", "--audio", "aac"},
+     "H265",
+     "MPEG4-GENERIC",
+     true},
+    {"SlicesG726",
+     {"--slices", "4", "--delimiters", "on", "--sei", "on", "--audio", "g726"},
+     "H264",
+     "G726-32",
+     true},
 };
 
-class LiveWays : public testing::TestWithParam<Way> {};
-INSTANTIATE_TEST_SUITE_P(, LiveWays, testing::ValuesIn(kWays),
+class LiveWays : public testing::TestWithParam<LiveWay> {};
+INSTANTIATE_TEST_SUITE_P(, LiveWays, testing::ValuesIn(kLiveWays),
                          [](const auto& way) { return way.param.name; });
 
 TEST_P(LiveWays, AreReceivedOverBothTransports) {
-  const Way& way = GetParam();
+  const LiveWay& way = GetParam();
   RtspCamera camera(way.camera);
   // One after the other: two first clients at once can leave GStreamer's shared media without
   // sound.
@@ -94,7 +107,8 @@ TEST(Live, LogsInOverRtspAndHttpAndWritesPictures) {
     const std::string http = test::WithCredentials(camera.HttpUrl(), "admin", "p%40ss:w%25rd");
     const ShellResult result =
         RunOrvanta("live --json --frames 10 --seconds 20 --size 160x90 " +
-                   ("--snapshot " + folder + "/seen.png ") + "'" + rtsp + "' '" + http + "'");
+                   ("--snapshot " + folder + "/seen.png ") +
+                   (login == "basic" ? "--allow-basic " : "") + "'" + rtsp + "' '" + http + "'");
     const json streams = Streams(result);
     ASSERT_EQ(streams.size(), 2u);
     EXPECT_GE(streams[0]["frames"], 10);
@@ -143,16 +157,39 @@ TEST(Live, FailuresAreOneClearLine) {
   }
 }
 
-TEST(Live, AFullCameraAndAnUnofferedTransportAreToldApart) {
+TEST(Live, AFullCameraIsToldApartAndAnUnofferedTransportMakesRoom) {
   RtspCamera full({"--max-sessions", "1"});
   const ShellResult one =
       RunOrvanta("live --frames 200 --seconds 5 --json " + full.Url() + " " + full.Url());
   EXPECT_EQ(one.status, 1);
   EXPECT_THAT(one.errors, HasSubstr("camera full"));
   RtspCamera tcpOnly({"--transports", "tcp"});
-  const ShellResult udp = RunOrvanta("live --transport udp " + tcpOnly.Url());
-  EXPECT_EQ(udp.status, 1);
-  EXPECT_THAT(udp.errors, HasSubstr("try interleaved TCP"));
+  const json udp =
+      Streams(RunOrvanta("live --json --frames 5 --transport udp " + tcpOnly.Url()))[0];
+  EXPECT_EQ(udp["transport"], "tcp");
+  EXPECT_GE(udp["frames"], 5);
+  const json http =
+      Streams(RunOrvanta("live --json --frames 5 --transport http " + tcpOnly.Url()))[0];
+  EXPECT_EQ(http["transport"], "http");
+  EXPECT_GE(http["frames"], 5);
+}
+
+// As a user goes about it: the refusal tells the fingerprint, which is then given.
+TEST(Live, ACamerasOwnCertificateIsTakenOnceItIsPinned) {
+  RtspCamera camera({"--tls", "--auth", "digest-sha256"});
+  const std::string url = "'" + test::WithCredentials(camera.Url(), "admin", "admin") + "'";
+  ASSERT_THAT(url, HasSubstr("rtsps://"));
+  const std::string live = "live --json --transport tcp --frames 5 ";
+  const ShellResult refused = RunOrvanta(live + url);
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_THAT(refused.errors, HasSubstr("certificate refused"));
+  constexpr char kBefore[] = "fingerprint is ";
+  const std::size_t at = refused.errors.find(kBefore);
+  ASSERT_NE(at, std::string::npos) << refused.errors;
+  const std::string shown = refused.errors.substr(at + sizeof kBefore - 1, 95);
+  EXPECT_GE(Streams(RunOrvanta(live + "--fingerprint " + shown + " " + url))[0]["frames"], 5);
+  EXPECT_GE(Streams(RunOrvanta(live + "--insecure " + url))[0]["frames"], 5);
+  EXPECT_EQ(RunOrvanta(live + "--fingerprint AB:CD " + url).status, 2);
 }
 
 TEST(Live, ACameraSwitchedOffAndOnIsBack) {
@@ -173,9 +210,8 @@ TEST(Live, ACameraSwitchedOffAndOnIsBack) {
 
 TEST(Live, StopsCleanlyOnSigterm) {
   RtspCamera camera;
-  const ShellResult result =
-      test::RunShell("timeout --preserve-status -s TERM 4 " + std::string(ORVANTA_BINARY) +
-                     " live --json " + camera.Url());
+  const ShellResult result = test::RunShell("timeout --preserve-status -s TERM 4 " +
+                                            test::OrvantaBinary() + " live --json " + camera.Url());
   EXPECT_GE(Streams(result)[0]["frames"], 10);
 }
 

@@ -50,6 +50,17 @@ def good(command, camera, *arguments, **options):
     return answer
 
 
+def is_reached_by_ipv6(bind):
+    with Camera("--bind", bind, "--size", "320x240") as camera:
+        assert camera.host.startswith("[::1]:"), camera.host
+        assert good("onvif", camera, "info")["Model"] and good("param", camera, "name")
+        quote = urllib.parse.quote
+        url = f"onvif://{quote(USER, safe='')}:{quote(PASSWORD, safe='')}@{camera.host}"
+        live = subprocess.run([PROGRAM, "live", url, "--frames", "3", "--seconds", str(LIMIT), "--json"],
+                              capture_output=True, check=False, timeout=2 * LIMIT)
+        assert live.returncode == 0 and json.loads(live.stdout)["streams"][0]["width"] == 320, live.stderr
+
+
 def sets_and_reads_back(style):
     with Camera("--auth", "digest", style=style) as camera:
         info = good("onvif", camera, "info")
@@ -226,6 +237,7 @@ CASES = [(fails_cleanly, "silent", ("no answer",)),  # the longest first
          (follows_the_clock, -40_000_000, "<+1245>-12:45", "Pacific/Chatham"),
          (follows_the_clock, to_the_change_in(3), "UTC0", "Europe/Berlin"),
          (follows_the_clock, to_the_change_in(10), "UTC0", "Europe/Berlin"),
+         (is_reached_by_ipv6, "::1"),
          *((sets_parameters, style) for style in ("plain", "pretty"))]
 
 

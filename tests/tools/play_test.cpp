@@ -7,6 +7,7 @@
 #include <string>
 
 #include "tests/playback/clip_recording.h"
+#include "tests/support/paths.h"
 #include "tests/support/shell.h"
 
 namespace {
@@ -96,7 +97,7 @@ TEST(PlayCommand, StopsCleanlyOnSigterm) {
   recording.count = 250;
   recording.Make().Write(folder.File("a.drv"));
   const test::ShellResult result =
-      test::RunShell("timeout --preserve-status -s TERM 3 " + std::string(ORVANTA_BINARY) +
+      test::RunShell("timeout --preserve-status -s TERM 3 " + test::OrvantaBinary() +
                      " play --json --slow " + folder.File("a.drv"));
   EXPECT_EQ(result.status, 0);
   EXPECT_GE(json::parse(result.output, nullptr, false)["sites"][0]["shown"], 5);

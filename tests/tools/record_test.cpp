@@ -15,6 +15,7 @@
 
 #include "tests/support/encoded_clip.h"
 #include "tests/support/faulty_file_io.h"
+#include "tests/support/paths.h"
 #include "tests/support/plain_decoder.h"
 #include "tests/support/recording_reader.h"
 #include "tests/support/rtsp_camera.h"
@@ -80,8 +81,8 @@ class Record : public testing::Test {
     const std::string pid = folder_.File("pid");
     test::ShellResult result;
     std::thread recording([&] {
-      result = test::RunShell(ORVANTA_BINARY " record --json --transport tcp --data " + Data() +
-                              " " + arguments + " & echo $! >" + pid + "; wait $!");
+      result = test::RunShell(test::OrvantaBinary() + " record --json --transport tcp --data " +
+                              Data() + " " + arguments + " & echo $! >" + pid + "; wait $!");
     });
     meanwhile();
     test::RunShell("kill -TERM $(cat " + pid + ")");

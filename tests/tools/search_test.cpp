@@ -9,6 +9,7 @@
 #include "cms/recording/event_db_info.h"
 #include "cms/recording/gap_log.h"
 #include "tests/recording/database_bytes.h"
+#include "tests/support/paths.h"
 #include "tests/support/recorded_clip.h"
 #include "tests/support/shell.h"
 
@@ -19,7 +20,7 @@ using test::RunOrvanta;
 using test::ShellResult;
 using testing::HasSubstr;
 
-constexpr std::int64_t kStart = 1'700'000'000;  // 2023-11-14T22:13:20Z
+constexpr std::int64_t kSearchStart = 1'700'000'000;  // 2023-11-14T22:13:20Z
 
 class Search : public testing::Test {
  protected:
@@ -30,8 +31,8 @@ class Search : public testing::Test {
       drv_ = data_.Add(site, test::RecordClip(spec));
     }
     FX_EventDBInfo event(0, 0, 7, 4, 3, 0, 554, L"Gate", L"10.0.0.7");
-    event.SetRecordTime(kStart + 1);
-    event.SetRecordTime(kStart + 2);
+    event.SetRecordTime(kSearchStart + 1);
+    event.SetRecordTime(kSearchStart + 2);
     std::ofstream(folder_.File("data/EventList0"), std::ios::binary)
         .write(reinterpret_cast<const char*>(&event), sizeof(event));
   }
@@ -50,8 +51,8 @@ TEST_F(Search, TellsDaysSpansEventsAndGaps) {
     std::filesystem::current_path(folder_.File("data/recordings"));
     cms::GapLogWriter gaps;
     gaps.SetSite({7, L"Gate", L"10.0.0.7", 554});
-    gaps.Begin(cms::GapCause::kDiskFull, kStart + 10);
-    gaps.End(kStart + 20);
+    gaps.Begin(cms::GapCause::kDiskFull, kSearchStart + 10);
+    gaps.End(kSearchStart + 20);
     std::filesystem::current_path(before);
   }
   for (const char* arguments :
@@ -112,8 +113,8 @@ TEST_F(Search, DrawsAMonthAndSaysWhoseTimesTheyAre) {
   EXPECT_THAT(result.output, HasSubstr(" 13 [14] 15 "));
   EXPECT_THAT(result.output, HasSubstr("Times are in UTC."));
   const ShellResult local =
-      test::RunShell("env TZ=Asia/Tokyo " ORVANTA_BINARY " search --data " + folder_.File("data") +
-                     " --from 2023-11-15 --to 2023-11-15");
+      test::RunShell("env TZ=Asia/Tokyo " + test::OrvantaBinary() + " search --data " +
+                     folder_.File("data") + " --from 2023-11-15 --to 2023-11-15");
   EXPECT_THAT(local.output, HasSubstr("2023-11-15T07:13:20+09:00"));
 }
 

@@ -35,7 +35,10 @@ const Camera kCameras[] = {
     {{"--gop", "10", "--audio", "pcmu"}, test::ClipCodec::kH264, 640, 360},
     {{"--codec", "mjpeg", "--fps", "10"}, test::ClipCodec::kMjpeg, 640, 360},
     {{"--codec", "mpeg4"}, test::ClipCodec::kMpeg4, 640, 360},
-    {{"--gop", "50", "--size", "1280x720"}, test::ClipCodec::kH264, 1280, 720},
+    {{"--codec", "h265", "--size", "960x540", "--slices", "3", "--gop", "50", "--audio", "aac"},
+     test::ClipCodec::kH265,
+     960,
+     540},
 };
 constexpr unsigned kSites = std::size(kCameras);
 
@@ -102,7 +105,7 @@ class WholeWay : public testing::Test {
       urls += " " + cameras.back()->Url();
     }
     const auto recorded =
-        RunOrvanta("record --json --seconds 6 --transport tcp " + DataOption() + urls);
+        RunOrvanta("record --json --seconds 9 --transport tcp " + DataOption() + urls);
     ASSERT_EQ(recorded.status, 0) << recorded.errors;
     std::vector<test::RecordedFile> files;
     for (const auto& day : fs::directory_iterator(player_.Path("data/recordings"))) {
@@ -138,7 +141,7 @@ class WholeWay : public testing::Test {
       EXPECT_EQ(span["site"], site + 1);
       EXPECT_EQ(span["start"], Utc(shots_[site].front().time / 1000));
       EXPECT_EQ(span["end"], Utc(shots_[site].back().time / 1000));
-      _MULTI_PB_SITE_CONFIG config;
+      cms::_MULTI_PB_SITE_CONFIG config;
       config.siteNumber = site + 1;
       for (const json& file : span["files"]) {
         config.files.push_back(cms::SystemPath(file.get<std::string>()));
@@ -226,7 +229,9 @@ class WholeWay : public testing::Test {
           test::ReadFrameNumber(reinterpret_cast<const std::uint8_t*>(raw.output.data()) + at,
                                 kWidth, kHeight, kWidth * 4, kCameras[site].width));
     }
-    const Shot* begin = &At(shots_[site], from * 1000);
+    const Shots& shots = shots_[site];
+    const Shot* begin = &*std::find_if(
+        shots.begin(), shots.end(), [from](const Shot& shot) { return shot.time >= from * 1000; });
     while (!begin->key) {
       --begin;
     }
@@ -234,7 +239,12 @@ class WholeWay : public testing::Test {
     for (; begin->time < (to + 1) * 1000; ++begin) {
       expected.push_back(begin->number);
     }
-    EXPECT_EQ(numbers, expected);
+    const auto [is, should] =
+        std::mismatch(numbers.begin(), numbers.end(), expected.begin(), expected.end());
+    EXPECT_EQ(numbers, expected) << numbers.size() << " and " << expected.size()
+                                 << " pictures, which differ from the " << is - numbers.begin()
+                                 << "th on: " << (is == numbers.end() ? -1 : *is) << " and "
+                                 << (should == expected.end() ? -1 : *should) << "; " << report;
   }
 
   test::Player player_;
