@@ -11,6 +11,13 @@ install(DIRECTORY ${PROJECT_SOURCE_DIR}/cms DESTINATION ${CMAKE_INSTALL_INCLUDED
         FILES_MATCHING PATTERN "*.h" PATTERN internal EXCLUDE)
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/orvanta-cms)
+# Where it was not built, or is not installed, the package orvanta-cms has no target orvanta::view.
+if(TARGET orvanta-cms-view)
+  install(TARGETS orvanta-cms-view EXPORT orvanta-cms-view-targets
+          LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT view NAMELINK_COMPONENT view_development)
+  install(EXPORT orvanta-cms-view-targets NAMESPACE orvanta:: DESTINATION ${package_dir}
+          COMPONENT view_development)
+endif()
 install(EXPORT orvanta-cms-targets NAMESPACE orvanta:: DESTINATION ${package_dir}
         COMPONENT development)
 configure_package_config_file(cmake/orvanta-cms-config.cmake.in orvanta-cms-config.cmake
@@ -36,12 +43,18 @@ install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs ${PROJECT_SOURCE_DIR}/examples
 
 if(TARGET orvanta)
   # The tool finds the library that it was installed with; in /usr the system does that.
+  set(library_users orvanta orvanta-fleet)
+  if(TARGET orvanta-view)
+    list(APPEND library_users orvanta-view)
+    install(TARGETS orvanta-view RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT view)
+  endif()
   if(NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
     set(bin_to_lib ${CMAKE_INSTALL_FULL_LIBDIR})
     cmake_path(RELATIVE_PATH bin_to_lib BASE_DIRECTORY ${CMAKE_INSTALL_FULL_BINDIR})
-    set_target_properties(orvanta PROPERTIES INSTALL_RPATH "$ORIGIN/${bin_to_lib}")
+    set_target_properties(${library_users} PROPERTIES INSTALL_RPATH "$ORIGIN/${bin_to_lib}")
   endif()
   install(TARGETS orvanta orvanta-camera RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+  install(TARGETS orvanta-fleet RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT fleet)
   install(DIRECTORY ${PROJECT_BINARY_DIR}/tools/manual/man1 DESTINATION ${CMAKE_INSTALL_MANDIR}
           COMPONENT tools)
   install(FILES ${PROJECT_BINARY_DIR}/tools/manual/completions/orvanta COMPONENT tools

@@ -18,7 +18,7 @@ constexpr int kBlock = 160;  // samples of 20 ms at 8000 Hz
 
 int main() {
   MULawDecoder decoder;
-  const CAudioDecoderConfig config{CMS_CODEC_PCM_MULAW, kBlock, 1, 0, nullptr};
+  const cms::CAudioDecoderConfig config{cms::CMS_CODEC_PCM_MULAW, kBlock, 1, 0, nullptr};
   if (decoder.Initialize(&config) != 1) {
     return 1;
   }

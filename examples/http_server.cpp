@@ -59,8 +59,8 @@ int Clock(HttpRequest* request, const char*, std::uint32_t) {
 int main(int argc, char** argv) {
   if (argc < 4) return std::fputs("usage: http_server PORT USER PASSWORD\n", stderr), 2;
   Login login{argv[2], argv[3]};
-  const tHttpServerConfigEx config{static_cast<std::uint16_t>(std::atoi(argv[1])), Password,
-                                   &login};
+  const cms::tHttpServerConfigEx config{static_cast<std::uint16_t>(std::atoi(argv[1])), Password,
+                                        &login};
   HttpServer* const server = CreateHttpServerEx(&config);
   EnableWholeRequests(server, 1);
   EnableStrictDigest(server, 1);

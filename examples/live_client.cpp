@@ -38,10 +38,9 @@ int main(int argc, char** argv) {
     std::fputs("usage: live_client URL [SECONDS [PICTURE.ppm]]\n", stderr);
     return 2;
   }
-  stRTSPClientConfig config;
+  cms::stRTSPClientConfig config;
   config.path = argv[1];
-  config.transport = kRtspTransportInterleaved;
-  config.ignoreDelimiters = true;  // some cameras send access-unit delimiters
+  config.transport = cms::kRtspTransportInterleaved;
   const tagSIZE display{640, 360};
 
   CMSRTSPClient camera;
@@ -61,7 +60,7 @@ int main(int argc, char** argv) {
     std::this_thread::sleep_for(std::chrono::seconds(1));
     unsigned decoded = 0;
     camera.GetDecodeStatus(0, &decoded, nullptr, nullptr);
-    CMSFrameData data;
+    cms::CMSFrameData data;
     camera.GetFrameData(&data, sizeof data);
     std::printf("%5.1f fps %7.0f kbit/s %5u pictures\n", data.fps, data.kbps, decoded);
   }

@@ -7,7 +7,6 @@
 // FOLDER` and `orvanta search --data FOLDER` read them.
 #include <csignal>
 #include <cstdio>
-#include <filesystem>
 #include <memory>
 #include <string>
 #include <thread>
@@ -17,6 +16,7 @@
 #include "cms/exports/net_exports.h"
 #include "cms/recording/recording_names.h"
 #include "cms/runtime/clock.h"
+#include "cms/runtime/wide_text.h"
 
 namespace {
 
@@ -26,13 +26,13 @@ class Site final : public CMSRTSPClient {
  public:
   Site(const std::string& url, int number) : number_(number) {
     AllocChannelData(1);
-    stRTSPClientConfig config;
+    cms::stRTSPClientConfig config;
     config.path = url;
-    config.transport = kRtspTransportInterleaved;
+    config.transport = cms::kRtspTransportInterleaved;
     configured_ = SetConfig(&config) != 0;
-    SetRecordDevice(nullptr, (L"Camera " + std::to_wstring(number)).c_str(), 554);
+    SetRecordDevice("", "Camera " + std::to_string(number), 554);
     stRecordParam param;
-    Path().copy(param.path, std::size(param.path) - 1);
+    param.SetPath(path_);
     SetRecordParam(param);
   }
   ~Site() override { CloseStream(); }
@@ -40,15 +40,15 @@ class Site final : public CMSRTSPClient {
   bool Start() {
     // A schedule's state: recording begins at once, and again by itself after trouble with the
     // disk.
-    TurnOnRecordingState(0, kRecordSchedule);
+    TurnOnRecordingState(0, cms::kRecordSchedule);
     return configured_ && KeepOpen() != 0;
   }
 
   // Once a second: a new folder for each day, and a line for people.
   void Look() {
-    if (const std::wstring path = Path(); path != path_) {
+    if (const std::string path = Path(); path != path_) {
       path_ = path;
-      ChangeRecordPath(path.c_str());
+      ChangeRecordPath(path);
     }
     const cms::RecordingStatus status = GetRecordingStatus();
     const auto gap = GetRecordingGap();
@@ -60,14 +60,15 @@ class Site final : public CMSRTSPClient {
   }
 
  private:
-  std::wstring Path() const {
-    const std::wstring day = cms::RecordingStamp(cms::WallSeconds()).substr(0, 8);
-    return L"..\\recordings\\" + day + L"\\Rec_Site" + std::to_wstring(number_) + L"_";
+  // Below FOLDER/recordings.
+  std::string Path() const {
+    const std::string day = cms::Utf8FromWide(cms::RecordingStamp(cms::WallSeconds()).substr(0, 8));
+    return day + "/Rec_Site" + std::to_string(number_) + "_";
   }
 
   const int number_;
   bool configured_ = false;
-  std::wstring path_ = Path();
+  std::string path_ = Path();
 };
 
 }  // namespace
@@ -77,16 +78,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: recorder FOLDER rtsp://...\n");
     return 2;
   }
-  // The databases lie beside the folder that the process works in.
-  std::error_code error;
-  const std::filesystem::path work = std::filesystem::path(argv[1]) / "recordings";
-  std::filesystem::create_directories(work, error);
-  std::filesystem::current_path(work, error);
-  if (error) {
-    std::fprintf(stderr, "recorder: %s: %s\n", work.c_str(), error.message().c_str());
-    return 1;
-  }
-  CRecFolderDBWriter().WriterRecFolderDB(0, L"..\\recordings");  // where searches look
+  cms::SetDataRoot(argv[1]);
   std::signal(SIGINT, [](int) { stop = 1; });
   std::signal(SIGTERM, [](int) { stop = 1; });
 

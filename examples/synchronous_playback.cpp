@@ -54,7 +54,7 @@ int main(int argc, char** argv) {
   }
   _MULTI_SITE_PLAYBACK_CONFIG config;
   for (int i = 2; i < argc; ++i) {
-    _MULTI_PB_SITE_CONFIG site;
+    cms::_MULTI_PB_SITE_CONFIG site;
     site.siteNumber = static_cast<std::uint32_t>(i - 1);
     site.files = {cms::SystemPath(argv[i])};
     config.sites.push_back(site);

@@ -8,10 +8,14 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 # shellcheck disable=SC2034
 build_packages=(
   cmake ninja-build g++ pkg-config
-  libssl-dev libcurl4-openssl-dev libasound2-dev libavcodec-dev libavutil-dev libswscale-dev libavformat-dev
-  libcli11-dev nlohmann-json3-dev libpng-dev libturbojpeg0-dev libsndfile1-dev libsamplerate0-dev
+  libssl-dev libcurl4-openssl-dev libasound2-dev libavcodec-dev libavutil-dev libswresample-dev libswscale-dev libavformat-dev
+  libcli11-dev libtomlplusplus-dev nlohmann-json3-dev libpng-dev libturbojpeg0-dev libsndfile1-dev libsamplerate0-dev libmosquitto-dev
+  libglib2.0-dev
   libgstrtspserver-1.0-dev libgstreamer-plugins-base1.0-dev libsoup-3.0-dev libxml2-dev
 )
+# What the viewer is built and run with, beside them.
+# shellcheck disable=SC2034
+view_packages=(libsdl2-dev libsdl2-ttf-dev libfontconfig-dev fonts-dejavu-core)
 # What the test camera plays with.
 # shellcheck disable=SC2034
 play_packages=(
@@ -19,8 +23,8 @@ play_packages=(
   gstreamer1.0-plugins-ugly gstreamer1.0-libav
 )
 # The tests and their peers.
-test_packages=("${build_packages[@]}" "${play_packages[@]}" libgtest-dev libgmock-dev ffmpeg sox python3 curl iproute2 procps
-  dpkg-dev chromium chromium-driver python3-selenium)
+test_packages=("${build_packages[@]}" "${view_packages[@]}" "${play_packages[@]}" libgtest-dev libgmock-dev ffmpeg sox python3 curl openssl iproute2 procps
+  dpkg-dev chromium chromium-driver firefox-esr python3-selenium mosquitto etcd-server etcd-client xvfb xauth xdotool)
 # The slower checks of .ci/run.
 # shellcheck disable=SC2034
 ci_packages=(
@@ -82,21 +86,27 @@ install_packages() {
   ) 8>"$root/build/.setup.lock"
 }
 
-# Configures and builds build/PRESET with all cores. Meant to run under the preset's lock.
+# build_preset PRESET [-DNAME=VALUE...] [--target TARGET...]: configures and builds build/PRESET with all
+# cores. Meant to run under the preset's lock.
 build_preset() {
-  local preset=$1 directory=$root/build/$1 quiet=()
+  local preset=$1 directory=$root/build/$1 options=() quiet=()
+  shift
+  while [[ ${1:-} == -D* ]]; do
+    options+=("$1")
+    shift
+  done
   local log=$directory.configure.log
   # A tree that was moved or copied keeps the old place in its cache, and cmake refuses it.
   if [[ -f $directory/CMakeCache.txt ]] &&
     ! grep -qxF "CMAKE_HOME_DIRECTORY:INTERNAL=$root" "$directory/CMakeCache.txt"; then
     rm -rf "$directory"
   fi
-  if ! (cd "$root" && cmake --preset "$preset") >"$log" 2>&1 </dev/null; then
+  if ! (cd "$root" && cmake --preset "$preset" "${options[@]}") >"$log" 2>&1 </dev/null; then
     cat "$log" >&2
     die "configuring failed (cmake --preset $preset)"
   fi
   [[ -t 2 ]] || quiet=(-- --quiet)
-  cmake --build "$directory" "${quiet[@]}" >&2 </dev/null ||
+  cmake --build "$directory" "$@" "${quiet[@]}" >&2 </dev/null ||
     die "building failed (cmake --build build/$preset)"
 }
 
