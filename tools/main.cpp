@@ -9,8 +9,11 @@ int main(int argc, char** argv) {
   tools::CommandResult result;
   tools::AddLiveCommand(app, result);
   tools::AddTalkCommand(app, result);
+  tools::AddUserCommand(app, result);
   tools::AddRecordCommand(app, result);
+  tools::AddViewCommand(app, argv + 1);
   tools::AddCameraCommand(app, argv + 1);
+  tools::AddFleetCommand(app, argc, argv);
   tools::AddServeCommand(app, result);
   tools::AddAudioCommand(app, result);
   tools::AddBroadcastCommand(app, result);
@@ -20,8 +23,13 @@ int main(int argc, char** argv) {
   tools::AddInspectCommand(app, result);
   tools::AddDbCommand(app, result);
   tools::AddRepairCommand(app, result);
+  tools::AddStorageCommand(app, result);
+  tools::AddKeepCommand(app, result);
+  tools::AddProtectCommand(app, result);
+  tools::AddRemoveCommand(app, result);
   tools::AddSearchCommand(app, result);
   tools::AddExportCommand(app, result);
+  tools::AddStatusCommand(app, result);
   tools::AddManualCommand(app, result);
   tools::AddPlayCommand(app, result);
   tools::CatchStopSignals();

@@ -16,7 +16,7 @@
 namespace tools {
 namespace {
 
-struct Arguments {
+struct AudioArguments {
   std::string in;
   std::string out;
   AudioStreamOptions stream;
@@ -80,7 +80,7 @@ void ThrowIfStopped() {
 }
 
 // Opening the output empties it.
-void RequireTwoFiles(const Arguments& arguments) {
+void RequireTwoFiles(const AudioArguments& arguments) {
   std::error_code ignored;
   if (std::filesystem::equivalent(arguments.in, arguments.out, ignored)) {
     throw UsageError("OUT", "is the input file");
@@ -93,7 +93,7 @@ std::uint64_t FileSize(const std::string& path) {
   return error ? 0 : size;
 }
 
-Totals Decode(const Arguments& arguments) {
+Totals Decode(const AudioArguments& arguments) {
   RequireTwoFiles(arguments);
   const auto stream = MakeAudioDecodeStream(arguments.stream);
   std::ifstream in(arguments.in, std::ios::binary);
@@ -127,7 +127,7 @@ Totals Decode(const Arguments& arguments) {
 }
 
 // Takes channels and rate from the WAV file.
-Totals Encode(Arguments& arguments) {
+Totals Encode(AudioArguments& arguments) {
   RequireTwoFiles(arguments);
   WaveFile in(arguments.in);
   arguments.stream.channels = in.Channels();
@@ -157,7 +157,7 @@ Totals Encode(Arguments& arguments) {
   return totals;
 }
 
-void Report(const Arguments& arguments, const Totals& totals) {
+void Report(const AudioArguments& arguments, const Totals& totals) {
   const double seconds = static_cast<double>(totals.samples) / arguments.rate;
   if (arguments.json) {
     const nlohmann::ordered_json report = {{"codec", arguments.stream.codec},
@@ -177,7 +177,7 @@ void Report(const Arguments& arguments, const Totals& totals) {
   }
 }
 
-void AddCommon(Command app, Arguments& arguments, const std::vector<std::string>& codecs) {
+void AddCommon(Command app, AudioArguments& arguments, const std::vector<std::string>& codecs) {
   std::string names;
   for (const std::string& each : codecs) {
     names += (names.empty() ? "" : "|") + each;
@@ -197,9 +197,9 @@ void AddCommon(Command app, Arguments& arguments, const std::vector<std::string>
 void ListDevices(bool json) {
   nlohmann::ordered_json all;
   for (const auto& [kind, name] :
-       {std::pair{kCMSAudioOutput, "outputs"}, {kCMSAudioInput, "inputs"}}) {
+       {std::pair{cms::kCMSAudioOutput, "outputs"}, {cms::kCMSAudioInput, "inputs"}}) {
     nlohmann::ordered_json& list = all[name] = nlohmann::ordered_json::array();
-    CMSAudioDeviceInfo device;
+    cms::CMSAudioDeviceInfo device;
     for (unsigned i = 0; GetAudioDeviceInfoByAudioType(kind, i, &device) != 0; ++i) {
       list.push_back({{"name", device.name}, {"description", device.description}});
     }
@@ -220,7 +220,7 @@ void ListDevices(bool json) {
 }  // namespace
 
 void AddAudioCommand(Command app, CommandResult& /*result*/) {
-  auto arguments = std::make_shared<Arguments>();
+  auto arguments = std::make_shared<AudioArguments>();
   const Command audio = app.Add("audio", "Convert audio of cameras from and to WAV");
   audio.RequireCommand();
 

@@ -24,8 +24,6 @@
 namespace tools {
 namespace {
 
-using std::chrono::milliseconds;
-
 // A peer that falls behind by more than its queue misses lines; a longer line has no room in it.
 constexpr int kPiece = 1024;
 constexpr int kPieces = 4096;
@@ -36,18 +34,18 @@ static_assert(kLongestLine <= std::size_t{kPiece} * kPieces / 2);
 constexpr int kMostPeers = 512;
 
 // How long a peer that takes nothing may hold up the end.
-constexpr milliseconds kPatience{2000};
-constexpr milliseconds kLook{10};
-constexpr milliseconds kReport{1000};
+constexpr std::chrono::milliseconds kPatience{2000};
+constexpr std::chrono::milliseconds kLookAtTheQueue{10};
+constexpr std::chrono::milliseconds kReport{1000};
 
-struct Arguments {
+struct BroadcastArguments {
   std::vector<std::string> addresses = {"127.0.0.1"};
   bool json = false;
 };
 
 class Broadcast {
  public:
-  explicit Broadcast(const Arguments& arguments) : arguments_(arguments) {
+  explicit Broadcast(const BroadcastArguments& arguments) : arguments_(arguments) {
     for (const std::string& text : arguments.addresses) {
       in_addr address{};
       inet_pton(AF_INET, text.c_str(), &address);  // checked by the option
@@ -162,19 +160,19 @@ class Broadcast {
   // Returns when every peer has everything, or those left take nothing any more.
   void LetPeersFinish() {
     std::size_t last = 0;
-    milliseconds waited{0};
+    std::chrono::milliseconds waited{0};
     for (std::size_t queued = 0; (queued = server_->QueuedBytes()) > 0 && waited < kPatience;) {
-      waited = queued == last ? waited + kLook : milliseconds(0);
+      waited = queued == last ? waited + kLookAtTheQueue : std::chrono::milliseconds(0);
       last = queued;
-      if (WaitForStop(kLook)) {
+      if (WaitForStop(kLookAtTheQueue)) {
         return;
       }
     }
   }
 
-  const Arguments& arguments_;
+  const BroadcastArguments& arguments_;
   std::vector<std::uint32_t> addresses_;
-  tTcpServerConfig config_;
+  cms::tTcpServerConfig config_;
   std::unique_ptr<CTcpServer, Destroy> server_;
   std::string line_;
   unsigned long long lines_ = 0;  // sent
@@ -185,7 +183,7 @@ class Broadcast {
 }  // namespace
 
 void AddBroadcastCommand(Command app, CommandResult& result) {
-  auto arguments = std::make_shared<Arguments>();
+  auto arguments = std::make_shared<BroadcastArguments>();
   const Command command =
       app.Add("broadcast", "A TCP server that sends every line of standard input to its peers");
   command

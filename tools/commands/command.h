@@ -21,18 +21,27 @@ void AddDbCommand(Command app, CommandResult& result);
 void AddDiscoverCommand(Command app, CommandResult& result);
 void AddExportCommand(Command app, CommandResult& result);
 void AddInspectCommand(Command app, CommandResult& result);
+void AddKeepCommand(Command app, CommandResult& result);
 void AddLiveCommand(Command app, CommandResult& result);
 void AddManualCommand(Command app, CommandResult& result);
 void AddOnvifCommand(Command app, CommandResult& result);
 void AddParamCommand(Command app, CommandResult& result);
 void AddPlayCommand(Command app, CommandResult& result);
+void AddProtectCommand(Command app, CommandResult& result);
 void AddRecordCommand(Command app, CommandResult& result);
+void AddRemoveCommand(Command app, CommandResult& result);
 void AddRepairCommand(Command app, CommandResult& result);
 void AddSearchCommand(Command app, CommandResult& result);
 void AddServeCommand(Command app, CommandResult& result);
+void AddStatusCommand(Command app, CommandResult& result);
+void AddStorageCommand(Command app, CommandResult& result);
 void AddTalkCommand(Command app, CommandResult& result);
+void AddUserCommand(Command app, CommandResult& result);
 
-// Another program does the job: `arguments` are the command line's, from "camera" on.
+// Another program does the job: `arguments` are the command line's, from "camera" or "view" on.
 void AddCameraCommand(Command app, char** arguments);
+// Likewise, at once when "fleet" is the first of the program's `count` arguments.
+void AddFleetCommand(Command app, int count, char** arguments);
+void AddViewCommand(Command app, char** arguments);
 
 }  // namespace tools

@@ -100,7 +100,7 @@ Databases Read() {
   return databases;
 }
 
-std::string Time(const Json& row, const char* name) {
+std::string RowTime(const Json& row, const char* name) {
   return cms::TextOfRecordTime(row.at(name).get<std::int64_t>());
 }
 
@@ -113,20 +113,20 @@ std::string Text(const Json& row, const char* name) {
   return text.empty() ? "-" : text;
 }
 
-void Print(const Databases& databases) {
+void PrintDatabases(const Databases& databases) {
   PrintTitle("Records", databases.records);
   for (const Json& row : databases.records) {
     std::printf("  site %-4u %-20s %-20s  %s  (%s, %s:%u)\n", row.at("site").get<unsigned>(),
-                Time(row, "start").c_str(), Time(row, "end").c_str(), Text(row, "file").c_str(),
-                Text(row, "site_name").c_str(), Text(row, "address").c_str(),
-                row.at("port").get<unsigned>());
+                RowTime(row, "start").c_str(), RowTime(row, "end").c_str(),
+                Text(row, "file").c_str(), Text(row, "site_name").c_str(),
+                Text(row, "address").c_str(), row.at("port").get<unsigned>());
   }
   PrintTitle("Events", databases.events);
   for (const Json& row : databases.events) {
     // Channels count from 1 for people, as `orvanta search` shows them, and from 0 in the record.
     std::printf("  site %-4u %-20s %-20s  %s of channel %u, %u s before it\n",
-                row.at("site").get<unsigned>(), Time(row, "start").c_str(),
-                Time(row, "end").c_str(), Text(row, "type").c_str(),
+                row.at("site").get<unsigned>(), RowTime(row, "start").c_str(),
+                RowTime(row, "end").c_str(), Text(row, "type").c_str(),
                 row.at("channel").get<unsigned>() + 1, row.at("pre_alarm").get<unsigned>());
   }
   PrintTitle("Folders", databases.folders);
@@ -135,20 +135,21 @@ void Print(const Databases& databases) {
   }
   PrintTitle("Spans", databases.spans);
   for (const Json& row : databases.spans) {
-    std::printf("  %-20s %-20s  %s\n", Time(row, "start").c_str(), Time(row, "end").c_str(),
+    std::printf("  %-20s %-20s  %s\n", RowTime(row, "start").c_str(), RowTime(row, "end").c_str(),
                 Text(row, "folder").c_str());
   }
   PrintTitle("Gaps", databases.gaps);
   for (const Json& row : databases.gaps) {
     std::printf("  site %-4u %-20s %-20s  %s\n", row.at("site").get<unsigned>(),
-                Time(row, "from").c_str(), Time(row, "to").c_str(), Text(row, "cause").c_str());
+                RowTime(row, "from").c_str(), RowTime(row, "to").c_str(),
+                Text(row, "cause").c_str());
   }
   for (const std::string& note : databases.notes) {
     std::printf("Note: %s.\n", note.c_str());
   }
 }
 
-struct Arguments {
+struct DbArguments {
   std::string data;
   bool json = false;
 };
@@ -156,7 +157,7 @@ struct Arguments {
 }  // namespace
 
 void AddDbCommand(Command app, CommandResult& /*result*/) {
-  auto arguments = std::make_shared<Arguments>();
+  auto arguments = std::make_shared<DbArguments>();
   const Command db = app.Add("db", "Show the databases of recordings");
   AddDataOption(db, arguments->data);
   db.AddFlag("--json", arguments->json, "print one JSON object");
@@ -169,7 +170,7 @@ void AddDbCommand(Command app, CommandResult& /*result*/) {
                            {"gaps", databases.gaps},       {"notes", databases.notes}};
       std::printf("%s\n", report.dump(2).c_str());
     } else {
-      Print(databases);
+      PrintDatabases(databases);
     }
   });
 }

@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "cms/ipcam/camera_probe.h"
 #include "cms/ipcam/config_utility.h"
 #include "tools/commands/command.h"
 #include "tools/support/camera_site.h"
@@ -15,12 +16,47 @@ namespace {
 
 constexpr int kListening = 25;  // seconds
 
-struct Arguments {
+struct DiscoverArguments {
   std::string target;
+  double probe = 0;  // seconds; 0: as ever
   bool json = false;
 };
 
-int Discover(const Arguments& arguments) {
+nlohmann::ordered_json DeviceJson(const cms::stDiscoveredDevice& device) {
+  nlohmann::ordered_json json{{"address", device.address},
+                              {"port", device.port},
+                              {"hardware", device.hardware},
+                              {"name", device.name},
+                              {"type", device.type}};
+  if (device.tls) {  // as HOST of the other commands
+    json["host"] = "https://" + device.address + ":" + device.port;
+  }
+  return json;
+}
+
+// Prints each as it is found.
+int Probe(const DiscoverArguments& arguments) {
+  nlohmann::ordered_json devices = nlohmann::ordered_json::array();
+  std::string error;
+  const bool asked = cms::ProbeForCameras(
+      {arguments.target, static_cast<int>(arguments.probe * 1000), StopDescriptor()},
+      [&](const cms::stDiscoveredDevice& device) {
+        devices.push_back(DeviceJson(device));
+        if (!arguments.json) {
+          PrintAnswer({{device.address + ":" + device.port, devices.back()}}, false);
+        }
+      },
+      error);
+  if (!asked) {
+    throw std::runtime_error(error);
+  }
+  if (arguments.json) {
+    PrintAnswer({{"devices", devices}}, true);
+  }
+  return 0;
+}
+
+int Discover(const DiscoverArguments& arguments) {
   CIPCAM_Config_Utility utility;
   {
     const CameraWait wait(utility, kListening);
@@ -29,12 +65,8 @@ int Discover(const Arguments& arguments) {
     }
   }
   nlohmann::ordered_json devices = nlohmann::ordered_json::array();
-  for (const stDiscoveredDevice& each : utility.DiscoveredDevices()) {
-    devices.push_back({{"address", each.address},
-                       {"port", each.port},
-                       {"hardware", each.hardware},
-                       {"name", each.name},
-                       {"type", each.type}});
+  for (const cms::stDiscoveredDevice& each : utility.DiscoveredDevices()) {
+    devices.push_back(DeviceJson(each));
   }
   PrintAnswer({{"devices", devices}}, arguments.json);
   return 0;
@@ -43,7 +75,7 @@ int Discover(const Arguments& arguments) {
 }  // namespace
 
 void AddDiscoverCommand(Command app, CommandResult& result) {
-  auto arguments = std::make_shared<Arguments>();
+  auto arguments = std::make_shared<DiscoverArguments>();
   const Command command =
       app.Add("discover", "Find ONVIF devices; listens for 25 seconds, or until Ctrl-C");
   command
@@ -51,8 +83,15 @@ void AddDiscoverCommand(Command app, CommandResult& result) {
                  "Ask this address only, instead of the whole network")
       .IPv4()
       .TypeName("ADDRESS");
+  command
+      .AddOption("--probe", arguments->probe,
+                 "Listen for so many seconds, ask by every interface, print each as it is found")
+      .TypeName("S")
+      .InRange(0.1, 86'400.0);
   command.AddFlag("--json", arguments->json, "Print one JSON object");
-  command.Run([arguments, &result] { result.status = Discover(*arguments); });
+  command.Run([arguments, &result] {
+    result.status = arguments->probe > 0 ? Probe(*arguments) : Discover(*arguments);
+  });
 }
 
 }  // namespace tools

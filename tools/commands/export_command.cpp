@@ -12,6 +12,7 @@
 #include "cms/playback/clip/recording_export.h"
 #include "tools/commands/command.h"
 #include "tools/data/data_folder.h"
+#include "tools/support/fisheye_options.h"
 #include "tools/support/picture_file.h"
 #include "tools/support/progress.h"
 #include "tools/support/stop_signal.h"
@@ -20,13 +21,14 @@
 namespace tools {
 namespace {
 
-struct Arguments {
+struct ExportArguments {
   std::vector<std::string> files;  // recordings, and the file to write
   std::string data;
   std::uint32_t site = 0;
   std::string from;
   std::string to;
   int stream = -1;
+  FisheyeArguments fisheye;
   bool json = false;
 };
 
@@ -41,7 +43,7 @@ bool IsPicture(const std::string& path) {
   return EndsWith(path, ".jpg") || EndsWith(path, ".jpeg");
 }
 
-void CheckUsage(const Arguments& arguments, const Command& command) {
+void CheckUsage(const ExportArguments& arguments, const Command& command) {
   const bool fromData = !arguments.data.empty();
   const std::string& out = arguments.files.back();
   if (!EndsWith(out, ".mp4") && !EndsWith(out, ".mkv") && !IsPicture(out)) {
@@ -58,7 +60,7 @@ void CheckUsage(const Arguments& arguments, const Command& command) {
   }
 }
 
-std::vector<cms::RecordingPart> PartsOf(const Arguments& arguments, const std::string& out) {
+std::vector<cms::RecordingPart> PartsOf(const ExportArguments& arguments, const std::string& out) {
   cms::RecordingPart interval;
   if (!arguments.from.empty()) {
     interval.first = ReadTime("--from", arguments.from);
@@ -121,7 +123,7 @@ cms::ExportResult Write(const cms::RecordingSource& source, const std::string& o
   return result;
 }
 
-int Run(const Arguments& arguments, const Command& command) {
+int RunExport(const ExportArguments& arguments, const Command& command) {
   CheckUsage(arguments, command);
   const std::string out = AbsolutePath(arguments.files.back());
   cms::RecordingSource source;
@@ -129,6 +131,7 @@ int Run(const Arguments& arguments, const Command& command) {
   if (arguments.stream >= 0) {
     source.stream = static_cast<unsigned>(arguments.stream);
   }
+  source.fisheye = FisheyeOf(arguments.fisheye);
   const cms::ExportResult summary =
       Write(source, out, arguments.from.empty() && arguments.to.empty());
   if (arguments.json) {
@@ -163,7 +166,7 @@ int Run(const Arguments& arguments, const Command& command) {
 }  // namespace
 
 void AddExportCommand(Command app, CommandResult& result) {
-  auto arguments = std::make_shared<Arguments>();
+  auto arguments = std::make_shared<ExportArguments>();
   const Command command =
       app.Add("export", "Write recordings as MP4 or Matroska, or a picture of them");
   command
@@ -183,8 +186,9 @@ void AddExportCommand(Command app, CommandResult& result) {
       .AddOption("--stream", arguments->stream,
                  "which of several streams in a file; without it that of the first picture")
       .InRange(0, 3);
+  AddFisheyeOptions(command, arguments->fisheye);
   command.AddFlag("--json", arguments->json, "print one JSON object; its times are in UTC");
-  command.Run([arguments, command, &result] { result.status = Run(*arguments, command); });
+  command.Run([arguments, command, &result] { result.status = RunExport(*arguments, command); });
 }
 
 }  // namespace tools

@@ -22,7 +22,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-struct Arguments {
+struct InspectArguments {
   std::string file;
   bool frames = false;
   bool json = false;
@@ -41,7 +41,7 @@ struct Content {
   // indexed yet is no mismatch.
   std::uint64_t Mismatches() const {
     const std::uint64_t underway = recording ? index.behind : 0;
-    const bool torn = index.torn_bytes > 0 && !recording;
+    const bool torn = index.tornBytes > 0 && !recording;
     return index.dropped + index.added - underway + (torn ? 1 : 0);
   }
 };
@@ -51,19 +51,21 @@ std::string CodecOf(cms::DrvWalker& walker, const cms::DrvFrame& frame) {
   if (frame.header.IsAudio()) {
     std::uint32_t codec = 0;
     std::memcpy(&codec, &frame.header.Bytes()[16], sizeof codec);
-    const auto name = cms::EncodingNameOf(static_cast<int>(codec));
-    return !name.empty() || codec == CMS_CODEC_NONE ? std::string(name) : std::to_string(codec);
+    const auto name = cms::CodecNameOf(static_cast<int>(codec));
+    return !name.empty() || codec == cms::CMS_CODEC_NONE ? std::string(name)
+                                                         : std::to_string(codec);
   }
-  constexpr std::size_t kProbed = 4;
+  constexpr std::size_t kProbed = 8;
   std::array<std::uint8_t, 4096> bytes;
-  const auto area = static_cast<std::size_t>(frame.payload_offset - frame.offset);
+  const auto area = static_cast<std::size_t>(frame.payloadOffset - frame.offset);
   const std::size_t read = area + kProbed > bytes.size()
                                ? 0
                                : walker.Read(frame, std::span(bytes).first(area + kProbed));
   if (read < area + kProbed) {
     return "";
   }
-  const CMSVideoType type = cms::VideoTypeOf(std::span(bytes).subspan(area, kProbed));
+  const cms::CMSVideoType type = cms::VideoTypeOfKeyFrame(std::span(bytes).first(area),
+                                                          std::span(bytes).subspan(area, kProbed));
   return std::string(cms::EncodingNameOf(cms::CodecOfVideoType(type)));
 }
 
@@ -108,9 +110,9 @@ void PrintRow(const cms::DrvFrame& frame) {
               cms::TextOfRecordTime(header.Seconds()).c_str(), MarksOf(header).c_str());
 }
 
-void Walk(const Arguments& arguments, int handle, Content& content) {
+void Walk(const InspectArguments& arguments, int handle, Content& content) {
   cms::DrvWalker walker(cms::SystemFileIo(), handle);
-  Progress progress(arguments.frames && !arguments.json ? 0 : walker.Report().file_size);
+  Progress progress(arguments.frames && !arguments.json ? 0 : walker.Report().fileSize);
   if (arguments.frames && !arguments.json) {
     std::printf("%12s %9s  %-5s %6s %9s  %-20s  %s\n", "offset", "bytes", "kind", "stream",
                 "sequence", "time", "marks");
@@ -137,7 +139,7 @@ void Walk(const Arguments& arguments, int handle, Content& content) {
   }
 }
 
-Content Inspect(const Arguments& arguments) {
+Content Inspect(const InspectArguments& arguments) {
   cms::FileIo& io = cms::SystemFileIo();
   Content content;
   const cms::ScopedFile file(io, arguments.file, cms::kFileRead);
@@ -145,7 +147,7 @@ Content Inspect(const Arguments& arguments) {
   if (!file || !io.Status(arguments.file, status)) {
     throw std::runtime_error(arguments.file + ": " + std::strerror(errno));
   }
-  if (!status.is_regular) {
+  if (!status.isRegular) {
     throw std::runtime_error(arguments.file + ": is not a file");
   }
   {
@@ -170,7 +172,7 @@ Content Inspect(const Arguments& arguments) {
 }
 
 std::string TailText(const cms::DrvWalkReport& walk) {
-  const std::string bytes = std::to_string(walk.tail_length) + " bytes";
+  const std::string bytes = std::to_string(walk.tailLength) + " bytes";
   switch (walk.tail) {
     case cms::DrvTail::kTornFrame:
       return "a torn frame of " + bytes;
@@ -189,45 +191,45 @@ unsigned long long Long(std::uint64_t number) {
   return number;
 }
 
-void Print(const Arguments& arguments, const Content& content) {
+void PrintContent(const InspectArguments& arguments, const Content& content) {
   const cms::DrvWalkReport& walk = content.walk;
   const auto line = [](const char* name, const std::string& text) {
     std::printf("  %-11s %s\n", name, text.c_str());
   };
   const auto number = [](std::uint64_t value) { return std::to_string(value); };
   std::printf("%s%s\n", arguments.frames ? "\n" : "", arguments.file.c_str());
-  line("size", number(walk.file_size) + " bytes" +
+  line("size", number(walk.fileSize) + " bytes" +
                    (content.recording ? ", being recorded at this moment" : ""));
   line("time",
-       walk.first_seconds == 0
+       walk.firstSeconds == 0
            ? "-"
-           : cms::TextOfRecordTime(walk.first_seconds) + " to " +
-                 cms::TextOfRecordTime(walk.last_seconds) + " (" +
-                 std::to_string(walk.latest_seconds - walk.earliest_seconds) + " s" +
-                 (walk.last_seconds < walk.latest_seconds ? ", the clock stepped back)" : ")"));
+           : cms::TextOfRecordTime(walk.firstSeconds) + " to " +
+                 cms::TextOfRecordTime(walk.lastSeconds) + " (" +
+                 std::to_string(walk.latestSeconds - walk.earliestSeconds) + " s" +
+                 (walk.lastSeconds < walk.latestSeconds ? ", the clock stepped back)" : ")"));
   line("codec", (content.codec.empty() ? "-" : content.codec) +
                     (content.audioCodec.empty() ? "" : ", sound " + content.audioCodec));
-  line("frames", number(walk.frames) + ": " + number(walk.frames - walk.audio_frames) + " video, " +
-                     number(walk.key_frames) + " of them key frames, " + number(walk.audio_frames) +
+  line("frames", number(walk.frames) + ": " + number(walk.frames - walk.audioFrames) + " video, " +
+                     number(walk.keyFrames) + " of them key frames, " + number(walk.audioFrames) +
                      " audio");
-  line("skipped", number(walk.skipped_bytes) + " bytes that belong to no frame");
+  line("skipped", number(walk.skippedBytes) + " bytes that belong to no frame");
   for (const auto& range : walk.skipped) {
     std::printf("  %-11s %llu bytes at %llu\n", "", Long(range.length), Long(range.offset));
   }
-  line("bad checks", number(walk.bad_checks));
+  line("bad checks", number(walk.badChecks));
   line("end", TailText(walk));
   const cms::IdxRebuild& index = content.index;
   if (!content.hasIndex) {
     line("index", "missing");
   } else {
     line("index", number(index.records - index.added + index.dropped) + " records" +
-                      (index.key_frames_only ? " of key frames alone" : "") + ", " +
+                      (index.keyFramesOnly ? " of key frames alone" : "") + ", " +
                       number(content.Mismatches()) + " mismatches");
   }
   if (content.Mismatches() != 0) {
     line("", number(index.dropped) + " records without a frame, " + number(index.added) +
                  " frames without a record" +
-                 (index.torn_bytes > 0 ? ", the last record torn" : ""));
+                 (index.tornBytes > 0 ? ", the last record torn" : ""));
   }
   const bool cuttable = walk.tail != cms::DrvTail::kNone && walk.tail != cms::DrvTail::kForeign;
   if (!content.recording && (content.Mismatches() != 0 || cuttable)) {
@@ -235,21 +237,21 @@ void Print(const Arguments& arguments, const Content& content) {
   }
 }
 
-void PrintJson(const Arguments& arguments, Content& content) {
+void PrintContentJson(const InspectArguments& arguments, Content& content) {
   constexpr const char* kTails[] = {"whole", "torn frame", "torn header", "zeros", "foreign"};
   const cms::DrvWalkReport& walk = content.walk;
   const cms::IdxRebuild& index = content.index;
   Json report = {{"frames", walk.frames},
-                 {"video", walk.frames - walk.audio_frames},
-                 {"audio", walk.audio_frames},
-                 {"key_frames", walk.key_frames},
-                 {"bytes", walk.file_size},
-                 {"skipped_bytes", walk.skipped_bytes},
-                 {"bad_checks", walk.bad_checks},
+                 {"video", walk.frames - walk.audioFrames},
+                 {"audio", walk.audioFrames},
+                 {"key_frames", walk.keyFrames},
+                 {"bytes", walk.fileSize},
+                 {"skipped_bytes", walk.skippedBytes},
+                 {"bad_checks", walk.badChecks},
                  {"idx_records", index.records - index.added + index.dropped},
                  {"idx_mismatches", content.Mismatches()},
-                 {"first", walk.first_seconds},
-                 {"last", walk.last_seconds},
+                 {"first", walk.firstSeconds},
+                 {"last", walk.lastSeconds},
                  {"codec", content.codec},
                  {"audio_codec", content.audioCodec},
                  {"end", kTails[static_cast<std::size_t>(walk.tail)]},
@@ -263,7 +265,7 @@ void PrintJson(const Arguments& arguments, Content& content) {
 }  // namespace
 
 void AddInspectCommand(Command app, CommandResult& /*result*/) {
-  auto arguments = std::make_shared<Arguments>();
+  auto arguments = std::make_shared<InspectArguments>();
   const Command inspect =
       app.Add("inspect", "Walk through a recording and compare its index with it");
   inspect.AddOption("FILE", arguments->file, "the .drv file; its .idx lies beside it").Required();
@@ -272,9 +274,9 @@ void AddInspectCommand(Command app, CommandResult& /*result*/) {
   inspect.Run([arguments] {
     Content content = Inspect(*arguments);
     if (arguments->json) {
-      PrintJson(*arguments, content);
+      PrintContentJson(*arguments, content);
     } else {
-      Print(*arguments, content);
+      PrintContent(*arguments, content);
     }
   });
 }

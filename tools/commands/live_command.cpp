@@ -14,8 +14,10 @@
 
 #include "cms/exports/net_exports.h"
 #include "tools/commands/command.h"
+#include "tools/support/fisheye_options.h"
 #include "tools/support/live_site.h"
 #include "tools/support/live_summary.h"
+#include "tools/support/log_output.h"
 #include "tools/support/status_lines.h"
 #include "tools/support/stop_signal.h"
 #include "tools/support/stream_options.h"
@@ -25,22 +27,24 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-struct Arguments {
+struct LiveArguments {
   StreamArguments streams;
   double seconds = 0;
   std::uint64_t frames = 0;
   std::string size;
   std::string snapshot;
+  FisheyeArguments fisheye;
   bool noDecode = false;
   bool listen = false;
   std::string device;
   bool json = false;
+  LogArguments log;
   bool quiet = false;
 };
 
 constexpr long kLargestSide = 16384;
 
-void ReadSize(const std::string& text, LiveOptions* options) {
+void ReadPictureSize(const std::string& text, LiveOptions* options) {
   if (text.empty()) {
     return;
   }
@@ -84,14 +88,15 @@ bool IsPngName(const std::string& path) {
 
 class Live {
  public:
-  explicit Live(const Arguments& arguments)
+  explicit Live(const LiveArguments& arguments)
       : arguments_(arguments), lines_(arguments.json ? stderr : stdout) {
     for (std::size_t i = 0; i < arguments.streams.urls.size(); ++i) {
       LiveOptions options = OptionsOf(arguments.streams, i);
       options.decode = !arguments.noDecode;
       options.listen = arguments.listen;
       options.listenDevice = arguments.device;
-      ReadSize(arguments.size, &options);
+      ReadPictureSize(arguments.size, &options);
+      options.fisheye = FisheyeOf(arguments.fisheye);
       sites_.push_back(std::make_unique<LiveSite>(options));
     }
   }
@@ -134,8 +139,8 @@ class Live {
   // No camera has ever delivered, and each has failed at least once: there is nothing to wait for.
   bool AllFailed() const {
     return std::all_of(sites_.begin(), sites_.end(), [](auto& site) {
-      return site->Status().state == ConnectionState::kWaiting &&
-             site->Status().fault != ConnectionFault::kNone && !site->EverDelivered();
+      return site->Status().state == cms::ConnectionState::kWaiting &&
+             site->Status().fault != cms::ConnectionFault::kNone && !site->EverDelivered();
     });
   }
 
@@ -187,7 +192,7 @@ class Live {
     return status;
   }
 
-  const Arguments& arguments_;
+  const LiveArguments& arguments_;
   StatusLines lines_;
   std::vector<std::unique_ptr<LiveSite>> sites_;
 };
@@ -195,7 +200,7 @@ class Live {
 }  // namespace
 
 void AddLiveCommand(Command app, CommandResult& result) {
-  auto arguments = std::make_shared<Arguments>();
+  auto arguments = std::make_shared<LiveArguments>();
   const Command live = app.Add("live", "Receive and watch cameras");
   AddStreamOptions(live, arguments->streams);
   live.AddOption("--seconds", arguments->seconds, "end after so many seconds").Positive();
@@ -205,11 +210,13 @@ void AddLiveCommand(Command app, CommandResult& result) {
   live.AddOption("--snapshot", arguments->snapshot,
                  "write the last picture; several cameras get FILE-1.png, FILE-2.png ...")
       .TypeName("FILE.png");
+  AddFisheyeOptions(live, arguments->fisheye);
   live.AddFlag("--no-decode", arguments->noDecode, "receive and count only");
   const Option listen = live.AddFlag("--listen", arguments->listen, "play the sound");
   live.AddOption("--device", arguments->device, "sound device, see orvanta audio devices")
       .Needs(listen);
   live.AddFlag("--json", arguments->json, "print one JSON object at the end");
+  AddLogOptions(live, arguments->log);
   live.AddFlag("--quiet", arguments->quiet, "show nothing before the end");
   live.Run([arguments, &result] {
     if (arguments->noDecode && !arguments->snapshot.empty()) {
@@ -219,6 +226,7 @@ void AddLiveCommand(Command app, CommandResult& result) {
       throw UsageError("--snapshot",
                        "writes PNG: \"" + arguments->snapshot + "\" does not end in .png");
     }
+    const LogOutput log(LogLevelOf(arguments->log, "off"));
     result.status = Live(*arguments).Run();
   });
 }

@@ -11,6 +11,10 @@
 
 #include "cms/runtime/wide_text.h"
 #include "tools/commands/command.h"
+#include "tools/commands/onvif_device_commands.h"
+#include "tools/commands/onvif_events_command.h"
+#include "tools/commands/onvif_media_commands.h"
+#include "tools/commands/onvif_ptz_command.h"
 #include "tools/support/camera_site.h"
 #include "tools/support/onvif_json.h"
 #include "tools/support/time_text.h"
@@ -37,12 +41,12 @@ struct ImagingArguments {
   std::optional<double> saturation;
   std::optional<double> contrast;
   std::optional<double> sharpness;
-  std::optional<std::string> ir_cut_filter;
-  std::optional<std::string> white_balance;
-  double cr_gain = 0;
-  double cb_gain = 0;
+  std::optional<std::string> irCutFilter;
+  std::optional<std::string> whiteBalance;
+  double crGain = 0;
+  double cbGain = 0;
   std::optional<std::string> backlight;
-  std::optional<std::string> wide_dynamic_range;
+  std::optional<std::string> wideDynamicRange;
 };
 
 struct NetworkArguments {
@@ -54,7 +58,7 @@ struct NetworkArguments {
   std::optional<std::string> dns;
 };
 
-struct Arguments {
+struct OnvifArguments {
   SiteArguments site;
   std::string profile;
   std::string configuration;
@@ -62,8 +66,8 @@ struct Arguments {
   ImagingArguments imaging;
   NetworkArguments network;
   std::string name;
-  std::string video_source;
-  std::string video_encoder;
+  std::string videoSource;
+  std::string videoEncoder;
   std::string metadata;
   bool yes = false;
 };
@@ -72,17 +76,17 @@ std::optional<std::wstring> Wide(const std::optional<std::string>& text) {
   return text ? std::optional(cms::WideFromUtf8(*text)) : std::nullopt;
 }
 
-Json Info(CameraSite& site, const Arguments&) {
+Json Info(CameraSite& site, const OnvifArguments&) {
   site.Require(site->GetDeviceInformation());
   return ToJson(site->ONVIFConfiguration().device);
 }
 
-Json Profiles(CameraSite& site, const Arguments&) {
+Json Profiles(CameraSite& site, const OnvifArguments&) {
   site.Require(site->GetVideoProfileONVIFConfig());
   return {{"Profiles", ListJson(site->ONVIFConfiguration().profiles)}};
 }
 
-Json Uri(CameraSite& site, const Arguments& arguments) {
+Json Uri(CameraSite& site, const OnvifArguments& arguments) {
   std::wstring token = cms::WideFromUtf8(arguments.profile);
   if (token.empty()) {
     site.Require(site->GetVideoProfileONVIFConfig());
@@ -96,19 +100,19 @@ Json Uri(CameraSite& site, const Arguments& arguments) {
   return {{"ProfileToken", cms::Utf8FromWide(token)}, {"Uri", cms::Utf8FromWide(uri)}};
 }
 
-Json Encoders(CameraSite& site, const Arguments&) {
+Json Encoders(CameraSite& site, const OnvifArguments&) {
   site.Require(site->GetVideoProfileONVIFConfig());
   return {{"Configurations", ListJson(site->ONVIFConfiguration().videoEncoders)}};
 }
 
-Json Options(CameraSite& site, const Arguments& arguments) {
-  stVideoEncoderOptions options;
+Json EncoderOptions(CameraSite& site, const OnvifArguments& arguments) {
+  cms::stVideoEncoderOptions options;
   site.Require(site->ONVIF_GetVideoEncoderConfigurationOptions(
       cms::WideFromUtf8(arguments.configuration), cms::WideFromUtf8(arguments.profile), options));
   return {{"Options", ToJson(options)}};
 }
 
-stVideoEncoderConfiguration FindEncoder(CameraSite& site, const std::string& token) {
+cms::stVideoEncoderConfiguration FindEncoder(CameraSite& site, const std::string& token) {
   site.Require(site->GetVideoProfileONVIFConfig());
   const auto& encoders = site->ONVIFConfiguration().videoEncoders;
   const auto found = std::find_if(encoders.begin(), encoders.end(), [&](const auto& each) {
@@ -120,7 +124,7 @@ stVideoEncoderConfiguration FindEncoder(CameraSite& site, const std::string& tok
   return *found;
 }
 
-void ReadSize(const std::string& text, stResolution* size) {
+void ReadEncoderSize(const std::string& text, cms::stResolution* size) {
   char rest = 0;
   if (std::sscanf(text.c_str(), "%5dx%5d%c", &size->width, &size->height, &rest) != 2 ||
       size->width <= 0 || size->height <= 0) {
@@ -129,13 +133,13 @@ void ReadSize(const std::string& text, stResolution* size) {
 }
 
 // Prints what the camera has afterwards.
-Json SetEncoder(CameraSite& site, const Arguments& arguments) {
+Json SetEncoder(CameraSite& site, const OnvifArguments& arguments) {
   const EncoderArguments& wanted = arguments.encoder;
-  stResolution size;
+  cms::stResolution size;
   if (wanted.size) {
-    ReadSize(*wanted.size, &size);
+    ReadEncoderSize(*wanted.size, &size);
   }
-  stVideoEncoderConfiguration encoder = FindEncoder(site, wanted.token);
+  cms::stVideoEncoderConfiguration encoder = FindEncoder(site, wanted.token);
   encoder.encoding = Wide(wanted.encoding).value_or(encoder.encoding);
   encoder.resolution = wanted.size ? size : encoder.resolution;
   encoder.quality = wanted.quality.value_or(encoder.quality);
@@ -148,44 +152,44 @@ Json SetEncoder(CameraSite& site, const Arguments& arguments) {
   return {{"Configuration", ToJson(FindEncoder(site, wanted.token))}};
 }
 
-Json ReadImaging(CameraSite& site, const Arguments&) {
+Json ReadImaging(CameraSite& site, const OnvifArguments&) {
   site.Require(site->GetVideoPropertyONVIFConfig());
-  const stONVIFConfiguration& read = site->ONVIFConfiguration();
+  const cms::stONVIFConfiguration& read = site->ONVIFConfiguration();
   return {{"VideoSourceToken", cms::Utf8FromWide(read.videoSourceToken)},
           {"ImagingSettings", ToJson(read.imaging)},
           {"ImagingOptions", ToJson(read.imagingOptions)}};
 }
 
-Json SetImaging(CameraSite& site, const Arguments& arguments) {
+Json SetImaging(CameraSite& site, const OnvifArguments& arguments) {
   const ImagingArguments& wanted = arguments.imaging;
-  stImagingSettings settings;
+  cms::stImagingSettings settings;
   settings.brightness = wanted.brightness;
   settings.colorSaturation = wanted.saturation;
   settings.contrast = wanted.contrast;
   settings.sharpness = wanted.sharpness;
-  settings.irCutFilter = Wide(wanted.ir_cut_filter);
-  if (wanted.white_balance) {
+  settings.irCutFilter = Wide(wanted.irCutFilter);
+  if (wanted.whiteBalance) {
     settings.whiteBalance =
-        stWhiteBalance{cms::WideFromUtf8(*wanted.white_balance), wanted.cr_gain, wanted.cb_gain};
+        cms::stWhiteBalance{cms::WideFromUtf8(*wanted.whiteBalance), wanted.crGain, wanted.cbGain};
   }
   settings.backlightCompensation = Wide(wanted.backlight);
-  settings.wideDynamicRange = Wide(wanted.wide_dynamic_range);
+  settings.wideDynamicRange = Wide(wanted.wideDynamicRange);
   site.Require(site->SetVideoPropertyONVIFConfig(settings));
   return ReadImaging(site, arguments);
 }
 
-Json ReadNetwork(CameraSite& site, const Arguments&) {
+Json ReadNetwork(CameraSite& site, const OnvifArguments&) {
   site.Require(site->GetNetworkONVIFConfig());
   return ToJson(site->ONVIFConfiguration().network);
 }
 
 // The camera may be elsewhere afterwards, so nothing is read back.
-Json SetNetwork(CameraSite& site, const Arguments& arguments) {
+Json SetNetwork(CameraSite& site, const OnvifArguments& arguments) {
   const NetworkArguments& wanted = arguments.network;
   if (wanted.dhcp == !wanted.address.empty()) {
     throw UsageError("set-network", "say either --dhcp or --address");
   }
-  stNetworkSettings settings;
+  cms::stNetworkSettings settings;
   settings.interfaceToken = cms::WideFromUtf8(wanted.interface);
   if (wanted.interface.empty()) {
     site.Require(site->GetNetworkONVIFConfig());
@@ -206,7 +210,7 @@ Json SetNetwork(CameraSite& site, const Arguments& arguments) {
   return {{"InterfaceToken", cms::Utf8FromWide(settings.interfaceToken)}};
 }
 
-Json CreateProfile(CameraSite& site, const Arguments& arguments) {
+Json CreateProfile(CameraSite& site, const OnvifArguments& arguments) {
   std::wstring token;
   site.Require(site->ONVIF_CreateProfile(cms::WideFromUtf8(arguments.name), token));
   const auto add = [&](bool (CIPCAM_Config_Utility::*put)(const std::wstring&, const std::wstring&),
@@ -215,19 +219,19 @@ Json CreateProfile(CameraSite& site, const Arguments& arguments) {
       site.Require(((*site.operator->()).*put)(token, cms::WideFromUtf8(configuration)));
     }
   };
-  add(&CIPCAM_Config_Utility::ONVIF_AddVideoSourceConfiguration, arguments.video_source);
-  add(&CIPCAM_Config_Utility::ONVIF_AddVideoEncoderConfiguration, arguments.video_encoder);
+  add(&CIPCAM_Config_Utility::ONVIF_AddVideoSourceConfiguration, arguments.videoSource);
+  add(&CIPCAM_Config_Utility::ONVIF_AddVideoEncoderConfiguration, arguments.videoEncoder);
   add(&CIPCAM_Config_Utility::ONVIF_AddMetadataConfiguration, arguments.metadata);
   return {{"ProfileToken", cms::Utf8FromWide(token)}};
 }
 
-Json Clock(CameraSite& site, const Arguments&) {
+Json CameraClock(CameraSite& site, const OnvifArguments&) {
   site.Require(site->ONVIF_Device_GetSystemDateAndTime());
   const std::int64_t ahead = site->ClockOffset();
   return {{"UTCDateTime", UtcTime(std::time(nullptr) + ahead)}, {"SecondsAhead", ahead}};
 }
 
-Json FactoryDefault(CameraSite& site, const Arguments& arguments) {
+Json FactoryDefault(CameraSite& site, const OnvifArguments& arguments) {
   if (!arguments.yes) {
     throw UsageError("factory-default", "forgets all settings, the network's too; say --yes");
   }
@@ -238,15 +242,17 @@ Json FactoryDefault(CameraSite& site, const Arguments& arguments) {
 }  // namespace
 
 void AddOnvifCommand(Command app, CommandResult& result) {
-  auto arguments = std::make_shared<Arguments>();
-  const auto add = AddSiteCommand(app, "onvif", "Read and change a camera's settings over ONVIF",
-                                  arguments, result);
+  auto arguments = std::make_shared<OnvifArguments>();
+  const Command onvif = AddSiteCommand(
+      app, "onvif", "Read and change a camera's settings over ONVIF, hear what it tells",
+      arguments->site);
+  const auto add = SiteSubcommands(onvif, arguments, result);
   add("info", "Maker, model, firmware, serial number", Info);
   add("profiles", "The media profiles", Profiles);
   add("uri", "Where a profile is streamed", Uri)
       .AddOption("--profile", arguments->profile, "Its token; the first one's when not given");
   add("encoders", "What the video encoders are set to", Encoders);
-  const Command options = add("options", "What a video encoder can be set to", Options);
+  const Command options = add("options", "What a video encoder can be set to", EncoderOptions);
   options.AddOption("--token", arguments->configuration, "The encoder configuration's token");
   options.AddOption("--profile", arguments->profile, "A profile's token");
 
@@ -269,12 +275,12 @@ void AddOnvifCommand(Command app, CommandResult& result) {
   set.AddOption("--saturation", imaging.saturation);
   set.AddOption("--contrast", imaging.contrast);
   set.AddOption("--sharpness", imaging.sharpness);
-  set.AddOption("--ir-cut-filter", imaging.ir_cut_filter, "ON, OFF or AUTO");
-  set.AddOption("--white-balance", imaging.white_balance, "AUTO or MANUAL");
-  set.AddOption("--cr-gain", imaging.cr_gain).Needs("--white-balance");
-  set.AddOption("--cb-gain", imaging.cb_gain).Needs("--white-balance");
+  set.AddOption("--ir-cut-filter", imaging.irCutFilter, "ON, OFF or AUTO");
+  set.AddOption("--white-balance", imaging.whiteBalance, "AUTO or MANUAL");
+  set.AddOption("--cr-gain", imaging.crGain).Needs("--white-balance");
+  set.AddOption("--cb-gain", imaging.cbGain).Needs("--white-balance");
   set.AddOption("--backlight", imaging.backlight, "ON or OFF");
-  set.AddOption("--wide-dynamic-range", imaging.wide_dynamic_range, "ON or OFF");
+  set.AddOption("--wide-dynamic-range", imaging.wideDynamicRange, "ON or OFF");
 
   add("network", "Interfaces, gateway and name servers", ReadNetwork);
   NetworkArguments& network = arguments->network;
@@ -290,10 +296,14 @@ void AddOnvifCommand(Command app, CommandResult& result) {
 
   set = add("create-profile", "Makes a media profile", CreateProfile);
   set.AddOption("name", arguments->name).Required().TypeName("NAME");
-  set.AddOption("--video-source", arguments->video_source, "Token of a configuration to put in");
-  set.AddOption("--video-encoder", arguments->video_encoder, "The same of an encoder");
+  set.AddOption("--video-source", arguments->videoSource, "Token of a configuration to put in");
+  set.AddOption("--video-encoder", arguments->videoEncoder, "The same of an encoder");
   set.AddOption("--metadata", arguments->metadata, "The same of metadata");
-  add("clock", "The camera's clock", Clock);
+  add("clock", "The camera's clock", CameraClock);
+  AddOnvifEventsCommand(onvif, arguments->site, result);
+  AddOnvifPtzCommand(onvif, arguments->site, result);
+  AddOnvifMediaCommands(onvif, arguments->site, result);
+  AddOnvifDeviceCommands(onvif, arguments->site, result);
   add("factory-default", "Forgets all settings, the network's too", FactoryDefault)
       .AddFlag("--yes", arguments->yes, "Yes, do it");
 }

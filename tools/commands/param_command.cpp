@@ -14,7 +14,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-struct Arguments {
+struct ParamArguments {
   SiteArguments site;
   std::string group;
   std::string combination;
@@ -23,41 +23,41 @@ struct Arguments {
 };
 
 Json ReadParameters(CameraSite& site, const std::vector<std::wstring>& groups) {
-  std::vector<stCameraParameter> parameters;
+  std::vector<cms::stCameraParameter> parameters;
   site.Require(site->GetParameters(groups, parameters));
   Json json = Json::object();
-  for (const stCameraParameter& each : parameters) {
+  for (const cms::stCameraParameter& each : parameters) {
     json[cms::Utf8FromWide(each.name)] = cms::Utf8FromWide(each.value);
   }
   return json;
 }
 
-Json Name(CameraSite& site, const Arguments&) {
+Json Name(CameraSite& site, const ParamArguments&) {
   std::wstring name;
   site.Require(site->GetProdShortName(name));
   return {{"Brand.ProdShortName", cms::Utf8FromWide(name)}};
 }
 
-Json List(CameraSite& site, const Arguments& arguments) {
+Json List(CameraSite& site, const ParamArguments& arguments) {
   return arguments.group.empty() ? ReadParameters(site, {})
                                  : ReadParameters(site, {cms::WideFromUtf8(arguments.group)});
 }
 
-Json Options(CameraSite& site, const Arguments&) {
-  std::vector<stCameraParameter> options;
+Json ParamOptions(CameraSite& site, const ParamArguments&) {
+  std::vector<cms::stCameraParameter> options;
   site.Require(site->GetParameterOptions(options));
   Json json = Json::object();
-  for (const stCameraParameter& each : options) {
+  for (const cms::stCameraParameter& each : options) {
     json[cms::Utf8FromWide(each.name)] = cms::Utf8FromWide(each.value);
   }
   return json;
 }
 
-Json Resolutions(CameraSite& site, const Arguments&) {
+Json Resolutions(CameraSite& site, const ParamArguments&) {
   site.Require(site->GetVideoResolutionAPIConfig());
-  const stResolutionConfiguration& resolution = site->ResolutionConfiguration();
+  const cms::stResolutionConfiguration& resolution = site->ResolutionConfiguration();
   Json streams = Json::array();
-  for (const stStreamResolution& each : resolution.streams) {
+  for (const cms::stStreamResolution& each : resolution.streams) {
     streams.push_back({{"stream", each.stream}, {"key", cms::Utf8FromWide(each.key)}});
   }
   return {{"Image.I0.Appearance.Resolution", cms::Utf8FromWide(resolution.combination)},
@@ -66,15 +66,15 @@ Json Resolutions(CameraSite& site, const Arguments&) {
           {"pal", resolution.pal}};
 }
 
-Json SetResolutions(CameraSite& site, const Arguments& arguments) {
+Json SetResolutions(CameraSite& site, const ParamArguments& arguments) {
   site.Require(site->GetVideoResolutionAPIConfig());
   site.Require(site->SetVideoResolutionAPIConfig(cms::WideFromUtf8(arguments.combination)));
   return Resolutions(site, arguments);
 }
 
 // Prints what the camera has afterwards.
-Json Set(CameraSite& site, const Arguments& arguments) {
-  std::vector<stCameraParameter> parameters;
+Json Set(CameraSite& site, const ParamArguments& arguments) {
+  std::vector<cms::stCameraParameter> parameters;
   std::vector<std::wstring> names;
   for (const std::string& each : arguments.settings) {
     const std::size_t equals = each.find('=');
@@ -88,7 +88,7 @@ Json Set(CameraSite& site, const Arguments& arguments) {
   return ReadParameters(site, names);
 }
 
-Json TvSystem(CameraSite& site, const Arguments& arguments) {
+Json TvSystem(CameraSite& site, const ParamArguments& arguments) {
   site.Require(site->SetTVSystem(arguments.system));
   return ReadParameters(site, {L"ImageSource.I0.Video"});
 }
@@ -96,15 +96,16 @@ Json TvSystem(CameraSite& site, const Arguments& arguments) {
 }  // namespace
 
 void AddParamCommand(Command app, CommandResult& result) {
-  auto arguments = std::make_shared<Arguments>();
-  const auto add =
+  auto arguments = std::make_shared<ParamArguments>();
+  const auto add = SiteSubcommands(
       AddSiteCommand(app, "param", "Read and change a camera's settings over its parameter CGI",
-                     arguments, result);
+                     arguments->site),
+      arguments, result);
   add("name", "The product's name", Name);
   add("list", "All parameters, or those of one group", List)
       .AddOption("group", arguments->group)
       .TypeName("GROUP");
-  add("options", "What parameters can be set to", Options);
+  add("options", "What parameters can be set to", ParamOptions);
   add("resolutions", "The resolution of each stream", Resolutions);
   add("set-resolutions", "Sets them; \"disable\" switches a stream off", SetResolutions)
       .AddOption("resolutions", arguments->combination)

@@ -5,8 +5,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
-#include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -15,12 +13,9 @@
 #include <vector>
 
 #include "cms/playback/multi_site_playback_ctrl.h"
-#include "cms/recording/recording_names.h"
-#include "cms/runtime/native_path.h"
-#include "cms/runtime/wide_text.h"
 #include "tools/commands/command.h"
 #include "tools/data/data_folder.h"
-#include "tools/data/recording_folders.h"
+#include "tools/data/playback_sites.h"
 #include "tools/support/contact_sheet.h"
 #include "tools/support/playback_speaker.h"
 #include "tools/support/stop_signal.h"
@@ -31,13 +26,11 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 using Clock = std::chrono::steady_clock;
-namespace fs = std::filesystem;
 
 constexpr int kPatienceMs = 60'000;   // for the pictures of a new time
 constexpr std::size_t kMostRows = 6;  // of the contact sheet
-constexpr std::size_t kMostSites = 16;
 
-struct Arguments {
+struct PlayArguments {
   std::string data;
   std::vector<std::string> files;
   std::vector<std::uint32_t> sites;
@@ -52,80 +45,14 @@ struct Arguments {
   bool json = false;
 };
 
-// "2026-11-21T10:30:00.040Z"
-std::string Time(std::int64_t milliseconds) {
-  char fraction[8];
-  std::snprintf(fraction, sizeof fraction, ".%03d", static_cast<int>(milliseconds % 1000));
-  std::string text = UtcTime(milliseconds / 1000);
-  return text.insert(text.size() - 1, fraction);
-}
-
-using Sites = std::map<std::uint32_t, std::vector<std::wstring>>;
-
-Sites FindFiles(const Arguments& arguments) {
-  Sites sites;
-  for (const std::string& file : arguments.files) {
-    const auto number = cms::SiteNumberOf(cms::WideFromUtf8(fs::path(file).filename().string()));
-    sites[static_cast<std::uint32_t>(number.value_or(1))].push_back(cms::SystemPath(file));
-  }
-  if (!arguments.files.empty()) {
-    return sites;
-  }
-  for (const RecordingFolder& folder : FindRecordingFolders()) {
-    std::error_code error;
-    const fs::path path = cms::NativePath(folder.path);
-    for (fs::directory_iterator it(path, error), end; !error && it != end; it.increment(error)) {
-      const std::wstring name = cms::WideFromUtf8(it->path().filename().string());
-      const auto number = cms::SiteNumberOf(name);
-      if (number && it->path().extension() == ".drv") {
-        sites[static_cast<std::uint32_t>(*number)].push_back(folder.path + L"\\" + name);
-      }
-    }
-  }
-  return sites;
-}
-
-_MULTI_SITE_PLAYBACK_CONFIG MakeConfig(const Arguments& arguments, std::int64_t from) {
-  Sites found = FindFiles(arguments);
-  _MULTI_SITE_PLAYBACK_CONFIG config;
-  config.startPaused = true;
-  config.startTime = from;
-  std::vector<std::uint32_t> wanted = arguments.sites;
-  if (wanted.empty()) {
-    for (const auto& [number, files] : found) {
-      wanted.push_back(number);
-    }
-  }
-  if (wanted.size() > kMostSites) {
-    throw std::runtime_error(std::to_string(wanted.size()) + " sites were recorded, " +
-                             std::to_string(kMostSites) +
-                             " are played at once; choose with --site");
-  }
-  for (const std::uint32_t number : wanted) {
-    if (found[number].empty()) {
-      throw std::runtime_error("site " + std::to_string(number) + ": no recording in " +
-                               arguments.data);
-    }
-    _MULTI_PB_SITE_CONFIG site;
-    site.siteNumber = number;
-    site.siteName = L"site " + std::to_wstring(number);
-    site.files = found[number];
-    site.channelCount = 0;
-    site.followNewFiles = arguments.files.empty();
-    config.sites.push_back(std::move(site));
-  }
-  if (config.sites.empty()) {
-    throw std::runtime_error("--data " + arguments.data + ": no recording there");
-  }
-  return config;
-}
-
 class Play {
  public:
-  Play(const Arguments& arguments, std::int64_t from)
-      : arguments_(arguments), config_(MakeConfig(arguments, from)) {
+  Play(const PlayArguments& arguments, std::int64_t from)
+      : arguments_(arguments),
+        config_(PlaybackConfigOf({arguments.data, arguments.files, arguments.sites, from})) {
     if (arguments.listen) {
       speaker_ = std::make_unique<PlaybackSpeaker>(arguments.device);
+      speaker_->Start();
       speaker_->Join(config_);
     }
     if (control_.SetConfig(config_) == 0 || control_.StartPlayback() == 0) {
@@ -135,7 +62,7 @@ class Play {
       control_.SetChAudioState(0, 0, 1);
     }
     const bool backward = arguments.step ? *arguments.step < 0 : arguments.speed < 0;
-    if (backward && from == kPlaybackNoTargetTime) {
+    if (backward && from == cms::kPlaybackNoTargetTime) {
       control_.SetPlaybackTargetTime(control_.GetPlaybackDataEndTime());
     }
     for (int site = 0; site < control_.GetTotalPlaySite(); ++site) {
@@ -253,7 +180,7 @@ class Play {
 
   void ShowProgress() {
     if (isatty(STDERR_FILENO) != 0) {
-      std::fprintf(stderr, "\r%s ", Time(control_.GetPlaybackTime()).c_str());
+      std::fprintf(stderr, "\r%s ", PlaybackTimeText(control_.GetPlaybackTime()).c_str());
       wiped_ = false;
     }
   }
@@ -264,13 +191,13 @@ class Play {
     }
     Json sites = Json::array();
     for (const Place& place : places_) {
-      stPlaybackChannelStatus status;
+      cms::stPlaybackChannelStatus status;
       control_.GetChannelStatus(place.site, place.channel, &status);
       sites.push_back({{"site", control_.GetSiteNum(place.site)},
                        {"channel", place.channel},
                        {"shown", status.shown},
-                       {"first", status.shown == 0 ? Json() : Json(Time(status.first))},
-                       {"last", status.shown == 0 ? Json() : Json(Time(status.last))},
+                       {"first", status.shown == 0 ? Json() : Json(PlaybackTimeText(status.first))},
+                       {"last", status.shown == 0 ? Json() : Json(PlaybackTimeText(status.last))},
                        {"end_of_file", status.endOfFile != 0},
                        {"lost", status.lost},
                        {"skipped_bytes", status.skippedBytes}});
@@ -302,7 +229,7 @@ class Play {
     return 0;
   }
 
-  const Arguments& arguments_;
+  const PlayArguments& arguments_;
   _MULTI_SITE_PLAYBACK_CONFIG config_;
   std::unique_ptr<PlaybackSpeaker> speaker_;  // outlives the controller, which calls it
   CCMSMultiSitePlaybackCtrl control_;
@@ -314,12 +241,12 @@ class Play {
   bool wiped_ = true;
 };
 
-int Run(Arguments& arguments) {
+int RunPlay(PlayArguments& arguments) {
   if (arguments.data.empty() == arguments.files.empty()) {
     throw UsageError("say --data DIR, or the .drv files to play");
   }
-  const std::int64_t from =
-      arguments.from.empty() ? kPlaybackNoTargetTime : ReadTime("--from", arguments.from) * 1000;
+  const std::int64_t from = arguments.from.empty() ? cms::kPlaybackNoTargetTime
+                                                   : ReadTime("--from", arguments.from) * 1000;
   arguments.sheet = AbsolutePath(arguments.sheet);
   for (std::string& file : arguments.files) {
     file = AbsolutePath(file);
@@ -333,7 +260,7 @@ int Run(Arguments& arguments) {
 }  // namespace
 
 void AddPlayCommand(Command app, CommandResult& result) {
-  auto arguments = std::make_shared<Arguments>();
+  auto arguments = std::make_shared<PlayArguments>();
   const Command play = app.Add("play", "Play recordings of several sites in step");
   play.AddOption("files", arguments->files, "recordings to play in place of --data")
       .TypeName("FILE.drv");
@@ -367,7 +294,7 @@ void AddPlayCommand(Command app, CommandResult& result) {
     if (arguments->speed == 0) {
       throw UsageError("--speed", "0 is no speed; say -6 to -1 or 1 to 6");
     }
-    result.status = Run(*arguments);
+    result.status = RunPlay(*arguments);
   });
 }
 

@@ -14,10 +14,14 @@
 
 #include "cms/exports/net_exports.h"
 #include "cms/recording/rec_folder_db_writer.h"
+#include "cms/runtime/log.h"
 #include "cms/runtime/native_path.h"
 #include "tools/commands/command.h"
 #include "tools/data/data_folder.h"
 #include "tools/data/recording_folders.h"
+#include "tools/service/config_check.h"
+#include "tools/service/recorder_service.h"
+#include "tools/support/log_output.h"
 #include "tools/support/record_site.h"
 #include "tools/support/status_lines.h"
 #include "tools/support/stop_signal.h"
@@ -29,21 +33,29 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-struct Arguments {
+struct RecordArguments {
   StreamArguments streams;
   RecordOptions record;
   std::string data;
   std::string moveTo;
   double seconds = 0;
+  std::string config;
+  bool check = false;
   bool json = false;
+  LogArguments log;
 };
 
 class Record {
  public:
-  explicit Record(const Arguments& arguments) : arguments_(arguments) {
+  explicit Record(const RecordArguments& arguments) : arguments_(arguments) {
+    if (arguments.record.preAlarm > 0 && arguments.record.eventEvery == 0 &&
+        arguments.record.events.empty()) {
+      throw UsageError("--pre-alarm", "is for --events and --event-every");
+    }
     RecordOptions options = arguments.record;
+    options.onvifEvents = &events_;
     options.moveTo = cms::SystemPath(AbsolutePath(arguments.moveTo));
-    options.workingFolder = EnterDataFolder(arguments.data, DataFolderUse::kCreate).recordings;
+    options.recordings = EnterDataFolder(arguments.data, DataFolderUse::kCreate).recordings;
     CRecFolderDBWriter().WriterRecFolderDB(0, kRecordings);  // where searches look
     for (std::size_t i = 0; i < arguments.streams.urls.size(); ++i) {
       LiveOptions live = OptionsOf(arguments.streams, i);
@@ -178,20 +190,47 @@ class Record {
     return status;
   }
 
-  const Arguments& arguments_;
+  const RecordArguments& arguments_;
   StatusLines lines_{arguments_.json ? stderr : stdout};
+  cms::OnvifEvents events_;  // outlives the sites
   std::vector<std::unique_ptr<RecordSite>> sites_;
 };
+
+// As a service. What is wrong with the file is told at once, all of it.
+int RunConfigured(const RecordArguments& arguments) {
+  if (arguments.check) {
+    return CheckRecorderConfig(arguments.config, arguments.json);
+  }
+  const std::string path = AbsolutePath(arguments.config);
+  ConfigProblems problems;
+  RecorderConfig config = ReadRecorderConfig(path, &problems);
+  TellProblems(path, problems);
+  if (!problems.errors.empty()) {
+    return kWrongFile;
+  }
+  return RecorderService(path, std::move(config)).Run(arguments.json);
+}
 
 }  // namespace
 
 void AddRecordCommand(Command app, CommandResult& result) {
   constexpr int kLargestFileMiB = 4000;  // recordings end before 4 GiB
   constexpr unsigned kLongestPreAlarm = 255;
-  auto arguments = std::make_shared<Arguments>();
+  auto arguments = std::make_shared<RecordArguments>();
   const Command record = app.Add("record", "Record cameras into a folder");
-  AddStreamOptions(record, arguments->streams);
-  AddDataOption(record, arguments->data);
+  const Option urls = AddStreamOptions(record, arguments->streams).Required(false);
+  const Option data = AddDataOption(record, arguments->data).Required(false);
+  const Option config =
+      record
+          .AddOption("--config", arguments->config,
+                     "run as a service that records what this file says, instead of URLs; SIGHUP "
+                     "has it read again (see docs/service.md)")
+          .TypeName("FILE")
+          .Excludes(urls)
+          .Excludes(data);
+  record
+      .AddFlag("--check", arguments->check, "only say whether the file is right, and what it means")
+      .Needs(config);
   record.AddOption("--seconds", arguments->seconds, "end after so many seconds").Positive();
   record
       .AddOption("--file-size", arguments->record.fileSizeMiB,
@@ -211,18 +250,40 @@ void AddRecordCommand(Command app, CommandResult& result) {
       .TypeName("S")
       .InRange(1u, 86'400u)
       .Needs(every);
+  std::string words;
+  for (const std::string& word : CameraEventWords()) {
+    words += (words.empty() ? "" : ", ") + word;
+  }
+  record
+      .AddOption(
+          "--events", arguments->record.events,
+          "record only what the cameras tell by themselves, where the URL is onvif[s]://: " + words)
+      .List()
+      .OneOf(CameraEventWords())
+      .Excludes(schedule)
+      .Excludes(every);
   record
       .AddOption("--pre-alarm", arguments->record.preAlarm,
                  "seconds before each event that are recorded with it (0)")
       .TypeName("S")
-      .InRange(0u, kLongestPreAlarm)
-      .Needs(every);
+      .InRange(0u, kLongestPreAlarm);
   record
       .AddOption("--move-to", arguments->moveTo,
                  "move finished files there; a folder that is away makes them wait")
       .TypeName("DIR");
   record.AddFlag("--json", arguments->json, "print one JSON object at the end");
-  record.Run([arguments, &result] { result.status = Record(*arguments).Run(); });
+  AddLogOptions(record, arguments->log);
+  record.Run([arguments, &result] {
+    if (!arguments->config.empty()) {
+      result.status = RunConfigured(*arguments);
+      return;
+    }
+    if (arguments->streams.urls.empty() || arguments->data.empty()) {
+      throw UsageError("it takes URL... and --data DIR, or --config FILE");
+    }
+    const LogOutput log(LogLevelOf(arguments->log, "off"));
+    result.status = Record(*arguments).Run();
+  });
 }
 
 }  // namespace tools

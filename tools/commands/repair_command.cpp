@@ -5,9 +5,10 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
+#include "cms/recording/data_root.h"
+#include "cms/recording/keep/remove_recordings.h"
 #include "cms/recording/rec_folder_db_writer.h"
 #include "cms/recording/recording_repair.h"
-#include "cms/runtime/native_path.h"
 #include "cms/runtime/wide_text.h"
 #include "tools/commands/command.h"
 #include "tools/data/data_folder.h"
@@ -20,9 +21,10 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-struct Arguments {
+struct RepairArguments {
   std::string data;
   bool json = false;
+  bool forgetMissing = false;
 };
 
 std::string Count(std::uint64_t count, const char* what) {
@@ -30,7 +32,7 @@ std::string Count(std::uint64_t count, const char* what) {
 }
 
 // What was done to a recording, in words; empty when nothing was.
-std::string TextOf(const cms::RepairedRecording& recording) {
+std::string RepairedText(const cms::RepairedRecording& recording, bool forgetMissing) {
   std::string text;
   const auto add = [&text](const std::string& part) { text += (text.empty() ? "" : ", ") + part; };
   if (recording.cutBytes > 0) {
@@ -43,11 +45,18 @@ std::string TextOf(const cms::RepairedRecording& recording) {
   if (recording.recordAdded) {
     add("record added");
   }
+  if (recording.eventsAdded > 0) {
+    add(Count(recording.eventsAdded, "event") + " added");
+  }
   if (recording.state == cms::RepairState::kRemoved) {
     add("removed: nothing was recorded into it");
   }
   if (recording.state == cms::RepairState::kRecording) {
     add("left alone: somebody records into it");
+  }
+  if (recording.state == cms::RepairState::kMissing) {
+    add(forgetMissing ? "its file is gone: record removed"
+                      : "its file is gone (--forget-missing removes the record)");
   }
   if (recording.state == cms::RepairState::kFailed) {
     add(std::string("failed: ") + std::strerror(recording.error));
@@ -72,7 +81,7 @@ std::uint64_t CountRecordings(const std::vector<std::wstring>& folders) {
   std::uint64_t count = 0;
   for (const std::wstring& folder : folders) {
     std::error_code error;
-    for (std::filesystem::directory_iterator at(cms::NativePath(folder), error), end;
+    for (std::filesystem::directory_iterator at(cms::PathInData(folder), error), end;
          !error && at != end; at.increment(error)) {
       count += at->path().extension() == ".drv" ? 1 : 0;
     }
@@ -80,7 +89,16 @@ std::uint64_t CountRecordings(const std::vector<std::wstring>& folders) {
   return count;
 }
 
-int Repair(const Arguments& arguments) {
+// Records whose file is gone go with their events, as a removal that was killed would have ended.
+bool EndRemovals(const std::string& root) {
+  const cms::RemovalReport report = cms::EndRemovals(root);
+  for (const std::string& error : report.errors) {
+    std::fprintf(stderr, "orvanta repair: %s\n", error.c_str());
+  }
+  return report.errors.empty();
+}
+
+int Repair(const RepairArguments& arguments) {
   const std::vector<RecordingFolder> folders = FindRecordingFolders();
   std::vector<std::wstring> paths;
   paths.reserve(folders.size());
@@ -91,20 +109,25 @@ int Repair(const Arguments& arguments) {
   Json files = Json::array();
   Progress progress(CountRecordings(paths));
   std::uint64_t done = 0;
-  const auto report = cms::RepairRecordings(paths, [&](const cms::RepairedRecording& recording) {
-    const std::string text = TextOf(recording);
-    const std::string file = cms::Utf8FromWide(recording.path);
-    if (!text.empty()) {
-      files.push_back({{"file", file}, {"what", text}});
-    }
-    if (!text.empty() && !arguments.json) {
-      progress.Wipe();
-      std::printf("%s: %s\n", file.c_str(), text.c_str());
-      std::fflush(stdout);
-    }
-    progress.Show(++done);
-    return !StopRequested();
-  });
+  cms::RepairOptions options;
+  options.forgetMissing = arguments.forgetMissing;
+  const auto report = cms::RepairRecordings(
+      paths,
+      [&](const cms::RepairedRecording& recording) {
+        const std::string text = RepairedText(recording, arguments.forgetMissing);
+        const std::string file = cms::Utf8FromWide(recording.path);
+        if (!text.empty()) {
+          files.push_back({{"file", file}, {"what", text}});
+        }
+        if (!text.empty() && !arguments.json) {
+          progress.Wipe();
+          std::printf("%s: %s\n", file.c_str(), text.c_str());
+          std::fflush(stdout);
+        }
+        progress.Show(++done);
+        return !StopRequested();
+      },
+      options);
   if (!report.complete) {
     throw std::runtime_error("stopped after " + Count(report.files, "recording") +
                              "; repair again for the rest");
@@ -112,6 +135,8 @@ int Repair(const Arguments& arguments) {
   if (arguments.json) {
     const Json object = {{"files", report.files},
                          {"records_added", report.recordsAdded},
+                         {"events_added", report.eventsAdded},
+                         {"missing", report.missing},
                          {"index_rebuilt", report.indexRebuilt},
                          {"spans_fixed", report.spansFixed},
                          {"repaired", report.repaired},
@@ -144,14 +169,18 @@ int Repair(const Arguments& arguments) {
 }  // namespace
 
 void AddRepairCommand(Command app, CommandResult& result) {
-  auto arguments = std::make_shared<Arguments>();
+  auto arguments = std::make_shared<RepairArguments>();
   const Command repair =
       app.Add("repair", "Make recordings, indexes and databases fit each other after a crash");
   AddDataOption(repair, arguments->data);
   repair.AddFlag("--json", arguments->json, "print one JSON object at the end");
+  repair.AddFlag("--forget-missing", arguments->forgetMissing,
+                 "remove the records of files that are gone");
   repair.Run([arguments, &result] {
-    EnterDataFolder(arguments->data, DataFolderUse::kChange);
+    const DataFolder folder = EnterDataFolder(arguments->data, DataFolderUse::kChange);
+    const bool ended = !arguments->forgetMissing || EndRemovals(folder.path);
     result.status = Repair(*arguments);
+    result.status = ended ? result.status : 1;
   });
 }
 

@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "cms/playback/local_pb_search_engine.h"
+#include "cms/recording/data_root.h"
 #include "cms/recording/database_reader.h"
 #include "cms/recording/gap_log.h"
-#include "cms/runtime/native_path.h"
 #include "tools/commands/command.h"
 #include "tools/data/data_folder.h"
 #include "tools/data/month_calendar.h"
@@ -20,7 +20,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-struct Arguments {
+struct SearchArguments {
   std::string data;
   std::string month;
   std::string from;
@@ -37,7 +37,7 @@ struct Interval {
   int month = 0;
 };
 
-Interval ReadInterval(const Arguments& arguments) {
+Interval ReadInterval(const SearchArguments& arguments) {
   Interval interval;
   if (!arguments.month.empty()) {
     char rest = 0;
@@ -78,14 +78,12 @@ std::string KindName(int kind) {
 
 // What lies on disk, wherever the reader of the output stands.
 std::string PathOf(const FX_RecordDBInfo& record) {
-  return std::filesystem::absolute(cms::NativePath(record.GetFilenameW()))
-      .lexically_normal()
-      .string();
+  return std::filesystem::path(cms::PathInData(record.GetFilenameW())).lexically_normal().string();
 }
 
 class Search {
  public:
-  Search(const Arguments& arguments, const Interval& interval)
+  Search(const SearchArguments& arguments, const Interval& interval)
       : arguments_(arguments), interval_(interval) {
     if (interval.month != 0) {
       engine_.setSearchYearAndMonth(interval.year, interval.month);
@@ -177,13 +175,13 @@ class Search {
     return arguments_.utc ? UtcTime(seconds) : LocalTime(seconds);
   }
 
-  const Arguments& arguments_;
+  const SearchArguments& arguments_;
   Interval interval_;
   LocalPBSearchEngine engine_;
   std::vector<cms::GapRow> gaps_;
 };
 
-int Run(const Arguments& arguments) {
+int RunSearch(const SearchArguments& arguments) {
   const Interval interval = ReadInterval(arguments);
   const DataFolder folder = EnterDataFolder(arguments.data, DataFolderUse::kRead);
   const Search search(arguments, interval);
@@ -205,7 +203,7 @@ int Run(const Arguments& arguments) {
 }  // namespace
 
 void AddSearchCommand(Command app, CommandResult& result) {
-  auto arguments = std::make_shared<Arguments>();
+  auto arguments = std::make_shared<SearchArguments>();
   const Command search = app.Add("search", "Find recordings, events and gaps");
   AddDataOption(search, arguments->data);
   const Option month =
@@ -226,7 +224,7 @@ void AddSearchCommand(Command app, CommandResult& result) {
       .Excludes(month);
   search.AddFlag("--utc", arguments->utc, "print times in UTC");
   search.AddFlag("--json", arguments->json, "print one JSON object; its times are in UTC");
-  search.Run([arguments, &result] { result.status = Run(*arguments); });
+  search.Run([arguments, &result] { result.status = RunSearch(*arguments); });
 }
 
 }  // namespace tools

@@ -2,8 +2,11 @@
 #include <arpa/inet.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <exception>
+#include <filesystem>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -11,25 +14,34 @@
 
 #include "cms/exports/net_exports.h"
 #include "cms/recording/rec_folder_db_writer.h"
+#include "cms/runtime/critical.h"
+#include "cms/runtime/log.h"
 #include "tools/commands/command.h"
 #include "tools/data/data_folder.h"
 #include "tools/data/recording_folders.h"
+#include "tools/serve/machine_names.h"
 #include "tools/serve/serve_site.h"
 #include "tools/serve/web_server.h"
+#include "tools/support/camera_site.h"
+#include "tools/support/camera_url.h"
 #include "tools/support/stop_signal.h"
 
 namespace tools {
 namespace {
 
-struct Arguments {
+struct ServeArguments {
   std::vector<std::string> urls;
   std::uint16_t port = 0;
   std::string data;
   std::string user;
   std::string password;
+  std::string users;
+  std::string audit;
   std::vector<std::string> allow;
   std::vector<std::string> deny;
   std::string bind;
+  std::string tlsCertificate;
+  std::string tlsKey;
   std::vector<std::string> names;
   bool json = false;
 };
@@ -53,12 +65,12 @@ AccessRange ReadRange(const std::string& option, const std::string& text, std::u
 }
 
 // Pictures that nobody has to log in for are shown on this machine alone unless --allow says more.
-std::vector<AccessRange> ReadAccess(const Arguments& arguments) {
+std::vector<AccessRange> ReadAccess(const ServeArguments& arguments) {
   std::vector<AccessRange> access;
   for (const std::string& each : arguments.allow) {
     access.push_back(ReadRange("--allow", each, AccessRange::kWhite));
   }
-  if (access.empty() && arguments.user.empty()) {
+  if (access.empty() && arguments.user.empty() && arguments.users.empty()) {
     access.push_back(ReadRange("--allow", "127.0.0.0-127.255.255.255", AccessRange::kWhite));
   } else if (access.empty() && !arguments.deny.empty()) {
     access.push_back(ReadRange("--allow", "0.0.0.0-255.255.255.255", AccessRange::kWhite));
@@ -69,23 +81,23 @@ std::vector<AccessRange> ReadAccess(const Arguments& arguments) {
   return access;
 }
 
-// What browsers on this machine and beside it call it.
-std::vector<std::string> Names(std::vector<std::string> names) {
-  names.emplace_back("localhost");
-  char own[256] = "";
-  if (gethostname(own, sizeof own - 1) == 0 && own[0] != '\0') {
-    names.emplace_back(own);
-    names.push_back(std::string(own) + ".local");
-  }
-  return names;
-}
-
 class Serve {
  public:
-  explicit Serve(const Arguments& arguments) : arguments_(arguments) {
-    WebServerOptions options{
-        arguments.port,        arguments.user, arguments.password, ReadAccess(arguments), 0,
-        Names(arguments.names)};
+  explicit Serve(const ServeArguments& arguments) : arguments_(arguments) {
+    WebServerOptions options;
+    options.port = arguments.port;
+    if (!arguments.user.empty()) {
+      options.users = std::make_shared<Users>(arguments.user, arguments.password);
+    } else if (!arguments.users.empty()) {
+      options.users = std::make_shared<Users>(AbsolutePath(arguments.users));
+    }
+    options.audit = arguments.audit.empty() ? "" : AbsolutePath(arguments.audit);
+    options.access = ReadAccess(arguments);
+    options.names = NamesOfThisMachine(arguments.names);
+    if (!arguments.tlsCertificate.empty()) {  // looked at again later, from another folder
+      options.certificateFile = std::filesystem::absolute(arguments.tlsCertificate).string();
+      options.keyFile = std::filesystem::absolute(arguments.tlsKey).string();
+    }
     if (!arguments.bind.empty()) {
       in_addr address{};
       if (inet_pton(AF_INET, arguments.bind.c_str(), &address) != 1) {
@@ -100,24 +112,32 @@ class Serve {
       site.url = arguments.urls[i];
       site.decode = false;  // until somebody watches
       site.number = static_cast<int>(i);
-      sites_.push_back(std::make_unique<ServeSite>(site));
+      if (IsOnvifUrl(site.url)) {
+        AccessOf(site.url, "", "", site.security);  // throws for one that cannot be read
+        awaited_.push_back(site);
+      } else {
+        sites_.push_back(std::make_shared<ServeSite>(site));
+      }
     }
-    server_ = std::make_unique<WebServer>(options, sites_);
+    server_ = std::make_unique<WebServer>(options, [this] { return Sites(); });
   }
 
   ~Serve() {
     server_.reset();
-    sites_.clear();
+    {
+      const ScopeLock lock(sitesLock_);
+      sites_.clear();
+    }
     StopEachClientNBManager();
   }
 
   int Run() {
-    for (const auto& site : sites_) {
+    for (const auto& site : Sites()) {
       site->Open();
     }
     const bool any = arguments_.bind.empty() || arguments_.bind == "0.0.0.0";
-    const std::string url = "http://" + (any ? "127.0.0.1" : arguments_.bind) + ":" +
-                            std::to_string(server_->Port()) + "/";
+    const std::string url = server_->Scheme() + std::string(any ? "127.0.0.1" : arguments_.bind) +
+                            ":" + std::to_string(server_->Port()) + "/";
     if (arguments_.json) {
       std::printf("%s\n",
                   nlohmann::ordered_json{{"url", url}, {"port", server_->Port()}}.dump().c_str());
@@ -126,14 +146,15 @@ class Serve {
     }
     std::fflush(stdout);
     const bool shows = !arguments_.json && isatty(STDERR_FILENO) != 0;
-    while (!WaitForStop(shows ? std::chrono::seconds(1) : kLookAtTheDay)) {
-      for (const auto& site : sites_) {
+    do {
+      FindAwaited();
+      for (const auto& site : Sites()) {
         site->FollowDay();
       }
       if (shows) {
         Report();
       }
-    }
+    } while (!WaitForStop(shows ? std::chrono::seconds(1) : kLookAtTheDay));
     if (shows) {
       std::fprintf(stderr, "\n");
     }
@@ -141,33 +162,75 @@ class Serve {
   }
 
  private:
+  std::vector<std::shared_ptr<ServeSite>> Sites() const {
+    const ScopeLock lock(sitesLock_);
+    return sites_;
+  }
+
+  // Cameras that tell their streams' addresses themselves, and may be away.
+  void FindAwaited() {
+    const auto now = std::chrono::steady_clock::now();
+    if (now < askAwaited_) {
+      return;
+    }
+    askAwaited_ = now + kLookAtTheDay;
+    std::erase_if(awaited_, [this](LiveOptions site) {
+      try {
+        FindStream(&site);
+        auto found = std::make_shared<ServeSite>(site);
+        found->Open();
+        const ScopeLock lock(sitesLock_);
+        sites_.insert(std::ranges::upper_bound(sites_, found->Number(), {}, &ServeSite::Number),
+                      found);
+        return true;
+      } catch (const std::exception& error) {
+        cms::Log(cms::LogLevel::kWarning, "page",
+                 "site " + std::to_string(site.number + 1) + ": " + error.what() +
+                     "; it is asked again");
+        return false;
+      }
+    });
+  }
+
   void Report() const {
     std::size_t playing = 0;
-    for (const auto& site : sites_) {
-      playing += site->Status().state == ConnectionState::kPlaying ? 1 : 0;
+    const auto sites = Sites();
+    for (const auto& site : sites) {
+      playing += site->Status().state == cms::ConnectionState::kPlaying ? 1 : 0;
     }
-    std::fprintf(stderr, "\r%zu of %zu cameras deliver, %d watch ", playing, sites_.size(),
+    std::fprintf(stderr, "\r%zu of %zu cameras deliver, %d watch ", playing, sites.size(),
                  server_->Watchers());
   }
 
-  const Arguments& arguments_;
-  std::vector<std::unique_ptr<ServeSite>> sites_;
+  const ServeArguments& arguments_;
+  std::vector<LiveOptions> awaited_;
+  std::chrono::steady_clock::time_point askAwaited_{};
+  mutable CMSCritical sitesLock_;
+  std::vector<std::shared_ptr<ServeSite>> sites_ CMS_GUARDED_BY(sitesLock_);
   std::unique_ptr<WebServer> server_;
 };
 
 }  // namespace
 
 void AddServeCommand(Command app, CommandResult& result) {
-  auto arguments = std::make_shared<Arguments>();
+  auto arguments = std::make_shared<ServeArguments>();
   const Command serve = app.Add("serve", "Cameras and recordings as a page for browsers");
   serve.AddOption("urls", arguments->urls, "cameras, as for orvanta live").TypeName("URL");
   serve.AddOption("--port", arguments->port, "port to listen on; 0 takes any").Required().Port();
   AddDataOption(serve, arguments->data);
-  const Option user = serve.AddOption(
-      "--user", arguments->user,
-      "who may log in (Digest). Without, this machine alone may watch, and nobody change anything");
+  const Option user =
+      serve.AddOption("--user", arguments->user,
+                      "who may log in, and do everything. Without, and without --users, this "
+                      "machine alone may watch, and nobody change anything");
   serve.AddOption("--password", arguments->password, "and the password").Needs(user);
   user.Needs("--password");
+  serve
+      .AddOption("--users", arguments->users,
+                 "who may log in, and do what: a file that orvanta user makes")
+      .TypeName("FILE")
+      .Excludes(user);
+  serve.AddOption("--audit", arguments->audit, "a file to which is written who did what")
+      .TypeName("FILE");
   serve
       .AddOption("--allow", arguments->allow,
                  "IPv4 addresses that may connect, A-B or A; may be given again")
@@ -180,6 +243,16 @@ void AddServeCommand(Command app, CommandResult& result) {
       .Repeatable();
   serve.AddOption("--bind", arguments->bind, "the IPv4 address to listen on; all unless told")
       .TypeName("A");
+  const Option certificate =
+      serve
+          .AddOption("--tls-cert", arguments->tlsCertificate,
+                     "the page by HTTPS: file of the certificate, with those that lead to its "
+                     "authority, in PEM")
+          .TypeName("FILE");
+  serve.AddOption("--tls-key", arguments->tlsKey, "and of its key, without a passphrase")
+      .TypeName("FILE")
+      .Needs(certificate);
+  certificate.Needs("--tls-key");
   serve
       .AddOption("--name", arguments->names,
                  "what this machine is called in browsers, besides localhost, its own name and its "

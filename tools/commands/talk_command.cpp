@@ -17,8 +17,10 @@
 #include "cms/exports/net_exports.h"
 #include "cms/streaming/rtsp_client.h"
 #include "tools/commands/command.h"
+#include "tools/support/camera_security.h"
 #include "tools/support/camera_url.h"
 #include "tools/support/stop_signal.h"
+#include "tools/support/transport_words.h"
 
 namespace tools {
 namespace {
@@ -26,12 +28,13 @@ namespace {
 using Clock = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds kBlock{20};
 
-struct Arguments {
+struct TalkArguments {
   std::string url;
   std::string file;
   std::string user;
   std::string password;
   std::string transport = "udp";
+  SecurityArguments security;
   std::string device;
   double seconds = 0;
   bool json = false;
@@ -101,13 +104,13 @@ std::vector<std::int16_t> ReadVoice(const std::string& path, std::uint32_t rate)
   return samples;
 }
 
-std::vector<unsigned char> Encode(const std::vector<std::int16_t>& samples,
-                                  const tCMSAudioPlayerConfig& format) {
+std::vector<unsigned char> EncodeVoice(const std::vector<std::int16_t>& samples,
+                                       const tCMSAudioPlayerConfig& format) {
   const auto count = static_cast<int>(samples.size());
   std::vector<unsigned char> bytes(samples.size());
-  if (format.codecId == CMS_CODEC_PCM_MULAW) {
+  if (format.codecId == cms::CMS_CODEC_PCM_MULAW) {
     g711_uEncoder(samples.data(), count, bytes.data(), count);
-  } else if (format.codecId == CMS_CODEC_PCM_ALAW) {
+  } else if (format.codecId == cms::CMS_CODEC_PCM_ALAW) {
     g711_aEncoder(samples.data(), count, bytes.data(), count);
   } else {
     bytes.clear();
@@ -122,8 +125,8 @@ std::vector<unsigned char> Encode(const std::vector<std::int16_t>& samples,
 }
 
 int MicrophoneNumber(const std::string& name) {
-  CMSAudioDeviceInfo info;
-  for (unsigned i = 0; GetAudioDeviceInfoByAudioType(kCMSAudioInput, i, &info) != 0; ++i) {
+  cms::CMSAudioDeviceInfo info;
+  for (unsigned i = 0; GetAudioDeviceInfoByAudioType(cms::kCMSAudioInput, i, &info) != 0; ++i) {
     if (name == info.name) {
       return static_cast<int>(i);
     }
@@ -132,20 +135,20 @@ int MicrophoneNumber(const std::string& name) {
                            "\" (orvanta audio devices lists what there is)");
 }
 
-void Open(TalkClient& client, const Arguments& arguments) {
+void Open(TalkClient& client, const TalkArguments& arguments) {
   const cms::CameraUrl url =
-      ReadCameraUrl(arguments.url, {"rtsp"}, "rtsp://[user:password@]host[:port]/path");
-  stRTSPClientConfig config;
+      ReadCameraUrl(arguments.url, {"rtsp", "rtsps"}, "rtsp[s]://[user:password@]host[:port]/path");
+  cms::stRTSPClientConfig config;
   config.path = url.plain;
   config.user = url.user.empty() ? arguments.user : url.user;
   config.password = url.user.empty() ? arguments.password : url.password;
-  config.transport = arguments.transport == "tcp" ? kRtspTransportInterleaved : kRtspTransportUdp;
-  config.ignoreDelimiters = true;
+  config.transport = TransportOf(arguments.transport);
+  SecurityOf(arguments.security, 0, 1).ApplyTo(&config);
   config.talkBack = true;
   client.AllocChannelData(1);
   if (client.SetConfig(&config) == 0 || client.OpenStream() == 0 || client.Play() == 0) {
-    const ConnectionStatus status = client.GetConnectionStatus();
-    throw std::runtime_error(url.plain + ": " + ConnectionFaultName(status.fault) + ": " +
+    const cms::ConnectionStatus status = client.GetConnectionStatus();
+    throw std::runtime_error(url.plain + ": " + cms::ConnectionFaultName(status.fault) + ": " +
                              status.detail);
   }
 }
@@ -178,7 +181,7 @@ void SendFile(TalkClient& client, std::vector<unsigned char> bytes, double bytes
   }
 }
 
-int Talk(const Arguments& arguments) {
+int Talk(const TalkArguments& arguments) {
   TalkClient client;
   Open(client, arguments);
   tCMSAudioPlayerConfig format;
@@ -186,10 +189,10 @@ int Talk(const Arguments& arguments) {
     throw std::runtime_error("the camera offers no audio backchannel in PCMU, PCMA or L16");
   }
   const double bytesPerSecond = static_cast<double>(format.sampleRate) * format.channels *
-                                (format.codecId == CMS_CODEC_PCM_S16BE ? 2 : 1);
+                                (format.codecId == cms::CMS_CODEC_PCM_S16BE ? 2 : 1);
   if (!arguments.file.empty()) {
-    SendFile(client, Encode(ReadVoice(arguments.file, format.sampleRate), format), bytesPerSecond,
-             arguments.seconds);
+    SendFile(client, EncodeVoice(ReadVoice(arguments.file, format.sampleRate), format),
+             bytesPerSecond, arguments.seconds);
   } else {
     format.device = arguments.device.empty() ? -1 : MicrophoneNumber(arguments.device);
     if (client.OnStartAudioRecorder(format) == 0) {
@@ -228,15 +231,16 @@ int Talk(const Arguments& arguments) {
 }  // namespace
 
 void AddTalkCommand(Command app, CommandResult& result) {
-  auto arguments = std::make_shared<Arguments>();
+  auto arguments = std::make_shared<TalkArguments>();
   const Command talk = app.Add("talk", "Speak through a camera's loudspeaker");
-  talk.AddOption("URL", arguments->url, "rtsp://[user:password@]host[:port]/path").Required();
+  talk.AddOption("URL", arguments->url, "rtsp[s]://[user:password@]host[:port]/path").Required();
   talk.AddOption("FILE", arguments->file, "sound file; without one the microphone");
   talk.AddOption("--user", arguments->user, "user name, when the URL carries none");
   talk.AddOption("--password", arguments->password, "password, when the URL carries none");
-  talk.AddOption("--transport", arguments->transport, "udp or tcp")
-      .OneOf({"udp", "tcp"})
+  talk.AddOption("--transport", arguments->transport, "udp, tcp, http or multicast")
+      .OneOf(TransportWords())
       .ShowDefault();
+  AddSecurityOptions(talk, arguments->security);
   talk.AddOption("--device", arguments->device, "microphone, see orvanta audio devices");
   talk.AddOption("--seconds", arguments->seconds, "end after so many seconds").Positive();
   talk.AddFlag("--json", arguments->json, "print one JSON object at the end");

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <stdexcept>
 
+#include "cms/recording/data_root.h"
 #include "cms/recording/recording_names.h"
 #include "cms/runtime/wide_text.h"
 
@@ -85,12 +86,9 @@ DataFolder EnterDataFolder(const std::string& dir, DataFolderUse use) {
   }
   const fs::path path = AbsolutePath(dir);
   DataFolder folder{path.string(), (path / "recordings").string()};
-  if (use == DataFolderUse::kCreate) {
-    RequireRecordablePath(dir, folder);
-  }
+  RequireRecordablePath(dir, folder);
   RequireFolder(dir, folder.path, use);
   if (fs::is_symlink(folder.recordings)) {
-    // "..", where the databases belong, would be the folder of its target.
     Fail(dir, folder.recordings + " is a link; make " + folder.path + " a link instead");
   }
   RequireFolder(dir, folder.recordings, use);
@@ -101,9 +99,7 @@ DataFolder EnterDataFolder(const std::string& dir, DataFolderUse use) {
       }
     }
   }
-  if (chdir(folder.recordings.c_str()) != 0) {
-    Fail(dir, "cannot work in " + folder.recordings + ": " + std::strerror(errno));
-  }
+  cms::SetDataRoot(folder.path);
   return folder;
 }
 

@@ -7,11 +7,10 @@
 
 namespace tools {
 
-// DIR/EventList0, DIR/RecFolderDB0 and DIR/recordings/YYYYMMDD/Rec_Site<N>_<stamp>.drv. The library
-// keeps the databases beside the working folder, so the process works from DIR/recordings.
+// DIR/EventList0, DIR/RecFolderDB0 and DIR/recordings/YYYYMMDD/Rec_Site<N>_<stamp>.drv.
 struct DataFolder {
   std::string path;        // DIR, absolute
-  std::string recordings;  // DIR/recordings, absolute; the working folder
+  std::string recordings;  // DIR/recordings, absolute
 };
 
 enum class DataFolderUse {
@@ -23,11 +22,10 @@ enum class DataFolderUse {
 // Adds the required option --data DIR. What it says reaches EnterDataFolder.
 Option AddDataOption(Command app, std::string& dir);
 
-// Where a path of the command line lies, whatever folder the process works from later. An empty
-// path stays empty. Every other path of the command line goes through it before EnterDataFolder.
+// Where a path of the command line lies. An empty path stays empty.
 std::string AbsolutePath(const std::string& path);
 
-// Makes the folder inside DIR the working folder of the process; once, before other threads run.
+// Makes DIR the data root of the process; once, before anything is recorded, searched or played.
 // Throws std::runtime_error, which names DIR and says what to do, when it is missing, no folder,
 // may not be changed though `use` wants that, or cannot be kept in records (a "\" in it, or too
 // long).

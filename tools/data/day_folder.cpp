@@ -4,7 +4,6 @@
 
 #include "cms/recording/recording_names.h"
 #include "cms/runtime/clock.h"
-#include "cms/runtime/native_path.h"
 #include "cms/runtime/wide_text.h"
 #include "tools/data/recording_folders.h"
 
@@ -26,8 +25,9 @@ DayFolder::DayFolder(LiveSite& live, const LiveOptions& options, int fileSizeMiB
   param.fileSizeMiB = fileSizeMiB;
   client_.SetRecordParam(param);
   if (const auto url = cms::ParseCameraUrl(options.url)) {
-    client_.SetRecordDevice(cms::WideFromUtf8(url->host).c_str(),
-                            (L"Site " + std::to_wstring(number_)).c_str(), url->port);
+    const std::wstring name = options.name.empty() ? L"Site " + std::to_wstring(number_)
+                                                   : cms::WideFromUtf8(options.name);
+    client_.SetRecordDevice(cms::WideFromUtf8(url->host).c_str(), name.c_str(), url->port);
   }
 }
 

@@ -7,7 +7,7 @@
 
 namespace tools {
 
-// The process has entered the data folder. One thread at a time.
+// The process has its data root. One thread at a time.
 class DayFolder {
  public:
   // Tells the site's recorder its device and the folder of today. Site N is the N-th URL, from 1.

@@ -4,8 +4,8 @@
 #include <filesystem>
 #include <set>
 
+#include "cms/recording/data_root.h"
 #include "cms/recording/database_reader.h"
-#include "cms/runtime/native_path.h"
 #include "cms/runtime/wide_text.h"
 
 namespace tools {
@@ -16,7 +16,7 @@ namespace fs = std::filesystem;
 std::vector<std::wstring> SubFolders(const std::wstring& folder) {
   std::vector<std::wstring> names;
   std::error_code error;
-  for (fs::directory_iterator at(cms::NativePath(folder), error), end; !error && at != end;
+  for (fs::directory_iterator at(cms::PathInData(folder), error), end; !error && at != end;
        at.increment(error)) {
     std::error_code ignored;
     if (at->is_directory(ignored)) {
@@ -32,7 +32,7 @@ std::vector<std::wstring> SubFolders(const std::wstring& folder) {
 
 bool HoldsRecordings(const std::wstring& folder) {
   std::error_code error;
-  for (fs::directory_iterator at(cms::NativePath(folder), error), end; !error && at != end;
+  for (fs::directory_iterator at(cms::PathInData(folder), error), end; !error && at != end;
        at.increment(error)) {
     if (at->path().extension() == ".drv" || at->path().filename() == "RecordDB") {
       return true;
@@ -58,7 +58,7 @@ class Collector {
  private:
   void AddOne(const std::wstring& folder, bool listed) {
     std::error_code error;
-    const fs::path real = fs::canonical(cms::NativePath(folder), error);
+    const fs::path real = fs::canonical(cms::PathInData(folder), error);
     if (!error && seen_.insert(real.string()).second) {
       folders_.push_back({folder, listed});
     }

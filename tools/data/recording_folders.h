@@ -17,8 +17,8 @@ struct RecordingFolder {
 inline constexpr wchar_t kRecordings[] = L"..\\recordings";
 
 // Those of the folder list's entries (each is a folder of recording folders, or one itself), in
-// their order, then those in DIR/recordings that no entry leads to. The process has entered the
-// data folder. Folders that cannot be read are left out.
+// their order, then those in DIR/recordings that no entry leads to. The process has its data root.
+// Folders that cannot be read are left out.
 std::vector<RecordingFolder> FindRecordingFolders();
 
 }  // namespace tools

@@ -1,7 +1,10 @@
 #include "tools/serve/calendar.h"
 
+#include <algorithm>
 #include <cstdio>
 
+#include "cms/recording/gap_log.h"
+#include "cms/recording/keep/protect_recordings.h"
 #include "cms/runtime/wide_text.h"
 
 namespace tools {
@@ -19,36 +22,63 @@ ordered_json Calendar::Days(const WebRequest& request) {
   }
   ordered_json days = ordered_json::array();
   const std::lock_guard lock(lock_);
-  engine_.setSearchYearAndMonth(year, month);
-  engine_.searchPlaybackInfoForMonth(false);
-  for (int day = 1; day <= 31; ++day) {
-    if (engine_.getMonthInfo().at(static_cast<std::size_t>(day)) != 0) {
+  FollowRoots();
+  for (const auto& [root, engine] : engines_) {
+    engine->setSearchYearAndMonth(year, month);
+    engine->searchPlaybackInfoForMonth(false);
+  }
+  for (std::size_t day = 1; day <= 31; ++day) {
+    if (std::ranges::any_of(
+            engines_, [&](const auto& each) { return each.second->getMonthInfo().at(day) != 0; })) {
       days.push_back(day);
     }
   }
-  return {
-      {"year", year}, {"month", month}, {"days", days}, {"complete", engine_.hasReadEverything()}};
+  return {{"year", year}, {"month", month}, {"days", days}, {"complete", HasReadEverything()}};
+}
+
+void Calendar::FollowRoots() {
+  const std::vector<std::string> roots = roots_();
+  std::erase_if(engines_, [&](const auto& each) {
+    return std::ranges::find(roots, each.first) == roots.end();
+  });
+  for (const std::string& root : roots) {
+    std::unique_ptr<LocalPBSearchEngine>& engine = engines_[root];
+    if (!engine) {
+      engine = std::make_unique<LocalPBSearchEngine>();
+      engine->SetDataRoot(root);
+    }
+  }
+}
+
+bool Calendar::HasReadEverything() const {
+  return std::ranges::all_of(engines_,
+                             [](const auto& each) { return each.second->hasReadEverything(); });
 }
 
 // From 1: a search over all time would remove events.
-void Calendar::Search(const WebRequest& request) {
+std::vector<stPBTimeInfo> Calendar::Search(const WebRequest& request) {
   const std::int64_t from = request.Number("from", 1, kLatestTime);
-  engine_.searchByInterval(from, request.Number("to", from, kLatestTime));
+  const std::int64_t to = request.Number("to", from, kLatestTime);
+  FollowRoots();
+  std::vector<stPBTimeInfo> spans;
+  for (const auto& [root, engine] : engines_) {
+    engine->searchByInterval(from, to);
+    AddSpans(root, engine->getNormalPBInfo(), &spans);
+  }
+  return spans;
 }
 
 std::vector<stPBTimeInfo> Calendar::Spans(const WebRequest& request) {
   const std::lock_guard lock(lock_);
-  Search(request);
-  return engine_.getNormalPBInfo();
+  return Search(request);
 }
 
 ordered_json Calendar::Recordings(const WebRequest& request) {
   ordered_json spans = ordered_json::array();
   ordered_json events = ordered_json::array();
   const std::lock_guard lock(lock_);
-  Search(request);
-  engine_.loadEventList();
-  for (const stPBTimeInfo& span : engine_.getNormalPBInfo()) {
+  const std::vector<stPBTimeInfo> found = Search(request);
+  for (const stPBTimeInfo& span : found) {
     spans.push_back({{"site", span.siteNumber},
                      {"name", cms::Utf8FromWide(span.records.front().GetSiteNameW())},
                      {"start", span.start},
@@ -56,15 +86,66 @@ ordered_json Calendar::Recordings(const WebRequest& request) {
                      {"files", span.records.size()}});
   }
   constexpr const char* kKinds[] = {"alarm", "device", "video_loss"};
-  for (const stLocalEvent& event : engine_.getEventTimes()) {
-    events.push_back({{"site", event.siteNumber},
-                      {"kind", kKinds[event.kind]},
-                      {"channel", event.channel},
-                      {"start", event.start},
-                      {"end", event.end},
-                      {"name", event.siteName}});
+  for (const auto& [root, engine] : engines_) {
+    engine->loadEventList();
+    for (const stLocalEvent& event : engine->getEventTimes()) {
+      events.push_back({{"site", event.siteNumber},
+                        {"kind", kKinds[event.kind]},
+                        {"channel", event.channel},
+                        {"start", event.start},
+                        {"end", event.end},
+                        {"name", event.siteName}});
+    }
   }
-  return {{"spans", spans}, {"events", events}, {"complete", engine_.hasReadEverything()}};
+  const std::int64_t from = request.Number("from", 1, kLatestTime);
+  const std::int64_t to = request.Number("to", from, kLatestTime);
+  return {{"spans", spans},
+          {"events", events},
+          {"gaps", Gaps(from, to, found)},
+          {"kept", Kept(from, to)},
+          {"complete", HasReadEverything()}};
+}
+
+// One that lasts has no "end". Where a disk failed the site goes on on another one, and what failed
+// never tells of an end.
+ordered_json Calendar::Gaps(std::int64_t from, std::int64_t to,
+                            const std::vector<stPBTimeInfo>& spans) const {
+  ordered_json gaps = ordered_json::array();
+  for (const auto& [root, engine] : engines_) {
+    for (cms::GapRow gap : cms::ReadGapLog(0, root).rows) {
+      const auto behind = std::ranges::find_if(spans, [&](const stPBTimeInfo& span) {
+        return gap.to == 0 && span.siteNumber == gap.siteNumber && span.end > gap.from;
+      });
+      if (behind != spans.end()) {
+        gap.to = std::max(gap.from, behind->start);
+      }
+      if (gap.from > to || (gap.to != 0 && gap.to < from)) {
+        continue;
+      }
+      ordered_json told{
+          {"site", gap.siteNumber}, {"cause", cms::GapCauseName(gap.cause)}, {"start", gap.from}};
+      if (gap.to != 0) {
+        told["end"] = gap.to;
+      }
+      gaps.push_back(std::move(told));
+    }
+  }
+  return gaps;
+}
+
+ordered_json Calendar::Kept(std::int64_t from, std::int64_t to) const {
+  ordered_json kept = ordered_json::array();
+  for (const auto& [root, engine] : engines_) {
+    for (const cms::ProtectedSpan& each : cms::ReadProtectedSpans(root).spans) {
+      const ordered_json row{
+          {"site", each.span.site}, {"start", each.span.from}, {"end", each.span.to}};
+      if (each.span.from <= to && each.span.to >= from &&
+          std::ranges::find(kept, row) == kept.end()) {
+        kept.push_back(row);
+      }
+    }
+  }
+  return kept;
 }
 
 }  // namespace tools

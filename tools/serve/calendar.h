@@ -1,11 +1,16 @@
-// The calendar of the recordings under the data folder, as JSON.
+// The calendar of the recordings in the data roots, as JSON.
 #pragma once
 
+#include <map>
+#include <memory>
 #include <mutex>
 #include <nlohmann/json.hpp>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "cms/playback/local_pb_search_engine.h"
+#include "tools/data/data_roots.h"
 #include "tools/serve/web_request.h"
 
 namespace tools {
@@ -13,18 +18,27 @@ namespace tools {
 // Any thread. Times are seconds since 1970-01-01 UTC, days those of UTC.
 class Calendar {
  public:
+  explicit Calendar(DataRoots roots) : roots_(std::move(roots)) {}
+
   // month=YYYY-MM: the days of it on which a recording starts.
   nlohmann::ordered_json Days(const WebRequest& request);
-  // from=SECONDS&to=SECONDS: the stretches and the events in between.
+  // from=SECONDS&to=SECONDS: the stretches, the events and the gaps in between, and what is kept.
   nlohmann::ordered_json Recordings(const WebRequest& request);
   // The stretches of the same query.
   std::vector<stPBTimeInfo> Spans(const WebRequest& request);
 
  private:
-  void Search(const WebRequest& request);
+  void FollowRoots();
+  std::vector<stPBTimeInfo> Search(const WebRequest& request);
+  bool HasReadEverything() const;
+  nlohmann::ordered_json Gaps(std::int64_t from, std::int64_t to,
+                              const std::vector<stPBTimeInfo>& spans) const;
+  nlohmann::ordered_json Kept(std::int64_t from, std::int64_t to) const;
 
+  const DataRoots roots_;
   std::mutex lock_;
-  LocalPBSearchEngine engine_;  // guarded by lock_; remembers what it has read
+  // Guarded by lock_, of each root; they remember what they have read.
+  std::map<std::string, std::unique_ptr<LocalPBSearchEngine>> engines_;
 };
 
 }  // namespace tools

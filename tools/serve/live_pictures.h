@@ -2,6 +2,7 @@
 #pragma once
 
 #include <mutex>
+#include <set>
 #include <string>
 
 #include "tools/serve/jpeg_encoder.h"
@@ -10,7 +11,8 @@
 
 namespace tools {
 
-// Nothing is decoded while nobody watches, and each picture is encoded at most once. Any thread.
+// Nothing is decoded while nobody watches, and each picture is encoded at most once, in the size of
+// whoever wants the largest. Any thread.
 class LivePictures {
  public:
   LivePictures(LiveSite& site, int number) : site_(site), number_(number) {}
@@ -18,8 +20,14 @@ class LivePictures {
   // Somebody watches while it lives.
   class Watch {
    public:
-    explicit Watch(LivePictures& pictures) : pictures_(&pictures) { pictures.Begin(); }
-    ~Watch() { pictures_->End(); }
+    static constexpr long kFullWidth = 100'000;  // wider than any camera's
+
+    // `width`: pixels that are shown; the picture has no more than the camera's.
+    explicit Watch(LivePictures& pictures, long width = kFullWidth)
+        : pictures_(&pictures), width_(width) {
+      pictures.Begin(width);
+    }
+    ~Watch() { pictures_->End(width_); }
     Watch(const Watch&) = delete;
     Watch& operator=(const Watch&) = delete;
     // The newest picture that was not told before; null when there is none.
@@ -27,19 +35,23 @@ class LivePictures {
 
    private:
     LivePictures* pictures_;
+    const long width_;
     PictureRecord last_;
   };
 
  private:
-  void Begin();
-  void End();
+  void Begin(long width);
+  void End(long width);
+  void SetSize();
   PictureRecord Newest();
 
   LiveSite& site_;
   const int number_;
   std::mutex lock_;
-  int watchers_ = 0;      // guarded by lock_, as all below
-  unsigned decoded_ = 0;  // pictures decoded when newest_ was made
+  std::multiset<long> widths_;  // wanted by the watchers; guarded by lock_, as all below
+  tagSIZE camera_{};            // its size, as far as it is known
+  tagSIZE size_{};              // that is asked for; 0 x 0: the camera's
+  unsigned decoded_ = 0;        // pictures decoded when newest_ was made
   PictureRecord newest_;
   JpegEncoder encoder_;
 };

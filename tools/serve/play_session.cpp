@@ -1,12 +1,11 @@
 #include "tools/serve/play_session.h"
 
-#include <array>
 #include <chrono>
 #include <map>
-#include <random>
 #include <stdexcept>
 
 #include "cms/runtime/wide_text.h"
+#include "tools/serve/random_id.h"
 #include "tools/support/stop_signal.h"
 
 namespace tools {
@@ -20,24 +19,13 @@ constexpr milliseconds kTurn{20};
 // The transport is told so often at least, so that a viewer that went is noticed.
 constexpr milliseconds kTell{500};
 
-std::string RandomId() {
-  std::random_device random;
-  std::string id;
-  for (int i = 0; i < 4; ++i) {
-    std::array<char, 9> text{};
-    std::snprintf(text.data(), text.size(), "%08x", random());
-    id += text.data();
-  }
-  return id;
-}
-
 }  // namespace
 
-PlaySession::PlaySession(const std::vector<stPBTimeInfo>& spans, std::int64_t moment)
+PlaySession::PlaySession(const std::vector<stPBTimeInfo>& spans, std::int64_t moment, int speed)
     : id_(RandomId()) {
-  std::map<std::uint32_t, _MULTI_PB_SITE_CONFIG> sites;
+  std::map<std::uint32_t, cms::_MULTI_PB_SITE_CONFIG> sites;
   for (const stPBTimeInfo& span : spans) {
-    _MULTI_PB_SITE_CONFIG& site = sites[span.siteNumber];
+    cms::_MULTI_PB_SITE_CONFIG& site = sites[span.siteNumber];
     site.siteNumber = span.siteNumber;
     site.channelCount = 0;
     site.siteName = span.records.front().GetSiteNameW();
@@ -53,6 +41,15 @@ PlaySession::PlaySession(const std::vector<stPBTimeInfo>& spans, std::int64_t mo
   config.startTime = moment;
   if (control_.SetConfig(config) == 0 || control_.StartPlayback() == 0) {
     throw std::runtime_error("cannot play: " + control_.GetLastErrorText());
+  }
+  if (speed == 0) {
+    control_.PlaybackPause();
+  }
+  for (int i = 1; i < speed; ++i) {
+    control_.PlaybackSetSpeedUp();
+  }
+  for (int i = 0; i > speed; --i) {
+    control_.PlaybackSetSlowDown();
   }
   for (unsigned site = 0; site < names_.size(); ++site) {
     for (int channel = 0; channel < control_.GetTotalChannel(site); ++channel) {
@@ -96,7 +93,7 @@ ordered_json PlaySession::Describe() const {
 ordered_json PlaySession::State() const {
   ordered_json gaps = ordered_json::array();
   for (const View& view : views_) {
-    if (control_.GetChFrameState(view.site, view.channel) == PLAYBACK_CHANNEL_GAP) {
+    if (control_.GetChFrameState(view.site, view.channel) == cms::PLAYBACK_CHANNEL_GAP) {
       gaps.push_back(control_.GetSiteNum(view.site));
     }
   }

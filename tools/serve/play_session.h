@@ -16,9 +16,12 @@ namespace tools {
 
 class PlaySession {
  public:
+  static constexpr int kFastest = 6;
+
   // Plays these stretches, the sites in step, from that moment on (milliseconds since 1970-01-01
-  // UTC). Throws std::runtime_error when nothing of it can be played.
-  PlaySession(const std::vector<stPBTimeInfo>& spans, std::int64_t moment);
+  // UTC). `speed`: the transport's number, 0 pauses, below it is backward. Throws
+  // std::runtime_error when nothing of it can be played.
+  PlaySession(const std::vector<stPBTimeInfo>& spans, std::int64_t moment, int speed);
 
   const std::string& Id() const { return id_; }  // nobody guesses it
 

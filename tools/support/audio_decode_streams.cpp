@@ -30,8 +30,8 @@ class BlockStream : public AudioDecodeStream {
   BlockStream(std::unique_ptr<CAudioDecoderBase> decoder, const AudioStreamOptions& options,
               int codecId, const Layout& layout)
       : decoder_(std::move(decoder)), layout_(layout), channelMode_(options.channelMode) {
-    const CAudioDecoderConfig config{codecId, static_cast<std::uint32_t>(layout.dataSize),
-                                     static_cast<std::uint32_t>(options.channels), 0, nullptr};
+    const cms::CAudioDecoderConfig config{codecId, static_cast<std::uint32_t>(layout.dataSize),
+                                          static_cast<std::uint32_t>(options.channels), 0, nullptr};
     if (decoder_->Initialize(&config) != 1) {
       throw std::runtime_error("blocks of " + std::to_string(layout.dataSize) +
                                " bytes are too large");
@@ -140,7 +140,7 @@ std::unique_ptr<AudioDecodeStream> Ima(const AudioStreamOptions& options) {
     throw std::runtime_error("ima is mono, or stereo in blocks of a multiple of 8 bytes");
   }
   return std::make_unique<BlockStream>(
-      std::make_unique<IMAADPCMDecoder>(), options, CMS_CODEC_NONE,
+      std::make_unique<IMAADPCMDecoder>(), options, cms::CMS_CODEC_NONE,
       BlockStream::Layout{
           .dataSize = size,
           .headerSize = IMAADPCMDecoder::kHeaderSize,
@@ -153,7 +153,7 @@ std::unique_ptr<AudioDecodeStream> Ms(const AudioStreamOptions& options) {
     throw std::runtime_error("blocks of ms have at least 7 bytes");
   }
   return std::make_unique<BlockStream>(
-      std::make_unique<MSADPCMDecoder>(), options, CMS_CODEC_NONE,
+      std::make_unique<MSADPCMDecoder>(), options, cms::CMS_CODEC_NONE,
       BlockStream::Layout{.dataSize = size,
                           .minimumSize = kMsHeader,
                           .readBehind = MSADPCMDecoder::kBytesReadBehind,
@@ -169,19 +169,19 @@ std::vector<std::string> DecodableAudioCodecs() {
 std::unique_ptr<AudioDecodeStream> MakeAudioDecodeStream(const AudioStreamOptions& options) {
   const std::string& codec = options.codec;
   if (codec == "alaw") {
-    return Sampled<ALawDecoder>(options, CMS_CODEC_PCM_ALAW, 1);
+    return Sampled<ALawDecoder>(options, cms::CMS_CODEC_PCM_ALAW, 1);
   }
   if (codec == "mulaw") {
-    return Sampled<MULawDecoder>(options, CMS_CODEC_PCM_MULAW, 1);
+    return Sampled<MULawDecoder>(options, cms::CMS_CODEC_PCM_MULAW, 1);
   }
   if (codec == "s16le") {
-    return Sampled<PCMDecoder>(options, CMS_CODEC_PCM_S16LE, 2);
+    return Sampled<PCMDecoder>(options, cms::CMS_CODEC_PCM_S16LE, 2);
   }
   if (codec == "s16be") {
-    return Sampled<PCMDecoder>(options, CMS_CODEC_PCM_S16BE, 2);
+    return Sampled<PCMDecoder>(options, cms::CMS_CODEC_PCM_S16BE, 2);
   }
   if (codec == "s8") {
-    return Sampled<PCMDecoder, EightBitStream>(options, CMS_CODEC_PCM_U8, 1);
+    return Sampled<PCMDecoder, EightBitStream>(options, cms::CMS_CODEC_PCM_U8, 1);
   }
   if (codec == "ima") {
     return Ima(options);

@@ -15,4 +15,9 @@ cms::CameraUrl ReadCameraUrl(const std::string& text,
                              std::initializer_list<std::string_view> schemes,
                              const std::string& form);
 
+// Whether it names a camera that is asked for its streams.
+inline bool IsOnvifUrl(std::string_view url) {
+  return url.starts_with("onvif://") || url.starts_with("onvifs://");
+}
+
 }  // namespace tools

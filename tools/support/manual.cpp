@@ -138,7 +138,7 @@ void Collect(const CLI::App& app, const std::string& path, Completions& out) {
 }
 
 std::string ManPage(const CLI::App& root, const CLI::App& command, const std::string& date) {
-  const bool is_root = &root == &command;
+  const bool isRoot = &root == &command;
   std::string page = PathOf(command);
   std::replace(page.begin(), page.end(), ' ', '-');
   std::ostringstream out;
@@ -148,7 +148,7 @@ std::string ManPage(const CLI::App& root, const CLI::App& command, const std::st
       << Roff(page) << " \\- " << Roff(command.get_description()) << "\n.SH SYNOPSIS\n";
   WriteSynopsis(out, command);
   out << ".SH DESCRIPTION\n" << Roff(command.get_description()) << ".\n";
-  if (is_root) {
+  if (isRoot) {
     out << "Each command has a page of its own.\n";
     for (const CLI::App* each : ShownSubcommands(root)) {
       out << ".TP\n\\fB" << Roff(PathOf(*each)) << "\\fR\n"
@@ -157,7 +157,7 @@ std::string ManPage(const CLI::App& root, const CLI::App& command, const std::st
   }
   out << ".SH OPTIONS\n";
   WriteOptions(out, command);
-  if (!is_root && !ShownSubcommands(command).empty()) {
+  if (!isRoot && !ShownSubcommands(command).empty()) {
     out << ".SH COMMANDS\n";
     WriteSubcommands(out, command);
   }
@@ -168,7 +168,7 @@ std::string ManPage(const CLI::App& root, const CLI::App& command, const std::st
          "0 when the job is done, 1 when it failed, 2 for wrong usage. What is wrong is told in\n"
          "one line on standard error.\n"
          ".SH SEE ALSO\n";
-  if (is_root) {
+  if (isRoot) {
     std::string separator;
     for (const CLI::App* each : ShownSubcommands(root)) {
       out << separator << "\\fB" << Roff(page + "-" + each->get_name()) << "\\fR(1)";

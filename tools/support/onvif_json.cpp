@@ -13,7 +13,7 @@ Json Value(const std::wstring& text) {
   return cms::Utf8FromWide(text);
 }
 
-Json Value(const stRange& range) {
+Json Value(const cms::stRange& range) {
   return {{"Min", range.min}, {"Max", range.max}};
 }
 
@@ -21,7 +21,7 @@ Json Value(double number) {
   return number;
 }
 
-Json Value(const stResolution& size) {
+Json Value(const cms::stResolution& size) {
   return {{"Width", size.width}, {"Height", size.height}};
 }
 
@@ -57,7 +57,7 @@ void AddList(Json* object, const char* name, const std::vector<T>& list) {
 
 }  // namespace
 
-Json ToJson(const stONVIFDeviceInformation& device) {
+Json ToJson(const cms::stONVIFDeviceInformation& device) {
   return {{"Manufacturer", Value(device.manufacturer)},
           {"Model", Value(device.model)},
           {"FirmwareVersion", Value(device.firmwareVersion)},
@@ -65,7 +65,7 @@ Json ToJson(const stONVIFDeviceInformation& device) {
           {"HardwareId", Value(device.hardwareId)}};
 }
 
-Json ToJson(const stVideoEncoderConfiguration& encoder) {
+Json ToJson(const cms::stVideoEncoderConfiguration& encoder) {
   Json json = {{"token", Value(encoder.token)},
                {"Name", Value(encoder.name)},
                {"UseCount", encoder.useCount},
@@ -89,11 +89,11 @@ Json ToJson(const stVideoEncoderConfiguration& encoder) {
   return json;
 }
 
-Json ToJson(const stVideoEncoderOptions& options) {
+Json ToJson(const cms::stVideoEncoderOptions& options) {
   Json json = Json::object();
   Add(&json, "ConfigurationToken", options.configurationToken);
   Add(&json, "QualityRange", options.quality);
-  for (const stCodecOptions& codec : options.codecs) {
+  for (const cms::stCodecOptions& codec : options.codecs) {
     Json each = {{"ResolutionsAvailable", Values(codec.resolutions)}};
     Add(&each, "GovLengthRange", codec.govLength);
     Add(&each, "FrameRateRange", codec.frameRate);
@@ -105,7 +105,7 @@ Json ToJson(const stVideoEncoderOptions& options) {
   return json;
 }
 
-Json ToJson(const stVideoProfile& profile) {
+Json ToJson(const cms::stVideoProfile& profile) {
   Json json = {{"token", Value(profile.token)}, {"Name", Value(profile.name)}};
   if (!profile.videoSourceConfigurationToken.empty()) {
     json["VideoSourceConfiguration"] = {{"token", Value(profile.videoSourceConfigurationToken)},
@@ -127,7 +127,7 @@ Json ToJson(const stVideoProfile& profile) {
   return json;
 }
 
-Json ToJson(const stImagingSettings& imaging) {
+Json ToJson(const cms::stImagingSettings& imaging) {
   Json json = Json::object();
   Add(&json, "Brightness", imaging.brightness);
   Add(&json, "ColorSaturation", imaging.colorSaturation);
@@ -148,7 +148,7 @@ Json ToJson(const stImagingSettings& imaging) {
   return json;
 }
 
-Json ToJson(const stImagingOptions& options) {
+Json ToJson(const cms::stImagingOptions& options) {
   Json json = Json::object();
   Add(&json, "Brightness", options.brightness);
   Add(&json, "ColorSaturation", options.colorSaturation);
@@ -171,9 +171,9 @@ Json ToJson(const stImagingOptions& options) {
   return json;
 }
 
-Json ToJson(const stNetworkConfiguration& network) {
+Json ToJson(const cms::stNetworkConfiguration& network) {
   Json interfaces = Json::array();
-  for (const stNetworkInterface& each : network.interfaces) {
+  for (const cms::stNetworkInterface& each : network.interfaces) {
     interfaces.push_back(
         {{"token", Value(each.token)},
          {"Enabled", each.enabled},

@@ -8,13 +8,13 @@
 
 namespace tools {
 
-nlohmann::ordered_json ToJson(const stONVIFDeviceInformation& device);
-nlohmann::ordered_json ToJson(const stVideoEncoderConfiguration& encoder);
-nlohmann::ordered_json ToJson(const stVideoEncoderOptions& options);
-nlohmann::ordered_json ToJson(const stVideoProfile& profile);
-nlohmann::ordered_json ToJson(const stImagingSettings& imaging);
-nlohmann::ordered_json ToJson(const stImagingOptions& options);
-nlohmann::ordered_json ToJson(const stNetworkConfiguration& network);
+nlohmann::ordered_json ToJson(const cms::stONVIFDeviceInformation& device);
+nlohmann::ordered_json ToJson(const cms::stVideoEncoderConfiguration& encoder);
+nlohmann::ordered_json ToJson(const cms::stVideoEncoderOptions& options);
+nlohmann::ordered_json ToJson(const cms::stVideoProfile& profile);
+nlohmann::ordered_json ToJson(const cms::stImagingSettings& imaging);
+nlohmann::ordered_json ToJson(const cms::stImagingOptions& options);
+nlohmann::ordered_json ToJson(const cms::stNetworkConfiguration& network);
 
 // An array of what each becomes.
 template <typename List>

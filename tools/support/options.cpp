@@ -211,6 +211,7 @@ ORVANTA_OPTION_VALUE(std::vector<int>);
 ORVANTA_OPTION_VALUE(std::vector<unsigned>);
 ORVANTA_OPTION_VALUE(std::optional<std::string>);
 ORVANTA_OPTION_VALUE(std::optional<int>);
+ORVANTA_OPTION_VALUE(std::optional<unsigned>);
 ORVANTA_OPTION_VALUE(std::optional<std::uint16_t>);
 ORVANTA_OPTION_VALUE(std::optional<float>);
 ORVANTA_OPTION_VALUE(std::optional<double>);
@@ -249,7 +250,9 @@ void Command::RunWithParent(std::function<void()> job) const {
 CommandLine::CommandLine(const std::string& help, const std::string& name,
                          const std::string& version)
     : app_(std::make_unique<CLI::App>(help, name)) {
-  app_->set_version_flag("--version", version, "Print the version and exit");
+  if (!version.empty()) {
+    app_->set_version_flag("--version", version, "Print the version and exit");
+  }
   app_->require_subcommand(0, 1);
 }
 

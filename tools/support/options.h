@@ -87,7 +87,7 @@ class Command {
 
 class CommandLine {
  public:
-  // `version` is the text that --version prints.
+  // `version` is the text that --version prints; empty: there is no such option.
   CommandLine(const std::string& help, const std::string& name, const std::string& version);
   ~CommandLine();
 

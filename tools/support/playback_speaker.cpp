@@ -4,7 +4,7 @@
 
 namespace tools {
 
-PlaybackSpeaker::PlaybackSpeaker(const std::string& device) : player_({}, device) {
+void PlaybackSpeaker::Start() {
   if (!player_.Start()) {
     throw std::runtime_error(player_.GetStatus().error +
                              " (orvanta audio devices lists what there is)");
@@ -16,9 +16,10 @@ void PlaybackSpeaker::Join(_MULTI_SITE_PLAYBACK_CONFIG& config) {
   config.context = this;
 }
 
-// On the reader thread of the one channel whose sound is on.
-void PlaybackSpeaker::OnAudio(void* context, const _MULTI_PB_AUDIO_BLOCK* block) {
+// On the reader thread of the channel whose sound is on.
+void PlaybackSpeaker::OnAudio(void* context, const cms::_MULTI_PB_AUDIO_BLOCK* block) {
   auto* const self = static_cast<PlaybackSpeaker*>(context);
+  const ScopeLock hold(self->lock_);
   tCMSAudioPlayerConfig& known = self->format_;
   const auto codec = static_cast<std::int32_t>(block->codecId);
   if (known.codecId != codec || known.sampleRate != block->sampleRate ||

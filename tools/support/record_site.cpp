@@ -10,6 +10,7 @@
 
 #include "cms/runtime/clock.h"
 #include "cms/runtime/native_path.h"
+#include "tools/support/camera_site.h"
 #include "tools/support/time_text.h"
 
 namespace tools {
@@ -41,6 +42,14 @@ RecordSite::RecordSite(const LiveOptions& live, const RecordOptions& options)
       live_(std::make_unique<LiveSite>(live)),
       day_(std::make_unique<DayFolder>(*live_, live, options.fileSizeMiB)) {
   url_ = live_->Url();
+  if (!options.events.empty()) {
+    if (live.onvif.empty()) {
+      throw UsageError("--events", url_ + ": only a camera named by onvif[s]:// tells of events");
+    }
+    events_ = std::make_unique<CameraEvents>(
+        *options.onvifEvents, AccessOf(live.onvif, live.user, live.password, live.security),
+        options.events);
+  }
 }
 
 void RecordSite::Start() {
@@ -50,15 +59,20 @@ void RecordSite::Start() {
   if (!options_.moveTo.empty()) {
     client.StartMoveFileToNAS(options_.moveTo.c_str());
   }
-  if (options_.eventEvery > 0) {
+  if (options_.eventEvery > 0 || events_) {
     if (client.SetRecEventPreAlarm(kChannel, options_.preAlarm, 1) == 0) {
       throw std::runtime_error("no memory for a pre-alarm of " + std::to_string(options_.preAlarm) +
                                " s");
     }
-    client.TurnOnRecordingState(kChannel, kRecordDeviceEvent);
+    for (const cms::RecordKind kind : cms::kEventKinds) {
+      const unsigned states = events_ ? events_->States() : unsigned{cms::kEventStateDeviceEvent};
+      if ((states & cms::BitOf(kind)) != 0) {
+        client.TurnOnRecordingState(kChannel, cms::NumberOf(kind));
+      }
+    }
   } else if (options_.schedule) {
-    client.TurnOnRecordingState(kChannel, kRecordSchedule);
-  } else if (client.StartRecord(kChannel, kRecordInstant) == 0) {
+    client.TurnOnRecordingState(kChannel, cms::kRecordSchedule);
+  } else if (client.StartRecord(kChannel, cms::kRecordInstant) == 0) {
     day_->Refuse();
   }
   live_->Open();
@@ -103,6 +117,9 @@ void RecordSite::EndGap(std::int64_t to) {
 }
 
 void RecordSite::LookForEvent() {
+  if (events_) {
+    live_->Client().SetEventState(kChannel, events_->State());
+  }
   if (options_.eventEvery == 0) {
     return;
   }
@@ -110,7 +127,7 @@ void RecordSite::LookForEvent() {
       std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - started_).count());
   const bool event =
       seconds >= options_.eventEvery && seconds % options_.eventEvery < options_.eventLength;
-  live_->Client().SetEventState(kChannel, event ? kEventStateDeviceEvent : 0u);
+  live_->Client().SetEventState(kChannel, event ? cms::kEventStateDeviceEvent : 0u);
 }
 
 void RecordSite::LookLast() {
@@ -124,6 +141,7 @@ void RecordSite::LookLast() {
 }
 
 void RecordSite::Stop() {
+  events_.reset();
   live_->Close();
   live_->Client().StopRecordAll();
 }
@@ -179,9 +197,8 @@ std::string RecordSite::StatusLine() {
          Megabytes(live_->Client().GetRecordingStatus().bytes);
 }
 
-// The working folder may be gone, or be another one, when the end comes.
 std::string RecordSite::PathOf(const std::wstring& drvPath) const {
-  return (std::filesystem::path(options_.workingFolder) / cms::NativePath(drvPath))
+  return (std::filesystem::path(options_.recordings) / cms::NativePath(drvPath))
       .lexically_normal()
       .string();
 }

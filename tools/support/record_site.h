@@ -13,6 +13,7 @@
 
 #include "cms/recording/gap_log.h"
 #include "tools/data/day_folder.h"
+#include "tools/support/camera_events.h"
 #include "tools/support/live_site.h"
 
 namespace tools {
@@ -23,8 +24,10 @@ struct RecordOptions {
   unsigned eventEvery = 0;  // seconds; 0: everything is recorded
   unsigned eventLength = 5;
   unsigned preAlarm = 0;
-  std::wstring moveTo;        // as the library writes paths; empty: nowhere
-  std::string workingFolder;  // absolute
+  std::vector<std::string> events;          // of the camera's own, by CameraEventWords
+  cms::OnvifEvents* onvifEvents = nullptr;  // hears them for all sites
+  std::wstring moveTo;                      // as the library writes paths; empty: nowhere
+  std::string recordings;                   // the folder of all, absolute
 };
 
 // What came of a site's recording.
@@ -34,7 +37,7 @@ struct RecordSummary {
   bool delivered = false;  // a frame arrived
 };
 
-// The process has entered the data folder. Site N is the N-th URL. Start, Look and LookLast on one
+// The process has its data root. Site N is the N-th URL. Start, Look and LookLast on one
 // thread, then the three that end it, in their order, on any one; Summary on any.
 class RecordSite {
  public:
@@ -57,7 +60,7 @@ class RecordSite {
   // Of the end, or, before Finish has returned, of what LookLast and the steps so far know.
   RecordSummary Summary() const;
 
-  const ConnectionStatus& Status() const { return lastStatus_; }  // when last looked
+  const cms::ConnectionStatus& Status() const { return lastStatus_; }  // when last looked
   const std::string& Url() const { return url_; }
   std::string StatusLine();
 
@@ -83,7 +86,8 @@ class RecordSite {
   const unsigned number_;  // from 1
   std::string url_;
   std::unique_ptr<LiveSite> live_;
-  std::unique_ptr<DayFolder> day_;  // of the live site
+  std::unique_ptr<DayFolder> day_;        // of the live site
+  std::unique_ptr<CameraEvents> events_;  // of the camera; none: not asked for
   Clock::time_point started_;
   std::int64_t startedSeconds_ = 0;
   std::int64_t stoppedSeconds_ = 0;
@@ -92,7 +96,7 @@ class RecordSite {
   std::deque<Gap> gaps_;  // the latest, as the log has them if it can be written
   std::optional<cms::OpenGap> gap_;
   cms::RecordingStatus recorded_;
-  ConnectionStatus lastStatus_;
+  cms::ConnectionStatus lastStatus_;
   bool delivered_ = false;
   bool written_ = false;
 

@@ -15,14 +15,14 @@ namespace tools {
 namespace {
 
 // Written by the signal handler and never read, so it stays readable for everyone once signalled.
-const int stop_event = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-std::atomic<bool> stop_requested{false};
+const int stopEvent = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+std::atomic<bool> stopRequested{false};
 static_assert(std::atomic<bool>::is_always_lock_free, "the signal handler writes it");
 
 // A signal may come twice for one wish: a terminal's and a script's, or both of timeout(1)'s, which
 // signals its child and then its whole group.
 constexpr std::int64_t kOneWish = 500;  // milliseconds
-std::atomic<std::int64_t> first_signal{0};
+std::atomic<std::int64_t> firstSignal{0};
 static_assert(std::atomic<std::int64_t>::is_always_lock_free, "the signal handler writes it");
 
 void OnSignal(int number) {
@@ -31,12 +31,12 @@ void OnSignal(int number) {
   clock_gettime(CLOCK_MONOTONIC, &now);
   const std::int64_t time = std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
   std::int64_t first = 0;
-  if (!first_signal.compare_exchange_strong(first, time) && time - first >= kOneWish) {
+  if (!firstSignal.compare_exchange_strong(first, time) && time - first >= kOneWish) {
     signal(number, SIG_DFL);
     raise(number);
   }
-  stop_requested.store(true, std::memory_order_relaxed);
-  [[maybe_unused]] const int result = eventfd_write(stop_event, 1);
+  stopRequested.store(true, std::memory_order_relaxed);
+  [[maybe_unused]] const int result = eventfd_write(stopEvent, 1);
   errno = saved;
 }
 
@@ -52,11 +52,11 @@ void CatchStopSignals() {
 }
 
 bool StopRequested() {
-  return stop_requested.load(std::memory_order_relaxed);
+  return stopRequested.load(std::memory_order_relaxed);
 }
 
 int StopDescriptor() {
-  return stop_event;
+  return stopEvent;
 }
 
 bool WaitForStop(std::chrono::milliseconds limit) {
@@ -67,7 +67,7 @@ bool WaitForStop(std::chrono::milliseconds limit) {
     if (left <= 0) {
       return false;
     }
-    pollfd wait{stop_event, POLLIN, 0};
+    pollfd wait{stopEvent, POLLIN, 0};
     poll(&wait, 1, static_cast<int>(std::min<std::int64_t>(left, std::numeric_limits<int>::max())));
   }
   return true;

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/support/camera_security.h"
 #include "tools/support/live_site.h"
 #include "tools/support/options.h"
 
@@ -15,13 +16,14 @@ struct StreamArguments {
   std::vector<std::string> transports = {"udp"};
   std::string user;
   std::string password;
+  SecurityArguments security;
 };
 
-// URL..., --transport, --user and --password.
-void AddStreamOptions(Command command, StreamArguments& arguments);
+// URL..., --transport, --user, --password and those of camera_security.h. The option of the URLs.
+Option AddStreamOptions(Command command, StreamArguments& arguments);
 
 // What they say of the site with that number, from 0. Waits for the camera where its URL says
-// onvif://; throws std::runtime_error when that fails.
+// onvif[s]://; throws std::runtime_error when that fails.
 LiveOptions OptionsOf(const StreamArguments& arguments, std::size_t site);
 
 }  // namespace tools

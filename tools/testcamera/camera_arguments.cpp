@@ -1,5 +1,6 @@
 #include "tools/testcamera/camera_arguments.h"
 
+#include <cstdlib>
 #include <utility>
 
 namespace testcamera {
@@ -34,10 +35,17 @@ void AddChoice(Command app, const std::string& name, Value& value, const Choices
       .Text(names);
 }
 
+const Choices<AuthScheme> kSchemes = {{"none", AuthScheme::kNone},
+                                      {"basic", AuthScheme::kBasic},
+                                      {"digest", AuthScheme::kDigest},
+                                      {"digest-qop", AuthScheme::kDigestQop},
+                                      {"digest-sha256", AuthScheme::kDigestSha256},
+                                      {"all", AuthScheme::kAll}};
+
 void AddOnvifOptions(Command command, CameraArguments& arguments) {
   OnvifOptions& onvif = arguments.onvif;
   const Option port = command
-                          .AddOption("--onvif", arguments.onvif_port,
+                          .AddOption("--onvif", arguments.onvifPort,
                                      "Port for ONVIF and the parameter CGI, which ask for --user "
                                      "and --password; 0 takes any")
                           .Port();
@@ -52,10 +60,10 @@ void AddOnvifOptions(Command command, CameraArguments& arguments) {
           "How it answers: " + OnvifStyleWords())
       .List()
       .Needs(port);
-  command.AddOption("--onvif-clock", onvif.clock_offset, "Seconds that its clock is ahead")
+  command.AddOption("--onvif-clock", onvif.clockOffset, "Seconds that its clock is ahead")
       .Needs(port)
       .InRange(-1'000'000'000, 1'000'000'000);
-  command.AddOption("--onvif-zone", onvif.time_zone, "Its time zone, as in the variable TZ")
+  command.AddOption("--onvif-zone", onvif.timeZone, "Its time zone, as in the variable TZ")
       .Needs(port)
       .ShowDefault();
   command
@@ -67,6 +75,44 @@ void AddOnvifOptions(Command command, CameraArguments& arguments) {
       .Needs(port)
       .ShowDefault()
       .InRange(3, 5);
+  command.AddFlag("--media2", onvif.media2, "The second version of the media service too")
+      .Needs(port);
+  command.AddFlag("--onvif-tls", onvif.tls, "HTTPS, with the certificate of RTSPS").Needs(port);
+  AddChoice(command, "--onvif-login", onvif.login, kSchemes,
+            "Ask for HTTP credentials beside the signature of a request [none]");
+  command
+      .AddFlag("--ptz", arguments.camera.ptz,
+               "Can be moved: sends a part of a test picture that is larger")
+      .Needs(port);
+  const auto addSeconds = [&](const char* name, std::int64_t& milliseconds,
+                              const std::string& help) {
+    command
+        .AddParsed(
+            name,
+            [name, &milliseconds](const std::string& text) {
+              char* end = nullptr;
+              const double seconds = std::strtod(text.c_str(), &end);
+              if (end == text.c_str() || *end != '\0' || !(seconds >= 0.1 && seconds <= 86400)) {
+                throw UsageError(name, text + " is no time of 0.1 to 86400 seconds");
+              }
+              milliseconds = static_cast<std::int64_t>(seconds * 1000);
+            },
+            help)
+        .TypeName("S")
+        .Needs(port);
+  };
+  addSeconds("--motion-every", onvif.motionEvery, "See a motion every so many seconds");
+  addSeconds("--motion-length", onvif.motionLength, "that lasts so long, and so do inputs [2]");
+  addSeconds("--input-every", onvif.inputEvery, "Close the digital input every so many seconds");
+  command.AddOption("--longest-pull", onvif.longestPull, "Seconds that a pull for events may wait")
+      .Needs(port)
+      .ShowDefault()
+      .InRange(1, 3600);
+  command
+      .AddOption("--max-subscriptions", onvif.maxSubscriptions, "Subscriptions to events at a time")
+      .Needs(port)
+      .ShowDefault()
+      .InRange(0, 1000);
   command.AddFlag("!--no-discovery", onvif.discovery, "Answer no WS-Discovery probe").Needs(port);
 }
 
@@ -75,9 +121,9 @@ void AddOnvifOptions(Command command, CameraArguments& arguments) {
 void AddCameraOptions(Command command, CameraArguments& arguments) {
   CameraOptions& camera = arguments.camera;
   command.AddOption("--port", camera.port, "RTSP port; 0 takes any").ShowDefault().Port();
-  command.AddOption("--bind", camera.bind, "Address to listen on").ShowDefault().IPv4();
+  command.AddOption("--bind", camera.bind, "Address to listen on, IPv4 or IPv6").ShowDefault();
   command
-      .AddOption("--http", arguments.http_port,
+      .AddOption("--http", arguments.httpPort,
                  std::string("HTTP port for the pictures as multipart JPEG at ") + kHttpPath +
                      "; 0 takes any")
       .Port();
@@ -92,15 +138,17 @@ void AddCameraOptions(Command command, CameraArguments& arguments) {
   const Option file =
       command
           .AddOption("--file", camera.file,
-                     "Play this file's H.264, MPEG-4 or JPEG video for ever, as it is")
+                     "Play this file's H.264, H.265, MPEG-4 or JPEG video for ever, as it is")
           .ExistingFile();
   command.AddOption("--pattern", camera.pattern, "Picture: smpte, ball, snow, black ...")
       .ShowDefault()
       .Excludes(file);
-  AddChoice(
-      command, "--codec", camera.codec,
-      {{"h264", VideoCodec::kH264}, {"mjpeg", VideoCodec::kMjpeg}, {"mpeg4", VideoCodec::kMpeg4}},
-      "Video codec of the pattern [h264]");
+  AddChoice(command, "--codec", camera.codec,
+            {{"h264", VideoCodec::kH264},
+             {"h265", VideoCodec::kH265},
+             {"mjpeg", VideoCodec::kMjpeg},
+             {"mpeg4", VideoCodec::kMpeg4}},
+            "Video codec of the pattern [h264]");
   AddChoice(command, "--profile", camera.profile,
             {{"baseline", H264Profile::kBaseline}, {"high", H264Profile::kHigh}},
             "H.264 profile [baseline]");
@@ -109,43 +157,65 @@ void AddCameraOptions(Command command, CameraArguments& arguments) {
   command.AddOption("--gop", camera.gop, "Pictures from key frame to key frame")
       .ShowDefault()
       .InRange(1, 10000);
+  command
+      .AddOption("--slices", camera.slices, "Slices of each H.264 or H.265 picture of the pattern")
+      .ShowDefault()
+      .InRange(1, 16);
   command.AddOption("--bitrate", camera.bitrate, "Video kbit/s; by size and rate when not given")
       .InRange(16, 200000);
   AddChoice(command, "--audio", camera.audio,
             {{"none", AudioCodec::kNone},
              {"pcmu", AudioCodec::kPcmu},
              {"pcma", AudioCodec::kPcma},
-             {"l16", AudioCodec::kL16}},
+             {"l16", AudioCodec::kL16},
+             {"aac", AudioCodec::kAac},
+             {"g726", AudioCodec::kG726}},
             "Sound: a tone in this codec [none]");
 
-  AddChoice(
-      command, "--auth", camera.auth,
-      {{"none", AuthScheme::kNone}, {"basic", AuthScheme::kBasic}, {"digest", AuthScheme::kDigest}},
-      "Ask for a password [none]");
+  AddChoice(command, "--auth", camera.auth, kSchemes,
+            "Ask for a password; all: Basic, and Digest with MD5 and SHA-256 [none]");
   command.AddOption("--user", camera.user, "Who may log in").ShowDefault();
   command.AddOption("--password", camera.password, "Its password").ShowDefault();
 
-  command.AddOption("--transports", arguments.transports, "Those offered: udp,tcp")
+  command.AddFlag("--tls", camera.tls, "RTSPS, with a certificate signed by itself");
+  command.AddOption(
+      "--certificate", camera.certificate,
+      "RTSPS with this file's certificate and key (PEM), which are made when the file "
+      "is not there");
+  command
+      .AddOption("--transports", arguments.transports, "Those offered: udp,tcp,multicast [udp,tcp]")
       .List()
-      .OneOf({"udp", "tcp"});
-  command.AddOption("--max-sessions", camera.max_sessions, "Refuse more sessions than that");
-  command.AddOption("--session-timeout", camera.session_timeout, "Seconds")
+      .OneOf({"udp", "tcp", "multicast"});
+  command.AddOption("--group", camera.multicastAddress, "Multicast address that is sent to")
+      .ShowDefault()
+      .IPv4();
+  command.AddOption("--group-port", camera.multicastPort, "The first of its four ports")
+      .ShowDefault()
+      .InRange(1024, 65532);
+  command.AddOption("--max-sessions", camera.maxSessions, "Refuse more sessions than that");
+  command.AddOption("--session-timeout", camera.sessionTimeout, "Seconds")
       .ShowDefault()
       .InRange(1, 86400);
   AddChoice(command, "--delimiters", camera.delimiters, {{"on", true}, {"off", false}},
-            "An H.264 access-unit delimiter before each picture [off]");
-  AddChoice(command, "--parameter-sets", camera.parameter_sets,
+            "An access-unit delimiter before each H.264 or H.265 picture [off]");
+  AddChoice(command, "--sei", camera.messages, {{"on", true}, {"off", false}},
+            "An SEI message before each H.264 or H.265 picture [off]");
+  command
+      .AddOption("--key-size", camera.keyPictureSize,
+                 "Fill H.264 and H.265 key pictures up to so many bytes")
+      .InRange(0, 64'000'000);
+  AddChoice(command, "--parameter-sets", camera.parameterSets,
             {{"both", ParameterSets::kBoth},
              {"sdp", ParameterSets::kSdp},
              {"inband", ParameterSets::kInband}},
-            "Where H.264 parameter sets are sent; inband also for MPEG-4 [both]");
+            "Where H.264 and H.265 parameter sets are sent; inband also for MPEG-4 [both]");
   AddChoice(command, "--packets", camera.packets,
             {{"fu", PacketStyle::kFu}, {"stap", PacketStyle::kStap}},
-            "Small H.264 units alone or several in a packet [fu]");
+            "Small H.264 and H.265 units alone or several in a packet [fu]");
   command.AddOption("--mtu", camera.mtu, "Largest RTP packet in bytes")
       .ShowDefault()
       .InRange(200, 65000);
-  command.AddOption("--drop-percent", camera.drop_percent, "Lose that part of the RTP packets")
+  command.AddOption("--drop-percent", camera.dropPercent, "Lose that part of the RTP packets")
       .InRange(0.0, 100.0);
   AddOnvifOptions(command, arguments);
   command.AddFlag("--json", arguments.json, "Print the URLs as one JSON object");

@@ -20,8 +20,8 @@ struct CameraArguments {
   int count = 1;
   std::string size = "640x360";
   std::vector<std::string> transports;
-  std::optional<std::uint16_t> http_port;   // no HTTP without
-  std::optional<std::uint16_t> onvif_port;  // no ONVIF without
+  std::optional<std::uint16_t> httpPort;   // no HTTP without
+  std::optional<std::uint16_t> onvifPort;  // no ONVIF without
   OnvifOptions onvif;
   bool json = false;
 };

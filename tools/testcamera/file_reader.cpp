@@ -23,6 +23,10 @@ const char* ParserFor(const GstStructure* caps, VideoCodec* codec) {
     *codec = VideoCodec::kH264;
     return "h264parse ! video/x-h264,stream-format=avc,alignment=au";
   }
+  if (gst_structure_has_name(caps, "video/x-h265")) {
+    *codec = VideoCodec::kH265;
+    return "h265parse ! video/x-h265,stream-format=hvc1,alignment=au";
+  }
   if (gst_structure_has_name(caps, "video/mpeg") &&
       gst_structure_get_int(caps, "mpegversion", &version) && version == 4) {
     *codec = VideoCodec::kMpeg4;
@@ -58,7 +62,7 @@ FileReader::FileReader(const std::string& path)
     const MiniPtr<GstMessage> end(gst_bus_pop_filtered(
         bus.get(), static_cast<GstMessageType>(GST_MESSAGE_ERROR | GST_MESSAGE_EOS)));
     if (end != nullptr && first_ == nullptr) {
-      std::string reason = "no H.264, MPEG-4 or JPEG video in it";
+      std::string reason = "no H.264, H.265, MPEG-4 or JPEG video in it";
       if (GST_MESSAGE_TYPE(end.get()) == GST_MESSAGE_ERROR) {
         GError* error = nullptr;
         gst_message_parse_error(end.get(), &error, nullptr);

@@ -11,8 +11,8 @@
 
 namespace testcamera {
 
-// One pass over the first video stream of a container or elementary stream with H.264, MPEG-4 or
-// JPEG pictures. For one thread.
+// One pass over the first video stream of a container or elementary stream with H.264, H.265,
+// MPEG-4 or JPEG pictures. For one thread.
 class FileReader {
  public:
   // Throws std::runtime_error that says what is wrong with the file.
@@ -23,8 +23,8 @@ class FileReader {
 
   VideoCodec Codec() const { return codec_; }
 
-  // The next picture in decoding order, H.264 with 4-byte lengths in front of its units; nullptr at
-  // the end.
+  // The next picture in decoding order, H.264 and H.265 with 4-byte lengths in front of its units;
+  // nullptr at the end.
   MiniPtr<GstSample> Next();
 
  private:

@@ -22,13 +22,13 @@ void FillRectangle(const Planes& planes, int x, int y, int width, int height, st
   const int right = std::min(x + width, planes.width);
   const int bottom = std::min(y + height, planes.height);
   for (int row = y; row < bottom; ++row) {
-    std::fill(planes.luma + static_cast<std::size_t>(row) * planes.luma_stride + x,
-              planes.luma + static_cast<std::size_t>(row) * planes.luma_stride + right, luma);
+    std::fill(planes.luma + static_cast<std::size_t>(row) * planes.lumaStride + x,
+              planes.luma + static_cast<std::size_t>(row) * planes.lumaStride + right, luma);
   }
   for (int plane = 0; plane < 2; ++plane) {
     for (int row = y / 2; row < (bottom + 1) / 2; ++row) {
       std::uint8_t* line =
-          planes.chroma[plane] + static_cast<std::size_t>(row) * planes.chroma_stride[plane];
+          planes.chroma[plane] + static_cast<std::size_t>(row) * planes.chromaStride[plane];
       std::fill(line + x / 2, line + (right + 1) / 2, kGrey);
     }
   }

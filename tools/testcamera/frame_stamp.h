@@ -10,8 +10,8 @@ namespace testcamera {
 struct Planes {
   std::uint8_t* luma;
   std::uint8_t* chroma[2];
-  std::size_t luma_stride;
-  std::size_t chroma_stride[2];
+  std::size_t lumaStride;
+  std::size_t chromaStride[2];
   int width;
   int height;
 };

@@ -43,12 +43,12 @@ std::string Refusal(const std::string& status, const std::string& headers) {
 
 HttpCamera::HttpCamera(const CameraOptions& options, GMainContext* context)
     : options_(options),
-      password_(options),
+      login_(options),
       pictures_(options),
       stop_(g_cancellable_new()),
       service_(g_threaded_socket_service_new(kMaxClients)) {
   const ObjectPtr<GSocketAddress> wanted(
-      g_inet_socket_address_new_from_string(options_.bind.c_str(), options_.http_port));
+      g_inet_socket_address_new_from_string(options_.bind.c_str(), options_.httpPort));
   GSocketAddress* bound = nullptr;
   GError* error = nullptr;
   // The service accepts in the context that is the thread's default while it is set up.
@@ -64,7 +64,7 @@ HttpCamera::HttpCamera(const CameraOptions& options, GMainContext* context)
   if (!listening) {
     const ErrorPtr owned(error);
     throw std::runtime_error("cannot listen for HTTP on " + options_.bind + " port " +
-                             std::to_string(options_.http_port) + ": " + owned->message);
+                             std::to_string(options_.httpPort) + ": " + owned->message);
   }
   const ObjectPtr<GSocketAddress> address(bound);
   port_ = g_inet_socket_address_get_port(G_INET_SOCKET_ADDRESS(bound));
@@ -113,8 +113,12 @@ void HttpCamera::Serve(GSocketConnection* connection) {
     Write(out, Refusal("405 Method Not Allowed", "Allow: GET\r\n"));
   } else if (target.substr(0, target.find('?')) != kHttpPath) {
     Write(out, Refusal("404 Not Found", ""));
-  } else if (!password_.Accepts(HeaderValue(head, "Authorization"), method, target)) {
-    Write(out, Refusal("401 Unauthorized", "WWW-Authenticate: " + password_.Challenge() + "\r\n"));
+  } else if (!login_.Accepts(HeaderValue(head, "Authorization"), method, target)) {
+    std::string challenges;
+    for (const std::string& each : login_.Challenges()) {
+      challenges += "WWW-Authenticate: " + each + "\r\n";
+    }
+    Write(out, Refusal("401 Unauthorized", challenges));
   } else {
     SendPictures(out);
   }

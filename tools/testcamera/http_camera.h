@@ -10,7 +10,7 @@
 
 #include "tools/testcamera/camera_options.h"
 #include "tools/testcamera/gst_ptr.h"
-#include "tools/testcamera/http_password.h"
+#include "tools/testcamera/login.h"
 #include "tools/testcamera/picture_source.h"
 
 namespace testcamera {
@@ -36,7 +36,7 @@ class HttpCamera {
   bool Write(GOutputStream* out, const std::string& bytes) const;
 
   const CameraOptions options_;
-  const HttpPassword password_;
+  const Login login_;
   PictureSource pictures_;
   ObjectPtr<GCancellable> stop_;
   ObjectPtr<GSocketService> service_;

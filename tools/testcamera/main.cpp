@@ -13,6 +13,7 @@
 
 #include "tools/support/stop_signal.h"
 #include "tools/testcamera/camera_arguments.h"
+#include "tools/testcamera/certificate.h"
 #include "tools/testcamera/http_camera.h"
 #include "tools/testcamera/onvif/discovery_responder.h"
 #include "tools/testcamera/onvif/onvif_camera.h"
@@ -75,15 +76,25 @@ void ParseSize(const std::string& text, CameraOptions* camera) {
 
 void Check(CameraArguments& arguments) {
   CameraOptions& camera = arguments.camera;
+  for (const std::int64_t every : {arguments.onvif.motionEvery, arguments.onvif.inputEvery}) {
+    if (every != 0 && every <= arguments.onvif.motionLength) {
+      throw UsageError("--motion-length", "a motion or an input ends before the next one begins");
+    }
+  }
   ParseSize(arguments.size, &camera);
   if (!arguments.transports.empty()) {
-    camera.udp = camera.tcp = false;
-    for (const std::string& each : arguments.transports) {
-      (each == "udp" ? camera.udp : camera.tcp) = true;
-    }
+    const auto offered = [&](const char* name) {
+      return std::ranges::count(arguments.transports, name) > 0;
+    };
+    camera.udp = offered("udp");
+    camera.tcp = offered("tcp");
+    camera.multicast = offered("multicast");
   }
   if (!IsPattern(camera.pattern)) {
     throw UsageError("--pattern", "GStreamer's videotestsrc knows no " + camera.pattern);
+  }
+  if (camera.ptz && !camera.file.empty()) {
+    throw UsageError("--ptz", "a file's pictures are sent as they are");
   }
   if (!camera.path.starts_with('/')) {
     camera.path.insert(0, "/");
@@ -92,8 +103,19 @@ void Check(CameraArguments& arguments) {
       (camera.width > 2040 || camera.height > 2040)) {
     throw UsageError("--size", "MJPEG over RTP ends at 2040x2040");
   }
-  const int highest = std::max<int>(
-      {camera.port, arguments.http_port.value_or(0), arguments.onvif_port.value_or(0)});
+  if (g_hostname_is_ip_address(camera.bind.c_str()) == FALSE) {
+    throw UsageError("--bind", camera.bind + " is no IPv4 or IPv6 address");
+  }
+  camera.tls = camera.tls || !camera.certificate.empty();
+  if (camera.bind.find(':') != std::string::npos && arguments.onvifPort &&
+      arguments.onvif.discovery) {
+    throw UsageError("--onvif", "discovery is IPv4's, and --bind is not: add --no-discovery");
+  }
+  if (camera.codec == VideoCodec::kH265 && arguments.onvifPort && !arguments.onvif.media2) {
+    throw UsageError("--onvif", "the first version of its media service knows no H.265: --media2");
+  }
+  const int highest =
+      std::max<int>({camera.port, arguments.httpPort.value_or(0), arguments.onvifPort.value_or(0)});
   if (highest + arguments.count - 1 > std::numeric_limits<std::uint16_t>::max()) {
     throw UsageError("--count", "more cameras than ports");
   }
@@ -103,9 +125,13 @@ void Serve(CameraArguments& arguments) {
   gst_init(nullptr, nullptr);
   Check(arguments);
   std::vector<std::unique_ptr<RtspCamera>> cameras;
-  std::vector<std::unique_ptr<HttpCamera>> http_cameras;
-  std::vector<std::unique_ptr<OnvifCamera>> onvif_cameras;
+  std::vector<std::unique_ptr<HttpCamera>> httpCameras;
+  std::vector<std::unique_ptr<OnvifCamera>> onvifCameras;
   std::unique_ptr<DiscoveryResponder> responder;
+  Certificate certificate;
+  if (arguments.camera.tls || arguments.onvif.tls) {
+    certificate = LoadCertificate(arguments.camera.certificate, arguments.camera.bind);
+  }
   LoopThread loop;
   nlohmann::ordered_json list = nlohmann::ordered_json::array();
   for (int i = 0; i < arguments.count; ++i) {
@@ -114,29 +140,37 @@ void Serve(CameraArguments& arguments) {
     };
     CameraOptions camera = arguments.camera;
     camera.port = port(camera.port);
-    cameras.push_back(std::make_unique<RtspCamera>(camera, loop.Context()));
+    cameras.push_back(std::make_unique<RtspCamera>(camera, certificate.tls.get(), loop.Context()));
     list.push_back({{"url", cameras.back()->Url()}, {"http_url", nullptr}, {"onvif_url", nullptr}});
-    if (arguments.http_port) {
-      camera.http_port = port(*arguments.http_port);
-      http_cameras.push_back(std::make_unique<HttpCamera>(camera, loop.Context()));
-      list.back()["http_url"] = http_cameras.back()->Url();
+    if (arguments.httpPort) {
+      camera.httpPort = port(*arguments.httpPort);
+      httpCameras.push_back(std::make_unique<HttpCamera>(camera, loop.Context()));
+      list.back()["http_url"] = httpCameras.back()->Url();
     }
-    if (arguments.onvif_port) {
+    if (arguments.onvifPort) {
       OnvifOptions onvif = arguments.onvif;
-      onvif.port = port(*arguments.onvif_port);
-      onvif_cameras.push_back(
-          std::make_unique<OnvifCamera>(camera, onvif, *cameras.back(), loop.Context(), i));
-      list.back()["onvif_url"] = onvif_cameras.back()->Url();
+      onvif.port = port(*arguments.onvifPort);
+      onvifCameras.push_back(std::make_unique<OnvifCamera>(
+          camera, onvif, *cameras.back(), arguments.onvif.tls ? certificate.tls.get() : nullptr,
+          loop.Context(), i));
+      list.back()["onvif_url"] = onvifCameras.back()->Url();
     }
   }
-  if (arguments.onvif_port && arguments.onvif.discovery) {
+  if (arguments.onvifPort && arguments.onvif.discovery) {
     responder =
-        std::make_unique<DiscoveryResponder>(arguments.camera.bind, onvif_cameras, loop.Context());
+        std::make_unique<DiscoveryResponder>(arguments.camera.bind, onvifCameras, loop.Context());
   }
   loop.Start();
   if (arguments.json) {
-    std::printf("%s\n", nlohmann::ordered_json{{"cameras", list}}.dump().c_str());
+    nlohmann::ordered_json object{{"cameras", list}};
+    if (!certificate.fingerprint.empty()) {
+      object["certificate_sha256"] = certificate.fingerprint;
+    }
+    std::printf("%s\n", object.dump().c_str());
   } else {
+    if (!certificate.fingerprint.empty()) {
+      std::printf("certificate SHA-256 %s\n", certificate.fingerprint.c_str());
+    }
     for (const auto& each : list) {
       std::printf("%s ", each["url"].get<std::string>().c_str());
       for (const char* other : {"http_url", "onvif_url"}) {

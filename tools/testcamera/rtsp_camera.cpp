@@ -2,18 +2,21 @@
 
 #include <gst/rtsp-server/rtsp-onvif-media-factory.h>
 #include <gst/rtsp-server/rtsp-onvif-server.h>
+#include <sys/socket.h>
 
 #include <stdexcept>
 
 #include "tools/testcamera/file_feed.h"
 #include "tools/testcamera/file_reader.h"
 #include "tools/testcamera/pipeline_text.h"
+#include "tools/testcamera/rtsp_login.h"
 #include "tools/testcamera/stream_probes.h"
 
 namespace testcamera {
 namespace {
 
 constexpr char kViewer[] = "viewer";
+constexpr guint8 kGroupReach = 1;  // hops of a multicast group's packets
 
 template <typename Use>
 void WithElement(GstElement* bin, const char* name, Use use) {
@@ -50,17 +53,18 @@ bool Watches(GstRTSPClient* client, const char* path) {
 
 }  // namespace
 
-RtspCamera::RtspCamera(const CameraOptions& options, GMainContext* context)
+RtspCamera::RtspCamera(const CameraOptions& options, GTlsCertificate* certificate,
+                       GMainContext* context)
     : options_(options),
       server_(options.talk.empty() ? gst_rtsp_server_new() : gst_rtsp_onvif_server_new()),
       sessions_(gst_rtsp_session_pool_new()) {
   gst_rtsp_server_set_address(server_.get(), options_.bind.c_str());
   gst_rtsp_server_set_service(server_.get(), std::to_string(options_.port).c_str());
   gst_rtsp_server_set_session_pool(server_.get(), sessions_.get());
-  gst_rtsp_session_pool_set_max_sessions(sessions_.get(), options_.max_sessions);
+  gst_rtsp_session_pool_set_max_sessions(sessions_.get(), options_.maxSessions);
   SetStream(options_);
-  if (options_.auth != AuthScheme::kNone) {
-    AddPasswords();
+  if (AsksForRole()) {
+    AddLogin(certificate);
   }
   g_signal_connect(server_.get(), "client-connected", G_CALLBACK(&RtspCamera::OnClient), this);
 
@@ -97,7 +101,8 @@ std::string RtspCamera::Url() const {
 }
 
 std::string RtspCamera::ServerUrl(const std::string& host) const {
-  return "rtsp://" + host + ":" + std::to_string(gst_rtsp_server_get_bound_port(server_.get()));
+  return (options_.tls ? "rtsps://" : "rtsp://") + host + ":" +
+         std::to_string(gst_rtsp_server_get_bound_port(server_.get()));
 }
 
 void RtspCamera::SetStream(const CameraOptions& stream) {
@@ -118,16 +123,22 @@ void RtspCamera::SetStream(const CameraOptions& stream) {
   gst_rtsp_media_factory_set_shared(factory, talks ? FALSE : TRUE);
   gst_rtsp_media_factory_set_latency(factory, 0);
   gst_rtsp_media_factory_set_protocols(
-      factory, static_cast<GstRTSPLowerTrans>((options_.udp ? GST_RTSP_LOWER_TRANS_UDP : 0) |
-                                              (options_.tcp ? GST_RTSP_LOWER_TRANS_TCP : 0)));
-  if (options_.auth != AuthScheme::kNone) {
+      factory,
+      static_cast<GstRTSPLowerTrans>((options_.udp ? GST_RTSP_LOWER_TRANS_UDP : 0) |
+                                     (options_.tcp ? GST_RTSP_LOWER_TRANS_TCP : 0) |
+                                     (options_.multicast ? GST_RTSP_LOWER_TRANS_UDP_MCAST : 0)));
+  if (options_.multicast) {
+    AddGroup(factory);
+  }
+  if (AsksForRole()) {
     gst_rtsp_media_factory_add_role(factory, kViewer, GST_RTSP_PERM_MEDIA_FACTORY_ACCESS,
                                     G_TYPE_BOOLEAN, TRUE, GST_RTSP_PERM_MEDIA_FACTORY_CONSTRUCT,
                                     G_TYPE_BOOLEAN, TRUE, nullptr);
   }
   // The signal comes on the thread that serves the clients, as long as the factory is in use.
   g_signal_connect_data(
-      factory, "media-configure", G_CALLBACK(&RtspCamera::OnMedia), new Stream{stream, codec},
+      factory, "media-configure", G_CALLBACK(&RtspCamera::OnMedia),
+      new Stream{stream, codec, view_},
       [](gpointer data, GClosure*) { delete static_cast<Stream*>(data); },
       static_cast<GConnectFlags>(0));
   RemoveStream(stream.path);
@@ -149,19 +160,41 @@ void RtspCamera::RemoveStream(const std::string& path) {
                    g_object_unref);
 }
 
-void RtspCamera::AddPasswords() {
-  const ObjectPtr<GstRTSPAuth> auth(gst_rtsp_auth_new());
+// Ports for the RTP and RTCP of video and sound.
+void RtspCamera::AddGroup(GstRTSPMediaFactory* factory) const {
+  constexpr guint16 kPorts = 4;
+  const ObjectPtr<GstRTSPAddressPool> pool(gst_rtsp_address_pool_new());
+  const gchar* group = options_.multicastAddress.c_str();
+  const guint16 port = options_.multicastPort;
+  if (!gst_rtsp_address_pool_add_range(pool.get(), group, group, port,
+                                       static_cast<guint16>(port + kPorts - 1), kGroupReach)) {
+    throw std::runtime_error("cannot send to the group " + options_.multicastAddress);
+  }
+  gst_rtsp_media_factory_set_address_pool(factory, pool.get());
+}
+
+void RtspCamera::AddLogin(GTlsCertificate* certificate) {
   const MiniPtr<GstRTSPToken> token(
       gst_rtsp_token_new(GST_RTSP_TOKEN_MEDIA_FACTORY_ROLE, G_TYPE_STRING, kViewer, nullptr));
+  const bool todays = options_.auth == AuthScheme::kDigestQop ||
+                      options_.auth == AuthScheme::kDigestSha256 ||
+                      options_.auth == AuthScheme::kAll;
+  const ObjectPtr<GstRTSPAuth> auth =
+      todays ? MakeRtspLogin(options_, token.get()) : ObjectPtr<GstRTSPAuth>(gst_rtsp_auth_new());
   gst_rtsp_auth_set_realm(auth.get(), kRealm);
-  if (options_.auth == AuthScheme::kBasic) {
+  if (options_.auth == AuthScheme::kNone) {
+    gst_rtsp_auth_set_default_token(auth.get(), token.get());
+  } else if (options_.auth == AuthScheme::kBasic) {
     const TextPtr basic(gst_rtsp_auth_make_basic(options_.user.c_str(), options_.password.c_str()));
     gst_rtsp_auth_set_supported_methods(auth.get(), GST_RTSP_AUTH_BASIC);
     gst_rtsp_auth_add_basic(auth.get(), basic.get(), token.get());
-  } else {
+  } else if (options_.auth == AuthScheme::kDigest) {
     gst_rtsp_auth_set_supported_methods(auth.get(), GST_RTSP_AUTH_DIGEST);
     gst_rtsp_auth_add_digest(auth.get(), options_.user.c_str(), options_.password.c_str(),
                              token.get());
+  }
+  if (options_.tls) {
+    gst_rtsp_auth_set_tls_certificate(auth.get(), certificate);
   }
   gst_rtsp_server_set_auth(server_.get(), auth.get());
 }
@@ -173,33 +206,63 @@ void RtspCamera::OnMedia(GstRTSPMediaFactory*, GstRTSPMedia* media, const Stream
     NumberPictures(stamp);
     WithElement(bin.get(), kUntimedName, [&](GstElement* encoder) { KeepTimes(stamp, encoder); });
   });
+  WithElement(bin.get(), kViewName,
+              [&](GstElement* crop) { stream->view->Add(crop, options.width, options.height); });
   WithElement(bin.get(), kFeedName, [&](GstElement* appsrc) {
     g_object_set_data_full(G_OBJECT(media), kFeedName, new FileFeed(options, appsrc),
                            [](gpointer feed) { delete static_cast<FileFeed*>(feed); });
   });
-  if (stream->codec == VideoCodec::kH264) {
-    WithElement(bin.get(), "pay0",
-                [&](GstElement* payloader) { ConformPictures(payloader, options.delimiters); });
-  }
+  WithElement(bin.get(), "pay0", [&](GstElement* payloader) {
+    if (stream->codec == VideoCodec::kH264 || stream->codec == VideoCodec::kH265) {
+      ConformPictures(payloader, {.codec = stream->codec,
+                                  .delimiters = options.delimiters,
+                                  .parameterSets = options.parameterSets != ParameterSets::kSdp,
+                                  .messages = options.messages,
+                                  .keyPictureSize = options.keyPictureSize});
+    }
+    if (options.parameterSets == ParameterSets::kInband) {
+      HideParameterSets(payloader);
+    }
+  });
   for (const char* name : {"pay0", "pay1"}) {
     WithElement(bin.get(), name, [&](GstElement* payloader) {
       ForbidSeeking(payloader);
-      if (options.parameter_sets == ParameterSets::kInband) {
-        HideParameterSets(payloader);
-      }
-      if (options.drop_percent > 0) {
-        DropPackets(payloader, options.drop_percent);
+      if (options.dropPercent > 0) {
+        DropPackets(payloader, options.dropPercent);
       }
     });
   }
 }
 
+// The server holds the ports of its groups for itself and sends to other machines only; clients of
+// this one are to have the packets, too.
+void RtspCamera::OnAnswer(GstRTSPClient*, GstRTSPSession*, GstRTSPMessage*, RtspCamera*) {
+  const GstRTSPContext* context = gst_rtsp_context_get_current();
+  if (context == nullptr || context->media == nullptr) {
+    return;
+  }
+  for (guint i = 0; i < gst_rtsp_media_n_streams(context->media); ++i) {
+    for (const auto socketOf :
+         {gst_rtsp_stream_get_rtp_multicast_socket, gst_rtsp_stream_get_rtcp_multicast_socket}) {
+      if (const ObjectPtr<GSocket> socket(
+              socketOf(gst_rtsp_media_get_stream(context->media, i), G_SOCKET_FAMILY_IPV4));
+          socket != nullptr) {
+        g_socket_set_option(socket.get(), SOL_SOCKET, SO_REUSEADDR, 1, nullptr);
+        g_socket_set_multicast_loopback(socket.get(), TRUE);
+      }
+    }
+  }
+}
+
 void RtspCamera::OnClient(GstRTSPServer*, GstRTSPClient* client, RtspCamera* camera) {
+  if (camera->options_.multicast) {
+    g_signal_connect(client, "send-message", G_CALLBACK(&RtspCamera::OnAnswer), camera);
+  }
   g_signal_connect(client, "new-session", G_CALLBACK(&RtspCamera::OnSession), camera);
 }
 
 void RtspCamera::OnSession(GstRTSPClient*, GstRTSPSession* session, RtspCamera* camera) {
-  gst_rtsp_session_set_timeout(session, camera->options_.session_timeout);
+  gst_rtsp_session_set_timeout(session, camera->options_.sessionTimeout);
 }
 
 // Forgets the sessions of clients that vanished.

@@ -7,7 +7,7 @@
 
 #include "tools/testcamera/frame_stamp.h"
 #include "tools/testcamera/gst_ptr.h"
-#include "tools/testcamera/h264_units.h"
+#include "tools/testcamera/picture_units.h"
 
 namespace testcamera {
 namespace {
@@ -15,8 +15,8 @@ namespace {
 // The probe owns its state, which goes with the pad.
 template <typename State>
 void AddProbe(GstElement* element, GstPadProbeType type, GstPadProbeCallback callback, State* state,
-              const char* pad_name = "src") {
-  const ObjectPtr<GstPad> pad(gst_element_get_static_pad(element, pad_name));
+              const char* padName = "src") {
+  const ObjectPtr<GstPad> pad(gst_element_get_static_pad(element, padName));
   gst_pad_add_probe(pad.get(), type, callback, state,
                     [](gpointer data) { delete static_cast<State*>(data); });
 }
@@ -77,14 +77,15 @@ GstPadProbeReturn OnEncodedTime(GstPad* pad, GstPadProbeInfo* info, gpointer dat
   return GST_PAD_PROBE_OK;
 }
 
-struct UnitRule {
-  bool delimiters;
-};
-
-GstPadProbeReturn OnH264Picture(GstPad*, GstPadProbeInfo* info, gpointer data) {
+GstPadProbeReturn OnUnits(GstPad* pad, GstPadProbeInfo* info, gpointer data) {
   GstBuffer* picture = GST_PAD_PROBE_INFO_BUFFER(info);
+  const MiniPtr<GstCaps> caps(gst_pad_get_current_caps(pad));
+  GstBuffer* record = nullptr;
+  gst_structure_get(gst_caps_get_structure(caps.get(), 0), "codec_data", GST_TYPE_BUFFER, &record,
+                    nullptr);
+  const MiniPtr<GstBuffer> owned(record);
   GST_PAD_PROBE_INFO_DATA(info) =
-      ConformUnits(picture, static_cast<UnitRule*>(data)->delimiters).release();
+      ConformUnits(picture, record, *static_cast<UnitRules*>(data)).release();
   gst_buffer_unref(picture);
   return GST_PAD_PROBE_OK;
 }
@@ -131,7 +132,7 @@ GstPadProbeReturn OnCaps(GstPad*, GstPadProbeInfo* info, gpointer) {
     gst_event_parse_caps(event, &caps);
     const MiniPtr<GstCaps> plain(gst_caps_copy(caps));
     gst_structure_remove_fields(gst_caps_get_structure(plain.get(), 0), "sprop-parameter-sets",
-                                "config", nullptr);
+                                "sprop-vps", "sprop-sps", "sprop-pps", "config", nullptr);
     GST_PAD_PROBE_INFO_DATA(info) = gst_event_new_caps(plain.get());
     gst_event_unref(event);
   }
@@ -150,8 +151,8 @@ void KeepTimes(GstElement* source, GstElement* encoder) {
   AddProbe(encoder, GST_PAD_PROBE_TYPE_BUFFER, OnEncodedTime, new PictureTime(time));
 }
 
-void ConformPictures(GstElement* payloader, bool delimiters) {
-  AddProbe(payloader, GST_PAD_PROBE_TYPE_BUFFER, OnH264Picture, new UnitRule{delimiters}, "sink");
+void ConformPictures(GstElement* payloader, const UnitRules& rules) {
+  AddProbe(payloader, GST_PAD_PROBE_TYPE_BUFFER, OnUnits, new UnitRules(rules), "sink");
 }
 
 void DropPackets(GstElement* payloader, double percent) {

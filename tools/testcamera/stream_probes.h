@@ -3,6 +3,8 @@
 
 #include <gst/gst.h>
 
+#include "tools/testcamera/picture_units.h"
+
 namespace testcamera {
 
 // Numbers the raw pictures that leave the element, from 0.
@@ -13,9 +15,8 @@ void NumberPictures(GstElement* element);
 // time.
 void KeepTimes(GstElement* source, GstElement* encoder);
 
-// Gives the payloader H.264 pictures without parameter sets of their own, and with or without
-// access-unit delimiters.
-void ConformPictures(GstElement* payloader, bool delimiters);
+// Gives the payloader H.264 or H.265 pictures with what the rules want around their slices.
+void ConformPictures(GstElement* payloader, const UnitRules& rules);
 
 // Loses that percentage of the RTP packets that leave the payloader, in a sequence that is the same
 // in every run.

@@ -11,6 +11,8 @@ const char* EncodingName(VideoCodec codec) {
       return "JPEG";
     case VideoCodec::kMpeg4:
       return "MPEG4";
+    case VideoCodec::kH265:
+      return "H265";
     default:
       return "H264";
   }
@@ -28,7 +30,7 @@ Encoder MakeEncoder(const CameraOptions& options, int number) {
   Encoder encoder;
   encoder.token = "VideoEncoder" + std::to_string(number);
   encoder.name = encoder.token;
-  encoder.multicast_port += number * 2;
+  encoder.multicastPort += number * 2;
   encoder.fps = options.fps;
   encoder.gop = options.gop;
   if (number == 1) {
@@ -65,8 +67,8 @@ CameraSettings FactorySettings(const CameraOptions& options, int streams) {
                          "",
                          ""};
     if (options.audio != AudioCodec::kNone) {
-      profile.audio_source = kAudioSourceConfiguration;
-      profile.audio_encoder = kAudioEncoder;
+      profile.audioSource = kAudioSourceConfiguration;
+      profile.audioEncoder = kAudioEncoder;
     }
     settings.profiles.push_back(profile);
   }
@@ -113,12 +115,12 @@ int CameraSettings::EncoderUses(const std::string& token) const {
                     [&](const MediaProfile& each) { return each.encoder == token; }));
 }
 
-std::vector<FrameSize> FrameSizes(bool at_50_hz) {
+std::vector<FrameSize> FrameSizes(bool at50Hz) {
   return {{"qcif", 176, 144},
           {"qvga", 320, 240},
-          {"cif", 352, at_50_hz ? 288 : 240},
+          {"cif", 352, at50Hz ? 288 : 240},
           {"vga", 640, 480},
-          {"d1", 720, at_50_hz ? 576 : 480},
+          {"d1", 720, at50Hz ? 576 : 480},
           {"svga", 800, 600},
           {"xga", 1024, 768},
           {"720p", 1280, 720},
@@ -134,6 +136,7 @@ CameraOptions StreamOptions(const CameraOptions& camera, const Encoder& encoder,
   }
   stream.codec = encoder.encoding == "JPEG"    ? VideoCodec::kMjpeg
                  : encoder.encoding == "MPEG4" ? VideoCodec::kMpeg4
+                 : encoder.encoding == "H265"  ? VideoCodec::kH265
                                                : VideoCodec::kH264;
   stream.profile = encoder.profile == "High" ? H264Profile::kHigh : H264Profile::kBaseline;
   stream.width = encoder.width;
@@ -141,7 +144,7 @@ CameraOptions StreamOptions(const CameraOptions& camera, const Encoder& encoder,
   stream.fps = std::max(1, encoder.fps / encoder.interval);
   stream.gop = encoder.gop;
   stream.bitrate = encoder.bitrate;
-  stream.jpeg_quality = static_cast<int>(encoder.quality);
+  stream.jpegQuality = static_cast<int>(encoder.quality);
   return stream;
 }
 

@@ -31,11 +31,11 @@ struct Encoder {
   int bitrate = 0;   // kbit/s
   int gop = 25;
   std::string profile = "Baseline";
-  std::string multicast_address = "224.1.0.1";
-  int multicast_port = 40000;
+  std::string multicastAddress = "224.1.0.1";
+  int multicastPort = 40000;
   int ttl = 5;
-  bool auto_start = false;
-  std::string session_timeout = "PT60S";
+  bool autoStart = false;
+  std::string sessionTimeout = "PT60S";
 
   bool operator==(const Encoder&) const = default;
 };
@@ -44,17 +44,17 @@ struct MediaProfile {
   std::string token;
   std::string name;
   bool fixed = false;
-  std::string video_source;  // tokens of configurations; "" when there is none
+  std::string videoSource;  // tokens of configurations; "" when there is none
   std::string encoder;
-  std::string audio_source;
-  std::string audio_encoder;
+  std::string audioSource;
+  std::string audioEncoder;
   std::string metadata;
 };
 
 struct AudioEncoder {
   std::string encoding = "G711";
-  int bitrate = 64;     // kbit/s
-  int sample_rate = 8;  // kHz
+  int bitrate = 64;    // kbit/s
+  int sampleRate = 8;  // kHz
 };
 
 struct Imaging {
@@ -62,12 +62,12 @@ struct Imaging {
   double saturation = 50;
   double contrast = 50;
   double sharpness = 50;
-  std::string ir_cut_filter = "AUTO";
-  std::string white_balance = "AUTO";
-  double cr_gain = 10;
-  double cb_gain = 10;
+  std::string irCutFilter = "AUTO";
+  std::string whiteBalance = "AUTO";
+  double crGain = 10;
+  double cbGain = 10;
   std::string backlight = "OFF";
-  std::string wide_dynamic_range = "OFF";
+  std::string wideDynamicRange = "OFF";
 };
 
 struct Network {
@@ -75,9 +75,9 @@ struct Network {
   std::string address = "192.168.1.108";
   int prefix = 24;
   std::string gateway = "192.168.1.1";
-  bool dns_dhcp = false;
+  bool dnsDhcp = false;
   std::string dns = "192.168.1.1";
-  bool ntp_dhcp = false;
+  bool ntpDhcp = false;
   std::string ntp = "pool.ntp.org";
   std::string hostname = "camera";
 };
@@ -88,13 +88,13 @@ struct CameraSettings {
   AudioEncoder audio;
   Imaging imaging;
   Network network;
-  int tv_system = 2;                          // index in the video-system CGI's list; odd: 50 Hz
+  int tvSystem = 2;                           // index in the video-system CGI's list; odd: 50 Hz
   std::map<std::string, std::string> others;  // parameters of the CGI that nothing else holds
 
   Encoder* FindEncoder(const std::string& token);
   MediaProfile* FindProfile(const std::string& token);
   int EncoderUses(const std::string& token) const;
-  bool Is50Hz() const { return tv_system % 2 == 1; }
+  bool Is50Hz() const { return tvSystem % 2 == 1; }
 };
 
 // The settings of a camera that was just unpacked.
@@ -107,7 +107,7 @@ struct FrameSize {
   int width;
   int height;
 };
-std::vector<FrameSize> FrameSizes(bool at_50_hz);
+std::vector<FrameSize> FrameSizes(bool at50Hz);
 
 // What the encoder makes of the camera's RTSP stream.
 CameraOptions StreamOptions(const CameraOptions& camera, const Encoder& encoder, int number);

@@ -88,6 +88,11 @@ void GetCapabilities(Call& call) {
   Element version = system.Add("tt:SupportedVersions");
   version.Add("tt:Major", 2);
   version.Add("tt:Minor", 40);
+  Element events = capabilities.Add("tt:Events");
+  events.Add("tt:XAddr", call.onvif + "events");
+  events.Add("tt:WSSubscriptionPolicySupport", false);
+  events.Add("tt:WSPullPointSupport", true);
+  events.Add("tt:WSPausableSubscriptionManagerInterfaceSupport", false);
   capabilities.Add("tt:Imaging").Add("tt:XAddr", call.onvif + "imaging_service");
   Element media = capabilities.Add("tt:Media");
   media.Add("tt:XAddr", call.onvif + "media_service");
@@ -95,12 +100,22 @@ void GetCapabilities(Call& call) {
   streaming.Add("tt:RTPMulticast", false);
   streaming.Add("tt:RTP_TCP", call.camera.camera.tcp);
   streaming.Add("tt:RTP_RTSP_TCP", call.camera.camera.tcp);
+  if (call.camera.camera.ptz) {
+    capabilities.Add("tt:PTZ").Add("tt:XAddr", call.onvif + "ptz_service");
+  }
 }
 
 void GetServices(Call& call) {
-  const std::pair<const char*, const char*> services[] = {{kDeviceSpace, "device_service"},
-                                                          {kMediaSpace, "media_service"},
-                                                          {kImagingSpace, "imaging_service"}};
+  std::vector<std::pair<const char*, const char*>> services = {{kDeviceSpace, "device_service"},
+                                                               {kMediaSpace, "media_service"},
+                                                               {kImagingSpace, "imaging_service"},
+                                                               {kEventsSpace, "events"}};
+  if (call.camera.onvif.media2) {
+    services.emplace_back(kMedia2Space, "media2_service");
+  }
+  if (call.camera.camera.ptz) {
+    services.emplace_back(kPtzSpace, "ptz_service");
+  }
   for (const auto& [space, path] : services) {
     Element service = call.answer.Add("tds:Service");
     service.Add("tds:Namespace", space);
@@ -139,6 +154,31 @@ void SetSystemFactoryDefault(Call& call) {
   }
 }
 
+void SetUser(Call& call) {
+  const xmlNode* user = Child(call.request, "User");
+  if (TextAt(user, "Username") != call.camera.camera.user) {
+    throw SoapFault{"ter:InvalidArgVal", "ter:UsernameMissing", "There is no such user"};
+  }
+  Read(user, "Password", &call.camera.password);
+}
+
+void GetRelayOutputs(Call& call) {
+  Element relay = call.answer.Add("tds:RelayOutputs").Attribute("token", "Relay0");
+  Element properties = relay.Add("tt:Properties");
+  properties.Add("tt:Mode", "Bistable");
+  properties.Add("tt:DelayTime", "PT0S");
+  properties.Add("tt:IdleState", call.camera.relayActive ? "open" : "closed");
+}
+
+void SetRelayOutputState(Call& call) {
+  if (TextAt(call.request, "RelayOutputToken") != "Relay0") {
+    throw SoapFault{"ter:InvalidArgVal", "ter:RelayToken", "There is no such relay"};
+  }
+  std::string state = "inactive";
+  ReadWord(call.request, "LogicalState", {"active", "inactive"}, &state);
+  call.camera.relayActive = state == "active";
+}
+
 void GetUsers(Call& call) {
   Element user = call.answer.Add("tds:User");
   user.Add("tt:Username", call.camera.camera.user);
@@ -158,6 +198,9 @@ std::vector<std::string> Scopes(CameraState& camera) {
   if (!camera.onvif.style.sparse) {
     scopes.push_back(scope + "name/" + model.get());
   }
+  if (camera.camera.ptz) {
+    scopes.push_back(scope + "type/ptz");
+  }
   return scopes;
 }
 
@@ -173,6 +216,9 @@ void AddDeviceOperations(Operations* operations) {
   add("GetDeviceInformation", GetDeviceInformation);
   add("GetScopes", GetScopes);
   add("GetUsers", GetUsers);
+  add("SetUser", SetUser);
+  add("GetRelayOutputs", GetRelayOutputs);
+  add("SetRelayOutputState", SetRelayOutputState);
   add("SetSystemFactoryDefault", SetSystemFactoryDefault);
   add("SystemReboot", [](Call& call) { call.answer.Add("tds:Message", "Rebooting"); });
 }

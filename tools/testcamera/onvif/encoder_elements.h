@@ -10,7 +10,7 @@ namespace testcamera {
 
 void AddEncoder(Element parent, const char* name, const Encoder& encoder,
                 const CameraSettings& settings);
-void AddMulticast(Element parent, const std::string& address, int port, int ttl, bool auto_start);
+void AddMulticast(Element parent, const std::string& address, int port, int ttl, bool autoStart);
 void AddResolution(Element parent, const char* name, int width, int height);
 
 }  // namespace testcamera

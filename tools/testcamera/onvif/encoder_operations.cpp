@@ -81,11 +81,11 @@ void SetVideoEncoderConfiguration(Call& call) {
   ReadNumber(given, "H264/GovLength", kGop.lowest, kGop.highest, &encoder.gop);
   ReadWord(given, "H264/H264Profile", kH264Profiles, &encoder.profile);
   const xmlNode* multicast = Child(given, "Multicast");
-  ReadAddress(multicast, "Address/IPv4Address", &encoder.multicast_address);
-  ReadNumber(multicast, "Port", 0, 65535, &encoder.multicast_port);
+  ReadAddress(multicast, "Address/IPv4Address", &encoder.multicastAddress);
+  ReadNumber(multicast, "Port", 0, 65535, &encoder.multicastPort);
   ReadNumber(multicast, "TTL", 0, 255, &encoder.ttl);
-  Read(multicast, "AutoStart", &encoder.auto_start);
-  Read(given, "SessionTimeout", &encoder.session_timeout);
+  Read(multicast, "AutoStart", &encoder.autoStart);
+  Read(given, "SessionTimeout", &encoder.sessionTimeout);
   const std::vector<FrameSize> sizes = Sizes(call);
   const bool possible = std::any_of(sizes.begin(), sizes.end(), [&](const FrameSize& each) {
     return each.width == encoder.width && each.height == encoder.height;
@@ -167,19 +167,19 @@ void AddEncoder(Element parent, const char* name, const Encoder& encoder,
     h264.Add("tt:GovLength", encoder.gop);
     h264.Add("tt:H264Profile", encoder.profile);
   }
-  AddMulticast(element, encoder.multicast_address, encoder.multicast_port, encoder.ttl,
-               encoder.auto_start);
-  element.Add("tt:SessionTimeout", encoder.session_timeout);
+  AddMulticast(element, encoder.multicastAddress, encoder.multicastPort, encoder.ttl,
+               encoder.autoStart);
+  element.Add("tt:SessionTimeout", encoder.sessionTimeout);
 }
 
-void AddMulticast(Element parent, const std::string& address, int port, int ttl, bool auto_start) {
+void AddMulticast(Element parent, const std::string& address, int port, int ttl, bool autoStart) {
   Element multicast = parent.Add("tt:Multicast");
   Element at = multicast.Add("tt:Address");
   at.Add("tt:Type", "IPv4");
   at.Add("tt:IPv4Address", address);
   multicast.Add("tt:Port", port);
   multicast.Add("tt:TTL", ttl);
-  multicast.Add("tt:AutoStart", auto_start);
+  multicast.Add("tt:AutoStart", autoStart);
 }
 
 void AddResolution(Element parent, const char* name, int width, int height) {

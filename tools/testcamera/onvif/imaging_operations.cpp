@@ -25,13 +25,13 @@ void GetImagingSettings(Call& call) {
   settings.Add("tt:Brightness", imaging.brightness);
   settings.Add("tt:ColorSaturation", imaging.saturation);
   settings.Add("tt:Contrast", imaging.contrast);
-  settings.Add("tt:IrCutFilter", imaging.ir_cut_filter);
+  settings.Add("tt:IrCutFilter", imaging.irCutFilter);
   settings.Add("tt:Sharpness", imaging.sharpness);
-  settings.Add("tt:WideDynamicRange").Add("tt:Mode", imaging.wide_dynamic_range);
+  settings.Add("tt:WideDynamicRange").Add("tt:Mode", imaging.wideDynamicRange);
   Element balance = settings.Add("tt:WhiteBalance");
-  balance.Add("tt:Mode", imaging.white_balance);
-  balance.Add("tt:CrGain", imaging.cr_gain);
-  balance.Add("tt:CbGain", imaging.cb_gain);
+  balance.Add("tt:Mode", imaging.whiteBalance);
+  balance.Add("tt:CrGain", imaging.crGain);
+  balance.Add("tt:CbGain", imaging.cbGain);
 }
 
 void SetImagingSettings(Call& call) {
@@ -42,12 +42,12 @@ void SetImagingSettings(Call& call) {
   ReadNumber(settings, "Brightness", 0, kHighest, &imaging.brightness);
   ReadNumber(settings, "ColorSaturation", 0, kHighest, &imaging.saturation);
   ReadNumber(settings, "Contrast", 0, kHighest, &imaging.contrast);
-  ReadWord(settings, "IrCutFilter", kOnOffAuto, &imaging.ir_cut_filter);
+  ReadWord(settings, "IrCutFilter", kOnOffAuto, &imaging.irCutFilter);
   ReadNumber(settings, "Sharpness", 0, kHighest, &imaging.sharpness);
-  ReadWord(settings, "WideDynamicRange/Mode", kOnOff, &imaging.wide_dynamic_range);
-  ReadWord(settings, "WhiteBalance/Mode", kBalances, &imaging.white_balance);
-  ReadNumber(settings, "WhiteBalance/CrGain", 0, kHighestGain, &imaging.cr_gain);
-  ReadNumber(settings, "WhiteBalance/CbGain", 0, kHighestGain, &imaging.cb_gain);
+  ReadWord(settings, "WideDynamicRange/Mode", kOnOff, &imaging.wideDynamicRange);
+  ReadWord(settings, "WhiteBalance/Mode", kBalances, &imaging.whiteBalance);
+  ReadNumber(settings, "WhiteBalance/CrGain", 0, kHighestGain, &imaging.crGain);
+  ReadNumber(settings, "WhiteBalance/CbGain", 0, kHighestGain, &imaging.cbGain);
   call.camera.settings.imaging = imaging;
 }
 

@@ -2,6 +2,7 @@
 // streamed.
 #include "tools/testcamera/onvif/encoder_elements.h"
 #include "tools/testcamera/onvif/operations.h"
+#include "tools/testcamera/onvif/ptz_service.h"
 
 namespace testcamera {
 namespace {
@@ -37,7 +38,7 @@ void AddName(Element element, const char* name, int uses) {
 void AddVideoSourceConfiguration(Element parent, const char* name, const Call& call) {
   const Encoder& first = call.camera.settings.encoders.front();
   Element element = parent.Add(name).Attribute("token", kVideoSourceConfiguration);
-  AddName(element, "VideoSource", Uses(call.camera.settings, &MediaProfile::video_source));
+  AddName(element, "VideoSource", Uses(call.camera.settings, &MediaProfile::videoSource));
   element.Add("tt:SourceToken", kVideoSource);
   element.Add("tt:Bounds")
       .Attribute("x", "0")
@@ -48,17 +49,17 @@ void AddVideoSourceConfiguration(Element parent, const char* name, const Call& c
 
 void AddAudioSourceConfiguration(Element parent, const char* name, const Call& call) {
   Element element = parent.Add(name).Attribute("token", kAudioSourceConfiguration);
-  AddName(element, "AudioSource", Uses(call.camera.settings, &MediaProfile::audio_source));
+  AddName(element, "AudioSource", Uses(call.camera.settings, &MediaProfile::audioSource));
   element.Add("tt:SourceToken", kAudioSource);
 }
 
 void AddAudioEncoderConfiguration(Element parent, const char* name, const Call& call) {
   const AudioEncoder& audio = call.camera.settings.audio;
   Element element = parent.Add(name).Attribute("token", kAudioEncoder);
-  AddName(element, "AudioEncoder", Uses(call.camera.settings, &MediaProfile::audio_encoder));
+  AddName(element, "AudioEncoder", Uses(call.camera.settings, &MediaProfile::audioEncoder));
   element.Add("tt:Encoding", audio.encoding);
   element.Add("tt:Bitrate", audio.bitrate);
-  element.Add("tt:SampleRate", audio.sample_rate);
+  element.Add("tt:SampleRate", audio.sampleRate);
   AddMulticast(element, "224.1.0.1", 40100, 5, false);
   element.Add("tt:SessionTimeout", "PT60S");
 }
@@ -76,17 +77,22 @@ void AddProfile(Element parent, const char* name, const MediaProfile& profile, c
                         .Attribute("token", profile.token)
                         .Attribute("fixed", profile.fixed ? "true" : "false");
   element.Add("tt:Name", profile.name);
-  if (!profile.video_source.empty()) {
+  if (!profile.videoSource.empty()) {
     AddVideoSourceConfiguration(element, "tt:VideoSourceConfiguration", call);
   }
-  if (!profile.audio_source.empty()) {
+  if (!profile.audioSource.empty()) {
     AddAudioSourceConfiguration(element, "tt:AudioSourceConfiguration", call);
   }
-  if (const Encoder* encoder = call.camera.settings.FindEncoder(profile.encoder)) {
+  // This version of the service has no word for H.265.
+  if (const Encoder* encoder = call.camera.settings.FindEncoder(profile.encoder);
+      encoder != nullptr && encoder->encoding != "H265") {
     AddEncoder(element, "tt:VideoEncoderConfiguration", *encoder, call.camera.settings);
   }
-  if (!profile.audio_encoder.empty()) {
+  if (!profile.audioEncoder.empty()) {
     AddAudioEncoderConfiguration(element, "tt:AudioEncoderConfiguration", call);
+  }
+  if (call.camera.camera.ptz) {
+    AddPtzConfiguration(element, "tt:PTZConfiguration");
   }
   if (!profile.metadata.empty()) {
     AddMetadataConfiguration(element, "tt:MetadataConfiguration", call);
@@ -156,7 +162,7 @@ void AddEncoderToProfile(Call& call) {
 void GetStreamUri(Call& call) {
   const MediaProfile& profile = ProfileOf(call);
   const Encoder* encoder = call.camera.settings.FindEncoder(profile.encoder);
-  if (profile.video_source.empty() || encoder == nullptr || !encoder->enabled) {
+  if (profile.videoSource.empty() || encoder == nullptr || !encoder->enabled) {
     throw SoapFault{"ter:Action", "ter:IncompleteConfiguration", "The profile streams nothing",
                     true};
   }
@@ -202,7 +208,7 @@ void SetAudioEncoderConfiguration(Call& call) {
   AudioEncoder audio = call.camera.settings.audio;
   ReadWord(configuration, "Encoding", {"G711", "G726", "AAC"}, &audio.encoding);
   ReadNumber(configuration, "Bitrate", 1, 320000, &audio.bitrate);
-  ReadNumber(configuration, "SampleRate", 1, 48000, &audio.sample_rate);
+  ReadNumber(configuration, "SampleRate", 1, 48000, &audio.sampleRate);
   call.camera.settings.audio = audio;
 }
 
@@ -212,8 +218,8 @@ void AddMediaOperations(Operations* operations) {
   const auto add = [operations](const char* name, std::function<void(Call&)> run) {
     (*operations)[{kMediaSpace, name}] = {false, std::move(run)};
   };
-  const auto add_to_profile = [&](const char* name, std::string MediaProfile::*member,
-                                  const std::string& token) {
+  const auto addToProfile = [&](const char* name, std::string MediaProfile::*member,
+                                const std::string& token) {
     add(name, [=](Call& call) { AddToProfile(call, member, token); });
   };
   add("GetServiceCapabilities", [](Call& call) {
@@ -225,12 +231,16 @@ void AddMediaOperations(Operations* operations) {
   add("GetProfile", GetProfile);
   add("CreateProfile", CreateProfile);
   add("DeleteProfile", DeleteProfile);
-  add_to_profile("AddVideoSourceConfiguration", &MediaProfile::video_source,
-                 kVideoSourceConfiguration);
-  add_to_profile("AddMetadataConfiguration", &MediaProfile::metadata, kMetadata);
+  addToProfile("AddVideoSourceConfiguration", &MediaProfile::videoSource,
+               kVideoSourceConfiguration);
+  addToProfile("AddMetadataConfiguration", &MediaProfile::metadata, kMetadata);
   add("AddVideoEncoderConfiguration", AddEncoderToProfile);
   add("RemoveVideoEncoderConfiguration", [](Call& call) { ProfileOf(call).encoder.clear(); });
   add("GetStreamUri", GetStreamUri);
+  add("GetSnapshotUri", [](Call& call) {
+    ProfileOf(call);
+    call.answer.Add("trt:MediaUri").Add("tt:Uri", call.onvif + "snapshot");
+  });
   add("GetVideoSources", GetVideoSources);
   add("GetVideoSourceConfigurations",
       [](Call& call) { AddVideoSourceConfiguration(call.answer, "trt:Configurations", call); });

@@ -54,14 +54,14 @@ void SetNetworkDefaultGateway(Call& call) {
 void GetDns(Call& call) {
   const Network& network = call.camera.settings.network;
   Element information = call.answer.Add("tds:DNSInformation");
-  information.Add("tt:FromDHCP", network.dns_dhcp);
-  AddAddress(information, network.dns_dhcp ? "tt:DNSFromDHCP" : "tt:DNSManual", network.dns);
+  information.Add("tt:FromDHCP", network.dnsDhcp);
+  AddAddress(information, network.dnsDhcp ? "tt:DNSFromDHCP" : "tt:DNSManual", network.dns);
 }
 
 void SetDns(Call& call) {
   Network network = call.camera.settings.network;
-  network.dns_dhcp = false;
-  Read(call.request, "FromDHCP", &network.dns_dhcp);
+  network.dnsDhcp = false;
+  Read(call.request, "FromDHCP", &network.dnsDhcp);
   ReadAddress(call.request, "DNSManual/IPv4Address", &network.dns);
   call.camera.settings.network = network;
 }
@@ -69,7 +69,7 @@ void SetDns(Call& call) {
 void GetNtp(Call& call) {
   const Network& network = call.camera.settings.network;
   Element information = call.answer.Add("tds:NTPInformation");
-  information.Add("tt:FromDHCP", network.ntp_dhcp);
+  information.Add("tt:FromDHCP", network.ntpDhcp);
   Element manual = information.Add("tt:NTPManual");
   manual.Add("tt:Type", "DNS");
   manual.Add("tt:DNSname", network.ntp);
@@ -77,7 +77,7 @@ void GetNtp(Call& call) {
 
 void SetNtp(Call& call) {
   Network& network = call.camera.settings.network;
-  Read(call.request, "FromDHCP", &network.ntp_dhcp);
+  Read(call.request, "FromDHCP", &network.ntpDhcp);
   Read(call.request, "NTPManual/DNSname", &network.ntp);
   Read(call.request, "NTPManual/IPv4Address", &network.ntp);
 }

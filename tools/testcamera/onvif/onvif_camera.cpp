@@ -5,15 +5,22 @@
 
 #include "tools/testcamera/onvif/param_cgi.h"
 #include "tools/testcamera/onvif/raw_answer.h"
+#include "tools/testcamera/picture_source.h"
 
 namespace testcamera {
 namespace {
 
 constexpr char kSoapType[] = "application/soap+xml; charset=utf-8";
 
-CameraOptions WithBasicAuth(CameraOptions options) {
-  options.auth = AuthScheme::kBasic;
+CameraOptions WithAuth(CameraOptions options, AuthScheme scheme) {
+  options.auth = scheme;
   return options;
+}
+
+std::string AuthorizationOf(SoupServerMessage* message) {
+  const char* authorization = soup_message_headers_get_one(
+      soup_server_message_get_request_headers(message), "Authorization");
+  return authorization == nullptr ? "" : authorization;
 }
 
 // The same for a camera at the same address and port, also after it was switched off and on.
@@ -24,12 +31,13 @@ std::string MakeEndpoint(const std::string& place) {
          hex.substr(17, 3) + "-" + hex.substr(20, 12);
 }
 
-// The address that the client reached.
+// The address that the client reached, as URLs have it.
 std::string LocalHost(SoupServerMessage* message) {
   GSocketAddress* address = soup_server_message_get_local_address(message);
-  return TextPtr(g_inet_address_to_string(
-                     g_inet_socket_address_get_address(G_INET_SOCKET_ADDRESS(address))))
-      .get();
+  const std::string host = TextPtr(g_inet_address_to_string(g_inet_socket_address_get_address(
+                                       G_INET_SOCKET_ADDRESS(address))))
+                               .get();
+  return host.find(':') == std::string::npos ? host : "[" + host + "]";
 }
 
 std::string RequestBody(SoupServerMessage* message) {
@@ -44,27 +52,51 @@ std::string RequestBody(SoupServerMessage* message) {
 }  // namespace
 
 OnvifCamera::OnvifCamera(const CameraOptions& camera, const OnvifOptions& onvif,
-                         RtspCamera& streams, GMainContext* context, int number)
+                         RtspCamera& streams, GTlsCertificate* certificate, GMainContext* context,
+                         int number)
     : state_(camera, onvif),
       streams_(streams),
       context_(context),
       tokenCheck_(camera.user, camera.password, onvif.window),
-      password_(WithBasicAuth(camera)),
+      login_(WithAuth(camera, AuthScheme::kBasic)),
+      soapLogin_(WithAuth(camera, onvif.login)),
+      snapshotLogin_(WithAuth(
+          camera, onvif.login == AuthScheme::kNone ? AuthScheme::kDigestQop : onvif.login)),
+      tls_(certificate != nullptr),
+      events_(state_, context,
+              [this](SoupServerMessage* message, const std::string& answer) {
+                SendLate(message, answer);
+              }),
+      ptz_(state_, context,
+           [this](const PictureDirection& direction) { streams_.Look(direction); }),
       server_(soup_server_new("server-header", "Orvanta-test-camera", nullptr)) {
   AddDeviceOperations(&operations_);
   AddNetworkOperations(&operations_);
   AddMediaOperations(&operations_);
+  if (onvif.media2) {
+    AddMedia2Operations(&operations_);
+  }
   AddEncoderOperations(&operations_);
   AddImagingOperations(&operations_);
+  events_.AddOperations(&operations_);
+  if (camera.ptz) {
+    ptz_.AddOperations(&operations_);
+  }
   soup_server_add_handler(server_.get(), "/onvif", OnSoap, this, nullptr);
   soup_server_add_handler(server_.get(), "/cgi-bin", OnCgi, this, nullptr);
+  soup_server_add_handler(server_.get(), "/control", OnControl, this, nullptr);
 
   const ObjectPtr<GSocketAddress> wanted(
       g_inet_socket_address_new_from_string(camera.bind.c_str(), onvif.port));
   GError* error = nullptr;
   // The server accepts in the context that is the thread's default while it is set up.
   g_main_context_push_thread_default(context);
-  soup_server_listen(server_.get(), wanted.get(), static_cast<SoupServerListenOptions>(0), &error);
+  if (tls_) {
+    soup_server_set_tls_certificate(server_.get(), certificate);
+  }
+  soup_server_listen(server_.get(), wanted.get(),
+                     tls_ ? SOUP_SERVER_LISTEN_HTTPS : static_cast<SoupServerListenOptions>(0),
+                     &error);
   g_main_context_pop_thread_default(context);
   if (error != nullptr) {
     const ErrorPtr owned(error);
@@ -84,7 +116,7 @@ OnvifCamera::~OnvifCamera() {
 }
 
 std::string OnvifCamera::ServiceUrl(const std::string& host) const {
-  return "http://" + host + ":" + std::to_string(port_) + "/onvif/";
+  return (tls_ ? "https://" : "http://") + host + ":" + std::to_string(port_) + "/onvif/";
 }
 
 std::string OnvifCamera::Addresses(const std::string& host) const {
@@ -95,22 +127,32 @@ std::string OnvifCamera::Addresses(const std::string& host) const {
                            : own;
 }
 
-void OnvifCamera::OnSoap(SoupServer*, SoupServerMessage* message, const char*, GHashTable*,
+void OnvifCamera::OnSoap(SoupServer*, SoupServerMessage* message, const char* path, GHashTable*,
                          gpointer self) {
   auto* camera = static_cast<OnvifCamera*>(self);
+  if (std::string_view(path) == "/onvif/snapshot") {
+    camera->AnswerSnapshot(message);
+    return;
+  }
   if (soup_server_message_get_method(message) != SOUP_METHOD_POST) {
     soup_server_message_set_status(message, SOUP_STATUS_METHOD_NOT_ALLOWED, nullptr);
     return;
   }
   std::string answer;
   bool clock = false;
-  const unsigned status = camera->AnswerSoap(message, &answer, &clock);
-  camera->Send(message, status, kSoapType, answer, !clock);
+  const std::optional<unsigned> status = camera->AnswerSoap(message, path, &answer, &clock);
+  if (status) {
+    camera->Send(message, *status, kSoapType, answer, !clock);
+  } else {
+    soup_server_message_pause(message);
+    camera->events_.Hold(message, path);
+  }
 }
 
 // The HTTP status for the answer. SOAP 1.2 Adjuncts, section 7.5.2.2: 400 for a sender's fault, 500
 // for a receiver's. A refused token is 401 in most firmwares, and 400 in those that print nicely.
-unsigned OnvifCamera::AnswerSoap(SoupServerMessage* message, std::string* answer, bool* clock) {
+std::optional<unsigned> OnvifCamera::AnswerSoap(SoupServerMessage* message, const std::string& path,
+                                                std::string* answer, bool* clock) {
   SoapAnswer soap(Style());
   unsigned status = SOUP_STATUS_OK;
   try {
@@ -120,6 +162,10 @@ unsigned OnvifCamera::AnswerSoap(SoupServerMessage* message, std::string* answer
     *clock = name == "GetSystemDateAndTime";
     if (found == operations_.end()) {
       throw SoapFault{"ter:ActionNotSupported", "", "The camera knows no " + name, true};
+    }
+    if (!found->second.open && !soapLogin_.Accepts(AuthorizationOf(message), "POST", path)) {
+      RefuseLogin(message, soapLogin_);
+      return SOUP_STATUS_UNAUTHORIZED;
     }
     if (!found->second.open) {
       tokenCheck_.Check(request.Header(), state_.clock.Now());
@@ -131,12 +177,22 @@ unsigned OnvifCamera::AnswerSoap(SoupServerMessage* message, std::string* answer
       throw SoapFault{"ter:Action", "ter:Busy", "The camera is busy", true};
     }
     const std::string host = LocalHost(message);
-    const std::string prefix = request.Space() == kMediaSpace     ? "trt:"
-                               : request.Space() == kImagingSpace ? "timg:"
-                                                                  : "tds:";
+    const std::string space = request.Space();
+    const std::string prefix = space == kMediaSpace          ? "trt:"
+                               : space == kImagingSpace      ? "timg:"
+                               : space == kEventsSpace       ? "tev:"
+                               : space == kNotificationSpace ? "wsnt:"
+                               : space == kPtzSpace          ? "tptz:"
+                               : space == kMedia2Space       ? "tr2:"
+                                                             : "tds:";
     Call call{state_, request.Operation(), soap.Body().Add((prefix + name + "Response").c_str()),
-              host,   ServiceUrl(host),    streams_.ServerUrl(host)};
+              host,   ServiceUrl(host),    streams_.ServerUrl(host),
+              path};
     found->second.run(call);
+    tokenCheck_.SetPassword(state_.password);
+    if (call.later) {
+      return std::nullopt;
+    }
     FollowSettings();
   } catch (const SoapFault& fault) {
     soap.SetFault(fault);
@@ -148,21 +204,63 @@ unsigned OnvifCamera::AnswerSoap(SoupServerMessage* message, std::string* answer
   return status;
 }
 
+void OnvifCamera::RefuseLogin(SoupServerMessage* message, const Login& login) {
+  for (const std::string& challenge : login.Challenges()) {
+    soup_message_headers_append(soup_server_message_get_response_headers(message),
+                                "WWW-Authenticate", challenge.c_str());
+  }
+}
+
+void OnvifCamera::AnswerSnapshot(SoupServerMessage* message) {
+  if (!snapshotLogin_.Accepts(AuthorizationOf(message), "GET", "/onvif/snapshot")) {
+    RefuseLogin(message, snapshotLogin_);
+    soup_server_message_set_status(message, SOUP_STATUS_UNAUTHORIZED, nullptr);
+    return;
+  }
+  PictureSource source(state_.camera);
+  PictureSource::Watch watch(source);
+  const auto picture = watch.Next();
+  soup_server_message_set_status(message, SOUP_STATUS_OK, nullptr);
+  soup_server_message_set_response(message, "image/jpeg", SOUP_MEMORY_COPY, picture->data(),
+                                   picture->size());
+}
+
+// An empty answer is a connection that breaks off.
+void OnvifCamera::SendLate(SoupServerMessage* message, const std::string& answer) {
+  if (!answer.empty()) {
+    Send(message, SOUP_STATUS_OK, kSoapType, answer, true);
+    soup_server_message_unpause(message);
+    return;
+  }
+  const ObjectPtr<GIOStream> connection(soup_server_message_steal_connection(message));
+  g_io_stream_close(connection.get(), nullptr, nullptr);
+}
+
+void OnvifCamera::OnControl(SoupServer*, SoupServerMessage* message, const char* path, GHashTable*,
+                            gpointer self) {
+  const std::string what = std::string(path).substr(std::string("/control").size());
+  const char* query = g_uri_get_query(soup_server_message_get_uri(message));
+  auto* camera = static_cast<OnvifCamera*>(self);
+  const auto answer = what == "/ptz"
+                          ? std::optional(camera->ptz_.State())
+                          : camera->events_.Control(what.substr(what.starts_with('/') ? 1 : 0),
+                                                    query == nullptr ? "" : query);
+  soup_server_message_set_status(message, answer ? SOUP_STATUS_OK : SOUP_STATUS_NOT_FOUND, nullptr);
+  soup_server_message_set_response(message, "application/json", SOUP_MEMORY_COPY,
+                                   answer.value_or("").data(), answer.value_or("").size());
+}
+
 void OnvifCamera::OnCgi(SoupServer*, SoupServerMessage* message, const char* path, GHashTable*,
                         gpointer self) {
   static_cast<OnvifCamera*>(self)->AnswerCgi(message, path);
 }
 
 void OnvifCamera::AnswerCgi(SoupServerMessage* message, const std::string& path) {
-  const char* authorization = soup_message_headers_get_one(
-      soup_server_message_get_request_headers(message), "Authorization");
   const char* query = g_uri_get_query(soup_server_message_get_uri(message));
   const std::string items = query == nullptr ? "" : query;
   constexpr char kText[] = "text/plain";
-  if (Style().unauthorized ||
-      !password_.Accepts(authorization == nullptr ? "" : authorization, "GET", path)) {
-    soup_message_headers_append(soup_server_message_get_response_headers(message),
-                                "WWW-Authenticate", password_.Challenge().c_str());
+  if (Style().unauthorized || !login_.Accepts(AuthorizationOf(message), "GET", path)) {
+    RefuseLogin(message, login_);
     Send(message, SOUP_STATUS_UNAUTHORIZED, kText, "Unauthorized\n", true);
   } else if (Style().fault) {
     Send(message, SOUP_STATUS_OK, kText, kInvalidValue, true);

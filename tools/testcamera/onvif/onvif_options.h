@@ -5,6 +5,8 @@
 #include <string>
 #include <string_view>
 
+#include "tools/testcamera/camera_options.h"
+
 namespace testcamera {
 
 // How firmwares differ in what they answer; each trait is one that real devices show.
@@ -35,11 +37,20 @@ bool AddOnvifStyle(std::string_view word, OnvifStyle* style);
 struct OnvifOptions {
   std::uint16_t port = 0;  // for HTTP; 0: any
   OnvifStyle style;
-  std::int64_t clock_offset = 0;   // seconds that the camera's clock is ahead
-  std::string time_zone = "UTC0";  // as in the variable TZ (POSIX)
-  int window = 60;                 // seconds that a created time may be off
-  int streams = 3;                 // encoders: three to five
-  bool discovery = true;           // answer WS-Discovery probes
+  std::int64_t clockOffset = 0;          // seconds that the camera's clock is ahead
+  std::string timeZone = "UTC0";         // as in the variable TZ (POSIX)
+  int window = 60;                       // seconds that a created time may be off
+  int streams = 3;                       // encoders: three to five
+  bool discovery = true;                 // answer WS-Discovery probes
+  bool media2 = false;                   // the second version of the media service too
+  bool tls = false;                      // HTTPS
+  AuthScheme login = AuthScheme::kNone;  // asked for beside the token
+  // What it sees by itself, in milliseconds; 0: nothing.
+  std::int64_t motionEvery = 0;
+  std::int64_t motionLength = 2000;
+  std::int64_t inputEvery = 0;
+  int longestPull = 60;       // seconds that a pull may wait
+  int maxSubscriptions = 10;  // pull points at a time
 };
 
 }  // namespace testcamera

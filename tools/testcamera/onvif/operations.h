@@ -16,10 +16,10 @@ namespace testcamera {
 
 // The camera that an operation reads and changes.
 struct CameraState {
-  CameraState(const CameraOptions& camera_options, const OnvifOptions& onvif_options)
-      : camera(camera_options),
-        onvif(onvif_options),
-        clock(onvif_options.clock_offset, onvif_options.time_zone) {
+  CameraState(const CameraOptions& cameraOptions, const OnvifOptions& onvifOptions)
+      : camera(cameraOptions),
+        onvif(onvifOptions),
+        clock(onvifOptions.clockOffset, onvifOptions.timeZone) {
     Reset();
   }
 
@@ -35,7 +35,9 @@ struct CameraState {
   const OnvifOptions onvif;
   CameraSettings settings;
   DeviceClock clock;
-  std::string serial;  // of this camera, among several
+  std::string serial;                      // of this camera, among several
+  std::string password = camera.password;  // as it was set last
+  bool relayActive = false;
 };
 
 struct Call {
@@ -45,6 +47,8 @@ struct Call {
   const std::string host;   // the camera's address as the client reached it
   const std::string onvif;  // "http://HOST:PORT/onvif/"
   const std::string rtsp;   // "rtsp://HOST:PORT"
+  const std::string path;   // of the request
+  bool later = false;       // the operation answers when something happens
 };
 
 struct Operation {
@@ -61,6 +65,7 @@ using Operations = std::map<std::pair<std::string, std::string>, Operation>;
 void AddDeviceOperations(Operations* operations);
 void AddNetworkOperations(Operations* operations);
 void AddMediaOperations(Operations* operations);
+void AddMedia2Operations(Operations* operations);
 void AddEncoderOperations(Operations* operations);
 void AddImagingOperations(Operations* operations);
 

@@ -184,7 +184,7 @@ bool Set(CameraSettings& settings, const std::string& name, const std::string& v
   if (kept == settings.others.end()) {
     return false;
   }
-  const bool was_number = Number(kept->second, 0, INT_MAX).has_value();
+  const bool wasNumber = Number(kept->second, 0, INT_MAX).has_value();
   kept->second = value;
   for (const auto& [key, choices] : kChoices) {
     if (SameName(name, key)) {
@@ -192,7 +192,7 @@ bool Set(CameraSettings& settings, const std::string& name, const std::string& v
       return std::find(words.begin(), words.end(), value) != words.end();
     }
   }
-  return !was_number || Number(value, 0, INT_MAX).has_value();
+  return !wasNumber || Number(value, 0, INT_MAX).has_value();
 }
 
 void AddLine(std::string* answer, const std::string& name, const std::string& value, bool crlf) {
@@ -201,8 +201,8 @@ void AddLine(std::string* answer, const std::string& name, const std::string& va
 
 }  // namespace
 
-std::string AnswerParamCgi(CameraState& camera, const std::string& query_text) {
-  const Query query = ParseQuery(query_text);
+std::string AnswerParamCgi(CameraState& camera, const std::string& queryText) {
+  const Query query = ParseQuery(queryText);
   std::string action;
   std::vector<std::string> groups;
   Query updates;
@@ -247,13 +247,13 @@ std::string AnswerParamCgi(CameraState& camera, const std::string& query_text) {
   return answer;
 }
 
-std::string AnswerTvSystemCgi(CameraState& camera, const std::string& query_text) {
-  for (const auto& [name, value] : ParseQuery(query_text)) {
+std::string AnswerTvSystemCgi(CameraState& camera, const std::string& queryText) {
+  for (const auto& [name, value] : ParseQuery(queryText)) {
     const auto index = Number(value, 0, 7);
     if (name == "tvsystem" && index) {
       // Streams keep their keywords, some of which have other sizes in the other system.
       const std::string resolutions = Resolutions(camera.settings);
-      camera.settings.tv_system = *index;
+      camera.settings.tvSystem = *index;
       SetResolutions(camera.settings, resolutions);
       return "OK\n";
     }

@@ -20,6 +20,13 @@ constexpr struct {
     {"trt", "med", kMediaSpace},
     {"timg", "imag", kImagingSpace},
     {"ter", "err", "http://www.onvif.org/ver10/error"},
+    {"tev", "evt", kEventsSpace},
+    {"tptz", "move", kPtzSpace},
+    {"tr2", "me2", kMedia2Space},
+    {"wsnt", "note", kNotificationSpace},
+    {"wsa5", "addr", "http://www.w3.org/2005/08/addressing"},
+    {"wsrf-rw", "resourc", "http://docs.oasis-open.org/wsrf/rw-2"},
+    {"tns1", "top1", "http://www.onvif.org/ver10/topics"},
     {"wsa", "adr", kAddressingSpace},
     {"d", "p", kDiscoverySpace},
     {"dn", "nv", "http://www.onvif.org/ver10/network/wsdl"},
@@ -80,7 +87,8 @@ const char* OtherPrefix(std::string_view prefix) {
 void ChangeTextPrefixes(xmlNode* node) {
   for (xmlNode* child = node->children; child != nullptr; child = child->next) {
     if (child->type == XML_TEXT_NODE &&
-        (xmlStrcmp(node->name, Xml("Types")) == 0 || xmlStrcmp(node->name, Xml("Value")) == 0)) {
+        (xmlStrcmp(node->name, Xml("Types")) == 0 || xmlStrcmp(node->name, Xml("Value")) == 0 ||
+         xmlStrcmp(node->name, Xml("Topic")) == 0)) {
       std::string text = Text(child);
       for (std::size_t at = 0; at < text.size();
            at = std::min(text.find(' ', at), text.size() - 1) + 1) {
@@ -216,6 +224,9 @@ void SoapAnswer::SetFault(const SoapFault& fault) {
     subcode.Add("SOAP-ENV:Subcode").Add("SOAP-ENV:Value", fault.subsubcode);
   }
   element.Add("SOAP-ENV:Reason").Add("SOAP-ENV:Text", fault.reason).Attribute("xml:lang", "en");
+  if (fault.detail) {
+    fault.detail(element.Add("SOAP-ENV:Detail"));
+  }
 }
 
 std::string SoapAnswer::Bytes() {

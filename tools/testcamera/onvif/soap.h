@@ -1,6 +1,7 @@
 // SOAP 1.2 messages: reading requests, writing answers in the styles of several firmwares.
 #pragma once
 
+#include <functional>
 #include <initializer_list>
 #include <string>
 #include <string_view>
@@ -14,16 +15,12 @@ inline constexpr char kSoapSpace[] = "http://www.w3.org/2003/05/soap-envelope";
 inline constexpr char kDeviceSpace[] = "http://www.onvif.org/ver10/device/wsdl";
 inline constexpr char kMediaSpace[] = "http://www.onvif.org/ver10/media/wsdl";
 inline constexpr char kImagingSpace[] = "http://www.onvif.org/ver20/imaging/wsdl";
+inline constexpr char kEventsSpace[] = "http://www.onvif.org/ver10/events/wsdl";
+inline constexpr char kNotificationSpace[] = "http://docs.oasis-open.org/wsn/b-2";
+inline constexpr char kMedia2Space[] = "http://www.onvif.org/ver20/media/wsdl";
+inline constexpr char kPtzSpace[] = "http://www.onvif.org/ver20/ptz/wsdl";
 inline constexpr char kAddressingSpace[] = "http://schemas.xmlsoap.org/ws/2004/08/addressing";
 inline constexpr char kDiscoverySpace[] = "http://schemas.xmlsoap.org/ws/2005/04/discovery";
-
-// What goes wrong with a request: thrown by whoever finds it, answered as a SOAP fault.
-struct SoapFault {
-  std::string subcode;     // such as "ter:InvalidArgVal"
-  std::string subsubcode;  // "" for none
-  std::string reason;
-  bool receiver = false;  // the camera's fault, not the sender's
-};
 
 // A request's envelope. Holds the tree that its nodes live in.
 class SoapRequest {
@@ -61,11 +58,21 @@ class Element {
   xmlNode* node_;
 };
 
+// What goes wrong with a request: thrown by whoever finds it, answered as a SOAP fault.
+struct SoapFault {
+  std::string subcode;     // such as "ter:InvalidArgVal"
+  std::string subsubcode;  // "" for none
+  std::string reason;
+  bool receiver = false;                  // the camera's fault, not the sender's
+  std::function<void(Element)> detail{};  // writes it, if there is one
+};
+
 class SoapAnswer {
  public:
   // Declares these prefixes, and that of SOAP.
   explicit SoapAnswer(const OnvifStyle& style, std::initializer_list<std::string_view> prefixes = {
-                                                   "tt", "tds", "trt", "timg", "ter"});
+                                                   "tt", "tds", "trt", "timg", "ter", "tev", "wsnt",
+                                                   "wsa5", "wsrf-rw", "tns1", "tptz", "tr2"});
 
   Element Header();  // made when first asked for
   Element Body() { return Element(body_); }

@@ -15,13 +15,15 @@ class UsernameTokenCheck {
   // A created time may be `window` seconds off.
   UsernameTokenCheck(std::string user, std::string password, int window);
 
+  void SetPassword(const std::string& password) { password_ = password; }
+
   // Throws the fault ter:NotAuthorized, with what is wrong, unless the header holds a token with
   // the digest of the password, created around `now` (seconds since 1970), and never seen before.
   void Check(const xmlNode* header, std::int64_t now);
 
  private:
   const std::string user_;
-  const std::string password_;
+  std::string password_;
   const int window_;
   // When each was seen; a token older than the window is refused for its age.
   std::map<std::pair<std::string, std::string>, std::int64_t> seen_;  // nonce and created

@@ -1,0 +1,408 @@
+// orvanta fleet demo: what happens when parts of a fleet fail, on this machine and in minutes.
+#include <signal.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <memory>
+#include <set>
+#include <stdexcept>
+#include <thread>
+
+#include "cms/runtime/clock.h"
+#include "tools/fleet/demo_fleet.h"
+#include "tools/fleet/fleet_command.h"
+#include "tools/fleet/recorded_times.h"
+#include "tools/support/stop_signal.h"
+
+namespace tools {
+namespace {
+
+using cms::fleet::CameraCopy;
+using cms::fleet::FleetView;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+constexpr seconds kLongestStep{60};
+constexpr seconds kSettle{7};  // so that what was recorded before a step is on disk
+constexpr seconds kEngineAwayFor{15};
+constexpr seconds kHangFor{10};
+constexpr seconds kCutFor{15};
+constexpr seconds kFrozenFor{15};
+constexpr std::size_t kTimelineColumns = 90;
+constexpr std::int64_t kEdge = 1'000;  // milliseconds at a window's ends, where spans begin
+
+struct DemoArguments {
+  int recorders = 3;
+  int cameras = 6;
+  std::vector<std::string> steps{"kill", "hang", "engine", "drain"};
+  std::string keep;
+  bool json = false;
+  bool Has(const char* step) const {
+    return std::find(steps.begin(), steps.end(), step) != steps.end();
+  }
+};
+
+// Times are milliseconds since the step began; -1: it did not come.
+struct DemoStep {
+  std::string name;
+  std::string what;
+  std::size_t cameras = 0;  // that were concerned
+  std::int64_t claimed = -1;
+  std::int64_t recorded = -1;
+  std::size_t moved = 0;  // claims that are other recorders' afterwards
+  RecordedSpan window;
+  std::int64_t longestGap = 0;
+  std::int64_t recordedTwice = 0;
+};
+
+using Holders = std::map<CameraCopy, std::string>;
+
+Holders HoldersOf(const FleetView& view) {
+  Holders holders;
+  for (const auto& [copy, claim] : view.claims) {
+    holders[copy] = claim.recorder;
+  }
+  return holders;
+}
+
+bool IsAllProven(const FleetView& view) {
+  const auto copies = view.Copies();
+  return !copies.empty() && std::all_of(copies.begin(), copies.end(), [&](const CameraCopy& copy) {
+    const auto* claim = view.ClaimOf(copy);
+    return claim != nullptr && view.Lives(claim->recorder) && view.IsProven(copy);
+  });
+}
+
+class Demo {
+ public:
+  explicit Demo(const DemoArguments& arguments)
+      : arguments_(arguments),
+        fleet_(arguments.keep, arguments.recorders, arguments.cameras,
+               {arguments.Has("cut") || arguments.Has("alone"), arguments.Has("frozen")}) {}
+
+  int Run();
+
+ private:
+  void Say(const std::string& text) const;
+  DemoStep Begin(const std::string& name, const std::string& what, std::size_t cameras);
+  void Finish(DemoStep step, const Holders& before);
+  void WaitTaken(DemoStep& step, const std::string& dead);
+  std::string Fullest(std::size_t* cameras);
+  void Start();
+  void Kill();
+  void Hang();
+  void EngineDies(bool forgets);
+  void EngineIsOld();
+  void CutOff(bool fromAll);
+  void DiskFreezes();
+  void Restart();
+  void Drain();
+  void Report();
+
+  const DemoArguments& arguments_;
+  DemoFleet fleet_;
+  std::vector<DemoStep> steps_;
+  DemoFleet::Clock::time_point begun_;
+};
+
+void Demo::Say(const std::string& text) const {
+  if (!arguments_.json) {
+    std::printf("%s\n", text.c_str());
+    std::fflush(stdout);
+  }
+}
+
+DemoStep Demo::Begin(const std::string& name, const std::string& what, std::size_t cameras) {
+  Say(what);
+  DemoStep step;
+  step.name = name;
+  step.what = what;
+  step.cameras = cameras;
+  step.window.from = cms::WallMicroseconds() / 1'000 - kEdge;
+  begun_ = DemoFleet::Clock::now();
+  return step;
+}
+
+void Demo::Finish(DemoStep step, const Holders& before) {
+  if (!fleet_.WaitFor(kLongestStep, &IsAllProven)) {
+    Say("  not all cameras are recorded again");
+  } else if (step.recorded < 0) {
+    step.recorded =
+        std::chrono::duration_cast<milliseconds>(DemoFleet::Clock::now() - begun_).count();
+  }
+  WaitForStop(kSettle);
+  step.window.to = cms::WallMicroseconds() / 1'000 - kEdge;
+  if (const auto view = fleet_.View()) {
+    for (const auto& [copy, holder] : HoldersOf(*view)) {
+      const auto found = before.find(copy);
+      step.moved += found != before.end() && found->second != holder ? 1 : 0;
+    }
+  }
+  steps_.push_back(std::move(step));
+}
+
+// Until no camera is the dead one's, then until all are recorded.
+void Demo::WaitTaken(DemoStep& step, const std::string& dead) {
+  const auto since = [&] {
+    return std::chrono::duration_cast<milliseconds>(DemoFleet::Clock::now() - begun_).count();
+  };
+  if (fleet_.WaitFor(kLongestStep, [&](const FleetView& view) {
+        return std::none_of(view.claims.begin(), view.claims.end(),
+                            [&](const auto& claim) { return claim.second.recorder == dead; });
+      })) {
+    step.claimed = since();
+  }
+  if (fleet_.WaitFor(kLongestStep, &IsAllProven)) {
+    step.recorded = since();
+  }
+}
+
+std::string Demo::Fullest(std::size_t* cameras) {
+  const auto view = fleet_.View();
+  std::map<std::string, std::size_t> counts;
+  for (const auto& [copy, holder] : view ? HoldersOf(*view) : Holders{}) {
+    ++counts[holder];
+  }
+  const auto most =
+      std::max_element(counts.begin(), counts.end(),
+                       [](const auto& a, const auto& b) { return a.second < b.second; });
+  if (most == counts.end()) {
+    throw std::runtime_error("no recorder has a camera: see the logs in " + fleet_.Folder());
+  }
+  *cameras = most->second;
+  return most->first;
+}
+
+void Demo::Start() {
+  begun_ = DemoFleet::Clock::now();
+  Say(std::to_string(arguments_.cameras) + " cameras, " + std::to_string(arguments_.recorders) +
+      " recorders, an engine of three members at " + fleet_.Engine().Members());
+  if (!fleet_.WaitFor(kLongestStep, &IsAllProven)) {
+    throw std::runtime_error("the cameras are not recorded: see the logs in " + fleet_.Folder());
+  }
+  Say("all cameras are recorded");
+  WaitForStop(kSettle);
+}
+
+void Demo::Kill() {
+  std::size_t cameras = 0;
+  const std::string name = Fullest(&cameras);
+  const Holders before = HoldersOf(fleet_.View().value_or(FleetView{}));
+  DemoStep step =
+      Begin("kill", name + " is killed, with " + std::to_string(cameras) + " cameras", cameras);
+  fleet_.Recorder(name).Signal(SIGKILL);
+  WaitTaken(step, name);
+  Finish(std::move(step), before);
+  fleet_.StartRecorder(name);
+}
+
+void Demo::Hang() {
+  std::size_t cameras = 0;
+  const std::string name = Fullest(&cameras);
+  const Holders before = HoldersOf(fleet_.View().value_or(FleetView{}));
+  DemoStep step = Begin("hang",
+                        name + " hangs for " + std::to_string(kHangFor.count()) + " s, with " +
+                            std::to_string(cameras) + " cameras",
+                        cameras);
+  fleet_.Recorder(name).Signal(SIGSTOP);
+  WaitTaken(step, name);
+  std::this_thread::sleep_until(begun_ + kHangFor);
+  fleet_.Recorder(name).Signal(SIGCONT);
+  Finish(std::move(step), before);
+}
+
+void Demo::EngineDies(bool forgets) {
+  const Holders before = HoldersOf(fleet_.View().value_or(FleetView{}));
+  DemoStep step =
+      Begin(forgets ? "empty" : "engine",
+            "all members of the engine are dead for " + std::to_string(kEngineAwayFor.count()) +
+                " s" + (forgets ? " and come back empty" : ""),
+            before.size());
+  fleet_.Engine().Kill();
+  if (forgets) {
+    fleet_.Engine().Forget();
+  }
+  std::this_thread::sleep_until(begun_ + kEngineAwayFor);
+  fleet_.Engine().Start();
+  Finish(std::move(step), before);
+}
+
+// Comes back as it was before its cameras were configured anew.
+void Demo::EngineIsOld() {
+  std::size_t cameras = 0;
+  Fullest(&cameras);
+  fleet_.Engine().Kill();
+  fleet_.Engine().Keep();
+  fleet_.Engine().Start();
+  if (!fleet_.WaitFor(kLongestStep, &IsAllProven)) {
+    throw std::runtime_error("the engine came back, and not all cameras are recorded");
+  }
+  const auto view = fleet_.View();
+  for (const auto& [name, camera] : view ? view->cameras : FleetView{}.cameras) {
+    auto changed = camera;
+    changed.spill = false;
+    fleet_.Client().Put(cms::fleet::CameraKey(name), ValueOf(changed));
+  }
+  const Holders before = HoldersOf(view.value_or(FleetView{}));
+  DemoStep step = Begin("snapshot", "the engine comes back from an old snapshot", before.size());
+  fleet_.Engine().Kill();
+  fleet_.Engine().PutBack();
+  fleet_.Engine().Start();
+  std::this_thread::sleep_for(kHangFor);
+  Finish(std::move(step), before);
+}
+
+void Demo::CutOff(bool fromAll) {
+  std::size_t cameras = 0;
+  const std::string name = Fullest(&cameras);
+  const Holders before = HoldersOf(fleet_.View().value_or(FleetView{}));
+  const auto addresses =
+      fromAll ? fleet_.AllBut(name) : std::vector<std::string>{fleet_.Network().EngineAddress()};
+  DemoStep step = Begin(fromAll ? "alone" : "cut",
+                        name + " is cut off from the engine" +
+                            (fromAll ? " and from all other recorders" : "") + " for " +
+                            std::to_string(kCutFor.count()) + " s, with " +
+                            std::to_string(cameras) + " cameras",
+                        cameras);
+  fleet_.Network().Cut(name, addresses);
+  WaitTaken(step, name);
+  std::this_thread::sleep_until(begun_ + kCutFor);
+  fleet_.Network().Mend(name, addresses);
+  Finish(std::move(step), before);
+}
+
+void Demo::DiskFreezes() {
+  const std::string name = DemoFleet::kFreezing;
+  const Holders before = HoldersOf(fleet_.View().value_or(FleetView{}));
+  const auto cameras = static_cast<std::size_t>(std::count_if(
+      before.begin(), before.end(), [&](const auto& held) { return held.second == name; }));
+  DemoStep step =
+      Begin("frozen",
+            "the disk of " + name + " stands still for " + std::to_string(kFrozenFor.count()) +
+                " s, with " + std::to_string(cameras) + " cameras",
+            cameras);
+  fleet_.Disk().Freeze();
+  WaitTaken(step, name);
+  std::this_thread::sleep_until(begun_ + kFrozenFor);
+  fleet_.Disk().Thaw();
+  Finish(std::move(step), before);
+}
+
+void Demo::Restart() {
+  std::size_t cameras = 0;
+  const std::string name = Fullest(&cameras);
+  const Holders before = HoldersOf(fleet_.View().value_or(FleetView{}));
+  DemoStep step = Begin("restart", name + " crashes and is started again at once", cameras);
+  fleet_.Recorder(name).Signal(SIGKILL);
+  std::this_thread::sleep_for(seconds(1));
+  fleet_.StartRecorder(name);
+  std::this_thread::sleep_for(seconds(5));
+  Finish(std::move(step), before);
+}
+
+void Demo::Drain() {
+  std::size_t cameras = 0;
+  const std::string name = Fullest(&cameras);
+  const Holders before = HoldersOf(fleet_.View().value_or(FleetView{}));
+  DemoStep step =
+      Begin("drain", name + " is drained of " + std::to_string(cameras) + " cameras", cameras);
+  const auto view = fleet_.View();
+  if (!view || !view->recorders.contains(name)) {
+    throw std::runtime_error(name + " has no settings in the engine");
+  }
+  auto settings = view->recorders.at(name);
+  settings.drain = true;
+  fleet_.Client().Put(cms::fleet::RecorderKey(name), ValueOf(settings));
+  WaitTaken(step, name);
+  Finish(std::move(step), before);
+  settings.drain = false;
+  fleet_.Client().Put(cms::fleet::RecorderKey(name), ValueOf(settings));
+}
+
+void Demo::Report() {
+  const RecordedTimes times = ReadRecordedTimes(fleet_.DataFolders());
+  nlohmann::ordered_json rows = nlohmann::ordered_json::array();
+  Say("\nstep     cameras  claimed s  recorded s  moved  longest gap s  recorded twice s");
+  for (DemoStep& step : steps_) {
+    for (const auto& [site, name] : fleet_.Cameras()) {
+      step.longestGap = std::max(step.longestGap, times.LongestGap(site, step.window));
+      step.recordedTwice = std::max(step.recordedTwice, times.RecordedTwice(site, step.window));
+    }
+    char line[160];
+    const auto inSeconds = [](std::int64_t value) { return static_cast<double>(value) / 1e3; };
+    std::snprintf(line, sizeof line, "%-8s %7zu %10.1f %11.1f %6zu %14.1f %17.1f",
+                  step.name.c_str(), step.cameras, inSeconds(step.claimed),
+                  inSeconds(step.recorded), step.moved, inSeconds(step.longestGap),
+                  inSeconds(step.recordedTwice));
+    Say(line);
+    rows.push_back({{"step", step.name},
+                    {"what", step.what},
+                    {"cameras", step.cameras},
+                    {"claimed_ms", step.claimed},
+                    {"recorded_ms", step.recorded},
+                    {"moved", step.moved},
+                    {"longest_gap_ms", step.longestGap},
+                    {"recorded_twice_ms", step.recordedTwice}});
+  }
+  if (arguments_.json) {
+    PrintJson({{"steps", rows}});
+  } else if (!steps_.empty()) {
+    const RecordedSpan window{steps_.front().window.from - 5'000, steps_.back().window.to};
+    std::printf(
+        "\nWhat lies on the recorders' disks, from the first step on, %.1f s each sign:\n%s",
+        static_cast<double>(window.to - window.from) / 1e3 / kTimelineColumns,
+        Timeline(times, fleet_.Cameras(), window, kTimelineColumns).c_str());
+  }
+}
+
+int Demo::Run() {
+  const std::map<std::string, std::function<void()>> known{
+      {"kill", [this] { Kill(); }},
+      {"hang", [this] { Hang(); }},
+      {"engine", [this] { EngineDies(false); }},
+      {"empty", [this] { EngineDies(true); }},
+      {"snapshot", [this] { EngineIsOld(); }},
+      {"cut", [this] { CutOff(false); }},
+      {"alone", [this] { CutOff(true); }},
+      {"frozen", [this] { DiskFreezes(); }},
+      {"restart", [this] { Restart(); }},
+      {"drain", [this] { Drain(); }}};
+  Start();
+  for (const std::string& step : arguments_.steps) {
+    const bool isReady = fleet_.WaitFor(kLongestStep, [&](const FleetView& view) {
+      return view.members.size() == static_cast<std::size_t>(arguments_.recorders) &&
+             IsAllProven(view);
+    });
+    if (StopRequested() || !isReady) {
+      throw std::runtime_error(StopRequested() ? "stopped" : "the step before has not ended well");
+    }
+    known.at(step)();
+  }
+  fleet_.EndRecorders();
+  Report();
+  return 0;
+}
+
+}  // namespace
+
+void AddFleetDemoCommand(Command app, FleetResult& result) {
+  auto arguments = std::make_shared<DemoArguments>();
+  const Command command =
+      app.Add("demo", "Let parts of a fleet on this machine fail, and show what was recorded");
+  command.AddOption("--recorders", arguments->recorders).InRange(2, 20).ShowDefault();
+  command.AddOption("--cameras", arguments->cameras).InRange(1, 100).ShowDefault();
+  command
+      .AddOption("--steps", arguments->steps,
+                 "kill, hang, engine, empty, snapshot, restart, drain; as root also cut, alone, "
+                 "frozen [kill,hang,engine,drain]")
+      .List()
+      .OneOf({"kill", "hang", "engine", "empty", "snapshot", "restart", "drain", "cut", "alone",
+              "frozen"});
+  command.AddOption("--folder", arguments->keep, "keep recordings and logs here").TypeName("DIR");
+  command.AddFlag("--json", arguments->json, "print one JSON object");
+  RunFleetJob(command, result, [arguments] { return Demo(*arguments).Run(); });
+}
+
+}  // namespace tools
