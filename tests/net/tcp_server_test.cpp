@@ -51,6 +51,11 @@ class TcpServerTest : public testing::Test {
   // Connected from 127.0.0.<host> and known to the server.
   Descriptor Peer(int host = 1) {
     const int before = TotalClientCnt(server_);
+    Descriptor made = Connected(host);
+    EXPECT_TRUE(WaitFor([&] { return TotalClientCnt(server_) == before + 1; }));
+    return made;
+  }
+  Descriptor Connected(int host) {
     Descriptor made(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_in from = test::Loopback(0);
     from.sin_addr.s_addr = htonl(INADDR_LOOPBACK + static_cast<unsigned>(host) - 1);
@@ -59,7 +64,6 @@ class TcpServerTest : public testing::Test {
     setsockopt(made, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     const sockaddr_in to = test::Loopback(config_.localPort);
     EXPECT_EQ(connect(made, reinterpret_cast<const sockaddr*>(&to), sizeof to), 0);
-    EXPECT_TRUE(WaitFor([&] { return TotalClientCnt(server_) == before + 1; }));
     return made;
   }
   int Send(const std::string& text) {
@@ -250,7 +254,7 @@ TEST_F(TcpServerTest, AFloodOfConnectionsAndNoDescriptorsLeft) {
   }
   ASSERT_TRUE(WaitFor([&] { return TotalClientCnt(server_) == 0; }));
   // Connections of the flood may still come out of the backlog in front of this one.
-  const Descriptor peer = Peer(3);
+  const Descriptor peer = Connected(3);
   EXPECT_TRUE(WaitFor([&] {
     EnableSendData(server_, kMe + 2, 1);
     return Send("well") == 4;

@@ -68,10 +68,17 @@ TEST(TodaysCameras, OverUdpPacketsComeInOrderAndASenderThatStartsAnewIsFollowed)
                   part.begin() + static_cast<std::ptrdiff_t>(i) + 1,
                   part.begin() + static_cast<std::ptrdiff_t>(i) + 3);
     }
+    std::size_t looked = 0;
+    std::size_t whole = 0;
     for (std::size_t at = 0; at < part.size(); at += 20) {  // what any socket takes at once
+      const std::size_t end = std::min(at + 20, part.size());
       site.Send({part.begin() + static_cast<std::ptrdiff_t>(at),
-                 part.begin() + static_cast<std::ptrdiff_t>(std::min(at + 20, part.size()))});
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                 part.begin() + static_cast<std::ptrdiff_t>(end)});
+      // A busy machine reads late: on with the next when the pictures that are whole have come.
+      for (; looked + 4 < end; ++looked) {
+        whole += part[looked][1] >> 7;
+      }
+      EXPECT_TRUE(WaitFor([&] { return site.Totals().videoFrames >= sent + whole; }));
     }
     sent += pictures.size();
     return WaitFor([&] { return site.Totals().videoFrames >= sent; });
@@ -96,18 +103,25 @@ TEST(TodaysCameras, WhatComesBeforeTheClientPlaysIsNotLost) {
   const Pictures pictures = Clip({.frames = 4, .gop = 4});
   test::RtpPacketizer rtp;
   for (const int transport : {cms::kRtspTransportUdp, cms::kRtspTransportInterleaved}) {
-    PlayingClient site(test::VideoSdp("H264"), transport, {}, false);
-    const auto packetsCame = [&](std::size_t i) {
-      site.Send(rtp.H264(pictures[i]));
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    };
-    packetsCame(0);
-    packetsCame(1);
-    EXPECT_EQ(site.client.Play(), 1);
-    packetsCame(2);
-    packetsCame(3);
-    EXPECT_TRUE(WaitFor([&] { return site.Totals().videoFrames == 4; })) << transport;
-    site.ExpectPictures(pictures);
+    // Half a second is what is kept for: a machine that stood still for that long is tried again.
+    for (bool inTime = false; !inTime;) {
+      PlayingClient site(test::VideoSdp("H264"), transport, {}, false);
+      const auto packetsCame = [&](std::size_t i) {
+        site.Send(rtp.H264(pictures[i]));
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+      };
+      const auto begun = std::chrono::steady_clock::now();
+      packetsCame(0);
+      packetsCame(1);
+      EXPECT_EQ(site.client.Play(), 1);
+      inTime = std::chrono::steady_clock::now() - begun < std::chrono::milliseconds(400);
+      if (inTime) {
+        packetsCame(2);
+        packetsCame(3);
+        EXPECT_TRUE(WaitFor([&] { return site.Totals().videoFrames == 4; })) << transport;
+        site.ExpectPictures(pictures);
+      }
+    }
 
     PlayingClient late(test::VideoSdp("H264"), transport, {}, false);
     late.Send(rtp.H264(pictures[0]));

@@ -6,8 +6,8 @@ cms::stRTSPClientConfig ConfigFor(const std::string& url, int transport) {
   cms::stRTSPClientConfig config;
   config.path = url;
   config.transport = transport;
-  config.connectTimeoutMs = 5'000;
-  config.answerTimeoutMs = 5'000;
+  config.connectTimeoutMs = 20'000;  // far beyond what a busy machine needs
+  config.answerTimeoutMs = 20'000;
   return config;
 }
 
