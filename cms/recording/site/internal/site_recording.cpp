@@ -99,6 +99,9 @@ bool SiteRecording::IsArmed() const {
 }
 
 void SiteRecording::Wake() {
+  if (IsAlwaysWanted()) {
+    unseen_ = true;
+  }
   Turns::Recordings().Add(this, TickMilliseconds());
 }
 
@@ -279,6 +282,11 @@ void SiteRecording::LookForGaps() {
   {
     ScopeLock hold(deviceLock_);
     gaps_.SetSite(site_);
+  }
+  if (unseen_.exchange(false) && !sight.armed) {  // it began and ended between two looks
+    RecordingSight begun = sight;
+    begun.armed = begun.wanted = begun.alwaysWanted = true;
+    gaps_.Look(begun);
   }
   gaps_.Look(sight);
   ScopeLock hold(gapLock_);

@@ -107,6 +107,7 @@ class SiteRecording final : public Turns::Member {
 
   CMSCritical turning_;  // before all others
   SiteGaps gaps_ CMS_GUARDED_BY(turning_);
+  std::atomic<bool> unseen_{false};  // records all the time, and the gaps were not looked at since
   mutable CMSCritical gapLock_;
   std::optional<OpenGap> gap_ CMS_GUARDED_BY(gapLock_);
   GapTotals totalGaps_ CMS_GUARDED_BY(gapLock_);
