@@ -47,6 +47,7 @@ void LatestFile::Run() {
       ends = ends_;
     }
     const bool failed = text && !WriteWholeFile(path_, *text);
+    const int milliseconds = failed ? kWriteAgain : text ? 0 : -1;
     if (failed) {
       if (!std::exchange(isTold, true)) {
         Log(LogLevel::kError, "fleet",
@@ -55,13 +56,15 @@ void LatestFile::Run() {
                 "does not know the newest cameras");
       }
       const ScopeLock lock(lock_);
-      next_ = next_ ? std::move(next_) : std::move(text);
+      if (!next_) {
+        next_ = std::move(text);
+      }
     } else if (text) {
       isTold = false;
     }
     if (!ends) {
       pollfd wait{wake_.Descriptor(), POLLIN, 0};
-      poll(&wait, 1, failed ? kWriteAgain : text ? 0 : -1);
+      poll(&wait, 1, milliseconds);
       wake_.Clear();
     }
   }

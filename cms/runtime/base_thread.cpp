@@ -49,8 +49,8 @@ std::uint32_t CLFXBaseThread::WaitThread(std::uint32_t milliseconds) {
   }
   int limit = cms::Event::kForever;
   if (milliseconds != kNoTimeLimit) {
-    constexpr auto longest = static_cast<std::uint32_t>(std::numeric_limits<int>::max());
-    limit = static_cast<int>(milliseconds < longest ? milliseconds : longest);
+    constexpr auto kLongestWait = static_cast<std::uint32_t>(std::numeric_limits<int>::max());
+    limit = static_cast<int>(milliseconds < kLongestWait ? milliseconds : kLongestWait);
   }
   return handle->WaitEnded(limit) ? 0 : kTimeOut;
 }

@@ -10,7 +10,7 @@ namespace {
 
 // At the library's loading, before anybody uses libcrypto otherwise: its own cleanup at the end of
 // the process would come before the clients of static lifetime close their streams, with digests.
-[[maybe_unused]] const int initialised = OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
+[[maybe_unused]] const int kInitialised = OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
 
 std::string DigestHex(const EVP_MD* method, std::string_view input) {
   unsigned char digest[EVP_MAX_MD_SIZE];

@@ -391,8 +391,8 @@ TEST(Playback, LooksAroundInAFisheyePicture) {
     ASSERT_EQ(size.cx, 160);
     std::vector<std::uint8_t> wanted(120 * 60 * 4);
     ASSERT_TRUE(dewarper.DewarpBgra(whole, 160 * 4, wanted, 120 * 4));
+    ASSERT_EQ(control.SetFisheye(0, 0, settings), 1);  // first: the new size is a view's
     ASSERT_EQ(control.SetDecoderRenderCallback(0, 0, &room, nullptr), 1);
-    ASSERT_EQ(control.SetFisheye(0, 0, settings), 1);
     std::vector<std::uint8_t> seen;
     ASSERT_TRUE(test::WaitFor([&] {
       seen = shown(&size);

@@ -70,7 +70,7 @@ std::string TypedLine(const char* question) {
 
 // The first line of standard input; of a terminal it is asked for twice.
 std::string NewPassword() {
-  const std::string password = TypedLine("password: ");
+  std::string password = TypedLine("password: ");
   if (password.size() < kShortestPassword) {
     throw std::runtime_error("a password has at least " + std::to_string(kShortestPassword) +
                              " characters; nothing was changed");
