@@ -9,9 +9,11 @@ Without --all two of the steps are left out, for their time: of "alone" "cut" ha
 
 import json
 import os
+import pathlib
 import shutil
 import subprocess
 import sys
+import tempfile
 
 MARGIN = 1.5
 # By the step: the longest times, in seconds, until cameras are claimed and recorded, of a gap on the disks, and of
@@ -63,11 +65,15 @@ def main():
     wanted = steps_that_can_be()
     if "--all" not in sys.argv:
         wanted = [step for step in wanted if step not in ("alone", "engine")]
+    with tempfile.TemporaryDirectory(prefix="orvanta-fleet-demo-test-") as folder:
+        return run(wanted, folder)
+
+
+def run(wanted, folder):
+    """The recorders' logs are shown where something was not as promised."""
     environment = dict(os.environ, ASAN_OPTIONS="detect_leaks=0")
-    done = subprocess.run(
-        [sys.argv[1], "demo", "--cameras", "4", "--steps", ",".join(wanted), "--json"],
-        stdout=subprocess.PIPE, env=environment, timeout=400, check=False,
-    )
+    command = [sys.argv[1], "demo", "--cameras", "4", "--steps", ",".join(wanted), "--json", "--folder", folder]
+    done = subprocess.run(command, stdout=subprocess.PIPE, env=environment, timeout=400, check=False)
     if done.returncode != 0:
         print(f"the demo ended with {done.returncode}")
         return 1
@@ -76,6 +82,9 @@ def main():
     wrong = [each for step in steps for each in check(step)]
     if [step["step"] for step in steps] != wanted:
         wrong.append("not all steps were done")
+    if wrong:
+        for log in sorted(pathlib.Path(folder).glob("*.log")):
+            print(f"--- {log.name}\n" + log.read_text(encoding="utf-8", errors="replace"))
     print("\n".join(wrong) or "all as promised")
     return 1 if wrong else 0
 
