@@ -1,6 +1,7 @@
 #include "cms/live/decoder.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cmath>
@@ -137,7 +138,8 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(Decoder, PicturesEqualTheFfmpegProgramsOutput) {
   const ClipSpec spec = Spec(ClipCodec::kH264, 640, 480, 4);
-  const std::string name = testing::TempDir() + "/decoder_test.h264";
+  const std::string name =
+      testing::TempDir() + "decoder_test." + std::to_string(getpid()) + ".h264";
   std::FILE* clip = std::fopen(name.c_str(), "wb");
   ASSERT_NE(clip, nullptr);
   const std::vector<EncodedFrame> frames = EncodeClip(spec);

@@ -1,7 +1,9 @@
 // RTSP over TLS, as a site client uses it.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <thread>
@@ -31,11 +33,15 @@ const test::Certificate& Trusted() {
 
 class Rtsps : public testing::Test {
  protected:
-  static void SetUpTestSuite() {
-    const std::string file = testing::TempDir() + "trusted.pem";
-    std::ofstream(file) << Trusted().Pem();
-    setenv("SSL_CERT_FILE", file.c_str(), 1);
+  // Each test is a process of its own, and they run side by side.
+  static std::string TrustedFile() {
+    return testing::TempDir() + "trusted." + std::to_string(getpid()) + ".pem";
   }
+  static void SetUpTestSuite() {
+    std::ofstream(TrustedFile()) << Trusted().Pem();
+    setenv("SSL_CERT_FILE", TrustedFile().c_str(), 1);
+  }
+  static void TearDownTestSuite() { std::remove(TrustedFile().c_str()); }
 
   cms::stRTSPClientConfig Config(const test::TlsFront& front) const {
     return ConfigFor(front.Url(server_.Url()), cms::kRtspTransportInterleaved);

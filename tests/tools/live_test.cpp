@@ -1,6 +1,7 @@
 // The whole way: the test camera, a real RTSP server, received by `orvanta live`.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <nlohmann/json.hpp>
@@ -101,7 +102,7 @@ TEST(Live, ReceivesWithoutDecodingAndStillKnowsTheSize) {
 TEST(Live, LogsInOverRtspAndHttpAndWritesPictures) {
   for (const std::string login : {"basic", "digest"}) {
     RtspCamera camera({"--auth", login, "--password", "p@ss:w%rd", "--http", "0"});
-    const std::string folder = testing::TempDir() + "live-" + login;
+    const std::string folder = testing::TempDir() + "live-" + login + std::to_string(getpid());
     std::filesystem::create_directories(folder);
     const std::string rtsp = test::WithCredentials(camera.Url(), "admin", "p%40ss:w%25rd");
     const std::string http = test::WithCredentials(camera.HttpUrl(), "admin", "p%40ss:w%25rd");
