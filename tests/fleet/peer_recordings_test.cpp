@@ -27,7 +27,9 @@ TEST(PeerRecordings, WhatIsNoAnswerIsNone) {
        {"", "[]", "{}", R"({"files":[],"tokens":7})", R"({"files":[{}],"tokens":[]})",
         R"({"files":[{"name":"a","spans":[[0,9223372036854775807]]}],"tokens":[]})",
         R"({"files":[{"name":"a","spans":[[-9223372036854775808,5]]}],"tokens":[]})",
-        R"({"files":[{"name":"a","spans":[["0",5]]}],"tokens":[]})"}) {
+        R"({"files":[{"name":"a","spans":[["0",5]]}],"tokens":[]})",
+        R"({"files":[{"name":"a","spans":[[0,1e300]]}],"tokens":[]})",
+        R"({"files":[],"tokens":[[0,-1.5]]})"}) {
     EXPECT_FALSE(ReadPeerRecordings(text, "rec1")) << text;
   }
 }

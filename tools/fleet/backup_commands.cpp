@@ -83,7 +83,8 @@ int Restore(const BackupArguments& arguments) {
   FleetView saved;
   std::int64_t generation = 0;
   try {
-    generation = backup.at("generation").get<std::int64_t>();
+    const auto& saidGeneration = backup.at("generation");
+    generation = saidGeneration.is_number_integer() ? saidGeneration.get<std::int64_t>() : 0;
     for (const auto& each : backup.at("keys")) {
       saved.Put({each.at("key").get<std::string>(), each.at("value").get<std::string>(), 0, 0, 0});
     }
