@@ -26,9 +26,9 @@ void RTPProcesserBase::FreeBuffer::operator()(unsigned char* buffer) const {
 RTPProcesserBase::RTPProcesserBase(bool isVideo, bool checksSequence)
     : isVideo_(isVideo), checksSequence_(checksSequence) {
   // Left as it comes: pages that no frame reaches cost nothing.
-  constexpr std::size_t size = kFrameOffset + kFrameCapacity + kTailRoom;
+  constexpr std::size_t kAllocated = kFrameOffset + kFrameCapacity + kTailRoom;
   buffer_.reset(static_cast<unsigned char*>(
-      ::operator new (size, std::align_val_t{kAlignment}, std::nothrow)));
+      ::operator new (kAllocated, std::align_val_t{kAlignment}, std::nothrow)));
   capacity_ = buffer_ ? kFrameCapacity : 0;
   ResetFrameBuffer();
 }

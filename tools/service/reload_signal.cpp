@@ -8,7 +8,7 @@
 namespace tools {
 namespace {
 
-const int reloadEvent = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+const int kReloadEvent = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
 
 void OnReloadSignal(int) {
   const int saved = errno;
@@ -27,16 +27,16 @@ void CatchReloadSignal() {
 }
 
 void AskToReload() {
-  [[maybe_unused]] const int result = eventfd_write(reloadEvent, 1);
+  [[maybe_unused]] const int result = eventfd_write(kReloadEvent, 1);
 }
 
 int ReloadDescriptor() {
-  return reloadEvent;
+  return kReloadEvent;
 }
 
 bool TakeReload() {
   eventfd_t count = 0;
-  return eventfd_read(reloadEvent, &count) == 0;
+  return eventfd_read(kReloadEvent, &count) == 0;
 }
 
 }  // namespace tools

@@ -15,7 +15,7 @@ namespace tools {
 namespace {
 
 // Written by the signal handler and never read, so it stays readable for everyone once signalled.
-const int stopEvent = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+const int kStopEvent = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
 std::atomic<bool> stopRequested{false};
 static_assert(std::atomic<bool>::is_always_lock_free, "the signal handler writes it");
 
@@ -36,7 +36,7 @@ void OnSignal(int number) {
     raise(number);
   }
   stopRequested.store(true, std::memory_order_relaxed);
-  [[maybe_unused]] const int result = eventfd_write(stopEvent, 1);
+  [[maybe_unused]] const int result = eventfd_write(kStopEvent, 1);
   errno = saved;
 }
 
@@ -56,7 +56,7 @@ bool StopRequested() {
 }
 
 int StopDescriptor() {
-  return stopEvent;
+  return kStopEvent;
 }
 
 bool WaitForStop(std::chrono::milliseconds limit) {
@@ -67,7 +67,7 @@ bool WaitForStop(std::chrono::milliseconds limit) {
     if (left <= 0) {
       return false;
     }
-    pollfd wait{stopEvent, POLLIN, 0};
+    pollfd wait{kStopEvent, POLLIN, 0};
     poll(&wait, 1, static_cast<int>(std::min<std::int64_t>(left, std::numeric_limits<int>::max())));
   }
   return true;

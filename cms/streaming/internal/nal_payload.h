@@ -32,7 +32,7 @@ enum class NalFault : std::uint8_t {
   kUnsupported,  // a structure that is not received (H.264's interleaved mode; H.265's PACI)
 };
 
-namespace nalPayload {
+namespace nal_payload {
 
 // RFC 6184, table 1; RFC 7798, 4.4.
 enum Structure : unsigned {
@@ -106,13 +106,13 @@ NalFault VisitFragment(const NalFormat& format, Bytes payload, Visit& visit) {
   return NalFault::kNone;
 }
 
-}  // namespace nalPayload
+}  // namespace nal_payload
 
 // Calls visit(piece) for each piece of a payload in order; up to the first fault. The pieces point
 // into the payload.
 template <typename Visit>
 NalFault ForEachNalPiece(const NalFormat& format, Bytes payload, Visit&& visit) {
-  using namespace nalPayload;
+  using namespace nal_payload;
   const std::size_t headerSize = NalHeaderSize(format.codec);
   if (payload.size() < headerSize) {
     return NalFault::kMalformed;
