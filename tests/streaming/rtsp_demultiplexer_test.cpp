@@ -283,6 +283,28 @@ TEST_F(RTSPDemultiplexerTest, ChannelsAndCountersAreForAnyThread) {
   EXPECT_EQ(demultiplexer_.SkippedBytes(), 0u);
 }
 
+// A camera may send before the answer to SETUP was worked off: what the owner made ready for the
+// packets is seen by them without any lock (ThreadSanitizer watches it).
+TEST(RTSPDemultiplexer, WhatWasDoneBeforeSetChannelsIsSeenByTheirFrames) {
+  class Prepared : public Recorder {
+   public:
+    void OnInterleavedPacket(int, std::span<const std::uint8_t>) override { seen = ready; }
+    int ready = 0;
+    int seen = 0;
+  } prepared;
+  cms::RTSPDemultiplexer demultiplexer(prepared);
+  demultiplexer.SetPrompt(true);
+  std::thread owner([&] {
+    prepared.ready = 1;
+    demultiplexer.SetChannels({0, 1, 2, 3, -1, -1});
+  });
+  const std::string frame = Whole(0, "x");
+  while (prepared.seen == 0) {
+    demultiplexer.Add({reinterpret_cast<const std::uint8_t*>(frame.data()), frame.size()});
+  }
+  owner.join();
+}
+
 // Streams of frames and messages whose payloads look like the framing.
 class Streams {
  public:

@@ -102,11 +102,11 @@ RTSPDemultiplexer::RTSPDemultiplexer(Sink& sink)
     : sink_(sink), channels_(Pack(kNoChannels)), tail_(new std::uint8_t[kTailSize]) {}
 
 void RTSPDemultiplexer::SetChannels(const RTSPStreamChannels& ids) {
-  channels_.store(Pack(ids), std::memory_order_relaxed);
+  channels_.store(Pack(ids), std::memory_order_release);
 }
 
 RTSPStreamChannels RTSPDemultiplexer::Channels() const {
-  return Unpacked(channels_.load(std::memory_order_relaxed));
+  return Unpacked(channels_.load(std::memory_order_acquire));
 }
 
 void RTSPDemultiplexer::Reset() {
@@ -153,13 +153,13 @@ void RTSPDemultiplexer::Append(Bytes data) {
 // need.
 std::size_t RTSPDemultiplexer::Parse(Bytes data) {
   constexpr std::uint64_t kNone = Pack(kNoChannels);
-  std::uint64_t packed = channels_.load(std::memory_order_relaxed);
+  std::uint64_t packed = channels_.load(std::memory_order_acquire);
   RTSPStreamChannels ids = Unpacked(packed);
   std::size_t at = 0;
   while (at < data.size()) {
     const Bytes rest = data.subspan(at);
     // Only where a message has changed them: unpacking stalls the processor for each packet.
-    if (const std::uint64_t now = channels_.load(std::memory_order_relaxed); now != packed)
+    if (const std::uint64_t now = channels_.load(std::memory_order_acquire); now != packed)
         [[unlikely]] {
       packed = now;
       ids = Unpacked(packed);

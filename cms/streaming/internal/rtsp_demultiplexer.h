@@ -70,7 +70,8 @@ class RTSPDemultiplexer {
 
   explicit RTSPDemultiplexer(Sink& sink);  // the sink outlives the demultiplexer
 
-  // The channel ids by type, -1 for none; in force from the next frame on. All are -1 at first.
+  // The channel ids by type, -1 for none; in force from the next frame on, which sees all that its
+  // caller did before. All are -1 at first.
   void SetChannels(const RTSPStreamChannels& ids);
 
   void SetPrompt(bool prompt) { prompt_ = prompt; }  // before the first bytes
