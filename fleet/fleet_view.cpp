@@ -210,7 +210,8 @@ void FleetView::Put(const EngineKey& key) {
   } else if (!fields.AreRead()) {
     return;
   } else if (key.key == FleetKey()) {
-    settings = {fields.Whole("generation"), fields.Flag("rebalance", true)};
+    settings = {fields.Number("generation", 0, 0, kMostGenerations),
+                fields.Flag("rebalance", true)};
   } else if (const auto camera = RecorderIn(key.key, kCamera)) {
     if (const auto read = ReadCamera(key.value)) {
       cameras[*camera] = *read;

@@ -79,6 +79,8 @@ struct FleetProof {
   bool up = false;
 };
 
+inline constexpr std::int64_t kMostGenerations = 32'000;  // claim tokens have room for them
+
 struct FleetSettings {
   std::int64_t generation = 0;  // grows with every restored snapshot; 0: there is no fleet
   bool rebalance = true;        // recorders are kept about as full as each other

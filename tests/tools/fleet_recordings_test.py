@@ -157,6 +157,11 @@ def check(fleet):
     saved, code = fleet.json("backup", f"{fleet.folder}/backup")
     expect(code == 0 and saved["cameras"] == 1, f"the backup: {saved}")
     expect(os.stat(f"{fleet.folder}/backup").st_mode & 0o077 == 0, "others may read the backup")
+    for damaged in ("1e300", "-1", "9223372036854775807", '"1"'):
+        with open(f"{fleet.folder}/damaged", "w", encoding="utf-8") as file:
+            file.write(f'{{"generation": {damaged}, "keys": []}}')
+        refused = fleet.run("restore", f"{fleet.folder}/damaged")
+        expect(refused.returncode != 0 and "this is no backup" in refused.stderr, f"{damaged}: {refused}")
     restored, code = fleet.json("restore", f"{fleet.folder}/backup")
     expect(code == 0 and restored == {"cameras": 0, "recorders": 0, "generation": 2}, f"restored: {restored}")
     fleet.wait(lambda: fleet.run("status").returncode == 0, "restoring stopped a recording")

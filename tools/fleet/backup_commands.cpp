@@ -77,18 +77,23 @@ std::int64_t BeginGeneration(EngineClient& engine, const FleetView& view, std::i
 // Only what the engine lacks: what recorders wrote again is newer.
 int Restore(const BackupArguments& arguments) {
   std::ifstream file(arguments.file);
+  if (!file) {
+    throw std::runtime_error(arguments.file + ": it cannot be read");
+  }
   const auto backup = nlohmann::json::parse(file, nullptr, false);
   EngineClient engine(AccessOf(arguments.fleet));
   const FleetView before = AnyFleet(engine);
   FleetView saved;
   std::int64_t generation = 0;
   try {
-    const auto& saidGeneration = backup.at("generation");
-    generation = saidGeneration.is_number_integer() ? saidGeneration.get<std::int64_t>() : 0;
+    generation = backup.at("generation").get_ref<const nlohmann::json::number_integer_t&>();
     for (const auto& each : backup.at("keys")) {
       saved.Put({each.at("key").get<std::string>(), each.at("value").get<std::string>(), 0, 0, 0});
     }
   } catch (const nlohmann::json::exception&) {
+    generation = -1;
+  }
+  if (generation < 0 || generation > cms::fleet::kMostGenerations) {
     throw std::runtime_error(arguments.file + ": this is no backup of a fleet");
   }
   std::size_t cameras = 0;

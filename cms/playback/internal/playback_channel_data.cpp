@@ -166,7 +166,7 @@ void CCMSPlaybackChannelData::TakeOverShown(const View& view) {
   skippedBytes_.store(status.skippedBytes, std::memory_order_relaxed);
   rebuilt_.store(status.rebuiltIndexes, std::memory_order_relaxed);
   sink_->OnPicture(site_, channel_, shown_.Time());
-  if (const auto render = render_.load(std::memory_order_relaxed)) {
+  if (const auto render = render_.load(std::memory_order_acquire)) {
     render(nullptr);
   }
   sound_.Shown(shown_, stage_.audible, *sink_);

@@ -49,7 +49,7 @@ class CCMSPlaybackChannelData {
   void PlayBackward() { PlayForward(0); }
 
   void SetRenderCallback(void (*callback)(struct IDirect3DSurface9*)) {
-    render_.store(callback, std::memory_order_relaxed);
+    render_.store(callback, std::memory_order_release);  // with what the host prepared for it
   }
   void ShowAnew() { anew_.store(true, std::memory_order_relaxed); }  // at the next synchronisation
 
