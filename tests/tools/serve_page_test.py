@@ -197,16 +197,20 @@ def use_firefox(server, folder):
             document.querySelector('#user').value = 'operator';
             document.querySelector('#password').value = 'se:cr"et';
             document.querySelector('#login button').click()""")
+
+        def number(script):  # nothing while a page takes another's place
+            return browser.execute_script("return Number(" + script + ")") or 0
+
         for shown in ("#camera-1 video", "#camera-2 canvas", "#camera-3 canvas"):
-            count = f"return Number(document.querySelector('{shown}')?.dataset.pictures || 0)"
-            wait_for(lambda: browser.execute_script(count) > 5, shown + " is seen in firefox")
-        behind = "return Number(document.querySelector('#camera-1 video').dataset.behind)"
-        wait_for(lambda: 0 < browser.execute_script(behind) < 1, "the video is less than 1 s behind")
+            count = f"document.querySelector('{shown}')?.dataset.pictures || 0"
+            wait_for(lambda: number(count) > 5, shown + " is seen in firefox")
+        behind = "document.querySelector('#camera-1 video').dataset.behind"
+        wait_for(lambda: 0 < number(behind) < 1, "the video is less than 1 s behind")
         browser.execute_script("document.querySelector('#month button[data-day]').click()")
         wait_for(lambda: browser.execute_script("return document.querySelectorAll('#list .span').length") == 2, "recordings")
         browser.execute_script("document.querySelector('#list .span').click()")
-        played = "return Number(document.querySelector('#played-1-0 canvas')?.dataset.pictures || 0)"
-        wait_for(lambda: browser.execute_script(played) > 5, "recordings play in firefox")
+        played = "document.querySelector('#played-1-0 canvas')?.dataset.pictures || 0"
+        wait_for(lambda: number(played) > 5, "recordings play in firefox")
     except BaseException:
         browser.save_screenshot(SCREENSHOT)
         raise

@@ -31,7 +31,8 @@ constexpr seconds kHangFor{10};
 constexpr seconds kCutFor{15};
 constexpr seconds kFrozenFor{15};
 constexpr std::size_t kTimelineColumns = 90;
-constexpr std::int64_t kEdge = 1'000;  // milliseconds at a window's ends, where spans begin
+constexpr std::int64_t kEdge = 1'000;       // milliseconds at a window's ends, where spans begin
+constexpr std::int64_t kUnwritten = 5'000;  // milliseconds of a stream that are in memory at most
 
 struct DemoArguments {
   int recorders = 3;
@@ -89,6 +90,7 @@ class Demo {
   DemoStep Begin(const std::string& name, const std::string& what, std::size_t cameras);
   void Finish(DemoStep step, const Holders& before);
   void WaitTaken(DemoStep& step, const std::string& dead);
+  void KillRecorder(DemoStep& step, const std::string& name);
   std::string Fullest(std::size_t* cameras);
   void Start();
   void Kill();
@@ -186,13 +188,22 @@ void Demo::Start() {
   WaitForStop(kSettle);
 }
 
+// What it had not written yet is this step's gap, not that of the one before.
+void Demo::KillRecorder(DemoStep& step, const std::string& name) {
+  step.window.from = cms::WallMicroseconds() / 1'000 - kUnwritten;
+  if (!steps_.empty()) {
+    steps_.back().window.to = std::min(steps_.back().window.to, step.window.from);
+  }
+  fleet_.Recorder(name).Signal(SIGKILL);
+}
+
 void Demo::Kill() {
   std::size_t cameras = 0;
   const std::string name = Fullest(&cameras);
   const Holders before = HoldersOf(fleet_.View().value_or(FleetView{}));
   DemoStep step =
       Begin("kill", name + " is killed, with " + std::to_string(cameras) + " cameras", cameras);
-  fleet_.Recorder(name).Signal(SIGKILL);
+  KillRecorder(step, name);
   WaitTaken(step, name);
   Finish(std::move(step), before);
   fleet_.StartRecorder(name);
@@ -295,7 +306,7 @@ void Demo::Restart() {
   const std::string name = Fullest(&cameras);
   const Holders before = HoldersOf(fleet_.View().value_or(FleetView{}));
   DemoStep step = Begin("restart", name + " crashes and is started again at once", cameras);
-  fleet_.Recorder(name).Signal(SIGKILL);
+  KillRecorder(step, name);
   std::this_thread::sleep_for(seconds(1));
   fleet_.StartRecorder(name);
   std::this_thread::sleep_for(seconds(5));
