@@ -153,8 +153,16 @@ bool VideoWall::Impl::OpenWindow(const VideoWallOptions& options) {
                    ? SDL_CreateWindowFrom(reinterpret_cast<void*>(options.nativeWindow))
                    : SDL_CreateWindow(options.title.c_str(), SDL_WINDOWPOS_UNDEFINED,
                                       SDL_WINDOWPOS_UNDEFINED, options.width, options.height,
-                                      SDL_WINDOW_RESIZABLE));
-  return window && OpenRenderer();
+                                      SDL_WINDOW_RESIZABLE | SDL_WINDOW_HIDDEN));
+  if (!window || !OpenRenderer()) {
+    return false;
+  }
+  // Only now: SDL may make the window anew for a renderer, and what was pressed in the first would
+  // be lost.
+  if (!ofApplication) {
+    SDL_ShowWindow(window.get());
+  }
+  return true;
 }
 
 bool VideoWall::Impl::Open(const VideoWallOptions& options, std::string* error) {

@@ -85,6 +85,9 @@ class View:
              f"{WIDTH}x{HEIGHT}", "--pictures", folder], env=self.environment, stdout=subprocess.PIPE)
         wait_for(lambda: self.xdotool("search", "--onlyvisible", "--name", "^Orvanta$"), "the window")
         self.xdotool("mousemove", str(WIDTH // 2), str(HEIGHT // 2))
+        # A window is seen before its program asks for keys: the first ones may go to nobody.
+        for path in wait_for(self.answers, "the viewer hears a key"):
+            os.remove(path)
 
     def xdotool(self, *arguments):
         return subprocess.run(["xdotool", *arguments], env=self.environment, capture_output=True,
@@ -95,6 +98,13 @@ class View:
 
     def click(self, x, y, times=1):
         self.xdotool("mousemove", str(x), str(y), "click", "--repeat", str(times), "--delay", "50", "1")
+
+    def answers(self):
+        self.key("p")
+        end = time.monotonic() + 1
+        while not (pictures := glob.glob(f"{self.folder}/wall*.png")) and time.monotonic() < end:
+            time.sleep(0.05)
+        return pictures
 
     def written(self, key, kind):
         before = set(glob.glob(f"{self.folder}/{kind}*.png"))
