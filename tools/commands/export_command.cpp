@@ -11,7 +11,9 @@
 
 #include "cms/playback/clip/recording_export.h"
 #include "tools/commands/command.h"
+#include "tools/commands/data_places.h"
 #include "tools/data/data_folder.h"
+#include "tools/data/data_roots.h"
 #include "tools/support/fisheye_options.h"
 #include "tools/support/picture_file.h"
 #include "tools/support/progress.h"
@@ -23,7 +25,7 @@ namespace {
 
 struct ExportArguments {
   std::vector<std::string> files;  // recordings, and the file to write
-  std::string data;
+  DataPlaces places;
   std::uint32_t site = 0;
   std::string from;
   std::string to;
@@ -44,23 +46,25 @@ bool IsPicture(const std::string& path) {
 }
 
 void CheckUsage(const ExportArguments& arguments, const Command& command) {
-  const bool fromData = !arguments.data.empty();
+  const bool fromData = arguments.places.Any();
   const std::string& out = arguments.files.back();
   if (!EndsWith(out, ".mp4") && !EndsWith(out, ".mkv") && !IsPicture(out)) {
     throw UsageError("\"" + out + "\": name the file to write last, as .mp4, .mkv or .jpg");
   }
   if (fromData && (arguments.files.size() != 1 || !command.Has("--site"))) {
-    throw UsageError("--data goes with --site N and one file to write");
+    throw UsageError("--data and --config go with --site N and one file to write");
   }
   if (!fromData && arguments.files.size() < 2) {
-    throw UsageError("say what to export: --data DIR --site N, or a .drv file");
+    throw UsageError(
+        "say what to export: --data DIR --site N (or --config FILE --site N), or a .drv file");
   }
   if (fromData && (arguments.from.empty() || (arguments.to.empty() && !IsPicture(out)))) {
     throw UsageError("say --from TIME and --to TIME (for a picture --from alone)");
   }
 }
 
-std::vector<cms::RecordingPart> PartsOf(const ExportArguments& arguments, const std::string& out) {
+std::vector<cms::RecordingPart> WantedParts(const ExportArguments& arguments,
+                                            const FoundPlaces& found, const std::string& out) {
   cms::RecordingPart interval;
   if (!arguments.from.empty()) {
     interval.first = ReadTime("--from", arguments.from);
@@ -74,13 +78,12 @@ std::vector<cms::RecordingPart> PartsOf(const ExportArguments& arguments, const 
     throw UsageError("--to", "lies before --from");
   }
   std::vector<cms::RecordingPart> parts;
-  for (std::size_t i = 0; arguments.data.empty() && i + 1 < arguments.files.size(); ++i) {
+  for (std::size_t i = 0; found.roots.empty() && i + 1 < arguments.files.size(); ++i) {
     interval.path = AbsolutePath(arguments.files[i]);
     parts.push_back(interval);
   }
-  if (!arguments.data.empty()) {
-    EnterDataFolder(arguments.data, DataFolderUse::kRead);
-    parts = cms::RecordingPartsOf(arguments.site, interval.first, interval.last);
+  if (!found.roots.empty()) {
+    parts = PartsOf(found.roots, arguments.site, interval.first, interval.last);
     if (parts.empty()) {
       throw std::runtime_error("site " + std::to_string(arguments.site) +
                                " has no recording there (see orvanta search)");
@@ -127,7 +130,11 @@ int RunExport(const ExportArguments& arguments, const Command& command) {
   CheckUsage(arguments, command);
   const std::string out = AbsolutePath(arguments.files.back());
   cms::RecordingSource source;
-  source.parts = PartsOf(arguments, out);
+  FoundPlaces found;
+  if (arguments.places.Any()) {
+    found = EnterDataPlaces(arguments.places);
+  }
+  source.parts = WantedParts(arguments, found, out);
   if (arguments.stream >= 0) {
     source.stream = static_cast<unsigned>(arguments.stream);
   }
@@ -160,7 +167,7 @@ int RunExport(const ExportArguments& arguments, const Command& command) {
                  "orvanta export: there are pictures of other streams as well; choose with "
                  "--stream\n");
   }
-  return 0;
+  return TellPlacesAway(found, "export") ? 0 : 1;
 }
 
 }  // namespace
@@ -171,11 +178,12 @@ void AddExportCommand(Command app, CommandResult& result) {
       app.Add("export", "Write recordings as MP4 or Matroska, or a picture of them");
   command
       .AddOption("files", arguments->files,
-                 "recordings (without --data), and last the file to write: .mp4, .mkv or .jpg")
+                 "recordings (without --data and --config), and last the file to write: .mp4, .mkv "
+                 "or .jpg")
       .Required()
       .TypeName("[FILE.drv ...] OUT");
-  AddDataOption(command, arguments->data).Required(false);
-  command.AddOption("--site", arguments->site, "whose recordings of --data").TypeName("N");
+  AddDataPlaceOptions(command, arguments->places);
+  command.AddOption("--site", arguments->site, "whose recordings").TypeName("N");
   command
       .AddOption("--from", arguments->from,
                  "2026-11-21T10:30:00 (local), ...Z (UTC), ...+01:00, or 2026-11-21; a picture is "

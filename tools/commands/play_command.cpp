@@ -14,6 +14,7 @@
 
 #include "cms/playback/multi_site_playback_ctrl.h"
 #include "tools/commands/command.h"
+#include "tools/commands/data_places.h"
 #include "tools/data/data_folder.h"
 #include "tools/data/playback_sites.h"
 #include "tools/support/contact_sheet.h"
@@ -31,7 +32,7 @@ constexpr int kPatienceMs = 60'000;   // for the pictures of a new time
 constexpr std::size_t kMostRows = 6;  // of the contact sheet
 
 struct PlayArguments {
-  std::string data;
+  DataPlaces places;
   std::vector<std::string> files;
   std::vector<std::uint32_t> sites;
   std::string from;
@@ -47,9 +48,10 @@ struct PlayArguments {
 
 class Play {
  public:
-  Play(const PlayArguments& arguments, std::int64_t from)
+  Play(const PlayArguments& arguments, const FoundPlaces& found, std::int64_t from)
       : arguments_(arguments),
-        config_(PlaybackConfigOf({arguments.data, arguments.files, arguments.sites, from})) {
+        config_(PlaybackConfigOf({arguments.places.data + arguments.places.config, found.roots,
+                                  arguments.files, arguments.sites, from})) {
     if (arguments.listen) {
       speaker_ = std::make_unique<PlaybackSpeaker>(arguments.device);
       speaker_->Start();
@@ -242,8 +244,8 @@ class Play {
 };
 
 int RunPlay(PlayArguments& arguments) {
-  if (arguments.data.empty() == arguments.files.empty()) {
-    throw UsageError("say --data DIR, or the .drv files to play");
+  if (arguments.places.Any() != arguments.files.empty()) {
+    throw UsageError("say --data DIR or --config FILE, or the .drv files to play");
   }
   const std::int64_t from = arguments.from.empty() ? cms::kPlaybackNoTargetTime
                                                    : ReadTime("--from", arguments.from) * 1000;
@@ -251,10 +253,12 @@ int RunPlay(PlayArguments& arguments) {
   for (std::string& file : arguments.files) {
     file = AbsolutePath(file);
   }
-  if (!arguments.data.empty()) {
-    EnterDataFolder(arguments.data, DataFolderUse::kRead);
+  FoundPlaces found;
+  if (arguments.places.Any()) {
+    found = EnterDataPlaces(arguments.places);
   }
-  return Play(arguments, from).Run();
+  const int status = Play(arguments, found, from).Run();
+  return TellPlacesAway(found, "play") ? status : 1;
 }
 
 }  // namespace
@@ -262,9 +266,8 @@ int RunPlay(PlayArguments& arguments) {
 void AddPlayCommand(Command app, CommandResult& result) {
   auto arguments = std::make_shared<PlayArguments>();
   const Command play = app.Add("play", "Play recordings of several sites in step");
-  play.AddOption("files", arguments->files, "recordings to play in place of --data")
-      .TypeName("FILE.drv");
-  AddDataOption(play, arguments->data).Required(false);
+  play.AddOption("files", arguments->files, "recordings to play instead").TypeName("FILE.drv");
+  AddDataPlaceOptions(play, arguments->places);
   play.AddOption("--site", arguments->sites, "number of a site to play (default: all)")
       .TypeName("N")
       .Repeatable();

@@ -1,6 +1,9 @@
 // orvanta search: which days have recordings, and what was recorded in an interval.
+#include <algorithm>
+#include <array>
 #include <cstdio>
 #include <filesystem>
+#include <iterator>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -11,7 +14,8 @@
 #include "cms/recording/database_reader.h"
 #include "cms/recording/gap_log.h"
 #include "tools/commands/command.h"
-#include "tools/data/data_folder.h"
+#include "tools/commands/data_places.h"
+#include "tools/data/data_roots.h"
 #include "tools/data/month_calendar.h"
 #include "tools/support/time_text.h"
 
@@ -21,7 +25,7 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 struct SearchArguments {
-  std::string data;
+  DataPlaces places;
   std::string month;
   std::string from;
   std::string to;
@@ -83,30 +87,21 @@ std::string PathOf(const FX_RecordDBInfo& record) {
 
 class Search {
  public:
-  Search(const SearchArguments& arguments, const Interval& interval)
+  Search(const SearchArguments& arguments, const Interval& interval,
+         const std::vector<std::string>& roots)
       : arguments_(arguments), interval_(interval) {
     if (interval.month != 0) {
-      engine_.setSearchYearAndMonth(interval.year, interval.month);
-      engine_.searchPlaybackInfoForMonth(true);
       interval_.from = MonthBegin(interval.year, interval.month);
       interval_.to = MonthBegin(interval.year, interval.month + 1) - 1;
-    } else {
-      // A folder of recordings may be away for a while: whoever looks for something removes
-      // nothing.
-      const bool all = interval.from == LocalPBSearchEngine::kFullRangeStart &&
-                       interval.to == LocalPBSearchEngine::kFullRangeEnd;
-      engine_.searchByInterval(interval.from,
-                               all && !arguments.prune ? interval.to - 1 : interval.to);
-      engine_.loadEventList();
     }
-    for (const cms::GapRow& gap : cms::ReadGapLog(0).rows) {
-      if (gap.from <= interval_.to && (gap.to == 0 || gap.to >= interval_.from)) {
-        gaps_.push_back(gap);
-      }
+    for (const std::string& root : roots) {
+      SearchIn(root, roots.size() == 1);
     }
+    std::ranges::stable_sort(events_, {}, &stLocalEvent::start);
+    std::ranges::stable_sort(gaps_, {}, &cms::GapRow::from);
   }
 
-  bool Complete() const { return engine_.hasReadEverything(); }
+  bool Complete() const { return complete_; }
 
   Json ToJson() const {
     Json days = Json::array();
@@ -114,11 +109,11 @@ class Search {
     Json events = Json::array();
     Json gaps = Json::array();
     for (int day = 1; interval_.month != 0 && day <= 31; ++day) {
-      if (engine_.getMonthInfo()[static_cast<std::size_t>(day)] != 0) {
+      if (days_[static_cast<std::size_t>(day)] != 0) {
         days.push_back(day);
       }
     }
-    for (const stPBTimeInfo& span : engine_.getNormalPBInfo()) {
+    for (const stPBTimeInfo& span : spans_) {
       Json files = Json::array();
       for (const auto& record : span.records) {
         files.push_back(PathOf(record));
@@ -128,7 +123,7 @@ class Search {
                        {"end", UtcTime(span.end)},
                        {"files", std::move(files)}});
     }
-    for (const stLocalEvent& event : engine_.getEventTimes()) {
+    for (const stLocalEvent& event : events_) {
       events.push_back({{"site", event.siteNumber},
                         {"kind", KindName(event.kind)},
                         {"channel", event.channel},
@@ -147,16 +142,15 @@ class Search {
 
   void Print() const {
     if (interval_.month != 0) {
-      std::printf("%s\n",
-                  MonthCalendar(interval_.year, interval_.month, engine_.getMonthInfo()).c_str());
+      std::printf("%s\n", MonthCalendar(interval_.year, interval_.month, days_).c_str());
     }
     std::printf("Times are %s.\n", arguments_.utc ? "in UTC" : "local, with their distance to UTC");
-    for (const stPBTimeInfo& span : engine_.getNormalPBInfo()) {
+    for (const stPBTimeInfo& span : spans_) {
       const auto count = span.records.size();
       std::printf("site %u  %s  %s  %zu file%s\n", span.siteNumber, Time(span.start).c_str(),
                   Time(span.end).c_str(), count, count == 1 ? "" : "s");
     }
-    for (const stLocalEvent& event : engine_.getEventTimes()) {
+    for (const stLocalEvent& event : events_) {
       std::printf("site %u  %s  %s  %s, channel %u\n", event.siteNumber, Time(event.start).c_str(),
                   Time(event.end).c_str(), KindName(event.kind).c_str(), event.channel);
     }
@@ -165,26 +159,64 @@ class Search {
                   (gap.to == 0 ? "still " + Time(gap.updated) : Time(gap.to)).c_str(),
                   GapCauseName(gap.cause).c_str());
     }
-    if (engine_.getNormalPBInfo().empty()) {
+    if (spans_.empty()) {
       std::printf("No recordings.\n");
     }
   }
 
  private:
+  void SearchIn(const std::string& root, bool only) {
+    LocalPBSearchEngine engine;
+    engine.SetDataRoot(root);
+    if (interval_.month != 0) {
+      engine.setSearchYearAndMonth(interval_.year, interval_.month);
+      engine.searchPlaybackInfoForMonth(true);
+    } else {
+      // A folder of recordings may be away for a while: whoever looks for something removes
+      // nothing.
+      const bool all = interval_.from == LocalPBSearchEngine::kFullRangeStart &&
+                       interval_.to == LocalPBSearchEngine::kFullRangeEnd;
+      engine.searchByInterval(interval_.from,
+                              all && !arguments_.prune ? interval_.to - 1 : interval_.to);
+      engine.loadEventList();
+    }
+    for (std::size_t day = 0; day < days_.size(); ++day) {
+      days_[day] |= engine.getMonthInfo()[day];
+    }
+    if (only) {
+      spans_ = engine.getNormalPBInfo();
+    } else {
+      AddSpans(root, engine.getNormalPBInfo(), &spans_);
+    }
+    std::ranges::copy(engine.getEventTimes(), std::back_inserter(events_));
+    for (const cms::GapRow& gap : cms::ReadGapLog(0, root).rows) {
+      if (gap.from <= interval_.to && (gap.to == 0 || gap.to >= interval_.from)) {
+        gaps_.push_back(gap);
+      }
+    }
+    complete_ = complete_ && engine.hasReadEverything();
+  }
+
   std::string Time(std::int64_t seconds) const {
     return arguments_.utc ? UtcTime(seconds) : LocalTime(seconds);
   }
 
   const SearchArguments& arguments_;
   Interval interval_;
-  LocalPBSearchEngine engine_;
+  std::array<int, 32> days_{};
+  std::vector<stPBTimeInfo> spans_;
+  std::vector<stLocalEvent> events_;
   std::vector<cms::GapRow> gaps_;
+  bool complete_ = true;
 };
 
 int RunSearch(const SearchArguments& arguments) {
+  if (!arguments.places.Any()) {
+    throw UsageError("say --data DIR, or --config FILE");
+  }
   const Interval interval = ReadInterval(arguments);
-  const DataFolder folder = EnterDataFolder(arguments.data, DataFolderUse::kRead);
-  const Search search(arguments, interval);
+  const FoundPlaces found = EnterDataPlaces(arguments.places);
+  const Search search(arguments, interval, found.roots);
   if (arguments.json) {
     std::printf("%s\n", search.ToJson().dump(2).c_str());
   } else {
@@ -194,10 +226,9 @@ int RunSearch(const SearchArguments& arguments) {
     std::fprintf(stderr,
                  "orvanta search: %s: a database is there that could not be read; there may be "
                  "more than this (see orvanta db)\n",
-                 folder.path.c_str());
-    return 1;
+                 (arguments.places.data + arguments.places.config).c_str());
   }
-  return 0;
+  return TellPlacesAway(found, "search") && search.Complete() ? 0 : 1;
 }
 
 }  // namespace
@@ -205,7 +236,7 @@ int RunSearch(const SearchArguments& arguments) {
 void AddSearchCommand(Command app, CommandResult& result) {
   auto arguments = std::make_shared<SearchArguments>();
   const Command search = app.Add("search", "Find recordings, events and gaps");
-  AddDataOption(search, arguments->data);
+  AddDataPlaceOptions(search, arguments->places);
   const Option month =
       search.AddOption("--month", arguments->month, "a calendar of the month's days, in UTC")
           .TypeName("YYYY-MM");

@@ -29,14 +29,17 @@ Sites FindFiles(const PlaybackSites& wanted) {
   if (!wanted.files.empty()) {
     return sites;
   }
-  for (const RecordingFolder& folder : FindRecordingFolders()) {
-    std::error_code error;
-    const fs::path path = cms::PathInData(folder.path);
-    for (fs::directory_iterator it(path, error), end; !error && it != end; it.increment(error)) {
-      const std::wstring name = cms::WideFromUtf8(it->path().filename().string());
-      const auto number = cms::SiteNumberOf(name);
-      if (number && it->path().extension() == ".drv") {
-        sites[static_cast<std::uint32_t>(*number)].push_back(folder.path + L"\\" + name);
+  for (const std::string& root : wanted.roots) {
+    for (const RecordingFolder& folder : FindRecordingFolders(root)) {
+      std::error_code error;
+      const fs::path path = cms::PathInData(folder.path, root);
+      for (fs::directory_iterator it(path, error), end; !error && it != end; it.increment(error)) {
+        const std::wstring name = cms::WideFromUtf8(it->path().filename().string());
+        const auto number = cms::SiteNumberOf(name);
+        if (number && it->path().extension() == ".drv") {
+          sites[static_cast<std::uint32_t>(*number)].push_back(
+              cms::SystemPath(it->path().lexically_normal().string()));
+        }
       }
     }
   }
@@ -75,7 +78,7 @@ _MULTI_SITE_PLAYBACK_CONFIG PlaybackConfigOf(const PlaybackSites& wanted) {
     config.sites.push_back(std::move(site));
   }
   if (config.sites.empty()) {
-    throw std::runtime_error("--data " + wanted.data + ": no recording there");
+    throw std::runtime_error(wanted.data + ": no recording there");
   }
   return config;
 }

@@ -14,7 +14,8 @@ inline constexpr std::size_t kMostPlayedSites = 16;
 
 struct PlaybackSites {
   std::string data;                  // as the command line names it, for messages
-  std::vector<std::string> files;    // in place of the data folder, which the process has entered
+  std::vector<std::string> roots;    // the data folders
+  std::vector<std::string> files;    // in place of them
   std::vector<std::uint32_t> sites;  // empty: all
   std::int64_t from = cms::kPlaybackNoTargetTime;
 };

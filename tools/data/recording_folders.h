@@ -17,8 +17,8 @@ struct RecordingFolder {
 inline constexpr wchar_t kRecordings[] = L"..\\recordings";
 
 // Those of the folder list's entries (each is a folder of recording folders, or one itself), in
-// their order, then those in DIR/recordings that no entry leads to. The process has its data root.
-// Folders that cannot be read are left out.
-std::vector<RecordingFolder> FindRecordingFolders();
+// their order, then those in DIR/recordings that no entry leads to. Without a data root that of the
+// process counts. Folders that cannot be read are left out.
+std::vector<RecordingFolder> FindRecordingFolders(const std::string& root = {});
 
 }  // namespace tools

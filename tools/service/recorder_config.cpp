@@ -79,6 +79,13 @@ class ConfigReader {
     return std::move(config_);
   }
 
+  std::vector<DiskConfig> ReadDisksOf(const std::string& text) {
+    if (const auto file = ConfigTable::Parse(text, problems_)) {
+      ReadDisks(*file);
+    }
+    return std::move(config_.disks);
+  }
+
  private:
   std::string PathOf(const std::string& path) const {
     fs::path whole = (fs::path(folder_) / path).lexically_normal();
@@ -445,6 +452,18 @@ class ConfigReader {
   bool hasPassword_ = false;
 };
 
+std::optional<std::string> TextOf(const std::string& path, ConfigProblems* problems) {
+  errno = 0;
+  std::ifstream file(path);
+  std::ostringstream text;
+  if (!file || !fs::is_regular_file(path) || !(text << file.rdbuf())) {
+    const std::string why = errno != 0 ? std::strerror(errno) : "it is no file with text in it";
+    problems->errors.push_back({0, 0, "cannot be read: " + why});
+    return std::nullopt;
+  }
+  return text.str();
+}
+
 }  // namespace
 
 Timetable PlanOf(const RecorderConfig& config, const SiteConfig& site) {
@@ -457,15 +476,18 @@ RecorderConfig ParseRecorderConfig(const std::string& text, const std::string& p
 }
 
 RecorderConfig ReadRecorderConfig(const std::string& path, ConfigProblems* problems) {
-  errno = 0;
-  std::ifstream file(path);
-  std::ostringstream text;
-  if (!file || !fs::is_regular_file(path) || !(text << file.rdbuf())) {
-    const std::string why = errno != 0 ? std::strerror(errno) : "it is no file with text in it";
-    problems->errors.push_back({0, 0, "cannot be read: " + why});
-    return {};
+  const std::optional<std::string> text = TextOf(path, problems);
+  return text ? ParseRecorderConfig(*text, path, problems) : RecorderConfig();
+}
+
+std::vector<std::string> ReadDataFolders(const std::string& path, ConfigProblems* problems) {
+  std::vector<std::string> folders;
+  if (const std::optional<std::string> text = TextOf(path, problems)) {
+    for (const DiskConfig& disk : ConfigReader(path, problems).ReadDisksOf(*text)) {
+      folders.push_back(disk.path);
+    }
   }
-  return ParseRecorderConfig(text.str(), path, problems);
+  return folders;
 }
 
 std::vector<std::string> LinesOf(const std::string& path,

@@ -90,6 +90,9 @@ RecorderConfig ReadRecorderConfig(const std::string& path, ConfigProblems* probl
 RecorderConfig ParseRecorderConfig(const std::string& text, const std::string& path,
                                    ConfigProblems* problems);
 
+// The folders of its disks alone, absolute, in their order. Nothing else of the file is looked at.
+std::vector<std::string> ReadDataFolders(const std::string& path, ConfigProblems* problems);
+
 // "recorder.toml:12:3: ..." for each of them.
 std::vector<std::string> LinesOf(const std::string& path,
                                  const std::vector<ConfigProblem>& problems);

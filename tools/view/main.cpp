@@ -56,7 +56,7 @@ std::unique_ptr<ViewSource> PlaySource(const ViewArguments& arguments, cms::Vide
   if (!arguments.from.empty()) {
     wanted.from = ReadTime("--from", arguments.from) * 1000;
   }
-  EnterDataFolder(arguments.data, DataFolderUse::kRead);
+  wanted.roots = {EnterDataFolder(arguments.data, DataFolderUse::kRead).path};
   return std::make_unique<PlayView>(PlaybackConfigOf(wanted), arguments.device, wall);
 }
 
