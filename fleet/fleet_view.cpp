@@ -126,6 +126,12 @@ std::string ProofKey(const CameraCopy& copy) {
 bool IsProofKey(std::string_view key) {
   return NameIn(key, kProof).has_value();
 }
+bool IsMoveKey(std::string_view key) {
+  return NameIn(key, kMove).has_value();
+}
+std::optional<CameraCopy> ClaimedBy(std::string_view key) {
+  return CopyIn(key, kClaim);
+}
 std::string FleetKey() {
   return Key("fleet", "");
 }

@@ -118,6 +118,8 @@ std::string ClaimKey(const CameraCopy& copy);
 std::string MoveKey(const CameraCopy& copy);
 std::string ProofKey(const CameraCopy& copy);
 bool IsProofKey(std::string_view key);
+bool IsMoveKey(std::string_view key);
+std::optional<CameraCopy> ClaimedBy(std::string_view key);  // nullopt: not a claim's key
 std::string FleetKey();
 std::string PlannerKey();
 std::string NextSiteKey();

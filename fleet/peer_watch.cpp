@@ -53,9 +53,9 @@ std::vector<PeerClaim> ReadPeerClaims(const std::string& text) {
 std::optional<std::int64_t> ReadPeerTime(const std::string& text) {
   const json answer = json::parse(text, nullptr, false);
   const auto found = answer.is_object() ? answer.find("time") : answer.end();
-  return answer.is_object() && found != answer.end() && found->is_number_integer()
-             ? std::optional(found->get<std::int64_t>())
-             : std::nullopt;
+  const bool isTime = answer.is_object() && found != answer.end() && found->is_number_unsigned() &&
+                      std::in_range<std::int64_t>(found->get<std::uint64_t>());
+  return isTime ? std::optional(found->get<std::int64_t>()) : std::nullopt;
 }
 
 PeerWatch::PeerWatch(PeerAccess access, std::function<void(const PeerClaim&)> told)

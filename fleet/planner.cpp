@@ -4,6 +4,7 @@
 #include <cmath>
 #include <limits>
 #include <set>
+#include <string_view>
 #include <tuple>
 #include <utility>
 
@@ -14,17 +15,21 @@ namespace {
 constexpr double kShareMargin = 1.1;
 constexpr double kUnevenly = 0.15;  // of the capacity, between the fullest and the emptiest
 
-// FNV-1a, and a finalizer that makes each bit depend on all others.
-std::uint64_t HashOf(const CameraCopy& copy, const std::string& recorder) {
-  std::uint64_t hash = 0xCBF29CE484222325u;
-  const auto add = [&](const std::string& text) {
-    for (const char sign : text + '\0') {
-      hash = (hash ^ static_cast<unsigned char>(sign)) * 0x100000001B3u;
-    }
-  };
-  add(copy.camera);
-  add(std::to_string(copy.copy));
-  add(recorder);
+// FNV-1a, with the sign that ends a text.
+std::uint64_t Hashed(std::uint64_t hash, const std::string& text) {
+  for (const char sign : text) {
+    hash = (hash ^ static_cast<unsigned char>(sign)) * 0x100000001B3u;
+  }
+  return hash * 0x100000001B3u;
+}
+
+std::uint64_t HashOf(const CameraCopy& copy) {
+  return Hashed(Hashed(0xCBF29CE484222325u, copy.camera), std::to_string(copy.copy));
+}
+
+// And a finalizer that makes each bit depend on all others.
+std::uint64_t HashOf(std::uint64_t copy, const std::string& recorder) {
+  std::uint64_t hash = Hashed(copy, recorder);
   hash ^= hash >> 33;
   hash *= 0xFF51AFD7ED558CCDu;
   hash ^= hash >> 33;
@@ -33,7 +38,7 @@ std::uint64_t HashOf(const CameraCopy& copy, const std::string& recorder) {
 }
 
 // Rendezvous hashing: of all recorders the one with the highest score, in proportion to capacity.
-double ScoreOf(const CameraCopy& copy, const std::string& recorder, unsigned capacity) {
+double ScoreOf(std::uint64_t copy, const std::string& recorder, unsigned capacity) {
   const double part = (static_cast<double>(HashOf(copy, recorder) >> 11) + 0.5) / 0x1p53;
   return capacity / -std::log(part);
 }
@@ -87,24 +92,35 @@ class Places {
     holders_[copy.camera].erase(recorder);
   }
 
-  // The best one first; empty: no room.
-  std::vector<std::string> Candidates(const CameraCopy& copy) const {
+  // Lower is better: of its group, below its share, by score, by name.
+  using Rank = std::tuple<bool, bool, double, std::string_view>;
+
+  // Of those that have room for it, in no order.
+  void RankAll(const CameraCopy& copy, std::vector<Rank>& ranks) const {
+    ranks.clear();
     const FleetCamera& camera = view_.cameras.at(copy.camera);
-    using Rank = std::tuple<bool, bool, double, std::string>;
-    std::vector<Rank> ranks;
+    const std::uint64_t hash = HashOf(copy);
+    const auto held = holders_.find(copy.camera);
     for (const auto& [name, place] : places_) {
       const bool foreign = IsForeign(camera, place);
-      if (!place.drain && place.load + camera.weight <= place.capacity && !Holds(copy, name) &&
+      const bool holds = held != holders_.end() && held->second.contains(name);
+      if (!place.drain && place.load + camera.weight <= place.capacity && !holds &&
           (!foreign || camera.spill)) {
         ranks.emplace_back(foreign, place.load + camera.weight > place.share,
-                           -ScoreOf(copy, name, place.capacity), name);
+                           -ScoreOf(hash, name, place.capacity), name);
       }
     }
+  }
+
+  // The best one first; empty: no room.
+  std::vector<std::string> Candidates(const CameraCopy& copy) const {
+    std::vector<Rank> ranks;
+    RankAll(copy, ranks);
     std::sort(ranks.begin(), ranks.end());
     std::vector<std::string> names;
     names.reserve(ranks.size());
-    for (Rank& rank : ranks) {
-      names.push_back(std::move(std::get<3>(rank)));
+    for (const Rank& rank : ranks) {
+      names.emplace_back(std::get<3>(rank));
     }
     return names;
   }
@@ -158,7 +174,7 @@ std::optional<PlannedMove> EvenOut(const FleetView& view, const Places& places,
     Place target = emptiest->second;
     source.load -= std::min(camera.weight, source.load);
     target.load += camera.weight;
-    const double score = ScoreOf(copy, emptiest->first, target.capacity);
+    const double score = ScoreOf(HashOf(copy), emptiest->first, target.capacity);
     if (score > bestScore && !moving.contains(copy) &&
         places.LivingHolder(copy) == fullest->first && !places.Holds(copy, emptiest->first) &&
         !Places::IsForeign(camera, target) && target.load <= target.capacity &&
@@ -183,6 +199,34 @@ std::map<CameraCopy, std::vector<std::string>> PlanClaims(const FleetView& view)
     if (!names.empty()) {
       places.Take(copy, names.front());
     }
+  }
+  return plan;
+}
+
+// Of fifty names for each of ten thousand cameras nothing is sorted or kept but this.
+std::map<CameraCopy, PlannedPlace> PlanClaimsOf(const FleetView& view,
+                                                const std::string& recorder) {
+  Places places(view);
+  std::map<CameraCopy, PlannedPlace> plan;
+  std::vector<Places::Rank> ranks;
+  for (const CameraCopy& copy : view.Copies()) {
+    if (places.LivingHolder(copy)) {
+      continue;
+    }
+    PlannedPlace& planned = plan.emplace_hint(plan.end(), copy, PlannedPlace{})->second;
+    places.RankAll(copy, ranks);
+    if (ranks.empty()) {
+      continue;
+    }
+    planned.first = std::get<3>(*std::min_element(ranks.begin(), ranks.end()));
+    const auto own = std::find_if(ranks.begin(), ranks.end(), [&](const Places::Rank& rank) {
+      return std::get<3>(rank) == recorder;
+    });
+    if (own != ranks.end()) {
+      planned.rank = static_cast<std::size_t>(std::count_if(
+          ranks.begin(), ranks.end(), [&](const Places::Rank& rank) { return rank < *own; }));
+    }
+    places.Take(copy, planned.first);
   }
   return plan;
 }

@@ -22,6 +22,13 @@ struct PlannedMove {
 // copies of a camera go to two recorders, and recorders of its group come before others.
 std::map<CameraCopy, std::vector<std::string>> PlanClaims(const FleetView& view);
 
+// One recorder's part of that plan, which is all that it needs of it.
+struct PlannedPlace {
+  std::string first;                // the best one; empty: there is no room
+  std::optional<std::size_t> rank;  // its own, 0 for the best one; nullopt: it may not take it
+};
+std::map<CameraCopy, PlannedPlace> PlanClaimsOf(const FleetView& view, const std::string& recorder);
+
 // Moves away from recorders that are drained, then back into the camera's group, then, only with
 // `rebalance`, from the fullest to the emptiest; at most `most`, and none of copies that move
 // already. Only recorders of `settled` are moved to, except for drains.

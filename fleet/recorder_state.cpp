@@ -24,6 +24,10 @@ constexpr Tick kLongestMove{15'000};
 constexpr Tick kSettled{60'000};
 constexpr Tick kMovesApart{1'000};
 constexpr std::size_t kMovesAtOnce = 8;
+// A plan is of all the fleet's cameras, a hundred of which may come in a second: the more it is of,
+// the longer it stands. Of a few recorders' cameras that is less than the grace.
+constexpr Tick kPlansApart{250};
+constexpr Tick::rep kCamerasOfATick = 2;
 constexpr std::size_t kClaimsAtOnce = 60;  // of one request: the engine takes 128 operations
 
 }  // namespace
@@ -105,6 +109,7 @@ void RecorderState::Loaded(Tick now, FleetView view, std::int64_t revision) {
   const FleetView before = std::exchange(view_, std::move(view));
   revision_ = revision;
   planIsOld_ = true;
+  planMade_.reset();
   followIsOld_ = true;
   for (const auto& [name, member] : before.members) {
     if (!view_.Lives(name)) {
@@ -133,8 +138,6 @@ void RecorderState::Loaded(Tick now, FleetView view, std::int64_t revision) {
 
 void RecorderState::Changed(Tick now, const EngineEvent& event) {
   revision_ = std::max(revision_.value_or(0), event.key.modRevision);
-  planIsOld_ = planIsOld_ || !IsProofKey(event.key.key);  // of which no plan is made
-  followIsOld_ = true;
   const FleetView& view = view_;
   const bool isMember = event.key.key.starts_with(MemberKey(""));
   const auto members = isMember ? view.members : decltype(view.members){};
@@ -143,6 +146,7 @@ void RecorderState::Changed(Tick now, const EngineEvent& event) {
   } else {
     view_.Put(event.key);
   }
+  NotePlan(event);
   for (const auto& [name, member] : members) {
     if (!view.Lives(name)) {
       NoteDeath(now, name);
@@ -159,6 +163,54 @@ void RecorderState::Changed(Tick now, const EngineEvent& event) {
     std::erase_if(
         places_, [&](const auto& place) { return event.key.key == CameraKey(place.first.camera); });
   }
+}
+
+// What becomes of the plan, and of what is its own, without a look at all the fleet's cameras where
+// it is not needed: claims, each of which every recorder hears of.
+void RecorderState::NotePlan(const EngineEvent& event) {
+  if (IsProofKey(event.key.key)) {
+    return;
+  }
+  const auto copy = ClaimedBy(event.key.key);
+  if (!copy) {
+    planIsOld_ = planIsOld_ || !IsMoveKey(event.key.key);
+    followIsOld_ = true;
+    // Nothing is taken of a changed camera before there is a plan of it as it is now.
+    if (const std::string cameras = CameraKey(""); event.key.key.starts_with(cameras)) {
+      const std::string camera = event.key.key.substr(cameras.size());
+      plan_.erase(plan_.lower_bound({camera, 0}), plan_.lower_bound({camera, kMostCopies}));
+    }
+    return;
+  }
+  mayBeOwn_.push_back(*copy);
+  const FleetClaim* claim = view_.ClaimOf(*copy);
+  const auto awaiting = plan_.find(*copy);
+  if (claim == nullptr || !view_.Lives(claim->recorder)) {
+    planIsOld_ = true;
+  } else if (awaiting != plan_.end()) {
+    // Taken by whom the plan gave it to, it leaves the rest of the plan as it is.
+    planIsOld_ = planIsOld_ || awaiting->second.planned.first != claim->recorder;
+    plan_.erase(awaiting);
+  } else {
+    planIsOld_ = planIsOld_ || !plan_.empty();
+  }
+}
+
+void RecorderState::MakePlan(Tick now) {
+  const Tick stands = kPlansApart + Tick(static_cast<Tick::rep>(plan_.size()) / kCamerasOfATick);
+  if (!planIsOld_ || (planMade_ && now - *planMade_ < stands)) {
+    return;
+  }
+  planIsOld_ = false;
+  planMade_ = now;
+  std::map<CameraCopy, Awaiting> plan;
+  for (auto& [copy, planned] : PlanClaimsOf(view_, name_)) {
+    const auto before = plan_.find(copy);
+    plan.emplace_hint(plan.end(), copy,
+                      Awaiting{planned, before == plan_.end() ? std::optional<Tick>()
+                                                              : before->second.freeSince});
+  }
+  plan_ = std::move(plan);
 }
 
 void RecorderState::Recording(Tick now, const CameraCopy& copy, bool up) {
@@ -234,27 +286,32 @@ void RecorderState::Follow(Tick now) {
   if (std::exchange(followIsOld_, false)) {
     FindOwn();
   }
+  for (const CameraCopy& copy : std::exchange(mayBeOwn_, {})) {
+    TakeUp(copy);
+  }
   for (auto each = places_.begin(); each != places_.end();) {
     each = IsOver(now, each->first, each->second) ? places_.erase(each) : std::next(each);
   }
 }
 
-// Of all the fleet's cameras, so only when something changed.
+// Of all the fleet's cameras, so only when more than claims changed.
 void RecorderState::FindOwn() {
   for (const auto& [copy, claim] : view_.claims) {
-    if (claim.recorder != name_) {
-      continue;
-    }
-    const auto camera = view_.cameras.find(copy.camera);
-    if (camera != view_.cameras.end() && camera->second.on) {
-      places_.try_emplace(copy, Place{camera->second, false, {}, {}, {}});
+    if (claim.recorder == name_) {
+      TakeUp(copy);
     }
   }
   for (const auto& [copy, move] : view_.moves) {
-    const auto camera = view_.cameras.find(copy.camera);
-    if (IsMovedHere(copy) && camera != view_.cameras.end() && camera->second.on) {
-      places_.try_emplace(copy, Place{camera->second, false, {}, {}, {}});
-    }
+    TakeUp(copy);
+  }
+}
+
+void RecorderState::TakeUp(const CameraCopy& copy) {
+  const FleetClaim* claim = view_.ClaimOf(copy);
+  const auto camera = view_.cameras.find(copy.camera);
+  if (((claim != nullptr && claim->recorder == name_) || IsMovedHere(copy)) &&
+      camera != view_.cameras.end() && camera->second.on) {
+    places_.try_emplace(copy, Place{camera->second, false, {}, {}, {}});
   }
 }
 
@@ -292,19 +349,19 @@ bool RecorderState::Tries(Tick now, const CameraCopy& copy) {
 }
 
 // Rank 2 waits a step longer than rank 1, and so on.
-bool RecorderState::MayTake(Tick now, const CameraCopy& copy, const FleetClaim* claim) {
-  const auto planned = plan_.find(copy);
+bool RecorderState::MayTake(Tick now, Awaiting& camera, const FleetClaim* claim) const {
   const bool isFree = claim != nullptr
                           ? IsDead(now, claim->recorder)
                           : now - lastJoin_ >= kNobodyJoined || now - started_ >= kLongestJoining;
-  if (planned == plan_.end() || !isFree) {
-    freeSince_.erase(copy);
+  if (!isFree) {
+    camera.freeSince.reset();
     return false;
   }
-  const Tick since = freeSince_.try_emplace(copy, now).first->second;
-  const auto& names = planned->second;
-  const auto place = std::find(names.begin(), names.end(), name_);
-  return place != names.end() && now - since >= kRankStep * (place - names.begin());
+  if (!camera.freeSince) {
+    camera.freeSince = now;
+  }
+  const auto& rank = camera.planned.rank;
+  return rank && now - *camera.freeSince >= kRankStep * static_cast<Tick::rep>(*rank);
 }
 
 void RecorderState::DecideClaims(Tick now, Decisions& decisions) {
@@ -328,12 +385,12 @@ void RecorderState::DecideClaims(Tick now, Decisions& decisions) {
   if (now < heldBack_) {
     return;
   }
-  for (const auto& [copy, names] : plan_) {
+  for (auto& [copy, awaiting] : plan_) {
     if (decisions.claims.size() >= kClaimsAtOnce) {
       break;
     }
     const FleetClaim* claim = view_.ClaimOf(copy);
-    if (!places_.contains(copy) && MayTake(now, copy, claim) && Tries(now, copy)) {
+    if (!places_.contains(copy) && MayTake(now, awaiting, claim) && Tries(now, copy)) {
       decisions.claims.push_back({copy, NewClaim(claim, claim == nullptr ? "new" : "dead"),
                                   claim == nullptr ? 0 : claim->modRevision,
                                   claim == nullptr ? "" : claim->recorder, false});
@@ -397,9 +454,7 @@ Decisions RecorderState::Decide(Tick now) {
     decisions.leave = !std::exchange(left_, true);
   }
   if (decisions.standing == Standing::kConfirmed && IsLoaded()) {
-    if (std::exchange(planIsOld_, false)) {
-      plan_ = PlanClaims(view_);
-    }
+    MakePlan(now);
     DecideClaims(now, decisions);
     DecideProofs(now, decisions);
     DecidePlans(now, decisions);

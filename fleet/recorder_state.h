@@ -98,14 +98,22 @@ class RecorderState {
     std::optional<Tick> yields;  // since when it is somebody else's
     std::optional<Tick> proven;  // since when that one is known to record
   };
+  // A camera without a living holder.
+  struct Awaiting {
+    PlannedPlace planned;
+    std::optional<Tick> freeSince;
+  };
 
   void HoldBack(Tick until) { heldBack_ = std::max(heldBack_, until); }
   void NoteDeath(Tick now, const std::string& recorder);
   bool IsDead(Tick now, const std::string& recorder) const;
   bool IsMovedHere(const CameraCopy& copy) const;
-  bool MayTake(Tick now, const CameraCopy& copy, const FleetClaim* claim);
+  bool MayTake(Tick now, Awaiting& camera, const FleetClaim* claim) const;
+  void NotePlan(const EngineEvent& event);
+  void MakePlan(Tick now);
   void Follow(Tick now);
   void FindOwn();
+  void TakeUp(const CameraCopy& copy);
   bool IsOver(Tick now, const CameraCopy& copy, Place& place);
   bool Yields(Tick now, const CameraCopy& copy, Place& place) const;
   void DecideClaims(Tick now, Decisions& decisions);
@@ -131,12 +139,13 @@ class RecorderState {
   std::map<CameraCopy, Place> places_;  // what is recorded
   std::map<CameraCopy, FleetCamera> remembered_;
   std::set<std::string> missing_;  // cameras that a restored engine lacks
-  std::map<CameraCopy, Tick> freeSince_;
   std::map<CameraCopy, Tick> tried_;
   std::map<CameraCopy, Tick> moveSeen_;
-  std::map<CameraCopy, std::vector<std::string>> plan_;
+  std::map<CameraCopy, Awaiting> plan_;
   bool planIsOld_ = true;
-  bool followIsOld_ = true;  // whether a camera may have become its own
+  std::optional<Tick> planMade_;
+  bool followIsOld_ = true;           // whether any camera may have become its own
+  std::vector<CameraCopy> mayBeOwn_;  // or these
   Tick lastMoves_{0};
 };
 

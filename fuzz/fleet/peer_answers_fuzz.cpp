@@ -1,5 +1,5 @@
-// What another recorder answers: claims and recordings of any text, whose pieces are stretches of
-// time that begin before they end.
+// What another recorder answers: claims, clock and recordings of any text, whose pieces are
+// stretches of time that begin before they end.
 #include <string>
 #include <string_view>
 
@@ -12,6 +12,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   for (const cms::fleet::PeerClaim& claim : cms::fleet::ReadPeerClaims(text)) {
     CHECK(claim.recorder.size() < size && claim.copy.camera.size() < size);
   }
+  CHECK(cms::fleet::ReadPeerTime(text).value_or(0) >= 0);
   const auto pieces = cms::fleet::ReadPeerRecordings(text, "rec1");
   for (const cms::fleet::HeldPiece& piece : pieces.value_or(std::vector<cms::fleet::HeldPiece>())) {
     CHECK(piece.recorder == "rec1" && piece.from >= 0 && piece.from < piece.to);

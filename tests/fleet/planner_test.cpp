@@ -69,6 +69,17 @@ TEST(Planner, ClaimsKeepWithinCapacityAndGroups) {
     const FleetView view = RandomFleet(random);
     const auto plan = PlanClaims(view);
     const FleetView done = Done(view);
+    for (const auto& [name, recorder] : view.recorders) {
+      const auto own = PlanClaimsOf(view, name);
+      ASSERT_EQ(own.size(), plan.size());
+      for (const auto& [copy, names] : plan) {
+        const auto place = std::find(names.begin(), names.end(), name);
+        EXPECT_EQ(own.at(copy).first, names.empty() ? "" : names.front());
+        EXPECT_EQ(own.at(copy).rank, place == names.end()
+                                         ? std::nullopt
+                                         : std::optional<std::size_t>(place - names.begin()));
+      }
+    }
     for (const auto& [name, load] : LoadsOf(done)) {
       EXPECT_LE(load, view.recorders.at(name).capacity) << name << " in round " << round;
     }

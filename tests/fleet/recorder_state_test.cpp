@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <set>
 #include <string>
 
 namespace {
@@ -98,6 +99,41 @@ TEST_F(StateTest, DeadOnesCameraIsTakenWithinSecondsAndOnCondition) {
   EXPECT_FALSE(Records("of_you")) << "not before the engine has said so";
   Write(ClaimKey({"of_you", 0}), Claim("me", "dead"));
   EXPECT_TRUE(Records("of_you"));
+}
+
+TEST_F(StateTest, PlanFollowsClaimsOfOthersAndCamerasThatChange) {
+  const auto add = [&](unsigned site) {
+    FleetCamera camera;
+    camera.site = site;
+    camera.url = "rtsp://192.0.2.1/";
+    Write(CameraKey("new" + std::to_string(site)), ValueOf(camera));
+  };
+  for (unsigned site = 10; site < 16; ++site) {
+    add(site);
+  }
+  Erase(CameraKey("new10"));  // before anybody had it
+  Pass(Tick{100});
+  Write(ClaimKey({"new11", 0}), Claim("you"));
+  Write(ClaimKey({"new12", 0}), Claim("she"));
+  claims_.clear();
+  Pass(Tick{4'000});  // third in rank at worst
+  std::set<std::string> asked;
+  for (const ClaimStep& step : claims_) {
+    asked.insert(step.copy.camera);
+  }
+  EXPECT_EQ(asked, (std::set<std::string>{"new13", "new14", "new15"}));
+  for (const std::string& camera : asked) {
+    Write(ClaimKey({camera, 0}), Claim("me"));
+    EXPECT_TRUE(Records(camera));
+  }
+  claims_.clear();
+  Erase(MemberKey("you"));  // and with it what was taken outside of the plan
+  Pass(Tick{4'000});
+  asked.clear();
+  for (const ClaimStep& step : claims_) {
+    asked.insert(step.copy.camera);
+  }
+  EXPECT_EQ(asked, (std::set<std::string>{"new11", "of_you"}));
 }
 
 TEST_F(StateTest, HolderThatComesBackKeepsItsCameras) {
