@@ -162,6 +162,17 @@ std::optional<EngineHeader> ReadHeaderAnswer(std::string_view text) {
   return answer ? HeaderOf(*answer) : std::nullopt;
 }
 
+std::optional<bool> ReadLeads(std::string_view text) {
+  const auto answer = ObjectOf(text);
+  const auto header = answer ? answer->find("header") : json::const_iterator();
+  if (!answer || header == answer->end() || !header->is_object()) {
+    return std::nullopt;
+  }
+  const auto self = NumberOf<std::uint64_t>(*header, "member_id");
+  const auto leader = NumberOf<std::uint64_t>(*answer, "leader");
+  return self && leader ? std::optional(*self != 0 && *self == *leader) : std::nullopt;
+}
+
 std::optional<std::string> ReadLoginAnswer(std::string_view text) {
   const auto answer = ObjectOf(text);
   std::string token = answer ? TextOf(*answer, "token") : "";

@@ -62,7 +62,8 @@ std::optional<LeaseAnswer> ReadGrantAnswer(std::string_view json);
 // The engine answers a renewal of a lease that is gone like any other, but without a "TTL".
 std::optional<LeaseAnswer> ReadRenewalAnswer(std::string_view json);
 std::optional<EngineHeader> ReadHeaderAnswer(std::string_view json);  // of put, delete and revoke
-std::optional<std::string> ReadLoginAnswer(std::string_view json);    // the token
+std::optional<bool> ReadLeads(std::string_view json);  // of a status: the member that answers leads
+std::optional<std::string> ReadLoginAnswer(std::string_view json);  // the token
 std::optional<WatchAnswer> ReadWatchLine(std::string_view line);
 std::string ReadRefusal(std::string_view json);  // why; empty where it does not say
 

@@ -262,6 +262,11 @@ std::optional<EngineHeader> EngineClient::Revoke(std::int64_t lease) {
   return answer ? ReadHeaderAnswer(*answer) : std::nullopt;
 }
 
+std::optional<bool> EngineClient::Leads() {
+  const auto answer = Ask("/v3/maintenance/status", "{}");
+  return answer ? ReadLeads(*answer) : std::nullopt;
+}
+
 void EngineClient::Watch(const std::string& prefix, std::int64_t fromRevision,
                          const std::function<bool(const WatchAnswer&)>& take,
                          const std::function<bool()>& goOn) {

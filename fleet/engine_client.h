@@ -43,6 +43,9 @@ class EngineClient {
   std::optional<LeaseAnswer> Renew(std::int64_t lease);
   std::optional<EngineHeader> Revoke(std::int64_t lease);
 
+  // Whether the member that answers leads the others: ask with an access of that one alone.
+  std::optional<bool> Leads();
+
   // Calls back for every line that the watch tells, until `goOn`, which is asked several times a
   // second, says false, `take` says false, or the connection ends. Begins at the next member each
   // time.

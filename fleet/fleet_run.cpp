@@ -22,6 +22,7 @@ constexpr Tick kQuietTurn{250};
 constexpr Tick kLongestBusy{20'000};  // behind that a camera is away
 constexpr Tick kStatusTurn{1'000};
 constexpr Tick kFiguresTurn{500};
+constexpr Tick kCountTurn{1'000};  // of the figures for which all the fleet's cameras are counted
 constexpr std::size_t kStepsAtOnce = 60;
 constexpr char kMemoryFile[] = "/fleet.json";
 constexpr char kInstanceFile[] = "/fleet.id";
@@ -130,7 +131,7 @@ void FleetRun::TakeFacts() {
       Take(*told);
     } else if (const auto* event = std::get_if<EngineEvent>(&fact)) {
       state_.Changed(BootTick(), *event);
-      viewChanged_ = true;
+      viewChanged_ = viewChanged_ || !IsProofKey(event->key.key);
     } else if (const auto* peer = std::get_if<PeerClaim>(&fact)) {
       state_.PeerRecords(BootTick(), peer->copy, peer->recorder, peer->claim);
     } else {
@@ -160,7 +161,7 @@ FleetFigures FleetRun::Figures() const {
   return figures_;
 }
 
-// Of all cameras: only when something changed.
+// Of all cameras: only when something changed, and not often.
 void FleetRun::CountView() {
   const FleetView& view = state_.View();
   counted_.peers.clear();
@@ -201,7 +202,9 @@ void FleetRun::UpdateFigures(Tick now) {
     figures.cameras.push_back(
         {each.copy, each.camera.site, isOwn ? claim->modRevision : 0, state_.IsUp(each.copy)});
   }
-  if (std::exchange(viewChanged_, false)) {
+  if (viewChanged_ && now - lastCount_ >= kCountTurn) {
+    viewChanged_ = false;
+    lastCount_ = now;
     CountView();
   }
   figures.peers = counted_.peers;

@@ -91,6 +91,7 @@ class FleetRun {
   Tick lastStatus_{0};
   Tick lastChange_{0};  // of what is recorded
   Tick lastFigures_{0};
+  Tick lastCount_{0};
   bool viewChanged_ = true;             // since the figures were made
   std::int64_t generation_ = 0;         // the highest that was seen
   FleetFigures counted_;                // what only this thread counts

@@ -14,6 +14,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   static_cast<void>(ReadHeaderAnswer(text));
   static_cast<void>(ReadLoginAnswer(text));
   static_cast<void>(ReadRefusal(text));
+  static_cast<void>(ReadLeads(text));
   if (const auto lease = ReadGrantAnswer(text)) {
     CHECK(lease->lease != 0 && lease->ttl > 0);
   }

@@ -30,6 +30,9 @@ constexpr seconds kEngineAwayFor{15};
 constexpr seconds kHangFor{10};
 constexpr seconds kCutFor{15};
 constexpr seconds kFrozenFor{15};
+constexpr seconds kMemberHangsFor{6};
+constexpr seconds kMemberIsBack{2};
+constexpr seconds kPowerAwayFor{3};
 constexpr std::size_t kTimelineColumns = 90;
 constexpr std::int64_t kEdge = 1'000;       // milliseconds at a window's ends, where spans begin
 constexpr std::int64_t kUnwritten = 5'000;  // milliseconds of a stream that are in memory at most
@@ -97,6 +100,10 @@ class Demo {
   void Hang();
   void EngineDies(bool forgets);
   void EngineIsOld();
+  void MembersHang();
+  void MajorityIsGone();
+  void MachineOfBothDies();
+  void PowerFails();
   void CutOff(bool fromAll);
   void DiskFreezes();
   void Restart();
@@ -265,6 +272,75 @@ void Demo::EngineIsOld() {
   Finish(std::move(step), before);
 }
 
+// One after another, so that the one that leads is among them.
+void Demo::MembersHang() {
+  const Holders before = HoldersOf(fleet_.View().value_or(FleetView{}));
+  DemoStep step = Begin("members",
+                        "each member of the engine hangs for " +
+                            std::to_string(kMemberHangsFor.count()) + " s, one after another",
+                        before.size());
+  for (std::size_t i = 0; i < DemoEngine::kMembers; ++i) {
+    fleet_.Engine().SignalMember(i, SIGSTOP);
+    std::this_thread::sleep_for(kMemberHangsFor);
+    fleet_.Engine().SignalMember(i, SIGCONT);
+    std::this_thread::sleep_for(kMemberIsBack);
+  }
+  Finish(std::move(step), before);
+}
+
+void Demo::MajorityIsGone() {
+  const Holders before = HoldersOf(fleet_.View().value_or(FleetView{}));
+  DemoStep step = Begin("minority",
+                        "one member of the engine hangs and another is dead, for " +
+                            std::to_string(kEngineAwayFor.count()) + " s",
+                        before.size());
+  fleet_.Engine().SignalMember(0, SIGSTOP);
+  fleet_.Engine().KillMember(1);
+  std::this_thread::sleep_until(begun_ + kEngineAwayFor);
+  fleet_.Engine().SignalMember(0, SIGCONT);
+  fleet_.Engine().StartMember(1);
+  Finish(std::move(step), before);
+}
+
+void Demo::MachineOfBothDies() {
+  std::size_t cameras = 0;
+  const std::string name = Fullest(&cameras);
+  const Holders before = HoldersOf(fleet_.View().value_or(FleetView{}));
+  const std::size_t leader = fleet_.Engine().Leader();
+  DemoStep step = Begin("both",
+                        name + " and the engine's leading member are killed, with " +
+                            std::to_string(cameras) + " cameras",
+                        cameras);
+  fleet_.Engine().KillMember(leader);
+  KillRecorder(step, name);
+  WaitTaken(step, name);
+  Finish(std::move(step), before);
+  fleet_.Engine().StartMember(leader);
+  fleet_.StartRecorder(name);
+}
+
+void Demo::PowerFails() {
+  const Holders before = HoldersOf(fleet_.View().value_or(FleetView{}));
+  DemoStep step = Begin("power",
+                        "everything is killed, and started again after " +
+                            std::to_string(kPowerAwayFor.count()) + " s",
+                        before.size());
+  for (const std::string& name : fleet_.Recorders()) {
+    KillRecorder(step, name);
+  }
+  fleet_.Engine().Kill();
+  std::this_thread::sleep_until(begun_ + kPowerAwayFor);
+  fleet_.Engine().Start();
+  for (const std::string& name : fleet_.Recorders()) {
+    fleet_.StartRecorder(name);
+  }
+  fleet_.WaitFor(kLongestStep, [&](const FleetView& view) {
+    return view.members.size() == fleet_.Recorders().size();
+  });
+  std::this_thread::sleep_for(seconds(5));
+  Finish(std::move(step), before);
+}
+
 void Demo::CutOff(bool fromAll) {
   std::size_t cameras = 0;
   const std::string name = Fullest(&cameras);
@@ -342,11 +418,17 @@ void Demo::Report() {
       step.recordedTwice = std::max(step.recordedTwice, times.RecordedTwice(site, step.window));
     }
     char line[160];
-    const auto inSeconds = [](std::int64_t value) { return static_cast<double>(value) / 1e3; };
-    std::snprintf(line, sizeof line, "%-8s %7zu %10.1f %11.1f %6zu %14.1f %17.1f",
-                  step.name.c_str(), step.cameras, inSeconds(step.claimed),
-                  inSeconds(step.recorded), step.moved, inSeconds(step.longestGap),
-                  inSeconds(step.recordedTwice));
+    const auto inSeconds = [](std::int64_t value) {
+      char text[24] = "-";
+      if (value >= 0) {
+        std::snprintf(text, sizeof text, "%.1f", static_cast<double>(value) / 1e3);
+      }
+      return std::string(text);
+    };
+    std::snprintf(line, sizeof line, "%-8s %7zu %10s %11s %6zu %14s %17s", step.name.c_str(),
+                  step.cameras, inSeconds(step.claimed).c_str(), inSeconds(step.recorded).c_str(),
+                  step.moved, inSeconds(step.longestGap).c_str(),
+                  inSeconds(step.recordedTwice).c_str());
     Say(line);
     rows.push_back({{"step", step.name},
                     {"what", step.what},
@@ -375,6 +457,10 @@ int Demo::Run() {
       {"engine", [this] { EngineDies(false); }},
       {"empty", [this] { EngineDies(true); }},
       {"snapshot", [this] { EngineIsOld(); }},
+      {"members", [this] { MembersHang(); }},
+      {"minority", [this] { MajorityIsGone(); }},
+      {"both", [this] { MachineOfBothDies(); }},
+      {"power", [this] { PowerFails(); }},
       {"cut", [this] { CutOff(false); }},
       {"alone", [this] { CutOff(true); }},
       {"frozen", [this] { DiskFreezes(); }},
@@ -406,11 +492,11 @@ void AddFleetDemoCommand(Command app, FleetResult& result) {
   command.AddOption("--cameras", arguments->cameras).InRange(1, 100).ShowDefault();
   command
       .AddOption("--steps", arguments->steps,
-                 "kill, hang, engine, empty, snapshot, restart, drain; as root also cut, alone, "
-                 "frozen [kill,hang,engine,drain]")
+                 "kill, hang, engine, empty, snapshot, members, minority, both, power, restart, "
+                 "drain; as root also cut, alone, frozen [kill,hang,engine,drain]")
       .List()
-      .OneOf({"kill", "hang", "engine", "empty", "snapshot", "restart", "drain", "cut", "alone",
-              "frozen"});
+      .OneOf({"kill", "hang", "engine", "empty", "snapshot", "members", "minority", "both", "power",
+              "restart", "drain", "cut", "alone", "frozen"});
   command.AddOption("--folder", arguments->keep, "keep recordings and logs here").TypeName("DIR");
   command.AddFlag("--json", arguments->json, "print one JSON object");
   RunFleetJob(command, result, [arguments] { return Demo(*arguments).Run(); });

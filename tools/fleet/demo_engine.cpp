@@ -21,7 +21,6 @@
 namespace tools {
 namespace {
 
-constexpr int kMembers = 3;
 constexpr std::chrono::seconds kLongestEngineStart{30};
 constexpr std::chrono::milliseconds kEngineLook{100};
 
@@ -70,38 +69,43 @@ DemoEngine::DemoEngine(std::string folder, std::string address)
   Start();
 }
 
-void DemoEngine::Start() {
+void DemoEngine::StartMember(std::size_t member) {
   const auto peer = [&](std::size_t i) { return UrlOf("127.0.0.1", ports_[2 * i + 1]); };
   std::string cluster;
   for (std::size_t i = 0; i < kMembers; ++i) {
     cluster += (i == 0 ? "m" : ",m") + std::to_string(i) + "=" + peer(i);
   }
+  const std::string name = "m" + std::to_string(member);
+  const std::string& url = access_.members[member];
+  processes_.resize(kMembers);
+  processes_[member] =
+      std::make_unique<ChildProcess>(std::vector<std::string>{"etcd",
+                                                              "--name",
+                                                              name,
+                                                              "--data-dir",
+                                                              folder_ + "/engine/" + name,
+                                                              "--listen-client-urls",
+                                                              url,
+                                                              "--advertise-client-urls",
+                                                              url,
+                                                              "--listen-peer-urls",
+                                                              peer(member),
+                                                              "--initial-advertise-peer-urls",
+                                                              peer(member),
+                                                              "--initial-cluster",
+                                                              cluster,
+                                                              "--initial-cluster-state",
+                                                              "new",
+                                                              "--auto-compaction-retention",
+                                                              "1h",
+                                                              "--logger",
+                                                              "zap"},
+                                     ChildOptions{true, folder_ + "/" + name + ".log"});
+}
+
+void DemoEngine::Start() {
   for (std::size_t i = 0; i < kMembers; ++i) {
-    const std::string name = "m" + std::to_string(i);
-    const std::string& url = access_.members[i];
-    processes_.push_back(
-        std::make_unique<ChildProcess>(std::vector<std::string>{"etcd",
-                                                                "--name",
-                                                                name,
-                                                                "--data-dir",
-                                                                folder_ + "/engine/" + name,
-                                                                "--listen-client-urls",
-                                                                url,
-                                                                "--advertise-client-urls",
-                                                                url,
-                                                                "--listen-peer-urls",
-                                                                peer(i),
-                                                                "--initial-advertise-peer-urls",
-                                                                peer(i),
-                                                                "--initial-cluster",
-                                                                cluster,
-                                                                "--initial-cluster-state",
-                                                                "new",
-                                                                "--auto-compaction-retention",
-                                                                "1h",
-                                                                "--logger",
-                                                                "zap"},
-                                       ChildOptions{true, folder_ + "/" + name + ".log"}));
+    StartMember(i);
   }
   cms::fleet::EngineClient client(access_);
   const auto until = std::chrono::steady_clock::now() + kLongestEngineStart;
@@ -120,6 +124,21 @@ void DemoEngine::Kill() {
     member->Signal(SIGKILL);
   }
   processes_.clear();
+}
+
+void DemoEngine::KillMember(std::size_t member) {
+  processes_.at(member)->Signal(SIGKILL);
+}
+
+std::size_t DemoEngine::Leader() const {
+  for (std::size_t i = 0; i < kMembers; ++i) {
+    cms::fleet::EngineAccess one = access_;
+    one.members = {access_.members[i]};
+    if (cms::fleet::EngineClient(one).Leads().value_or(false)) {
+      return i;
+    }
+  }
+  throw std::runtime_error("no member of the engine leads the others");
 }
 
 void DemoEngine::Keep() {

@@ -31,6 +31,11 @@ class DemoEngine {
 
   void Start();  // and waits until it answers
   void Kill();
+  static constexpr std::size_t kMembers = 3;
+  void SignalMember(std::size_t member, int signal) { processes_.at(member)->Signal(signal); }
+  void KillMember(std::size_t member);
+  void StartMember(std::size_t member);  // that was killed; the others answer meanwhile
+  std::size_t Leader() const;            // throws std::runtime_error when there is none
   // While it is dead: what it stored is kept aside, comes back as it was then, or is lost.
   void Keep();
   void PutBack();
@@ -46,7 +51,7 @@ class DemoEngine {
   std::vector<int> ports_;  // two for each member
   std::string members_;
   cms::fleet::EngineAccess access_;
-  std::vector<std::unique_ptr<ChildProcess>> processes_;
+  std::vector<std::unique_ptr<ChildProcess>> processes_;  // of each member
 };
 
 }  // namespace tools
