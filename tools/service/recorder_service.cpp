@@ -104,6 +104,7 @@ int RecorderService::Run(bool json) {
   }
   manager_.Stopping();
   Tell(HookEventKind::kServiceStopped);
+  EndHooks();
   const bool ended = End();
   if (json) {
     Print();
@@ -217,6 +218,13 @@ void RecorderService::SetHooks(const std::vector<HookConfig>& before) {
   }
   const ScopeLock lock(lock_);
   hooks_.swap(hooks);
+}
+
+// While the sites still record: whoever does not answer costs a restart no frame.
+void RecorderService::EndHooks() {
+  std::shared_ptr<Hooks> hooks;
+  const ScopeLock lock(lock_);
+  hooks.swap(hooks_);
 }
 
 void RecorderService::Tell(HookEventKind kind) {

@@ -53,6 +53,7 @@ class RecorderService {
   void SetHooks(const std::vector<HookConfig>& before);
   void AnswerQuestions();
   std::map<std::string, std::shared_ptr<DiskPlace>> Places() const;
+  void EndHooks();
   void Tell(HookEventKind kind);
   void Forget();
   bool End();

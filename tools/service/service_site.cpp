@@ -135,7 +135,8 @@ void ServiceSite::Run() {
 
 // False when it is to end.
 bool ServiceSite::WaitForDisk() {
-  for (milliseconds pause = kFirstDiskLook; Pause(milliseconds::zero()); pause = kLookAround) {
+  for (milliseconds pause = kFirstDiskLook; Pause(milliseconds::zero());
+       pause = std::min(pause * 2, kLookAround)) {
     if (place_->IsReady()) {
       return true;
     }
