@@ -175,6 +175,7 @@ def look_at_the_timeline(hands):
     hands.wait("#thumbnail img", "naturalWidth", lambda width: width in (160, 320), "a small picture")
     hands.click("#zone")
     hands.wait("#zone", "textContent", lambda text: text == "local time", "the time of here")
+    hands.wait("#month button", "textContent", lambda text: text and text.isdigit(), "the days of here")
     hands.click("#zone")
     hands.click("#storage summary")
     hands.wait(".held tr:nth-child(3)", "textContent", lambda text: text and "MB" in text, "what the disk holds")

@@ -101,7 +101,8 @@ def only_who_logs_in(data):
         assert code == 200 and b"<" not in body and b"&" not in body, body
         site = wait_for(lambda: [s for s in status(server) if s["fault"]], "the fault is told")[0]
         assert "<script>&" in site["url"] and site["fault"] == "unreachable", site
-        for bad in ("/auth/days", "/auth/days?month=2026-13", "/auth/days?month=%s%n",
+        for bad in ("/auth/days", "/auth/days?starts=5", "/auth/days?starts=5,5", "/auth/days?starts=1,2,",
+                    "/auth/days?starts=" + ",".join(map(str, range(1, 34))), "/auth/days?month=2026-13", "/auth/days?month=%s%n",
                     "/auth/video?sites=1,x", "/auth/live?sites=1&width=3", "/auth/sound?site=7",
                     "/auth/recordings?from=0&to=9", "/auth/recordings?from=5&to=4",
                     "/auth/recordings?from=1&to=99999999999999999999"):
@@ -252,6 +253,10 @@ def what_is_recorded_is_found_and_played(data):
         today = time.gmtime(before)
         days = ask(server, f"/auth/days?month={today.tm_year}-{today.tm_mon:02}")
         assert today.tm_mday in days["days"] and days["complete"], days
+        # Days that begin when it pleases whoever asks; the recording lies in the second.
+        noon = before - 40_000
+        days = ask(server, f"/auth/days?starts={noon - 86400},{noon},{noon + 86400},{noon + 172800}")
+        assert days == {"days": [2], "complete": True}, days
         interval = f"from={before}&to={now + 60}"
         found = ask(server, "/auth/recordings?" + interval)
         spans = found["spans"]

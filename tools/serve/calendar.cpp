@@ -1,6 +1,7 @@
 #include "tools/serve/calendar.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstdio>
 
 #include "cms/recording/gap_log.h"
@@ -11,7 +12,40 @@ namespace tools {
 
 using nlohmann::ordered_json;
 
+namespace {
+
+// "1761955200,1762041600": where each day begins, and where the last one ends.
+std::vector<std::int64_t> StartsOf(std::string_view text) {
+  constexpr std::size_t kMostStarts = 32;
+  std::vector<std::int64_t> starts;
+  const char* at = text.data();
+  const char* const end = at + text.size();
+  for (; starts.size() < kMostStarts; ++at) {
+    std::int64_t start = 0;
+    const auto [behind, error] = std::from_chars(at, end, start);
+    if (error != std::errc() || start <= (starts.empty() ? 0 : starts.back()) ||
+        start > kLatestTime) {
+      break;
+    }
+    starts.push_back(start);
+    at = behind;
+    if (at == end && starts.size() > 1) {
+      return starts;
+    }
+    if (at == end || *at != ',') {
+      break;
+    }
+  }
+  throw BadRequest("starts are 2 to " + std::to_string(kMostStarts) +
+                   " rising numbers such as 1761955200,1762041600");
+}
+
+}  // namespace
+
 ordered_json Calendar::Days(const WebRequest& request) {
+  if (const auto starts = request.Value("starts")) {
+    return DaysBetween(StartsOf(*starts));
+  }
   int year = 0;
   int month = 0;
   char rest = 0;
@@ -36,6 +70,23 @@ ordered_json Calendar::Days(const WebRequest& request) {
   return {{"year", year}, {"month", month}, {"days", days}, {"complete", HasReadEverything()}};
 }
 
+ordered_json Calendar::DaysBetween(const std::vector<std::int64_t>& starts) {
+  std::vector<bool> marked(starts.size() - 1);
+  const std::lock_guard lock(lock_);
+  for (const stPBTimeInfo& span : SearchBetween(starts.front(), starts.back() - 1)) {
+    for (std::size_t day = 0; day < marked.size(); ++day) {
+      marked[day] = marked[day] || (span.start < starts[day + 1] && span.end >= starts[day]);
+    }
+  }
+  ordered_json days = ordered_json::array();
+  for (std::size_t day = 0; day < marked.size(); ++day) {
+    if (marked[day]) {
+      days.push_back(day + 1);
+    }
+  }
+  return {{"days", days}, {"complete", HasReadEverything()}};
+}
+
 void Calendar::FollowRoots() {
   const std::vector<std::string> roots = roots_();
   std::erase_if(engines_, [&](const auto& each) {
@@ -58,7 +109,10 @@ bool Calendar::HasReadEverything() const {
 // From 1: a search over all time would remove events.
 std::vector<stPBTimeInfo> Calendar::Search(const WebRequest& request) {
   const std::int64_t from = request.Number("from", 1, kLatestTime);
-  const std::int64_t to = request.Number("to", from, kLatestTime);
+  return SearchBetween(from, request.Number("to", from, kLatestTime));
+}
+
+std::vector<stPBTimeInfo> Calendar::SearchBetween(std::int64_t from, std::int64_t to) {
   FollowRoots();
   std::vector<stPBTimeInfo> spans;
   for (const auto& [root, engine] : engines_) {

@@ -20,7 +20,8 @@ class Calendar {
  public:
   explicit Calendar(DataRoots roots) : roots_(std::move(roots)) {}
 
-  // month=YYYY-MM: the days of it on which a recording starts.
+  // month=YYYY-MM: the days of it, in UTC, on which a recording starts. starts=A,B,...,Z: the days
+  // that begin there, Z being the last one's end, of which anything was recorded.
   nlohmann::ordered_json Days(const WebRequest& request);
   // from=SECONDS&to=SECONDS: the stretches, the events and the gaps in between, and what is kept.
   nlohmann::ordered_json Recordings(const WebRequest& request);
@@ -29,7 +30,9 @@ class Calendar {
 
  private:
   void FollowRoots();
+  nlohmann::ordered_json DaysBetween(const std::vector<std::int64_t>& starts);
   std::vector<stPBTimeInfo> Search(const WebRequest& request);
+  std::vector<stPBTimeInfo> SearchBetween(std::int64_t from, std::int64_t to);  // under lock_
   bool HasReadEverything() const;
   nlohmann::ordered_json Gaps(std::int64_t from, std::int64_t to,
                               const std::vector<stPBTimeInfo>& spans) const;

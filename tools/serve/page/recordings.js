@@ -1,5 +1,5 @@
 // What was recorded: the month, one of its days, and the timeline.
-import {$, clock, make, say, shift, tell, utc} from './dom.js';
+import {$, clock, isLocal, make, say, shift, tell, utc} from './dom.js';
 import {play} from './player.js';
 import {ask} from './server.js';
 import {read, showWindow, useSeek} from './timeline.js';
@@ -8,11 +8,12 @@ let shown = new Date(), day = null;
 
 export async function calendar() {
   const month = shown.toISOString().slice(0, 7);
-  const found = await ask('/days?month=' + month);
-  $('title').textContent = month;
-  $('month').replaceChildren();
   const first = new Date(month + '-01T00:00:00Z');
   const length = new Date(Date.UTC(first.getUTCFullYear(), first.getUTCMonth() + 1, 0)).getUTCDate();
+  const starts = [...Array(length + 1).keys()].map(i => first.getTime() / 1000 + i * 86400).map(at => at + shift(at));
+  const found = await ask(isLocal() ? '/days?starts=' + starts : '/days?month=' + month);
+  $('title').textContent = month;
+  $('month').replaceChildren();
   let row = make('tr', $('month'));
   for (const name of 'MTWTFSS') make('td', row, {textContent: name, className: 'dim'});
   for (let number = 1, column = (first.getUTCDay() + 6) % 7; number <= length; ++number, ++column) {
@@ -63,6 +64,6 @@ function move(months) {
 }
 $('earlier').onclick = () => move(-1);
 $('later').onclick = () => move(1);
-document.addEventListener('zone', () => { if (day !== null) showDay(day).catch(tell); });
+document.addEventListener('zone', () => calendar().then(() => day !== null && showDay(day)).catch(tell));
 document.addEventListener('recorded', () => calendar().catch(tell));
 document.addEventListener('kept', () => { if (day !== null) read().catch(tell); });
