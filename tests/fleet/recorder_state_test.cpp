@@ -207,6 +207,22 @@ TEST_F(StateTest, YieldsWhenTheOtherRecordsOrAfterEightSeconds) {
   EXPECT_FALSE(Records("of_me"));
 }
 
+TEST_F(StateTest, CutOffFromTheEngineItYieldsToAPeerThatRecordsByALaterClaim) {
+  const CameraCopy copy{"of_me", 0};
+  const std::int64_t own = keys_[ClaimKey(copy)].modRevision;
+  state_.PeerRecords(now_, copy, "you", own + 1);
+  Pass(Tick{3'000});
+  EXPECT_TRUE(Records("of_me")) << "the engine answers, and says that it is its own";
+  Pass(kTtl + Tick{100}, false);
+  state_.PeerRecords(now_, copy, "you", own);  // not later than its own
+  Pass(Tick{3'000}, false);
+  EXPECT_TRUE(Records("of_me"));
+  state_.PeerRecords(now_, copy, "you", own + 1);
+  EXPECT_TRUE(Records("of_me"));
+  Pass(Tick{1'500}, false);
+  EXPECT_FALSE(Records("of_me"));
+}
+
 TEST_F(StateTest, MovedHereIsClaimedWithTheFirstFrameAndNotBefore) {
   const CameraCopy copy{"of_you", 0};
   Write(MoveKey(copy), ValueOf(FleetMove{"you", "me", keys_[ClaimKey(copy)].modRevision, 0}));
