@@ -1,7 +1,6 @@
 #!/usr/bin/env python3
 """A disk that dies while it is recorded onto: an ext4 file system whose device has no more room below it, so that writing fails
-as on a broken one. Its site goes on on the other disk; the site that was there all the time loses no picture, and what was
-recorded before is found.
+as on a broken one. Its site goes on on the other disk; the site that was there all the time loses no picture.
 
 It needs root to make such a disk; without it, or where nothing can be mounted, it ends with 77.
 
