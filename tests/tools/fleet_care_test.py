@@ -65,7 +65,7 @@ def check(fleet):
     engine = fleet.running["etcd"]
     engine.send_signal(signal.SIGKILL)
     engine.wait()
-    shutil.rmtree(f"{fleet.folder}/engine")
+    shutil.rmtree(fleet.engine)
     fleet.start("etcd", engine.args)
     fleet.wait(lambda: fleet.run("adopt", "--seconds", "1").returncode == 0, "nobody comes back")
     adopted, code = fleet.json("adopt", "--seconds", "20")

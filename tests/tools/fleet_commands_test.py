@@ -13,6 +13,8 @@ import sys
 import tempfile
 import time
 
+from fleet_recordings_test import memory
+
 ENVIRONMENT = dict(os.environ, ASAN_OPTIONS="detect_leaks=0")
 
 
@@ -101,7 +103,7 @@ def main():
     if not shutil.which("etcd"):
         print("skipped: etcd-server is not installed")
         return 77
-    with tempfile.TemporaryDirectory() as folder:
+    with tempfile.TemporaryDirectory(dir=memory()) as folder:
         fleet = Fleet(sys.argv[1], folder)
         try:
             check(fleet)

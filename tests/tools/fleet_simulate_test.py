@@ -11,6 +11,8 @@ import shutil
 import subprocess
 import sys
 
+from fleet_recordings_test import memory
+
 RECORDERS, CAMERAS = 6, 240
 
 
@@ -20,7 +22,7 @@ def main():
         return 77
     done = subprocess.run(
         [sys.argv[1], "simulate", "--recorders", str(RECORDERS), "--cameras", str(CAMERAS), "--seconds", "5", "--json"],
-        stdout=subprocess.PIPE, env=dict(os.environ, ASAN_OPTIONS="detect_leaks=0"), timeout=110, check=False,
+        stdout=subprocess.PIPE, env=dict(os.environ, ASAN_OPTIONS="detect_leaks=0", TMPDIR=memory() or "/tmp"), timeout=110, check=False,
     )
     print(done.stdout.decode())
     if done.returncode != 0:
