@@ -378,23 +378,28 @@ void FleetRun::Plan(const Decisions& decisions) {
   }
 }
 
-// A restored engine lacks what was configured since its snapshot; an empty one lacks everything.
-void FleetRun::Republish(const std::vector<std::string>& cameras) {
-  if (cameras.empty()) {
+// A restored engine lacks what was configured since its snapshot; an empty one lacks everything. A
+// camera comes back together with its claim: nobody else is to find it without one, however long
+// the next request takes.
+void FleetRun::Republish(const std::vector<ClaimStep>& steps) {
+  if (steps.empty()) {
     return;
   }
   EngineTransaction all;
   all.Nested(EngineTransaction()
                  .IfCreated(FleetKey(), 0)
                  .Put(FleetKey(), ValueOf(FleetSettings{generation_ + 1, true})));
-  std::size_t count = 0;
-  for (const RecordedCamera& each : recorded_) {
-    if (std::find(cameras.begin(), cameras.end(), each.copy.camera) != cameras.end() &&
-        ++count < kStepsAtOnce) {
-      all.Nested(EngineTransaction()
-                     .IfCreated(CameraKey(each.copy.camera), 0)
-                     .Put(CameraKey(each.copy.camera), ValueOf(each.camera)));
+  for (const ClaimStep& step : steps) {
+    const auto decided = decided_.find(step.copy);
+    if (decided == decided_.end()) {
+      continue;  // isolated, and not to be recorded
     }
+    const std::string camera = CameraKey(step.copy.camera);
+    all.Nested(EngineTransaction().IfCreated(camera, 0).Put(camera, ValueOf(decided->second)));
+    all.Nested(EngineTransaction()
+                   .IfCreated(ClaimKey(step.copy), 0)
+                   .IfCreated(MemberKey(options_.name), created_)
+                   .Put(ClaimKey(step.copy), ValueOf(step.claim)));
   }
   engine_.Transact(all);
 }

@@ -67,7 +67,7 @@ class FleetRun {
   void Claim(const std::vector<ClaimStep>& steps);
   void Prove(const std::vector<ProofStep>& steps);
   void Plan(const Decisions& decisions);
-  void Republish(const std::vector<std::string>& cameras);
+  void Republish(const std::vector<ClaimStep>& steps);
   void RegisterSelf();
   void SetRecorded(const std::map<CameraCopy, FleetCamera>& cameras);
   void Remember();

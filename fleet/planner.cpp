@@ -47,6 +47,7 @@ struct Place {
   std::string group;
   unsigned capacity = 0;
   bool drain = false;
+  bool isKnown = false;  // false: it holds cameras, and the engine lacks its settings
   unsigned load = 0;
   double share = 0;
 };
@@ -57,7 +58,7 @@ class Places {
   explicit Places(const FleetView& view) : view_(view) {
     for (const auto& [name, member] : view.members) {
       if (const auto found = view.recorders.find(name); found != view.recorders.end()) {
-        places_[name] = {found->second.group, found->second.capacity, found->second.drain};
+        places_[name] = {found->second.group, found->second.capacity, found->second.drain, true};
       }
     }
     double weights = 0;
@@ -151,7 +152,7 @@ std::optional<PlannedMove> EvenOut(const FleetView& view, const Places& places,
   const std::pair<const std::string, Place>* fullest = nullptr;
   const std::pair<const std::string, Place>* emptiest = nullptr;
   for (const auto& each : places.All()) {
-    if (each.second.drain) {
+    if (each.second.drain || !each.second.isKnown) {
       continue;
     }
     if (fullest == nullptr || FillOf(each.second) > FillOf(fullest->second)) {
@@ -258,7 +259,8 @@ std::vector<PlannedMove> PlanMoves(const FleetView& view, const std::vector<std:
       }
       const Place& place = places.All().at(*holder);
       const FleetCamera& camera = view.cameras.at(copy.camera);
-      if (drain ? !place.drain : place.drain || !Places::IsForeign(camera, place)) {
+      if (!place.isKnown ||
+          (drain ? !place.drain : place.drain || !Places::IsForeign(camera, place))) {
         continue;
       }
       const auto candidates = places.Candidates(copy);

@@ -19,6 +19,7 @@ constexpr Tick kLongestYield{8'000};
 // Recorders have the newest seconds in memory: behind that what the new holder recorded is stored.
 constexpr Tick kYieldAfterMove{6'000};
 constexpr Tick kYieldAfterProof{1'000};
+constexpr Tick kForgotten{30'000};    // in which who has it is back at an engine that forgot it
 constexpr Tick kDownForGood{20'000};  // a camera that is away for less is no news
 constexpr Tick kLongestMove{15'000};
 constexpr Tick kSettled{60'000};
@@ -28,7 +29,8 @@ constexpr std::size_t kMovesAtOnce = 8;
 // the longer it stands. Of a few recorders' cameras that is less than the grace.
 constexpr Tick kPlansApart{250};
 constexpr Tick::rep kCamerasOfATick = 2;
-constexpr std::size_t kClaimsAtOnce = 60;  // of one request: the engine takes 128 operations
+constexpr std::size_t kClaimsAtOnce = 60;       // of one request: the engine takes 128 operations
+constexpr std::size_t kRepublishedAtOnce = 50;  // two operations each
 
 }  // namespace
 
@@ -122,17 +124,30 @@ void RecorderState::Loaded(Tick now, FleetView view, std::int64_t revision) {
       lastJoin_ = now;
     }
   }
-  for (const auto& [copy, place] : places_) {
-    if (!view_.cameras.contains(copy.camera) && isRestored) {
-      missing_.insert(copy.camera);
-    }
-  }
   if (isRestored) {
-    HoldBack(now + 2 * ttl_);
+    NoteRestored(now, before);
   } else {
     std::erase_if(places_, [&](const auto& place) {
       return !view_.cameras.contains(place.first.camera) && !missing_.contains(place.first.camera);
     });
+  }
+}
+
+// Nobody knows yet who comes back, and with which cameras. What was somebody else's, or only on its
+// way here, is left to that one, who may be late.
+void RecorderState::NoteRestored(Tick now, const FleetView& before) {
+  HoldBack(now + 2 * ttl_);
+  if (!before.cameras.empty() || !places_.empty()) {  // else it is one that was never used
+    restored_ = now;
+  }
+  for (auto& [copy, place] : places_) {
+    if (!view_.cameras.contains(copy.camera)) {
+      missing_.insert(copy.camera);
+    }
+    if (const FleetClaim* claim = before.ClaimOf(copy);
+        claim != nullptr && claim->recorder != name_) {
+      place.forgotten = now;
+    }
   }
 }
 
@@ -324,9 +339,15 @@ bool RecorderState::IsOver(Tick now, const CameraCopy& copy, Place& place) {
     return true;
   }
   const FleetClaim* claim = view_.ClaimOf(copy);
-  if (claim == nullptr && place.yields && now - *place.yields < kLongestYield) {
-    return false;  // the engine forgot whose it is: that one will say so
+  if (claim == nullptr && place.yields && !place.forgotten) {
+    place.forgotten = now;
   }
+  if (claim == nullptr && place.forgotten && now - *place.forgotten < kForgotten) {
+    place.yields.reset();
+    place.proven.reset();
+    return false;  // that one will say so
+  }
+  place.forgotten.reset();
   if (claim == nullptr || claim->recorder == name_ || IsMovedHere(copy)) {
     place.yields.reset();
     place.proven.reset();
@@ -360,15 +381,22 @@ bool RecorderState::MayTake(Tick now, Awaiting& camera, const FleetClaim* claim)
   if (!camera.freeSince) {
     camera.freeSince = now;
   }
+  // Of a restored engine's cameras somebody may have it, and be late to say so.
+  const bool isForgotten = claim == nullptr && restored_ && now - *restored_ < kSettled;
   const auto& rank = camera.planned.rank;
-  return rank && now - *camera.freeSince >= kRankStep * static_cast<Tick::rep>(*rank);
+  return rank && now - *camera.freeSince >=
+                     kRankStep * static_cast<Tick::rep>(*rank) + (isForgotten ? ttl_ : Tick{0});
 }
 
 void RecorderState::DecideClaims(Tick now, Decisions& decisions) {
   for (auto& [copy, place] : places_) {
     const FleetClaim* claim = view_.ClaimOf(copy);
-    if (claim == nullptr && !place.yields && view_.cameras.contains(copy.camera) &&
-        Tries(now, copy)) {
+    if (missing_.contains(copy.camera)) {
+      if (!place.forgotten && decisions.republished.size() < kRepublishedAtOnce) {
+        decisions.republished.push_back({copy, NewClaim(nullptr, "new"), 0, "", false});
+      }
+    } else if (claim == nullptr && !place.forgotten && view_.cameras.contains(copy.camera) &&
+               Tries(now, copy)) {
       decisions.claims.push_back({copy, NewClaim(nullptr, "new"), 0, "", false});
     } else if (claim != nullptr && claim->recorder != name_ && IsMovedHere(copy)) {
       const auto proof = view_.proofs.find(copy);
@@ -378,9 +406,6 @@ void RecorderState::DecideClaims(Tick now, Decisions& decisions) {
         decisions.claims.push_back({copy, NewClaim(claim, "moved"), claim->modRevision, "", true});
       }
     }
-  }
-  for (const std::string& camera : missing_) {
-    decisions.republished.push_back(camera);
   }
   if (now < heldBack_) {
     return;

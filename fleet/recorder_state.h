@@ -51,12 +51,12 @@ struct Decisions {
   std::map<CameraCopy, FleetCamera> record;
   std::vector<ClaimStep> claims;
   std::vector<ProofStep> proofs;
-  std::vector<std::string> republished;  // cameras that a restored engine does not know any more
-  bool leave = false;                    // the lease is to be given back
-  bool bePlanner = false;                // the planner's place is free
-  std::vector<PlannedMove> moves;        // the planner's
-  std::vector<CameraCopy> staleMoves;    // likewise, to be taken back
-  std::vector<std::string> gone;         // likewise, to be noted
+  std::vector<ClaimStep> republished;  // likewise, with cameras that a restored engine forgot
+  bool leave = false;                  // the lease is to be given back
+  bool bePlanner = false;              // the planner's place is free
+  std::vector<PlannedMove> moves;      // the planner's
+  std::vector<CameraCopy> staleMoves;  // likewise, to be taken back
+  std::vector<std::string> gone;       // likewise, to be noted
 };
 
 // For one thread. `now` never goes back.
@@ -95,8 +95,9 @@ class RecorderState {
     FleetCamera camera;
     bool up = false;
     std::optional<Tick> downSince;
-    std::optional<Tick> yields;  // since when it is somebody else's
-    std::optional<Tick> proven;  // since when that one is known to record
+    std::optional<Tick> yields;          // since when it is somebody else's
+    std::optional<Tick> proven;          // since when that one is known to record
+    std::optional<Tick> forgotten = {};  // since when the engine does not know whose it is
   };
   // A camera without a living holder.
   struct Awaiting {
@@ -113,6 +114,7 @@ class RecorderState {
   void MakePlan(Tick now);
   void Follow(Tick now);
   void FindOwn();
+  void NoteRestored(Tick now, const FleetView& before);
   void TakeUp(const CameraCopy& copy);
   bool IsOver(Tick now, const CameraCopy& copy, Place& place);
   bool Yields(Tick now, const CameraCopy& copy, Place& place) const;
@@ -139,6 +141,7 @@ class RecorderState {
   std::map<CameraCopy, Place> places_;  // what is recorded
   std::map<CameraCopy, FleetCamera> remembered_;
   std::set<std::string> missing_;  // cameras that a restored engine lacks
+  std::optional<Tick> restored_;   // when the engine was seen to be
   std::map<CameraCopy, Tick> tried_;
   std::map<CameraCopy, Tick> moveSeen_;
   std::map<CameraCopy, Awaiting> plan_;

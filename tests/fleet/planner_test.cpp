@@ -134,6 +134,21 @@ TEST(Planner, DeathMovesTheDeadOnesCamerasAloneAndSpreadsThem) {
   EXPECT_GT(MissingWithoutOne(Done(view)), 0u);
 }
 
+TEST(Planner, WhoseSettingsARestoredEngineLacksIsNotTakenForFullOrOfAnotherGroup) {
+  FleetView view;
+  for (const std::string name : {"me", "you"}) {
+    view.members[name] = {name, 1};
+    view.recorders[name] = {"north", 10, false};
+  }
+  for (const std::string name : {"a", "b", "c"}) {
+    view.cameras[name].group = "north";
+    view.claims[{name, 0}] = {"me", "", "new", 0, 1};
+  }
+  EXPECT_FALSE(PlanMoves(view, {"me", "you"}, 8, true).empty()) << "three and none are not even";
+  view.recorders.erase("me");  // it has not written them again yet
+  EXPECT_TRUE(PlanMoves(view, {"me", "you"}, 8, true).empty());
+}
+
 TEST(Planner, DrainEmptiesAndRebalancingEnds) {
   Random random(2);
   for (int round = 0; round < 30; ++round) {

@@ -184,9 +184,56 @@ TEST_F(StateTest, EmptyEngineStopsNothingAndGetsTheCamerasBack) {
   state_.Joined(now_, 2);
   const Decisions decisions = Pass(Tick{100});
   EXPECT_TRUE(decisions.record.contains({"of_me", 0}));
-  EXPECT_EQ(decisions.republished, std::vector<std::string>{"of_me"});
+  ASSERT_EQ(decisions.republished.size(), 1u);
+  EXPECT_EQ(decisions.republished[0].copy.camera, "of_me");
+  EXPECT_EQ(decisions.republished[0].claim.recorder, "me") << "no camera comes without its claim";
+  Write(CameraKey("of_me"), keys_[CameraKey("of_me")].value);
+  EXPECT_TRUE(state_.Decide(now_).republished.empty());
   Erase(CameraKey("of_me"));
   EXPECT_FALSE(Records("of_me")) << "that camera was deleted, and seen to be";
+}
+
+TEST_F(StateTest, EmptyEngineLeavesACameraThatWasMovingToWhoHadIt) {
+  const CameraCopy copy{"of_you", 0};
+  Write(MoveKey(copy), ValueOf(FleetMove{"you", "me", keys_[ClaimKey(copy)].modRevision, 0}));
+  EXPECT_TRUE(Records("of_you"));
+  state_.Loaded(now_, FleetView{}, 1);
+  state_.Joined(now_, 2);
+  state_.Recording(now_, copy, true);
+  Decisions decisions = Pass(Tick{20'000});  // longer than a recorder yields
+  EXPECT_TRUE(Records("of_you"));
+  EXPECT_EQ(decisions.republished.size(), 1u) << "of_me alone";
+  Write(CameraKey("of_you"), keys_[CameraKey("of_you")].value);
+  Write(ClaimKey(copy), Claim("you"));
+  Pass(Tick{3'000});
+  EXPECT_TRUE(Records("of_you")) << "until that one says that it records";
+  Write(ProofKey(copy), ValueOf(FleetProof{"you", keys_[ClaimKey(copy)].modRevision, true}));
+  Pass(Tick{1'500});
+  EXPECT_FALSE(Records("of_you"));
+  EXPECT_TRUE(claims_.empty());
+}
+
+TEST_F(StateTest, CameraThatARestoredEngineForgotIsItsOwnWhenNobodyComesForIt) {
+  const CameraCopy copy{"of_me", 0};
+  Write(ClaimKey(copy), Claim("you", "dead"));
+  Pass(Tick{1'000});
+  state_.Loaded(now_, FleetView{}, 1);
+  state_.Joined(now_, 2);
+  EXPECT_TRUE(Pass(Tick{29'000}).republished.empty());
+  EXPECT_EQ(Pass(Tick{2'000}).republished.size(), 1u);
+}
+
+TEST_F(StateTest, RestoredEnginesCameraWaitsForARecorderThatIsLateToClaimIt) {
+  state_.Loaded(now_, FleetView{}, 1);
+  state_.Joined(now_, 2);
+  Write(RecorderKey("me"), ValueOf(FleetRecorder{"", 10, false}));
+  Pass(Tick{9'000});
+  Write(CameraKey("of_she"), keys_[CameraKey("of_she")].value);
+  Pass(kTtl - Tick{500});
+  EXPECT_TRUE(claims_.empty());
+  Pass(Tick{1'500});
+  ASSERT_FALSE(claims_.empty());
+  EXPECT_EQ(claims_[0].copy.camera, "of_she");
 }
 
 TEST_F(StateTest, YieldsWhenTheOtherRecordsOrAfterEightSeconds) {

@@ -54,7 +54,7 @@ def check(fleet):
     expect(planned or min(counts(fleet)) >= 2, "there is nothing to even out")
     expect({each["from"] for each in planned} <= {"rec2"}, f"planned: {planned}")
     fleet.json("rebalance")
-    fleet.wait(lambda: min(counts(fleet)) >= 2, "not evened out")
+    fleet.wait(lambda: min(counts(fleet)) >= 2 and not fleet.json("moves")[0]["moves"], "not evened out")
     fleet.wait(lambda: fleet.run("status").returncode == 0, "evening out stopped a recording")
 
     saved, code = fleet.json("backup", f"{fleet.folder}/backup")
