@@ -23,6 +23,8 @@ struct EngineAccess {
   std::string user;  // empty: no login
   std::string password;
   std::shared_ptr<EngineCounts> counts = {};  // null: nobody asks
+  bool waitsLong =
+      false;  // for a person, who has no lease to keep: a slow disk's answer comes late
 };
 
 }  // namespace cms::fleet

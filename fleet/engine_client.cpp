@@ -2,6 +2,7 @@
 
 #include <curl/curl.h>
 
+#include <algorithm>
 #include <iterator>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
@@ -30,6 +31,12 @@ std::size_t AppendAnswer(char* bytes, std::size_t size, std::size_t count, void*
   }
   answer.append(bytes, size * count);
   return size * count;
+}
+
+std::chrono::milliseconds WaitOf(const EngineAccess& access) {
+  const auto part =
+      EngineClient::kLongWait / static_cast<int>(std::max<std::size_t>(access.members.size(), 1));
+  return access.waitsLong ? std::max(part, EngineClient::kMemberWait) : EngineClient::kMemberWait;
 }
 
 std::string KeyBody(std::string_view key, std::string_view rest = {}) {
@@ -70,7 +77,7 @@ std::string EndOfPrefix(std::string prefix) {
 }
 
 EngineClient::EngineClient(EngineAccess access)
-    : access_(std::move(access)), curl_(curl_easy_init()) {
+    : access_(std::move(access)), wait_(WaitOf(access_)), curl_(curl_easy_init()) {
   if (access_.members.empty() || curl_ == nullptr) {
     curl_easy_cleanup(HandleOf(curl_));
     throw std::runtime_error("the engine cannot be asked: name a member of it with --engine");
@@ -120,7 +127,7 @@ EngineClient::Outcome EngineClient::AskMember(const char* path, const std::strin
   curl_easy_setopt(curl, CURLOPT_WRITEDATA, answer);
   const bool login = std::string_view(path).ends_with("/authenticate");
   curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS,
-                   static_cast<long>((login ? kLoginWait : kMemberWait).count()));
+                   static_cast<long>((login ? std::max(kLoginWait, wait_) : wait_).count()));
   const CURLcode code = curl_easy_perform(curl);
   refused_ = false;
   if (access_.counts) {

@@ -14,13 +14,15 @@
 
 namespace cms::fleet {
 
-// For one thread, which waits for the answers: at most kMemberWait at each member, and the next one
-// is asked when one hangs, refuses the connection or has no leader. A request may have been done
-// although no answer came, so each is one that can be done twice. std::nullopt: nobody answered, or
-// the engine refused; Problem() says which.
+// For one thread, which waits for the answers: at most kMemberWait at each member, or its part of
+// kLongWait with an access that waits long, and the next one is asked when one hangs, refuses the
+// connection or has no leader. A request may have been done although no answer came, so each is one
+// that can be done twice. std::nullopt: nobody answered, or the engine refused; Problem() says
+// which.
 class EngineClient {
  public:
   static constexpr std::chrono::milliseconds kMemberWait{700};
+  static constexpr std::chrono::milliseconds kLongWait{10'000};  // at all members together
 
   explicit EngineClient(EngineAccess access);
   ~EngineClient();
@@ -66,6 +68,7 @@ class EngineClient {
   void Next() { member_ = (member_ + 1) % access_.members.size(); }
 
   const EngineAccess access_;
+  const std::chrono::milliseconds wait_;  // for an answer of one member
   void* const curl_;
   void* headers_ = nullptr;
   std::string url_;

@@ -66,6 +66,22 @@ TEST(EngineClient, NextMemberIsAskedWhereOneHangsHasNoLeaderOrIsNone) {
   EXPECT_EQ(hangs.Requests().size(), 1u);
 }
 
+TEST(EngineClient, WhoWaitsLongGetsTheAnswerOfASlowMemberAndOthersAskTheNext) {
+  const auto answer = ScriptedHttpServer::Ok(std::string("{") + kHeader + "}");
+  ScriptedHttpServer slow([&](const HttpRequestText&) {
+    std::this_thread::sleep_for(2 * EngineClient::kMemberWait);
+    return answer;
+  });
+  ScriptedHttpServer well([&](const HttpRequestText&) { return answer; });
+  EngineAccess access{{UrlOf(slow), UrlOf(well)}, "", "", "", "", ""};
+  access.waitsLong = true;
+  EXPECT_TRUE(EngineClient(access).Put("a", "b"));
+  EXPECT_TRUE(well.Requests().empty()) << "what is done once is not asked for twice";
+  access.waitsLong = false;
+  EXPECT_TRUE(EngineClient(access).Put("a", "b"));
+  EXPECT_EQ(well.Requests().size(), 1u);
+}
+
 TEST(EngineClient, ForgottenLoginIsMadeAnewAndRefusalsAreNotRepeated) {
   std::atomic<int> logins = 0;
   ScriptedHttpServer server([&](const HttpRequestText& request) {

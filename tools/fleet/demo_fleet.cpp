@@ -44,7 +44,9 @@ DemoFleet::DemoFleet(std::string folder, int recorders, int cameras, DemoNeeds n
   }
   engine_ =
       std::make_unique<DemoEngine>(folder_, network_ ? network_->EngineAddress() : "127.0.0.1");
-  client_ = std::make_unique<cms::fleet::EngineClient>(engine_->Access());
+  cms::fleet::EngineAccess access = engine_->Access();
+  access.waitsLong = true;
+  client_ = std::make_unique<cms::fleet::EngineClient>(std::move(access));
   StartCameras(cameras);
   MakeFleet();
   for (int i = 1; i <= recorders; ++i) {

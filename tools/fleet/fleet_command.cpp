@@ -42,6 +42,7 @@ std::string ReadFirstLine(const std::string& path) {
 EngineAccess AccessOf(const FleetArguments& arguments) {
   EngineAccess access{arguments.engine, arguments.ca,    arguments.certificate,
                       arguments.key,    arguments.login, ""};
+  access.waitsLong = true;
   const char* members = std::getenv("ORVANTA_FLEET_ENGINE");
   if (access.members.empty() && members != nullptr) {
     std::istringstream list(members);

@@ -41,6 +41,7 @@ class EngineIsAway : public std::runtime_error {
 
 void AddEngineOptions(Command command, FleetArguments& arguments);
 void AddFleetJson(Command command, FleetArguments& arguments);
+// Of a command, which waits long for an answer.
 cms::fleet::EngineAccess AccessOf(const FleetArguments& arguments);
 
 // Everything that the engine has, a fleet or not; throws EngineIsAway.

@@ -89,6 +89,7 @@ int RunRecorder(const RunArguments& arguments, bool settingsGiven) {
   }
   cms::fleet::FleetRunOptions options;
   options.engine = AccessOf(arguments.fleet);
+  options.engine.waitsLong = false;
   options.name = arguments.name;
   options.folder = std::filesystem::absolute(arguments.data).lexically_normal().string();
   options.settings = {arguments.group, arguments.capacity, false};
