@@ -4,6 +4,7 @@
 Usage: fleet_commands_test.py ORVANTA_FLEET
 """
 
+import http.server
 import json
 import os
 import shutil
@@ -11,7 +12,9 @@ import socket
 import subprocess
 import sys
 import tempfile
+import threading
 import time
+import urllib.request
 
 from fleet_recordings_test import memory
 
@@ -43,7 +46,8 @@ class Fleet:
         rest = arguments[1:]
         if arguments[0] == "camera":
             words, rest = list(arguments[:2]), arguments[2:]
-        return subprocess.run([self.program, *words, "--engine", self.url, *rest], env=ENVIRONMENT, timeout=60,
+        engine = () if "--engine" in rest else ("--engine", self.url)
+        return subprocess.run([self.program, *words, *engine, *rest], env=ENVIRONMENT, timeout=60,
                               capture_output=True, text=True, check=False)
 
     def json(self, *arguments):
@@ -94,9 +98,86 @@ def check(fleet):
     expect(sorted(each["site"] for each in cameras["cameras"]) == [1, 2], "the site numbers changed")
     expect(fleet.run("camera", "remove", "gate").returncode == 0 and fleet.run("camera", "remove", "gate").returncode == 1,
            "removing")
+    check_lost_answer(fleet)
     fleet.engine.kill()
     fleet.engine.wait()
     expect(fleet.run("status").returncode == 2, "the engine is dead, and the status does not say so")
+
+
+class LostAnswers(http.server.BaseHTTPRequestHandler):
+    """A member that does what it is asked for, and whose answer to what changes something never comes."""
+
+    def do_POST(self):
+        body = self.rfile.read(int(self.headers["Content-Length"]))
+        with urllib.request.urlopen(urllib.request.Request(self.server.engine + self.path, body)) as answered:
+            answer = answered.read()
+        if self.path.endswith("/txn"):
+            self.server.lost += 1
+            self.server.ends.wait()
+            return
+        self.send_response(200)
+        self.send_header("Content-Length", str(len(answer)))
+        self.end_headers()
+        self.wfile.write(answer)
+
+    def log_message(self, *_):
+        pass
+
+
+def check_lost_answer(fleet):
+    with http.server.ThreadingHTTPServer(("127.0.0.1", 0), LostAnswers) as member:
+        member.engine, member.lost, member.ends = fleet.url, 0, threading.Event()
+        threading.Thread(target=member.serve_forever).start()
+        try:
+            members = f"http://127.0.0.1:{member.server_port},{fleet.url},{fleet.url}"
+            added = fleet.run("camera", "add", "late", "--url", "rtsp://192.0.2.3/", "--engine", members)
+            expect(added.returncode == 0 and member.lost == 1, f"{member.lost} lost: {added.stderr}")
+        finally:
+            member.ends.set()
+            member.shutdown()
+    numbers = [each["site"] for each in fleet.json("cameras")[0]["cameras"] if each["camera"] == "late"]
+    expect(numbers == [3], f"it was added as {numbers}")
+
+
+def check_private_folders(fleet):
+    """Passwords are in them: what a recorder that was killed left goes with the next one's start, and no other goes."""
+    memory_folder = f"{fleet.folder}/memory"
+    os.mkdir(memory_folder)
+    os.mkdir(f"{fleet.folder}/elsewhere")
+    os.symlink(f"{fleet.folder}/elsewhere", f"{memory_folder}/orvanta-fleet-linked")
+    os.mkdir(f"{memory_folder}/orvanta-fleet-of-others")
+    foreign = set(os.listdir(memory_folder))
+    running = {}
+
+    def own():
+        return set(os.listdir(memory_folder)) - foreign
+
+    def start(name):
+        before = own()
+        running[name] = subprocess.Popen(
+            [fleet.program, "run", "--engine", fleet.url, "--secret-key", f"{fleet.folder}/key", "--name", name,
+             "--data", f"{fleet.folder}/{name}"],
+            env=dict(ENVIRONMENT, RUNTIME_DIRECTORY=memory_folder), stdout=fleet.log, stderr=fleet.log)
+        until = time.time() + 60
+        while not any(os.path.exists(f"{memory_folder}/{made}/recorder.toml") for made in own() - before):
+            expect(time.time() < until, f"{name} makes no folder: {own()}")
+            time.sleep(0.05)
+        return (own() - before).pop()
+
+    try:
+        killed, lives = start("killed"), start("lives")
+        running["killed"].kill()
+        running["killed"].wait()
+        expect(own() == {killed, lives}, f"there are {own()}")
+        later = start("later")
+        expect(own() == {lives, later}, f"{killed} was left, or more removed than that: {own()}")
+    finally:
+        for process in running.values():
+            process.terminate()
+        for process in running.values():
+            process.wait(60)
+    expect(not own(), f"left behind: {own()}")
+    expect(foreign <= set(os.listdir(memory_folder)) and os.path.isdir(f"{fleet.folder}/elsewhere"), "too much is gone")
 
 
 def main():
@@ -107,6 +188,7 @@ def main():
         fleet = Fleet(sys.argv[1], folder)
         try:
             check(fleet)
+            check_private_folders(fleet)
         except AssertionError as wrong:
             print(wrong)
             return 1

@@ -8,12 +8,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <nlohmann/json.hpp>
 #include <sstream>
-#include <stdexcept>
 #include <utility>
 
 #include "cms/runtime/log.h"
@@ -30,17 +28,6 @@ constexpr int kStatusWait = 300;  // milliseconds
 constexpr std::chrono::seconds kStartAgain{1};
 constexpr std::chrono::seconds kLongestSilence{10};
 constexpr std::int64_t kDiskIsStuck = 2'500;  // milliseconds that something waits to be written
-
-std::string MakePrivateFolder() {
-  const char* runtime = std::getenv("RUNTIME_DIRECTORY");
-  std::string path = std::string(runtime != nullptr && *runtime != '\0' ? runtime : "/dev/shm") +
-                     "/orvanta-fleet-XXXXXX";
-  if (mkdtemp(path.data()) == nullptr) {
-    throw std::runtime_error(path + ": no folder can be made there: " + std::strerror(errno) +
-                             "; set RUNTIME_DIRECTORY to one in memory");
-  }
-  return path;
-}
 
 // Of `extra`, which is judged by the recorder itself.
 std::vector<std::string> DiskPathsOf(const std::string& extra) {
@@ -100,23 +87,18 @@ std::string RecorderConfigText(const std::string& folder, const std::string& ext
 }
 
 RecorderProcess::RecorderProcess(std::string folder, std::string extra)
-    : folder_(std::move(folder)),
-      extra_(std::move(extra)),
-      configFolder_(MakePrivateFolder()),
-      probe_(folder_) {
+    : folder_(std::move(folder)), extra_(std::move(extra)), probe_(folder_) {
   WriteConfig({});
   Start();
 }
 
 RecorderProcess::~RecorderProcess() {
-  process_.reset();
-  std::error_code ignored;
-  std::filesystem::remove_all(configFolder_, ignored);
+  process_.reset();  // before what it reads
 }
 
 void RecorderProcess::WriteConfig(const std::vector<RecordedCamera>& cameras) {
   const std::string text = RecorderConfigText(folder_, extra_, cameras);
-  const std::string path = configFolder_ + "/recorder.toml";
+  const std::string path = config_.Path() + "/recorder.toml";
   const std::string fresh = path + ".new";
   const int file = open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
   const bool written =
@@ -137,7 +119,7 @@ void RecorderProcess::Start() {
   process_.reset();
   process_ = std::make_unique<ChildProcess>(
       std::vector<std::string>{ProgramBeside("orvanta"), "record", "--config",
-                               configFolder_ + "/recorder.toml"},
+                               config_.Path() + "/recorder.toml"},
       ChildOptions{});
 }
 

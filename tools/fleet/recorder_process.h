@@ -9,6 +9,7 @@
 #include "fleet/camera_recorder.h"
 #include "tools/fleet/child_process.h"
 #include "tools/fleet/disk_probe.h"
+#include "tools/fleet/private_folder.h"
 
 namespace tools {
 
@@ -33,7 +34,7 @@ class RecorderProcess : public cms::fleet::CameraRecorder {
 
   const std::string folder_;
   const std::string extra_;
-  std::string configFolder_;
+  const PrivateFolder config_;
   std::unique_ptr<ChildProcess> process_;
   Clock::time_point started_;
   Clock::time_point lastAnswer_;
