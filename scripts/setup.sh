@@ -22,8 +22,9 @@ play_packages=(
   gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad
   gstreamer1.0-plugins-ugly gstreamer1.0-libav
 )
-# The tests and their peers.
-test_packages=("${build_packages[@]}" "${view_packages[@]}" "${play_packages[@]}" libgtest-dev libgmock-dev ffmpeg sox python3 curl openssl iproute2 procps
+# What the tests are built with, and with their peers.
+test_build_packages=("${build_packages[@]}" "${view_packages[@]}" libgtest-dev libgmock-dev)
+test_packages=("${test_build_packages[@]}" "${play_packages[@]}" ffmpeg sox python3 curl openssl iproute2 procps
   dpkg-dev chromium chromium-driver firefox-esr python3-selenium mosquitto etcd-server etcd-client xvfb xauth xdotool)
 # The slower checks of .ci/run.
 # shellcheck disable=SC2034
@@ -84,6 +85,21 @@ install_packages() {
       die "installing failed (log: $log); as root: apt-get install ${missing[*]}"
     fi
   ) 8>"$root/build/.setup.lock"
+}
+
+# while_installing PACKAGE... -- COMMAND...: installs packages while a command runs that needs none of them,
+# the compiler as a rule; ends the script when one of the two fails.
+while_installing() {
+  local packages=() failed=0
+  while [[ $1 != -- ]]; do
+    packages+=("$1")
+    shift
+  done
+  shift
+  install_packages "${packages[@]}" &
+  ("$@") || failed=$?
+  wait $! || exit 1
+  ((failed == 0)) || exit "$failed"
 }
 
 # build_preset PRESET [-DNAME=VALUE...] [--target TARGET...]: configures and builds build/PRESET with all

@@ -93,6 +93,9 @@ if os.geteuid() != 0:
     print("skipped: only root can make a disk that dies")
     sys.exit(SKIPPED)
 if sys.argv[2:] != ["--inside"]:
+    if subprocess.run(["unshare", "--mount", "true"], stderr=subprocess.DEVNULL, check=False).returncode != 0:
+        print("a mount namespace cannot be made here")  # as in a chroot
+        sys.exit(SKIPPED)
     # What is mounted there ends with it.
     os.execvp("unshare", ["unshare", "--mount", sys.executable, __file__, PROGRAM, "--inside"])
 with tempfile.TemporaryDirectory(ignore_cleanup_errors=True) as folder:
