@@ -71,6 +71,11 @@ Holders HoldersOf(const FleetView& view) {
   return holders;
 }
 
+std::size_t CountOf(const Holders& holders, const std::string& name) {
+  return static_cast<std::size_t>(std::count_if(
+      holders.begin(), holders.end(), [&](const auto& held) { return held.second == name; }));
+}
+
 bool IsAllProven(const FleetView& view) {
   const auto copies = view.Copies();
   return !copies.empty() && std::all_of(copies.begin(), copies.end(), [&](const CameraCopy& copy) {
@@ -84,7 +89,8 @@ class Demo {
   explicit Demo(const DemoArguments& arguments)
       : arguments_(arguments),
         fleet_(arguments.keep, arguments.recorders, arguments.cameras,
-               {arguments.Has("cut") || arguments.Has("alone"), arguments.Has("frozen")}) {}
+               {arguments.Has("cut") || arguments.Has("alone"), arguments.Has("frozen"),
+                arguments.Has("disks")}) {}
 
   int Run();
 
@@ -106,6 +112,9 @@ class Demo {
   void PowerFails();
   void CutOff(bool fromAll);
   void DiskFreezes();
+  void OneOfTwoDisksFreezes();
+  void Freeze(DemoStep step, DemoDisk& disk, const std::string& name, const Holders& before);
+  void GiveCameras(const std::string& name, std::size_t count);
   void Restart();
   void Drain();
   void Report();
@@ -363,18 +372,59 @@ void Demo::CutOff(bool fromAll) {
 void Demo::DiskFreezes() {
   const std::string name = DemoFleet::kFreezing;
   const Holders before = HoldersOf(fleet_.View().value_or(FleetView{}));
-  const auto cameras = static_cast<std::size_t>(std::count_if(
-      before.begin(), before.end(), [&](const auto& held) { return held.second == name; }));
+  const std::size_t cameras = CountOf(before, name);
   DemoStep step =
       Begin("frozen",
             "the disk of " + name + " stands still for " + std::to_string(kFrozenFor.count()) +
                 " s, with " + std::to_string(cameras) + " cameras",
             cameras);
-  fleet_.Disk().Freeze();
+  Freeze(std::move(step), fleet_.Disk(), name, before);
+}
+
+void Demo::Freeze(DemoStep step, DemoDisk& disk, const std::string& name, const Holders& before) {
+  disk.Freeze();
   WaitTaken(step, name);
   std::this_thread::sleep_until(begun_ + kFrozenFor);
-  fleet_.Disk().Thaw();
+  if (const auto view = fleet_.View(); view && view->Lives(name)) {
+    throw std::runtime_error(name + " came back while its disk stood still");
+  }
+  disk.Thaw();
   Finish(std::move(step), before);
+}
+
+// One on each disk. It leaves with both of them.
+void Demo::OneOfTwoDisksFreezes() {
+  const std::string name = DemoFleet::kTwoDisks;
+  GiveCameras(name, 2);
+  const Holders before = HoldersOf(fleet_.View().value_or(FleetView{}));
+  const std::size_t cameras = CountOf(before, name);
+  DemoStep step = Begin("disks",
+                        "one of the two disks of " + name + " stands still for " +
+                            std::to_string(kFrozenFor.count()) + " s, with " +
+                            std::to_string(cameras) + " cameras on both",
+                        cameras);
+  Freeze(std::move(step), fleet_.SecondDisk(), name, before);
+}
+
+// Until it has so many.
+void Demo::GiveCameras(const std::string& name, std::size_t count) {
+  const auto view = fleet_.View();
+  const auto lease = fleet_.Client().Grant(static_cast<int>(kLongestStep.count()));
+  std::size_t held = CountOf(HoldersOf(view.value_or(FleetView{})), name);
+  for (const auto& [copy, claim] : view ? view->claims : FleetView{}.claims) {
+    if (held < count && lease && claim.recorder != name) {
+      fleet_.Client().Put(
+          MoveKey(copy), ValueOf(cms::fleet::FleetMove{claim.recorder, name, claim.modRevision, 0}),
+          lease->lease);
+      ++held;
+    }
+  }
+  if (!fleet_.WaitFor(kLongestStep, [&](const FleetView& now) {
+        return CountOf(HoldersOf(now), name) >= count && IsAllProven(now);
+      })) {
+    throw std::runtime_error(name + " does not get " + std::to_string(count) + " cameras");
+  }
+  WaitForStop(kSettle);
 }
 
 void Demo::Restart() {
@@ -464,6 +514,7 @@ int Demo::Run() {
       {"cut", [this] { CutOff(false); }},
       {"alone", [this] { CutOff(true); }},
       {"frozen", [this] { DiskFreezes(); }},
+      {"disks", [this] { OneOfTwoDisksFreezes(); }},
       {"restart", [this] { Restart(); }},
       {"drain", [this] { Drain(); }}};
   Start();
@@ -493,10 +544,10 @@ void AddFleetDemoCommand(Command app, FleetResult& result) {
   command
       .AddOption("--steps", arguments->steps,
                  "kill, hang, engine, empty, snapshot, members, minority, both, power, restart, "
-                 "drain; as root also cut, alone, frozen [kill,hang,engine,drain]")
+                 "drain; as root also cut, alone, frozen, disks [kill,hang,engine,drain]")
       .List()
       .OneOf({"kill", "hang", "engine", "empty", "snapshot", "members", "minority", "both", "power",
-              "restart", "drain", "cut", "alone", "frozen"});
+              "restart", "drain", "cut", "alone", "frozen", "disks"});
   command.AddOption("--folder", arguments->keep, "keep recordings and logs here").TypeName("DIR");
   command.AddFlag("--json", arguments->json, "print one JSON object");
   RunFleetJob(command, result, [arguments] { return Demo(*arguments).Run(); });

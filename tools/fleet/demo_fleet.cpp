@@ -42,6 +42,12 @@ DemoFleet::DemoFleet(std::string folder, int recorders, int cameras, DemoNeeds n
   if (needs.disk) {
     disk_ = std::make_unique<DemoDisk>(folder_ + "/" + kFreezing);
   }
+  if (needs.second) {
+    const std::string first = folder_ + "/" + kTwoDisks;
+    second_ = std::make_unique<DemoDisk>(first + "-second");
+    std::ofstream(first + ".toml") << "[[disks]]\npath = \"" << first << "\"\n"
+                                   << "[[disks]]\npath = \"" << first << "-second\"\n";
+  }
   engine_ =
       std::make_unique<DemoEngine>(folder_, network_ ? network_->EngineAddress() : "127.0.0.1");
   cms::fleet::EngineAccess access = engine_->Access();
@@ -66,6 +72,7 @@ DemoFleet::~DemoFleet() {
   cameraProcess_.reset();
   engine_.reset();
   disk_.reset();
+  second_.reset();
   if (removesFolder_) {
     std::error_code ignored;
     std::filesystem::remove_all(folder_, ignored);
@@ -136,6 +143,9 @@ void DemoFleet::StartRecorder(const std::string& name) {
                                    folder_ + "/secret.key",
                                    "--capacity",
                                    std::to_string(kDemoCapacity)};
+  if (second_ && name == kTwoDisks) {
+    command.insert(command.end(), {"--config", folder_ + "/" + name + ".toml"});
+  }
   if (network_) {
     const auto inside = network_->Inside(name);
     command.insert(command.begin(), inside.begin(), inside.end());

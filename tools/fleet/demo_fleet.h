@@ -21,12 +21,14 @@ namespace tools {
 struct DemoNeeds {
   bool network = false;  // a namespace for each recorder
   bool disk = false;     // one of its own for kFreezing
+  bool second = false;   // likewise for kTwoDisks, beside the one that it has
 };
 
 // For one thread. Everything ends with it; its folder is removed unless it was given.
 class DemoFleet {
  public:
   static constexpr char kFreezing[] = "rec1";
+  static constexpr char kTwoDisks[] = "rec2";
   using Clock = std::chrono::steady_clock;
 
   // Throws std::runtime_error where a program is missing or does not start.
@@ -45,6 +47,7 @@ class DemoFleet {
   DemoEngine& Engine() { return *engine_; }
   DemoNetwork& Network() { return *network_; }  // with `network`
   DemoDisk& Disk() { return *disk_; }           // with `disk`
+  DemoDisk& SecondDisk() { return *second_; }   // with `second`
   // Of the engine and the other recorders, with `network`.
   std::vector<std::string> AllBut(const std::string& name) const;
   std::optional<cms::fleet::FleetView> View();
@@ -66,6 +69,7 @@ class DemoFleet {
   std::vector<std::string> urls_;
   std::unique_ptr<DemoNetwork> network_;
   std::unique_ptr<DemoDisk> disk_;
+  std::unique_ptr<DemoDisk> second_;
   std::unique_ptr<DemoEngine> engine_;
   std::unique_ptr<ChildProcess> cameraProcess_;
   std::map<std::string, std::unique_ptr<ChildProcess>> recorders_;

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <pthread.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
@@ -38,16 +39,26 @@ bool StoreProbe(const std::string& path) {
   return stored;
 }
 
+// Without its disk the folder is another one's.
+bool HasDisk(const std::string& mount) {
+  struct stat its {};
+  struct stat above {};
+  return mount.empty() ||
+         (stat(mount.c_str(), &its) == 0 && stat((mount + "/..").c_str(), &above) == 0 &&
+          its.st_dev != above.st_dev);
+}
+
 }  // namespace
 
-DiskProbe::DiskProbe(std::string folder) {
-  std::thread([path = std::move(folder) + "/fleet.probe", shared = shared_] {
+DiskProbe::DiskProbe(std::string folder, std::string mount, Failing failing) {
+  std::thread([path = std::move(folder) + "/fleet.probe", mount = std::move(mount), failing,
+               shared = shared_] {
     pthread_setname_np(pthread_self(), "fleet-disk");
     while (!shared->ends) {
       if (shared->since == 0) {
         shared->since = SteadyMilliseconds();
       }
-      if (StoreProbe(path)) {
+      if (!HasDisk(mount) || StoreProbe(path) || failing == Failing::kIsNoWait) {
         shared->since = 0;
       }
       std::this_thread::sleep_for(kProbeAgain);

@@ -13,7 +13,11 @@ namespace tools {
 // hangs lets go of nobody: it ends once this is gone and the disk lets it.
 class DiskProbe {
  public:
-  explicit DiskProbe(std::string folder);  // the block is in its file fleet.probe
+  enum class Failing { kWaits, kIsNoWait };  // a disk that refuses the block
+
+  // The block is in the folder's file fleet.probe. Where `mount` is not empty, only while a disk is
+  // mounted there.
+  DiskProbe(std::string folder, std::string mount, Failing failing);
   ~DiskProbe();
   DiskProbe(const DiskProbe&) = delete;
   DiskProbe& operator=(const DiskProbe&) = delete;

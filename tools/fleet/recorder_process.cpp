@@ -29,31 +29,42 @@ constexpr std::chrono::seconds kStartAgain{1};
 constexpr std::chrono::seconds kLongestSilence{10};
 constexpr std::int64_t kDiskIsStuck = 2'500;  // milliseconds that something waits to be written
 
+struct DataDisk {
+  std::string path;
+  std::string mount;  // empty: no disk has to be mounted
+};
+
 // Of `extra`, which is judged by the recorder itself.
-std::vector<std::string> DiskPathsOf(const std::string& extra) {
-  std::vector<std::string> paths;
+std::vector<DataDisk> DisksOf(const std::string& extra) {
+  std::vector<DataDisk> disks;
+  const auto text = [](const toml::table& table, const char* name) {
+    const auto path = table[name].value<std::string>();
+    return path ? std::filesystem::absolute(*path).lexically_normal().string() : "";
+  };
   try {
     const toml::table file = toml::parse(extra);
-    if (const toml::array* disks = file["disks"].as_array()) {
-      for (const toml::node& disk : *disks) {
+    if (const toml::array* list = file["disks"].as_array()) {
+      for (const toml::node& disk : *list) {
         const auto* table = disk.as_table();
-        const auto path = table ? (*table)["path"].value<std::string>() : std::nullopt;
-        if (path) {
-          paths.push_back(std::filesystem::absolute(*path).lexically_normal().string());
+        if (table != nullptr && table->contains("path")) {
+          disks.push_back({text(*table, "path"), text(*table, "mount")});
         }
       }
     }
   } catch (const toml::parse_error&) {
-    paths.clear();
+    disks.clear();
   }
-  return paths;
+  return disks;
 }
 
 }  // namespace
 
 std::vector<std::string> DataFoldersOf(const std::string& folder, const std::string& extra) {
-  const std::vector<std::string> disks = DiskPathsOf(extra);
-  return disks.empty() ? std::vector<std::string>{folder} : disks;
+  std::vector<std::string> folders;
+  for (const DataDisk& disk : DisksOf(extra)) {
+    folders.push_back(disk.path);
+  }
+  return folders.empty() ? std::vector<std::string>{folder} : folders;
 }
 
 std::string RecorderConfigText(const std::string& folder, const std::string& extra,
@@ -76,7 +87,7 @@ std::string RecorderConfigText(const std::string& folder, const std::string& ext
     sites.push_back(std::move(site));
   }
   std::ostringstream text;
-  if (DiskPathsOf(extra).empty()) {
+  if (DisksOf(extra).empty()) {
     text << toml::table{{"data", folder}} << "\n";
   }
   text << extra << "\n";
@@ -87,7 +98,14 @@ std::string RecorderConfigText(const std::string& folder, const std::string& ext
 }
 
 RecorderProcess::RecorderProcess(std::string folder, std::string extra)
-    : folder_(std::move(folder)), extra_(std::move(extra)), probe_(folder_) {
+    : folder_(std::move(folder)), extra_(std::move(extra)) {
+  probes_.push_back(std::make_unique<DiskProbe>(folder_, "", DiskProbe::Failing::kWaits));
+  const std::vector<DataDisk> disks = DisksOf(extra_);
+  for (std::size_t i = 1; i < disks.size(); ++i) {
+    // From one that fails the recorder has its sites go on on another one.
+    probes_.push_back(
+        std::make_unique<DiskProbe>(disks[i].path, disks[i].mount, DiskProbe::Failing::kIsNoWait));
+  }
   WriteConfig({});
   Start();
 }
@@ -109,6 +127,14 @@ void RecorderProcess::WriteConfig(const std::vector<RecordedCamera>& cameras) {
     cms::Log(cms::LogLevel::kError, "fleet",
              path + " cannot be written, the cameras stay as they were: " + std::strerror(error));
   }
+}
+
+std::int64_t RecorderProcess::LongestWait() const {
+  std::int64_t longest = 0;
+  for (const auto& probe : probes_) {
+    longest = std::max(longest, probe->Waits());
+  }
+  return longest;
 }
 
 void RecorderProcess::Start() {
@@ -147,7 +173,7 @@ CameraRecorderStatus RecorderProcess::Status() {
     answer = nullptr;  // it is starting, or has much to do, or hangs
   }
   if (!answer.is_object() || !answer.contains("sites")) {
-    status.isStuck = Clock::now() - lastAnswer_ > kLongestSilence || probe_.Waits() >= kDiskIsStuck;
+    status.isStuck = Clock::now() - lastAnswer_ > kLongestSilence || LongestWait() >= kDiskIsStuck;
     return status;
   }
   answered_ = true;
@@ -166,7 +192,7 @@ CameraRecorderStatus RecorderProcess::Status() {
         std::max(status.oldestWaiting, site.value("oldest_waiting_ms", std::int64_t{0}));
   }
   // With few cameras nothing is to be written for seconds, and none once others have them.
-  status.oldestWaiting = std::max(status.oldestWaiting, probe_.Waits());
+  status.oldestWaiting = std::max(status.oldestWaiting, LongestWait());
   status.isStuck = status.oldestWaiting >= kDiskIsStuck;
   return status;
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -31,6 +32,7 @@ class RecorderProcess : public cms::fleet::CameraRecorder {
 
   void WriteConfig(const std::vector<cms::fleet::RecordedCamera>& cameras);
   void Start();
+  std::int64_t LongestWait() const;
 
   const std::string folder_;
   const std::string extra_;
@@ -38,7 +40,7 @@ class RecorderProcess : public cms::fleet::CameraRecorder {
   std::unique_ptr<ChildProcess> process_;
   Clock::time_point started_;
   Clock::time_point lastAnswer_;
-  DiskProbe probe_;
+  std::vector<std::unique_ptr<DiskProbe>> probes_;  // of its disks
   bool answered_ = false;  // since its start: it listens to SIGHUP from then on
   bool unread_ = false;    // the file was written since it was read
 };
