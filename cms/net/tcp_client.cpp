@@ -52,7 +52,6 @@ int TCPClientBase::OnInitialVariable(tTcpClientParam param) {
   impl_->connected.store(0, std::memory_order_relaxed);
   impl_->remoteAddress = 0;
   impl_->remotePort = 0;
-  impl_->recvScratch.reset();
   impl_->sendScratch.reset();
   CloseSocket();
   return OnAllocateMemory();
@@ -70,8 +69,6 @@ int TCPClientBase::OnAllocateMemory() {
           0) {
     return 0;
   }
-  impl_->recvScratch.reset(
-      new (std::nothrow) char[static_cast<std::size_t>(impl_->param.recvChunkSize)]());
   impl_->sendScratch.reset(
       new (std::nothrow) char[static_cast<std::size_t>(impl_->param.sendChunkSize)]());
   ScopeLock lock(impl_->sendLock);
@@ -79,8 +76,7 @@ int TCPClientBase::OnAllocateMemory() {
   impl_->sendRingUsed = 0;
   impl_->pendingSendLength = 0;
   impl_->sendRingSize = static_cast<int>(ring);
-  if (impl_->recvScratch == nullptr || impl_->sendScratch == nullptr ||
-      impl_->sendRing == nullptr ||
+  if (impl_->sendScratch == nullptr || impl_->sendRing == nullptr ||
       impl_->sendRing->AllocateBuffer(impl_->param.sendQueueDepth, impl_->param.sendChunkSize) ==
           0) {
     impl_->sendRing.reset();
@@ -92,7 +88,6 @@ int TCPClientBase::OnAllocateMemory() {
 int TCPClientBase::OnReleaseMemory() {
   impl_->recvQueue.StopBuffer();
   impl_->recvQueue.ReleaseBuffer();
-  impl_->recvScratch.reset();
   impl_->sendScratch.reset();
   ScopeLock lock(impl_->sendLock);
   impl_->sendRing.reset();

@@ -19,11 +19,12 @@ constexpr std::chrono::milliseconds kPauseAfterEnd{20};
 void TCPClientBase::TCPClientRecvThrd(TCPClientBase* client) {
   Impl& impl = *client->impl_;
   const int chunk = impl.param.recvChunkSize;
+  char* const scratch = impl.RecvScratch();
   while (impl.running.load(std::memory_order_relaxed) != 0) {
     if (!cms::WaitSocket(impl.Socket(), POLLIN, kWaitMilliseconds)) {
       continue;
     }
-    const int got = client->Recv(impl.Socket(), impl.recvScratch.get(), chunk);
+    const int got = client->Recv(impl.Socket(), scratch, chunk);
     if (got < 1) {
       std::this_thread::sleep_for(kPauseAfterEnd);
       impl.connected.store(0, std::memory_order_relaxed);
@@ -31,11 +32,11 @@ void TCPClientBase::TCPClientRecvThrd(TCPClientBase* client) {
       return;
     }
     if (impl.param.recvCallback != nullptr) {
-      impl.param.recvCallback(impl.recvScratch.get(), got, impl.param.recvContext);
+      impl.param.recvCallback(scratch, got, impl.param.recvContext);
     } else {
-      impl.recvQueue.Write(impl.recvScratch.get(), got, 1);
+      impl.recvQueue.Write(scratch, got, 1);
     }
-    std::memset(impl.recvScratch.get(), 0, static_cast<std::size_t>(chunk));
+    std::memset(scratch, 0, static_cast<std::size_t>(chunk));
   }
 }
 

@@ -174,7 +174,7 @@ int UDPClientBase::OnRecvNB(char* buffer, int size) {
 }
 
 int UDPClientBase::SetRecvSocketBuffer(int bytes) {
-  return impl_->SetBufferOption(SO_RCVBUFFORCE, SO_RCVBUF, bytes) ? 1 : 0;
+  return impl_->SetReceiveBuffer(bytes) ? 1 : 0;
 }
 
 int UDPClientBase::SetSendSocketBuffer(int bytes) {

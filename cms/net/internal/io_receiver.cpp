@@ -2,6 +2,7 @@
 
 #include <poll.h>
 
+#include <algorithm>
 #include <ctime>
 #include <utility>
 
@@ -36,7 +37,7 @@ void EachClientRecvManager::run() {
       UpdateSet();
     }
     if (result.moved && !result.burst) {
-      PauseUntil(start + (result.datagrams ? kDatagramInterval : kStreamInterval));
+      PauseUntil(start + result.rest);
     }
   }
 }
@@ -53,9 +54,9 @@ EachClientRecvManager::PassResult EachClientRecvManager::Dispatch() {
       continue;  // unregistered by a step before, or given another socket
     }
     const StepInProgress<cms::SocketEndpoint>::Scope running(step_, entry->endpoint);
-    const bool overUdp = entry->endpoint->GetTransport() == cms::SocketEndpoint::Transport::kUdp;
+    const auto rest = entry->endpoint->Rest();
     const cms::SocketEndpoint::Received taken = entry->endpoint->ReceiveStep();
-    result.datagrams = result.datagrams || overUdp;
+    result.rest = std::min(result.rest, rest);
     result.moved = result.moved || taken.bytes > 0;
     if (entry->endpoint == nullptr) {
       continue;  // unregistered by its own step; the client may be gone

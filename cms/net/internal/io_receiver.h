@@ -5,17 +5,12 @@
 
 #include "cms/net/internal/io_thread.h"
 
-// Waits for readability and calls the receive steps, in the order of the list.
+// Waits for readability and calls the receive steps, in the order of the list. After a pass that
+// moved data the next wait begins no earlier than the shortest rest of those that had some after
+// that pass began to wait. The first data after a rest, and everything while a burst lasts, is
+// taken at once.
 class EachClientRecvManager final : public EachClientSRManager {
  public:
-  // After a pass that moved data the next wait begins no earlier than this long after that pass
-  // began to wait. Packets of many cameras trickle in one by one; taking them in batches saves most
-  // of the waits and wake-ups, and adds little to a picture interval of 33 ms. The first data after
-  // a rest, and everything while a burst lasts, is taken at once. Datagrams rest for less: what
-  // their socket has no room for is lost, where a connection holds the camera back.
-  static constexpr std::chrono::microseconds kDatagramInterval{2000};
-  static constexpr std::chrono::microseconds kStreamInterval{5000};
-
   explicit EachClientRecvManager(int group);
   ~EachClientRecvManager() override;
 
@@ -31,8 +26,8 @@ class EachClientRecvManager final : public EachClientSRManager {
 
   struct PassResult {
     bool moved = false;
-    bool datagrams = false;
     bool burst = false;
+    std::chrono::microseconds rest = cms::SocketEndpoint::kLongRest;
   };
   PassResult Dispatch() CMS_REQUIRES(lock_);
   void PauseUntil(std::chrono::steady_clock::time_point time);

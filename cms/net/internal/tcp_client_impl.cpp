@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <vector>
 
 #include "cms/net/internal/socket_io.h"
 
@@ -16,6 +17,14 @@ constexpr int kBurstBytes = 64 * 1024;
 constexpr int kSendsPerStep = 64;
 
 }  // namespace
+
+char* TCPClientBase::Impl::RecvScratch() const {
+  static thread_local std::vector<char> scratch;
+  if (scratch.size() < static_cast<std::size_t>(param.recvChunkSize)) {
+    scratch.resize(static_cast<std::size_t>(param.recvChunkSize));
+  }
+  return scratch.data();
+}
 
 // Also while another thread releases the queue, which then counts as full.
 bool TCPClientBase::Impl::QueueIsFull() {
@@ -55,12 +64,12 @@ cms::SocketEndpoint::Received TCPClientBase::Impl::ReceiveStep() {
     }
     taken.bytes += got;
     if (param.recvCallback != nullptr) {
-      param.recvCallback(recvScratch.get(), got, param.recvContext);
+      param.recvCallback(RecvScratch(), got, param.recvContext);
       if (Unregistrations() != begun) {
         return taken;
       }
     } else {
-      recvQueue.Write(recvScratch.get(), got, 1);
+      recvQueue.Write(RecvScratch(), got, 1);
     }
     if (taken.bytes >= kBurstBytes) {
       taken.burst = true;
@@ -75,8 +84,8 @@ cms::SocketEndpoint::Received TCPClientBase::Impl::ReceiveStep() {
 
 int TCPClientBase::Impl::ReceiveBytes(int descriptor, bool fromSocket) {
   return tls != nullptr
-             ? tls->Receive(recvScratch.get(), param.recvChunkSize, fromSocket)
-             : static_cast<int>(recv(descriptor, recvScratch.get(),
+             ? tls->Receive(RecvScratch(), param.recvChunkSize, fromSocket)
+             : static_cast<int>(recv(descriptor, RecvScratch(),
                                      static_cast<std::size_t>(param.recvChunkSize), MSG_DONTWAIT));
 }
 

@@ -19,6 +19,10 @@ class TCPClientBase::Impl final : public cms::SocketEndpoint {
   Sent SendStep() override;
   bool HasPending() override;
 
+  // Of recvChunkSize bytes, for what the calling thread receives and works off before it receives
+  // again. One for all clients of a thread: what each had of its own fell out of the processor's
+  // caches between two of its turns.
+  char* RecvScratch() const;
   int SendOnce();  // TCPClientSend
   bool QueueIsFull();
 
@@ -29,7 +33,6 @@ class TCPClientBase::Impl final : public cms::SocketEndpoint {
   unsigned long remotePort = 0;
   std::atomic<bool> peerClosed{false};  // OnPeerClosed was called
   std::atomic<bool> sendFailed{false};
-  std::unique_ptr<char[]> recvScratch;  // receive thread
   std::unique_ptr<char[]> sendScratch;  // send thread
   std::unique_ptr<cms::TlsStream> tls;  // none: plain TCP; not changed while registered
   CFrameBuffer recvQueue;

@@ -16,9 +16,12 @@ namespace {
 
 constexpr int kDatagramsPerStep = 200;
 // This many in one step have the receive thread look again at once, before the socket's buffer
-// overflows.
+// overflows: of one with little room, and with much.
 constexpr int kBurstDatagrams = 32;
+constexpr int kLargeBurstDatagrams = 128;
 constexpr std::uint64_t kSendStepMilliseconds = 31;
+// A long rest's worth of a gigabit, of which a packet of 1.4 KB counts as 2.3.
+constexpr int kRoomyBuffer = 2 * 1024 * 1024;
 
 }  // namespace
 
@@ -61,7 +64,7 @@ cms::SocketEndpoint::Received UDPClientBase::Impl::ReceiveStep() {
       }
     }
     taken += count;
-    if (taken >= kBurstDatagrams) {
+    if (taken >= (Rest() == kLongRest ? kLargeBurstDatagrams : kBurstDatagrams)) {
       total.burst = true;
     }
     if (count < wanted) {
@@ -69,6 +72,15 @@ cms::SocketEndpoint::Received UDPClientBase::Impl::ReceiveStep() {
     }
   }
   return total;
+}
+
+bool UDPClientBase::Impl::SetReceiveBuffer(int bytes) {
+  const bool done = SetBufferOption(SO_RCVBUFFORCE, SO_RCVBUF, bytes);
+  int granted = 0;
+  socklen_t size = sizeof granted;
+  MayRestLong(getsockopt(Socket(), SOL_SOCKET, SO_RCVBUF, &granted, &size) == 0 &&
+              granted >= kRoomyBuffer);
+  return done;
 }
 
 int UDPClientBase::Impl::SendOne(int descriptor) {

@@ -24,6 +24,7 @@ class UDPClientBase::Impl final : public cms::SocketEndpoint {
     return config.recvCallback != nullptr && config.recvContext != nullptr;
   }
   void Queue(char* data, int length);
+  bool SetReceiveBuffer(int bytes);
 
   _UDPCLIENT_CONFIG config;
   std::atomic<int> running{0};
