@@ -15,7 +15,8 @@
 namespace cms {
 namespace {
 
-constexpr std::uint64_t kFarewellsMs = 5'000;  // for all subscriptions together, at the end
+constexpr std::uint64_t kFarewellsMs =
+    2'000;  // for all subscriptions together, at the end: a restart waits for it
 constexpr std::uint64_t kLongestSleepMs = 3'600'000;
 
 }  // namespace
