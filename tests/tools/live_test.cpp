@@ -3,12 +3,20 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <nlohmann/json.hpp>
+#include <numbers>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "tests/support/faulty_file_io.h"
 #include "tests/support/paths.h"
 #include "tests/support/rtsp_camera.h"
 #include "tests/support/shell.h"
@@ -47,6 +55,7 @@ const LiveWay kLiveWays[] = {
     {"MjpegL16", {"--codec", "mjpeg", "--audio", "l16"}, "JPEG", "L16", true},
     {"BaselineAac", {"--audio", "aac"}, "H264", "MPEG4-GENERIC", true},
     {"BaselineG726", {"--audio", "g726"}, "H264", "G726-32", true},
+    {"BaselineLatm", {"--audio", "latm"}, "H264", "MP4A-LATM", true},
     {"Mpeg4Pcmu", {"--codec", "mpeg4", "--audio", "pcmu"}, "MP4V-ES", "PCMU", true},
     {"H265Aac",
      {"--codec", "h265", "--delimiters", "on", "--sei", "on", "--audio", "aac"},
@@ -60,18 +69,56 @@ const LiveWay kLiveWays[] = {
      true},
 };
 
+// What was heard of the cameras' tone, a sine of 440 Hz at half of full scale.
+struct HeardTone {
+  int windows = 0;  // of 50 ms
+  int strange = 0;  // where more than 5 % of the energy is no such sine
+  double amplitude = 0;
+};
+
+HeardTone ListenTo(const std::string& path, int rate) {
+  std::ifstream file(path, std::ios::binary);
+  const std::string bytes((std::istreambuf_iterator<char>(file)), {});
+  std::vector<std::int16_t> samples(bytes.size() / sizeof(std::int16_t));
+  std::memcpy(samples.data(), bytes.data(), samples.size() * sizeof(std::int16_t));
+  const auto window = static_cast<std::size_t>(rate / 20);  // 22 periods
+  HeardTone heard;
+  for (std::size_t at = 2 * window; at + window <= samples.size(); at += window) {
+    double sine = 0;
+    double cosine = 0;
+    double energy = 0;
+    for (std::size_t i = 0; i < window; ++i) {
+      const double angle = 2 * std::numbers::pi * 440 * static_cast<double>(i) / rate;
+      const double sample = samples[at + i];
+      sine += sample * std::sin(angle);
+      cosine += sample * std::cos(angle);
+      energy += sample * sample;
+    }
+    const double tone = (sine * sine + cosine * cosine) * 2 / static_cast<double>(window);
+    heard.strange += energy - tone > 0.05 * energy || energy == 0 ? 1 : 0;
+    heard.amplitude += std::sqrt(tone * 2 / static_cast<double>(window));
+    ++heard.windows;
+  }
+  heard.amplitude /= std::max(heard.windows, 1);
+  return heard;
+}
+
 class LiveWays : public testing::TestWithParam<LiveWay> {};
 INSTANTIATE_TEST_SUITE_P(, LiveWays, testing::ValuesIn(kLiveWays),
                          [](const auto& way) { return way.param.name; });
 
-TEST_P(LiveWays, AreReceivedOverBothTransports) {
+TEST_P(LiveWays, AreReceivedAndHeardOverBothTransports) {
   const LiveWay& way = GetParam();
+  const test::TemporaryFolder folder;
   RtspCamera camera(way.camera);
   // One after the other: two first clients at once can leave GStreamer's shared media without
   // sound.
   for (const std::string transport : {"udp", "tcp"}) {
-    const json stream = Streams(RunOrvanta("live --json --frames 40 --seconds 20 --transport " +
-                                           transport + " " + camera.Url()))[0];
+    const std::string heard = folder.File(transport + ".raw");
+    const std::string listen = " --listen --device file:FILE=" + heard + ",FORMAT=raw ";
+    const json stream =
+        Streams(RunOrvanta("live --json --frames 40 --seconds 20 --transport " + transport +
+                           (*way.audio != '\0' ? listen : " ") + camera.Url()))[0];
     SCOPED_TRACE(stream.dump());
     EXPECT_EQ(stream["codec"], way.codec);
     EXPECT_EQ(stream["audio_codec"], way.audio);
@@ -82,6 +129,14 @@ TEST_P(LiveWays, AreReceivedOverBothTransports) {
     EXPECT_EQ(stream["lost_packets"], 0);
     EXPECT_EQ(stream["decode_errors"], 0);
     EXPECT_EQ(stream["audio_frames"].get<int>() > 0, *way.audio != '\0');
+    if (*way.audio != '\0') {
+      const std::string codec = way.audio;
+      const bool aac = codec == "MPEG4-GENERIC" || codec == "MP4A-LATM";
+      const HeardTone tone = ListenTo(heard, aac ? 16'000 : 8'000);
+      EXPECT_GE(tone.windows, 10);
+      EXPECT_EQ(tone.strange, 0);
+      EXPECT_NEAR(tone.amplitude, 16'384, 800);
+    }
     if (way.decoded) {
       // The last frames may still be in the decoder.
       EXPECT_GE(stream["decoded"].get<int>(), stream["frames"].get<int>() - 2);

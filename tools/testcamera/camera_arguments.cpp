@@ -169,6 +169,7 @@ void AddCameraOptions(Command command, CameraArguments& arguments) {
              {"pcma", AudioCodec::kPcma},
              {"l16", AudioCodec::kL16},
              {"aac", AudioCodec::kAac},
+             {"latm", AudioCodec::kLatm},
              {"g726", AudioCodec::kG726}},
             "Sound: a tone in this codec [none]");
 

@@ -8,7 +8,7 @@ namespace testcamera {
 
 enum class VideoCodec { kH264, kH265, kMjpeg, kMpeg4 };
 enum class H264Profile { kBaseline, kHigh };
-enum class AudioCodec { kNone, kPcmu, kPcma, kL16, kAac, kG726 };
+enum class AudioCodec { kNone, kPcmu, kPcma, kL16, kAac, kLatm, kG726 };
 // kDigest is that of old, without qop; kAll offers Basic and both of today's.
 enum class AuthScheme { kNone, kBasic, kDigest, kDigestQop, kDigestSha256, kAll };
 enum class ParameterSets { kBoth, kSdp, kInband };

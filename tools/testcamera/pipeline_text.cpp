@@ -120,6 +120,8 @@ std::string Audio(AudioCodec codec) {
       return pcm + "audioconvert ! rtpL16pay name=pay1 pt=97 ";
     case AudioCodec::kAac:
       return Tone(1024, 16000) + "avenc_aac bitrate=48000 ! rtpmp4gpay name=pay1 pt=97 ";
+    case AudioCodec::kLatm:
+      return Tone(1024, 16000) + "avenc_aac bitrate=48000 ! rtpmp4apay name=pay1 pt=97 ";
     case AudioCodec::kG726:  // packed as RFC 3551 says, which the payloader does only when told
       return pcm + "avenc_g726 bitrate=32000 ! rtpg726pay name=pay1 pt=97 force-aal2=false ";
   }

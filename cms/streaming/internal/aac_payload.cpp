@@ -135,7 +135,7 @@ std::optional<AacPayload> ReadLatmPayload(std::string_view parameters, std::uint
   const std::vector<std::uint8_t> bytes = BytesOfHex(config);
   if (!config.empty()) {
     BitReader bits(bytes);
-    latm.mux = ReadStreamMuxConfig(bits);
+    latm.mux = ReadStreamMuxConfig(bits, true);
   }
   const auto format = latm.mux                        ? std::optional(latm.mux->format)
                       : config.empty() && latm.inBand ? PlainFormat(clockRate, channels)

@@ -55,7 +55,7 @@ bool LatmAssembler::ReadElement(Bytes element, bool whole) {
   if (latm_.inBand) {
     BitReader bits(element);
     if (!bits.Flag()) {
-      const auto mux = ReadStreamMuxConfig(bits);
+      const auto mux = ReadStreamMuxConfig(bits, false);
       if (!mux) {
         return false;
       }

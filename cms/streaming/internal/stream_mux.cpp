@@ -43,9 +43,22 @@ std::uint64_t ReadOtherBits(BitReader& bits, bool version1) {
   return length;
 }
 
+// GStreamer's payloader, and cameras with it, describe the configuration of their encoder, with
+// what it says about SBR (1.6.5: none, as a rule), and nothing behind it.
+bool EndsBehindSound(BitReader bits) {
+  constexpr std::uint32_t kSyncExtension = 0x2B7;
+  constexpr unsigned kSyncBits = 11;
+  if (!bits.Ok()) {
+    return false;
+  }
+  BitReader padding = bits;
+  padding.Skip(8);
+  return !padding.Ok() || (bits.Read(kSyncBits) == kSyncExtension && bits.Ok());
+}
+
 }  // namespace
 
-std::optional<StreamMux> ReadStreamMuxConfig(BitReader& bits) {
+std::optional<StreamMux> ReadStreamMuxConfig(BitReader& bits, bool described) {
   const bool version1 = bits.Flag();
   if (version1 && bits.Flag()) {
     return std::nullopt;  // audioMuxVersionA: of the future
@@ -66,6 +79,9 @@ std::optional<StreamMux> ReadStreamMuxConfig(BitReader& bits) {
     return std::nullopt;
   }
   mux.format = *format;
+  if (described && !version1 && EndsBehindSound(bits)) {
+    return mux;
+  }
   constexpr std::uint32_t kLengthIsTold = 0;
   constexpr std::uint32_t kLengthIsConstant = 1;
   constexpr std::size_t kShortestConstant = 20;  // bytes

@@ -22,6 +22,7 @@ struct StreamMux {
 
 // A StreamMuxConfig; the reader stands behind it afterwards. Nothing where it is cut off, or tells
 // of several programs or layers, or of sound that ADTS has no words for.
-std::optional<StreamMux> ReadStreamMuxConfig(BitReader& bits);
+// `described`: stands in a description, where some end it behind the AudioSpecificConfig.
+std::optional<StreamMux> ReadStreamMuxConfig(BitReader& bits, bool described);
 
 }  // namespace cms

@@ -15,8 +15,12 @@ const MediaProfile& Media2ProfileOf(const Call& call) {
   return *profile;
 }
 
+bool IsAac(AudioCodec codec) {
+  return codec == AudioCodec::kAac || codec == AudioCodec::kLatm;
+}
+
 const char* SoundName(AudioCodec codec) {
-  return codec == AudioCodec::kAac ? "MP4A-LATM" : codec == AudioCodec::kG726 ? "G726" : "PCMU";
+  return IsAac(codec) ? "MP4A-LATM" : codec == AudioCodec::kG726 ? "G726" : "PCMU";
 }
 
 void AddMedia2Encoder(Element parent, const Encoder& encoder, const Call& call) {
@@ -55,7 +59,7 @@ void GetMedia2Profiles(Call& call) {
       sound.Add("tt:Name", "AudioEncoder");
       sound.Add("tt:Encoding", SoundName(call.camera.camera.audio));
       sound.Add("tt:Bitrate", call.camera.settings.audio.bitrate);
-      sound.Add("tt:SampleRate", call.camera.camera.audio == AudioCodec::kAac ? 16 : 8);
+      sound.Add("tt:SampleRate", IsAac(call.camera.camera.audio) ? 16 : 8);
     }
     if (call.camera.camera.ptz) {
       AddPtzConfiguration(parts, "tr2:PTZ");
