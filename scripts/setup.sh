@@ -90,13 +90,13 @@ install_packages() {
 # while_installing PACKAGE... -- COMMAND...: installs packages while a command runs that needs none of them,
 # the compiler as a rule; ends the script when one of the two fails.
 while_installing() {
-  local packages=() failed=0
+  local beside=() failed=0
   while [[ $1 != -- ]]; do
-    packages+=("$1")
+    beside+=("$1")
     shift
   done
   shift
-  install_packages "${packages[@]}" &
+  install_packages "${beside[@]}" &
   ("$@") || failed=$?
   wait $! || exit 1
   ((failed == 0)) || exit "$failed"
