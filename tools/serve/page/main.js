@@ -1,7 +1,7 @@
 // The page's beginning: who is there, and what the sites do.
 import {$, clock, isLocal, pause, remember, say, tell} from './dom.js';
 import {showStatus} from './live.js';
-import {calendar} from './recordings.js';
+import {keepCalendar} from './recordings.js';
 import './storage.js';
 import {ask, may, user} from './server.js';
 import './audit.js';
@@ -33,7 +33,7 @@ async function begin() {
   $('recorded').hidden = !may('play');
   await status();
   keepStatus();
-  if (may('play')) await calendar();
+  if (may('play')) keepCalendar();
 }
 
 // Times as they are read in UTC, or as it is here.

@@ -1,17 +1,37 @@
 // What was recorded: the month, one of its days, and the timeline.
-import {$, clock, isLocal, make, say, shift, tell, utc} from './dom.js';
+import {$, clock, isLocal, make, pause, say, shift, tell, utc} from './dom.js';
 import {play} from './player.js';
 import {ask} from './server.js';
 import {read, showWindow, useSeek} from './timeline.js';
 
-let shown = new Date(), day = null;
+const kRenewed = 15;  // seconds
 
-export async function calendar() {
-  const month = shown.toISOString().slice(0, 7);
+let shown = new Date(), day = null;
+let drawnMonth = '', drawnDay = '';  // what they show: nothing is made anew under somebody's fingers without need
+
+const shownMonth = () => shown.toISOString().slice(0, 7);
+
+// Recordings come while the page is open.
+export async function keepCalendar() {
+  for (;; await pause(kRenewed)) {
+    if (!document.hidden) await calendar().catch(tell);
+  }
+}
+
+async function calendar() {
+  const month = shownMonth();
   const first = new Date(month + '-01T00:00:00Z');
   const length = new Date(Date.UTC(first.getUTCFullYear(), first.getUTCMonth() + 1, 0)).getUTCDate();
   const starts = [...Array(length + 1).keys()].map(i => first.getTime() / 1000 + i * 86400).map(at => at + shift(at));
   const found = await ask(isLocal() ? '/days?starts=' + starts : '/days?month=' + month);
+  if (month !== shownMonth()) return;  // somebody went on to another one
+  const news = JSON.stringify([month, isLocal(), found.days]);
+  if (news !== drawnMonth) drawMonth(month, first, length, found.days);
+  drawnMonth = news;
+  if (day !== null && await listDay()) await read();
+}
+
+function drawMonth(month, first, length, days) {
   $('title').textContent = month;
   $('month').replaceChildren();
   let row = make('tr', $('month'));
@@ -22,14 +42,13 @@ export async function calendar() {
       if (number === 1) for (let i = 0; i < column; ++i) make('td', row);
     }
     const cell = make('td', row);
-    if (!found.days.includes(number)) { cell.textContent = number; continue; }
+    if (!days.includes(number)) { cell.textContent = number; continue; }
     const start = first.getTime() / 1000 + (number - 1) * 86400;
     const button = make('button', cell, {textContent: number});
     button.dataset.day = month + '-' + String(number).padStart(2, '0');
     button.setAttribute('aria-pressed', day === start);
     button.onclick = () => showDay(start).catch(tell);
   }
-  if (day !== null) { await listDay(); await read(); }
 }
 
 async function showDay(start) {
@@ -41,9 +60,13 @@ async function showDay(start) {
   await showWindow(begin, begin + 86400);
 }
 
+// Whether there is news.
 async function listDay() {
   const begin = day + shift(day);
   const found = await ask(`/recordings?from=${begin}&to=${begin + 86399}`);
+  const news = JSON.stringify([begin, found]);
+  if (news === drawnDay) return false;
+  drawnDay = news;
   $('list').replaceChildren();
   const entries = [...found.spans.map(span => [span, 'span', span.name]),
     ...found.events.map(event => [event, 'event', event.kind.replace('_', ' ')])];
@@ -54,6 +77,7 @@ async function listDay() {
     entry.onclick = () => play(item.start);
   }
   if (!found.complete) say('some recordings could not be read');
+  return true;
 }
 
 useSeek(play);
@@ -66,4 +90,5 @@ $('earlier').onclick = () => move(-1);
 $('later').onclick = () => move(1);
 document.addEventListener('zone', () => calendar().then(() => day !== null && showDay(day)).catch(tell));
 document.addEventListener('recorded', () => calendar().catch(tell));
+document.addEventListener('visibilitychange', () => { if (!document.hidden) calendar().catch(tell); });
 document.addEventListener('kept', () => { if (day !== null) read().catch(tell); });
